@@ -1,0 +1,76 @@
+// The one definition of the firmware packages' layout, and the scan that finds their entries.
+// Read by the run's pre-check, by the eMMC and UFS selections, and by the workstation tool.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+constexpr char EMMC_FW_PACKAGE[] = "/vendor/firmware/emmc_emer_fw.bin";
+constexpr char UFS_FW_PACKAGE[] = "/vendor/firmware/ufs_emer_fw.bin";
+
+constexpr size_t MAGIC_SIZE = 4;
+constexpr char EMMC_MAGIC[] = "EMMC";
+constexpr char UFS_MAGIC[] = "UFSM";
+
+constexpr size_t EMMC_REV_SIZE = 8; // EXT_CSD FIRMWARE_VERSION
+constexpr size_t UFS_REV_SIZE = 4;  // SCSI INQUIRY product revision level
+constexpr size_t BASE_REVS_SIZE = 16;
+
+// A package is handled by signed 32-bit counts; anything larger is refused.
+constexpr int64_t PACKAGE_SIZE_MAX = INT32_MAX;
+
+// Header of an eMMC entry, the body follows it at once. The same record describes the local device;
+// its emmcFwSize, legalMarketName and legalBaseRev are zero then.
+struct EmmcFwHeader {
+    uint8_t emmcMagic[MAGIC_SIZE];
+    uint8_t emmcMid;                  // CID MID
+    uint8_t emmcPnm[6];               // CID PNM, no terminator
+    uint8_t emmcPrv;                  // CID PRV
+    uint8_t emmcPsn[4];               // CID PSN, most significant byte first
+    uint8_t emmcRev;                  // EXT_CSD_REV: 7 is eMMC 5.0, 8 is eMMC 5.1
+    uint8_t emmcFwRev[EMMC_REV_SIZE]; // FIRMWARE_VERSION in register order
+    uint8_t emmcFwSize[4];            // body length in bytes, big-endian
+    uint8_t legalMarketName[3];
+    uint8_t legalBaseRev[BASE_REVS_SIZE]; // two slots of EMMC_REV_SIZE
+};
+static_assert(sizeof(EmmcFwHeader) == 48);
+static_assert(offsetof(EmmcFwHeader, emmcMid) == 4);
+static_assert(offsetof(EmmcFwHeader, emmcPnm) == 5);
+static_assert(offsetof(EmmcFwHeader, emmcPrv) == 11);
+static_assert(offsetof(EmmcFwHeader, emmcPsn) == 12);
+static_assert(offsetof(EmmcFwHeader, emmcRev) == 16);
+static_assert(offsetof(EmmcFwHeader, emmcFwRev) == 17);
+static_assert(offsetof(EmmcFwHeader, emmcFwSize) == 25);
+static_assert(offsetof(EmmcFwHeader, legalMarketName) == 29);
+static_assert(offsetof(EmmcFwHeader, legalBaseRev) == 32);
+
+// Header of a UFS entry, the body follows it at once. The same record describes the local device;
+// its ufsFwSize, legalMarketName and legalBaseRev are zero then.
+struct UfsFwHeader {
+    uint8_t ufsMagic[MAGIC_SIZE];
+    uint8_t ufsMid[8];  // text of the kernel's manfid node
+    uint8_t ufsPnm[16]; // text of the kernel's product_name node, zero-filled
+    uint8_t ufsProductRevisionLevel[UFS_REV_SIZE];
+    uint8_t ufsFwSize[4]; // body length in bytes, big-endian
+    uint8_t legalMarketName[12];
+    uint8_t legalBaseRev[BASE_REVS_SIZE]; // four slots of UFS_REV_SIZE
+};
+static_assert(sizeof(UfsFwHeader) == 64);
+static_assert(offsetof(UfsFwHeader, ufsMid) == 4);
+static_assert(offsetof(UfsFwHeader, ufsPnm) == 12);
+static_assert(offsetof(UfsFwHeader, ufsProductRevisionLevel) == 28);
+static_assert(offsetof(UfsFwHeader, ufsFwSize) == 32);
+static_assert(offsetof(UfsFwHeader, legalMarketName) == 36);
+static_assert(offsetof(UfsFwHeader, legalBaseRev) == 48);
+
+// The four bytes at field as an unsigned number, most significant byte first.
+[[nodiscard]] uint32_t ReadBigEndian32(const uint8_t* field);
+
+// The next candidate entry: the lowest offset p >= from at which the four bytes of magic stand and
+// a header of headerSize bytes still fits into package. Returns size when there is none.
+[[nodiscard]] size_t FindCandidate(const uint8_t* package, size_t size, const char* magic,
+                                   size_t headerSize, size_t from);
+
+// Whether the bodySize bytes behind the header at entry lie inside a package of size bytes. The
+// header itself does. An entry whose body does not is no entry: every reader passes over it.
+[[nodiscard]] bool BodyFits(size_t size, size_t entry, size_t headerSize, uint32_t bodySize);

@@ -1,0 +1,14 @@
+// Downloads a firmware body into the UFS device with one SCSI WRITE BUFFER command.
+#pragma once
+
+#include <cstdint>
+
+// Sends the saved body (UfsFwBodyPath(useDataDir), its first 8 MiB at most) to /dev/block/sdc with
+// deferred activation. ufsMid is the manufacturer text of the device record, exactly 8 bytes; after
+// a failed download it decides whether the SCSI host is reset.
+//
+// Returns 0 when the device took the firmware; 1 without memory for the transfer; 15 when the node
+// or the body cannot be opened or read, or the node does not close after a successful download; 99
+// on a failure of the system or the transport; any other positive value is the category of the
+// device's answer, as sg3_utils numbers them (sg_lib.h).
+[[nodiscard]] int ufs_ffu_write_buffer(int useDataDir, const uint8_t* ufsMid);
