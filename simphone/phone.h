@@ -1,0 +1,81 @@
+// The simulated phone as the workstation sees it: a directory that is made, run, restarted and
+// read. Called by the simphone command, by fwlab and by the tests. A failure leaves the directory
+// as far as it got; nothing outside of it is written.
+#pragma once
+
+#include <string>
+#include <vector>
+
+// One line of calls.log: a call that the tool (or libsgutils2 for it) made.
+struct CallEntry {
+    long number;           // 1 for the first call of the run; the clock of all three logs
+    std::string function;  // plain name: "open" for open, open64 and their checked variants
+    std::string path;      // as the tool named it; for a descriptor, as it was opened; "-" without
+    std::string arguments; // "fd=3 count=512"; "pointer=0x..." for free and munmap
+    std::string result;    // decimal, or 0x... for a pointer
+    std::string error;     // "ENOENT" where the call failed, else empty
+};
+
+// One message to the system log.
+struct SystemLogEntry {
+    long number;            // the call's number
+    long long consoleBytes; // bytes on the standard output before it
+    int priority;
+    std::string tag; // "-" for a null tag
+    std::string text;
+};
+
+// One request to the storage device and its answer, as requests.log has it:
+// "SG_IO WRITE BUFFER cdb=3b0e... data=1024 timeout=300000ms -> GOOD".
+struct DeviceRequest {
+    long number;
+    long long consoleBytes;
+    std::string text;
+};
+
+struct RunOptions {
+    std::vector<std::string> faults; // besides those of phone.toml; the same syntax
+    // Words before the tool, such as {"qemu-aarch64"}; the launcher must take `-E NAME=VALUE` for
+    // the environment of what it starts, as qemu's user emulation and strace do.
+    std::vector<std::string> launcher;
+    std::string library; // libsimphone.so; empty: the one beside the tool, else beside this program
+    unsigned secondsLimit = 60;
+};
+
+struct RunResult {
+    std::string error; // why the tool could not be started; empty if it ran
+    int exitStatus;    // -1 when a signal ended it
+    int signal;        // 0 when it ended by itself; 9 for a power cut
+    bool timedOut;     // ended because secondsLimit had passed
+    std::string console;
+    std::string errors; // its standard error
+    std::vector<SystemLogEntry> systemLog;
+    std::vector<DeviceRequest> requests; // of this run only
+    std::vector<CallEntry> calls;
+};
+
+// Makes a phone in `directory`, which must be missing or empty, after the description (see
+// emmc.toml and ufs.toml). The description is copied to phone.toml there and may be edited between
+// runs.
+[[nodiscard]] bool MakePhone(const std::string& descriptionFile, const std::string& directory,
+                             std::string& error);
+
+// Copies a firmware package to the place where the phone's technology has it.
+[[nodiscard]] bool PutPackage(const std::string& packageFile, const std::string& directory,
+                              std::string& error);
+
+// Runs an unmodified tool on the phone until it ends. Its output is kept in console.log and
+// errors.log of the phone's directory, beside calls.log, system.log (these start afresh) and
+// requests.log (which grows, one line "run" before each run).
+[[nodiscard]] RunResult RunTool(const std::string& directory, const std::string& tool,
+                                const RunOptions& options);
+
+// Restarts the phone: a firmware that is pending becomes the running one, what was downloaded but
+// not installed is lost, and nothing below data/ changes.
+[[nodiscard]] bool RebootPhone(const std::string& directory, std::string& error);
+
+// What `simphone show` prints: identity nodes, running and pending revision, the state directory.
+[[nodiscard]] bool ShowPhone(const std::string& directory, std::string& text, std::string& error);
+
+// The whole content; false if the file cannot be read (errno tells why).
+[[nodiscard]] bool ReadWholeFile(const std::string& path, std::string& content);
