@@ -66,10 +66,10 @@ static_assert(offsetof(UfsFwHeader, legalBaseRev) == 48);
 // The four bytes at field as an unsigned number, most significant byte first.
 [[nodiscard]] uint32_t ReadBigEndian32(const uint8_t* field);
 
-// The next candidate entry: the lowest offset p >= from at which the four bytes of magic stand and
-// a header of headerSize bytes still fits into package. Returns size when there is none.
-[[nodiscard]] size_t FindCandidate(const uint8_t* package, size_t size, const char* magic,
-                                   size_t headerSize, size_t from);
+// The next candidate entry: the lowest offset >= from at which the magic of the kind stands and a
+// whole header of it still fits into package. Returns size when there is none.
+[[nodiscard]] size_t FindEmmcEntry(const uint8_t* package, size_t size, size_t from);
+[[nodiscard]] size_t FindUfsEntry(const uint8_t* package, size_t size, size_t from);
 
 // Whether the bodySize bytes behind the header at entry lie inside a package of size bytes. The
 // header itself does. An entry whose body does not is no entry: every reader passes over it.

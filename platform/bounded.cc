@@ -8,8 +8,7 @@
 #include <cstdio>
 #include <cstring>
 
-int memcpy_s(void* dest, size_t destSize, const void* src, size_t count)
-{
+int memcpy_s(void* dest, size_t destSize, const void* src, size_t count) {
     if (dest == nullptr || src == nullptr) {
         return EINVAL;
     }
@@ -25,8 +24,7 @@ int memcpy_s(void* dest, size_t destSize, const void* src, size_t count)
     return 0;
 }
 
-int memset_s(void* dest, size_t destSize, int value, size_t count)
-{
+int memset_s(void* dest, size_t destSize, int value, size_t count) {
     if (dest == nullptr) {
         return EINVAL;
     }
@@ -37,8 +35,7 @@ int memset_s(void* dest, size_t destSize, int value, size_t count)
     return 0;
 }
 
-int strncpy_s(char* dest, size_t destSize, const char* src, size_t count)
-{
+int strncpy_s(char* dest, size_t destSize, const char* src, size_t count) {
     if (dest == nullptr || src == nullptr) {
         return EINVAL;
     }
@@ -53,8 +50,7 @@ int strncpy_s(char* dest, size_t destSize, const char* src, size_t count)
     return status;
 }
 
-int snprintf_s(char* dest, size_t destSize, size_t count, const char* format, ...)
-{
+int snprintf_s(char* dest, size_t destSize, size_t count, const char* format, ...) {
     va_list args;
     va_start(args, format);
     const int written = vsnprintf_s(dest, destSize, count, format, args);
@@ -62,8 +58,7 @@ int snprintf_s(char* dest, size_t destSize, size_t count, const char* format, ..
     return written;
 }
 
-int vsnprintf_s(char* dest, size_t destSize, size_t count, const char* format, va_list args)
-{
+int vsnprintf_s(char* dest, size_t destSize, size_t count, const char* format, va_list args) {
     if (dest == nullptr || format == nullptr || destSize == 0 || count > destSize) {
         return -1;
     }

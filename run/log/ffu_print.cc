@@ -9,8 +9,7 @@
 #include <ctime>
 #include <sys/time.h>
 
-int ffu_print(const char* format, ...)
-{
+int ffu_print(const char* format, ...) {
     char prefix[1024] = {};
     timeval now = {};
     (void)gettimeofday(&now, nullptr);

@@ -1,0 +1,123 @@
+// Sends a firmware image to the eMMC device: one write to the kernel's own updater (GKI mode) or a
+// download and an install request (normal mode). The eMMC update calls it. After a failed download
+// the device keeps its firmware; after a failed install it holds a firmware that it does not run.
+#include "emmc/emmc_command.h"
+
+#include "emmc/emmc_register.h"
+#include "run/log/ffu_print.h"
+
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+namespace {
+
+// Opcode values by which the platform's eMMC driver knows the two steps of an update; they are no
+// MMC commands.
+constexpr unsigned FFU_DOWNLOAD = 302;
+constexpr unsigned FFU_INSTALL = 303;
+
+constexpr uint32_t NORMAL_MODE_IMAGE_MAX = 0x100000;
+constexpr int GKI_WRITE_RETRIES = 3;
+
+// The public routine, for the messages of the steps that do its work.
+constexpr char DO_EMMC50_FFU[] = "DoEmmc50Ffu";
+
+[[nodiscard]] int Ffu50DownloadImage(int fd, const uint8_t* fwBody, uint32_t fwBodySize) {
+    if (fwBodySize > NORMAL_MODE_IMAGE_MAX) {
+        ffu_print("%s,line=%d: (ffu50) firmware file size error\n", __func__, 315);
+        return -1;
+    }
+    const uint32_t blocks = (fwBodySize + MMC_BLOCK_SIZE - 1) / MMC_BLOCK_SIZE;
+    mmc_ioc_cmd request;
+    if (MakeMmcRequest(request, 1, FFU_DOWNLOAD, blocks, fwBody) != 0) {
+        ffu_print("%s,line=%d: TOLMA: SFAE FUNCTION ERROR\n", __func__, 320);
+        return -1;
+    }
+    const int result = ioctl(fd, MMC_IOC_CMD, &request);
+    if (result != 0) {
+        ffu_print("%s,line=%d: emmc ioctl error (ffu50, ret=%d)\n", __func__, 332, result);
+    }
+    return result;
+}
+
+[[nodiscard]] int Ffu50Install(int fd) {
+    mmc_ioc_cmd request;
+    if (MakeMmcRequest(request, 0, FFU_INSTALL, 0, nullptr) != 0) {
+        ffu_print("%s,line=%d: TOLMA: SFAE FUNCTION ERROR\n", __func__, 342);
+        return -1;
+    }
+    const int result = ioctl(fd, MMC_IOC_CMD, &request);
+    if (result != 0) {
+        ffu_print("%s,line=%d: (ffu50) emmc ioctl error (ffu50, ret=%d)\n", __func__, 353, result);
+    }
+    return result;
+}
+
+[[nodiscard]] int UpdateByRequests(int fd, const uint8_t* fwBody, uint32_t fwBodySize,
+                                   int downloadOnly) {
+    ffu_print("%s,line=%d: emmc firmware normal mode \n", DO_EMMC50_FFU, 389);
+    int status = Ffu50DownloadImage(fd, fwBody, fwBodySize);
+    if (status != 0) {
+        ffu_print("%s,line=%d: eMMC5.0 ffu download image fail\n", DO_EMMC50_FFU, 392);
+        return status;
+    }
+    ffu_print("%s,line=%d: eMMC5.0 ffu download image sucessful\n", DO_EMMC50_FFU, 396);
+    if (downloadOnly != 0) {
+        return 0;
+    }
+    status = Ffu50Install(fd);
+    if (status != 0) {
+        ffu_print("%s,line=%d: eMMC5.0 ffu install image fail\n", DO_EMMC50_FFU, 403);
+        return status;
+    }
+    ffu_print("%s,line=%d: eMMC5.0 ffu install image sucessful\n", DO_EMMC50_FFU, 405);
+    return 0;
+}
+
+[[nodiscard]] int UpdateByKernel(int fd, const uint8_t* fwBody, uint32_t fwBodySize) {
+    ffu_print("%s,line=%d: emmc firmware GKI mode \n", DO_EMMC50_FFU, 408);
+    ssize_t count = write(fd, fwBody, fwBodySize);
+    for (int retries = GKI_WRITE_RETRIES; count < 0; retries--) {
+        ffu_print("%s,line=%d: emmc firmware GKI error %s, retry %d\n", DO_EMMC50_FFU, 415,
+                  strerror(errno), retries);
+        if (retries == 0) {
+            return -1;
+        }
+        count = write(fd, fwBody, fwBodySize);
+    }
+    if (count != static_cast<ssize_t>(fwBodySize)) {
+        return -1;
+    }
+    ffu_print("%s,line=%d: eMMC5.0 ffu sucessful\n", DO_EMMC50_FFU, 418);
+    return 0;
+}
+
+} // namespace
+
+int DoEmmc50Ffu(const uint8_t* fwBody, uint32_t fwBodySize, int downloadOnly) {
+    const bool gkiMode = IsGkiMode();
+    const char* node = gkiMode ? EMMC_FFU_NODE : EMMC_BLOCK_NODE;
+    if (fwBody == nullptr) {
+        ffu_print("%s,line=%d: %s args have NULL\n", __func__, 373, __func__);
+        return -1;
+    }
+    char path[PATH_MAX] = {};
+    if (realpath(node, path) == nullptr) {
+        ffu_print("%s,line=%d: %s: get realpath %s fail\n", __func__, 378, __func__, node);
+        return -1;
+    }
+    const int fd = open(path, O_RDWR);
+    if (fd < 0) {
+        ffu_print("%s,line=%d: Could open %s\n", __func__, 384, node);
+        return -1;
+    }
+    const int status = gkiMode ? UpdateByKernel(fd, fwBody, fwBodySize)
+                               : UpdateByRequests(fd, fwBody, fwBodySize, downloadOnly);
+    close(fd);
+    return status;
+}

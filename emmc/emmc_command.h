@@ -1,0 +1,10 @@
+// Hands a firmware image to the eMMC device and has it installed.
+#pragma once
+
+#include <cstdint>
+
+// Downloads and installs fwBody (fwBodySize bytes, borrowed). In normal mode the download covers
+// whole blocks of 512 bytes: the bytes up to the end of the body's last block must be readable.
+// downloadOnly non-zero leaves out the install there; GKI mode does not consult it.
+// Returns 0, -1 on a failure found here, or the non-zero result of the MMC ioctl that failed.
+[[nodiscard]] int DoEmmc50Ffu(const uint8_t* fwBody, uint32_t fwBodySize, int downloadOnly);

@@ -1,0 +1,223 @@
+// The eMMC side of an update: reads the package, describes the device, selects the device's entry
+// and downloads it. The dispatch calls it once a run. Until the download nothing has changed.
+#include "emmc/emmc_update.h"
+
+#include "emmc/emmc_command.h"
+#include "emmc/emmc_register.h"
+#include "platform/bounded.h"
+#include "platform/heap_buffer.h"
+#include "run/log/ffu_print.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr uint8_t EXT_CSD_REV_5_0 = 7;
+
+// Returns the package's size in bytes, above 0; -1 on failure, a package of 2 GiB or more included.
+[[nodiscard]] int32_t EmmcFwGetSize(const char* path) {
+    const int fd = open(path, O_RDONLY);
+    if (fd < 0) {
+        ffu_print("%s,line=%d: could not open emmc firmware file %s (fd=%d)\n", __func__, 84, path,
+                  fd);
+        return -1;
+    }
+    const off64_t end = lseek64(fd, 0, SEEK_END);
+    close(fd);
+    const int32_t size = end > PACKAGE_SIZE_MAX ? -1 : static_cast<int32_t>(end);
+    if (size <= 0) {
+        ffu_print("%s,line=%d: %s lseek %s size fail %d...\n", __func__, 90, __func__, path, size);
+        return -1;
+    }
+    return size;
+}
+
+[[nodiscard]] int ReadFromStart(int fd, uint8_t* buffer, int32_t size) {
+    constexpr char EMMC_FW_READ[] = "EmmcFwRead";
+    if (lseek(fd, 0, SEEK_SET) < 0) {
+        ffu_print("%s,line=%d: %s lseek failed\n", EMMC_FW_READ, 110, EMMC_FW_READ);
+        return -1;
+    }
+    const auto count = static_cast<int>(read(fd, buffer, static_cast<size_t>(size)));
+    if (count != size) {
+        ffu_print("%s,line=%d: firmware file read error (status=%d)\n", EMMC_FW_READ, 118, count);
+        return -1;
+    }
+    return 0;
+}
+
+[[nodiscard]] int EmmcFwRead(const char* path, uint8_t* buffer, int32_t size) {
+    const int fd = open(path, O_RDONLY);
+    if (fd < 0) {
+        ffu_print("%s,line=%d: could not open emmc firmware file %s (fd=%d)\n", __func__, 105, path,
+                  fd);
+        return -1;
+    }
+    const int status = ReadFromStart(fd, buffer, size);
+    close(fd);
+    return status;
+}
+
+void PrintField(const char* label, const char* name, const uint8_t* bytes, size_t size) {
+    printf("(%s) %s=", label, name);
+    for (size_t i = 0; i < size; i++) {
+        printf(" %02X", bytes[i]);
+    }
+    putchar('\n');
+}
+
+// Straight to the standard output, without the logger's stamp.
+void PrintEmmcFwHeader(const char* label, const EmmcFwHeader& header) {
+    PrintField(label, "emmcMagic", header.emmcMagic, sizeof(header.emmcMagic));
+    PrintField(label, "emmcMid", &header.emmcMid, sizeof(header.emmcMid));
+    PrintField(label, "emmcPnm", header.emmcPnm, sizeof(header.emmcPnm));
+    PrintField(label, "emmcPrv", &header.emmcPrv, sizeof(header.emmcPrv));
+    PrintField(label, "emmcPsn", header.emmcPsn, sizeof(header.emmcPsn));
+    PrintField(label, "emmcRev", &header.emmcRev, sizeof(header.emmcRev));
+    PrintField(label, "emmcFwRev", header.emmcFwRev, sizeof(header.emmcFwRev));
+    printf("(%s) emmcFwSize= %08X\n", label, ReadBigEndian32(header.emmcFwSize));
+}
+
+// Builds the device record from the two registers.
+[[nodiscard]] int FillEmmcHeader(const uint8_t* cid, const uint8_t* extCsd, EmmcFwHeader& header) {
+    const bool copied =
+        memcpy_s(header.emmcMagic, sizeof(header.emmcMagic), EMMC_MAGIC, MAGIC_SIZE) == 0 &&
+        memcpy_s(&header.emmcMid, sizeof(header.emmcMid), cid, 1) == 0 &&
+        memcpy_s(header.emmcPnm, sizeof(header.emmcPnm), cid + 3, 6) == 0 &&
+        memcpy_s(&header.emmcPrv, sizeof(header.emmcPrv), cid + 9, 1) == 0 &&
+        memcpy_s(header.emmcPsn, sizeof(header.emmcPsn), cid + 10, 4) == 0 &&
+        memcpy_s(&header.emmcRev, sizeof(header.emmcRev), extCsd + EXT_CSD_REV, 1) == 0 &&
+        memcpy_s(header.emmcFwRev, sizeof(header.emmcFwRev), extCsd + EXT_CSD_FIRMWARE_VERSION,
+                 EMMC_REV_SIZE) == 0;
+    return copied ? 0 : -1;
+}
+
+[[nodiscard]] int GetEmmcHeader(EmmcFwHeader& fwHeader) {
+    uint8_t cid[CID_SIZE] = {};
+    if (EmmcGetCidFromSysfs(cid) != 0) {
+        ffu_print("%s,line=%d: get emmc cid register value failed by sysfs\n", __func__, 132);
+        return -1;
+    }
+    uint8_t extCsd[EXT_CSD_SIZE] = {};
+    if (EmmcGetExtCsd(extCsd, EXT_CSD_SIZE) != 0) {
+        ffu_print("%s,line=%d: get emmc extcsd register value failed\n", __func__, 138);
+        return -1;
+    }
+    if (FillEmmcHeader(cid, extCsd, fwHeader) != 0) {
+        ffu_print("%s,line=%d: %s copy to EmmcFwHeader fail\n", __func__, 150, __func__);
+        return -1;
+    }
+    PrintEmmcFwHeader("emmc device", fwHeader);
+    return 0;
+}
+
+// Selects the device's entry from the package and downloads it.
+[[nodiscard]] int UpdateFromPackage(EmmcFwHeader& fwHeader, const uint8_t* fwFileBuffer,
+                                    int32_t size, int downloadOnly) {
+    constexpr char EMMC_FFU[] = "EmmcFfu";
+    if (GetEmmcHeader(fwHeader) != 0) {
+        ffu_print("%s,line=%d: get emmc device header fail...\n", EMMC_FFU, 263);
+        return -1;
+    }
+    ffu_print("%s,line=%d: get emmc device header success...\n", EMMC_FFU, 267);
+    const uint8_t* fwBody = nullptr;
+    uint32_t fwBodySize = 0;
+    int status = EmmcFwhdrCheck(fwHeader, fwFileBuffer, size, fwBody, fwBodySize);
+    if (status != 0) {
+        return status;
+    }
+    ffu_print("%s,line=%d: emmc need update...\n", EMMC_FFU, 273);
+    status = DoEmmcFfu(fwHeader.emmcRev, fwBody, fwBodySize, downloadOnly);
+    if (status == 0) {
+        ffu_print("%s,line=%d: emmc firmware update sucess...\n", EMMC_FFU, 277);
+    } else {
+        ffu_print("%s,line=%d: emmc firmware update fail...\n", EMMC_FFU, 279);
+    }
+    return status;
+}
+
+} // namespace
+
+int EmmcFfu(const char* emmcFwFile, const char* emmcFwBackupFile, int downloadOnly,
+            int useBackupFile) {
+    if (emmcFwFile == nullptr || emmcFwBackupFile == nullptr) {
+        ffu_print("%s,line=%d: Error: emmcFwFile or emmcFwBackupFile is NULL\n", __func__, 228);
+        return -ENOENT;
+    }
+    EmmcFwHeader fwHeader;
+    if (memset_s(&fwHeader, sizeof(fwHeader), 0, sizeof(fwHeader)) != 0) {
+        ffu_print("%s,line=%d: fwHeader memset_s 0 fail...\n", __func__, 233);
+        return -1;
+    }
+    const char* path = useBackupFile != 0 ? emmcFwBackupFile : emmcFwFile;
+    if (access(path, F_OK) != 0) {
+        ffu_print("%s,line=%d: emmc firmware not exist, no need to update...\n", __func__, 239);
+        return -ENOENT;
+    }
+    const int32_t size = EmmcFwGetSize(path);
+    if (size < 0) {
+        return -1;
+    }
+    // The download covers whole blocks: zeros stand where the last one reaches beyond the package.
+    const size_t paddedSize = static_cast<size_t>(size) + MMC_BLOCK_SIZE - 1;
+    const HeapBuffer fwFileBuffer(static_cast<uint8_t*>(calloc(paddedSize, 1)));
+    if (fwFileBuffer == nullptr) {
+        ffu_print("%s,line=%d: calloc fwFileBuffer fail...\n", __func__, 250);
+        return -1;
+    }
+    if (EmmcFwRead(path, fwFileBuffer.get(), size) != 0) {
+        ffu_print("%s,line=%d: read emmc firmware fail...\n", __func__, 255);
+        return -1;
+    }
+    ffu_print("%s,line=%d: %s read\n", __func__, 260, path);
+    return UpdateFromPackage(fwHeader, fwFileBuffer.get(), size, downloadOnly);
+}
+
+bool EmmcEntryMatches(const EmmcFwHeader& device, const EmmcFwHeader& entry) {
+    return memcmp(device.emmcMagic, entry.emmcMagic, sizeof(entry.emmcMagic)) == 0 &&
+           device.emmcMid == entry.emmcMid &&
+           memcmp(device.emmcPnm, entry.emmcPnm, sizeof(entry.emmcPnm)) == 0 &&
+           device.emmcRev == entry.emmcRev;
+}
+
+int EmmcFwhdrCheck(const EmmcFwHeader& fwHeader, const uint8_t* fwFileBuffer, int32_t size,
+                   const uint8_t*& fwBody, uint32_t& fwBodySize) {
+    const size_t packageSize = size < 1 ? 0 : static_cast<size_t>(size);
+    int fwNum = 0;
+    for (size_t p = FindEmmcEntry(fwFileBuffer, packageSize, 0); p < packageSize;
+         p = FindEmmcEntry(fwFileBuffer, packageSize, p + 1)) {
+        const auto& entry = *reinterpret_cast<const EmmcFwHeader*>(fwFileBuffer + p);
+        const uint32_t bodySize = ReadBigEndian32(entry.emmcFwSize);
+        fwNum++;
+        ffu_print("%s,line=%d: emmc fw find, fwNum=%d, fwSize=%d\n", __func__, 179, fwNum,
+                  static_cast<int>(bodySize));
+        PrintEmmcFwHeader("emmc fw", entry);
+        if (!EmmcEntryMatches(fwHeader, entry) ||
+            !BodyFits(packageSize, p, sizeof(entry), bodySize)) {
+            continue;
+        }
+        ffu_print("%s,line=%d: fwbin file have fwinfo match current device\n", __func__, 184);
+        if (memcmp(fwHeader.emmcFwRev, entry.emmcFwRev, sizeof(entry.emmcFwRev)) == 0) {
+            ffu_print("%s,line=%d: fwRevGet equal fwRevBase, no need to update\n", __func__, 194);
+            return -ENOENT;
+        }
+        fwBody = fwFileBuffer + p + sizeof(entry);
+        fwBodySize = bodySize;
+        return 0;
+    }
+    ffu_print("%s,line=%d: fwbin file not match, no need to update\n", __func__, 198);
+    return -ENOENT;
+}
+
+int DoEmmcFfu(uint8_t emmcRev, const uint8_t* fwBody, uint32_t fwBodySize, int downloadOnly) {
+    if (emmcRev < EXT_CSD_REV_5_0) {
+        ffu_print("%s,line=%d: emmc revision error (emmcRev=%d)\n", __func__, 210, emmcRev);
+        return -1;
+    }
+    ffu_print("%s,line=%d: emmc 5.0 or higher do firmware update\n", __func__, 207);
+    return DoEmmc50Ffu(fwBody, fwBodySize, downloadOnly);
+}
