@@ -77,7 +77,7 @@ void PrintCid(const char* cidHex) {
     }
     for (int i = 0; i < EXT_CSD_SIZE; i++) {
         char digits[3] = {};
-        const int status = memcpy_s(digits, 2, hex + 2 * i, 2);
+        const int status = memcpy_s(digits, 2, &hex[2 * i], 2);
         if (status != 0) {
             ffu_print("%s,line=%d: memcpy_s error %s\n", GET_EXT_CSD, 272, GET_EXT_CSD);
             return status;
