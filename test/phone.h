@@ -1,0 +1,87 @@
+// Whole runs of a tool on a simulated phone: a phone of each kind, packages for it, the run, and
+// what the run left. Every test of a whole run uses it. A phone lives in a temporary directory that
+// is removed with its test.
+#pragma once
+
+#include "simphone/phone.h"
+
+#include <gtest/gtest.h>
+#include <map>
+#include <string>
+#include <vector>
+
+using Texts = std::vector<std::string>;
+using Keys = std::map<std::string, std::string>; // of a description; the values as TOML has them
+
+// The two phones of the tests, and the firmware that they run.
+const std::string EMMC_PNM = "SIM064";
+const std::string EMMC_REV = "FW000001";
+const std::string EMMC_NEW_REV = "FW000002";
+const std::string UFS_MID = "0x0001ce";
+const std::string UFS_PNM = "SIMUFS128G-B0B1 ";
+const std::string UFS_REV = "0800";
+const std::string UFS_NEW_REV = "0900";
+
+const std::string EMMC_PACKAGE = "/vendor/firmware/emmc_emer_fw.bin";
+const std::string UFS_PACKAGE = "/vendor/firmware/ufs_emer_fw.bin";
+const std::string STATE = "/data/vendor/fw";
+const std::string CLOCK_TEXT =
+    "Sat Mar  7 09:05:02 2026\n"; // the phones' clock, in the state files
+
+// Descriptions; `overrides` replaces or adds keys, such as {{"ext_csd_rev", "6"}}.
+std::string GkiPhone(const Keys& overrides = {});
+std::string NormalPhone(const Keys& overrides = {});
+std::string UfsPhone(const Keys& overrides = {});
+
+// The bytes of package entries, put together from the format's offsets.
+struct Field {
+    size_t offset, size;
+};
+constexpr Field EMMC_MID_FIELD = {4, 1}, EMMC_PNM_FIELD = {5, 6}, EMMC_PRV_FIELD = {11, 1},
+                EMMC_PSN_FIELD = {12, 4}, EMMC_REV_FIELD = {16, 1}, EMMC_FW_REV_FIELD = {17, 8},
+                EMMC_SIZE_FIELD = {25, 4}, EMMC_MARKET_FIELD = {29, 3}, EMMC_BASE_FIELD = {32, 16};
+constexpr Field UFS_MID_FIELD = {4, 8}, UFS_PNM_FIELD = {12, 16}, UFS_REV_FIELD = {28, 4},
+                UFS_SIZE_FIELD = {32, 4}, UFS_MARKET_FIELD = {36, 12}, UFS_BASE_FIELD = {48, 16};
+
+// An entry for the phones above: `rev` from any base revision, with `body`.
+std::string EmmcEntry(const std::string& rev = EMMC_NEW_REV, const std::string& body = "body");
+std::string UfsEntry(const std::string& rev = UFS_NEW_REV, const std::string& body = "body");
+// `entry` with another value in one field, zeros behind it.
+std::string With(std::string entry, Field field, const std::string& value);
+std::string BigEndian32(uint32_t number);
+// `size` bytes in which no two blocks are alike and no magic occurs.
+std::string Body(size_t size);
+
+class PhoneTest : public testing::Test {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    // Makes the phone anew; nothing of the last one stays.
+    void Make(const std::string& description);
+    // A file of the phone, by its path there; folders are made as needed.
+    std::string Path(const std::string& file) const;
+    void Put(const std::string& file, const std::string& content) const;
+    std::string Get(const std::string& file) const; // "<missing>" if it cannot be read
+    void Remove(const std::string& file) const;
+    // Name and content of every file in the state directory.
+    std::map<std::string, std::string> State() const;
+
+    // One run of the tool; it must end by itself and give back what it acquired.
+    RunResult Run(const Texts& faults = {}, const std::string& tool = FFU_PATH) const;
+    void Reboot() const;
+
+    std::string directory;
+};
+
+// The console line by line, without any time stamp.
+Texts Console(const RunResult& result);
+// The texts, line ends included; each must have come untagged at error priority.
+Texts SystemLog(const RunResult& result);
+Texts Requests(const RunResult& result);
+
+Texts Tail(const Texts& log, size_t count);
+long Count(const Texts& log, const std::string& text); // of the entries that contain it
+
+// Every descriptor, stream, mapping and allocation of the run was given back, exactly once.
+void ExpectAllGivenBack(const RunResult& result);
