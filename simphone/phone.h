@@ -3,6 +3,8 @@
 // as far as it got; nothing outside of it is written.
 #pragma once
 
+#include "files.h"
+
 #include <string>
 #include <vector>
 
@@ -76,6 +78,3 @@ struct RunResult {
 
 // What `simphone show` prints: identity nodes, running and pending revision, the state directory.
 [[nodiscard]] bool ShowPhone(const std::string& directory, std::string& text, std::string& error);
-
-// The whole content; false if the file cannot be read (errno tells why).
-[[nodiscard]] bool ReadWholeFile(const std::string& path, std::string& content);

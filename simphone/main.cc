@@ -1,0 +1,73 @@
+// The simphone command: makes a simulated phone, runs the tool on it, restarts it and shows it.
+// Started by hand and by the demo; exit status 0 fine, 2 an error, and for `run` the tool's own
+// (128 + n for a signal).
+#include "phone.h"
+
+#include <CLI/CLI.hpp>
+#include <iostream>
+
+static int Finish(bool right, const std::string& error) {
+    if (!right) {
+        std::cerr << "simphone: " << error << "\n";
+    }
+    return right ? 0 : 2;
+}
+
+static int Run(const std::string& directory, const std::string& tool, const RunOptions& options) {
+    const RunResult result = RunTool(directory, tool, options);
+    if (!result.error.empty()) {
+        return Finish(false, result.error);
+    }
+    std::cout << result.console << std::flush;
+    std::cerr << result.errors;
+    if (result.timedOut) {
+        std::cerr << "simphone: " << tool << " did not end in time\n";
+    } else if (result.signal) {
+        std::cerr << "simphone: " << tool << " was ended by signal " << result.signal << "\n";
+    }
+    return result.signal ? 128 + result.signal : result.exitStatus;
+}
+
+int main(int argc, char** argv) {
+    CLI::App app("A phone that is a directory: its nodes, its storage device, its faults");
+    app.require_subcommand(1);
+    std::string description, directory, package, tool, launcher, error, text;
+    RunOptions options;
+
+    CLI::App* make = app.add_subcommand("make", "Make a phone after a description");
+    make->add_option("PHONE.toml", description, "its description")->required();
+    make->add_option("DIR", directory, "a missing or empty directory")->required();
+    make->add_option("--package", package, "the firmware package that the phone has");
+
+    CLI::App* run = app.add_subcommand("run", "Run an unmodified tool on a phone");
+    run->add_option("DIR", directory, "the phone")->required();
+    run->add_option("TOOL", tool, "the program")->required();
+    run->add_option("--fault", options.faults, "a call that fails (see emmc.toml)")->type_size(1);
+    run->add_option("--launcher", launcher, "a program that starts the tool: \"qemu-aarch64\"");
+    run->add_option("--library", options.library, "libsimphone.so, if not beside TOOL");
+    run->add_option("--seconds", options.secondsLimit, "end the tool after so many seconds");
+
+    CLI::App* reboot = app.add_subcommand("reboot", "Restart a phone with its pending firmware");
+    reboot->add_option("DIR", directory, "the phone")->required();
+
+    CLI::App* show = app.add_subcommand("show", "Show what a phone is and what the tool left");
+    show->add_option("DIR", directory, "the phone")->required();
+    CLI11_PARSE(app, argc, argv);
+
+    if (*make) {
+        const bool made = MakePhone(description, directory, error) &&
+                          (package.empty() || PutPackage(package, directory, error));
+        return Finish(made, error);
+    }
+    if (*run) {
+        std::istringstream words(launcher);
+        options.launcher.assign(std::istream_iterator<std::string>(words), {});
+        return Run(directory, tool, options);
+    }
+    if (*reboot) {
+        return Finish(RebootPhone(directory, error), error);
+    }
+    const bool shown = ShowPhone(directory, text, error);
+    std::cout << text;
+    return Finish(shown, error);
+}

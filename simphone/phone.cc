@@ -1,0 +1,295 @@
+// Makes, runs, restarts and reads a simulated phone. Called by the simphone command, fwlab and the
+// tests.
+#include "phone.h"
+
+#include "description.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <sstream>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace fs = std::filesystem;
+
+static const char kCidNode[] = "/sys/class/mmc_host/mmc0/mmc0:0001/cid";
+static const size_t kFirmwareVersion = 254; // JEDEC EXT_CSD, 8 bytes
+static const size_t kExtCsdRev = 192;       // JEDEC EXT_CSD
+
+static bool Put(const std::string& path, const std::string& content, std::string& error) {
+    std::error_code status;
+    fs::create_directories(fs::path(path).parent_path(), status);
+    if (!WriteWholeFile(path, content.data(), content.size())) {
+        error = path + ": " + strerror(errno);
+        return false;
+    }
+    return true;
+}
+
+// The register and the node that show an eMMC device's revision, or a UFS device's node.
+static bool PutRevision(const std::string& directory, const Description& phone,
+                        const std::string& revision, std::string& extCsd, std::string& error) {
+    if (phone.ufs) {
+        return Put(directory + "/proc/bootdevice/rev", revision + "\n", error);
+    }
+    extCsd.replace(kFirmwareVersion, 8, revision + std::string(8 - revision.size(), '\0'));
+    return Put(directory + "/device/ext_csd.bin", extCsd, error) &&
+           (!phone.gki ||
+            Put(directory + "/proc/bootdevice/ext_csd", Hex(extCsd.data(), extCsd.size()), error));
+}
+
+static bool PutEmmc(const std::string& directory, const Description& phone, std::string& error) {
+    const std::string cid = Hex(phone.cid, sizeof(phone.cid)) + "\n";
+    return Put(directory + "/dev/block/mmcblk0", "", error) &&
+           Put(directory + "/proc/bootdevice/product_name", phone.productName + "\n", error) &&
+           Put(directory + kCidNode, cid, error) &&
+           (!phone.gki || Put(directory + "/proc/bootdevice/ffu", "", error));
+}
+
+static bool PutUfs(const std::string& directory, const Description& phone, std::string& error) {
+    return Put(directory + "/dev/block/sdc", "", error) &&
+           Put(directory + "/proc/bootdevice/manfid", phone.manfid, error) &&
+           Put(directory + "/proc/bootdevice/product_name", phone.productName, error);
+}
+
+bool MakePhone(const std::string& descriptionFile, const std::string& directory,
+               std::string& error) {
+    Description phone;
+    std::string text;
+    if (!ReadDescription(descriptionFile, phone, error)) {
+        return false;
+    }
+    std::error_code status;
+    if (fs::exists(directory, status) && !fs::is_empty(directory, status)) {
+        error = directory + ": is there and not an empty directory";
+        return false;
+    }
+    for (const char* folder : {"/vendor/firmware", "/data/vendor", "/splash2", "/tmp", "/device"}) {
+        if (fs::create_directories(directory + folder, status); status) {
+            error = directory + folder + ": " + status.message();
+            return false;
+        }
+    }
+    std::string extCsd(512, '\0');
+    extCsd[kExtCsdRev] = static_cast<char>(phone.extCsdRev);
+    return ReadWholeFile(descriptionFile, text) && Put(directory + "/phone.toml", text, error) &&
+           (phone.ufs ? PutUfs : PutEmmc)(directory, phone, error) &&
+           PutRevision(directory, phone, phone.revision, extCsd, error);
+}
+
+bool PutPackage(const std::string& packageFile, const std::string& directory, std::string& error) {
+    Description phone;
+    if (!ReadDescription(directory + "/phone.toml", phone, error)) {
+        return false;
+    }
+    std::error_code status;
+    fs::copy_file(packageFile,
+                  directory + "/vendor/firmware/" +
+                      (phone.ufs ? "ufs_emer_fw.bin" : "emmc_emer_fw.bin"),
+                  fs::copy_options::overwrite_existing, status);
+    error = packageFile + ": " + status.message();
+    return !status;
+}
+
+bool RebootPhone(const std::string& directory, std::string& error) {
+    Description phone;
+    std::string extCsd;
+    const std::string device = directory + "/device";
+    if (!ReadDescription(directory + "/phone.toml", phone, error)) {
+        return false;
+    }
+    std::error_code status;
+    if (!fs::exists(device + "/pending", status)) {
+        fs::remove(device + "/downloaded.bin", status);
+        return true;
+    }
+    if (!phone.ufs && (!ReadWholeFile(device + "/ext_csd.bin", extCsd) || extCsd.size() != 512)) {
+        error = device + "/ext_csd.bin: is not 512 bytes that can be read";
+        return false;
+    }
+    if (!PutRevision(directory, phone, phone.firmwareRevision, extCsd, error)) {
+        return false;
+    }
+    fs::rename(device + "/downloaded.bin", device + "/running.bin", status);
+    fs::remove(device + "/pending", status);
+    return true;
+}
+
+bool ShowPhone(const std::string& directory, std::string& text, std::string& error) {
+    Description phone;
+    std::string content;
+    if (!ReadDescription(directory + "/phone.toml", phone, error)) {
+        return false;
+    }
+    text = phone.ufs ? "UFS phone\n" : phone.gki ? "eMMC phone, GKI mode\n" : "eMMC phone\n";
+    for (const std::string node : {"/proc/bootdevice/manfid", "/proc/bootdevice/product_name",
+                                   "/proc/bootdevice/rev", kCidNode}) {
+        if (ReadWholeFile(directory + node, content)) {
+            text += "  " + node + ": " + Escaped(content) + "\n";
+        }
+    }
+    if (ReadWholeFile(directory + "/device/ext_csd.bin", content) && content.size() == 512) {
+        text +=
+            "  EXT_CSD FIRMWARE_VERSION: " + Escaped(content.substr(kFirmwareVersion, 8)) + "\n";
+    }
+    std::error_code status;
+    text += "  pending at the next restart: " +
+            (fs::exists(directory + "/device/pending", status) ? Escaped(phone.firmwareRevision)
+                                                               : "nothing") +
+            "\n  /data/vendor/fw:\n";
+    std::vector<fs::path> files;
+    for (const auto& entry : fs::directory_iterator(directory + "/data/vendor/fw", status)) {
+        files.push_back(entry.path());
+    }
+    std::sort(files.begin(), files.end());
+    for (const fs::path& file : files) {
+        text += "    " + file.filename().string() + "\n";
+        std::istringstream lines(ReadWholeFile(file, content) ? content : "");
+        for (std::string line; std::getline(lines, line);) {
+            text += "      " + Escaped(line) + "\n";
+        }
+    }
+    return true;
+}
+
+static std::vector<std::string> Lines(const std::string& file) {
+    std::string content;
+    (void)ReadWholeFile(file, content); // a run that ended before its first line has none
+    std::istringstream stream(content);
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(stream, line);) {
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+// The rest of a line behind the words that were read, without the blank in front.
+static std::string Rest(std::istringstream& words) {
+    std::string rest;
+    words.get();
+    std::getline(words, rest);
+    return rest;
+}
+
+static void ReadLogs(const std::string& directory, RunResult& result) {
+    for (const std::string& line : Lines(directory + "/calls.log")) {
+        std::istringstream words(line);
+        CallEntry call = {};
+        std::string word;
+        words >> call.number >> call.function >> call.path;
+        while (words >> word && word != "=") {
+            call.arguments += (call.arguments.empty() ? "" : " ") + word;
+        }
+        words >> call.result >> call.error;
+        result.calls.push_back(call);
+    }
+    for (const std::string& line : Lines(directory + "/system.log")) {
+        std::istringstream words(line);
+        SystemLogEntry entry = {};
+        words >> entry.number >> entry.consoleBytes >> entry.priority >> entry.tag;
+        entry.text = Unescaped(Rest(words));
+        result.systemLog.push_back(entry);
+    }
+    for (const std::string& line : Lines(directory + "/requests.log")) {
+        std::istringstream words(line);
+        DeviceRequest request = {};
+        if (line == "run") {
+            result.requests.clear();
+            continue;
+        }
+        words >> request.number >> request.consoleBytes;
+        request.text = Rest(words);
+        result.requests.push_back(request);
+    }
+    (void)ReadWholeFile(directory + "/console.log", result.console);
+    (void)ReadWholeFile(directory + "/errors.log", result.errors);
+}
+
+static std::string Library(const std::string& tool, const std::string& given) {
+    std::error_code status;
+    const fs::path own = fs::read_symlink("/proc/self/exe", status);
+    for (const fs::path& place : {fs::path(given), fs::path(tool).parent_path() / "libsimphone.so",
+                                  own.parent_path() / "libsimphone.so"}) {
+        if (fs::is_regular_file(place, status)) {
+            return fs::absolute(place);
+        }
+    }
+    return "";
+}
+
+// In the new process: never returns.
+[[noreturn]] static void Start(const std::string& directory, const std::string& faults,
+                               const std::string& library, const RunOptions& options,
+                               const std::vector<std::string>& words) {
+    const char* sanitizer = getenv("ASAN_OPTIONS");
+    const std::string asan = std::string(sanitizer ? sanitizer : "") + ":verify_asan_link_order=0";
+    setenv("ASAN_OPTIONS", asan.c_str(), 1);
+    setenv("SIMPHONE", directory.c_str(), 1);
+    setenv("SIMPHONE_FAULTS", faults.c_str(), 1);
+    if (options.launcher.empty()) {
+        setenv("LD_PRELOAD", library.c_str(), 1);
+    }
+    const int flags = O_WRONLY | O_CREAT | O_TRUNC;
+    dup2(open("/dev/null", O_RDONLY | O_CLOEXEC), STDIN_FILENO);
+    dup2(open((directory + "/console.log").c_str(), flags | O_CLOEXEC, 0644), STDOUT_FILENO);
+    dup2(open((directory + "/errors.log").c_str(), flags | O_CLOEXEC, 0644), STDERR_FILENO);
+    std::vector<char*> arguments;
+    for (const std::string& word : words) {
+        arguments.push_back(const_cast<char*>(word.c_str()));
+    }
+    arguments.push_back(nullptr);
+    alarm(options.secondsLimit); // outlives exec; ends the tool by SIGALRM
+    execvp(arguments[0], arguments.data());
+    perror(arguments[0]);
+    _exit(127);
+}
+
+RunResult RunTool(const std::string& directory, const std::string& tool,
+                  const RunOptions& options) {
+    RunResult result = {};
+    Description phone;
+    std::string faults;
+    if (!ReadDescription(directory + "/phone.toml", phone, result.error)) {
+        return result;
+    }
+    for (const std::string& text : options.faults) {
+        Fault fault;
+        if (!ParseFault(text, fault, result.error)) {
+            return result;
+        }
+        faults += text + "\n";
+    }
+    const std::string library = Library(tool, options.library);
+    if (library.empty() || access(tool.c_str(), X_OK) != 0) {
+        result.error = library.empty() ? "libsimphone.so: not found beside " + tool
+                                       : tool + ": " + strerror(errno);
+        return result;
+    }
+    std::vector<std::string> words = options.launcher;
+    if (!words.empty()) {
+        words.insert(words.end(), {"-E", "LD_PRELOAD=" + library});
+    }
+    words.push_back(fs::absolute(tool));
+    for (const char* log : {"/calls.log", "/system.log"}) {
+        (void)WriteWholeFile(directory + log, "",
+                             0); // nothing of the run before, even if this fails
+    }
+    const pid_t child = fork();
+    if (child == 0) {
+        Start(directory, faults, library, options, words);
+    }
+    int status = 0;
+    while (child > 0 && waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
+    result.error = child < 0 ? std::string("fork: ") + strerror(errno) : "";
+    result.exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    result.signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
+    result.timedOut = result.signal == SIGALRM;
+    ReadLogs(directory, result);
+    return result;
+}

@@ -1,0 +1,101 @@
+// A run of the tool on a phone, from the library's side: which calls are the tool's, which of them
+// fail, and the three logs. Used by interpose.cc only, on the tool's one thread.
+#pragma once
+
+#include "description.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <map>
+#include <string>
+#include <sys/time.h>
+#include <type_traits>
+
+// A descriptor that the tool holds. `node` is set if it leads to the storage device.
+enum class Node { kNone, kMmc, kScsi, kGki };
+struct OpenFile {
+    std::string path;
+    int flags;
+    Node node;
+};
+
+struct Session {
+    std::string directory; // resolved, no slash at the end
+    Description phone;
+    timeval now; // the phone's clock, if it is fixed
+    std::map<int, OpenFile> descriptors;
+    std::map<const void*, std::string> streams;
+    size_t scsiRequests;
+    long calls;
+    long long consoleBytes; // at the start of the call under way
+    int callsLog, systemLog, requestsLog;
+};
+
+// One call of the tool, as it is matched against the faults and written down.
+struct Call {
+    const char* function;
+    std::string path;          // "-" without one
+    std::string arguments;     // for calls.log
+    const char* alias = "";    // the name of a device request
+    std::string request = {};  // for requests.log; empty: no device request
+    std::string response = {}; // filled by the device; empty: the call's result is the answer
+    size_t* count = nullptr;   // what a read or write moves; a fault may lower it
+    bool releases = false;     // the resource is given back even if the call fails
+};
+
+extern Session* session; // null while no phone is attached
+
+// True if the return address lies in the tool or in libsgutils2, a phone is attached, and no call
+// of the tool is under way (so that what this library itself calls is never counted).
+bool OfTheTool(const void* caller);
+
+// The place of a phone's path in its directory; every other path as it is.
+bool IsPhonePath(const std::string& path);
+std::string HostPath(const char* path);
+
+// Counts the call and finds the fault that it meets, if any; does not return from the end of power.
+const Fault* BeginCall(Call& call);
+
+// Writes the call down; `error` is 0 unless it failed. Does not return from the end of power.
+void EndCall(const Call& call, const Fault* fault, const std::string& result, int error);
+
+// Appends "<call number> <console bytes> <text>" to the system log.
+void LogSystemMessage(int priority, const char* tag, const std::string& text);
+
+// Carries out one call of the tool, or the fault that it meets. `failed` is the result of a failing
+// call. errno afterwards is what the call left.
+template <typename Result, typename Perform>
+Result Counted(Call call, Result failed, Perform perform) {
+    const int errnoBefore = errno;
+    const Fault* fault = BeginCall(call);
+    Result result = failed;
+    bool replaced = false;
+    int error = 0;
+    if (fault && fault->effect == Fault::kErrno) {
+        replaced = true;
+        error = static_cast<int>(fault->value);
+    } else if (fault && fault->effect == Fault::kNull && std::is_pointer_v<Result> && !failed) {
+        replaced = true;
+    } else if (fault && fault->effect == Fault::kReturns) {
+        if constexpr (std::is_integral_v<Result>) {
+            replaced = true;
+            result = static_cast<Result>(fault->value);
+        }
+    }
+    errno = 0;
+    if (!replaced) {
+        result = perform(call);
+        error = errno;
+    } else if (call.releases) {
+        (void)perform(call);
+    }
+    if constexpr (std::is_pointer_v<Result>) {
+        char pointer[32];
+        snprintf(pointer, sizeof(pointer), "%p", static_cast<const void*>(result));
+        EndCall(call, fault, pointer, result == failed ? error : 0);
+    } else {
+        EndCall(call, fault, std::to_string(result), result == failed ? error : 0);
+    }
+    errno = error ? error : errnoBefore;
+    return result;
+}
