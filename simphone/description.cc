@@ -17,71 +17,60 @@ static bool Number(const std::string& text, long& number) {
     return status == std::errc() && stop == end && number >= 0;
 }
 
-// The effects that a call can have, besides the end of power: e an errno, n a null pointer, r a
-// result, s fewer bytes. Null for a call that is not known.
+// Which calls can have which effects, besides the end of power: e an errno, n a null pointer,
+// r a result, s fewer bytes.
+static const struct {
+    const char* effects;
+    const char* calls; // a blank around each name
+} kCalls[] = {
+    {"enrs", " any "},
+    {"ers", " read write "},
+    {"er", " open creat access lseek fsync close fstat munmap remove unlink mkdir fclose time "
+           "gettimeofday posix_memalign ioctl SG_IO SG_SCSI_RESET SEND_EXT_CSD FFU_DOWNLOAD "
+           "FFU_INSTALL "},
+    {"en", " realpath calloc memalign localtime ctime fopen fgets "},
+    {"e", " mmap "},
+    {"r", " sleep "},
+    {"", " free __android_log_print "},
+};
+
 static const char* EffectsOf(const std::string& call) {
-    static const std::map<std::string, const char*> effects = {{"any", "enrs"},
-                                                               {"read", "ers"},
-                                                               {"write", "ers"},
-                                                               {"open", "er"},
-                                                               {"creat", "er"},
-                                                               {"access", "er"},
-                                                               {"lseek", "er"},
-                                                               {"fsync", "er"},
-                                                               {"close", "er"},
-                                                               {"fstat", "er"},
-                                                               {"munmap", "er"},
-                                                               {"remove", "er"},
-                                                               {"unlink", "er"},
-                                                               {"mkdir", "er"},
-                                                               {"ioctl", "er"},
-                                                               {"posix_memalign", "er"},
-                                                               {"time", "er"},
-                                                               {"gettimeofday", "er"},
-                                                               {"fclose", "er"},
-                                                               {"sleep", "r"},
-                                                               {"SG_IO", "er"},
-                                                               {"SG_SCSI_RESET", "er"},
-                                                               {"SEND_EXT_CSD", "er"},
-                                                               {"FFU_INSTALL", "er"},
-                                                               {"FFU_DOWNLOAD", "er"},
-                                                               {"mmap", "e"},
-                                                               {"realpath", "en"},
-                                                               {"calloc", "en"},
-                                                               {"memalign", "en"},
-                                                               {"localtime", "en"},
-                                                               {"ctime", "en"},
-                                                               {"fopen", "en"},
-                                                               {"fgets", "en"},
-                                                               {"free", ""},
-                                                               {"__android_log_print", ""}};
-    const auto found = effects.find(call);
-    return found == effects.end() ? nullptr : found->second;
+    for (const auto& row : kCalls) {
+        if (strstr(row.calls, (" " + call + " ").c_str())) {
+            return row.effects;
+        }
+    }
+    return nullptr;
 }
 
-static bool ParseEffect(const std::string& word, const char* allowed, Fault& fault) {
-    static const std::map<std::string, Fault::Effect> counted = {
-        {"short", Fault::kShort}, {"torn", Fault::kTorn}, {"returns", Fault::kReturns}};
-    if (word == "end" || word == "end-after") {
-        fault.effect = word == "end" ? Fault::kEnd : Fault::kEndAfter;
-        return true;
-    }
-    if (word == "null") {
-        fault.effect = Fault::kNull;
-        return strchr(allowed, 'n') != nullptr;
-    }
+bool CanHave(const std::string& call, Fault::Effect effect) {
+    static const char letters[] = {'e', 'n', 'r', 's', 's'}; // in the order of Fault::Effect
+    const char* effects = EffectsOf(call);
+    return effect == Fault::kEnd || effect == Fault::kEndAfter ||
+           (effects && strchr(effects, letters[effect]));
+}
+
+static bool ParseEffect(const std::string& word, Fault& fault) {
     const size_t equals = word.find('=');
-    const auto found = counted.find(word.substr(0, equals));
-    if (equals != std::string::npos && found != counted.end()) {
-        fault.effect = found->second;
-        return Number(word.substr(equals + 1), fault.value) &&
-               strchr(allowed, fault.effect == Fault::kReturns ? 'r' : 's');
+    const std::string name = word.substr(0, equals);
+    if (equals != std::string::npos) {
+        fault.effect = name == "short"  ? Fault::kShort
+                       : name == "torn" ? Fault::kTorn
+                                        : Fault::kReturns;
+        return (fault.effect != Fault::kReturns || name == "returns") &&
+               Number(word.substr(equals + 1), fault.value);
+    }
+    if (word == "end" || word == "end-after" || word == "null") {
+        fault.effect = word == "end"    ? Fault::kEnd
+                       : word == "null" ? Fault::kNull
+                                        : Fault::kEndAfter;
+        return true;
     }
     fault.effect = Fault::kErrno;
     for (fault.value = 1; fault.value < 256; fault.value++) {
-        const char* name = strerrorname_np(static_cast<int>(fault.value));
-        if (name && word == name) {
-            return strchr(allowed, 'e') != nullptr;
+        const char* known = strerrorname_np(static_cast<int>(fault.value));
+        if (known && word == known) {
+            return true;
         }
     }
     return false;
@@ -107,8 +96,7 @@ bool ParseFault(const std::string& text, Fault& fault, std::string& error) {
     fault.first = 1;
     fault.last = LONG_MAX;
     stream >> fault.call;
-    const char* allowed = EffectsOf(fault.call);
-    if (!allowed) {
+    if (!EffectsOf(fault.call)) {
         error = "fault \"" + text + "\": no such call: " + fault.call;
         return false;
     }
@@ -126,7 +114,7 @@ bool ParseFault(const std::string& text, Fault& fault, std::string& error) {
         word.clear();
         stream >> word;
     }
-    if (!ParseEffect(word, allowed, fault) || stream >> rest) {
+    if (!ParseEffect(word, fault) || !CanHave(fault.call, fault.effect) || stream >> rest) {
         error = "fault \"" + text + "\": not an effect that the call can have: " + word + rest;
         return false;
     }
@@ -134,36 +122,33 @@ bool ParseFault(const std::string& text, Fault& fault, std::string& error) {
 }
 
 static bool ParseAnswer(const std::string& text, Answer& answer) {
-    answer = {};
-    if (text == "good") {
-        return true;
+    static const std::map<std::string, Answer::Kind> kinds = {
+        {"sense", Answer::kSense},   {"descriptor-sense", Answer::kDescriptorSense},
+        {"status", Answer::kStatus}, {"host", Answer::kHost},
+        {"driver", Answer::kDriver}, {"good", Answer::kGood}};
+    const size_t blank = text.find(' ');
+    const auto found = kinds.find(text.substr(0, blank));
+    if (found == kinds.end()) {
+        return false;
     }
+    answer = {};
+    answer.kind = found->second;
+    const char* value = blank == std::string::npos ? "" : text.c_str() + blank;
     unsigned key = 0, asc = 0, ascq = 0;
-    int read = 0;
-    const bool descriptor = text.rfind("descriptor-", 0) == 0;
-    const char* sense = text.c_str() + (descriptor ? strlen("descriptor-") : 0);
-    if (sscanf(sense, "sense %x/%x/%x%n", &key, &asc, &ascq, &read) == 3 && !sense[read]) {
-        answer.kind = descriptor ? Answer::kDescriptorSense : Answer::kSense;
+    int number = 0, end = 0;
+    if (answer.kind == Answer::kGood) {
+        return !*value;
+    }
+    if (answer.kind == Answer::kSense || answer.kind == Answer::kDescriptorSense) {
+        const int count = sscanf(value, "%x/%x/%x%n", &key, &asc, &ascq, &end);
         answer.key = static_cast<uint8_t>(key);
         answer.asc = static_cast<uint8_t>(asc);
         answer.ascq = static_cast<uint8_t>(ascq);
-        return key < 16 && asc < 256 && ascq < 256;
+        return count == 3 && !value[end] && key < 16 && asc < 256 && ascq < 256;
     }
-    char layer[8] = {};
-    int value = 0;
-    if (sscanf(text.c_str(), "%7s %i%n", layer, &value, &read) != 2 ||
-        text[static_cast<size_t>(read)]) {
-        return false;
-    }
-    static const std::map<std::string, Answer::Kind> layers = {
-        {"status", Answer::kStatus}, {"host", Answer::kHost}, {"driver", Answer::kDriver}};
-    const auto found = layers.find(layer);
-    if (found == layers.end() || value < 1 || value > 255) {
-        return false;
-    }
-    answer.kind = found->second;
-    answer.value = static_cast<unsigned>(value);
-    return true;
+    const int count = sscanf(value, "%i%n", &number, &end);
+    answer.value = static_cast<unsigned>(number);
+    return count == 1 && !value[end] && number > 0 && number < 256;
 }
 
 // The keys are taken out of their table as they are read, so that what is left in the end is
@@ -172,143 +157,121 @@ struct Keys {
     toml::table& table;
     std::string& error;
 };
+enum Need { kRequired, kOptional };
 
-static toml::node* Find(Keys keys, const char* key, bool optional) {
-    toml::node* node = keys.error.empty() ? keys.table.get(key) : nullptr;
-    if (!node && !optional && keys.error.empty()) {
-        keys.error = std::string(key) + " is missing";
+// Lets `use` read the node of the key; it returns false if the node is not `wanted`.
+template <typename Use>
+static void Take(Keys keys, const char* key, Need need, const char* wanted, Use use) {
+    toml::node* node = keys.table.get(key);
+    if (!keys.error.empty() || (!node && need == kOptional)) {
+        return;
     }
-    return node;
-}
-
-static void Done(Keys keys, const char* key, bool right, const char* wanted) {
-    if (!right && keys.error.empty()) {
+    if (!node) {
+        keys.error = std::string(key) + " is missing";
+    } else if (!use(*node) && keys.error.empty()) {
         keys.error = std::string(key) + " is not " + wanted;
     }
     keys.table.erase(key);
 }
 
 static std::string TakeText(Keys keys, const char* key) {
-    const toml::node* node = Find(keys, key, false);
-    if (!node) {
-        return "";
-    }
-    const auto text = node->value_exact<std::string>();
-    Done(keys, key, text.has_value(), "a text");
-    return text.value_or("");
+    std::string text;
+    Take(keys, key, kRequired, "a text", [&](const toml::node& node) {
+        text = node.value_exact<std::string>().value_or("");
+        return node.is_string();
+    });
+    return text;
 }
 
 static uint32_t TakeNumber(Keys keys, const char* key, uint32_t most) {
-    const toml::node* node = Find(keys, key, false);
-    if (!node) {
-        return 0;
-    }
-    const int64_t number = node->value_exact<int64_t>().value_or(-1);
-    Done(keys, key, number >= 0 && number <= most, "a number of its field's size");
+    int64_t number = 0;
+    Take(keys, key, kRequired, "a number of its field's size", [&](const toml::node& node) {
+        number = node.value_exact<int64_t>().value_or(-1);
+        return number >= 0 && number <= most;
+    });
     return static_cast<uint32_t>(number);
 }
 
 static std::string TakeBytes(Keys keys, const char* key, size_t most) {
-    toml::node* node = Find(keys, key, false);
-    if (!node) {
-        return "";
-    }
-    std::string bytes = node->value_exact<std::string>().value_or("");
-    bool right = node->is_string() || node->is_array();
-    if (const toml::array* numbers = node->as_array()) {
-        for (const toml::node& element : *numbers) {
-            const int64_t number = element.value_exact<int64_t>().value_or(-1);
+    std::string bytes;
+    Take(keys, key, kRequired, "a text or a list of bytes that fits", [&](toml::node& node) {
+        bytes = node.value_exact<std::string>().value_or("");
+        bool right = node.is_string() || node.is_array();
+        for (size_t i = 0; node.is_array() && i < node.as_array()->size(); i++) {
+            const int64_t number = (*node.as_array())[i].value_exact<int64_t>().value_or(-1);
             right = right && number >= 0 && number < 256;
             bytes += static_cast<char>(number);
         }
-    }
-    Done(keys, key, right && bytes.size() <= most, "a text or a list of bytes that fits its field");
+        return right && bytes.size() <= most;
+    });
     return bytes;
 }
 
 static std::vector<std::string> TakeTexts(Keys keys, const char* key) {
     std::vector<std::string> texts;
-    toml::node* node = Find(keys, key, true);
-    if (!node) {
-        return texts;
-    }
-    bool right = node->is_string() || node->is_array();
-    if (node->is_string()) {
-        texts.push_back(*node->value<std::string>());
-    } else if (const toml::array* list = node->as_array()) {
-        for (const toml::node& element : *list) {
-            right = right && element.is_string();
+    Take(keys, key, kOptional, "a text or a list of texts", [&](toml::node& node) {
+        const toml::array list = node.is_array() ? *node.as_array() : toml::array{node};
+        for (const toml::node& element : list) {
             texts.push_back(element.value_exact<std::string>().value_or(""));
         }
-    }
-    Done(keys, key, right, "a text or a list of texts");
+        return list.is_homogeneous(toml::node_type::string) || list.empty();
+    });
     return texts;
 }
 
 static void TakeClock(Keys keys, Description& phone) {
-    const toml::node* node = Find(keys, "clock", true);
-    if (!node) {
-        return;
-    }
-    const auto clock = node->value_exact<toml::date_time>().value_or(toml::date_time{});
-    phone.clockFixed = true;
-    phone.clock.tm_year = clock.date.year - 1900;
-    phone.clock.tm_mon = clock.date.month - 1;
-    phone.clock.tm_mday = clock.date.day;
-    phone.clock.tm_hour = clock.time.hour;
-    phone.clock.tm_min = clock.time.minute;
-    phone.clock.tm_sec = clock.time.second;
-    phone.clock.tm_isdst = -1;
-    phone.clockMilliseconds = static_cast<int>(clock.time.nanosecond / 1000000);
-    Done(keys, "clock", node->is_date_time() && !clock.offset,
-         "a local time such as 2026-03-07T09:05:02.041");
+    const char wanted[] = "a local time such as 2026-03-07T09:05:02.041";
+    Take(keys, "clock", kOptional, wanted, [&](const toml::node& node) {
+        const auto clock = node.value_exact<toml::date_time>().value_or(toml::date_time{});
+        phone.clockFixed = true;
+        phone.clock.tm_year = clock.date.year - 1900;
+        phone.clock.tm_mon = clock.date.month - 1;
+        phone.clock.tm_mday = clock.date.day;
+        phone.clock.tm_hour = clock.time.hour;
+        phone.clock.tm_min = clock.time.minute;
+        phone.clock.tm_sec = clock.time.second;
+        phone.clock.tm_isdst = -1;
+        phone.clockMilliseconds = static_cast<int>(clock.time.nanosecond / 1000000);
+        return node.is_date_time() && !clock.offset;
+    });
 }
 
-static void TakeTable(Keys keys, const char* name, void (*take)(Keys, Description&),
-                      Description& phone) {
-    toml::node* node = Find(keys, name, false);
-    if (!node) {
-        return;
+static void RefuseTheRest(Keys keys) {
+    if (keys.error.empty() && !keys.table.empty()) {
+        keys.error = "unknown key: " + std::string(keys.table.begin()->first.str());
     }
-    if (toml::table* table = node->as_table()) {
-        take({*table, keys.error}, phone);
-        if (!table->empty() && keys.error.empty()) {
-            keys.error = std::string("[") + name +
-                         "] has an unknown key: " + std::string(table->begin()->first.str());
-        }
-    }
-    Done(keys, name, node->is_table(), "a table");
 }
 
 static void TakeCid(Keys keys, Description& phone) {
-    const uint32_t manufacturer = TakeNumber(keys, "manufacturer_id", 0xFF);
-    const uint32_t revision = TakeNumber(keys, "product_revision", 0xFF);
     const uint32_t serial = TakeNumber(keys, "serial_number", UINT32_MAX);
-    phone.productName = TakeText(keys, "product_name");
-    if (phone.productName.size() != 6) {
-        Done(keys, "product_name", false, "6 characters");
-        return;
-    }
-    phone.cid[0] = static_cast<uint8_t>(manufacturer);
+    phone.cid[0] = static_cast<uint8_t>(TakeNumber(keys, "manufacturer_id", 0xFF));
     phone.cid[1] = 0x01; // CBX: a device soldered to the board
-    memcpy(phone.cid + 3, phone.productName.data(), 6);
-    phone.cid[9] = static_cast<uint8_t>(revision);
+    phone.productName = TakeText(keys, "product_name");
+    phone.productName.copy(reinterpret_cast<char*>(phone.cid) + 3, 6);
+    phone.cid[9] = static_cast<uint8_t>(TakeNumber(keys, "product_revision", 0xFF));
     for (int i = 0; i < 4; i++) {
         phone.cid[10 + i] = static_cast<uint8_t>(serial >> (24 - 8 * i));
     }
-}
-
-static void TakeFirmware(Keys keys, Description& phone) {
-    phone.firmwareRevision = TakeBytes(keys, "revision", phone.ufs ? 4 : 8);
+    if (keys.error.empty() && phone.productName.size() != 6) {
+        keys.error = "product_name is not 6 characters";
+    }
 }
 
 static void TakeEmmc(Keys keys, Description& phone) {
     const std::string mode = TakeText(keys, "mode");
     phone.gki = mode == "gki";
-    Done(keys, "mode", phone.gki || mode == "normal", "\"gki\" or \"normal\"");
+    if (keys.error.empty() && !phone.gki && mode != "normal") {
+        keys.error = "mode is not \"gki\" or \"normal\"";
+    }
     phone.revision = TakeBytes(keys, "revision", 8);
     phone.extCsdRev = static_cast<uint8_t>(TakeNumber(keys, "ext_csd_rev", 0xFF));
-    TakeTable(keys, "cid", TakeCid, phone);
+    Take(keys, "cid", kRequired, "a table", [&](toml::node& node) {
+        if (toml::table* table = node.as_table()) {
+            TakeCid({*table, keys.error}, phone);
+            RefuseTheRest({*table, keys.error});
+        }
+        return node.is_table();
+    });
 }
 
 static void TakeUfs(Keys keys, Description& phone) {
@@ -326,6 +289,30 @@ static void TakeUfs(Keys keys, Description& phone) {
     }
 }
 
+static void TakePhone(Keys keys, Description& phone) {
+    const std::string technology = TakeText(keys, "technology");
+    phone.ufs = technology == "ufs";
+    if (keys.error.empty() && !phone.ufs && technology != "emmc") {
+        keys.error = "technology is not \"emmc\" or \"ufs\"";
+    }
+    phone.ufs ? TakeUfs(keys, phone) : TakeEmmc(keys, phone);
+    Take(keys, "firmware", kRequired, "a table", [&](toml::node& node) {
+        if (toml::table* table = node.as_table()) {
+            phone.firmwareRevision = TakeBytes({*table, keys.error}, "revision", phone.ufs ? 4 : 8);
+            RefuseTheRest({*table, keys.error});
+        }
+        return node.is_table();
+    });
+    TakeClock(keys, phone);
+    for (const std::string& text : TakeTexts(keys, "faults")) {
+        phone.faults.emplace_back();
+        if (keys.error.empty()) {
+            (void)ParseFault(text, phone.faults.back(), keys.error);
+        }
+    }
+    RefuseTheRest(keys);
+}
+
 bool ReadDescription(const std::string& file, Description& description, std::string& error) {
     toml::parse_result parsed = toml::parse_file(file);
     if (!parsed) {
@@ -334,27 +321,8 @@ bool ReadDescription(const std::string& file, Description& description, std::str
         return false;
     }
     std::string wrong;
-    const Keys keys = {parsed.table(), wrong};
-    Description phone = {};
-    const std::string technology = TakeText(keys, "technology");
-    phone.ufs = technology == "ufs";
-    Done(keys, "technology", phone.ufs || technology == "emmc", "\"emmc\" or \"ufs\"");
-    phone.ufs ? TakeUfs(keys, phone) : TakeEmmc(keys, phone);
-    TakeTable(keys, "firmware", TakeFirmware, phone);
-    TakeClock(keys, phone);
-    for (const std::string& text : TakeTexts(keys, "faults")) {
-        phone.faults.emplace_back();
-        if (wrong.empty()) {
-            (void)ParseFault(text, phone.faults.back(), wrong);
-        }
-    }
-    if (wrong.empty() && !keys.table.empty()) {
-        wrong = "unknown key: " + std::string(keys.table.begin()->first.str());
-    }
-    if (!wrong.empty()) {
-        error = file + ": " + wrong;
-        return false;
-    }
-    description = phone;
-    return true;
+    description = {};
+    TakePhone({parsed.table(), wrong}, description);
+    error = wrong.empty() ? "" : file + ": " + wrong;
+    return wrong.empty();
 }

@@ -10,7 +10,7 @@
 
 // A call that fails. `seen` counts the matching calls of the run.
 struct Fault {
-    enum Effect { kErrno, kNull, kShort, kReturns, kEnd, kEndAfter, kTorn };
+    enum Effect { kErrno, kNull, kReturns, kShort, kTorn, kEnd, kEndAfter };
     std::string call; // a function, a device request, or "any"
     std::string path; // empty: on any path
     long first, last; // numbers among the matching calls, from 1
@@ -44,3 +44,6 @@ struct Description {
 [[nodiscard]] bool ReadDescription(const std::string& file, Description& description,
                                    std::string& error);
 [[nodiscard]] bool ParseFault(const std::string& text, Fault& fault, std::string& error);
+
+// True if the call can have the effect; `any` can have every one.
+[[nodiscard]] bool CanHave(const std::string& call, Fault::Effect effect);

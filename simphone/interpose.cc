@@ -30,14 +30,8 @@
 // A second name of the same entry point: the large-file variants are the same calls on 64 bits.
 #define SAME(other, name) asm(".globl " #other "\n.set " #other ", " #name "\n")
 
-static std::string Text(const char* name, const void* pointer) {
-    char text[64];
-    snprintf(text, sizeof(text), "%s=%p", name, pointer);
-    return text;
-}
-
-static std::string Text(const char* name, long long value) {
-    return std::string(name) + "=" + std::to_string(value);
+template <typename Value> static std::string Text(const char* name, Value value) {
+    return std::string(name) + "=" + ResultText(value);
 }
 
 static OpenFile Opened(int fd) {
@@ -368,7 +362,18 @@ int posix_memalign(void** place, size_t alignment, size_t size) noexcept {
 }
 
 void free(void* place) noexcept {
-    PASS_OTHERS(free, place);
+    static decltype(&::free) next = nullptr;
+    static bool resolving = false;
+    if (!next) {
+        if (resolving) {
+            return; // dlsym frees the text of an earlier error; that one leaks
+        }
+        resolving = true;
+        next = reinterpret_cast<decltype(next)>(dlsym(RTLD_NEXT, "free"));
+    }
+    if (!OfTheTool(__builtin_return_address(0))) {
+        return next(place);
+    }
     (void)Counted({"free", "-", Text("pointer", place)}, -1, [&](Call&) {
         next(place);
         return 0;

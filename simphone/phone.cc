@@ -53,6 +53,7 @@ static bool PutEmmc(const std::string& directory, const Description& phone, std:
 
 static bool PutUfs(const std::string& directory, const Description& phone, std::string& error) {
     return Put(directory + "/dev/block/sdc", "", error) &&
+           Put(directory + "/proc/devices", "Block devices:\n  8 sd\n", error) && // for libsgutils2
            Put(directory + "/proc/bootdevice/manfid", phone.manfid, error) &&
            Put(directory + "/proc/bootdevice/product_name", phone.productName, error);
 }

@@ -53,7 +53,7 @@ bool OfTheTool(const void* caller) {
 
 bool IsPhonePath(const std::string& path) {
     for (const char* root : {"/dev/block/", "/proc/bootdevice/", "/sys/class/mmc_host/", "/vendor/",
-                             "/data/", "/splash2/", "/tmp/ufs_fw_body.bin"}) {
+                             "/data/", "/splash2/", "/tmp/ufs_fw_body.bin", "/proc/devices"}) {
         if (path.rfind(root, 0) == 0) {
             return true;
         }
@@ -106,7 +106,7 @@ static const Fault* FaultOf(const Call& call) {
             met = &fault;
         }
     }
-    return met;
+    return met && CanHave(call.function, met->effect) ? met : nullptr;
 }
 
 // What has been printed so far. The C library's buffer is emptied first, which changes no byte of
@@ -133,11 +133,21 @@ const Fault* BeginCall(Call& call) {
     return fault;
 }
 
+std::string ResultText(long long number) {
+    return std::to_string(number);
+}
+
+std::string ResultText(const void* pointer) {
+    char text[32];
+    snprintf(text, sizeof(text), "%p", pointer);
+    return text;
+}
+
 void EndCall(const Call& call, const Fault* fault, const std::string& result, int error) {
     const std::string name = error ? strerrorname_np(error) : "";
     AppendLine(session->callsLog, std::to_string(session->calls) + " " + call.function + " " +
-                                      call.path + " " + call.arguments + " = " + result +
-                                      (error ? " " + name : ""));
+                                      call.path + (call.arguments.empty() ? "" : " ") +
+                                      call.arguments + " = " + result + (error ? " " + name : ""));
     if (!call.request.empty()) {
         const std::string answer = error                   ? result + " " + name
                                    : call.response.empty() ? result

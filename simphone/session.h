@@ -56,6 +56,9 @@ std::string HostPath(const char* path);
 // Counts the call and finds the fault that it meets, if any; does not return from the end of power.
 const Fault* BeginCall(Call& call);
 
+std::string ResultText(long long number);
+std::string ResultText(const void* pointer);
+
 // Writes the call down; `error` is 0 unless it failed. Does not return from the end of power.
 void EndCall(const Call& call, const Fault* fault, const std::string& result, int error);
 
@@ -68,34 +71,23 @@ template <typename Result, typename Perform>
 Result Counted(Call call, Result failed, Perform perform) {
     const int errnoBefore = errno;
     const Fault* fault = BeginCall(call);
+    const bool replaced = fault && fault->effect <= Fault::kReturns;
     Result result = failed;
-    bool replaced = false;
-    int error = 0;
-    if (fault && fault->effect == Fault::kErrno) {
-        replaced = true;
-        error = static_cast<int>(fault->value);
-    } else if (fault && fault->effect == Fault::kNull && std::is_pointer_v<Result> && !failed) {
-        replaced = true;
-    } else if (fault && fault->effect == Fault::kReturns) {
-        if constexpr (std::is_integral_v<Result>) {
-            replaced = true;
-            result = static_cast<Result>(fault->value);
-        }
-    }
     errno = 0;
     if (!replaced) {
         result = perform(call);
-        error = errno;
     } else if (call.releases) {
         (void)perform(call);
     }
-    if constexpr (std::is_pointer_v<Result>) {
-        char pointer[32];
-        snprintf(pointer, sizeof(pointer), "%p", static_cast<const void*>(result));
-        EndCall(call, fault, pointer, result == failed ? error : 0);
-    } else {
-        EndCall(call, fault, std::to_string(result), result == failed ? error : 0);
+    const int error = !replaced                        ? errno
+                      : fault->effect == Fault::kErrno ? static_cast<int>(fault->value)
+                                                       : 0;
+    if constexpr (std::is_integral_v<Result>) {
+        if (replaced && fault->effect == Fault::kReturns) {
+            result = static_cast<Result>(fault->value);
+        }
     }
+    EndCall(call, fault, ResultText(result), result == failed ? error : 0);
     errno = error ? error : errnoBefore;
     return result;
 }
