@@ -1,0 +1,103 @@
+// Picks the package entry for the local UFS device, judges its revision and saves its body. The UFS
+// update calls it before the download. A failure leaves at most a partly written body file, which
+// nobody downloads.
+#include "ufs/ufs_selection.h"
+
+#include "run/log/ffu_print.h"
+
+#include <algorithm>
+#include <cstring>
+#include <fcntl.h>
+#include <iterator>
+#include <unistd.h>
+
+namespace {
+
+bool IsBlank(uint8_t character) {
+    return character == ' ' || character == '\r' || character == '\n' || character == '\0';
+}
+
+bool PnmCharactersAgree(uint8_t device, uint8_t entry) {
+    return device == entry || IsBlank(device) || IsBlank(entry);
+}
+
+// Writes the body over whatever lies at the body's path. Not synced: it is read back in this run.
+[[nodiscard]] int SaveFwBodyToFile(const uint8_t* package, uint32_t ufsCurrentFwOffset,
+                                   uint32_t ufsCurrentFwSize, int useDataDir) {
+    const char* path = UfsFwBodyPath(useDataDir);
+    if (unlink(path) == -1) {
+        ffu_print("%s,line=%d: %s unlink %s failed, maybe not exist\n", __func__, 268, __func__,
+                  path);
+    }
+    const int fd = creat(path, 0777);
+    if (fd < 0) {
+        ffu_print("%s,line=%d: can't create %s\n", __func__, 273, path);
+        return -1;
+    }
+    const ssize_t written = write(fd, package + ufsCurrentFwOffset, ufsCurrentFwSize);
+    close(fd);
+    if (written != static_cast<ssize_t>(ufsCurrentFwSize)) {
+        ffu_print("%s,line=%d: wirte UFS_FW_BODY_TMP fail\n", __func__, 279);
+        return -1;
+    }
+    ffu_print("%s,line=%d: wirte UFS_FW_BODY_TMP success\n", __func__, 282);
+    return 0;
+}
+
+} // namespace
+
+const char* UfsFwBodyPath(int useDataDir) {
+    return useDataDir != 0 ? "/data/vendor/fw/ufs_fw_body.bin" : "/tmp/ufs_fw_body.bin";
+}
+
+bool UfsEntryMatches(const UfsFwHeader& device, const UfsFwHeader& entry) {
+    return memcmp(device.ufsMagic, entry.ufsMagic, sizeof(device.ufsMagic)) == 0 &&
+           memcmp(device.ufsMid, entry.ufsMid, sizeof(device.ufsMid)) == 0 &&
+           std::equal(std::begin(device.ufsPnm), std::end(device.ufsPnm), std::begin(entry.ufsPnm),
+                      PnmCharactersAgree);
+}
+
+int FwVerCheck(const UfsFwHeader& device, const UfsFwHeader& entry) {
+    const int order =
+        memcmp(device.ufsProductRevisionLevel, entry.ufsProductRevisionLevel, UFS_REV_SIZE);
+    if (order > 0) {
+        ffu_print("%s,line=%d: can not update fw to a lower fw_rev\n", __func__, 248);
+        return -1;
+    }
+    if (order == 0) {
+        ffu_print("%s,line=%d: firmware match, but ufs_fw_rev equal\n", __func__, 253);
+        return -1;
+    }
+    ffu_print("%s,line=%d: firmware match, but ufs_fw_rev not equal\n", __func__, 256);
+    return 0;
+}
+
+int GetUfsFwFromFwBin(const UfsFwHeader& device, const uint8_t* package, int32_t size,
+                      int useDataDir) {
+    const size_t packageSize = size < 1 ? 0 : static_cast<size_t>(size);
+    int fwNum = 0;
+    for (size_t p = FindUfsEntry(package, packageSize, 0); p < packageSize;
+         p = FindUfsEntry(package, packageSize, p + 1)) {
+        const auto& entry = *reinterpret_cast<const UfsFwHeader*>(package + p);
+        const uint32_t ufsCurrentFwSize = ReadBigEndian32(entry.ufsFwSize);
+        fwNum++;
+        ffu_print("%s,line=%d: ufs fw find, fwNum=%d, fwSize=0x%x\n", __func__, 316, fwNum,
+                  ufsCurrentFwSize);
+        if (!UfsEntryMatches(device, entry) ||
+            !BodyFits(packageSize, p, sizeof(entry), ufsCurrentFwSize)) {
+            ffu_print("%s,line=%d: firmware not match\n", __func__, 326);
+            continue;
+        }
+        const auto ufsCurrentFwOffset = static_cast<uint32_t>(p + sizeof(entry));
+        ffu_print("%s,line=%d: ufsCurrentFwOffset=0x%x\n", __func__, 320, ufsCurrentFwOffset);
+        ffu_print("%s,line=%d: ufsCurrentFwSize=0x%x\n", __func__, 321, ufsCurrentFwSize);
+        ffu_print("%s,line=%d: firmware file match\n", __func__, 322);
+        const int verdict = FwVerCheck(device, entry);
+        ffu_print("%s,line=%d: Save fw body to file ...\n", __func__, 335);
+        const int saved =
+            SaveFwBodyToFile(package, ufsCurrentFwOffset, ufsCurrentFwSize, useDataDir);
+        return saved != 0 ? -1 : verdict;
+    }
+    ffu_print("%s,line=%d: firmware not match\n", __func__, 331);
+    return -1;
+}
