@@ -125,12 +125,15 @@ void PhoneTest::TearDown() {
     fs::remove_all(fs::path(directory).parent_path());
 }
 
-void PhoneTest::Make(const std::string& description) {
+void PhoneTest::Make(const std::string& description, const Files& files) {
     fs::remove_all(directory);
     const std::string file = directory + ".toml";
     std::ofstream(file) << description;
     std::string error;
     ASSERT_TRUE(MakePhone(file, directory, error)) << error;
+    for (const auto& [path, content] : files) {
+        Put(path, content);
+    }
 }
 
 std::string PhoneTest::Path(const std::string& file) const {
@@ -138,6 +141,10 @@ std::string PhoneTest::Path(const std::string& file) const {
 }
 
 void PhoneTest::Put(const std::string& file, const std::string& content) const {
+    if (content == MISSING) {
+        fs::remove_all(Path(file));
+        return;
+    }
     fs::create_directories(fs::path(Path(file)).parent_path());
     std::ofstream stream(Path(file), std::ios::binary);
     ASSERT_TRUE(stream << content << std::flush) << file;
@@ -145,15 +152,11 @@ void PhoneTest::Put(const std::string& file, const std::string& content) const {
 
 std::string PhoneTest::Get(const std::string& file) const {
     std::string content;
-    return ReadWholeFile(Path(file), content) ? content : "<missing>";
+    return ReadWholeFile(Path(file), content) ? content : MISSING;
 }
 
-void PhoneTest::Remove(const std::string& file) const {
-    ASSERT_GT(fs::remove_all(Path(file)), 0U) << file;
-}
-
-std::map<std::string, std::string> PhoneTest::State() const {
-    std::map<std::string, std::string> files;
+Files PhoneTest::State() const {
+    Files files;
     std::error_code missing;
     for (const auto& entry : fs::directory_iterator(Path(STATE), missing)) {
         const std::string name = entry.path().filename();
@@ -162,9 +165,18 @@ std::map<std::string, std::string> PhoneTest::State() const {
     return files;
 }
 
+std::string PhoneTest::Left() const {
+    std::string names;
+    for (const auto& [name, content] : State()) {
+        names += (names.empty() ? "" : " ") + name;
+    }
+    return names;
+}
+
 RunResult PhoneTest::Run(const Texts& faults, const std::string& tool) const {
     RunOptions options;
-    options.faults = faults;
+    std::copy_if(faults.begin(), faults.end(), std::back_inserter(options.faults),
+                 [](const std::string& fault) { return !fault.empty(); });
     options.launcher = Words(FFU_LAUNCHER);
     options.library = SIMPHONE_LIBRARY;
     const RunResult result = RunTool(directory, tool, options);
@@ -180,9 +192,13 @@ void PhoneTest::Reboot() const {
     ASSERT_TRUE(RebootPhone(directory, error)) << error;
 }
 
-Texts Console(const RunResult& result) {
+std::string ConsoleText(const RunResult& result) {
     static const std::regex stamp(R"(\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d \d{3}\] )");
-    std::istringstream stream(std::regex_replace(result.console, stamp, ""));
+    return std::regex_replace(result.console, stamp, "");
+}
+
+Texts Console(const RunResult& result) {
+    std::istringstream stream(ConsoleText(result));
     Texts lines;
     for (std::string line; std::getline(stream, line);) {
         lines.push_back(line);
@@ -208,6 +224,20 @@ Texts Requests(const RunResult& result) {
     return texts;
 }
 
+std::string Steps(const RunResult& result) {
+    const std::string start = "FFU process ";
+    std::string steps;
+    for (const std::string& text : SystemLog(result)) {
+        EXPECT_EQ(text.substr(0, start.size()), start);
+        steps += text.substr(std::min(start.size(), text.size()));
+    }
+    return steps;
+}
+
+void ExpectEnd(const std::string& text, const std::string& end) {
+    EXPECT_EQ(text.substr(text.size() - std::min(text.size(), end.size())), end);
+}
+
 Texts Tail(const Texts& log, size_t count) {
     return {log.end() - static_cast<ptrdiff_t>(std::min(count, log.size())), log.end()};
 }
@@ -219,46 +249,24 @@ long Count(const Texts& log, const std::string& text) {
 }
 
 void ExpectAllGivenBack(const RunResult& result) {
-    // What the call acquires or gives back; the prefixes keep the kinds apart.
-    const auto acquired = [](const CallEntry& call) -> std::string {
-        const bool failed = !call.error.empty();
-        if (call.function == "open" || call.function == "creat") {
-            return failed ? "" : "fd " + call.result;
-        }
-        if (call.function == "posix_memalign") {
-            return call.result == "0" ? "heap " + Argument(call, "pointer") : "";
-        }
-        const bool pointer = !failed && call.result.rfind("0x", 0) == 0;
-        if (call.function == "calloc" || call.function == "memalign") {
-            return pointer ? "heap " + call.result : "";
-        }
-        if (call.function == "fopen" || call.function == "mmap") {
-            return pointer ? call.function + " " + call.result : "";
-        }
-        return "";
-    };
-    const auto givenBack = [](const CallEntry& call) -> std::string {
-        if (call.function == "close") {
-            return "fd " + Argument(call, "fd");
-        }
-        const std::string pointer = Argument(call, "pointer");
-        if (call.function == "free") {
-            return "heap " + pointer;
-        }
-        return call.function == "fclose"   ? "fopen " + pointer
-               : call.function == "munmap" ? "mmap " + pointer
-                                           : "";
-    };
+    const Keys acquiring = {
+        {"open", "fd"},     {"creat", "fd"},      {"fopen", "stream"},       {"mmap", "map"},
+        {"calloc", "heap"}, {"memalign", "heap"}, {"posix_memalign", "heap"}};
+    const Keys giving = {
+        {"close", "fd"}, {"fclose", "stream"}, {"munmap", "map"}, {"free", "heap"}};
     std::set<std::string> held;
     for (const CallEntry& call : result.calls) {
-        const std::string acquires = acquired(call);
-        const std::string gives = givenBack(call);
-        if (!acquires.empty()) {
-            EXPECT_TRUE(held.insert(acquires).second) << acquires << " at call " << call.number;
+        const std::string pointer = Argument(call, "pointer");
+        const auto acquired = acquiring.find(call.function);
+        const auto given = giving.find(call.function);
+        if (acquired != acquiring.end() && call.error.empty() && call.result != "(nil)") {
+            const std::string what = acquired->second + (pointer.empty() ? call.result : pointer);
+            EXPECT_TRUE(held.insert(what).second) << what << " at call " << call.number;
         }
-        if (!gives.empty() && gives != "heap (nil)") {
-            EXPECT_EQ(held.erase(gives), 1U) << gives << " at call " << call.number;
+        if (given != giving.end() && pointer != "(nil)") {
+            const std::string what = given->second + Argument(call, "fd") + pointer;
+            EXPECT_EQ(held.erase(what), 1U) << what << " at call " << call.number;
         }
     }
-    EXPECT_TRUE(held.empty()) << *held.begin() << " and " << held.size() - 1 << " more are left";
+    EXPECT_TRUE(held.empty()) << *held.begin() << " is not given back";
 }

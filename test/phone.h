@@ -11,7 +11,9 @@
 #include <vector>
 
 using Texts = std::vector<std::string>;
-using Keys = std::map<std::string, std::string>; // of a description; the values as TOML has them
+using Keys = std::map<std::string, std::string>;  // of a description; the values as TOML has them
+using Files = std::map<std::string, std::string>; // path on the phone and content
+const std::string MISSING = "<missing>";          // the content of a file that is not there
 
 // The two phones of the tests, and the firmware that they run.
 const std::string EMMC_PNM = "SIM064";
@@ -57,29 +59,35 @@ protected:
     void SetUp() override;
     void TearDown() override;
 
-    // Makes the phone anew; nothing of the last one stays.
-    void Make(const std::string& description);
-    // A file of the phone, by its path there; folders are made as needed.
+    // Makes the phone anew and puts `files` on it; nothing of the last one stays.
+    void Make(const std::string& description, const Files& files = {});
+    // A file of the phone, by its path there; folders are made as needed, and MISSING removes the
+    // file.
     std::string Path(const std::string& file) const;
     void Put(const std::string& file, const std::string& content) const;
-    std::string Get(const std::string& file) const; // "<missing>" if it cannot be read
-    void Remove(const std::string& file) const;
-    // Name and content of every file in the state directory.
-    std::map<std::string, std::string> State() const;
+    std::string Get(const std::string& file) const; // MISSING if it cannot be read
+    // Name and content of every file in the state directory; the names alone, a blank between them.
+    Files State() const;
+    std::string Left() const;
 
-    // One run of the tool; it must end by itself and give back what it acquired.
+    // One run of the tool; it must end by itself and give back what it acquired. An empty text is
+    // no fault.
     RunResult Run(const Texts& faults = {}, const std::string& tool = FFU_PATH) const;
     void Reboot() const;
 
     std::string directory;
 };
 
-// The console line by line, without any time stamp.
+// The console without any time stamp, whole and line by line.
+std::string ConsoleText(const RunResult& result);
 Texts Console(const RunResult& result);
 // The texts, line ends included; each must have come untagged at error priority.
 Texts SystemLog(const RunResult& result);
 Texts Requests(const RunResult& result);
 
+// The system log as one text, without the "FFU process " that each message must begin with.
+std::string Steps(const RunResult& result);
+void ExpectEnd(const std::string& text, const std::string& end);
 Texts Tail(const Texts& log, size_t count);
 long Count(const Texts& log, const std::string& text); // of the entries that contain it
 
