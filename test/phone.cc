@@ -2,9 +2,9 @@
 #include "test/phone.h"
 
 #include <algorithm>
+#include <cctype>
 #include <filesystem>
 #include <fstream>
-#include <regex>
 #include <set>
 #include <sstream>
 
@@ -193,8 +193,17 @@ void PhoneTest::Reboot() const {
 }
 
 std::string ConsoleText(const RunResult& result) {
-    static const std::regex stamp(R"(\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d \d{3}\] )");
-    return std::regex_replace(result.console, stamp, "");
+    const std::string stamp = "[0000-00-00 00:00:00 000] ";
+    const auto fits = [](char c, char pattern) {
+        return pattern == '0' ? isdigit(static_cast<unsigned char>(c)) != 0 : pattern == c;
+    };
+    std::string text;
+    for (auto at = result.console.begin(); at != result.console.end();) {
+        const auto end = std::search(at, result.console.end(), stamp.begin(), stamp.end(), fits);
+        text.append(at, end);
+        at = end == result.console.end() ? end : end + static_cast<ptrdiff_t>(stamp.size());
+    }
+    return text;
 }
 
 Texts Console(const RunResult& result) {
