@@ -4,8 +4,8 @@
 
 #include <charconv>
 #include <climits>
-#include <cstdio>
 #include <cstring>
+#include <iomanip>
 #include <map>
 #include <sstream>
 #define TOML_EXCEPTIONS 0
@@ -126,29 +126,30 @@ static bool ParseAnswer(const std::string& text, Answer& answer) {
         {"sense", Answer::kSense},   {"descriptor-sense", Answer::kDescriptorSense},
         {"status", Answer::kStatus}, {"host", Answer::kHost},
         {"driver", Answer::kDriver}, {"good", Answer::kGood}};
-    const size_t blank = text.find(' ');
-    const auto found = kinds.find(text.substr(0, blank));
+    std::istringstream words(text);
+    std::string kind, rest;
+    words >> kind;
+    const auto found = kinds.find(kind);
     if (found == kinds.end()) {
         return false;
     }
     answer = {};
     answer.kind = found->second;
-    const char* value = blank == std::string::npos ? "" : text.c_str() + blank;
-    unsigned key = 0, asc = 0, ascq = 0;
-    int number = 0, end = 0;
-    if (answer.kind == Answer::kGood) {
-        return !*value;
-    }
+    bool right = true;
     if (answer.kind == Answer::kSense || answer.kind == Answer::kDescriptorSense) {
-        const int count = sscanf(value, "%x/%x/%x%n", &key, &asc, &ascq, &end);
+        unsigned key = 0, asc = 0, ascq = 0;
+        char slashes[2] = {};
+        words >> std::hex >> key >> slashes[0] >> asc >> slashes[1] >> ascq;
         answer.key = static_cast<uint8_t>(key);
         answer.asc = static_cast<uint8_t>(asc);
         answer.ascq = static_cast<uint8_t>(ascq);
-        return count == 3 && !value[end] && key < 16 && asc < 256 && ascq < 256;
+        right =
+            words && slashes[0] == '/' && slashes[1] == '/' && key < 16 && asc < 256 && ascq < 256;
+    } else if (answer.kind != Answer::kGood) {
+        words >> std::setbase(0) >> answer.value;
+        right = words && answer.value > 0 && answer.value < 256;
     }
-    const int count = sscanf(value, "%i%n", &number, &end);
-    answer.value = static_cast<unsigned>(number);
-    return count == 1 && !value[end] && number > 0 && number < 256;
+    return right && !(words >> rest);
 }
 
 // The keys are taken out of their table as they are read, so that what is left in the end is

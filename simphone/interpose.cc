@@ -57,8 +57,7 @@ static Node NodeOf(int fd) {
     return Node::kNone;
 }
 
-// The host's file system below a phone may not take direct I/O; what it demands is checked by
-// Misaligned.
+// The host's file system may not take direct I/O; Misaligned checks what a phone's would demand.
 template <typename Perform>
 static int OpenCall(const char* function, const char* path, int flags, Perform perform) {
     char arguments[32];
@@ -137,7 +136,11 @@ static char* RealPathCall(const char* path, char* resolved, Perform perform) {
             errno = ENOENT;
             return nullptr;
         }
-        return resolved ? strcpy(resolved, whole + root) : strdup(whole + root);
+        const char* inside = whole + root;
+        if (!resolved) {
+            return strdup(inside);
+        }
+        return static_cast<char*>(memcpy(resolved, inside, strlen(inside) + 1));
     });
 }
 
@@ -146,7 +149,7 @@ static void* AllocationCall(const char* function, const std::string& arguments, 
     void* place = Counted({function, "-", arguments}, static_cast<void*>(nullptr),
                           [&](Call&) { return perform(); });
     if (!place) {
-        errno = ENOMEM; // also where the fault names no error
+        errno = ENOMEM; // whatever the fault says: there is no other error
     }
     return place;
 }
@@ -172,9 +175,6 @@ int __open_2(const char* path, int flags);
 ssize_t __read_chk(int fd, void* data, size_t count, size_t size);
 char* __realpath_chk(const char* path, char* resolved, size_t size) noexcept;
 char* __fgets_chk(char* line, size_t space, int size, FILE* stream);
-}
-
-extern "C" {
 
 int open(const char* path, int flags, ...) {
     mode_t mode = 0;

@@ -28,6 +28,8 @@ static int Run(const std::string& directory, const std::string& tool, const RunO
     return result.signal ? 128 + result.signal : result.exitStatus;
 }
 
+// An exception ends the command with its text, as it should.
+// NOLINTNEXTLINE(bugprone-exception-escape)
 int main(int argc, char** argv) {
     CLI::App app("A phone that is a directory: its nodes, its storage device, its faults");
     app.require_subcommand(1);

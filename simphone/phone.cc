@@ -93,7 +93,7 @@ bool PutPackage(const std::string& packageFile, const std::string& directory, st
                   directory + "/vendor/firmware/" +
                       (phone.ufs ? "ufs_emer_fw.bin" : "emmc_emer_fw.bin"),
                   fs::copy_options::overwrite_existing, status);
-    error = packageFile + ": " + status.message();
+    error = status ? packageFile + ": " + status.message() : "";
     return !status;
 }
 
@@ -240,6 +240,7 @@ static std::string Library(const std::string& tool, const std::string& given) {
     dup2(open((directory + "/console.log").c_str(), flags | O_CLOEXEC, 0644), STDOUT_FILENO);
     dup2(open((directory + "/errors.log").c_str(), flags | O_CLOEXEC, 0644), STDERR_FILENO);
     std::vector<char*> arguments;
+    arguments.reserve(words.size() + 1);
     for (const std::string& word : words) {
         arguments.push_back(const_cast<char*>(word.c_str()));
     }

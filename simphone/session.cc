@@ -1,7 +1,7 @@
 // Attaches a phone to the process, counts the tool's calls, picks their faults and keeps the logs.
-// Each log line is one write, so that the logs are whole up to the last call when the process is
-// killed.
+// Each log line is one write: when the process is killed, the logs are whole up to its last call.
 #include "session.h"
+#include "attach.h"
 #include "files.h"
 
 #include <cstdlib>
@@ -16,10 +16,10 @@ Session* session = nullptr;
 static bool callUnderWay = false;
 
 // The executable segments of the program and of libsgutils2.
-struct Text {
+struct Segment {
     uintptr_t begin, end;
 };
-static Text texts[8];
+static Segment texts[8];
 static size_t textCount = 0;
 
 static int NoteText(dl_phdr_info* object, size_t, void* isProgram) {
@@ -109,8 +109,7 @@ static const Fault* FaultOf(const Call& call) {
     return met && CanHave(call.function, met->effect) ? met : nullptr;
 }
 
-// What has been printed so far. The C library's buffer is emptied first, which changes no byte of
-// it.
+// What has been printed so far, the C library's buffer included; it is emptied on the way.
 static long long ConsoleBytes() {
     fflush(stdout);
     return lseek(STDOUT_FILENO, 0, SEEK_CUR);
@@ -166,22 +165,18 @@ void LogSystemMessage(int priority, const char* tag, const std::string& text) {
                                        (tag ? tag : "-") + " " + Escaped(text));
 }
 
-extern "C" __attribute__((visibility("default"))) void simphone_detach() {
-    if (!session) {
-        return;
-    }
-    for (const int log : {session->callsLog, session->systemLog, session->requestsLog}) {
-        close(log);
-    }
-    delete session;
+void simphone_detach() {
+    Session* ended = session;
     session = nullptr;
+    if (ended) {
+        for (const int log : {ended->callsLog, ended->systemLog, ended->requestsLog}) {
+            close(log);
+        }
+    }
+    delete ended;
 }
 
-// Attaches the phone in `directory` to this process and starts a run; `faults` (may be null) are
-// texts, one a line. Returns 0, or -1 with a text on the standard error and no phone attached. What
-// was attached before is detached; descriptors that the tool still holds are left alone.
-extern "C" __attribute__((visibility("default"))) int simphone_attach(const char* directory,
-                                                                      const char* faults) {
+int simphone_attach(const char* directory, const char* faults) {
     simphone_detach();
     auto* run = new Session{};
     std::string error;
