@@ -12,9 +12,6 @@ class RunTest : public PhoneTest {};
 const std::string RECORD = CLOCK_TEXT + "product name:SIM064, current fw version:FW000001, "
                                         "upgrading to version:FW000002\n";
 
-const std::string OLDER_RECORD = CLOCK_TEXT + "product name:SIM064, current fw version:FW000000, "
-                                              "upgrading to version:FW000001\n";
-
 // Messages of run control, without their common start.
 const std::string FIRST = "BeginFlag: remove /data/vendor/fw/ffu.end: -1\n";
 const std::string FOUND = "CheckFwBin: pnm:SIM064 current:FW000001, fwBinRev:FW000002\n";
@@ -293,28 +290,6 @@ TEST_F(RunTest, MessageWithoutLocalTimeIsReplaced) {
     EXPECT_EQ(
         State(),
         (Files{{"ffu.end", ""}, {"ffu.ok", ""}, {"fw_result", RECORD.substr(CLOCK_TEXT.size())}}));
-}
-
-// Whatever call of the run fails: it ends by itself with everything given back, and success is only
-// told of firmware that the device has installed.
-TEST_F(RunTest, AnyCallMayFail) {
-    for (const std::string& phone : {GkiPhone(), NormalPhone()}) {
-        const Files files = {{EMMC_PACKAGE, EmmcEntry()}, {STATE + "/fw_result", OLDER_RECORD}};
-        Make(phone, files);
-        std::map<std::string, int> calls;
-        for (const CallEntry& call : Run().calls) {
-            const std::string fault = call.function + " #" + std::to_string(++calls[call.function]);
-            if (Count({"free", "gettimeofday", "localtime", "__android_log_print"}, call.function) >
-                0) {
-                continue; // no failure, or one that only the console shows
-            }
-            SCOPED_TRACE(fault);
-            Make(phone, files);
-            const RunResult result = Run({fault + " EIO"});
-            EXPECT_TRUE(result.exitStatus == 0 || result.exitStatus == 255) << result.errors;
-            EXPECT_TRUE(State().count("ffu.ok") == 0 || Get("/device/pending") == "");
-        }
-    }
 }
 
 } // namespace
