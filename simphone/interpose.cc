@@ -31,7 +31,11 @@
 #define SAME(other, name) asm(".globl " #other "\n.set " #other ", " #name "\n")
 
 template <typename Value> static std::string Text(const char* name, Value value) {
-    return std::string(name) + "=" + ResultText(value);
+    if constexpr (std::is_pointer_v<Value>) {
+        return std::string(name) + "=" + ResultText(value);
+    } else {
+        return std::string(name) + "=" + std::to_string(value);
+    }
 }
 
 static OpenFile Opened(int fd) {

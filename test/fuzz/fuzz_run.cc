@@ -1,0 +1,60 @@
+// Whole runs: any nodes, any record, any package, on an eMMC phone (GKI mode) or a UFS phone. The
+// first byte chooses; then stand, each behind its length, the nodes and the record; the rest is the
+// package.
+#include "fuzz_phone.h"
+#include "run/run_values.h"
+#include "run/update_run.h"
+
+#include <algorithm>
+
+static std::string_view Take(std::string_view& input) {
+    if (input.empty()) {
+        return input;
+    }
+    const std::string_view taken = input.substr(1, static_cast<unsigned char>(input[0]));
+    input.remove_prefix(1 + taken.size());
+    return taken;
+}
+
+static long CountOf(const std::string& text, const std::string& part) {
+    long count = 0;
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
+        count++;
+    }
+    return count;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    static const FuzzPhone phones[] = {FuzzPhone(EMMC_PHONE), FuzzPhone(UFS_PHONE)};
+    if (size == 0) {
+        return 0;
+    }
+    const bool ufs = (data[0] & 1) != 0;
+    const FuzzPhone& phone = phones[ufs ? 1 : 0];
+    std::string_view input(reinterpret_cast<const char*>(data) + 1, size - 1);
+    phone.Put("/proc/bootdevice/product_name", Take(input));
+    if (ufs) {
+        phone.Put("/proc/bootdevice/manfid", Take(input));
+        phone.Put("/proc/bootdevice/rev", Take(input));
+    } else {
+        phone.Put("/sys/class/mmc_host/mmc0/mmc0:0001/cid", Take(input));
+    }
+    const std::string_view record = Take(input);
+    std::filesystem::remove(phone.directory + RESULT_FILE);
+    if (!record.empty()) {
+        phone.Put(RESULT_FILE, record);
+    }
+    phone.Put(ufs ? UFS_FW_PACKAGE : EMMC_FW_PACKAGE, input);
+    std::filesystem::remove(phone.directory + "/requests.log");
+
+    phone.Attach();
+    const int status = UpdateRun();
+    simphone_detach();
+    Require(status == 0, "the run ends with 0");
+    std::string requests, after;
+    Require(ReadWholeFile(phone.directory + "/requests.log", requests), "requests are logged");
+    Require(CountOf(requests, "SG_IO") + CountOf(requests, "GKI write") <= 1, "one download");
+    (void)!ReadWholeFile(phone.directory + RESULT_FILE, after);
+    Require(after.compare(0, record.size(), record) == 0, "the record only grows");
+    return 0;
+}
