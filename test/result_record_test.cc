@@ -73,6 +73,11 @@ std::string NotYet(const std::string& base, const std::string& target) {
            "WriteResultFile: open ffu result file failed! Read-only file system\n";
 }
 
+std::string LongLine(size_t size) {
+    const std::string line = Record("A", "FW000002").substr(CLOCK_TEXT.size());
+    return std::string(size - line.size(), 'x') + line;
+}
+
 const Case CASES[] = {
     {"empty", GkiPhone(), "", NO_PARSE},
     {"one line end", GkiPhone(), "\n", NO_PARSE},
@@ -89,15 +94,13 @@ const Case CASES[] = {
     {"target of nine bytes", GkiPhone(), Record("12345678", "FW0000029"), TOO_LONG},
     {"target shorter than the package's", GkiPhone(), Record("A", "FW00000"),
      NotYet("A", "FW00000")},
-    {"last line of 1024 bytes: its last piece is the line end", GkiPhone(),
-     std::string(1023 - Record("A", "FW000002").size() + 26, 'x') +
-         Record("A", "FW000002").substr(25),
-     NO_PARSE},
-    {"keys in the last piece of an over-long line", GkiPhone(),
-     std::string(1023, 'x') + Record("A", "FW000002").substr(25),
+    {"last line of 1023 bytes, the most that arrive in one piece", GkiPhone(), LongLine(1023),
      Attempted("A", "FW000002", "FW000002")},
-    {"key split by the pieces of an over-long line", GkiPhone(),
-     std::string(1000, 'x') + Record("A", "FW000002").substr(25), NO_PARSE},
+    {"last line of 1024 bytes: its line end is the last piece", GkiPhone(), LongLine(1024),
+     NO_PARSE},
+    {"keys in the last piece of an over-long line", GkiPhone(), LongLine(1023 + 73),
+     Attempted("A", "FW000002", "FW000002")},
+    {"key split by the pieces of an over-long line", GkiPhone(), LongLine(1023 + 43), NO_PARSE},
     {"text behind the last line end", GkiPhone(), Record("A", "FW000002") + "x", NO_PARSE},
     {"UFS target that begins with the package's", UfsPhone(), Record("0800", "0900more"),
      Attempted("0800", "0900more", "0900")},

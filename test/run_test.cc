@@ -132,7 +132,13 @@ TEST_F(RunTest, FlagsAreClearedButNeverTruncated) {
                       {STATE + "/ffu.ok", "old"},
                       {STATE + "/ffu.fail", "old"},
                       {STATE + "/ufs_fw_body.bin", "old"}});
-    (void)Run({"remove /data/vendor/fw/ffu.ok EROFS", "remove /data/vendor/fw/ffu.bgn EROFS"});
+    const RunResult result =
+        Run({"remove /data/vendor/fw/ffu.ok EROFS", "remove /data/vendor/fw/ffu.bgn EROFS"});
+    std::string removed;
+    for (const CallEntry& call : result.calls) {
+        removed += call.function == "remove" ? call.path.substr(STATE.size()) : "";
+    }
+    EXPECT_EQ(removed, "/ffu.end/ffu.ok/ffu.fail/ufs_fw_body.bin/ufs_fw_body.bin/ffu.bgn");
     EXPECT_EQ(State(), (Files{{"ffu.bgn", "begun"},
                               {"ffu.end", ""},
                               {"ffu.ok", "old" + CLOCK_TEXT},
