@@ -1,0 +1,25 @@
+// The subcommands of fwlab. Each prints its answer and returns the exit status, 0 or 1, or throws
+// Stop.
+#pragma once
+
+#include "fwlab/package.h"
+
+// Builds the package of a manifest at output. What was there is replaced by a whole package or
+// stays as it was. withLargeEmmc admits images that only the kernel's own update (GKI mode) takes.
+int Pack(const std::string& manifestFile, const std::string& output, bool withLargeEmmc);
+
+int List(const std::string& packageFile, bool asJson);
+
+// recordFile may be empty: the phone has made no attempt yet.
+int Match(const std::string& packageFile, const Identity& device, const std::string& recordFile);
+
+struct RehearseOptions {
+    std::string package, phone; // the package and the phone's description
+    std::string tool;           // the ffu to run
+    std::string keep;           // the phone's directory, which stays; empty for a temporary one
+    std::vector<std::string> faults;
+    bool runAgain;
+};
+int Rehearse(const RehearseOptions& options);
+
+int Outcome(const std::string& directory);

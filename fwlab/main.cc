@@ -1,0 +1,121 @@
+// The workstation tool: builds firmware packages, looks into them, tells what a phone would do with
+// them, tries that on a simulated phone, and explains what runs have left on phones.
+#include "fwlab/commands.h"
+#include "fwlab/manifest.h"
+
+#include <CLI/CLI.hpp>
+#include <filesystem>
+#include <iostream>
+
+namespace {
+
+// What the command line says; the parser runs the command that it names.
+struct Arguments {
+    std::string manifest, package, output, phone, record, directory;
+    bool gkiOnly, json;
+    DeviceOptions device;
+    RehearseOptions rehearsal;
+    int status; // of the command
+};
+
+void AddPack(CLI::App& app, Arguments& args) {
+    CLI::App* pack = app.add_subcommand("pack", "Build a package from a manifest");
+    pack->add_option("MANIFEST.toml", args.manifest, "what goes into it")->required();
+    pack->add_option("-o,--output", args.output, "the package")->required();
+    pack->add_flag("--gki-only", args.gkiOnly, "admit eMMC images above 1 MiB");
+    pack->footer("fwlab/emmc-package.toml and fwlab/ufs-package.toml explain manifests. Exit "
+                 "status 1: refused, as a phone would not treat it as meant. A device that an "
+                 "entry describes must get this very entry from each of its base revisions.");
+    pack->callback([&] { args.status = Pack(args.manifest, args.output, args.gkiOnly); });
+}
+
+void AddList(CLI::App& app, Arguments& args) {
+    CLI::App* list = app.add_subcommand("list", "Show the entries of a package and its flaws");
+    list->add_option("PACKAGE", args.package, "the package")->required();
+    list->add_flag("--json", args.json, "for programs");
+    list->footer("Exit status 1: there are findings. Bytes that are not printable are shown as "
+                 "\\n, \\\\ and \\xHH.");
+    list->callback([&] { args.status = List(args.package, args.json); });
+}
+
+void AddMatch(CLI::App& app, Arguments& args) {
+    DeviceOptions& device = args.device;
+    CLI::App* match = app.add_subcommand("match", "Tell what a phone would do with a package");
+    match->add_option("PACKAGE", args.package, "the package")->required();
+    auto* phone = match->add_option("--phone", args.phone, "a simulated phone; or by hand:");
+    match->add_option("--manfid", device.manfid, "UFS: as manfid prints it")->excludes(phone);
+    match->add_option("--manufacturer-id", device.manufacturerId, "eMMC: MID")->excludes(phone);
+    match->add_option("--product", device.product, "product name: a text or [BYTES]");
+    match->add_option("--ext-csd-rev", device.extCsdRev, "eMMC: 7 for 5.0, 8 for 5.1");
+    match->add_option("--revision", device.revision, "running revision: a text or [BYTES]");
+    match->add_option("--record", args.record, "its fw_result")->check(CLI::ExistingFile);
+    match->footer("Exit status 0: the pre-check goes on and the update downloads what it saw.");
+    match->callback([&] {
+        args.status =
+            Match(args.package, args.phone.empty() ? ReadDevice(device) : ReadPhone(args.phone),
+                  args.record);
+    });
+}
+
+void AddRehearse(CLI::App& app, Arguments& args) {
+    RehearseOptions& options = args.rehearsal;
+    options.tool = std::filesystem::read_symlink("/proc/self/exe").parent_path() / "ffu";
+    CLI::App* rehearse = app.add_subcommand("rehearse", "Run ffu on a simulated phone");
+    rehearse->add_option("PACKAGE", options.package, "the package")->required();
+    rehearse->add_option("--phone", options.phone, "the phone's description")->required();
+    rehearse->add_option("--fault", options.faults, "a call that fails (see simphone/emmc.toml)")
+        ->type_size(1);
+    rehearse->add_option("--tool", options.tool, "the ffu to run, if not the one beside fwlab");
+    rehearse->add_option("--keep", options.keep, "make the phone in this directory and keep it");
+    rehearse->add_flag("--reboot-and-run-again", options.runAgain,
+                       "run again after the restart: that run must find nothing to do");
+    rehearse->footer("Exit status 0: the device took the entry's body, and the phone runs its "
+                     "revision after a restart.");
+    rehearse->callback([&] { args.status = Rehearse(options); });
+}
+
+void AddOutcome(CLI::App& app, Arguments& args) {
+    CLI::App* outcome = app.add_subcommand("outcome", "Explain a phone's /data/vendor/fw");
+    outcome->add_option("DIR", args.directory, "the directory, pulled from a phone")->required();
+    outcome->footer("Exit status 0: the last run came to its regular end, and no failed update or "
+                    "damaged record is left.");
+    outcome->callback([&] { args.status = Outcome(args.directory); });
+}
+
+int Run(int argc, char** argv) {
+    CLI::App app("Makes, inspects, matches and rehearses firmware packages");
+    app.require_subcommand(1);
+    app.footer("Exit status: 0 fine, 1 the answer is no or there are findings, 2 wrong usage or "
+               "input that cannot be read.");
+    Arguments args = {};
+    AddPack(app, args);
+    AddList(app, args);
+    AddMatch(app, args);
+    AddRehearse(app, args);
+    AddOutcome(app, args);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? 0 : 2;
+    }
+    return args.status;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    int status = 2;
+    try {
+        status = Run(argc, argv);
+    } catch (const Stop& stop) {
+        std::cerr << "fwlab: " << stop.text << "\n";
+        status = stop.status;
+    } catch (const std::exception& error) {
+        std::cerr << "fwlab: " << error.what() << "\n";
+    }
+    if (fflush(stdout) != 0) {
+        std::cerr << "fwlab: the answer could not be written\n";
+        status = 2;
+    }
+    return status;
+}

@@ -1,0 +1,112 @@
+// Explains a phone's state directory, from the flags and the record that a run can leave there.
+// Called by hand and after a rehearsal; only reads.
+#include "fwlab/outcome.h"
+
+#include "fwlab/commands.h"
+#include "fwlab/selection.h"
+#include "run/result_record.h"
+#include "simphone/files.h"
+
+#include <cstring>
+#include <filesystem>
+#include <fmt/format.h>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+struct State {
+    bool begun, ended, passed, failed, recorded;
+};
+
+std::string LastRun(const State& state) {
+    if (state.begun && state.ended) {
+        return "The last run left both run flags, as one could not be removed.";
+    }
+    if (state.ended) {
+        return state.passed ? "The last run came to its regular end: it updated the device, or "
+                              "found nothing to do after a run that had."
+                            : "The last run came to its regular end: it found nothing to do.";
+    }
+    if (!state.begun) {
+        return "The last run could not create its begin flag or its end flag.";
+    }
+    const std::string when = state.passed     ? "the power failed after its update"
+                             : state.failed   ? "its update failed"
+                             : state.recorded ? "the power failed during its update"
+                                              : "it found no storage device";
+    return "The last run stopped before its regular end (or is under way): " + when +
+           ", or it could not use the device's nodes, the package or the record.";
+}
+
+std::string LastUpdate(const State& state, const std::string& time) {
+    if (state.passed && state.failed) {
+        return "It cannot be told whether the last update passed: both outcome flags are there.";
+    }
+    if (state.passed || state.failed) {
+        return fmt::format("The last update that was started {} ({}).",
+                           state.passed ? "passed" : "failed", time);
+    }
+    return state.recorded ? "The last update that was started has no outcome."
+                          : "No update was started.";
+}
+
+std::string NextRun(const State& state, const Record& record) {
+    if (!state.recorded) {
+        return "The next run will attempt the update that its package has for the device, if any.";
+    }
+    if (!record.isReadable) {
+        return fmt::format("The next run that has an update to attempt will stop without it, as "
+                           "will all later ones: fw_result cannot be read back ({}).",
+                           fmt::join(record.messages, "; "));
+    }
+    return fmt::format("The next run will not attempt {} (again), which was attempted from {}; it "
+                       "will attempt any other revision that its package has for the device.",
+                       Quoted(record.target), Quoted(record.base));
+}
+
+} // namespace
+
+Record ReadRecord(const std::string& path) {
+    (void)TakePhoneMessages();
+    char line[RESULT_LINE_SIZE] = {};
+    char base[REV_SIZE + 1] = {};
+    char target[REV_SIZE + 1] = {};
+    const bool isReadable = ParseResultFile(path.c_str(), line) == 0 &&
+                            SubParseResultFile(line, BASE_REV_KEY, ',', base) == 0 &&
+                            SubParseResultFile(line, TARGET_REV_KEY, '\n', target) == 0;
+    return {isReadable, base, target, TakePhoneMessages()};
+}
+
+bool IsAttempted(const Record& record, const std::string& revision) {
+    return strncmp(record.target.c_str(), revision.c_str(), strlen(revision.c_str())) == 0;
+}
+
+StateReport DescribeState(const std::string& directory) {
+    const auto file = [&](const char* phonePath) {
+        return directory / fs::path(phonePath).filename();
+    };
+    const auto has = [&](const char* phonePath) { return fs::exists(file(phonePath)); };
+    const State state = {has(BEGIN_FLAG), has(END_FLAG), has(OK_FLAG), has(FAIL_FLAG),
+                         has(RESULT_FILE)};
+    const Record record = state.recorded ? ReadRecord(file(RESULT_FILE)) : Record{true, "", "", {}};
+    if (!state.begun && !state.ended && !state.passed && !state.failed && !state.recorded) {
+        return {false, "No run has left a trace: the tool never ran here, or could not create its "
+                       "begin flag. " +
+                           NextRun(state, record)};
+    }
+    std::string time;
+    (void)ReadWholeFile(file(state.passed ? OK_FLAG : FAIL_FLAG), time); // there may be none
+    time = Escaped(time.substr(0, time.find('\n')));
+    return {state.ended && !state.begun && !state.failed && record.isReadable,
+            LastRun(state) + " " + LastUpdate(state, time) + " " + NextRun(state, record)};
+}
+
+int Outcome(const std::string& directory) {
+    if (!fs::is_directory(directory)) {
+        throw Stop{2, directory + ": not a directory"};
+    }
+    const StateReport report = DescribeState(directory);
+    fmt::print("{}\n", report.text);
+    return report.isFine ? 0 : 1;
+}
