@@ -13,21 +13,21 @@
 using Texts = std::vector<std::string>;
 using Keys = std::map<std::string, std::string>;  // of a description; the values as TOML has them
 using Files = std::map<std::string, std::string>; // path on the phone and content
-const std::string MISSING = "<missing>";          // the content of a file that is not there
+inline const std::string MISSING = "<missing>";   // the content of a file that is not there
 
 // The two phones of the tests, and the firmware that they run.
-const std::string EMMC_PNM = "SIM064";
-const std::string EMMC_REV = "FW000001";
-const std::string EMMC_NEW_REV = "FW000002";
-const std::string UFS_MID = "0x0001ce";
-const std::string UFS_PNM = "SIMUFS128G-B0B1 ";
-const std::string UFS_REV = "0800";
-const std::string UFS_NEW_REV = "0900";
+inline const std::string EMMC_PNM = "SIM064";
+inline const std::string EMMC_REV = "FW000001";
+inline const std::string EMMC_NEW_REV = "FW000002";
+inline const std::string UFS_MID = "0x0001ce";
+inline const std::string UFS_PNM = "SIMUFS128G-B0B1 ";
+inline const std::string UFS_REV = "0800";
+inline const std::string UFS_NEW_REV = "0900";
 
-const std::string EMMC_PACKAGE = "/vendor/firmware/emmc_emer_fw.bin";
-const std::string UFS_PACKAGE = "/vendor/firmware/ufs_emer_fw.bin";
-const std::string STATE = "/data/vendor/fw";
-const std::string CLOCK_TEXT =
+inline const std::string EMMC_PACKAGE = "/vendor/firmware/emmc_emer_fw.bin";
+inline const std::string UFS_PACKAGE = "/vendor/firmware/ufs_emer_fw.bin";
+inline const std::string STATE = "/data/vendor/fw";
+inline const std::string CLOCK_TEXT =
     "Sat Mar  7 09:05:02 2026\n"; // the phones' clock, in the state files
 
 // Descriptions; `overrides` replaces or adds keys, such as {{"ext_csd_rev", "6"}}.
