@@ -3,6 +3,7 @@
 #include "test/phone.h"
 
 #include <algorithm>
+#include <filesystem>
 
 namespace {
 
@@ -29,6 +30,11 @@ const std::string INSTALL_FAIL =
     "DoEmmc50Ffu,line=403: eMMC5.0 ffu install image fail\n" + UPDATE_FAIL;
 const std::string DOWNLOADED = "DoEmmc50Ffu,line=396: eMMC5.0 ffu download image sucessful\n";
 const std::string UPDATED = "EmmcFfu,line=277: emmc firmware update sucess...\n";
+
+const std::string MATCHED = "EmmcFwhdrCheck,line=184: fwbin file have fwinfo match current device\n"
+                            "EmmcFfu,line=273: emmc need update...\n"
+                            "DoEmmcFfu,line=207: emmc 5.0 or higher do firmware update\n" +
+                            GKI_MODE + "DoEmmc50Ffu,line=418: eMMC5.0 ffu sucessful\n" + UPDATED;
 
 std::string Retry(const std::string& error, int left) {
     return "DoEmmc50Ffu,line=415: emmc firmware GKI error " + error + ", retry " +
@@ -110,6 +116,14 @@ const Case CASES[] = {
      NOTHING, With(EmmcEntry(), EMMC_MID_FIELD, "\x14") + EmmcEntry(EMMC_REV) + EmmcEntry()},
     {"differs in serial number and product revision", GkiPhone(), "", UPDATED, PASS,
      With(With(EmmcEntry(), EMMC_PRV_FIELD, "\x55"), EMMC_PSN_FIELD, "\x55\x55\x55\x55")},
+    {"body that just fits", GkiPhone(), "", "(emmc fw) emmcFwSize= 00000038\n" + MATCHED, PASS,
+     With(EmmcEntry("FW000009"), EMMC_SIZE_FIELD, BigEndian32(56)) + EmmcEntry()},
+    {"body of the lower entry beyond the end", GkiPhone(), "",
+     "(emmc fw) emmcFwSize= 00000004\n" + MATCHED, PASS,
+     With(EmmcEntry("FW000009"), EMMC_SIZE_FIELD, BigEndian32(57)) + EmmcEntry()},
+    {"body of the lower entry far beyond the end", GkiPhone(), "",
+     "(emmc fw) emmcFwSize= 00000004\n" + MATCHED, PASS,
+     With(EmmcEntry("FW000009"), EMMC_SIZE_FIELD, BigEndian32(0xFFFFFFFF)) + EmmcEntry()},
     {"older revision", GkiPhone(), "", UPDATED, PASS, EmmcEntry("FW000000")},
     {"eMMC 4.5", GkiPhone({{"ext_csd_rev", "6"}}), "",
      "EmmcFfu,line=273: emmc need update...\n"
@@ -205,6 +219,20 @@ TEST_F(EmmcTest, UnwritableKernelNodeMeansNormalMode) {
     const RunResult result = Run({"access /proc/bootdevice/ffu EACCES"});
     EXPECT_EQ(Left(), PASS);
     EXPECT_EQ(Count(Requests(result), "GKI"), 0);
+    for (const CallEntry& call : result.calls) {
+        EXPECT_TRUE(call.path != "/proc/bootdevice/ffu" || call.arguments == "mode=2"); // W_OK
+    }
+}
+
+TEST_F(EmmcTest, NodeIsOpenedWhereItsLinkLeads) {
+    Make(NormalPhone(), {{EMMC_PACKAGE, EmmcEntry()}, {"/dev/block/mmcblk0", MISSING}});
+    Put("/dev/block/real", "");
+    std::filesystem::create_symlink("real", Path("/dev/block/mmcblk0"));
+    EXPECT_EQ(Tail(Console(Run({"open /dev/block/real #3 EACCES"})), 2),
+              (Texts{"DoEmmc50Ffu,line=384: Could open /dev/block/mmcblk0",
+                     "EmmcFfu,line=279: emmc firmware update fail..."}));
+    EXPECT_EQ(Console(Run({"open /dev/block/real EACCES"})).back(),
+              "EmmcGetExtCsd,line=249: Could not open /dev/block/real");
 }
 
 TEST_F(EmmcTest, RegistersAreTakenInEitherCaseAndNeverGarbled) {

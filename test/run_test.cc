@@ -134,11 +134,15 @@ TEST_F(RunTest, FlagsAreClearedButNeverTruncated) {
                       {STATE + "/ufs_fw_body.bin", "old"}});
     const RunResult result =
         Run({"remove /data/vendor/fw/ffu.ok EROFS", "remove /data/vendor/fw/ffu.bgn EROFS"});
-    std::string removed;
+    Texts order;
     for (const CallEntry& call : result.calls) {
-        removed += call.function == "remove" ? call.path.substr(STATE.size()) : "";
+        if ((call.function == "open" || call.function == "remove") && call.path.find(STATE) == 0) {
+            order.push_back(call.function + call.path.substr(STATE.size()));
+        }
     }
-    EXPECT_EQ(removed, "/ffu.end/ffu.ok/ffu.fail/ufs_fw_body.bin/ufs_fw_body.bin/ffu.bgn");
+    EXPECT_EQ(order, (Texts{"remove/ffu.end", "open/ffu.bgn", "open/fw_result", "remove/ffu.ok",
+                            "remove/ffu.fail", "remove/ufs_fw_body.bin", "remove/ufs_fw_body.bin",
+                            "open/ffu.ok", "remove/ffu.bgn", "open/ffu.end"}));
     EXPECT_EQ(State(), (Files{{"ffu.bgn", "begun"},
                               {"ffu.end", ""},
                               {"ffu.ok", "old" + CLOCK_TEXT},
