@@ -88,7 +88,7 @@ void Print(const Json& object, const char* margin) {
         } else {
             std::string text = value.is_array() ? "" : Shown(value);
             for (const Json& element : value.is_array() ? value : Json::array()) {
-                text += Shown(element) + " ";
+                text += (text.empty() ? "" : " ") + Shown(element);
             }
             fmt::print("{}{:<17}{}\n", margin, key, text);
         }

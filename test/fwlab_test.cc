@@ -253,6 +253,10 @@ TEST_F(FwlabTest, ListFindsWhatPhonesPassOver) {
         }
         Expect(Fwlab("list --json package"), 1, "\"findings\": [");
     }
+    // Slots that are left free admit nobody, whatever fills them.
+    Write("package",
+          With(With(ufs, UFS_BASE_FIELD, "0800" + std::string(12, '\xFF')), {52, 4}, ""));
+    Expect(Fwlab("list package"), 0, "base_revisions   \"0800\"\n");
 }
 
 TEST_F(FwlabTest, ListMapsLargePackages) {
@@ -279,6 +283,10 @@ TEST_F(FwlabTest, MatchTellsBothDecisions) {
         std::string texts;
     } rows[] = {
         {"no entry", UfsPhone(), Body(200), "", 1, "pre-check: nothing to do: no entry"},
+        {"body past the end", UfsPhone(), With(UfsEntry(), UFS_SIZE_FIELD, BigEndian32(5)), "", 1,
+         "pre-check: nothing to do: no entry*update (not reached): nothing to do: no entry"},
+        {"last offset", GkiPhone(), EmmcEntry(EMMC_NEW_REV, ""), "", 1,
+         "pre-check: nothing to do: no entry*update (not reached): goes on: takes entry 1"},
         {"same revision", UfsPhone(), UfsEntry("0800"), "", 1,
          "pre-check: nothing to do: takes entry 1 at 0x0, revision \"0800\"*(not reached)"},
         {"base revision", UfsPhone(), With(UfsEntry(), UFS_BASE_FIELD, "0700"), "", 1,
