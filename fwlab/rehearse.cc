@@ -156,6 +156,6 @@ int Rehearse(const RehearseOptions& options) {
     if (options.runAgain) {
         isUpdated = FindsNothingToDo(options.tool, phone) && isUpdated;
     }
-    fmt::print("The phone is {}updated.\n", isUpdated ? "" : "NOT ");
+    fmt::print("The phone is {}updated as meant.\n", isUpdated ? "" : "NOT ");
     return isUpdated ? 0 : 1;
 }

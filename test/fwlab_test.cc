@@ -130,7 +130,7 @@ TEST_F(FwlabTest, FromManifestToUpdatedPhone) {
                "log     | FFU process CheckBaseRev: *console | *"
                "device  | *log     | FFU process UpdateResultFlag: update to *exit status 0*"
                "The device took *The second run:*is as new as fwBin*"
-               "The second run found nothing to do.*The phone is updated.");
+               "The second run found nothing to do.*The phone is updated as meant.");
     }
 }
 
