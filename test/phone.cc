@@ -18,7 +18,7 @@ std::string Description(Keys keys, const Keys& overrides) {
     }
     std::string text;
     for (const auto& [key, value] : keys) {
-        text += key + " = " + value + "\n";
+        text.append(key).append(" = ").append(value).append("\n");
     }
     return text;
 }
@@ -160,7 +160,7 @@ Files PhoneTest::State() const {
     std::error_code missing;
     for (const auto& entry : fs::directory_iterator(Path(STATE), missing)) {
         const std::string name = entry.path().filename();
-        files[name] = entry.is_directory() ? "<directory>" : Get(STATE + "/" + name);
+        files[name] = Get(std::string(STATE).append("/").append(name)); // MISSING: a directory
     }
     return files;
 }
@@ -168,7 +168,7 @@ Files PhoneTest::State() const {
 std::string PhoneTest::Left() const {
     std::string names;
     for (const auto& [name, content] : State()) {
-        names += (names.empty() ? "" : " ") + name;
+        names.append(names.empty() ? "" : " ").append(name);
     }
     return names;
 }
@@ -179,7 +179,7 @@ RunResult PhoneTest::Run(const Texts& faults, const std::string& tool) const {
                  [](const std::string& fault) { return !fault.empty(); });
     options.launcher = Words(FFU_LAUNCHER);
     options.library = SIMPHONE_LIBRARY;
-    const RunResult result = RunTool(directory, tool, options);
+    RunResult result = RunTool(directory, tool, options);
     EXPECT_EQ(result.error, "");
     EXPECT_EQ(result.signal, 0) << result.errors;
     EXPECT_FALSE(result.timedOut);

@@ -7,6 +7,8 @@
 #include <string>
 
 extern "C" {
+// The names are the linker's.
+// NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 int __real_memcpy_s(void* dest, size_t destSize, const void* src, size_t count);
 int __real_memset_s(void* dest, size_t destSize, int value, size_t count);
 
@@ -40,4 +42,5 @@ int __wrap_snprintf_s(char* dest, size_t destSize, size_t count, const char* for
     va_end(args);
     return written;
 }
+// NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 }
