@@ -30,6 +30,7 @@ const std::string OLD_TIME = "Fri Mar  6 09:05:02 2026\n";
 
 struct Scenario {
     std::string name, phone, package, deviceFault;
+    std::string updates; // the requests of the base run, see Letter
     bool isUfs = false;
     std::string attempt = {}; // the second line of the record that a run may append
     Files files = {};         // in the state directory before the run
@@ -68,18 +69,18 @@ const std::regex SILENT("(munmap|fclose|fsync|time|ctime|gettimeofday) .*"
 std::vector<Scenario> Scenarios() {
     const std::string emmc = EmmcEntry(EMMC_NEW_REV, BODY), ufs = UfsEntry(UFS_NEW_REV, BODY);
     std::vector<Scenario> scenarios = {
-        {"GKI", GkiPhone(), emmc, ""},
-        {"GKI, refused", GkiPhone(), emmc, "write /proc/bootdevice/ffu EIO"},
-        {"GKI, runs already", GkiPhone(), EmmcEntry(EMMC_REV, BODY), ""},
-        {"GKI, no match", GkiPhone(), With(emmc, EMMC_MID_FIELD, "x"), ""},
-        {"normal", NormalPhone(), emmc, ""},
-        {"normal, no download", NormalPhone(), emmc, "FFU_DOWNLOAD EIO"},
-        {"normal, no install", NormalPhone(), emmc, "FFU_INSTALL EIO"},
-        {"normal, no match", NormalPhone(), With(emmc, EMMC_REV_FIELD, "x"), ""},
-        {"UFS", UfsPhone(), ufs, "", true},
-        {"UFS, reset", UfsPhone({{"write_buffer", "'sense 5/26/00'"}}), ufs, "", true},
-        {"UFS, runs already", UfsPhone(), UfsEntry(UFS_REV, BODY), "", true},
-        {"UFS, no match", UfsPhone(), With(ufs, UFS_MID_FIELD, "x"), "", true},
+        {"GKI", GkiPhone(), emmc, "", "G"},
+        {"GKI, refused", GkiPhone(), emmc, "write /proc/bootdevice/ffu EIO", "gggg"},
+        {"GKI, runs already", GkiPhone(), EmmcEntry(EMMC_REV, BODY), "", ""},
+        {"GKI, no match", GkiPhone(), With(emmc, EMMC_MID_FIELD, "x"), "", ""},
+        {"normal", NormalPhone(), emmc, "", "DI"},
+        {"normal, no download", NormalPhone(), emmc, "FFU_DOWNLOAD EIO", "d"},
+        {"normal, no install", NormalPhone(), emmc, "FFU_INSTALL EIO", "Di"},
+        {"normal, no match", NormalPhone(), With(emmc, EMMC_REV_FIELD, "x"), "", ""},
+        {"UFS", UfsPhone(), ufs, "", "B", true},
+        {"UFS, reset", UfsPhone({{"write_buffer", "'sense 5/26/00'"}}), ufs, "", "br", true},
+        {"UFS, runs already", UfsPhone(), UfsEntry(UFS_REV, BODY), "", "", true},
+        {"UFS, no match", UfsPhone(), With(ufs, UFS_MID_FIELD, "x"), "", "", true},
     };
     for (size_t i = 0, kinds = scenarios.size(); i < kinds; i++) {
         Scenario scenario = scenarios[i];
@@ -254,10 +255,77 @@ long CommonCalls(const RunResult& run, const RunResult& other) {
     const auto isSame = [](const CallEntry& one, const CallEntry& two) {
         return one.function == two.function && one.path == two.path && one.error == two.error;
     };
-    return std::mismatch(run.calls.begin(), run.calls.end(), other.calls.begin(), other.calls.end(),
-                         isSame)
-               .first -
-           run.calls.begin();
+    const auto ends = std::mismatch(run.calls.begin(), run.calls.end(), other.calls.begin(),
+                                    other.calls.end(), isSame);
+    return ends.first - run.calls.begin();
+}
+
+// Whether the run came to its end or not: no file was truncated, and the record grew by one attempt
+// at most, before the device was asked to change.
+void CheckRecord(const Scenario& scenario, const RunResult& run, Files before, Files after) {
+    const std::string record = after[RECORD], old = before[RECORD];
+    ASSERT_EQ(record.substr(0, old.size()), old);
+    std::string grown = record.substr(old.size()), attempt = CLOCK_TEXT + scenario.attempt;
+    if (Failed(run, "time", "-") || Failed(run, "ctime", "-")) { // another time, or none
+        grown.erase(0, std::min(grown.find("product name"), grown.size()));
+        attempt = scenario.attempt;
+    }
+    EXPECT_EQ(grown, attempt.substr(0, grown.size()));
+    const Updates updates = UpdatesOf(run);
+    if (!updates.letters.empty()) {
+        const CallEntry* write = Find(run, "write", RECORD);
+        EXPECT_TRUE(!grown.empty() && write != nullptr && write->number < updates.first);
+    }
+    for (const CallEntry& call : run.calls) {
+        if (call.function == "open" && IsStateFile(call.path)) { // arguments: "flags=0x..."
+            EXPECT_FALSE(std::stoul(call.arguments.substr(6), nullptr, 16) & O_TRUNC) << call.path;
+        }
+    }
+}
+
+// Begin flag, end flag and exit status tell how the run ended.
+void CheckFlags(const RunResult& run, const Files& before, const Files& after) {
+    const std::string steps = Steps(run);
+    const bool isRegular = Find(run, "remove", OK) != nullptr // an update was started
+                               ? !Contains(steps, "UpdateResultFlag: upgrade to")
+                               : HasNothingToDo(steps);
+    const bool noDirectory = Failed(run, "mkdir", STATE), noEnd = Failed(run, "open", END);
+    EXPECT_EQ(run.exitStatus, noDirectory || noEnd ? 255 : 0);
+    EXPECT_EQ(Contains(steps, "CreateResultDir: mkdir"), noDirectory);
+    EXPECT_EQ(Contains(steps, "EndFlag: open"), noEnd);
+
+    const bool staleEnd = before.count(END) && (noDirectory || Failed(run, "remove", END));
+    EXPECT_EQ(after.count(END), staleEnd || (isRegular && !noEnd));
+    const bool begun = before.count(BEGIN) || !(noDirectory || Failed(run, "open", BEGIN));
+    EXPECT_EQ(after.count(BEGIN), begun && (!isRegular || Failed(run, "remove", BEGIN)));
+}
+
+// Device, logs and outcome flags tell the same.
+void CheckOutcome(const Scenario& scenario, const RunResult& run, const Files& before,
+                  const Files& after, const std::string& downloaded) {
+    static const std::regex course("(g{0,3}[gGs]|d|D[iI]|b?r?|B)?"); // see Letter
+    const std::string steps = Steps(run);
+    const Updates updates = UpdatesOf(run);
+    const bool passed = Contains(steps, "UpdateResultFlag: update to");
+    const bool failed = Contains(steps, "UpdateResultFlag: upgrade to");
+    const bool isStarted = Find(run, "remove", OK) != nullptr;
+    EXPECT_TRUE(std::regex_match(updates.letters, course)) << updates.letters;
+    EXPECT_EQ(passed, updates.isComplete && !Failed(run, "close", UFS_NODE));
+    if (passed) {
+        const CallEntry* read = Find(run, "read", BODY_FILE);
+        const std::string sent = read ? BODY.substr(0, std::stoul(read->result)) : BODY;
+        EXPECT_EQ(downloaded.substr(0, sent.size()), sent);
+    }
+    // What fails before the device is opened is nothing to do for UFS, and a failure for eMMC.
+    if (isStarted && scenario.isUfs) {
+        EXPECT_EQ(passed || failed, Find(run, "open", UFS_NODE) != nullptr);
+    } else if (isStarted && !Contains(run.console, "NULL == ptm")) { // in place of a message
+        EXPECT_EQ(passed || failed, !Contains(run.console, "no need to update"));
+    }
+    for (const auto& [flag, isSet] : std::map<std::string, bool>{{OK, passed}, {FAIL, failed}}) {
+        const bool isStale = before.count(flag) && (!isStarted || Failed(run, "remove", flag));
+        EXPECT_EQ(after.count(flag), isStale || (isSet && !Failed(run, "open", flag))) << flag;
+    }
 }
 
 struct SweepTest : PhoneTest {
@@ -292,15 +360,65 @@ struct SweepTest : PhoneTest {
 
     void Sweep(std::vector<Job> (*jobsOf)(const Scenario&), Check check);
     void ShareOut(const std::vector<Job>& jobs, Check check);
-    void CheckRecord(const Scenario& scenario, const RunResult& run, Files before) const;
-    void CheckFlags(const RunResult& run, const Files& before) const;
-    void CheckOutcome(const Scenario& scenario, const RunResult& run, const Files& before) const;
     void CheckWholeRun(const Scenario& scenario, const RunResult& run, const Files& before) const;
     void CheckFailingCall(const Job& job);
     void CheckPowerFailure(const Job& job);
 
     std::string prepared; // the scenario for which the phone was made
 };
+
+void SweepTest::CheckWholeRun(const Scenario& scenario, const RunResult& run,
+                              const Files& before) const {
+    ASSERT_EQ(run.signal, 0) << run.errors;
+    ExpectAllGivenBack(run);
+    CheckRecord(scenario, run, before, State());
+    CheckFlags(run, before, State());
+    CheckOutcome(scenario, run, before, State(), Get("/device/downloaded.bin"));
+}
+
+void SweepTest::CheckFailingCall(const Job& job) {
+    const Scenario& scenario = *job.scenario;
+    Prepare(scenario);
+    const RunResult run = RunOnce(scenario, job.fault);
+    CheckWholeRun(scenario, run, scenario.files);
+    if (HasFailed(*job.call)) {
+        return; // as it did without the fault
+    }
+    const std::string failure = job.call->function + " " + job.call->path + " " + job.way;
+    const std::string letters = UpdatesOf(run).letters;
+    const bool mayGoOn = !scenario.updates.empty() && std::regex_match(failure, GOES_ON);
+    if (job.call->number < UpdatesOf(scenario.base).first && !mayGoOn) {
+        EXPECT_TRUE(letters.empty() || letters == "r") << letters;
+    }
+    EXPECT_TRUE(Told(run) != Told(scenario.base) || std::regex_match(failure, SILENT));
+}
+
+// The next run is on the same phone, without a restart that would show it what was downloaded.
+void SweepTest::CheckPowerFailure(const Job& job) {
+    const Scenario& scenario = *job.scenario;
+    Prepare(scenario);
+    const RunResult cut = RunOnce(scenario, job.fault);
+    EXPECT_EQ(cut.signal, SIGKILL);
+    const Files left = State();
+    CheckRecord(scenario, cut, scenario.files, left);
+    EXPECT_FALSE(left.count(BEGIN) && left.count(END));
+    EXPECT_FALSE(left.count(OK) && left.count(FAIL));
+    const auto ok = left.find(OK);
+    if (ok != left.end() && ok->second != OLD_TIME) {
+        EXPECT_TRUE(UpdatesOf(cut).isComplete);
+    }
+
+    const std::string record = Get(STATE + "/" + RECORD);
+    const RunResult run = RunOnce(scenario, "");
+    CheckWholeRun(scenario, run, left);
+    const auto old = scenario.files.find(RECORD);
+    const bool isUntouched = record == (old == scenario.files.end() ? MISSING : old->second);
+    const bool isAttempted = Contains(record, scenario.attempt);
+    EXPECT_EQ(UpdatesOf(run).letters, isUntouched ? scenario.updates : "");
+    EXPECT_EQ(Contains(Steps(run), "CheckResultFile: ParseResultFile error\n"),
+              !isUntouched && !isAttempted);
+}
+
 void SweepTest::Sweep(std::vector<Job> (*jobsOf)(const Scenario&), Check check) {
     std::vector<Scenario> scenarios = Scenarios();
     std::vector<Job> jobs;
@@ -310,6 +428,7 @@ void SweepTest::Sweep(std::vector<Job> (*jobsOf)(const Scenario&), Check check) 
         Prepare(*scenario);
         scenario->base = RunOnce(*scenario, "");
         CheckWholeRun(*scenario, scenario->base, scenario->files);
+        EXPECT_EQ(UpdatesOf(scenario->base).letters, scenario->updates);
         for (auto earlier = scenarios.begin(); earlier != scenario; earlier++) {
             scenario->known = std::max(scenario->known, CommonCalls(scenario->base, earlier->base));
         }
@@ -352,130 +471,6 @@ void SweepTest::ShareOut(const std::vector<Job>& jobs, Check check) {
         EXPECT_EQ(waitpid(child, &status, 0), child);
         EXPECT_EQ(status, 0);
     }
-}
-
-// Whether the run came to its end or not: no file was truncated, and the record grew by one attempt
-// at most, before the device was asked to change.
-void SweepTest::CheckRecord(const Scenario& scenario, const RunResult& run, Files before) const {
-    const std::string record = State()[RECORD], old = before[RECORD];
-    ASSERT_EQ(record.substr(0, old.size()), old);
-    std::string grown = record.substr(old.size()), attempt = CLOCK_TEXT + scenario.attempt;
-    if (Failed(run, "time", "-") || Failed(run, "ctime", "-")) { // another time, or none
-        grown.erase(0, std::min(grown.find("product name"), grown.size()));
-        attempt = scenario.attempt;
-    }
-    EXPECT_EQ(grown, attempt.substr(0, grown.size()));
-    const Updates updates = UpdatesOf(run);
-    if (!updates.letters.empty()) {
-        const CallEntry* write = Find(run, "write", RECORD);
-        EXPECT_TRUE(!grown.empty() && write != nullptr && write->number < updates.first);
-    }
-    for (const CallEntry& call : run.calls) {
-        if (call.function == "open" && IsStateFile(call.path)) { // arguments: "flags=0x..."
-            EXPECT_FALSE(std::stoul(call.arguments.substr(6), nullptr, 16) & O_TRUNC) << call.path;
-        }
-    }
-}
-
-// Begin flag, end flag and exit status tell how the run ended.
-void SweepTest::CheckFlags(const RunResult& run, const Files& before) const {
-    const std::string steps = Steps(run);
-    const bool isRegular = Find(run, "remove", OK) != nullptr // an update was started
-                               ? !Contains(steps, "UpdateResultFlag: upgrade to")
-                               : HasNothingToDo(steps);
-    const bool noDirectory = Failed(run, "mkdir", STATE), noEnd = Failed(run, "open", END);
-    EXPECT_EQ(run.exitStatus, noDirectory || noEnd ? 255 : 0);
-    EXPECT_EQ(Contains(steps, "CreateResultDir: mkdir"), noDirectory);
-    EXPECT_EQ(Contains(steps, "EndFlag: open"), noEnd);
-
-    const Files after = State();
-    const bool staleEnd = before.count(END) && (noDirectory || Failed(run, "remove", END));
-    EXPECT_EQ(after.count(END), staleEnd || (isRegular && !noEnd));
-    const bool begun = before.count(BEGIN) || !(noDirectory || Failed(run, "open", BEGIN));
-    EXPECT_EQ(after.count(BEGIN), begun && (!isRegular || Failed(run, "remove", BEGIN)));
-}
-
-// Device, logs and outcome flags tell the same.
-void SweepTest::CheckOutcome(const Scenario& scenario, const RunResult& run,
-                             const Files& before) const {
-    static const std::regex course("(g{0,3}[gGs]|d|D[iI]|b?r?|B)?"); // see Letter
-    const std::string steps = Steps(run);
-    const Updates updates = UpdatesOf(run);
-    const bool passed = Contains(steps, "UpdateResultFlag: update to");
-    const bool failed = Contains(steps, "UpdateResultFlag: upgrade to");
-    const bool isStarted = Find(run, "remove", OK) != nullptr;
-    EXPECT_TRUE(std::regex_match(updates.letters, course)) << updates.letters;
-    EXPECT_EQ(passed, updates.isComplete && !Failed(run, "close", UFS_NODE));
-    if (passed) {
-        const CallEntry* read = Find(run, "read", BODY_FILE);
-        const std::string sent = read ? BODY.substr(0, std::stoul(read->result)) : BODY;
-        EXPECT_EQ(Get("/device/downloaded.bin").substr(0, sent.size()), sent);
-    }
-    // What fails before the device is opened is nothing to do for UFS, and a failure for eMMC.
-    if (isStarted && scenario.isUfs) {
-        EXPECT_EQ(passed || failed, Find(run, "open", UFS_NODE) != nullptr);
-    } else if (isStarted && !Contains(run.console, "NULL == ptm")) { // in place of a message
-        EXPECT_EQ(passed || failed, !Contains(run.console, "no need to update"));
-    }
-    const Files after = State();
-    for (const auto& [flag, isSet] : std::map<std::string, bool>{{OK, passed}, {FAIL, failed}}) {
-        const bool isStale = before.count(flag) && (!isStarted || Failed(run, "remove", flag));
-        EXPECT_EQ(after.count(flag), isStale || (isSet && !Failed(run, "open", flag))) << flag;
-    }
-}
-
-void SweepTest::CheckWholeRun(const Scenario& scenario, const RunResult& run,
-                              const Files& before) const {
-    ASSERT_EQ(run.signal, 0) << run.errors;
-    ExpectAllGivenBack(run);
-    CheckRecord(scenario, run, before);
-    CheckFlags(run, before);
-    CheckOutcome(scenario, run, before);
-}
-
-void SweepTest::CheckFailingCall(const Job& job) {
-    const Scenario& scenario = *job.scenario;
-    Prepare(scenario);
-    const RunResult run = RunOnce(scenario, job.fault);
-    CheckWholeRun(scenario, run, scenario.files);
-    if (HasFailed(*job.call)) {
-        return; // as it did without the fault
-    }
-    const std::string failure = job.call->function + " " + job.call->path + " " + job.way;
-    const std::string letters = UpdatesOf(run).letters;
-    const Updates base = UpdatesOf(scenario.base);
-    const bool mayGoOn = !base.letters.empty() && std::regex_match(failure, GOES_ON);
-    if (job.call->number < base.first && !mayGoOn) {
-        EXPECT_TRUE(letters.empty() || letters == "r") << letters;
-    }
-    EXPECT_TRUE(Told(run) != Told(scenario.base) || std::regex_match(failure, SILENT));
-}
-
-// The next run is on the same phone, without a restart that would show it what was downloaded.
-void SweepTest::CheckPowerFailure(const Job& job) {
-    const Scenario& scenario = *job.scenario;
-    Prepare(scenario);
-    const RunResult cut = RunOnce(scenario, job.fault);
-    EXPECT_EQ(cut.signal, SIGKILL);
-    CheckRecord(scenario, cut, scenario.files);
-    const Files left = State();
-    EXPECT_FALSE(left.count(BEGIN) && left.count(END));
-    EXPECT_FALSE(left.count(OK) && left.count(FAIL));
-    const auto ok = left.find(OK);
-    if (ok != left.end() && ok->second != OLD_TIME) {
-        EXPECT_TRUE(UpdatesOf(cut).isComplete);
-        EXPECT_EQ(ok->second, CLOCK_TEXT.substr(0, ok->second.size()));
-    }
-
-    const std::string record = Get(STATE + "/" + RECORD);
-    const RunResult run = RunOnce(scenario, "");
-    CheckWholeRun(scenario, run, left);
-    const auto old = scenario.files.find(RECORD);
-    const bool isUntouched = record == (old == scenario.files.end() ? MISSING : old->second);
-    const bool isAttempted = Contains(record, scenario.attempt);
-    EXPECT_EQ(UpdatesOf(run).letters, isUntouched ? UpdatesOf(scenario.base).letters : "");
-    EXPECT_EQ(Contains(Steps(run), "CheckResultFile: ParseResultFile error\n"),
-              !isUntouched && !isAttempted);
 }
 
 TEST_F(SweepTest, EachCallFails) {
