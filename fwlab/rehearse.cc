@@ -149,6 +149,9 @@ int Rehearse(const RehearseOptions& options) {
     }
     Check(MakePhone(options.phone, phone, error), error);
     Check(PutPackage(options.package, phone, error), error);
+    std::string before;
+    Check(ShowPhone(phone, before, error), error);
+    fmt::print("{}\n", before);
     Run(options.tool, options.faults, phone);
     bool isUpdated = TookBody(phone, package, entry) && DescribeState(phone + STATE_DIR).isFine;
     Check(RebootPhone(phone, error), error);

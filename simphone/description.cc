@@ -232,7 +232,7 @@ static void TakeClock(Keys keys, Description& phone) {
         phone.clock.tm_min = clock.time.minute;
         phone.clock.tm_sec = clock.time.second;
         phone.clock.tm_isdst = -1;
-        phone.clockMilliseconds = static_cast<int>(clock.time.nanosecond / 1000000);
+        phone.clockMicroseconds = static_cast<int>(clock.time.nanosecond / 1000);
         return node.is_date_time() && !clock.offset;
     });
 }

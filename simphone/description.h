@@ -36,7 +36,7 @@ struct Description {
     std::vector<Answer> answers;     // UFS; the last one stays
     bool clockFixed;
     tm clock; // local time; tm_sec and the milliseconds below
-    int clockMilliseconds;
+    int clockMicroseconds;
     std::vector<Fault> faults;
 };
 

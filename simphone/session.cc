@@ -195,7 +195,7 @@ int simphone_attach(const char* directory, const char* faults) {
     }
     run->directory = resolved;
     free(resolved);
-    run->now = {mktime(&run->phone.clock), run->phone.clockMilliseconds * 1000};
+    run->now = {mktime(&run->phone.clock), run->phone.clockMicroseconds};
     run->callsLog = OpenLog(run->directory + "/calls.log", O_TRUNC);
     run->systemLog = OpenLog(run->directory + "/system.log", O_TRUNC);
     run->requestsLog = OpenLog(run->directory + "/requests.log", 0);

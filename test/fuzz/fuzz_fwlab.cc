@@ -1,0 +1,33 @@
+// The workstation tool's readers. The first byte chooses what the rest is: a package, listed or
+// matched; a state directory's record; a manifest.
+#include "fuzz_phone.h"
+#include "fwlab/commands.h"
+#include "fwlab/manifest.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    static const FuzzPhone phone(UFS_PHONE);
+    if (size == 0) {
+        return 0;
+    }
+    const std::string file = phone.directory + "/input";
+    phone.Put("/input", {reinterpret_cast<const char*>(data) + 1, size - 1});
+    try {
+        switch (data[0] % 4) {
+        case 0:
+            List(file, (data[0] & 4) != 0);
+            break;
+        case 1:
+            Match(file, ReadPhone(phone.directory + "/phone.toml"), "");
+            break;
+        case 2:
+            std::filesystem::rename(file, phone.directory + "/data/vendor/fw/fw_result");
+            Outcome(phone.directory + "/data/vendor/fw");
+            break;
+        default:
+            Pack(file, phone.directory + "/package", false);
+        }
+    } catch (const Stop&) {
+        // A refusal, with its reason.
+    }
+    return 0;
+}
