@@ -11,7 +11,7 @@
 
 static std::vector<std::string> messages;
 
-static void Keep(const char* format, va_list args) {
+__attribute__((format(printf, 1, 0))) static void Keep(const char* format, va_list args) {
     char text[1024] = {};
     (void)vsnprintf(text, sizeof(text), format, args); // a longer one is cut
     const std::string message = text;
