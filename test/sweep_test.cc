@@ -386,9 +386,15 @@ void SweepTest::CheckFailingCall(const Job& job) {
     }
     const std::string failure = job.call->function + " " + job.call->path + " " + job.way;
     const std::string letters = UpdatesOf(run).letters;
-    const bool mayGoOn = !scenario.updates.empty() && std::regex_match(failure, GOES_ON);
-    if (job.call->number < UpdatesOf(scenario.base).first && !mayGoOn) {
+    const bool goesOn = std::regex_match(failure, GOES_ON);
+    if (job.call->number < UpdatesOf(scenario.base).first &&
+        (!goesOn || scenario.updates.empty())) {
         EXPECT_TRUE(letters.empty() || letters == "r") << letters;
+    }
+    const CallEntry* update = Find(scenario.base, "remove", OK); // begins it
+    const bool isBefore = update == nullptr || job.call->number < update->number;
+    if (isBefore && !goesOn && job.way == "EIO" && job.call->function != "access") {
+        EXPECT_EQ(State().count(END), 0U);
     }
     EXPECT_TRUE(Told(run) != Told(scenario.base) || std::regex_match(failure, SILENT));
 }
@@ -403,9 +409,12 @@ void SweepTest::CheckPowerFailure(const Job& job) {
     CheckRecord(scenario, cut, scenario.files, left);
     EXPECT_FALSE(left.count(BEGIN) && left.count(END));
     EXPECT_FALSE(left.count(OK) && left.count(FAIL));
-    const auto ok = left.find(OK);
-    if (ok != left.end() && ok->second != OLD_TIME) {
-        EXPECT_TRUE(UpdatesOf(cut).isComplete);
+    const Updates updates = UpdatesOf(cut);
+    for (const std::string& flag : {OK, FAIL}) {
+        if (left.count(flag)) { // of the attempt before until the device is asked
+            EXPECT_EQ(left.at(flag) == OLD_TIME, updates.letters.empty());
+            EXPECT_TRUE(flag == FAIL || updates.letters.empty() || updates.isComplete);
+        }
     }
 
     const std::string record = Get(STATE + "/" + RECORD);
