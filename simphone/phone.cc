@@ -266,7 +266,7 @@ RunResult RunTool(const std::string& directory, const std::string& tool,
         }
         faults += text + "\n";
     }
-    const std::string library = Library(tool, options.library);
+    const std::string library = Library(tool, options.libsimphone);
     if (library.empty() || access(tool.c_str(), X_OK) != 0) {
         result.error = library.empty() ? "libsimphone.so: not found beside " + tool
                                        : tool + ": " + strerror(errno);

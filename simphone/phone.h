@@ -40,7 +40,7 @@ struct RunOptions {
     // Words before the tool, such as {"qemu-aarch64"}; the launcher must take `-E NAME=VALUE` for
     // the environment of what it starts, as qemu's user emulation and strace do.
     std::vector<std::string> launcher;
-    std::string library; // libsimphone.so; empty: the one beside the tool, else beside this program
+    std::string libsimphone; // its path; empty: beside the tool, else beside this program
     unsigned secondsLimit = 60;
 };
 

@@ -178,7 +178,7 @@ RunResult PhoneTest::Run(const Texts& faults, const std::string& tool) const {
     std::copy_if(faults.begin(), faults.end(), std::back_inserter(options.faults),
                  [](const std::string& fault) { return !fault.empty(); });
     options.launcher = Words(FFU_LAUNCHER);
-    options.library = SIMPHONE_LIBRARY;
+    options.libsimphone = SIMPHONE_LIBRARY;
     RunResult result = RunTool(directory, tool, options);
     EXPECT_EQ(result.error, "");
     EXPECT_EQ(result.signal, 0) << result.errors;

@@ -10,6 +10,7 @@
 #include <climits>
 #include <csignal>
 #include <fcntl.h>
+#include <filesystem>
 #include <regex>
 #include <set>
 #include <sys/wait.h>
@@ -341,14 +342,15 @@ struct SweepTest : PhoneTest {
                                  "/device/downloaded.bin", "/device/pending"}) {
             Put(path, MISSING);
         }
+        const std::filesystem::path state = STATE;
         for (const auto& [name, content] : scenario.files) {
-            Put(STATE + "/" + name, content);
+            Put(state / name, content);
         }
     }
 
     RunResult RunOnce(const Scenario& scenario, const std::string& fault) const {
         RunOptions options;
-        options.library = SIMPHONE_LIBRARY;
+        options.libsimphone = SIMPHONE_LIBRARY;
         for (const std::string& text : {fault, scenario.deviceFault}) { // a call meets the first
             options.faults.insert(options.faults.end(), text.empty() ? 0 : 1, text);
         }
