@@ -21,7 +21,6 @@ namespace {
 constexpr unsigned FFU_DOWNLOAD = 302;
 constexpr unsigned FFU_INSTALL = 303;
 
-constexpr uint32_t NORMAL_MODE_IMAGE_MAX = 0x100000;
 constexpr int GKI_WRITE_RETRIES = 3;
 
 // The public routine, for the messages of the steps that do its work.

@@ -3,6 +3,9 @@
 
 #include <cstdint>
 
+// The largest image, in bytes, that normal mode downloads; GKI mode has no such limit.
+constexpr uint32_t NORMAL_MODE_IMAGE_MAX = 0x100000;
+
 // Downloads and installs fwBody (fwBodySize bytes, borrowed). In normal mode the download covers
 // whole blocks of 512 bytes: the bytes up to the end of the body's last block must be readable.
 // downloadOnly non-zero leaves out the install there; GKI mode does not consult it.

@@ -14,6 +14,7 @@ constexpr int CID_SIZE = 16;      // JEDEC: 128 bits, byte 0 the most significan
 constexpr int EXT_CSD_SIZE = 512; // JEDEC: byte i is EXT_CSD byte i
 
 constexpr int EXT_CSD_REV = 192;              // structure revision
+constexpr uint8_t EXT_CSD_REV_5_0 = 7;        // its value for eMMC 5.0
 constexpr int EXT_CSD_FIRMWARE_VERSION = 254; // eight bytes, 254 to 261
 
 // Whether the kernel does the update itself (GKI mode); otherwise (normal mode) registers and

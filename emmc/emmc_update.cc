@@ -16,8 +16,6 @@
 
 namespace {
 
-constexpr uint8_t EXT_CSD_REV_5_0 = 7;
-
 // Returns the package's size in bytes, above 0; -1 on failure, a package of 2 GiB or more included.
 [[nodiscard]] int32_t EmmcFwGetSize(const char* path) {
     const int fd = open(path, O_RDONLY);

@@ -72,20 +72,25 @@ void PrintTimeLine(const RunResult& run) {
     }
 }
 
+void PrintPhone(const std::string& phone) {
+    std::string shown;
+    std::string error;
+    Check(ShowPhone(phone, shown, error), error);
+    fmt::print("{}", shown);
+}
+
 void Run(const std::string& tool, const std::vector<std::string>& faults,
          const std::string& phone) {
     RunOptions options;
     options.faults = faults;
     const RunResult run = RunTool(phone, tool, options);
-    std::string error = run.error;
-    std::string shown;
-    Check(error.empty(), error);
+    Check(run.error.empty(), run.error);
     PrintTimeLine(run);
     fmt::print("\nThe run ended with {} {}{}.\n", run.signal != 0 ? "signal" : "exit status",
                run.signal != 0 ? run.signal : run.exitStatus,
                run.timedOut ? ": it took too long" : "");
-    Check(ShowPhone(phone, shown, error), error);
-    fmt::print("{}{}\n", shown, DescribeState(phone + STATE_DIR).text);
+    PrintPhone(phone);
+    fmt::print("{}\n", DescribeState(phone + STATE_DIR).text);
 }
 
 // Whether the device took exactly the body of entry (null: none is right). An eMMC request carries
@@ -149,9 +154,8 @@ int Rehearse(const RehearseOptions& options) {
     }
     Check(MakePhone(options.phone, phone, error), error);
     Check(PutPackage(options.package, phone, error), error);
-    std::string before;
-    Check(ShowPhone(phone, before, error), error);
-    fmt::print("{}\n", before);
+    PrintPhone(phone);
+    fmt::print("\n");
     Run(options.tool, options.faults, phone);
     bool isUpdated = TookBody(phone, package, entry) && DescribeState(phone + STATE_DIR).isFine;
     Check(RebootPhone(phone, error), error);

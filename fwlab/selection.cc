@@ -2,21 +2,18 @@
 // into one. Nothing here fails.
 #include "fwlab/selection.h"
 
+#include "emmc/emmc_command.h"
+#include "emmc/emmc_register.h"
 #include "emmc/emmc_update.h"
 #include "run/package_check.h"
 #include "ufs/ufs_identity.h"
 #include "ufs/ufs_selection.h"
+#include "ufs/ufs_write_buffer.h"
 
 #include <algorithm>
 #include <cstring>
 
 namespace {
-
-constexpr uint8_t EXT_CSD_REV_5_0 = 7; // JEDEC EXT_CSD_REV of eMMC 5.0
-
-// The largest bodies that reach a device whole: by one MMC request and by one WRITE BUFFER.
-constexpr size_t EMMC_REQUEST_MAX = 0x100000;
-constexpr size_t WRITE_BUFFER_MAX = 0x800000;
 
 template <class Header> Header HeaderOf(const Identity& identity) {
     Header header;
@@ -189,8 +186,8 @@ std::vector<std::string> FindingsOf(const Package& package, const Entry& entry) 
     const bool isLast = &layout == &EMMC && entry.body == package.size;
     add(isLast, "at the last offset, which the pre-check does not examine");
     add(entry.bodySize == 0, "the body is empty");
-    add(&layout == &EMMC && entry.bodySize > EMMC_REQUEST_MAX, LARGE_EMMC_BODY);
-    add(&layout == &UFS && entry.bodySize > WRITE_BUFFER_MAX,
+    add(&layout == &EMMC && entry.bodySize > NORMAL_MODE_IMAGE_MAX, LARGE_EMMC_BODY);
+    add(&layout == &UFS && entry.bodySize > TRANSFER_SIZE,
         "the body is larger than 8 MiB: the device gets its beginning only");
     add(!entry.bodyFits, "the body reaches past the end: every reader passes over the entry");
     const bool isRead = entry.bodyFits && !isLast;

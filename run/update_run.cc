@@ -10,6 +10,8 @@
 #include "run/result_record.h"
 #include "run/run_values.h"
 #include "run/update_dispatch.h"
+#include "ufs/ufs_identity.h"
+#include "ufs/ufs_write_buffer.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -20,9 +22,7 @@
 
 namespace {
 
-constexpr char UFS_BLOCK_NODE[] = "/dev/block/sdc";
 constexpr char PNM_NODE[] = "/proc/bootdevice/product_name";
-constexpr char UFS_REV_NODE[] = "/proc/bootdevice/rev";
 constexpr mode_t STATE_DIR_MODE = 0755;
 constexpr size_t EMMC_PNM_SIZE = sizeof(EmmcFwHeader::emmcPnm);
 

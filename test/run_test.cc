@@ -196,6 +196,16 @@ const char DEVICE_DUMP[] = R"((emmc device) emmcMagic= 45 4D 4D 43
 EmmcFfu,line=267: get emmc device header success...
 )";
 
+// All but the size of an entry with the new revision.
+const std::string NEW_FW_DUMP = R"((emmc fw) emmcMagic= 45 4D 4D 43
+(emmc fw) emmcMid= 13
+(emmc fw) emmcPnm= 53 49 4D 30 36 34
+(emmc fw) emmcPrv= 00
+(emmc fw) emmcPsn= 00 00 00 00
+(emmc fw) emmcRev= 08
+(emmc fw) emmcFwRev= 46 57 30 30 30 30 30 32
+)";
+
 TEST_F(RunTest, WholeConsoleInGkiMode) {
     Make(GkiPhone(), {{EMMC_PACKAGE, EmmcEntry(EMMC_NEW_REV, Body(65536))},
                       {"/sys/class/mmc_host/mmc0/mmc0:0001/cid", CID}});
@@ -205,14 +215,7 @@ TEST_F(RunTest, WholeConsoleInGkiMode) {
 EmmcFfu,line=260: /vendor/firmware/emmc_emer_fw.bin read
 )" + CidDump() + R"(EmmcGetExtCsd,line=255: EmmcGetExtCsd, emmc firmware GKI mode 
 )" + DEVICE_DUMP + R"(EmmcFwhdrCheck,line=179: emmc fw find, fwNum=1, fwSize=65536
-(emmc fw) emmcMagic= 45 4D 4D 43
-(emmc fw) emmcMid= 13
-(emmc fw) emmcPnm= 53 49 4D 30 36 34
-(emmc fw) emmcPrv= 00
-(emmc fw) emmcPsn= 00 00 00 00
-(emmc fw) emmcRev= 08
-(emmc fw) emmcFwRev= 46 57 30 30 30 30 30 32
-(emmc fw) emmcFwSize= 00010000
+)" + NEW_FW_DUMP + R"((emmc fw) emmcFwSize= 00010000
 EmmcFwhdrCheck,line=184: fwbin file have fwinfo match current device
 EmmcFfu,line=273: emmc need update...
 DoEmmcFfu,line=207: emmc 5.0 or higher do firmware update
@@ -256,14 +259,7 @@ EmmcFwhdrCheck,line=179: emmc fw find, fwNum=2, fwSize=808464434
 (emmc fw) emmcFwRev= 00 00 00 08 46 57 30 30
 (emmc fw) emmcFwSize= 30303032
 EmmcFwhdrCheck,line=179: emmc fw find, fwNum=3, fwSize=4
-(emmc fw) emmcMagic= 45 4D 4D 43
-(emmc fw) emmcMid= 13
-(emmc fw) emmcPnm= 53 49 4D 30 36 34
-(emmc fw) emmcPrv= 00
-(emmc fw) emmcPsn= 00 00 00 00
-(emmc fw) emmcRev= 08
-(emmc fw) emmcFwRev= 46 57 30 30 30 30 30 32
-(emmc fw) emmcFwSize= 00000004
+)" + NEW_FW_DUMP + R"((emmc fw) emmcFwSize= 00000004
 EmmcFwhdrCheck,line=184: fwbin file have fwinfo match current device
 EmmcFfu,line=273: emmc need update...
 DoEmmcFfu,line=207: emmc 5.0 or higher do firmware update

@@ -14,7 +14,6 @@ namespace {
 
 constexpr char UFS_MID_NODE[] = "/proc/bootdevice/manfid";
 constexpr char UFS_PNM_NODE[] = "/proc/bootdevice/product_name";
-constexpr char UFS_REV_NODE[] = "/proc/bootdevice/rev";
 
 // The model that was reworked, and the name under which packages carry the firmware for it. The
 // reworked name fills ufsPnm together with its terminating zero.

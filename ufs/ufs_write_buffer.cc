@@ -22,14 +22,11 @@
 
 namespace {
 
-constexpr char UFS_DEVICE_NODE[] = "/dev/block/sdc";
-
 constexpr uint8_t WRITE_BUFFER_OPCODE = 0x3B; // SPC, 10-byte command
 constexpr int WRITE_BUFFER_CDB_SIZE = 10;
 constexpr int MODE_DOWNLOAD_DEFER_ACTIVATE = 0x0E; // with offsets, save, defer activate
 constexpr int WRITE_BUFFER_TIMEOUT = 300;          // seconds
 
-constexpr size_t TRANSFER_SIZE = 0x800000;
 constexpr size_t TRANSFER_ALIGNMENT = 4096;
 constexpr int SENSE_SIZE = 64;
 constexpr int VERBOSITY = 1;
@@ -187,7 +184,7 @@ int ufs_ffu_write_buffer(int useDataDir, const uint8_t* ufsMid) {
     char fileName[50];
     (void)memset_s(deviceName, sizeof(deviceName), 0, sizeof(deviceName));
     (void)memset_s(fileName, sizeof(fileName), 0, sizeof(fileName));
-    (void)strncpy_s(deviceName, sizeof(deviceName), UFS_DEVICE_NODE, sizeof(deviceName));
+    (void)strncpy_s(deviceName, sizeof(deviceName), UFS_BLOCK_NODE, sizeof(deviceName));
     (void)strncpy_s(fileName, sizeof(fileName), UfsFwBodyPath(useDataDir), sizeof(fileName));
 
     const int resetType = ResetTypeFor(ufsMid);

@@ -1,7 +1,13 @@
 // Downloads a firmware body into the UFS device with one SCSI WRITE BUFFER command.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+
+constexpr char UFS_BLOCK_NODE[] = "/dev/block/sdc";
+
+// The most bytes of a body that a download sends.
+constexpr size_t TRANSFER_SIZE = 0x800000;
 
 // Sends the saved body (UfsFwBodyPath(useDataDir), its first 8 MiB at most) to /dev/block/sdc with
 // deferred activation. ufsMid is the manufacturer text of the device record, exactly 8 bytes; after
