@@ -43,7 +43,7 @@ Json Describe(const Package& package, const Entry& entry, const Entry* outer) {
     shown["body_offset"] = entry.body;
     shown["body_size"] = entry.bodySize;
     if (entry.bodyFits) {
-        shown["sha256"] = Sha256(package.bytes + entry.body, entry.bodySize);
+        shown["sha256"] = Sha256(package.bytes.get() + entry.body, entry.bodySize);
     }
     shown["findings"] = outer == nullptr ? Json(FindingsOf(package, entry))
                                          : Json({"a magic inside " + Title(*outer)});

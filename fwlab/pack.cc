@@ -30,7 +30,7 @@ size_t WriteEntry(FILE* file, const std::string& path, Identity identity, const 
     }
     Set(identity, identity.layout->bodySize, size);
     Write(file, path, identity.header.data(), identity.header.size());
-    Write(file, path, image.bytes, image.size);
+    Write(file, path, image.bytes.get(), image.size);
     return offset;
 }
 

@@ -52,7 +52,7 @@ MappedFile MapFile(const std::string& path) {
     std::error_code error;
     const size_t size = std::filesystem::file_size(path, error); // of a regular file only
     if (!error && size == 0) {
-        return {reinterpret_cast<const uint8_t*>(""), 0};
+        return {MappedBytes(reinterpret_cast<const uint8_t*>(""), [](const uint8_t*) {}), 0};
     }
     const int fd = error ? -1 : open(path.c_str(), O_RDONLY | O_CLOEXEC);
     void* bytes = fd < 0 ? MAP_FAILED : mmap(nullptr, size, PROT_READ, MAP_PRIVATE, fd, 0);
@@ -61,11 +61,13 @@ MappedFile MapFile(const std::string& path) {
     if (bytes == MAP_FAILED) {
         throw Stop{2, path + ": " + reason};
     }
-    return {static_cast<const uint8_t*>(bytes), size};
+    const auto unmap = [bytes = bytes, size](const uint8_t*) { munmap(bytes, size); };
+    return {MappedBytes(static_cast<const uint8_t*>(bytes), unmap), size};
 }
 
 Package OpenPackage(const std::string& path, const Layout* layout) {
-    const auto [bytes, size] = MapFile(path);
+    const auto [mapped, size] = MapFile(path);
+    const uint8_t* bytes = mapped.get();
     if (size == 0 || size > PACKAGE_SIZE_MAX) {
         return {path,
                 layout,
@@ -80,7 +82,7 @@ Package OpenPackage(const std::string& path, const Layout* layout) {
         const bool isEmmc = firstUfs == size || FindEmmcEntry(bytes, firstUfs, 0) < firstUfs;
         layout = isEmmc ? &EMMC : &UFS;
     }
-    Package package = {path, layout, bytes, size, {}, ""};
+    Package package = {path, layout, mapped, size, {}, ""};
     const auto find = layout == &UFS ? FindUfsEntry : FindEmmcEntry;
     for (size_t p = find(bytes, size, 0); p < size; p = find(bytes, size, p + 1)) {
         if (package.entries.size() == ENTRIES_MAX) {

@@ -3,6 +3,7 @@
 
 #include "fwpkg/firmware_package.h"
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -44,10 +45,13 @@ struct Entry {
     Identity identity;
 };
 
+// A file's bytes, mapped as long as somebody holds them.
+using MappedBytes = std::shared_ptr<const uint8_t>;
+
 struct Package {
     std::string path;
     const Layout* layout;
-    const uint8_t* bytes; // mapped until the process ends; null if the phone does not look into it
+    MappedBytes bytes; // null if the phone does not look into it
     size_t size;
     std::vector<Entry> entries; // every candidate, by offset
     std::string flaw;           // why the phone does not look into it
@@ -55,9 +59,8 @@ struct Package {
 // Without a layout, that of the first entry is taken.
 Package OpenPackage(const std::string& path, const Layout* layout = nullptr);
 
-// A file that is mapped until the process ends.
 struct MappedFile {
-    const uint8_t* bytes;
+    MappedBytes bytes;
     size_t size;
 };
 MappedFile MapFile(const std::string& path);

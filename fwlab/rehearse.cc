@@ -107,7 +107,7 @@ bool TookBody(const std::string& phone, const Package& package, const Entry* ent
     const bool isBody =
         entry != nullptr &&
         (taken.size() == size || (package.layout == &EMMC && taken.size() == blocks)) &&
-        memcmp(taken.data(), package.bytes + entry->body, size) == 0;
+        memcmp(taken.data(), package.bytes.get() + entry->body, size) == 0;
     fmt::print("The device took {} bytes, {}the body of {}.\n", taken.size(), isBody ? "" : "NOT ",
                entry == nullptr ? "an entry for it" : Title(*entry));
     return isBody;
