@@ -2,14 +2,14 @@
 // refused before a run; nothing is written.
 #include "description.h"
 
+#include "keys.h"
+
 #include <charconv>
 #include <climits>
 #include <cstring>
 #include <iomanip>
 #include <map>
 #include <sstream>
-#define TOML_EXCEPTIONS 0
-#include <toml++/toml.h>
 
 static bool Number(const std::string& text, long& number) {
     const char* end = text.data() + text.size();
@@ -152,74 +152,6 @@ static bool ParseAnswer(const std::string& text, Answer& answer) {
     return right && !(words >> rest);
 }
 
-// The keys are taken out of their table as they are read, so that what is left in the end is
-// unknown. After the first error nothing more is read.
-struct Keys {
-    toml::table& table;
-    std::string& error;
-};
-enum Need { kRequired, kOptional };
-
-// Lets `use` read the node of the key; it returns false if the node is not `wanted`.
-template <typename Use>
-static void Take(Keys keys, const char* key, Need need, const char* wanted, Use use) {
-    toml::node* node = keys.table.get(key);
-    if (!keys.error.empty() || (!node && need == kOptional)) {
-        return;
-    }
-    if (!node) {
-        keys.error = std::string(key) + " is missing";
-    } else if (!use(*node) && keys.error.empty()) {
-        keys.error = std::string(key) + " is not " + wanted;
-    }
-    keys.table.erase(key);
-}
-
-static std::string TakeText(Keys keys, const char* key) {
-    std::string text;
-    Take(keys, key, kRequired, "a text", [&](const toml::node& node) {
-        text = node.value_exact<std::string>().value_or("");
-        return node.is_string();
-    });
-    return text;
-}
-
-static uint32_t TakeNumber(Keys keys, const char* key, uint32_t most) {
-    int64_t number = 0;
-    Take(keys, key, kRequired, "a number of its field's size", [&](const toml::node& node) {
-        number = node.value_exact<int64_t>().value_or(-1);
-        return number >= 0 && number <= most;
-    });
-    return static_cast<uint32_t>(number);
-}
-
-static std::string TakeBytes(Keys keys, const char* key, size_t most) {
-    std::string bytes;
-    Take(keys, key, kRequired, "a text or a list of bytes that fits", [&](toml::node& node) {
-        bytes = node.value_exact<std::string>().value_or("");
-        bool right = node.is_string() || node.is_array();
-        for (size_t i = 0; node.is_array() && i < node.as_array()->size(); i++) {
-            const int64_t number = (*node.as_array())[i].value_exact<int64_t>().value_or(-1);
-            right = right && number >= 0 && number < 256;
-            bytes += static_cast<char>(number);
-        }
-        return right && bytes.size() <= most;
-    });
-    return bytes;
-}
-
-static std::vector<std::string> TakeTexts(Keys keys, const char* key) {
-    std::vector<std::string> texts;
-    Take(keys, key, kOptional, "a text or a list of texts", [&](toml::node& node) {
-        const toml::array list = node.is_array() ? *node.as_array() : toml::array{node};
-        for (const toml::node& element : list) {
-            texts.push_back(element.value_exact<std::string>().value_or(""));
-        }
-        return list.is_homogeneous(toml::node_type::string) || list.empty();
-    });
-    return texts;
-}
-
 static void TakeClock(Keys keys, Description& phone) {
     const char wanted[] = "a local time such as 2026-03-07T09:05:02.041";
     Take(keys, "clock", kOptional, wanted, [&](const toml::node& node) {
@@ -235,12 +167,6 @@ static void TakeClock(Keys keys, Description& phone) {
         phone.clockMicroseconds = static_cast<int>(clock.time.nanosecond / 1000);
         return node.is_date_time() && !clock.offset;
     });
-}
-
-static void RefuseTheRest(Keys keys) {
-    if (keys.error.empty() && !keys.table.empty()) {
-        keys.error = "unknown key: " + std::string(keys.table.begin()->first.str());
-    }
 }
 
 static void TakeCid(Keys keys, Description& phone) {
@@ -315,15 +241,13 @@ static void TakePhone(Keys keys, Description& phone) {
 }
 
 bool ReadDescription(const std::string& file, Description& description, std::string& error) {
-    toml::parse_result parsed = toml::parse_file(file);
-    if (!parsed) {
-        error = file + ":" + std::to_string(parsed.error().source().begin.line) + ": " +
-                std::string(parsed.error().description());
+    toml::table table;
+    if (!ReadTable(file, table, error)) {
         return false;
     }
     std::string wrong;
     description = {};
-    TakePhone({parsed.table(), wrong}, description);
+    TakePhone({table, wrong}, description);
     error = wrong.empty() ? "" : file + ": " + wrong;
     return wrong.empty();
 }

@@ -1,0 +1,72 @@
+// Reads TOML tables. Nothing here ends the program; the TOML library's own code is compiled here,
+// once.
+#define TOML_IMPLEMENTATION
+#include "keys.h"
+
+#include "files.h"
+
+bool ReadTable(const std::string& file, toml::table& table, std::string& error) {
+    toml::parse_result parsed = toml::parse_file(file);
+    if (!parsed) {
+        error = file + ":" + std::to_string(parsed.error().source().begin.line) + ": " +
+                std::string(parsed.error().description());
+        return false;
+    }
+    table = std::move(parsed).table();
+    return true;
+}
+
+std::string TakeText(Keys keys, const char* key) {
+    std::string text;
+    Take(keys, key, kRequired, "a text", [&](const toml::node& node) {
+        text = node.value_exact<std::string>().value_or("");
+        return node.is_string();
+    });
+    return text;
+}
+
+uint32_t TakeNumber(Keys keys, const char* key, uint32_t most) {
+    int64_t number = 0;
+    Take(keys, key, kRequired, "a number of its field's size", [&](const toml::node& node) {
+        number = node.value_exact<int64_t>().value_or(-1);
+        return number >= 0 && number <= most;
+    });
+    return static_cast<uint32_t>(number);
+}
+
+std::string TakeBytes(Keys keys, const char* key, size_t most) {
+    std::string bytes;
+    Take(keys, key, kRequired, "a text or a list of bytes that fits", [&](const toml::node& node) {
+        return AppendBytes(node, bytes) && bytes.size() <= most;
+    });
+    return bytes;
+}
+
+std::vector<std::string> TakeTexts(Keys keys, const char* key) {
+    std::vector<std::string> texts;
+    Take(keys, key, kOptional, "a text or a list of texts", [&](toml::node& node) {
+        const toml::array list = node.is_array() ? *node.as_array() : toml::array{node};
+        for (const toml::node& element : list) {
+            texts.push_back(element.value_exact<std::string>().value_or(""));
+        }
+        return list.is_homogeneous(toml::node_type::string) || list.empty();
+    });
+    return texts;
+}
+
+bool AppendBytes(const toml::node& node, std::string& bytes) {
+    bytes += node.value_exact<std::string>().value_or("");
+    bool right = node.is_string() || node.is_array();
+    for (size_t i = 0; node.is_array() && i < node.as_array()->size(); i++) {
+        const int64_t number = (*node.as_array())[i].value_exact<int64_t>().value_or(-1);
+        right = right && number >= 0 && number < 256;
+        bytes += static_cast<char>(number);
+    }
+    return right;
+}
+
+void RefuseTheRest(Keys keys) {
+    if (keys.error.empty() && !keys.table.empty()) {
+        keys.error = "unknown key: " + Escaped(std::string(keys.table.begin()->first.str()));
+    }
+}
