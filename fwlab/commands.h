@@ -15,11 +15,11 @@ int Match(const std::string& packageFile, const Identity& device, const std::str
 
 struct RehearseOptions {
     std::string package, phone; // the package and the phone's description
-    std::string tool;           // the ffu to run
     std::string keep;           // the phone's directory, which stays; empty for a temporary one
-    std::vector<std::string> faults;
+    Texts faults;
     bool runAgain;
 };
+// Runs the ffu that lies beside this program.
 int Rehearse(const RehearseOptions& options);
 
 int Outcome(const std::string& directory);

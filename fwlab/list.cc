@@ -14,9 +14,8 @@ namespace {
 std::string Sha256(const uint8_t* bytes, size_t size) {
     uint8_t digest[EVP_MAX_MD_SIZE];
     unsigned length = 0;
-    if (EVP_Digest(bytes, size, digest, &length, EVP_sha256(), nullptr) != 1) {
-        throw Stop{2, "libcrypto has no SHA-256"};
-    }
+    Require(EVP_Digest(bytes, size, digest, &length, EVP_sha256(), nullptr) == 1, 2,
+            "libcrypto has no SHA-256");
     return Hex(digest, length);
 }
 
@@ -32,13 +31,10 @@ Json Describe(const Package& package, const Entry& entry, const Entry* outer) {
                 field.size == 1 ? Json(static_cast<uint8_t>(bytes[0])) : Json(Escaped(bytes));
         }
     }
-    const BaseRevisions base = BaseRevisionsOf(entry.identity);
-    Json& revisions = shown[layout.baseRevs.key] = Json::array();
-    for (const std::string& revision : base.revisions) {
+    const auto base = BaseRevisionsOf(entry.identity);
+    Json& revisions = shown[layout.baseRevs.key] = base ? Json::array() : Json("any");
+    for (const std::string& revision : base.value_or(Texts())) {
         revisions.push_back(Escaped(revision));
-    }
-    if (base.isAny) {
-        revisions = "any";
     }
     shown["body_offset"] = entry.body;
     shown["body_size"] = entry.bodySize;
@@ -58,12 +54,10 @@ Json Describe(const Package& package) {
     for (const Entry& entry : package.entries) {
         entries.push_back(Describe(package, entry, entry.offset < end ? outer : nullptr));
         const size_t entryEnd = entry.body + (entry.bodyFits ? entry.bodySize : 0);
-        if (entryEnd > end) {
-            outer = &entry;
-            end = entryEnd;
-        }
+        outer = entryEnd > end ? &entry : outer;
+        end = std::max(end, entryEnd);
     }
-    if (!package.flaw.empty() || entries.empty()) {
+    if (entries.empty()) {
         report["findings"] = {package.flaw.empty() ? "holds no entry" : package.flaw};
     }
     return report;
@@ -76,23 +70,28 @@ std::string Shown(const Json& value) {
 // A key and its value a line.
 void Print(const Json& object, const char* margin) {
     for (const auto& [key, value] : object.items()) {
-        if (key == "entries") {
-            for (const Json& entry : value) {
+        std::string shown;
+        for (const Json& element : value.is_array() ? value : Json::array({value})) {
+            if (key == "entries") {
                 fmt::print("\n");
-                Print(entry, "    ");
+                Print(element, "    ");
+            } else if (key == "findings") {
+                fmt::print("{}FINDING: {}\n", margin, element.get<std::string>());
+            } else {
+                shown += (shown.empty() ? "" : " ") + Shown(element);
             }
-        } else if (key == "findings") {
-            for (const Json& finding : value) {
-                fmt::print("{}FINDING: {}\n", margin, finding.get<std::string>());
-            }
-        } else {
-            std::string text = value.is_array() ? "" : Shown(value);
-            for (const Json& element : value.is_array() ? value : Json::array()) {
-                text += (text.empty() ? "" : " ") + Shown(element);
-            }
-            fmt::print("{}{:<17}{}\n", margin, key, text);
+        }
+        if (!value.is_array() || key == "base_revisions") {
+            fmt::print("{}{:<17}{}\n", margin, key, shown);
         }
     }
+}
+
+bool IsFlawless(const Json& report) {
+    const Json& entries = report["entries"];
+    return report["findings"].empty() &&
+           std::all_of(entries.begin(), entries.end(),
+                       [](const Json& entry) { return entry["findings"].empty(); });
 }
 
 } // namespace
@@ -104,9 +103,5 @@ int List(const std::string& packageFile, bool asJson) {
     } else {
         Print(report, "");
     }
-    bool isFlawless = report["findings"].empty();
-    for (const Json& entry : report["entries"]) {
-        isFlawless = isFlawless && entry["findings"].empty();
-    }
-    return isFlawless ? 0 : 1;
+    return IsFlawless(report) ? 0 : 1;
 }

@@ -2,10 +2,11 @@
 // them, tries that on a simulated phone, and explains what runs have left on phones.
 #include "fwlab/commands.h"
 #include "fwlab/manifest.h"
+#include "simphone/files.h"
 
 #include <CLI/CLI.hpp>
-#include <filesystem>
 #include <iostream>
+#include <regex>
 
 namespace {
 
@@ -13,7 +14,7 @@ namespace {
 struct Arguments {
     std::string manifest, package, output, phone, record, directory;
     bool gkiOnly, json;
-    DeviceOptions device;
+    Description device; // by hand
     RehearseOptions rehearsal;
     int status; // of the command
 };
@@ -38,34 +39,57 @@ void AddList(CLI::App& app, Arguments& args) {
     list->callback([&] { args.status = List(args.package, args.json); });
 }
 
+std::string Bytes(const std::string& text) {
+    static const std::regex escaped(R"(([^\\]|\\[n\\]|\\x[0-9a-fA-F]{2})*)");
+    Require(std::regex_match(text, escaped), 2, text + R"(: a backslash begins \n, \\ or \xHH)");
+    return Unescaped(text);
+}
+
+// The device that --phone or the other options describe.
+Identity ReadDevice(Arguments& args) {
+    Description& device = args.device;
+    std::string error;
+    if (!args.phone.empty()) {
+        Require(ReadDescription(args.phone, device, error), 2, error);
+        return DeviceOf(device);
+    }
+    device.ufs = !device.manfid.empty();
+    const char* end = device.ufs ? "\n" : ""; // of a node's text
+    device.manfid += end;
+    device.productName = Bytes(device.productName) + end;
+    device.revision = Bytes(device.revision);
+    Require(device.ufs || (device.productName.size() == EMMC.name.size &&
+                           device.revision.size() <= EMMC.revision.size),
+            2, "an eMMC product name has 6 characters, a revision at most 8");
+    return DeviceOf(device);
+}
+
 void AddMatch(CLI::App& app, Arguments& args) {
-    DeviceOptions& device = args.device;
+    Description& device = args.device;
     CLI::App* match = app.add_subcommand("match", "Tell what a phone would do with a package");
     match->add_option("PACKAGE", args.package, "the package")->required();
-    auto* phone = match->add_option("--phone", args.phone, "a simulated phone; or by hand:");
-    match->add_option("--manfid", device.manfid, "UFS: as manfid prints it")->excludes(phone);
-    match->add_option("--manufacturer-id", device.manufacturerId, "eMMC: MID")->excludes(phone);
-    match->add_option("--product", device.product, "product name: a text or [BYTES]");
-    match->add_option("--ext-csd-rev", device.extCsdRev, "eMMC: 7 for 5.0, 8 for 5.1");
-    match->add_option("--revision", device.revision, "running revision: a text or [BYTES]");
     match->add_option("--record", args.record, "its fw_result")->check(CLI::ExistingFile);
+    CLI::App* which = match->add_option_group("device", "a simulated phone, or one by hand");
+    auto* name = match->add_option("--product", device.productName, "product name");
+    auto* rev = match->add_option("--revision", device.revision, "running revision (bytes: \\xHH)");
+    auto* csd = match->add_option("--ext-csd-rev", device.extCsdRev, "eMMC: 7 for 5.0, 8 for 5.1");
+    which->add_option("--phone", args.phone, "its description");
+    which->add_option("--manfid", device.manfid, "UFS: as the node prints it")
+        ->needs(name, rev)
+        ->excludes(csd);
+    which->add_option("--manufacturer-id", device.cid[0], "eMMC: MID")->needs(name, rev, csd);
+    which->require_option(1);
     match->footer("Exit status 0: the pre-check goes on and the update downloads what it saw.");
-    match->callback([&] {
-        args.status =
-            Match(args.package, args.phone.empty() ? ReadDevice(device) : ReadPhone(args.phone),
-                  args.record);
-    });
+    match->callback([&] { args.status = Match(args.package, ReadDevice(args), args.record); });
 }
 
 void AddRehearse(CLI::App& app, Arguments& args) {
     RehearseOptions& options = args.rehearsal;
-    options.tool = std::filesystem::read_symlink("/proc/self/exe").parent_path() / "ffu";
     CLI::App* rehearse = app.add_subcommand("rehearse", "Run ffu on a simulated phone");
     rehearse->add_option("PACKAGE", options.package, "the package")->required();
     rehearse->add_option("--phone", options.phone, "the phone's description")->required();
     rehearse->add_option("--fault", options.faults, "a call that fails (see simphone/emmc.toml)")
         ->type_size(1);
-    rehearse->add_option("--tool", options.tool, "the ffu to run, if not the one beside fwlab");
     rehearse->add_option("--keep", options.keep, "make the phone in this directory and keep it");
     rehearse->add_flag("--reboot-and-run-again", options.runAgain,
                        "run again after the restart: that run must find nothing to do");

@@ -7,20 +7,22 @@
 
 namespace {
 
-void Print(const std::string& step, bool goesOn, const std::string& reason,
-           const std::vector<std::string>& messages) {
+void Print(const std::string& step, bool goesOn, const std::string& reason, const Texts& messages) {
     fmt::print("{}: {}: {}\n", step, goesOn ? "goes on" : "nothing to do", reason);
     for (const std::string& message : messages) {
         fmt::print("    would log: {}\n", message);
     }
 }
 
+std::string RevisionOf(const Identity& identity) {
+    return Get(identity, identity.layout->revision);
+}
+
 void Print(const std::string& step, const Choice& choice) {
     std::string taken;
     if (choice.entry != nullptr) {
-        const Identity& identity = choice.entry->identity;
         taken = fmt::format("takes {}, revision {}: ", Title(*choice.entry),
-                            Quoted(Get(identity, identity.layout->revision)));
+                            Quoted(RevisionOf(choice.entry->identity)));
     }
     Print(step, choice.goesOn, taken + choice.reason, choice.messages);
 }
@@ -41,18 +43,14 @@ bool PrintRecord(const std::string& recordFile, const std::string& revision) {
 
 int Match(const std::string& packageFile, const Identity& device, const std::string& recordFile) {
     const Package package = OpenPackage(packageFile, device.layout);
-    if (!package.flaw.empty()) {
-        fmt::print("{} {}\n", packageFile, package.flaw);
-        return 1;
-    }
-    const Field& revision = device.layout->revision;
+    Require(package.flaw.empty(), 1, packageFile + " " + package.flaw);
     fmt::print("device: {} {}, runs {}\n", Quoted(Get(device, device.layout->manufacturer)),
-               Quoted(Get(device, device.layout->name)), Quoted(Get(device, revision)));
+               Quoted(Get(device, device.layout->name)), Quoted(RevisionOf(device)));
     const Choice preCheck = PreCheck(package, device);
     Print("pre-check", preCheck);
     const bool isReached =
         preCheck.goesOn &&
-        (recordFile.empty() || PrintRecord(recordFile, Get(preCheck.entry->identity, revision)));
+        (recordFile.empty() || PrintRecord(recordFile, RevisionOf(preCheck.entry->identity)));
     const Choice update = SelectForUpdate(package, device);
     Print(isReached ? "update" : "update (not reached)", update);
     if (preCheck.entry != update.entry || preCheck.goesOn != update.goesOn) {
@@ -62,9 +60,9 @@ int Match(const std::string& packageFile, const Identity& device, const std::str
         fmt::print("No update.\n");
         return 1;
     }
-    const bool isSame =
-        Get(preCheck.entry->identity, revision) == Get(update.entry->identity, revision);
-    fmt::print("An update to {}{}.\n", Quoted(Get(update.entry->identity, revision)),
+    const std::string revision = RevisionOf(update.entry->identity);
+    const bool isSame = revision == RevisionOf(preCheck.entry->identity);
+    fmt::print("An update to {}{}.\n", Quoted(revision),
                isSame ? "" : ", while the record will name another revision");
     return isSame ? 0 : 1;
 }

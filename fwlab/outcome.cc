@@ -24,9 +24,9 @@ std::string LastRun(const State& state) {
         return "The last run left both run flags, as one could not be removed.";
     }
     if (state.ended) {
-        return state.passed ? "The last run came to its regular end: it updated the device, or "
-                              "found nothing to do after a run that had."
-                            : "The last run came to its regular end: it found nothing to do.";
+        return std::string("The last run came to its regular end: it ") +
+               (state.passed ? "updated the device, or found nothing to do after a run that had."
+                             : "found nothing to do.");
     }
     if (!state.begun) {
         return "The last run could not create its begin flag or its end flag.";
@@ -90,22 +90,21 @@ StateReport DescribeState(const std::string& directory) {
     const State state = {has(BEGIN_FLAG), has(END_FLAG), has(OK_FLAG), has(FAIL_FLAG),
                          has(RESULT_FILE)};
     const Record record = state.recorded ? ReadRecord(file(RESULT_FILE)) : Record{true, "", "", {}};
+    const std::string next = NextRun(state, record);
     if (!state.begun && !state.ended && !state.passed && !state.failed && !state.recorded) {
         return {false, "No run has left a trace: the tool never ran here, or could not create its "
                        "begin flag. " +
-                           NextRun(state, record)};
+                           next};
     }
     std::string time;
     (void)ReadWholeFile(file(state.passed ? OK_FLAG : FAIL_FLAG), time); // there may be none
     time = Escaped(time.substr(0, time.find('\n')));
     return {state.ended && !state.begun && !state.failed && record.isReadable,
-            LastRun(state) + " " + LastUpdate(state, time) + " " + NextRun(state, record)};
+            LastRun(state) + " " + LastUpdate(state, time) + " " + next};
 }
 
 int Outcome(const std::string& directory) {
-    if (!fs::is_directory(directory)) {
-        throw Stop{2, directory + ": not a directory"};
-    }
+    Require(fs::is_directory(directory), 2, directory + ": not a directory");
     const StateReport report = DescribeState(directory);
     fmt::print("{}\n", report.text);
     return report.isFine ? 0 : 1;

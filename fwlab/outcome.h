@@ -1,13 +1,12 @@
 // The files that runs leave on a phone, read as the phone reads them.
 #pragma once
 
-#include <string>
-#include <vector>
+#include "fwlab/package.h"
 
 struct Record {
     bool isReadable;
-    std::string base, target;          // revisions of the last attempt
-    std::vector<std::string> messages; // why it cannot be read
+    std::string base, target; // revisions of the last attempt
+    Texts messages;           // why it cannot be read
 };
 Record ReadRecord(const std::string& path);
 

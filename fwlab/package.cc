@@ -1,5 +1,4 @@
-// Opens packages for every command. Reads through a mapping, so a large package costs no memory of
-// fwlab's own. A file that cannot be read ends the command.
+// Finds the entries of packages, for every command. A file that cannot be read ends the command.
 #include "fwlab/package.h"
 
 #include "simphone/files.h"
@@ -17,7 +16,7 @@ constexpr size_t ENTRIES_MAX = 65536;
 
 #define PLACE(record, member) offsetof(record, member), sizeof(record::member)
 const Layout EMMC = {
-    "emmc",
+    EMMC_MAGIC,
     sizeof(EmmcFwHeader),
     {"manufacturer_id", PLACE(EmmcFwHeader, emmcMid), Field::EXACT},
     {"product_name", PLACE(EmmcFwHeader, emmcPnm), Field::EXACT},
@@ -28,7 +27,7 @@ const Layout EMMC = {
     {"base_revisions", PLACE(EmmcFwHeader, legalBaseRev), Field::EXACT},
 };
 const Layout UFS = {
-    "ufs",
+    UFS_MAGIC,
     sizeof(UfsFwHeader),
     {"manfid", PLACE(UfsFwHeader, ufsMid), Field::NODE},
     {"product_name", PLACE(UfsFwHeader, ufsPnm), Field::NODE},
@@ -40,61 +39,66 @@ const Layout UFS = {
 };
 #undef PLACE
 
+void Require(bool isSo, int status, const std::string& text) {
+    if (!isSo) {
+        throw Stop{status, text};
+    }
+}
+
+Identity NewIdentity(const Layout& layout) {
+    Identity identity = {&layout, layout.magic};
+    identity.header.resize(layout.headerSize);
+    return identity;
+}
+
 std::string Get(const Identity& identity, const Field& field) {
     return identity.header.substr(field.offset, field.size);
 }
 
 void Set(Identity& identity, const Field& field, const std::string& bytes) {
-    identity.header.replace(field.offset, field.size, bytes);
-}
-
-MappedFile MapFile(const std::string& path) {
-    std::error_code error;
-    const size_t size = std::filesystem::file_size(path, error); // of a regular file only
-    if (!error && size == 0) {
-        return {MappedBytes(reinterpret_cast<const uint8_t*>(""), [](const uint8_t*) {}), 0};
-    }
-    const int fd = error ? -1 : open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    void* bytes = fd < 0 ? MAP_FAILED : mmap(nullptr, size, PROT_READ, MAP_PRIVATE, fd, 0);
-    const std::string reason = error ? error.message() : strerror(errno);
-    close(fd);
-    if (bytes == MAP_FAILED) {
-        throw Stop{2, path + ": " + reason};
-    }
-    const auto unmap = [bytes = bytes, size](const uint8_t*) { munmap(bytes, size); };
-    return {MappedBytes(static_cast<const uint8_t*>(bytes), unmap), size};
+    std::string whole = bytes;
+    whole.resize(field.size);
+    identity.header.replace(field.offset, field.size, whole);
 }
 
 Package OpenPackage(const std::string& path, const Layout* layout) {
-    const auto [mapped, size] = MapFile(path);
-    const uint8_t* bytes = mapped.get();
+    std::error_code error;
+    const size_t size = std::filesystem::file_size(path, error); // of a regular file only
+    Require(!error, 2, path + ": " + error.message());
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    const size_t mapped = size == 0 ? 1 : size; // nothing cannot be mapped
+    void* bytes = fd < 0 ? MAP_FAILED : mmap(nullptr, mapped, PROT_READ, MAP_PRIVATE, fd, 0);
+    const std::string reason = path + ": " + strerror(errno);
+    close(fd);
+    Require(bytes != MAP_FAILED, 2, reason);
+    const auto unmap = [bytes, mapped](const uint8_t*) { munmap(bytes, mapped); };
+    return LookInto(path, {static_cast<const uint8_t*>(bytes), unmap}, size, layout);
+}
+
+Package LookInto(const std::string& path, const PackageBytes& bytes, size_t size,
+                 const Layout* layout) {
+    Package package = {path, layout, bytes, size, "", {}};
     if (size == 0 || size > PACKAGE_SIZE_MAX) {
-        return {path,
-                layout,
-                nullptr,
-                size,
-                {},
-                size == 0 ? "is empty: the phone finds nothing to do"
-                          : "is 2 GiB or larger: the phone refuses it"};
+        package.flaw = size == 0 ? "is empty: the phone finds nothing to do"
+                                 : "is 2 GiB or larger: the phone refuses it";
+        return package;
     }
+    const uint8_t* first = bytes.get();
     if (layout == nullptr) {
-        const size_t firstUfs = FindUfsEntry(bytes, size, 0);
-        const bool isEmmc = firstUfs == size || FindEmmcEntry(bytes, firstUfs, 0) < firstUfs;
-        layout = isEmmc ? &EMMC : &UFS;
+        const size_t firstUfs = FindUfsEntry(first, size, 0);
+        const bool isEmmc = firstUfs == size || FindEmmcEntry(first, firstUfs, 0) < firstUfs;
+        package.layout = isEmmc ? &EMMC : &UFS;
     }
-    Package package = {path, layout, mapped, size, {}, ""};
-    const auto find = layout == &UFS ? FindUfsEntry : FindEmmcEntry;
-    for (size_t p = find(bytes, size, 0); p < size; p = find(bytes, size, p + 1)) {
-        if (package.entries.size() == ENTRIES_MAX) {
-            throw Stop{2, fmt::format("{}: more than {} entries: no package", path, ENTRIES_MAX)};
-        }
-        const uint32_t bodySize = ReadBigEndian32(bytes + p + layout->bodySize.offset);
-        package.entries.push_back({package.entries.size() + 1,
-                                   p,
-                                   p + layout->headerSize,
-                                   bodySize,
-                                   BodyFits(size, p, layout->headerSize, bodySize),
-                                   {layout, {bytes + p, bytes + p + layout->headerSize}}});
+    const size_t headerSize = package.layout->headerSize;
+    const auto find = package.layout == &UFS ? FindUfsEntry : FindEmmcEntry;
+    for (size_t p = find(first, size, 0); p < size; p = find(first, size, p + 1)) {
+        const size_t number = package.entries.size() + 1;
+        Require(number <= ENTRIES_MAX, 2,
+                fmt::format("{}: more than {} entries: no package", path, ENTRIES_MAX));
+        const uint32_t bodySize = ReadBigEndian32(first + p + package.layout->bodySize.offset);
+        const Identity identity = {package.layout, {first + p, first + p + headerSize}};
+        package.entries.push_back({number, p, p + headerSize, bodySize,
+                                   BodyFits(size, p, headerSize, bodySize), identity});
     }
     return package;
 }

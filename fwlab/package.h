@@ -1,4 +1,4 @@
-// A firmware package on a desk: mapped, with every place in it that a reader on the phone visits.
+// A firmware package on a desk, with every place in it that a reader on the phone visits.
 #pragma once
 
 #include "fwpkg/firmware_package.h"
@@ -7,14 +7,17 @@
 #include <string>
 #include <vector>
 
+using Texts = std::vector<std::string>;
+
 // Thrown to end the command: exit status 1 (the answer is "no") or 2 (wrong usage, unreadable
 // input), and why.
 struct Stop {
     int status;
     std::string text;
 };
+void Require(bool isSo, int status, const std::string& text);
 
-// A field of a header, by the name that manifests and descriptions give it.
+// A field of a header, by the name that manifests and reports give it.
 struct Field {
     enum Filling { EXACT, ZEROS, NODE }; // behind a short text: none, zeros, line feed and zeros
     const char* key;
@@ -23,7 +26,7 @@ struct Field {
 };
 
 struct Layout {
-    const char* technology;
+    const char* magic;
     size_t headerSize;
     Field manufacturer, name, extCsdRev, revision, bodySize, marketName, baseRevs;
 };
@@ -34,8 +37,9 @@ struct Identity {
     const Layout* layout;
     std::string header;
 };
+Identity NewIdentity(const Layout& layout); // with the magic, else zeros
 std::string Get(const Identity& identity, const Field& field);
-void Set(Identity& identity, const Field& field, const std::string& bytes);
+void Set(Identity& identity, const Field& field, const std::string& bytes); // zeros behind them
 
 struct Entry {
     size_t number; // from 1
@@ -45,25 +49,21 @@ struct Entry {
     Identity identity;
 };
 
-// A file's bytes, mapped as long as somebody holds them.
-using MappedBytes = std::shared_ptr<const uint8_t>;
+using PackageBytes = std::shared_ptr<const uint8_t>;
 
 struct Package {
     std::string path;
     const Layout* layout;
-    MappedBytes bytes; // null if the phone does not look into it
+    PackageBytes bytes;
     size_t size;
-    std::vector<Entry> entries; // every candidate, by offset
     std::string flaw;           // why the phone does not look into it
+    std::vector<Entry> entries; // every candidate, by offset; none if there is a flaw
 };
-// Without a layout, that of the first entry is taken.
+// Without a layout, that of the first entry is taken. OpenPackage maps the file: a large package
+// costs no memory.
 Package OpenPackage(const std::string& path, const Layout* layout = nullptr);
-
-struct MappedFile {
-    MappedBytes bytes;
-    size_t size;
-};
-MappedFile MapFile(const std::string& path);
+Package LookInto(const std::string& path, const PackageBytes& bytes, size_t size,
+                 const Layout* layout);
 
 std::string Title(const Entry& entry);        // "entry 2 at 0x1040"
 std::string Quoted(const std::string& bytes); // printable, in quotation marks

@@ -8,24 +8,17 @@
 #include "run/run_values.h"
 #include "simphone/phone.h"
 
-#include <algorithm>
-#include <cerrno>
+#include <climits>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fmt/format.h>
+#include <map>
 #include <memory>
 #include <sstream>
 
 namespace fs = std::filesystem;
 
 namespace {
-
-void Check(bool isDone, const std::string& error) {
-    if (!isDone) {
-        throw Stop{2, error};
-    }
-}
 
 std::string Content(const std::string& file) {
     std::string content;
@@ -42,32 +35,23 @@ void PrintLines(const char* source, const std::string& text) {
 // Both logs and the device's requests, in the order in which they came.
 void PrintTimeLine(const RunResult& run) {
     struct Event {
-        long number;
-        size_t consoleBytes; // before it
+        long long consoleBytes; // before it
         const char* source;
         std::string text;
     };
-    std::vector<Event> events;
+    std::map<long, Event> events; // by the number of the call that it was
     for (const SystemLogEntry& log : run.systemLog) {
-        events.push_back({log.number, static_cast<size_t>(log.consoleBytes), "log", log.text});
+        events[log.number] = {log.consoleBytes, "log", log.text};
     }
     for (const DeviceRequest& request : run.requests) {
-        events.push_back(
-            {request.number, static_cast<size_t>(request.consoleBytes), "device", request.text});
+        events[request.number] = {request.consoleBytes, "device", request.text};
     }
-    std::sort(events.begin(), events.end(),
-              [](const Event& a, const Event& b) { return a.number < b.number; });
-    // A workstation's log call writes to the standard error, too: that is shown already.
-    std::istringstream lines(run.errors);
-    std::string errors;
-    for (std::string line; std::getline(lines, line);) {
-        errors += line.empty() || line.find("FFU process ") != std::string::npos ? "" : line + "\n";
-    }
-    events.push_back({0, run.console.size(), "stderr", errors});
+    events[LONG_MAX] = {static_cast<long long>(run.console.size()), "", ""};
     size_t printed = 0;
-    for (const Event& event : events) {
-        PrintLines("console", run.console.substr(printed, event.consoleBytes - printed));
-        printed = event.consoleBytes;
+    for (const auto& [number, event] : events) {
+        const auto before = static_cast<size_t>(event.consoleBytes);
+        PrintLines("console", run.console.substr(printed, before - printed));
+        printed = before;
         PrintLines(event.source, event.text);
     }
 }
@@ -75,16 +59,16 @@ void PrintTimeLine(const RunResult& run) {
 void PrintPhone(const std::string& phone) {
     std::string shown;
     std::string error;
-    Check(ShowPhone(phone, shown, error), error);
+    Require(ShowPhone(phone, shown, error), 2, error);
     fmt::print("{}", shown);
 }
 
-void Run(const std::string& tool, const std::vector<std::string>& faults,
-         const std::string& phone) {
+void Run(const Texts& faults, const std::string& phone) {
     RunOptions options;
     options.faults = faults;
+    const fs::path tool = fs::read_symlink("/proc/self/exe").parent_path() / "ffu";
     const RunResult run = RunTool(phone, tool, options);
-    Check(run.error.empty(), run.error);
+    Require(run.error.empty(), 2, run.error);
     PrintTimeLine(run);
     fmt::print("\nThe run ended with {} {}{}.\n", run.signal != 0 ? "signal" : "exit status",
                run.signal != 0 ? run.signal : run.exitStatus,
@@ -93,43 +77,43 @@ void Run(const std::string& tool, const std::vector<std::string>& faults,
     fmt::print("{}\n", DescribeState(phone + STATE_DIR).text);
 }
 
-// Whether the device took exactly the body of entry (null: none is right). An eMMC request carries
-// whole blocks.
-bool TookBody(const std::string& phone, const Package& package, const Entry* entry) {
-    const std::string file = phone + "/device/downloaded.bin";
-    if (!fs::exists(file)) {
-        fmt::print("The device took no firmware.\n");
-        return false;
-    }
-    const std::string taken = Content(file);
-    const size_t size = entry == nullptr ? 0 : entry->bodySize;
-    const size_t blocks = (size + MMC_BLOCK_SIZE - 1) / MMC_BLOCK_SIZE * MMC_BLOCK_SIZE;
-    const bool isBody =
-        entry != nullptr &&
-        (taken.size() == size || (package.layout == &EMMC && taken.size() == blocks)) &&
-        memcmp(taken.data(), package.bytes.get() + entry->body, size) == 0;
-    fmt::print("The device took {} bytes, {}the body of {}.\n", taken.size(), isBody ? "" : "NOT ",
+// Says what was seen of entry, and whether it is as meant; without an entry nothing is.
+bool Judge(const std::string& seen, bool isMeant, const char* part, const Entry* entry) {
+    isMeant = isMeant && entry != nullptr;
+    fmt::print("{}, {}the {} of {}.\n", seen, isMeant ? "" : "NOT ", part,
                entry == nullptr ? "an entry for it" : Title(*entry));
-    return isBody;
-}
-
-bool RunsRevision(const std::string& phone, const Package& package, const Entry* entry) {
-    const Field& revision = package.layout->revision;
-    const std::string running =
-        package.layout == &UFS ? Content(phone + "/proc/bootdevice/rev").substr(0, revision.size)
-                               : Content(phone + "/device/ext_csd.bin")
-                                     .substr(EXT_CSD_FIRMWARE_VERSION, revision.size);
-    const bool isMeant = entry != nullptr && running == Get(entry->identity, revision);
-    fmt::print("After a restart the phone runs {}, {}the revision of {}.\n", Quoted(running),
-               isMeant ? "" : "NOT ", entry == nullptr ? "an entry for it" : Title(*entry));
     return isMeant;
 }
 
+// Whether the device took exactly the body of entry. An eMMC request carries whole blocks.
+bool TookBody(const std::string& phone, const Package& package, const Entry* entry) {
+    const std::string taken = Content(phone + "/device/downloaded.bin");
+    const size_t size = entry == nullptr ? 0 : entry->bodySize;
+    const size_t blocks = (size + MMC_BLOCK_SIZE - 1) / MMC_BLOCK_SIZE * MMC_BLOCK_SIZE;
+    const bool isWhole =
+        taken.size() == size || (package.layout == &EMMC && taken.size() == blocks);
+    const bool isBody =
+        size > 0 && isWhole &&
+        std::equal(taken.begin(), taken.begin() + size, package.bytes.get() + entry->body,
+                   [](char a, uint8_t b) { return static_cast<uint8_t>(a) == b; });
+    return Judge(fmt::format("The device took {} bytes", taken.size()), isBody, "body", entry);
+}
+
+bool RunsRevision(const std::string& phone, const Package& package, const Entry* entry) {
+    const Field& field = package.layout->revision;
+    const bool isUfs = package.layout == &UFS;
+    const std::string revision =
+        isUfs ? Content(phone + "/proc/bootdevice/rev").substr(0, field.size)
+              : Content(phone + "/device/ext_csd.bin").substr(EXT_CSD_FIRMWARE_VERSION, field.size);
+    return Judge("After a restart the phone runs " + Quoted(revision),
+                 entry != nullptr && revision == Get(entry->identity, field), "revision", entry);
+}
+
 // Whether another run, without the faults of the first, leaves the phone alone.
-bool FindsNothingToDo(const std::string& tool, const std::string& phone) {
+bool FindsNothingToDo(const std::string& phone) {
     const std::string record = Content(phone + RESULT_FILE);
     fmt::print("\nThe second run:\n");
-    Run(tool, {}, phone);
+    Run({}, phone);
     const bool isQuiet = Content(phone + RESULT_FILE) == record && fs::exists(phone + END_FLAG) &&
                          !fs::exists(phone + BEGIN_FLAG);
     fmt::print("The second run {} nothing to do.\n", isQuiet ? "found" : "did NOT find");
@@ -139,29 +123,33 @@ bool FindsNothingToDo(const std::string& tool, const std::string& phone) {
 } // namespace
 
 int Rehearse(const RehearseOptions& options) {
-    const Identity device = ReadPhone(options.phone);
-    const Package package = OpenPackage(options.package, device.layout);
-    Check(package.size <= PACKAGE_SIZE_MAX, options.package + " " + package.flaw);
-    const Entry* entry = SelectForUpdate(package, device).entry;
-    std::string phone = options.keep;
+    Description description;
     std::string error;
-    std::unique_ptr<const std::string, void (*)(const std::string*)> temporary(
-        nullptr, [](const std::string* directory) { fs::remove_all(*directory); });
-    if (phone.empty()) {
-        phone = fs::temp_directory_path() / "fwlab-XXXXXX";
-        Check(mkdtemp(phone.data()) != nullptr, phone + ": " + strerror(errno));
+    Require(ReadDescription(options.phone, description, error), 2, error);
+    const Identity device = DeviceOf(description);
+    const Package package = OpenPackage(options.package, device.layout);
+    Require(package.size <= PACKAGE_SIZE_MAX, 2, options.package + " " + package.flaw);
+    const Entry* entry = SelectForUpdate(package, device).entry;
+
+    std::string phone = fs::temp_directory_path() / "fwlab-XXXXXX";
+    const auto remove = [](const std::string* directory) { fs::remove_all(*directory); };
+    std::unique_ptr<const std::string, decltype(remove)> temporary(nullptr, remove);
+    if (options.keep.empty()) {
+        Require(mkdtemp(phone.data()) != nullptr, 2, phone + ": cannot be made");
         temporary.reset(&phone);
+    } else {
+        phone = options.keep;
     }
-    Check(MakePhone(options.phone, phone, error), error);
-    Check(PutPackage(options.package, phone, error), error);
+    Require(MakePhone(options.phone, phone, error), 2, error);
+    Require(PutPackage(options.package, phone, error), 2, error);
     PrintPhone(phone);
     fmt::print("\n");
-    Run(options.tool, options.faults, phone);
+    Run(options.faults, phone);
     bool isUpdated = TookBody(phone, package, entry) && DescribeState(phone + STATE_DIR).isFine;
-    Check(RebootPhone(phone, error), error);
+    Require(RebootPhone(phone, error), 2, error);
     isUpdated = RunsRevision(phone, package, entry) && isUpdated;
     if (options.runAgain) {
-        isUpdated = FindsNothingToDo(options.tool, phone) && isUpdated;
+        isUpdated = FindsNothingToDo(phone) && isUpdated;
     }
     fmt::print("The phone is {}updated as meant.\n", isUpdated ? "" : "NOT ");
     return isUpdated ? 0 : 1;

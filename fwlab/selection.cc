@@ -21,6 +21,29 @@ template <class Header> Header HeaderOf(const Identity& identity) {
     return header;
 }
 
+template <class Takes> const Entry* FirstEntry(const Package& package, Takes takes) {
+    const auto found = std::find_if(package.entries.begin(), package.entries.end(),
+                                    [&](const Entry& e) { return e.bodyFits && takes(e); });
+    return found == package.entries.end() ? nullptr : &*found;
+}
+
+Choice SelectEmmc(const Package& package, const Identity& identity) {
+    const auto device = HeaderOf<EmmcFwHeader>(identity);
+    const Entry* entry = FirstEntry(package, [&](const Entry& candidate) {
+        return EmmcEntryMatches(device, HeaderOf<EmmcFwHeader>(candidate.identity));
+    });
+    if (entry == nullptr) {
+        return {nullptr, false, "no entry has its manufacturer, product name and EXT_CSD_REV"};
+    }
+    if (Get(entry->identity, EMMC.revision) == Get(identity, EMMC.revision)) {
+        return {entry, false, "its revision is the one that runs"};
+    }
+    if (device.emmcRev < EXT_CSD_REV_5_0) {
+        return {entry, false, "the device is older than eMMC 5.0: the update fails"};
+    }
+    return {entry, true, "its revision is another than the one that runs"};
+}
+
 // The device as the UFS update sees it.
 UfsFwHeader UfsDevice(const Identity& identity) {
     auto device = HeaderOf<UfsFwHeader>(identity);
@@ -28,54 +51,30 @@ UfsFwHeader UfsDevice(const Identity& identity) {
     return device;
 }
 
-bool IsRenamed(const Identity& device) {
-    return device.layout == &UFS &&
-           memcmp(UfsDevice(device).ufsPnm, Get(device, UFS.name).data(), UFS.name.size) != 0;
-}
-
-// Whether the pre-check takes this candidate. Its reader is asked about the header and, where the
-// package goes on, one byte more: no later entry can answer for this one.
-bool PreCheckTakes(const Package& package, const Entry& entry, const DeviceInfo& device, char* rev,
-                   uint8_t* baseRevs) {
-    Identity alone = entry.identity;
-    Set(alone, package.layout->bodySize, std::string(4, '\0'));
-    alone.header.append(entry.body < package.size ? 1 : 0, '\0');
-    const auto getRev = package.layout == &UFS ? GetUfsRev : GetEmmcRev;
-    return entry.bodyFits && getRev(reinterpret_cast<const uint8_t*>(alone.header.data()),
-                                    alone.header.size(), device.pnm, rev, baseRevs) == 0;
-}
-
-Choice SelectEmmc(const Package& package, const Identity& identity) {
-    const auto device = HeaderOf<EmmcFwHeader>(identity);
-    for (const Entry& entry : package.entries) {
-        const auto header = HeaderOf<EmmcFwHeader>(entry.identity);
-        if (!entry.bodyFits || !EmmcEntryMatches(device, header)) {
-            continue;
-        }
-        if (memcmp(device.emmcFwRev, header.emmcFwRev, sizeof(header.emmcFwRev)) == 0) {
-            return {&entry, false, "its revision is the one that runs"};
-        }
-        if (device.emmcRev < EXT_CSD_REV_5_0) {
-            return {&entry, false, "the device is older than eMMC 5.0: the update fails"};
-        }
-        return {&entry, true, "its revision is another than the one that runs"};
-    }
-    return {nullptr, false, "no entry has its manufacturer, product name and EXT_CSD_REV"};
-}
-
 Choice SelectUfs(const Package& package, const Identity& identity) {
     const UfsFwHeader device = UfsDevice(identity);
-    for (const Entry& entry : package.entries) {
-        const auto header = HeaderOf<UfsFwHeader>(entry.identity);
-        if (!entry.bodyFits || !UfsEntryMatches(device, header)) {
-            continue;
-        }
-        if (FwVerCheck(device, header) != 0) {
-            return {&entry, false, "its revision is not newer than the one that runs"};
-        }
-        return {&entry, true, "its revision is newer than the one that runs"};
+    const Entry* entry = FirstEntry(package, [&](const Entry& candidate) {
+        return UfsEntryMatches(device, HeaderOf<UfsFwHeader>(candidate.identity));
+    });
+    if (entry == nullptr) {
+        return {nullptr, false, "no entry has its manufacturer and a product name that agrees"};
     }
-    return {nullptr, false, "no entry has its manufacturer and a product name that agrees"};
+    if (FwVerCheck(device, HeaderOf<UfsFwHeader>(entry->identity)) != 0) {
+        return {entry, false, "its revision is not newer than the one that runs"};
+    }
+    return {entry, true, "its revision is newer than the one that runs"};
+}
+
+// Whether update is what entry promises to device, which it describes.
+bool IsMeant(const Entry& entry, const Identity& device, const Choice& update) {
+    if (update.entry == nullptr || update.entry == &entry) {
+        return true; // at least no other one
+    }
+    const Field& revision = device.layout->revision;
+    const bool isRenamed =
+        device.layout == &UFS &&
+        memcmp(UfsDevice(device).ufsPnm, Get(device, UFS.name).data(), UFS.name.size) != 0;
+    return isRenamed && Get(update.entry->identity, revision) == Get(entry.identity, revision);
 }
 
 // Why device, which entry describes, would not get it; empty if it would.
@@ -88,11 +87,7 @@ std::string WhyNotApplied(const Package& package, const Entry& entry, const Iden
         return "the pre-check finds nothing to do: " + preCheck.reason;
     }
     const Choice update = SelectForUpdate(package, device);
-    const Field& revision = device.layout->revision;
-    const bool isMeant = update.entry == &entry ||
-                         (update.entry != nullptr && IsRenamed(device) &&
-                          Get(update.entry->identity, revision) == Get(entry.identity, revision));
-    if (!isMeant && update.entry != nullptr) {
+    if (!IsMeant(entry, device, update)) {
         return "shadowed, the update takes " + Title(*update.entry);
     }
     return update.goesOn ? "" : "the update finds nothing to do: " + update.reason;
@@ -100,20 +95,19 @@ std::string WhyNotApplied(const Package& package, const Entry& entry, const Iden
 
 // The same for each base revision.
 std::string WhyNotApplied(const Package& package, const Entry& entry) {
-    BaseRevisions base = BaseRevisionsOf(entry.identity);
-    if (base.isAny) { // try one that is older and not the beginning of the entry's own
-        const bool isTaken = Get(entry.identity, package.layout->revision)[0] == 1;
-        base.revisions = {std::string(package.layout->revision.size, isTaken ? '\2' : '\1')};
-    }
-    for (const std::string& revision : base.revisions) {
+    const Field& field = package.layout->revision;
+    const auto base = BaseRevisionsOf(entry.identity);
+    // From any: try one that is older and not the beginning of the entry's own.
+    const char older = Get(entry.identity, field)[0] == 1 ? '\2' : '\1';
+    for (const std::string& revision : base.value_or(Texts{std::string(field.size, older)})) {
         Identity device = entry.identity;
-        Set(device, package.layout->revision, revision);
+        Set(device, field, revision);
         const std::string why = WhyNotApplied(package, entry, device);
         if (!why.empty()) {
-            return (base.isAny ? "" : "from " + Quoted(revision) + ": ") + why;
+            return (base ? "from " + Quoted(revision) + ": " : "") + why;
         }
     }
-    return base.revisions.empty() ? "no device can have one of its base revisions" : "";
+    return base && base->empty() ? "no device can have one of its base revisions" : "";
 }
 
 } // namespace
@@ -121,28 +115,34 @@ std::string WhyNotApplied(const Package& package, const Entry& entry) {
 Choice PreCheck(const Package& package, const Identity& device) {
     const Layout& layout = *device.layout;
     const std::string name = Get(device, layout.name);
-    const std::string running = Get(device, layout.revision);
     DeviceInfo info = {};
     info.type = &layout == &UFS ? DEVICE_UFS : DEVICE_EMMC;
-    std::copy(name.begin(), name.end(), info.pnm);
-    std::copy(running.begin(), running.end(), info.localFwRev);
+    name.copy(info.pnm, PNM_SIZE);
+    Get(device, layout.revision).copy(info.localFwRev, REV_SIZE);
     char rev[REV_SIZE + 1] = {};
     uint8_t baseRevs[BASE_REVS_SIZE] = {};
     (void)TakePhoneMessages();
-    for (const Entry& entry : package.entries) {
-        if (!PreCheckTakes(package, entry, info, rev, baseRevs)) {
-            continue;
-        }
-        if (IsSameRev(info.localFwRev, rev)) {
-            return {&entry, false, "its revision begins like the one that runs: taken for equal"};
-        }
-        const bool isAdmitted = CheckBaseRev(info, baseRevs) == 0;
-        return {&entry, isAdmitted,
-                isAdmitted ? "its revision is another, to be applied from the one that runs"
-                           : "the revision that runs is none of its base revisions",
-                TakePhoneMessages()};
+    // Its reader is asked about each header by itself and, where the package goes on, one byte
+    // more.
+    const Entry* entry = FirstEntry(package, [&](const Entry& candidate) {
+        Identity alone = candidate.identity;
+        Set(alone, layout.bodySize, "");
+        alone.header.append(candidate.body < package.size ? 1 : 0, '\0');
+        const auto* bytes = reinterpret_cast<const uint8_t*>(alone.header.data());
+        return (&layout == &UFS ? GetUfsRev : GetEmmcRev)(bytes, alone.header.size(), info.pnm, rev,
+                                                          baseRevs) == 0;
+    });
+    if (entry == nullptr) {
+        return {nullptr, false, "no entry has the product name " + Quoted(name)};
     }
-    return {nullptr, false, "no entry has the product name " + Quoted(name)};
+    if (IsSameRev(info.localFwRev, rev)) {
+        return {entry, false, "its revision begins like the one that runs: taken for equal"};
+    }
+    const bool isAdmitted = CheckBaseRev(info, baseRevs) == 0;
+    return {entry, isAdmitted,
+            isAdmitted ? "its revision is another, to be applied from the one that runs"
+                       : "the revision that runs is none of its base revisions",
+            TakePhoneMessages()};
 }
 
 Choice SelectForUpdate(const Package& package, const Identity& device) {
@@ -152,29 +152,30 @@ Choice SelectForUpdate(const Package& package, const Identity& device) {
     return choice;
 }
 
-BaseRevisions BaseRevisionsOf(const Identity& identity) {
+std::optional<Texts> BaseRevisionsOf(const Identity& identity) {
     const std::string slots = Get(identity, identity.layout->baseRevs);
     const size_t size = identity.layout->revision.size;
-    BaseRevisions base = {slots == std::string(BASE_REVS_SIZE, '\xFF'), {}};
+    if (slots == std::string(BASE_REVS_SIZE, '\xFF')) {
+        return {};
+    }
+    Texts revisions;
     for (size_t slot = 0; slot < BASE_REVS_SIZE; slot += size) {
         const std::string revision = slots.substr(slot, size);
         if (revision[0] != '\0' && revision != std::string(size, '\xFF') &&
-            std::count(base.revisions.begin(), base.revisions.end(), revision) == 0) {
-            base.revisions.push_back(revision);
+            std::count(revisions.begin(), revisions.end(), revision) == 0) {
+            revisions.push_back(revision);
         }
     }
-    return base;
+    return revisions;
 }
 
-std::vector<std::string> FindingsOf(const Package& package, const Entry& entry) {
+Texts FindingsOf(const Package& package, const Entry& entry) {
     const Layout& layout = *package.layout;
-    std::vector<std::string> findings;
+    Texts findings;
     const auto add = [&](bool isFound, const std::string& text) {
-        if (isFound) {
-            findings.push_back(text);
-        }
+        findings.insert(findings.end(), isFound ? 1 : 0, text);
     };
-    std::vector<std::string> revisions = BaseRevisionsOf(entry.identity).revisions;
+    Texts revisions = BaseRevisionsOf(entry.identity).value_or(Texts());
     revisions.push_back(Get(entry.identity, layout.revision));
     for (const std::string& revision : revisions) {
         const std::string text = revision.substr(0, revision.find('\0'));
@@ -190,8 +191,7 @@ std::vector<std::string> FindingsOf(const Package& package, const Entry& entry) 
     add(&layout == &UFS && entry.bodySize > TRANSFER_SIZE,
         "the body is larger than 8 MiB: the device gets its beginning only");
     add(!entry.bodyFits, "the body reaches past the end: every reader passes over the entry");
-    const bool isRead = entry.bodyFits && !isLast;
-    const std::string why = isRead ? WhyNotApplied(package, entry) : "";
+    const std::string why = entry.bodyFits && !isLast ? WhyNotApplied(package, entry) : "";
     add(!why.empty(), why);
     return findings;
 }

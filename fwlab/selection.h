@@ -3,11 +3,13 @@
 
 #include "fwlab/package.h"
 
+#include <optional>
+
 struct Choice {
     const Entry* entry; // of the package; null if none is chosen
     bool goesOn;        // towards an update
     std::string reason;
-    std::vector<std::string> messages = {}; // what the phone would log
+    Texts messages = {}; // what the phone would log
 };
 
 Choice PreCheck(const Package& package, const Identity& device);
@@ -15,11 +17,8 @@ Choice PreCheck(const Package& package, const Identity& device);
 // The update's own selection, whatever the pre-check decided.
 Choice SelectForUpdate(const Package& package, const Identity& device);
 
-struct BaseRevisions {
-    bool isAny;
-    std::vector<std::string> revisions; // without those that no device can have: free slots
-};
-BaseRevisions BaseRevisionsOf(const Identity& identity);
+// None: any. Without those that no device can have: free slots.
+std::optional<Texts> BaseRevisionsOf(const Identity& identity);
 
 // The one finding that a phone in GKI mode does not mind.
 constexpr char LARGE_EMMC_BODY[] = "the body is larger than 1 MiB: only GKI mode takes it";
@@ -27,8 +26,8 @@ constexpr char LARGE_EMMC_BODY[] = "the body is larger than 1 MiB: only GKI mode
 // What is wrong with the entry itself. A device that it describes must get exactly this entry from
 // each of its base revisions; one that the update knows under another name may get an entry for
 // that name, of the same revision. Not asked: whether the entry lies inside another one.
-std::vector<std::string> FindingsOf(const Package& package, const Entry& entry);
+Texts FindingsOf(const Package& package, const Entry& entry);
 
 // What the phone's routines said since the last call, oldest first, without line ends. Neither of
 // the phone's logs is there on a desk: fwlab keeps both.
-std::vector<std::string> TakePhoneMessages();
+Texts TakePhoneMessages();

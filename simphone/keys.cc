@@ -36,9 +36,8 @@ uint32_t TakeNumber(Keys keys, const char* key, uint32_t most) {
 
 std::string TakeBytes(Keys keys, const char* key, size_t most) {
     std::string bytes;
-    Take(keys, key, kRequired, "a text or a list of bytes that fits", [&](const toml::node& node) {
-        return AppendBytes(node, bytes) && bytes.size() <= most;
-    });
+    Take(keys, key, kRequired, "a text or a list of bytes that fits",
+         [&](const toml::node& node) { return AppendBytes(node, bytes) && bytes.size() <= most; });
     return bytes;
 }
 
