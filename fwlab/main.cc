@@ -45,14 +45,8 @@ std::string Bytes(const std::string& text) {
     return Unescaped(text);
 }
 
-// The device that --phone or the other options describe.
-Identity ReadDevice(Arguments& args) {
-    Description& device = args.device;
-    std::string error;
-    if (!args.phone.empty()) {
-        Require(ReadDescription(args.phone, device, error), 2, error);
-        return DeviceOf(device);
-    }
+// The device that the options describe.
+Identity DeviceByHand(Description device) {
     device.ufs = !device.manfid.empty();
     const char* end = device.ufs ? "\n" : ""; // of a node's text
     device.manfid += end;
@@ -80,7 +74,11 @@ void AddMatch(CLI::App& app, Arguments& args) {
     which->add_option("--manufacturer-id", device.cid[0], "eMMC: MID")->needs(name, rev, csd);
     which->require_option(1);
     match->footer("Exit status 0: the pre-check goes on and the update downloads what it saw.");
-    match->callback([&] { args.status = Match(args.package, ReadDevice(args), args.record); });
+    match->callback([&] {
+        args.status = Match(args.package,
+                            args.phone.empty() ? DeviceByHand(args.device) : ReadPhone(args.phone),
+                            args.record);
+    });
 }
 
 void AddRehearse(CLI::App& app, Arguments& args) {

@@ -125,3 +125,10 @@ Identity DeviceOf(const Description& phone) {
     Set(device, layout.revision, phone.revision + (phone.ufs ? "\n" : ""));
     return device;
 }
+
+Identity ReadPhone(const std::string& descriptionFile) {
+    Description phone;
+    std::string error;
+    Require(ReadDescription(descriptionFile, phone, error), 2, error);
+    return DeviceOf(phone);
+}

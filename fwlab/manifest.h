@@ -10,5 +10,6 @@ struct ManifestEntry {
 };
 std::vector<ManifestEntry> ReadManifest(const std::string& path);
 
-// A device as its nodes and registers show it: a simulated phone's, or one by hand.
+// A device as its nodes and registers show it.
 Identity DeviceOf(const Description& phone);
+Identity ReadPhone(const std::string& descriptionFile);

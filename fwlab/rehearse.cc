@@ -10,6 +10,7 @@
 
 #include <climits>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fmt/format.h>
 #include <map>
@@ -93,9 +94,7 @@ bool TookBody(const std::string& phone, const Package& package, const Entry* ent
     const bool isWhole =
         taken.size() == size || (package.layout == &EMMC && taken.size() == blocks);
     const bool isBody =
-        size > 0 && isWhole &&
-        std::equal(taken.begin(), taken.begin() + size, package.bytes.get() + entry->body,
-                   [](char a, uint8_t b) { return static_cast<uint8_t>(a) == b; });
+        size > 0 && isWhole && memcmp(taken.data(), package.bytes.get() + entry->body, size) == 0;
     return Judge(fmt::format("The device took {} bytes", taken.size()), isBody, "body", entry);
 }
 
@@ -123,10 +122,8 @@ bool FindsNothingToDo(const std::string& phone) {
 } // namespace
 
 int Rehearse(const RehearseOptions& options) {
-    Description description;
     std::string error;
-    Require(ReadDescription(options.phone, description, error), 2, error);
-    const Identity device = DeviceOf(description);
+    const Identity device = ReadPhone(options.phone);
     const Package package = OpenPackage(options.package, device.layout);
     Require(package.size <= PACKAGE_SIZE_MAX, 2, options.package + " " + package.flaw);
     const Entry* entry = SelectForUpdate(package, device).entry;

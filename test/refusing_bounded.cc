@@ -33,7 +33,8 @@ int __wrap_memset_s(void* dest, size_t destSize, int value, size_t count) {
     return Refused("memset_s", calls) ? REFUSED : __real_memset_s(dest, destSize, value, count);
 }
 
-int __wrap_snprintf_s(char* dest, size_t destSize, size_t count, const char* format, ...) {
+__attribute__((format(printf, 4, 5))) int __wrap_snprintf_s(char* dest, size_t destSize,
+                                                            size_t count, const char* format, ...) {
     static int calls;
     va_list args;
     va_start(args, format);
