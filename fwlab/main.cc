@@ -4,9 +4,9 @@
 #include "fwlab/manifest.h"
 #include "simphone/files.h"
 
+#include <algorithm>
 #include <CLI/CLI.hpp>
 #include <iostream>
-#include <regex>
 
 namespace {
 
@@ -40,8 +40,13 @@ void AddList(CLI::App& app, Arguments& args) {
 }
 
 std::string Bytes(const std::string& text) {
-    static const std::regex escaped(R"(([^\\]|\\[n\\]|\\x[0-9a-fA-F]{2})*)");
-    Require(std::regex_match(text, escaped), 2, text + R"(: a backslash begins \n, \\ or \xHH)");
+    for (size_t p = text.find('\\'); p != std::string::npos; p = text.find('\\', p + 2)) {
+        const char next = text[p + 1]; // a zero byte at the end
+        const size_t hexEnd = text.find_first_not_of("0123456789abcdefABCDEF", p + 2);
+        const bool isHex = next == 'x' && p + 4 <= std::min(text.size(), hexEnd);
+        Require(next == 'n' || next == '\\' || isHex, 2,
+                text + R"(: a backslash begins \n, \\ or \xHH)");
+    }
     return Unescaped(text);
 }
 

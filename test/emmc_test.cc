@@ -194,7 +194,7 @@ TEST_F(EmmcTest, EveryStepHasItsMessagesAndVerdict) {
 }
 
 TEST_F(EmmcTest, WholeImageReachesTheDevice) {
-    for (const size_t size : {1UL, 511UL, 512UL, 1000UL, 1048575UL, 1048576UL, 1048577UL}) {
+    for (const size_t size : {1, 511, 512, 1000, 1048575, 1048576, 1048577}) {
         SCOPED_TRACE(size);
         const std::string body = Body(size);
         Make(GkiPhone(), {{EMMC_PACKAGE, EmmcEntry(EMMC_NEW_REV, body) + "after"}});

@@ -23,20 +23,32 @@ const std::string NOTHING = "ffu.end fw_result";
 const std::string BODY_FILE = "/data/vendor/fw/ufs_fw_body.bin";
 const std::string TRIGGER_FILE = "/splash2/test_ffu_trigger.tmp";
 
-// The calls on the trigger file, and those that wait or ask for aligned memory.
-std::string Traffic(const RunResult& run) {
-    std::string traffic;
+// What the run did, in order: each file's name with the successive calls on it, the pauses and what
+// asks for aligned memory. Without what the SCSI library asks the kernel for.
+Texts Course(const RunResult& run) {
+    Texts course;
+    std::string path;
     for (const CallEntry& call : run.calls) {
+        const bool isDirect = call.function == "open" &&
+                              (std::stoi(call.arguments.substr(6), nullptr, 16) & O_DIRECT) != 0;
+        const std::string name = call.path.substr(call.path.rfind('/') + 1);
+        const std::string step = " " + call.function + (isDirect ? "-direct" : "");
         if (Count({"memalign", "posix_memalign", "sleep"}, call.function) > 0) {
-            traffic += call.function + " " +
-                       call.arguments.substr(0, call.arguments.find(" pointer")) + " ";
-        } else if (call.path == TRIGGER_FILE) {
-            const bool isDirect = call.function == "open" &&
-                                  std::stoi(call.arguments.substr(6), nullptr, 16) & O_DIRECT;
-            traffic += call.function + (isDirect ? "-direct " : " ");
+            course.push_back(step + " " +
+                             call.arguments.substr(0, call.arguments.find(" pointer")));
+        } else if (name == "-" || name == "devices" || call.function == "fstat") {
+            continue;
+        } else if (call.path == path) {
+            course.back() += step;
+        } else {
+            course.push_back(name + step);
         }
+        path = call.path;
     }
-    return std::regex_replace(traffic, std::regex("(read |write )\\1{127}"), "128 x $1");
+    for (std::string& entry : course) {
+        entry = std::regex_replace(entry, std::regex("( read| write)\\1{127}"), " 128 x$1");
+    }
+    return course;
 }
 
 std::string Characters(std::string field, size_t size) {
@@ -89,13 +101,42 @@ std::string Verdict(int code, const std::string& trigger = TRIGGER) {
                       : "\nDoUfsFfu,line=435: ufs firmware update fail...\n");
 }
 
-TEST_F(UfsTest, OneTypicalRun) {
+TEST_F(UfsTest, OneTypicalRunInItsNineSteps) {
     const std::string body = Body(0x1A2B4);
-    const std::string record =
-        "product name:SIMUFS128G-B0B1 , current fw version:0800, upgrading to version:0900\n";
+    const std::string attempt = "product name:SIMUFS128G-B0B1 , current fw version:";
+    const std::string earlier = CLOCK_TEXT + attempt + "0700, upgrading to version:0800\n";
     const std::string other = With(UfsEntry("1000", "x"), UFS_PNM_FIELD, "OTHER");
-    Make(UfsPhone(), {{UFS_PACKAGE, other + UfsEntry("0900", body)}});
+    Make(UfsPhone(), {{UFS_PACKAGE, other + UfsEntry("0900", body)},
+                      {STATE + "/fw_result", earlier},
+                      {STATE + "/ffu.ok", "old"},
+                      {STATE + "/ffu.end", ""}});
     const RunResult run = Run();
+    const Texts course = {
+        // 1. The flags say that a run has begun.
+        "fw access", "ffu.end remove", "ffu.bgn open close",
+        // 2. The device is UFS; its name, its revision.
+        "sdc access", "product_name open read close", "rev open read close",
+        // 3. The package holds another revision, which may follow the one that runs.
+        "ufs_emer_fw.bin access open mmap close",
+        // 4. It was not attempted yet; now the attempt is on record.
+        "fw_result access fopen fgets fgets fgets fclose", "ffu.ok access",
+        "fw_result open write close",
+        // 5. What the last update left is cleared.
+        "ffu.ok remove", "ffu.fail remove", "ufs_fw_body.bin remove",
+        // 6. The whole package, the device's record, the entry again, its body in a file.
+        "ufs_emer_fw.bin realpath access open lseek close realpath open read close",
+        "manfid open read close", "product_name open read close", "rev open read close",
+        "ufs_fw_body.bin unlink creat write close",
+        // 7. The download, and the traffic that the device needs behind it.
+        "sdc open", " memalign alignment=4096 size=8388608", "ufs_fw_body.bin open read close",
+        "sdc ioctl close", " posix_memalign alignment=4096 size=8192",
+        "test_ffu_trigger.tmp open-direct 128 x write fsync close open-direct 128 x read close",
+        " sleep seconds=5", "test_ffu_trigger.tmp remove",
+        // 8. The outcome.
+        "ufs_fw_body.bin remove", "ffu.ok open write close",
+        // 9. The flags say that the run has ended.
+        "ffu.bgn remove", "ffu.end open close"};
+    EXPECT_EQ(Course(run), course);
     EXPECT_EQ(run.exitStatus, 0);
     std::string cdb;
     for (const std::string byte : {"3b", "0e", "00", "00", "00", "00", "01", "a2", "b4", "00"}) {
@@ -121,12 +162,11 @@ TEST_F(UfsTest, OneTypicalRun) {
                                    "timeout=300000ms -> GOOD"});
     const std::regex copy("[^\n]* FFU process [^\n]*\n\n?"); // of the system log, by the host
     EXPECT_EQ(std::regex_replace(run.errors, copy, ""), "");
-    EXPECT_EQ(Traffic(run),
-              "memalign alignment=4096 size=8388608 posix_memalign alignment=4096 size=8192 "
-              "open-direct 128 x write fsync close open-direct 128 x read close "
-              "sleep seconds=5 remove ");
-    EXPECT_EQ(State(),
-              (Files{{"ffu.end", ""}, {"ffu.ok", CLOCK_TEXT}, {"fw_result", CLOCK_TEXT + record}}));
+    const Files state = {
+        {"ffu.end", ""},
+        {"ffu.ok", CLOCK_TEXT},
+        {"fw_result", earlier + CLOCK_TEXT + attempt + "0800, upgrading to version:0900\n"}};
+    EXPECT_EQ(State(), state);
     EXPECT_TRUE(Get("/device/downloaded.bin") == body);
     EXPECT_EQ(Get(TRIGGER_FILE), MISSING);
 }
