@@ -129,7 +129,7 @@ TEST_F(EmmcTest, EveryStepHasItsMessagesAndVerdict) {
 }
 
 TEST_F(EmmcTest, WholeImageReachesTheDevice) {
-    for (const size_t size : {1, 512, 513, 1048576, 1048577}) {
+    for (const size_t size : {1UL, 512UL, 513UL, 1048576UL, 1048577UL}) {
         SCOPED_TRACE(size);
         const std::string body = Body(size), entry = EmmcEntry(EMMC_NEW_REV, body);
         Make(GKI, {{EMMC_PACKAGE, entry + "after"}});

@@ -246,7 +246,7 @@ TEST_F(UfsTest, OneManufacturersHostIsResetAfterAFailure) {
 }
 
 TEST_F(UfsTest, OneCommandCarriesTheBodyUpTo8MiB) {
-    for (const size_t size : {0, 8388607, 8388609}) {
+    for (const size_t size : {0UL, 8388607UL, 8388609UL}) {
         SCOPED_TRACE(size);
         const std::string body = Body(size), sent = body.substr(0, 8388608);
         const std::string data = "00 data=" + std::to_string(sent.size()) + " ";
