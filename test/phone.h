@@ -27,8 +27,8 @@ inline const std::string UFS_NEW_REV = "0900";
 inline const std::string EMMC_PACKAGE = "/vendor/firmware/emmc_emer_fw.bin";
 inline const std::string UFS_PACKAGE = "/vendor/firmware/ufs_emer_fw.bin";
 inline const std::string STATE = "/data/vendor/fw";
-inline const std::string CLOCK_TEXT =
-    "Sat Mar  7 09:05:02 2026\n"; // the phones' clock, in the state files
+// The phones' clock, in the state files.
+inline const std::string CLOCK_TEXT = "Sat Mar  7 09:05:02 2026\n";
 
 // Descriptions; `overrides` replaces or adds keys, such as {{"ext_csd_rev", "6"}}.
 std::string GkiPhone(const Keys& overrides = {});
@@ -43,7 +43,7 @@ constexpr Field EMMC_MID_FIELD = {4, 1}, EMMC_PNM_FIELD = {5, 6}, EMMC_PRV_FIELD
                 EMMC_PSN_FIELD = {12, 4}, EMMC_REV_FIELD = {16, 1}, EMMC_FW_REV_FIELD = {17, 8},
                 EMMC_SIZE_FIELD = {25, 4}, EMMC_MARKET_FIELD = {29, 3}, EMMC_BASE_FIELD = {32, 16};
 constexpr Field UFS_MID_FIELD = {4, 8}, UFS_PNM_FIELD = {12, 16}, UFS_REV_FIELD = {28, 4},
-                UFS_SIZE_FIELD = {32, 4}, UFS_MARKET_FIELD = {36, 12}, UFS_BASE_FIELD = {48, 16};
+                UFS_SIZE_FIELD = {32, 4}, UFS_BASE_FIELD = {48, 16};
 
 // An entry for the phones above: `rev` from any base revision, with `body`.
 std::string EmmcEntry(const std::string& rev = EMMC_NEW_REV, const std::string& body = "body");
@@ -73,6 +73,8 @@ protected:
     // One run of the tool; it must end by itself and give back what it acquired. An empty text is
     // no fault.
     RunResult Run(const Texts& faults = {}, const std::string& tool = FFU_PATH) const;
+    // One run that may end in any way, such as by a power cut.
+    RunResult RunAnyhow(const Texts& faults, const std::string& tool = FFU_PATH) const;
     void Reboot() const;
 
     std::string directory;
@@ -90,6 +92,3 @@ std::string Steps(const RunResult& result);
 void ExpectEnd(const std::string& text, const std::string& end);
 Texts Tail(const Texts& log, size_t count);
 long Count(const Texts& log, const std::string& text); // of the entries that contain it
-
-// Every descriptor, stream, mapping and allocation of the run was given back, exactly once.
-void ExpectAllGivenBack(const RunResult& result);
