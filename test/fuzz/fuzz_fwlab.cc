@@ -12,18 +12,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string file = phone.directory + "/input";
     phone.Put("/input", {reinterpret_cast<const char*>(data) + 1, size - 1});
     try {
-        switch (data[0] % 4) {
-        case 0:
+        const int reader = data[0] % 4;
+        if (reader == 0) {
             List(file, (data[0] & 4) != 0);
-            break;
-        case 1:
+        } else if (reader == 1) {
             Match(file, ReadPhone(phone.directory + "/phone.toml"), "");
-            break;
-        case 2:
+        } else if (reader == 2) {
             std::filesystem::rename(file, phone.directory + "/data/vendor/fw/fw_result");
             Outcome(phone.directory + "/data/vendor/fw");
-            break;
-        default:
+        } else {
             Pack(file, phone.directory + "/package", false);
         }
     } catch (const Stop&) {

@@ -8,7 +8,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <string>
 #include <string_view>
 
@@ -25,25 +24,38 @@ struct FuzzPhone {
     explicit FuzzPhone(const std::string& description) {
         char name[] = "/tmp/ffu-fuzz-XXXXXX";
         directory = std::string(mkdtemp(name)) + "/phone";
-        const std::string file = std::string(name) + "/phone.toml";
-        std::ofstream(file) << description;
+        Put(".toml", description);
         std::string error;
-        Require(MakePhone(file, directory, error), error.c_str());
+        Require(MakePhone(directory + ".toml", directory, error), error.c_str());
         std::filesystem::create_directories(directory + "/data/vendor/fw");
     }
     ~FuzzPhone() {
         std::filesystem::remove_all(std::filesystem::path(directory).parent_path());
     }
-    FuzzPhone(const FuzzPhone&) = delete;
-    FuzzPhone& operator=(const FuzzPhone&) = delete;
 
     void Put(const std::string& path, std::string_view content) const {
-        std::ofstream(directory + path, std::ios::binary) << content;
+        const bool isPut = WriteWholeFile(directory + path, content.data(), content.size());
+        Require(isPut, "a file is put onto the phone");
+    }
+    std::string Get(const std::string& path) const { // empty if it is not there
+        std::string content;
+        (void)!ReadWholeFile(directory + path, content);
+        return content;
     }
     void Attach() const {
         Require(simphone_attach(directory.c_str(), nullptr) == 0, "the phone attaches");
     }
 };
+
+// Takes a text off the input's beginning, where it stands behind its length.
+inline std::string_view Take(std::string_view& input) {
+    if (input.empty()) {
+        return input;
+    }
+    const std::string_view taken = input.substr(1, static_cast<unsigned char>(input[0]));
+    input.remove_prefix(1 + taken.size());
+    return taken;
+}
 
 constexpr char EMMC_PHONE[] = R"(technology = "emmc"
 mode = "gki"

@@ -5,20 +5,20 @@
 #include "run/package_check.h"
 #include "ufs/ufs_selection.h"
 
-#include <cstring>
-#include <memory>
+#include <vector>
 
-static void PreCheck(const char* pnm, const uint8_t* package, size_t size) {
-    DeviceInfo device = {DEVICE_EMMC, {}, "FW000001"};
-    uint8_t legalBaseRev[BASE_REVS_SIZE];
-    char fwFileRev[REV_SIZE + 1] = {};
-    if (GetEmmcRev(package, size, pnm, fwFileRev, legalBaseRev) == 0) {
-        (void)!IsSameRev(device.localFwRev, fwFileRev);
-        (void)!CheckBaseRev(device, legalBaseRev);
-    }
-    device.type = DEVICE_UFS;
-    if (GetUfsRev(package, size, pnm, fwFileRev, legalBaseRev) == 0) {
-        (void)!CheckBaseRev(device, legalBaseRev);
+using Bytes = std::vector<uint8_t>;
+
+static void PreCheck(const std::string& pnm, const Bytes& package) {
+    for (const char type : {DEVICE_EMMC, DEVICE_UFS}) {
+        const DeviceInfo device = {type, {}, "FW000001"};
+        uint8_t legalBaseRev[BASE_REVS_SIZE];
+        char fwFileRev[REV_SIZE + 1] = {};
+        const auto getRev = type == DEVICE_EMMC ? GetEmmcRev : GetUfsRev;
+        if (getRev(package.data(), package.size(), pnm.c_str(), fwFileRev, legalBaseRev) == 0) {
+            (void)!IsSameRev(device.localFwRev, fwFileRev);
+            (void)!CheckBaseRev(device, legalBaseRev);
+        }
     }
 }
 
@@ -27,27 +27,22 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size < sizeof(UfsFwHeader)) {
         return 0;
     }
-    EmmcFwHeader emmcDevice;
-    UfsFwHeader ufsDevice;
-    memcpy(&emmcDevice, data, sizeof(emmcDevice));
-    memcpy(&ufsDevice, data, sizeof(ufsDevice));
+    const auto& emmcDevice = *reinterpret_cast<const EmmcFwHeader*>(data);
+    const auto& ufsDevice = *reinterpret_cast<const UfsFwHeader*>(data);
     // A block of its own, so that a read beyond the package is seen.
-    const size_t packageSize = size - sizeof(ufsDevice);
-    const auto package = std::make_unique<uint8_t[]>(packageSize);
-    memcpy(package.get(), data + sizeof(ufsDevice), packageSize);
+    const Bytes package(data + sizeof(ufsDevice), data + size);
 
     phone.Attach();
-    char pnm[PNM_SIZE + 1] = {};
-    memcpy(pnm, ufsDevice.ufsPnm, PNM_SIZE);
-    PreCheck(pnm, package.get(), packageSize);
-    const auto count = static_cast<int32_t>(packageSize);
+    PreCheck({reinterpret_cast<const char*>(ufsDevice.ufsPnm), PNM_SIZE}, package);
+    const auto count = static_cast<int32_t>(package.size());
     const uint8_t* body = nullptr;
     uint32_t bodySize = 0;
-    if (EmmcFwhdrCheck(emmcDevice, package.get(), count, body, bodySize) == 0) {
-        const size_t offset = static_cast<size_t>(body - package.get());
-        Require(offset <= packageSize && bodySize <= packageSize - offset, "the body lies inside");
+    if (EmmcFwhdrCheck(emmcDevice, package.data(), count, body, bodySize) == 0) {
+        const auto offset = static_cast<size_t>(body - package.data());
+        Require(offset <= package.size() && bodySize <= package.size() - offset,
+                "the body lies inside");
     }
-    (void)!GetUfsFwFromFwBin(ufsDevice, package.get(), count, 1);
+    (void)!GetUfsFwFromFwBin(ufsDevice, package.data(), count, 1);
     simphone_detach();
     return 0;
 }
