@@ -129,6 +129,7 @@ TEST(BoundedTest, PrintsAreTerminatedAndTellTruncation) {
     EXPECT_LT(snprintf_s(field, 4, 4, "%d", 1234), 0);
     EXPECT_STREQ(field, "123");
     EXPECT_LT(snprintf_s(field, 4, 5, "x"), 0);
+    EXPECT_LT(snprintf_s(field, 0, 0, "x"), 0);
     EXPECT_LT(snprintf_s(null, 4, 3, "x"), 0);
     EXPECT_STREQ(field + 4, "5678");
 }
