@@ -22,8 +22,9 @@ struct FuzzPhone {
     std::string directory;
 
     explicit FuzzPhone(const std::string& description) {
-        char name[] = "/tmp/ffu-fuzz-XXXXXX";
-        directory = std::string(mkdtemp(name)) + "/phone";
+        directory = std::filesystem::temp_directory_path() / "ffu-fuzz-XXXXXX";
+        Require(mkdtemp(directory.data()) != nullptr, "a directory for the phone");
+        directory += "/phone";
         Put(".toml", description);
         std::string error;
         Require(MakePhone(directory + ".toml", directory, error), error.c_str());
