@@ -3,6 +3,7 @@
 #pragma once
 
 #include "fwlab/package.h"
+#include "simphone/description.h"
 
 // Builds the package of a manifest at output. What was there is replaced by a whole package or
 // stays as it was. withLargeEmmc admits images that only the kernel's own update (GKI mode) takes.
@@ -11,7 +12,7 @@ int Pack(const std::string& manifestFile, const std::string& output, bool withLa
 int List(const std::string& packageFile, bool asJson);
 
 // recordFile may be empty: the phone has made no attempt yet.
-int Match(const std::string& packageFile, const Identity& device, const std::string& recordFile);
+int Match(const std::string& packageFile, const Description& phone, const std::string& recordFile);
 
 struct RehearseOptions {
     std::string package, phone; // the package and the phone's description

@@ -2,6 +2,7 @@
 #include "fwlab/commands.h"
 #include "fwlab/selection.h"
 #include "simphone/files.h"
+#include "ufs/ufs_write_buffer.h"
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
@@ -38,7 +39,8 @@ Json Describe(const Package& package, const Entry& entry, const Entry* outer) {
     }
     shown["body_offset"] = entry.body;
     shown["body_size"] = entry.bodySize;
-    if (entry.bodyFits) {
+    // Bodies inside others may be many: no digest of what no device takes.
+    if (entry.bodyFits && (outer == nullptr || entry.bodySize <= TRANSFER_SIZE)) {
         shown["sha256"] = Sha256(package.bytes.get() + entry.body, entry.bodySize);
     }
     shown["findings"] = outer == nullptr ? Json(FindingsOf(package, entry))
@@ -47,7 +49,8 @@ Json Describe(const Package& package, const Entry& entry, const Entry* outer) {
 }
 
 Json Describe(const Package& package) {
-    Json report = {{"package", package.path}, {"size", package.size}, {"findings", Json::array()}};
+    Json report = {
+        {"package", Escaped(package.path)}, {"size", package.size}, {"findings", Json::array()}};
     Json& entries = report["entries"] = Json::array();
     const Entry* outer = nullptr; // the one that reaches furthest so far
     size_t end = 0;

@@ -5,7 +5,9 @@
 #include "simphone/files.h"
 
 #include <algorithm>
+#include <cctype>
 #include <CLI/CLI.hpp>
+#include <csignal>
 #include <iostream>
 
 namespace {
@@ -50,17 +52,21 @@ std::string Bytes(const std::string& text) {
     return Unescaped(text);
 }
 
-// The device that the options describe.
-Identity DeviceByHand(Description device) {
-    device.ufs = !device.manfid.empty();
-    const char* end = device.ufs ? "\n" : ""; // of a node's text
-    device.manfid += end;
-    device.productName = Bytes(device.productName) + end;
+// The device that the options describe, as its nodes and registers have it.
+Description ByHand(Description device) {
+    const Layout& layout = device.ufs ? UFS : EMMC;
+    device.manfid = Bytes(device.manfid);
+    device.productName = Bytes(device.productName);
     device.revision = Bytes(device.revision);
-    Require(device.ufs || (device.productName.size() == EMMC.name.size &&
-                           device.revision.size() <= EMMC.revision.size),
-            2, "an eMMC product name has 6 characters, a revision at most 8");
-    return DeviceOf(device);
+    Require((device.ufs || device.productName.size() == layout.name.size) &&
+                device.productName.size() <= layout.name.size &&
+                device.revision.size() <= layout.revision.size &&
+                device.manfid.size() <= UFS.manufacturer.size,
+            2, "too long, or an eMMC product name that has not 6 characters");
+    const char* end = device.ufs ? "\n" : "";
+    device.manfid += end;
+    device.productName += end;
+    return device;
 }
 
 void AddMatch(CLI::App& app, Arguments& args) {
@@ -72,16 +78,17 @@ void AddMatch(CLI::App& app, Arguments& args) {
     auto* name = match->add_option("--product", device.productName, "product name");
     auto* rev = match->add_option("--revision", device.revision, "running revision (bytes: \\xHH)");
     auto* csd = match->add_option("--ext-csd-rev", device.extCsdRev, "eMMC: 7 for 5.0, 8 for 5.1");
-    which->add_option("--phone", args.phone, "its description");
-    which->add_option("--manfid", device.manfid, "UFS: as the node prints it")
-        ->needs(name, rev)
-        ->excludes(csd);
+    auto* phone = which->add_option("--phone", args.phone, "its description");
+    auto* manfid = which->add_option("--manfid", device.manfid, "UFS: as the node prints it");
+    phone->excludes(name, rev, csd);
+    manfid->needs(name, rev)->excludes(csd);
     which->add_option("--manufacturer-id", device.cid[0], "eMMC: MID")->needs(name, rev, csd);
     which->require_option(1);
     match->footer("Exit status 0: the pre-check goes on and the update downloads what it saw.");
-    match->callback([&] {
-        args.status = Match(args.package,
-                            args.phone.empty() ? DeviceByHand(args.device) : ReadPhone(args.phone),
+    match->callback([=, &args] {
+        args.device.ufs = manfid->count() > 0;
+        const bool isByHand = phone->count() == 0;
+        args.status = Match(args.package, isByHand ? ByHand(args.device) : ReadPhone(args.phone),
                             args.record);
     });
 }
@@ -132,10 +139,14 @@ int Run(int argc, char** argv) {
 
 int main(int argc, char** argv) {
     int status = 2;
+    signal(SIGPIPE, SIG_IGN); // a rehearsal tidies up when nobody reads on
     try {
         status = Run(argc, argv);
     } catch (const Stop& stop) {
-        std::cerr << "fwlab: " << stop.text << "\n";
+        std::string text = stop.text;
+        std::replace_if(
+            text.begin(), text.end(), [](unsigned char c) { return iscntrl(c) != 0; }, '?');
+        std::cerr << "fwlab: " << text << "\n";
         status = stop.status;
     } catch (const std::exception& error) {
         std::cerr << "fwlab: " << error.what() << "\n";

@@ -42,6 +42,9 @@ bool ReadBaseRevs(const toml::node& node, const Field& revision, std::string& by
     for (size_t slot = 0; isRight && slot < slots; slot++) {
         std::string slotBytes;
         isRight = ReadBytes((*node.as_array())[std::min(slot, count - 1)], revision, slotBytes);
+        Require(!isRight ||
+                    (slotBytes[0] != '\0' && slotBytes != std::string(revision.size, '\xFF')),
+                1, "base_revisions: no device can have " + Quoted(slotBytes));
         bytes += slotBytes;
     }
     return isRight;
@@ -61,7 +64,8 @@ ManifestEntry ReadEntry(Keys keys, const Layout& layout, const std::filesystem::
     Identity identity = NewIdentity(layout);
     Set(identity, layout.baseRevs, std::string(BASE_REVS_SIZE, '\xFF'));
     const auto take = [&](const Field& field, Need need) {
-        const char wanted[] = "text or numbers from 0 to 255, as it should be";
+        const char* wanted = field.size == 1 ? "a number from 0 to 255"
+                                             : "made of texts, or of numbers from 0 to 255";
         Take(keys, field.key, need, wanted, [&](const toml::node& node) {
             std::string bytes;
             const bool isRight = &field == &layout.baseRevs
@@ -126,9 +130,9 @@ Identity DeviceOf(const Description& phone) {
     return device;
 }
 
-Identity ReadPhone(const std::string& descriptionFile) {
+Description ReadPhone(const std::string& descriptionFile) {
     Description phone;
     std::string error;
     Require(ReadDescription(descriptionFile, phone, error), 2, error);
-    return DeviceOf(phone);
+    return phone;
 }

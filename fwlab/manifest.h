@@ -12,4 +12,4 @@ std::vector<ManifestEntry> ReadManifest(const std::string& path);
 
 // A device as its nodes and registers show it.
 Identity DeviceOf(const Description& phone);
-Identity ReadPhone(const std::string& descriptionFile);
+Description ReadPhone(const std::string& descriptionFile);

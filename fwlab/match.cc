@@ -1,5 +1,6 @@
 // Says what a phone would do with a package, step by step, without running anything.
 #include "fwlab/commands.h"
+#include "fwlab/manifest.h"
 #include "fwlab/outcome.h"
 #include "fwlab/selection.h"
 
@@ -41,7 +42,8 @@ bool PrintRecord(const std::string& recordFile, const std::string& revision) {
 
 } // namespace
 
-int Match(const std::string& packageFile, const Identity& device, const std::string& recordFile) {
+int Match(const std::string& packageFile, const Description& phone, const std::string& recordFile) {
+    const Identity device = DeviceOf(phone);
     const Package package = OpenPackage(packageFile, device.layout);
     Require(package.flaw.empty(), 1, packageFile + " " + package.flaw);
     fmt::print("device: {} {}, runs {}\n", Quoted(Get(device, device.layout->manufacturer)),
@@ -61,8 +63,14 @@ int Match(const std::string& packageFile, const Identity& device, const std::str
         return 1;
     }
     const std::string revision = RevisionOf(update.entry->identity);
-    const bool isSame = revision == RevisionOf(preCheck.entry->identity);
+    bool isMeant = revision == RevisionOf(preCheck.entry->identity);
     fmt::print("An update to {}{}.\n", Quoted(revision),
-               isSame ? "" : ", while the record will name another revision");
-    return isSame ? 0 : 1;
+               isMeant ? "" : ", while the record will name another revision");
+    for (const std::string& finding : SizeFindings(*update.entry)) {
+        if (!phone.gki || finding != LARGE_EMMC_BODY) {
+            fmt::print("It fails or is not whole: {}.\n", finding);
+            isMeant = false;
+        }
+    }
+    return isMeant ? 0 : 1;
 }

@@ -7,9 +7,11 @@
 #include "run/result_record.h"
 #include "simphone/files.h"
 
+#include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <fmt/format.h>
+#include <unistd.h>
 
 namespace fs = std::filesystem;
 
@@ -60,14 +62,17 @@ std::string NextRun(const State& state, const Record& record) {
                            "will all later ones: fw_result cannot be read back ({}).",
                            fmt::join(record.messages, "; "));
     }
-    return fmt::format("The next run will not attempt {} (again), which was attempted from {}; it "
-                       "will attempt any other revision that its package has for the device.",
-                       Quoted(record.target), Quoted(record.base));
+    return fmt::format(
+        "The next run will not attempt {} (again), which was attempted from {}; it "
+        "will attempt any other that its package has for the device, unless {} begins with "
+        "it.",
+        Quoted(record.target), Quoted(record.base), Quoted(record.target));
 }
 
 } // namespace
 
 Record ReadRecord(const std::string& path) {
+    Require(access(path.c_str(), R_OK) == 0, 2, path + ": " + strerror(errno));
     (void)TakePhoneMessages();
     char line[RESULT_LINE_SIZE] = {};
     char base[REV_SIZE + 1] = {};

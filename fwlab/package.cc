@@ -12,7 +12,7 @@
 #include <unistd.h>
 
 // More magics than any package has: that is some other file.
-constexpr size_t ENTRIES_MAX = 65536;
+constexpr size_t ENTRIES_MAX = 1024;
 
 #define PLACE(record, member) offsetof(record, member), sizeof(record::member)
 const Layout EMMC = {
@@ -85,9 +85,8 @@ Package LookInto(const std::string& path, const PackageBytes& bytes, size_t size
     }
     const uint8_t* first = bytes.get();
     if (layout == nullptr) {
-        const size_t firstUfs = FindUfsEntry(first, size, 0);
-        const bool isEmmc = firstUfs == size || FindEmmcEntry(first, firstUfs, 0) < firstUfs;
-        package.layout = isEmmc ? &EMMC : &UFS;
+        package.layout =
+            FindEmmcEntry(first, size, 0) <= FindUfsEntry(first, size, 0) ? &EMMC : &UFS;
     }
     const size_t headerSize = package.layout->headerSize;
     const auto find = package.layout == &UFS ? FindUfsEntry : FindEmmcEntry;

@@ -78,34 +78,24 @@ void Run(const Texts& faults, const std::string& phone) {
     fmt::print("{}\n", DescribeState(phone + STATE_DIR).text);
 }
 
-// Says what was seen of entry, and whether it is as meant; without an entry nothing is.
-bool Judge(const std::string& seen, bool isMeant, const char* part, const Entry* entry) {
-    isMeant = isMeant && entry != nullptr;
-    fmt::print("{}, {}the {} of {}.\n", seen, isMeant ? "" : "NOT ", part,
-               entry == nullptr ? "an entry for it" : Title(*entry));
-    return isMeant;
-}
-
-// Whether the device took exactly the body of entry. An eMMC request carries whole blocks.
-bool TookBody(const std::string& phone, const Package& package, const Entry* entry) {
-    const std::string taken = Content(phone + "/device/downloaded.bin");
-    const size_t size = entry == nullptr ? 0 : entry->bodySize;
-    const size_t blocks = (size + MMC_BLOCK_SIZE - 1) / MMC_BLOCK_SIZE * MMC_BLOCK_SIZE;
-    const bool isWhole =
-        taken.size() == size || (package.layout == &EMMC && taken.size() == blocks);
-    const bool isBody =
-        size > 0 && isWhole && memcmp(taken.data(), package.bytes.get() + entry->body, size) == 0;
-    return Judge(fmt::format("The device took {} bytes", taken.size()), isBody, "body", entry);
-}
-
-bool RunsRevision(const std::string& phone, const Package& package, const Entry* entry) {
+// Whether the phone, which has restarted, runs the revision and exactly the body of entry; null:
+// none is right. An eMMC request carries whole blocks.
+bool Runs(const std::string& phone, const Package& package, const Entry* entry) {
     const Field& field = package.layout->revision;
     const bool isUfs = package.layout == &UFS;
     const std::string revision =
         isUfs ? Content(phone + "/proc/bootdevice/rev").substr(0, field.size)
               : Content(phone + "/device/ext_csd.bin").substr(EXT_CSD_FIRMWARE_VERSION, field.size);
-    return Judge("After a restart the phone runs " + Quoted(revision),
-                 entry != nullptr && revision == Get(entry->identity, field), "revision", entry);
+    const std::string taken = Content(phone + "/device/running.bin");
+    const size_t size = entry == nullptr ? 0 : entry->bodySize;
+    const size_t blocks = (size + MMC_BLOCK_SIZE - 1) / MMC_BLOCK_SIZE * MMC_BLOCK_SIZE;
+    const bool isWhole = taken.size() == size || (!isUfs && taken.size() == blocks);
+    const bool isMeant = size > 0 && isWhole && revision == Get(entry->identity, field) &&
+                         memcmp(taken.data(), package.bytes.get() + entry->body, size) == 0;
+    fmt::print("After a restart the phone runs {}, from {} bytes that were downloaded: {}{}.\n",
+               Quoted(revision), taken.size(), isMeant ? "" : "NOT ",
+               entry == nullptr ? "an entry for it" : Title(*entry));
+    return isMeant;
 }
 
 // Whether another run, without the faults of the first, leaves the phone alone.
@@ -123,9 +113,13 @@ bool FindsNothingToDo(const std::string& phone) {
 
 int Rehearse(const RehearseOptions& options) {
     std::string error;
-    const Identity device = ReadPhone(options.phone);
+    Fault fault;
+    for (const std::string& text : options.faults) {
+        Require(ParseFault(text, fault, error), 2, error);
+    }
+    const Identity device = DeviceOf(ReadPhone(options.phone));
     const Package package = OpenPackage(options.package, device.layout);
-    Require(package.size <= PACKAGE_SIZE_MAX, 2, options.package + " " + package.flaw);
+    Require(package.size <= PACKAGE_SIZE_MAX, 1, options.package + " " + package.flaw);
     const Entry* entry = SelectForUpdate(package, device).entry;
 
     std::string phone = fs::temp_directory_path() / "fwlab-XXXXXX";
@@ -142,9 +136,9 @@ int Rehearse(const RehearseOptions& options) {
     PrintPhone(phone);
     fmt::print("\n");
     Run(options.faults, phone);
-    bool isUpdated = TookBody(phone, package, entry) && DescribeState(phone + STATE_DIR).isFine;
+    bool isUpdated = DescribeState(phone + STATE_DIR).isFine;
     Require(RebootPhone(phone, error), 2, error);
-    isUpdated = RunsRevision(phone, package, entry) && isUpdated;
+    isUpdated = Runs(phone, package, entry) && isUpdated;
     if (options.runAgain) {
         isUpdated = FindsNothingToDo(phone) && isUpdated;
     }

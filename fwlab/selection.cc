@@ -80,11 +80,13 @@ bool IsMeant(const Entry& entry, const Identity& device, const Choice& update) {
 // Why device, which entry describes, would not get it; empty if it would.
 std::string WhyNotApplied(const Package& package, const Entry& entry, const Identity& device) {
     const Choice preCheck = PreCheck(package, device);
-    if (preCheck.entry != &entry) { // then an earlier one: this one has the name, too
+    // Another than this one comes earlier: this one has the name, too. Its revision is recorded.
+    const Field& revision = device.layout->revision;
+    if (Get(preCheck.entry->identity, revision) != Get(entry.identity, revision)) {
         return "shadowed, the pre-check takes " + Title(*preCheck.entry);
     }
     if (!preCheck.goesOn) {
-        return "the pre-check finds nothing to do: " + preCheck.reason;
+        return "the pre-check takes " + Title(*preCheck.entry) + ": " + preCheck.reason;
     }
     const Choice update = SelectForUpdate(package, device);
     if (!IsMeant(entry, device, update)) {
@@ -97,8 +99,9 @@ std::string WhyNotApplied(const Package& package, const Entry& entry, const Iden
 std::string WhyNotApplied(const Package& package, const Entry& entry) {
     const Field& field = package.layout->revision;
     const auto base = BaseRevisionsOf(entry.identity);
-    // From any: try one that is older and not the beginning of the entry's own.
-    const char older = Get(entry.identity, field)[0] == 1 ? '\2' : '\1';
+    // From any: try one that is older than texts are, and not the entry's own.
+    const bool isTaken = Get(entry.identity, field) == std::string(field.size, '\1');
+    const char older = isTaken ? '\2' : '\1';
     for (const std::string& revision : base.value_or(Texts{std::string(field.size, older)})) {
         Identity device = entry.identity;
         Set(device, field, revision);
@@ -169,9 +172,23 @@ std::optional<Texts> BaseRevisionsOf(const Identity& identity) {
     return revisions;
 }
 
+Texts SizeFindings(const Entry& entry) {
+    const bool isUfs = entry.identity.layout == &UFS;
+    if (entry.bodySize == 0) {
+        return {"the body is empty"};
+    }
+    if (!isUfs && entry.bodySize > NORMAL_MODE_IMAGE_MAX) {
+        return {LARGE_EMMC_BODY};
+    }
+    if (isUfs && entry.bodySize > TRANSFER_SIZE) {
+        return {"the body is larger than 8 MiB: the device gets its beginning only"};
+    }
+    return {};
+}
+
 Texts FindingsOf(const Package& package, const Entry& entry) {
     const Layout& layout = *package.layout;
-    Texts findings;
+    Texts findings = SizeFindings(entry);
     const auto add = [&](bool isFound, const std::string& text) {
         findings.insert(findings.end(), isFound ? 1 : 0, text);
     };
@@ -186,10 +203,6 @@ Texts FindingsOf(const Package& package, const Entry& entry) {
     }
     const bool isLast = &layout == &EMMC && entry.body == package.size;
     add(isLast, "at the last offset, which the pre-check does not examine");
-    add(entry.bodySize == 0, "the body is empty");
-    add(&layout == &EMMC && entry.bodySize > NORMAL_MODE_IMAGE_MAX, LARGE_EMMC_BODY);
-    add(&layout == &UFS && entry.bodySize > TRANSFER_SIZE,
-        "the body is larger than 8 MiB: the device gets its beginning only");
     add(!entry.bodyFits, "the body reaches past the end: every reader passes over the entry");
     const std::string why = entry.bodyFits && !isLast ? WhyNotApplied(package, entry) : "";
     add(!why.empty(), why);

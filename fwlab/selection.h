@@ -20,6 +20,9 @@ Choice SelectForUpdate(const Package& package, const Identity& device);
 // None: any. Without those that no device can have: free slots.
 std::optional<Texts> BaseRevisionsOf(const Identity& identity);
 
+// What is wrong with the size of its body.
+Texts SizeFindings(const Entry& entry);
+
 // The one finding that a phone in GKI mode does not mind.
 constexpr char LARGE_EMMC_BODY[] = "the body is larger than 1 MiB: only GKI mode takes it";
 

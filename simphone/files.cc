@@ -27,9 +27,17 @@ bool WriteWholeFile(const std::string& path, const void* data, size_t size) {
     if (fd < 0) {
         return false;
     }
-    const ssize_t written = size == 0 ? 0 : write(fd, data, size);
-    close(fd);
-    return written == static_cast<ssize_t>(size);
+    const char* rest = static_cast<const char*>(data);
+    while (size > 0) {
+        const ssize_t count = write(fd, rest, size);
+        if (count <= 0) {
+            close(fd);
+            return false;
+        }
+        rest += count;
+        size -= static_cast<size_t>(count);
+    }
+    return close(fd) == 0;
 }
 
 std::string Escaped(const std::string& text) {

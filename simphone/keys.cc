@@ -5,8 +5,16 @@
 
 #include "files.h"
 
+#include <cerrno>
+#include <cstring>
+
 bool ReadTable(const std::string& file, toml::table& table, std::string& error) {
-    toml::parse_result parsed = toml::parse_file(file);
+    std::string text;
+    if (!ReadWholeFile(file, text)) {
+        error = file + ": " + strerror(errno);
+        return false;
+    }
+    toml::parse_result parsed = toml::parse(text);
     if (!parsed) {
         error = file + ":" + std::to_string(parsed.error().source().begin.line) + ": " +
                 std::string(parsed.error().description());

@@ -104,7 +104,8 @@ TEST_F(FwlabTest, FromManifestToUpdatedPhone) {
         Expect(Fwlab("rehearse package --phone phone.toml --reboot-and-run-again"), 0,
                "log     | FFU process CheckBaseRev: *console | *"
                "device  | *log     | FFU process UpdateResultFlag: update to *exit status 0*"
-               "The device took *The second run:*is as new as fwBin*"
+               "from 10?? bytes that were downloaded: entry 1 at 0x0.*"
+               "The second run:*is as new as fwBin*"
                "The second run found nothing to do.*The phone is updated as meant.");
     }
 }
@@ -144,6 +145,7 @@ TEST_F(FwlabTest, PackRefuses) {
         {2, "revision is missing", EmmcManifest({"revision"})},
         {2, "base_revisions is not", EmmcManifest({"base_revisions = 'A'"})},
         {2, "gone: No such file", UfsManifest({"image = 'gone'"})},
+        {2, "?gone: No such file", UfsManifest({"image = \"\\u001Bgone\""})},
         {1, "entry 1 (in the package entry 1 at 0x0): the body is", UfsManifest(), ""},
         {1, "product_name has 5 bytes, not 6", EmmcManifest({"product_name = 'SIM06'"})},
         {1, "revision has 9 bytes, not at most 8", EmmcManifest({"revision = 'FW0000002'"})},
@@ -152,12 +154,15 @@ TEST_F(FwlabTest, PackRefuses) {
         {1, "line feed", UfsManifest({"product_name = \"SIM\\n\""})},
         {1, "3 bytes", UfsManifest({"revision = '090'"})},
         {1, "3 revisions, not 1 to 2", EmmcManifest({"base_revisions = ['1', '2', '3']"})},
+        {1, "no device can have", UfsManifest({"base_revisions = ['0800', [255, 255, 255, 255]]"})},
         {1, "zero byte", EmmcManifest({"revision = [0, 1]"})},
         {1, "line feed", EmmcManifest({"revision = [0x46, 0x0A]"})},
         {1, "from \"1000\": the update finds", UfsManifest({"base_revisions = ['0800', '1000']"})},
         {1, "taken for equal", EmmcManifest({"revision = [5, 1]", "base_revisions = [[4], [5]]"})},
         {1, "the update finds nothing to do", UfsManifest(original)}, // renamed, without its entry
-        {1, "entry 2 at 0x41): shadowed, the pre-check takes entry 1", UfsManifest() + Ufs()},
+        {1, "entry 2 at 0x41): shadowed, the update takes entry 1", UfsManifest() + Ufs()},
+        {1, "entry 2 at 0x41): shadowed, the pre-check takes entry 1",
+         UfsManifest() + Ufs({"revision = '1000'"})},
         {1, "shadowed, the update takes entry 1", lenient + Ufs()}, // a blank agrees with all
         {1, "entry 2 (in the package entry 3 at 0x81): shadowed, the pre-check takes entry 2",
          other + Ufs(), UfsEntry("0850", "x")},
@@ -176,6 +181,8 @@ TEST_F(FwlabTest, PackRefuses) {
     Expect(Pack(EmmcManifest(), "--gki-only"), 0);
     Put("/image", Body(0x100000));
     Expect(Pack(EmmcManifest()), 0);
+    // One name for two devices: the pre-check's entry is another, but of the same revision.
+    Expect(Pack(EmmcManifest() + EmmcManifest({"ext_csd_rev = 7"}).substr(20)), 0);
     // A device that the update renames is served by both of its entries.
     const std::string renamed = Ufs({"product_name = 'KLUEG8U1EM-REWK'", "revision = '1000'"});
     Expect(Pack(UfsManifest(original) + renamed), 0);
@@ -216,6 +223,14 @@ TEST_F(FwlabTest, ListFindsWhatPhonesPassOver) {
     // Slots that are left free admit nobody, whatever fills them.
     Put("/package", With(With(ufs, UFS_BASE_FIELD, "0800" + std::string(12, '\xFF')), {52, 4}, ""));
     Expect(Fwlab("list package"), 0, "base_revisions   \"0800\"\n");
+    Put("/package", With(EmmcEntry(), EMMC_PNM_FIELD, "UFSM12") + Body(99));
+    Expect(Fwlab("list package"), 0, "manufacturer_id  19");
+    std::string magics;
+    while (magics.size() < 5000) {
+        magics += "UFSM";
+    }
+    Put("/package", magics);
+    Expect(Fwlab("list package"), 2, "package: more than 1024 entries");
 }
 
 TEST_F(FwlabTest, ListMapsLargePackages) {
@@ -235,6 +250,7 @@ TEST_F(FwlabTest, MatchTellsBothDecisions) {
     const std::string strangeOther = With(strange, EMMC_FW_REV_FIELD, "A");
     const std::string oldName = With(UfsEntry("1000"), UFS_PNM_FIELD, "KLUEG8U1EM-B0B1\n");
     const std::string newName = With(UfsEntry("1000"), UFS_PNM_FIELD, "KLUEG8U1EM-REWK");
+    const std::string large = EmmcEntry(EMMC_NEW_REV, Body(0x100001));
     const Keys renamed = {{"product_name", "\"KLUEG8U1EM-B0B1\\n\""}, {"revision", "'0900'"}};
     const struct {
         int status;
@@ -262,6 +278,11 @@ TEST_F(FwlabTest, MatchTellsBothDecisions) {
          "takes entry 1*takes entry 2*would log: UpdateProductName,line=155: *differ*"
          "An update to \"1000\".",
          UfsPhone(renamed), oldName + newName},
+        {1, "An update*fails or is not whole: *8 MiB", UfsPhone(),
+         UfsEntry("0900", Body(0x800001))},
+        {1, "An update*fails or is not whole: *empty", UfsPhone(), UfsEntry("0900", "")},
+        {1, "An update*fails or is not whole: *1 MiB", NormalPhone(), large},
+        {0, "An update to \"FW000002\".\n", GkiPhone(), large},
         {1, "goes on*record: nothing to do*\"0800\" to \"0900\"*(not reached)", UfsPhone(), ufs,
          record + "0900\n"},
         {0, "record: goes on", UfsPhone(), ufs, record + "0850\n"},
@@ -293,14 +314,15 @@ TEST_F(FwlabTest, RehearseEndsWithZeroOnlyForAnUpdatedPhone) {
     const struct {
         std::string texts, phone, package, options = "";
     } rows[] = {
-        {"took 0 bytes, NOT*runs \"0900\", the", UfsPhone({{"revision", "'0900'"}}), UfsEntry()},
-        {"-> CHECK CONDITION*upgrade to 0900 fail*took 0 bytes*runs \"0800\", NOT the",
+        {"runs \"0900\", from 0 bytes*NOT entry 1 at 0x0", UfsPhone({{"revision", "'0900'"}}),
+         UfsEntry()},
+        {"-> CHECK CONDITION*upgrade to 0900 fail*runs \"0800\", from 0 bytes*NOT entry 1",
          UfsPhone({{"write_buffer", "'sense 5/26/00'"}}), UfsEntry()},
-        {"update to 0900 pass*took 3 bytes, NOT the body of entry 1*runs \"0900\", the", UfsPhone(),
-         UfsEntry(), shortRead},
-        {"took 4 bytes, the body*NOT the revision of entry 1",
-         GkiPhone({{"firmware.revision", "'FW3'"}}), EmmcEntry()},
-        {"took 0 bytes, NOT the body of an entry for it", NormalPhone(),
+        {"update to 0900 pass*runs \"0900\", from 3 bytes*NOT entry 1", UfsPhone(), UfsEntry(),
+         shortRead},
+        {"runs \"FW3*\", from 4 bytes*NOT entry 1", GkiPhone({{"firmware.revision", "'FW3'"}}),
+         EmmcEntry()},
+        {"runs \"FW000001\", from 0 bytes*NOT an entry for it", NormalPhone(),
          With(EmmcEntry(), EMMC_MID_FIELD, "x")},
         {"signal 9*the power failed during its update*The second run:*"
          "has been applied, no need to update*found nothing to do",
@@ -314,7 +336,9 @@ TEST_F(FwlabTest, RehearseEndsWithZeroOnlyForAnUpdatedPhone) {
                row.texts + "*The phone is NOT updated as meant.");
         EXPECT_TRUE(fs::remove_all(directory + "/kept") > 0);
     }
-    Expect(Fwlab("rehearse package --phone phone.toml --fault 'open sometimes'"), 2, "sometimes");
+    const std::string wrong = "rehearse package --phone phone.toml --keep kept --fault ";
+    Expect(Fwlab(wrong + "'open sometimes'"), 2, "sometimes");
+    EXPECT_FALSE(fs::exists(directory + "/kept"));
 }
 
 TEST_F(FwlabTest, OutcomeExplainsWhatARunLeft) {
@@ -359,10 +383,12 @@ TEST_F(FwlabTest, OutcomeExplainsWhatARunLeft) {
 TEST_F(FwlabTest, WrongUsageEndsWithTwo) {
     Put("/package", UfsEntry());
     Put("/phone.toml", "technology = 'ufs'");
+    Put("/ok.toml", UfsPhone());
     for (const char* arguments :
          {"", "unpack", "list", "list gone", "list .", "list package more", "pack gone -o package",
           "match package", "match package --phone phone.toml", "match package --phone gone",
-          "match package --phone phone.toml --manfid 0x0001ce", "rehearse package --phone gone",
+          "match package --phone phone.toml --manfid 0x0001ce",
+          "match package --phone ok.toml --revision 0800", "rehearse package --phone gone",
           "outcome gone", "outcome package"}) {
         SCOPED_TRACE(arguments);
         Expect(Fwlab(arguments), 2);
