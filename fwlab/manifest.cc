@@ -53,6 +53,7 @@ bool ReadBaseRevs(const toml::node& node, const Field& revision, std::string& by
 std::string ReadImage(const std::string& path) {
     std::string image;
     std::error_code error;
+    Require(path.find('\0') == std::string::npos, 2, "image has a zero byte in its name");
     const size_t size = std::filesystem::file_size(path, error); // of a regular file only
     Require(!error, 2, "image " + path + ": " + error.message());
     Require(size <= PACKAGE_SIZE_MAX, 1, "image " + path + ": 2 GiB or larger");

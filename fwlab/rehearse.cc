@@ -123,7 +123,8 @@ int Rehearse(const RehearseOptions& options) {
     const Entry* entry = SelectForUpdate(package, device).entry;
 
     std::string phone = fs::temp_directory_path() / "fwlab-XXXXXX";
-    const auto remove = [](const std::string* directory) { fs::remove_all(*directory); };
+    std::error_code ignored; // what cannot be removed stays
+    const auto remove = [&](const std::string* directory) { fs::remove_all(*directory, ignored); };
     std::unique_ptr<const std::string, decltype(remove)> temporary(nullptr, remove);
     if (options.keep.empty()) {
         Require(mkdtemp(phone.data()) != nullptr, 2, phone + ": cannot be made");
