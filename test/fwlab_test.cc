@@ -140,7 +140,7 @@ TEST_F(FwlabTest, PackRefuses) {
         {2, "entry 1: unknown key: ext_csd_rev", UfsManifest({"ext_csd_rev = 8"})},
         {2, "unknown key: \\x1b", UfsManifest({"\"\\u001b\" = 8"})},
         {2, "entry 1: revision is not", UfsManifest({"revision = true"})},
-        {2, "0 to 255", EmmcManifest({"revision = [256]"})},
+        {2, "0 to 255", EmmcManifest({"revision = [256, 1]"})},
         {2, "0 to 255", EmmcManifest({"manufacturer_id = 'E'"})},
         {2, "revision is missing", EmmcManifest({"revision"})},
         {2, "base_revisions is not", EmmcManifest({"base_revisions = 'A'"})},
@@ -179,6 +179,7 @@ TEST_F(FwlabTest, PackRefuses) {
     }
     Put("/image", Body(0x100001));
     Expect(Pack(EmmcManifest(), "--gki-only"), 0);
+    Expect(Pack(EmmcManifest() + EmmcManifest().substr(20), "--gki-only"), 1, "shadowed");
     Put("/image", Body(0x100000));
     Expect(Pack(EmmcManifest()), 0);
     // One name for two devices: the pre-check's entry is another, but of the same revision.
@@ -200,7 +201,8 @@ TEST_F(FwlabTest, ListFindsWhatPhonesPassOver) {
          "pad" + With(ufs, UFS_SIZE_FIELD, BigEndian32(5))},
         {"offset           68*body_offset      132*shadowed, the pre-check takes entry 1 at 0x0",
          ufs + UfsEntry("1000")},
-        {"offset           66*a magic inside entry 1 at 0x0", UfsEntry(UFS_NEW_REV, "12" + other)},
+        {"offset           66*a magic inside entry 1 at 0x0*a magic inside entry 1 at 0x0",
+         UfsEntry(UFS_NEW_REV, "12" + other + other)},
         {"at the last offset, which the pre-check does not examine", EmmcEntry(EMMC_NEW_REV, "")},
         {"the body is empty", UfsEntry(UFS_NEW_REV, "")},
         {"larger than 1 MiB", EmmcEntry(EMMC_NEW_REV, Body(0x100001))},
@@ -320,6 +322,8 @@ TEST_F(FwlabTest, RehearseEndsWithZeroOnlyForAnUpdatedPhone) {
          UfsPhone({{"write_buffer", "'sense 5/26/00'"}}), UfsEntry()},
         {"update to 0900 pass*runs \"0900\", from 3 bytes*NOT entry 1", UfsPhone(), UfsEntry(),
          shortRead},
+        {"runs \"0900\", from 4 bytes that were downloaded: entry 1", UfsPhone(), UfsEntry(),
+         "--fault 'open /data/vendor/fw/ffu.end ENOSPC'"},
         {"runs \"FW3*\", from 4 bytes*NOT entry 1", GkiPhone({{"firmware.revision", "'FW3'"}}),
          EmmcEntry()},
         {"runs \"FW000001\", from 0 bytes*NOT an entry for it", NormalPhone(),
