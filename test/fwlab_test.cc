@@ -227,11 +227,7 @@ TEST_F(FwlabTest, ListFindsWhatPhonesPassOver) {
     Expect(Fwlab("list package"), 0, "base_revisions   \"0800\"\n");
     Put("/package", With(EmmcEntry(), EMMC_PNM_FIELD, "UFSM12") + Body(99));
     Expect(Fwlab("list package"), 0, "manufacturer_id  19");
-    std::string magics;
-    while (magics.size() < 5000) {
-        magics += "UFSM";
-    }
-    Put("/package", magics);
+    Put("/package", std::regex_replace(std::string(1200, 'x'), std::regex("x"), "UFSM"));
     Expect(Fwlab("list package"), 2, "package: more than 1024 entries");
 }
 

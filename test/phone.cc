@@ -245,10 +245,6 @@ void ExpectEnd(const std::string& text, const std::string& end) {
     EXPECT_EQ(text.substr(text.size() - std::min(text.size(), end.size())), end);
 }
 
-Texts Tail(const Texts& log, size_t count) {
-    return {log.end() - static_cast<ptrdiff_t>(std::min(count, log.size())), log.end()};
-}
-
 long Count(const Texts& log, const std::string& text) {
     return std::count_if(log.begin(), log.end(), [&](const std::string& entry) {
         return entry.find(text) != std::string::npos;

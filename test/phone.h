@@ -90,5 +90,4 @@ Texts Requests(const RunResult& result);
 // The system log as one text, without the "FFU process " that each message must begin with.
 std::string Steps(const RunResult& result);
 void ExpectEnd(const std::string& text, const std::string& end);
-Texts Tail(const Texts& log, size_t count);
 long Count(const Texts& log, const std::string& text); // of the entries that contain it
