@@ -4,6 +4,7 @@
 #include "simphone/files.h"
 #include "ufs/ufs_write_buffer.h"
 
+#include <algorithm>
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 #include <openssl/evp.h>

@@ -57,7 +57,8 @@ std::string ReadImage(const std::string& path) {
     const size_t size = std::filesystem::file_size(path, error); // of a regular file only
     Require(!error, 2, "image " + path + ": " + error.message());
     Require(size <= PACKAGE_SIZE_MAX, 1, "image " + path + ": 2 GiB or larger");
-    Require(ReadWholeFile(path, image), 2, "image " + path + ": " + strerror(errno));
+    const bool isRead = ReadWholeFile(path, image);
+    Require(isRead, 2, "image " + path + ": " + strerror(errno));
     return image;
 }
 

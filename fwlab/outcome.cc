@@ -72,7 +72,8 @@ std::string NextRun(const State& state, const Record& record) {
 } // namespace
 
 Record ReadRecord(const std::string& path) {
-    Require(access(path.c_str(), R_OK) == 0, 2, path + ": " + strerror(errno));
+    const bool isOurs = access(path.c_str(), R_OK) == 0;
+    Require(isOurs, 2, path + ": " + strerror(errno));
     (void)TakePhoneMessages();
     char line[RESULT_LINE_SIZE] = {};
     char base[REV_SIZE + 1] = {};

@@ -15,6 +15,7 @@ struct Stop {
     int status;
     std::string text;
 };
+// A text with errno needs the call to be a statement of its own: arguments have no order.
 void Require(bool isSo, int status, const std::string& text);
 
 // A field of a header, by the name that manifests and reports give it.

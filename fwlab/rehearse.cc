@@ -64,7 +64,8 @@ void PrintPhone(const std::string& phone) {
     fmt::print("{}", shown);
 }
 
-void Run(const Texts& faults, const std::string& phone) {
+// Whether the run left a state without complaint.
+bool Run(const Texts& faults, const std::string& phone) {
     RunOptions options;
     options.faults = faults;
     const fs::path tool = fs::read_symlink("/proc/self/exe").parent_path() / "ffu";
@@ -75,7 +76,9 @@ void Run(const Texts& faults, const std::string& phone) {
                run.signal != 0 ? run.signal : run.exitStatus,
                run.timedOut ? ": it took too long" : "");
     PrintPhone(phone);
-    fmt::print("{}\n", DescribeState(phone + STATE_DIR).text);
+    const StateReport state = DescribeState(phone + STATE_DIR);
+    fmt::print("{}\n", state.text);
+    return state.isFine;
 }
 
 // Whether the phone, which has restarted, runs the revision and exactly the body of entry; null:
@@ -102,7 +105,7 @@ bool Runs(const std::string& phone, const Package& package, const Entry* entry) 
 bool FindsNothingToDo(const std::string& phone) {
     const std::string record = Content(phone + RESULT_FILE);
     fmt::print("\nThe second run:\n");
-    Run({}, phone);
+    (void)Run({}, phone); // the first one was judged
     const bool isQuiet = Content(phone + RESULT_FILE) == record && fs::exists(phone + END_FLAG) &&
                          !fs::exists(phone + BEGIN_FLAG);
     fmt::print("The second run {} nothing to do.\n", isQuiet ? "found" : "did NOT find");
@@ -114,7 +117,7 @@ bool FindsNothingToDo(const std::string& phone) {
 int Rehearse(const RehearseOptions& options) {
     std::string error;
     Fault fault;
-    for (const std::string& text : options.faults) {
+    for (const std::string& text : options.faults) { // before anything is made
         Require(ParseFault(text, fault, error), 2, error);
     }
     const Identity device = DeviceOf(ReadPhone(options.phone));
@@ -136,8 +139,7 @@ int Rehearse(const RehearseOptions& options) {
     Require(PutPackage(options.package, phone, error), 2, error);
     PrintPhone(phone);
     fmt::print("\n");
-    Run(options.faults, phone);
-    bool isUpdated = DescribeState(phone + STATE_DIR).isFine;
+    bool isUpdated = Run(options.faults, phone);
     Require(RebootPhone(phone, error), 2, error);
     isUpdated = Runs(phone, package, entry) && isUpdated;
     if (options.runAgain) {

@@ -145,6 +145,7 @@ TEST_F(FwlabTest, PackRefuses) {
         {2, "revision is missing", EmmcManifest({"revision"})},
         {2, "base_revisions is not", EmmcManifest({"base_revisions = 'A'"})},
         {2, "gone: No such file", UfsManifest({"image = 'gone'"})},
+        {2, "mem: Input/output error", UfsManifest({"image = '/proc/self/mem'"})},
         {2, "?gone: No such file", UfsManifest({"image = \"\\u001Bgone\""})},
         {1, "entry 1 (in the package entry 1 at 0x0): the body is", UfsManifest(), ""},
         {1, "product_name has 5 bytes, not 6", EmmcManifest({"product_name = 'SIM06'"})},
