@@ -21,7 +21,7 @@ void CheckResultFlag() {
     }
 }
 
-// Formats the record and appends it to fd with one write.
+// Formats the record, appends it to fd with one write and syncs it.
 [[nodiscard]] int WriteRecord(int fd, const char* pnm, const char* localFwRev,
                               const char* fwFileRev, const char* timeText) {
     char line[RESULT_LINE_SIZE] = {};
@@ -33,7 +33,12 @@ void CheckResultFlag() {
         SYSTEM_LOG("FFU process %s: snprintf_s error!\n", "WriteResultFile");
         return -1;
     }
-    return write(fd, line, static_cast<size_t>(length)) > 0 ? 0 : -1;
+    const bool isWritten = write(fd, line, static_cast<size_t>(length)) > 0;
+    // The record has to be on the storage before the device gets its first request: after a power
+    // cut it is all that keeps the next run from a second attempt. A file system that cannot sync
+    // is no reason to leave a device without its update: the write decides.
+    (void)fsync(fd);
+    return isWritten ? 0 : -1;
 }
 
 } // namespace

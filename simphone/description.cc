@@ -205,6 +205,7 @@ static void TakeUfs(Keys keys, Description& phone) {
     phone.manfid = TakeText(keys, "manfid");
     phone.productName = TakeText(keys, "product_name");
     phone.revision = TakeBytes(keys, "revision", 4);
+    phone.maxHwSectorsKb = TakeNumber(keys, "max_hw_sectors_kb", INT_MAX / 1024, kOptional);
     for (const std::string& text : TakeTexts(keys, "write_buffer")) {
         phone.answers.emplace_back();
         if (!ParseAnswer(text, phone.answers.back()) && keys.error.empty()) {

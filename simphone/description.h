@@ -34,6 +34,7 @@ struct Description {
     uint8_t extCsdRev, cid[16];             // eMMC
     std::string manfid, productName; // UFS, as the nodes read; eMMC: productName without line feed
     std::vector<Answer> answers;     // UFS; the last one stays
+    uint32_t maxHwSectorsKb;         // UFS: KiB in one request of the host; 0 without a limit
     bool clockFixed;
     tm clock; // local time; tm_sec and the milliseconds below
     int clockMicroseconds;

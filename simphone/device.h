@@ -28,6 +28,7 @@ int AnswerMmc(const std::string& directory, bool gki, int openFlags, mmc_ioc_cmd
 int TakeGkiImage(const std::string& directory, const void* image, size_t taken, size_t size);
 
 // Carries out one SG_IO; a WRITE BUFFER that is in order gets `answer`. Returns 0 with the response
-// in the request and a readable form in `response`, or the error number that the kernel gives.
-int AnswerScsi(const std::string& directory, const Answer& answer, int openFlags,
-               sg_io_hdr& request, std::string& response);
+// in the request and a readable form in `response`, or the error number that the kernel gives, EIO
+// for more than maxHwSectorsKb KiB (0: no limit).
+int AnswerScsi(const std::string& directory, const Answer& answer, uint32_t maxHwSectorsKb,
+               int openFlags, sg_io_hdr& request, std::string& response);

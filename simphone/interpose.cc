@@ -122,8 +122,9 @@ static int DeviceCall(int fd, const OpenFile& file, unsigned long request, void*
         }
         const auto& answers = session->phone.answers;
         const size_t turn = std::min(session->scsiRequests++, answers.size() - 1);
-        return Failing(AnswerScsi(session->directory, answers[turn], file.flags,
-                                  *static_cast<sg_io_hdr*>(argument), answered.response));
+        return Failing(AnswerScsi(session->directory, answers[turn], session->phone.maxHwSectorsKb,
+                                  file.flags, *static_cast<sg_io_hdr*>(argument),
+                                  answered.response));
     });
 }
 

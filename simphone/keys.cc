@@ -33,9 +33,9 @@ std::string TakeText(Keys keys, const char* key) {
     return text;
 }
 
-uint32_t TakeNumber(Keys keys, const char* key, uint32_t most) {
+uint32_t TakeNumber(Keys keys, const char* key, uint32_t most, Need need) {
     int64_t number = 0;
-    Take(keys, key, kRequired, "a number of its field's size", [&](const toml::node& node) {
+    Take(keys, key, need, "a number of its field's size", [&](const toml::node& node) {
         number = node.value_exact<int64_t>().value_or(-1);
         return number >= 0 && number <= most;
     });

@@ -35,9 +35,9 @@ void Take(Keys keys, const char* key, Need need, const char* wanted, Use use) {
     keys.table.erase(key);
 }
 
-// A required key each; empty or 0 after an error.
+// A required key each, if nothing else is said; empty or 0 after an error and without the key.
 std::string TakeText(Keys keys, const char* key);
-uint32_t TakeNumber(Keys keys, const char* key, uint32_t most);
+uint32_t TakeNumber(Keys keys, const char* key, uint32_t most, Need need = kRequired);
 std::string TakeBytes(Keys keys, const char* key, size_t most);
 
 // A text or a list of texts; none without the key.

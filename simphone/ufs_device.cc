@@ -66,14 +66,17 @@ static uint8_t Illegal(const sg_io_hdr& request) {
                : 0;
 }
 
-int AnswerScsi(const std::string& directory, const Answer& answer, int openFlags,
-               sg_io_hdr& request, std::string& response) {
+int AnswerScsi(const std::string& directory, const Answer& answer, uint32_t maxHwSectorsKb,
+               int openFlags, sg_io_hdr& request, std::string& response) {
     if ((openFlags & O_ACCMODE) != O_RDWR) {
         return EPERM;
     }
     if (request.interface_id != 'S' || request.cmd_len < 6 || request.iovec_count ||
         request.dxfer_direction > SG_DXFER_NONE || request.dxfer_direction < SG_DXFER_TO_FROM_DEV) {
         return EINVAL;
+    }
+    if (maxHwSectorsKb && request.dxfer_len > maxHwSectorsKb * 1024) {
+        return EIO;
     }
     if (!request.cmdp || (request.dxfer_len && !request.dxferp)) {
         return EFAULT;

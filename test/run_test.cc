@@ -57,6 +57,7 @@ const struct {
      READ_BACK + "WriteResultFile: open ffu result file failed! Read-only file system\n"},
     {"write /data/vendor/fw/fw_result short=0", READ_BACK},
     {"write /data/vendor/fw/fw_result short=1", READ_BACK + PASSED, "ffu.end ffu.ok fw_result"},
+    {"fsync /data/vendor/fw/fw_result EIO", READ_BACK + PASSED, "ffu.end ffu.ok fw_result"},
     {"write /proc/bootdevice/ffu EIO", READ_BACK + FAILED, "ffu.bgn ffu.fail fw_result"},
     {"open /data/vendor/fw/ffu.ok EROFS",
      READ_BACK + PASSED + "UpdateResultFlag: UpdateResultFlag open file fail\n",

@@ -55,6 +55,7 @@ const std::regex GOES_ON(
     "|(remove|unlink) .*"                                        // the file need not be there
     "|access .*/(fw_result|ffu.ok|ffu.fail|bootdevice/ffu) .*"   // no record, flag, GKI mode
     "|write .*/fw_result short=[1-9].*"                          // one byte on record is enough
+    "|fsync .*/fw_result .*"                                     // the write decides
     "|read /proc/bootdevice/(product_name|rev) short=.*"         // the rest is taken for blanks
     "|read .*/ufs_fw_body.bin short=.*"                          // what could be read is sent
     "|(fopen|fgets) /proc/devices .*"); // by libsgutils2 for the node's kind

@@ -120,7 +120,7 @@ TEST_F(UfsTest, OneTypicalRunInItsNineSteps) {
         "ufs_emer_fw.bin access open mmap close",
         // 4. It was not attempted yet; now the attempt is on record.
         "fw_result access fopen fgets fgets fgets fclose", "ffu.ok access",
-        "fw_result open write close",
+        "fw_result open write fsync close",
         // 5. What the last update left is cleared.
         "ffu.ok remove", "ffu.fail remove", "ufs_fw_body.bin remove",
         // 6. The whole package, the device's record, the entry again, its body in a file.
@@ -255,6 +255,17 @@ TEST_F(UfsTest, OneCommandCarriesTheBodyUpTo8MiB) {
         EXPECT_EQ(Count(Requests(run), data), 1);
         EXPECT_EQ(Count(Console(run), WB + "372: tried to read"), sent == body ? 1 : 0);
         EXPECT_TRUE(Get("/device/downloaded.bin") == (size == 0 ? MISSING : sent));
+    }
+}
+
+// A host that takes no more than 4 KiB in one request.
+TEST_F(UfsTest, HostRefusesATransferBeyondItsLargest) {
+    for (const size_t size : {4096UL, 4097UL}) {
+        SCOPED_TRACE(size);
+        Make(UfsPhone({{"max_hw_sectors_kb", "4"}}),
+             {{UFS_PACKAGE, UfsEntry(UFS_NEW_REV, Body(size))}});
+        ExpectEnd(ConsoleText(Run()), Verdict(size == 4096 ? 0 : 99));
+        EXPECT_EQ(Left(), size == 4096 ? PASS : FAIL);
     }
 }
 
