@@ -27,13 +27,12 @@ constexpr int GKI_WRITE_RETRIES = 3;
 constexpr char DO_EMMC50_FFU[] = "DoEmmc50Ffu";
 
 [[nodiscard]] int Ffu50DownloadImage(int fd, const uint8_t* fwBody, uint32_t fwBodySize) {
-    if (fwBodySize > NORMAL_MODE_IMAGE_MAX) {
+    if (!FitsOneDownload(fwBodySize)) {
         ffu_print("%s,line=%d: (ffu50) firmware file size error\n", __func__, 315);
         return -1;
     }
-    const uint32_t blocks = (fwBodySize + MMC_BLOCK_SIZE - 1) / MMC_BLOCK_SIZE;
     mmc_ioc_cmd request;
-    if (MakeMmcRequest(request, 1, FFU_DOWNLOAD, blocks, fwBody) != 0) {
+    if (MakeMmcRequest(request, 1, FFU_DOWNLOAD, DownloadBlocks(fwBodySize), fwBody) != 0) {
         ffu_print("%s,line=%d: TOLMA: SFAE FUNCTION ERROR\n", __func__, 320);
         return -1;
     }
@@ -80,14 +79,13 @@ constexpr char DO_EMMC50_FFU[] = "DoEmmc50Ffu";
 
 [[nodiscard]] int UpdateByKernel(int fd, const uint8_t* fwBody, uint32_t fwBodySize) {
     ffu_print("%s,line=%d: emmc firmware GKI mode \n", DO_EMMC50_FFU, 408);
-    ssize_t count = write(fd, fwBody, fwBodySize);
-    for (int retries = GKI_WRITE_RETRIES; count < 0; retries--) {
-        ffu_print("%s,line=%d: emmc firmware GKI error %s, retry %d\n", DO_EMMC50_FFU, 415,
-                  strerror(errno), retries);
-        if (retries == 0) {
-            return -1;
-        }
+    ssize_t count = -1;
+    for (int retries = GKI_WRITE_RETRIES; count < 0 && retries >= 0; retries--) {
         count = write(fd, fwBody, fwBodySize);
+        if (count < 0) {
+            ffu_print("%s,line=%d: emmc firmware GKI error %s, retry %d\n", DO_EMMC50_FFU, 415,
+                      strerror(errno), retries);
+        }
     }
     if (count != static_cast<ssize_t>(fwBodySize)) {
         return -1;
@@ -97,6 +95,14 @@ constexpr char DO_EMMC50_FFU[] = "DoEmmc50Ffu";
 }
 
 } // namespace
+
+bool FitsOneDownload(uint32_t fwBodySize) {
+    return fwBodySize <= NORMAL_MODE_IMAGE_MAX;
+}
+
+uint32_t DownloadBlocks(uint32_t fwBodySize) {
+    return (fwBodySize + MMC_BLOCK_SIZE - 1) / MMC_BLOCK_SIZE;
+}
 
 int DoEmmc50Ffu(const uint8_t* fwBody, uint32_t fwBodySize, int downloadOnly) {
     const bool gkiMode = IsGkiMode();

@@ -6,6 +6,13 @@
 // The largest image, in bytes, that normal mode downloads; GKI mode has no such limit.
 constexpr uint32_t NORMAL_MODE_IMAGE_MAX = 0x100000;
 
+// Whether normal mode can download an image of fwBodySize bytes.
+[[nodiscard]] bool FitsOneDownload(uint32_t fwBodySize);
+
+// How many blocks of MMC_BLOCK_SIZE bytes normal mode sends for an image of fwBodySize bytes; the
+// last one may reach beyond it.
+[[nodiscard]] uint32_t DownloadBlocks(uint32_t fwBodySize);
+
 // Downloads and installs fwBody (fwBodySize bytes, borrowed). In normal mode the download covers
 // whole blocks of 512 bytes: the bytes up to the end of the body's last block must be readable.
 // downloadOnly non-zero leaves out the install there; GKI mode does not consult it.

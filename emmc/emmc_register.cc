@@ -53,12 +53,13 @@ void PrintCid(const char* cidHex) {
         return -1;
     }
     const auto count = static_cast<int>(read(fd, cidHex, CID_HEX_SIZE));
+    close(fd);
     if (count != CID_HEX_SIZE) {
         ffu_print("%s,line=%d: Error cid buffRead = %d less than total_read = %d\n", GET_CID, 176,
                   count, CID_HEX_SIZE);
+        return -1;
     }
-    close(fd);
-    return count == CID_HEX_SIZE ? 0 : -1;
+    return 0;
 }
 
 [[nodiscard]] int ReadExtCsdHex(int fd, uint8_t* extCsd) {

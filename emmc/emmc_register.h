@@ -10,7 +10,12 @@ constexpr char EMMC_BLOCK_NODE[] = "/dev/block/mmcblk0";
 
 constexpr unsigned MMC_BLOCK_SIZE = 512;
 
-constexpr int CID_SIZE = 16;      // JEDEC: 128 bits, byte 0 the most significant
+constexpr int CID_SIZE = 16; // JEDEC: 128 bits, byte 0 the most significant
+constexpr int CID_MID = 0;   // manufacturer
+constexpr int CID_PNM = 3;   // product name, six characters
+constexpr int CID_PRV = 9;   // product revision
+constexpr int CID_PSN = 10;  // serial number, four bytes
+
 constexpr int EXT_CSD_SIZE = 512; // JEDEC: byte i is EXT_CSD byte i
 
 constexpr int EXT_CSD_REV = 192;              // structure revision

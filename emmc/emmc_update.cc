@@ -3,13 +3,13 @@
 #include "emmc/emmc_update.h"
 
 #include "emmc/emmc_command.h"
+#include "emmc/emmc_print.h"
 #include "emmc/emmc_register.h"
 #include "platform/bounded.h"
 #include "platform/heap_buffer.h"
 #include "run/log/ffu_print.h"
 
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <unistd.h>
@@ -26,8 +26,8 @@ namespace {
     }
     const off64_t end = lseek64(fd, 0, SEEK_END);
     close(fd);
-    const int32_t size = end > PACKAGE_SIZE_MAX ? -1 : static_cast<int32_t>(end);
-    if (size <= 0) {
+    const auto size = static_cast<int32_t>(end);
+    if (size <= 0 || end > PACKAGE_SIZE_MAX) {
         ffu_print("%s,line=%d: %s lseek %s size fail %d...\n", __func__, 90, __func__, path, size);
         return -1;
     }
@@ -60,34 +60,16 @@ namespace {
     return status;
 }
 
-void PrintField(const char* label, const char* name, const uint8_t* bytes, size_t size) {
-    printf("(%s) %s=", label, name);
-    for (size_t i = 0; i < size; i++) {
-        printf(" %02X", bytes[i]);
-    }
-    putchar('\n');
-}
-
-// Straight to the standard output, without the logger's stamp.
-void PrintEmmcFwHeader(const char* label, const EmmcFwHeader& header) {
-    PrintField(label, "emmcMagic", header.emmcMagic, sizeof(header.emmcMagic));
-    PrintField(label, "emmcMid", &header.emmcMid, sizeof(header.emmcMid));
-    PrintField(label, "emmcPnm", header.emmcPnm, sizeof(header.emmcPnm));
-    PrintField(label, "emmcPrv", &header.emmcPrv, sizeof(header.emmcPrv));
-    PrintField(label, "emmcPsn", header.emmcPsn, sizeof(header.emmcPsn));
-    PrintField(label, "emmcRev", &header.emmcRev, sizeof(header.emmcRev));
-    PrintField(label, "emmcFwRev", header.emmcFwRev, sizeof(header.emmcFwRev));
-    printf("(%s) emmcFwSize= %08X\n", label, ReadBigEndian32(header.emmcFwSize));
-}
-
 // Builds the device record from the two registers.
 [[nodiscard]] int FillEmmcHeader(const uint8_t* cid, const uint8_t* extCsd, EmmcFwHeader& header) {
     const bool copied =
         memcpy_s(header.emmcMagic, sizeof(header.emmcMagic), EMMC_MAGIC, MAGIC_SIZE) == 0 &&
-        memcpy_s(&header.emmcMid, sizeof(header.emmcMid), cid, 1) == 0 &&
-        memcpy_s(header.emmcPnm, sizeof(header.emmcPnm), cid + 3, 6) == 0 &&
-        memcpy_s(&header.emmcPrv, sizeof(header.emmcPrv), cid + 9, 1) == 0 &&
-        memcpy_s(header.emmcPsn, sizeof(header.emmcPsn), cid + 10, 4) == 0 &&
+        memcpy_s(&header.emmcMid, sizeof(header.emmcMid), cid + CID_MID, 1) == 0 &&
+        memcpy_s(header.emmcPnm, sizeof(header.emmcPnm), cid + CID_PNM, sizeof(header.emmcPnm)) ==
+            0 &&
+        memcpy_s(&header.emmcPrv, sizeof(header.emmcPrv), cid + CID_PRV, 1) == 0 &&
+        memcpy_s(header.emmcPsn, sizeof(header.emmcPsn), cid + CID_PSN, sizeof(header.emmcPsn)) ==
+            0 &&
         memcpy_s(&header.emmcRev, sizeof(header.emmcRev), extCsd + EXT_CSD_REV, 1) == 0 &&
         memcpy_s(header.emmcFwRev, sizeof(header.emmcFwRev), extCsd + EXT_CSD_FIRMWARE_VERSION,
                  EMMC_REV_SIZE) == 0;
@@ -198,21 +180,25 @@ int EmmcFwhdrCheck(const EmmcFwHeader& fwHeader, const uint8_t* fwFileBuffer, in
             !BodyFits(packageSize, p, sizeof(entry), bodySize)) {
             continue;
         }
+        fwBody = fwFileBuffer + p + sizeof(entry);
+        fwBodySize = bodySize;
         ffu_print("%s,line=%d: fwbin file have fwinfo match current device\n", __func__, 184);
         if (memcmp(fwHeader.emmcFwRev, entry.emmcFwRev, sizeof(entry.emmcFwRev)) == 0) {
             ffu_print("%s,line=%d: fwRevGet equal fwRevBase, no need to update\n", __func__, 194);
             return -ENOENT;
         }
-        fwBody = fwFileBuffer + p + sizeof(entry);
-        fwBodySize = bodySize;
         return 0;
     }
     ffu_print("%s,line=%d: fwbin file not match, no need to update\n", __func__, 198);
     return -ENOENT;
 }
 
+bool HasFfu(uint8_t emmcRev) {
+    return emmcRev >= EXT_CSD_REV_5_0;
+}
+
 int DoEmmcFfu(uint8_t emmcRev, const uint8_t* fwBody, uint32_t fwBodySize, int downloadOnly) {
-    if (emmcRev < EXT_CSD_REV_5_0) {
+    if (!HasFfu(emmcRev)) {
         ffu_print("%s,line=%d: emmc revision error (emmcRev=%d)\n", __func__, 210, emmcRev);
         return -1;
     }

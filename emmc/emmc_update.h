@@ -14,10 +14,14 @@
 [[nodiscard]] bool EmmcEntryMatches(const EmmcFwHeader& device, const EmmcFwHeader& entry);
 
 // Looks through fwFileBuffer (size bytes, borrowed) for the first entry that matches fwHeader, the
-// device record. Returns 0 when it carries a revision other than the device's: fwBody then points
-// at its body inside fwFileBuffer, of fwBodySize bytes. Otherwise -2 (-ENOENT), outputs untouched.
+// device record: fwBody then points at its body inside fwFileBuffer, of fwBodySize bytes; both stay
+// as they are without such an entry. Returns 0 when the entry carries a revision other than the
+// device's, else -2 (-ENOENT).
 [[nodiscard]] int EmmcFwhdrCheck(const EmmcFwHeader& fwHeader, const uint8_t* fwFileBuffer,
                                  int32_t size, const uint8_t*& fwBody, uint32_t& fwBodySize);
+
+// Whether a device with this EXT_CSD_REV can update its firmware: eMMC 5.0 and later.
+[[nodiscard]] bool HasFfu(uint8_t emmcRev);
 
 // Hands fwBody to a device whose EXT_CSD_REV is emmcRev. Returns -1 when that is below eMMC 5.0,
 // else the status of DoEmmc50Ffu.

@@ -9,10 +9,19 @@
 // stays as it was. withLargeEmmc admits images that only the kernel's own update (GKI mode) takes.
 int Pack(const std::string& manifestFile, const std::string& output, bool withLargeEmmc);
 
+// The same package in memory.
+struct Built {
+    std::string bytes;
+    size_t entries;
+    Texts inputs; // the files that it was made from
+};
+Built BuildPackage(const std::string& manifestFile, bool withLargeEmmc);
+
 int List(const std::string& packageFile, bool asJson);
 
 // recordFile may be empty: the phone has made no attempt yet.
-int Match(const std::string& packageFile, const Description& phone, const std::string& recordFile);
+int Match(const std::string& packageFile, const Description& phone, const std::string& recordFile,
+          bool asJson);
 
 struct RehearseOptions {
     std::string package, phone; // the package and the phone's description

@@ -74,6 +74,7 @@ void AddMatch(CLI::App& app, Arguments& args) {
     CLI::App* match = app.add_subcommand("match", "Tell what a phone would do with a package");
     match->add_option("PACKAGE", args.package, "the package")->required();
     match->add_option("--record", args.record, "its fw_result")->check(CLI::ExistingFile);
+    match->add_flag("--json", args.json, "for programs");
     CLI::App* which = match->add_option_group("device", "a simulated phone, or one by hand");
     auto* name = match->add_option("--product", device.productName, "product name");
     auto* rev = match->add_option("--revision", device.revision, "running revision (bytes: \\xHH)");
@@ -84,12 +85,13 @@ void AddMatch(CLI::App& app, Arguments& args) {
     manfid->needs(name, rev)->excludes(csd);
     which->add_option("--manufacturer-id", device.cid[0], "eMMC: MID")->needs(name, rev, csd);
     which->require_option(1);
-    match->footer("Exit status 0: the pre-check goes on and the update downloads what it saw.");
+    match->footer("Exit status 0: the device is sent the entry that the pre-check saw. 1: no "
+                  "update, or one attempt \"used up\" in vain: on record, and never made again.");
     match->callback([=, &args] {
         args.device.ufs = manfid->count() > 0;
         const bool isByHand = phone->count() == 0;
         args.status = Match(args.package, isByHand ? ByHand(args.device) : ReadPhone(args.phone),
-                            args.record);
+                            args.record, args.json);
     });
 }
 

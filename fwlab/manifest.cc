@@ -23,6 +23,16 @@ bool ReadBytes(const toml::node& node, const Field& field, std::string& bytes) {
     Require(bytes.size() <= field.size && (!isExact || bytes.size() == field.size), 1,
             fmt::format("{} has {} bytes, not {}{}", field.key, bytes.size(),
                         isExact ? "" : "at most ", field.size));
+    Require(field.filling != Field::NODE || !bytes.empty(), 1,
+            std::string(field.key) + " is empty: no device has it");
+    if (&field == &UFS.manufacturer && isText) {
+        const bool isRight = bytes.size() == field.size && bytes.rfind("0x", 0) == 0 &&
+                             bytes.find_first_not_of("0123456789abcdef", 2) == std::string::npos;
+        Require(isRight, 1,
+                Quoted(bytes) + " is no manfid as kernels print it, such as \"0x0001ce\": 0x and "
+                                "six digits, letters in lower case; write a list of 8 numbers "
+                                "where a kernel prints another one");
+    }
     if (field.filling == Field::NODE && isText) {
         Require(bytes.find('\n') == std::string::npos, 1,
                 std::string(field.key) + " has a line feed: fwlab adds it, as phones read one");
@@ -88,7 +98,8 @@ ManifestEntry ReadEntry(Keys keys, const Layout& layout, const std::filesystem::
     const std::string image = TakeText(keys, "image");
     RefuseTheRest(keys);
     Require(keys.error.empty(), 2, keys.error);
-    return {identity, ReadImage(folder / image)};
+    const std::string imageFile = folder / image;
+    return {identity, ReadImage(imageFile), imageFile};
 }
 
 } // namespace
@@ -117,19 +128,6 @@ std::vector<ManifestEntry> ReadManifest(const std::string& path) {
     RefuseTheRest({table, error});
     Require(error.empty(), 2, path + ": " + error);
     return entries;
-}
-
-Identity DeviceOf(const Description& phone) {
-    Require(!phone.ufs || phone.revision.size() + 1 >= UFS_REV_SIZE, 1,
-            "the phone's revision is too short for a run");
-    const Layout& layout = phone.ufs ? UFS : EMMC;
-    const std::string mid(1, static_cast<char>(phone.cid[0]));
-    Identity device = NewIdentity(layout);
-    Set(device, layout.manufacturer, phone.ufs ? phone.manfid : mid);
-    Set(device, layout.name, phone.productName);
-    Set(device, layout.extCsdRev, std::string(1, static_cast<char>(phone.extCsdRev)));
-    Set(device, layout.revision, phone.revision + (phone.ufs ? "\n" : ""));
-    return device;
 }
 
 Description ReadPhone(const std::string& descriptionFile) {

@@ -5,11 +5,9 @@
 #include "simphone/description.h"
 
 struct ManifestEntry {
-    Identity identity; // everything but the size of the body
-    std::string image;
+    Identity identity;            // everything but the size of the body
+    std::string image, imageFile; // its content and path
 };
 std::vector<ManifestEntry> ReadManifest(const std::string& path);
 
-// A device as its nodes and registers show it.
-Identity DeviceOf(const Description& phone);
 Description ReadPhone(const std::string& descriptionFile);

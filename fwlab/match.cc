@@ -1,76 +1,81 @@
 // Says what a phone would do with a package, step by step, without running anything.
 #include "fwlab/commands.h"
-#include "fwlab/manifest.h"
-#include "fwlab/outcome.h"
-#include "fwlab/selection.h"
+#include "fwlab/decision.h"
+#include "fwlab/json.h"
 
 #include <fmt/format.h>
 
 namespace {
 
-void Print(const std::string& step, bool goesOn, const std::string& reason, const Texts& messages) {
-    fmt::print("{}: {}: {}\n", step, goesOn ? "goes on" : "nothing to do", reason);
-    for (const std::string& message : messages) {
-        fmt::print("    would log: {}\n", message);
-    }
-}
-
 std::string RevisionOf(const Identity& identity) {
     return Get(identity, identity.layout->revision);
 }
 
-void Print(const std::string& step, const Choice& choice) {
-    std::string taken;
-    if (choice.entry != nullptr) {
-        taken = fmt::format("takes {}, revision {}: ", Title(*choice.entry),
-                            Quoted(RevisionOf(choice.entry->identity)));
+void Print(const Step& step) {
+    const std::string taken = step.entry == nullptr
+                                  ? ""
+                                  : fmt::format("takes {}, revision {}{}", Title(*step.entry),
+                                                Quoted(RevisionOf(step.entry->identity)),
+                                                step.reason.empty() ? "" : ": ");
+    fmt::print("{}: {}: {}{}\n", step.name, step.goesOn ? "goes on" : "ends here", taken,
+               step.reason);
+    for (const std::string& message : step.messages) {
+        fmt::print("    would log: {}\n", message);
     }
-    Print(step, choice.goesOn, taken + choice.reason, choice.messages);
 }
 
-// Whether the record lets the revision be attempted.
-bool PrintRecord(const std::string& recordFile, const std::string& revision) {
-    const Record record = ReadRecord(recordFile);
-    const bool goesOn = record.isReadable && !IsAttempted(record, revision);
-    Print("record", goesOn,
-          record.isReadable ? fmt::format("the last attempt was from {} to {}", Quoted(record.base),
-                                          Quoted(record.target))
-                            : "it cannot be read back, the run stops",
-          record.messages);
-    return goesOn;
+// The answer in words, and what to change.
+std::string Sentence(const Decision& decision) {
+    const std::string recorded = Quoted(decision.recorded);
+    const std::string remedy =
+        fmt::format("The phone writes the attempt for {} on record and makes no other one for it: "
+                    "correct the package, under another revision, before phones get it.",
+                    recorded);
+    switch (decision.verdict) {
+    case Verdict::UPDATE:
+        return fmt::format("An update to {}: {} bytes of {}.",
+                           Quoted(RevisionOf(decision.sent->identity)), decision.sentSize,
+                           Title(*decision.sent));
+    case Verdict::NOTHING:
+        return "No update.";
+    case Verdict::ATTEMPTED:
+        return "No update: it was attempted already.";
+    case Verdict::STOPS:
+        return "No update: fw_result cannot be read back, so that this and all later runs stop.";
+    case Verdict::WRONG_IMAGE:
+        return "Used up, with the WRONG IMAGE: " + decision.why + ". " + remedy;
+    case Verdict::STUCK:
+        return "Used up: an update to " + recorded + ", but " + decision.why +
+               ", so that all later runs stop.";
+    case Verdict::USED_UP:
+        break;
+    }
+    return "Used up: " + decision.why + ". " + remedy;
 }
 
 } // namespace
 
-int Match(const std::string& packageFile, const Description& phone, const std::string& recordFile) {
-    const Identity device = DeviceOf(phone);
-    const Package package = OpenPackage(packageFile, device.layout);
+int Match(const std::string& packageFile, const Description& phone, const std::string& recordFile,
+          bool asJson) {
+    const Device device = DeviceOf(phone);
+    const Package package = OpenPackage(packageFile, device.identity.layout);
     Require(package.flaw.empty(), 1, packageFile + " " + package.flaw);
-    fmt::print("device: {} {}, runs {}\n", Quoted(Get(device, device.layout->manufacturer)),
-               Quoted(Get(device, device.layout->name)), Quoted(RevisionOf(device)));
-    const Choice preCheck = PreCheck(package, device);
-    Print("pre-check", preCheck);
-    const bool isReached =
-        preCheck.goesOn &&
-        (recordFile.empty() || PrintRecord(recordFile, RevisionOf(preCheck.entry->identity)));
-    const Choice update = SelectForUpdate(package, device);
-    Print(isReached ? "update" : "update (not reached)", update);
-    if (preCheck.entry != update.entry || preCheck.goesOn != update.goesOn) {
-        fmt::print("The pre-check and the update differ.\n");
-    }
-    if (!isReached || !update.goesOn) {
-        fmt::print("No update.\n");
-        return 1;
-    }
-    const std::string revision = RevisionOf(update.entry->identity);
-    bool isMeant = revision == RevisionOf(preCheck.entry->identity);
-    fmt::print("An update to {}{}.\n", Quoted(revision),
-               isMeant ? "" : ", while the record will name another revision");
-    for (const std::string& finding : SizeFindings(*update.entry)) {
-        if (!phone.gki || finding != LARGE_EMMC_BODY) {
-            fmt::print("It fails or is not whole: {}.\n", finding);
-            isMeant = false;
+    const Record record = recordFile.empty() ? Record() : ReadRecord(recordFile);
+    const Decision decision = Decide(package, device, recordFile.empty() ? nullptr : &record);
+    if (asJson) {
+        fmt::print("{}\n", Describe(decision).dump(2));
+    } else {
+        const Layout& layout = *device.identity.layout;
+        fmt::print("device: {} {}, runs {}\n", Quoted(Get(device.identity, layout.manufacturer)),
+                   Quoted(Get(device.identity, layout.name)), Quoted(RevisionOf(device.identity)));
+        for (const Step& step : decision.steps) {
+            Print(step);
+        }
+        fmt::print("{}\n", Sentence(decision));
+        for (const std::string& note :
+             decision.sent == nullptr ? Texts() : NotesOf(*decision.sent)) {
+            fmt::print("Note: {}.\n", note);
         }
     }
-    return isMeant ? 0 : 1;
+    return decision.verdict == Verdict::UPDATE ? 0 : 1;
 }

@@ -3,8 +3,9 @@
 #include "fwlab/outcome.h"
 
 #include "fwlab/commands.h"
-#include "fwlab/selection.h"
+#include "fwlab/record.h"
 #include "run/result_record.h"
+#include "run/state_flags.h"
 #include "simphone/files.h"
 
 #include <cerrno>
@@ -71,23 +72,6 @@ std::string NextRun(const State& state, const Record& record) {
 
 } // namespace
 
-Record ReadRecord(const std::string& path) {
-    const bool isOurs = access(path.c_str(), R_OK) == 0;
-    Require(isOurs, 2, path + ": " + strerror(errno));
-    (void)TakePhoneMessages();
-    char line[RESULT_LINE_SIZE] = {};
-    char base[REV_SIZE + 1] = {};
-    char target[REV_SIZE + 1] = {};
-    const bool isReadable = ParseResultFile(path.c_str(), line) == 0 &&
-                            SubParseResultFile(line, BASE_REV_KEY, ',', base) == 0 &&
-                            SubParseResultFile(line, TARGET_REV_KEY, '\n', target) == 0;
-    return {isReadable, base, target, TakePhoneMessages()};
-}
-
-bool IsAttempted(const Record& record, const std::string& revision) {
-    return strncmp(record.target.c_str(), revision.c_str(), strlen(revision.c_str())) == 0;
-}
-
 StateReport DescribeState(const std::string& directory) {
     const auto file = [&](const char* phonePath) {
         return directory / fs::path(phonePath).filename();
@@ -95,7 +79,8 @@ StateReport DescribeState(const std::string& directory) {
     const auto has = [&](const char* phonePath) { return fs::exists(file(phonePath)); };
     const State state = {has(BEGIN_FLAG), has(END_FLAG), has(OK_FLAG), has(FAIL_FLAG),
                          has(RESULT_FILE)};
-    const Record record = state.recorded ? ReadRecord(file(RESULT_FILE)) : Record{true, "", "", {}};
+    const Record record =
+        state.recorded ? ReadRecord(file(RESULT_FILE)) : Record{true, "", "", "", "", {}};
     const std::string next = NextRun(state, record);
     if (!state.begun && !state.ended && !state.passed && !state.failed && !state.recorded) {
         return {false, "No run has left a trace: the tool never ran here, or could not create its "

@@ -1,38 +1,42 @@
-// Builds packages. A package is put together in memory, looked at there as a phone would, written
-// to a file beside its place and only then renamed; a refusal or a failure leaves no file behind.
+// Builds packages. A package is put together in memory, looked at there as a phone would, and only
+// then written.
 #include "fwlab/commands.h"
+#include "fwlab/decision.h"
 #include "fwlab/manifest.h"
-#include "fwlab/selection.h"
-#include "simphone/files.h"
+#include "fwlab/output.h"
 
 #include <algorithm>
-#include <cerrno>
-#include <cstdio>
-#include <cstring>
 #include <fmt/format.h>
-#include <unistd.h>
 
-// Throws unless every entry that begins at one of offsets is without findings.
-static void CheckEntries(const Package& package, const std::vector<size_t>& offsets,
-                         bool withLargeEmmc) {
+namespace {
+
+// Stop unless every entry that begins at one of offsets is without findings.
+void CheckEntries(const Package& package, const std::vector<size_t>& offsets, bool withLargeEmmc) {
     for (const Entry& entry : package.entries) {
         const auto own = std::find(offsets.begin(), offsets.end(), entry.offset);
         if (own == offsets.end()) {
             continue; // a magic inside an image
         }
-        for (const std::string& finding : FindingsOf(package, entry)) {
-            Require(withLargeEmmc && finding == LARGE_EMMC_BODY, 1,
-                    fmt::format("{}: entry {} (in the package {}): {}", package.path,
-                                own - offsets.begin() + 1, Title(entry), finding));
+        Texts findings = FindingsOf(package, entry);
+        if (NeedsGkiMode(entry) && !withLargeEmmc) {
+            findings = NotesOf(entry);
+        }
+        if (!findings.empty()) {
+            throw Stop{1, fmt::format("{}: entry {} (in the package {}): {}", package.path,
+                                      own - offsets.begin() + 1, Title(entry), findings[0])};
         }
     }
 }
 
-int Pack(const std::string& manifestFile, const std::string& output, bool withLargeEmmc) {
-    std::string bytes;
+} // namespace
+
+Built BuildPackage(const std::string& manifestFile, bool withLargeEmmc) {
+    Built built = {"", 0, {manifestFile}};
+    std::string& bytes = built.bytes;
     std::vector<size_t> offsets;
     const Layout* layout = nullptr;
     for (ManifestEntry& entry : ReadManifest(manifestFile)) {
+        built.inputs.push_back(entry.imageFile);
         layout = entry.identity.layout;
         std::string size;
         for (const int shift : {24, 16, 8, 0}) {
@@ -45,13 +49,17 @@ int Pack(const std::string& manifestFile, const std::string& output, bool withLa
     }
     const PackageBytes borrowed(PackageBytes(), reinterpret_cast<const uint8_t*>(bytes.data()));
     CheckEntries(LookInto(manifestFile, borrowed, bytes.size(), layout), offsets, withLargeEmmc);
-    const std::string temporary = fmt::format("{}.{}", output, getpid());
-    if (!WriteWholeFile(temporary, bytes.data(), bytes.size()) ||
-        rename(temporary.c_str(), output.c_str()) != 0) {
-        const std::string reason = strerror(errno);
-        unlink(temporary.c_str());
-        throw Stop{2, output + ": " + reason};
+    built.entries = offsets.size();
+    return built;
+}
+
+int Pack(const std::string& manifestFile, const std::string& output, bool withLargeEmmc) {
+    const Built built = BuildPackage(manifestFile, withLargeEmmc);
+    for (const std::string& input : built.inputs) {
+        RequireOther(output, input);
     }
-    fmt::print("{}: {} bytes, entries: {}\n", output, bytes.size(), offsets.size());
+    WriteOutput(output, built.bytes);
+    fmt::print("{}: {} bytes, entries: {}\n", Quoted(output, ""), built.bytes.size(),
+               built.entries);
     return 0;
 }

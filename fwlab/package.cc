@@ -16,6 +16,7 @@ constexpr size_t ENTRIES_MAX = 1024;
 
 #define PLACE(record, member) offsetof(record, member), sizeof(record::member)
 const Layout EMMC = {
+    "eMMC",
     EMMC_MAGIC,
     sizeof(EmmcFwHeader),
     {"manufacturer_id", PLACE(EmmcFwHeader, emmcMid), Field::EXACT},
@@ -27,6 +28,7 @@ const Layout EMMC = {
     {"base_revisions", PLACE(EmmcFwHeader, legalBaseRev), Field::EXACT},
 };
 const Layout UFS = {
+    "UFS",
     UFS_MAGIC,
     sizeof(UfsFwHeader),
     {"manfid", PLACE(UfsFwHeader, ufsMid), Field::NODE},
@@ -106,6 +108,6 @@ std::string Title(const Entry& entry) {
     return fmt::format("entry {} at {:#x}", entry.number, entry.offset);
 }
 
-std::string Quoted(const std::string& bytes) {
-    return '"' + Escaped(bytes) + '"';
+std::string Quoted(const std::string& bytes, const char* mark) {
+    return mark + Escaped(bytes) + mark;
 }

@@ -27,6 +27,7 @@ struct Field {
 };
 
 struct Layout {
+    const char* title;
     const char* magic;
     size_t headerSize;
     Field manufacturer, name, extCsdRev, revision, bodySize, marketName, baseRevs;
@@ -66,5 +67,6 @@ Package OpenPackage(const std::string& path, const Layout* layout = nullptr);
 Package LookInto(const std::string& path, const PackageBytes& bytes, size_t size,
                  const Layout* layout);
 
-std::string Title(const Entry& entry);        // "entry 2 at 0x1040"
-std::string Quoted(const std::string& bytes); // printable, in quotation marks
+std::string Title(const Entry& entry); // "entry 2 at 0x1040"
+// Printable; in quotation marks, if nothing else is said.
+std::string Quoted(const std::string& bytes, const char* mark = "\"");

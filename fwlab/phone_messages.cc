@@ -1,6 +1,7 @@
 // Stands in for both logs of the phone, so that what its routines say becomes part of an answer
 // instead of the standard output. The phone's routines call it wherever they run in fwlab.
-#include "fwlab/selection.h"
+#include "emmc/emmc_print.h"
+#include "fwlab/record.h"
 #include "run/log/ffu_print.h"
 #include "simphone/files.h"
 
@@ -36,4 +37,8 @@ int ffu_print(const char* format, ...) {
     Keep(format, args);
     va_end(args);
     return 0;
+}
+
+// The dump of an entry's header is no message: `list` shows more.
+void PrintEmmcFwHeader(const char* /*label*/, const EmmcFwHeader& /*header*/) {
 }

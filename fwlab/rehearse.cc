@@ -1,11 +1,13 @@
 // Runs the unmodified tool on a simulated phone with a package and judges what came of it. All that
 // happens lies in the phone's directory, which is removed unless it is to be kept.
+#include "emmc/emmc_command.h"
 #include "emmc/emmc_register.h"
 #include "fwlab/commands.h"
+#include "fwlab/decision.h"
 #include "fwlab/manifest.h"
 #include "fwlab/outcome.h"
-#include "fwlab/selection.h"
-#include "run/run_values.h"
+#include "run/result_record.h"
+#include "run/state_flags.h"
 #include "simphone/phone.h"
 
 #include <climits>
@@ -91,8 +93,8 @@ bool Runs(const std::string& phone, const Package& package, const Entry* entry) 
               : Content(phone + "/device/ext_csd.bin").substr(EXT_CSD_FIRMWARE_VERSION, field.size);
     const std::string taken = Content(phone + "/device/running.bin");
     const size_t size = entry == nullptr ? 0 : entry->bodySize;
-    const size_t blocks = (size + MMC_BLOCK_SIZE - 1) / MMC_BLOCK_SIZE * MMC_BLOCK_SIZE;
-    const bool isWhole = taken.size() == size || (!isUfs && taken.size() == blocks);
+    const size_t padded = size_t{DownloadBlocks(static_cast<uint32_t>(size))} * MMC_BLOCK_SIZE;
+    const bool isWhole = taken.size() == size || (!isUfs && taken.size() == padded);
     const bool isMeant = size > 0 && isWhole && revision == Get(entry->identity, field) &&
                          memcmp(taken.data(), package.bytes.get() + entry->body, size) == 0;
     fmt::print("After a restart the phone runs {}, from {} bytes that were downloaded: {}{}.\n",
@@ -120,10 +122,12 @@ int Rehearse(const RehearseOptions& options) {
     for (const std::string& text : options.faults) { // before anything is made
         Require(ParseFault(text, fault, error), 2, error);
     }
-    const Identity device = DeviceOf(ReadPhone(options.phone));
-    const Package package = OpenPackage(options.package, device.layout);
+    const Device device = DeviceOf(ReadPhone(options.phone));
+    const Package package = OpenPackage(options.package, device.identity.layout);
     Require(package.size <= PACKAGE_SIZE_MAX, 1, options.package + " " + package.flaw);
-    const Entry* entry = SelectForUpdate(package, device).entry;
+    const Decision decision = Decide(package, device);
+    // What the phone is to get: what the pre-check saw, or that entry's like for this very device.
+    const Entry* entry = decision.verdict == Verdict::UPDATE ? decision.sent : decision.PreCheck();
 
     std::string phone = fs::temp_directory_path() / "fwlab-XXXXXX";
     std::error_code ignored; // what cannot be removed stays

@@ -4,10 +4,6 @@
 #include <cstdint>
 #include <cstdlib>
 #include <memory>
+#include <type_traits>
 
-struct FreeDeleter {
-    void operator()(void* buffer) const {
-        free(buffer);
-    }
-};
-using HeapBuffer = std::unique_ptr<uint8_t, FreeDeleter>;
+using HeapBuffer = std::unique_ptr<uint8_t, std::integral_constant<void (*)(void*), free>>;

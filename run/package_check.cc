@@ -4,6 +4,7 @@
 
 #include "platform/bounded.h"
 #include "run/log/system_log.h"
+#include "run/step.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -15,71 +16,23 @@
 
 namespace {
 
-constexpr int ENTRY_NOT_FOUND = 1;
-
 // step names the routine that found the entry.
 [[nodiscard]] int CopyRevs(const char* step, const uint8_t* rev, size_t revSize,
-                           const uint8_t* baseRevs, char* fwFileRev, uint8_t* legalBaseRev) {
-    if (memcpy_s(fwFileRev, REV_SIZE, rev, revSize) != 0) {
+                           const uint8_t* baseRevs, PackageRevs& revs) {
+    if (memcpy_s(revs.fwFileRev, REV_SIZE, rev, revSize) != 0) {
         SYSTEM_LOG("FFU process %s: memcpy_s fwFileRev error!\n", step);
-        return -1;
+        return PARSE_FAILED;
     }
-    fwFileRev[revSize] = '\0';
-    if (memcpy_s(legalBaseRev, BASE_REVS_SIZE, baseRevs, BASE_REVS_SIZE) != 0) {
+    revs.fwFileRev[revSize] = '\0';
+    if (memcpy_s(revs.legalBaseRev, BASE_REVS_SIZE, baseRevs, BASE_REVS_SIZE) != 0) {
         SYSTEM_LOG("FFU process %s: memcpy_s legalBaseRev error!\n", step);
-        return -1;
+        return PARSE_FAILED;
     }
     return 0;
 }
 
-[[nodiscard]] int ParseOpenFwBin(int fd, const DeviceInfo& device, char* fwFileRev,
-                                 uint8_t* legalBaseRev) {
-    constexpr char PARSE_FW_BIN[] = "ParseFwBin";
-    struct stat status = {};
-    if (fstat(fd, &status) != 0) {
-        SYSTEM_LOG("FFU process %s: fstat fw file failed. %s\n", PARSE_FW_BIN, strerror(errno));
-        return -1;
-    }
-    if (status.st_size == 0) {
-        SYSTEM_LOG("FFU process %s: No fw include, no need to ffu! \n", PARSE_FW_BIN);
-        return ENTRY_NOT_FOUND;
-    }
-    void* mapped = MAP_FAILED;
-    if (status.st_size > PACKAGE_SIZE_MAX) {
-        errno = EFBIG;
-    } else {
-        mapped = mmap(nullptr, static_cast<size_t>(status.st_size), PROT_READ, MAP_PRIVATE, fd, 0);
-    }
-    if (mapped == MAP_FAILED) {
-        SYSTEM_LOG("FFU process %s: map fw file failed! %s\n", PARSE_FW_BIN, strerror(errno));
-        return -1;
-    }
-    const auto* package = static_cast<const uint8_t*>(mapped);
-    const auto size = static_cast<size_t>(status.st_size);
-    const int result = device.type == DEVICE_EMMC
-                           ? GetEmmcRev(package, size, device.pnm, fwFileRev, legalBaseRev)
-                           : GetUfsRev(package, size, device.pnm, fwFileRev, legalBaseRev);
-    munmap(mapped, size);
-    return result;
-}
-
-// Returns 0 when the device's entry was found and copied from, ENTRY_NOT_FOUND, or -1.
-[[nodiscard]] int ParseFwBin(const char* path, const DeviceInfo& device, char* fwFileRev,
-                             uint8_t* legalBaseRev) {
-    const int fd = open(path, O_RDONLY);
-    if (fd < 0) {
-        SYSTEM_LOG("FFU process %s: Open FW file failed! %s\n", __func__, strerror(errno));
-        return -1;
-    }
-    const int result = ParseOpenFwBin(fd, device, fwFileRev, legalBaseRev);
-    close(fd);
-    return result;
-}
-
-} // namespace
-
-int GetEmmcRev(const uint8_t* package, size_t size, const char* pnm, char* fwFileRev,
-               uint8_t* legalBaseRev) {
+[[nodiscard]] int GetEmmcRev(const uint8_t* package, size_t size, const char* pnm,
+                             PackageRevs& revs) {
     // Ends one offset before the last at which a header fits: a header alone is no update.
     const size_t scanned = size == 0 ? 0 : size - 1;
     for (size_t p = FindEmmcEntry(package, scanned, 0); p < scanned;
@@ -87,57 +40,105 @@ int GetEmmcRev(const uint8_t* package, size_t size, const char* pnm, char* fwFil
         const auto& entry = *reinterpret_cast<const EmmcFwHeader*>(package + p);
         if (memcmp(entry.emmcPnm, pnm, sizeof(entry.emmcPnm)) == 0 &&
             BodyFits(size, p, sizeof(entry), ReadBigEndian32(entry.emmcFwSize))) {
+            revs.entry = p;
             return CopyRevs(__func__, entry.emmcFwRev, sizeof(entry.emmcFwRev), entry.legalBaseRev,
-                            fwFileRev, legalBaseRev);
+                            revs);
         }
     }
     return ENTRY_NOT_FOUND;
 }
 
-int GetUfsRev(const uint8_t* package, size_t size, const char* pnm, char* fwFileRev,
-              uint8_t* legalBaseRev) {
+[[nodiscard]] int GetUfsRev(const uint8_t* package, size_t size, const char* pnm,
+                            PackageRevs& revs) {
     for (size_t p = FindUfsEntry(package, size, 0); p < size;
          p = FindUfsEntry(package, size, p + 1)) {
         const auto& entry = *reinterpret_cast<const UfsFwHeader*>(package + p);
         if (memcmp(entry.ufsPnm, pnm, sizeof(entry.ufsPnm)) == 0 &&
             BodyFits(size, p, sizeof(entry), ReadBigEndian32(entry.ufsFwSize))) {
+            revs.entry = p;
             return CopyRevs(__func__, entry.ufsProductRevisionLevel,
-                            sizeof(entry.ufsProductRevisionLevel), entry.legalBaseRev, fwFileRev,
-                            legalBaseRev);
+                            sizeof(entry.ufsProductRevisionLevel), entry.legalBaseRev, revs);
         }
     }
     return ENTRY_NOT_FOUND;
+}
+
+// Maps the package that fd is open on. For ParseFwBin, whose name its messages carry.
+[[nodiscard]] int ParseOpenFwBin(int fd, const DeviceInfo& device, PackageRevs& revs) {
+    constexpr char PARSE_FW_BIN[] = "ParseFwBin";
+    struct stat status = {};
+    if (fstat(fd, &status) != 0) {
+        SYSTEM_LOG("FFU process %s: fstat fw file failed. %s\n", PARSE_FW_BIN, strerror(errno));
+        return PARSE_FAILED;
+    }
+    if (status.st_size == 0) {
+        SYSTEM_LOG("FFU process %s: No fw include, no need to ffu! \n", PARSE_FW_BIN);
+        return ENTRY_NOT_FOUND;
+    }
+    void* mapped = MAP_FAILED;
+    const auto size = static_cast<size_t>(status.st_size);
+    if (status.st_size > PACKAGE_SIZE_MAX) {
+        errno = EFBIG;
+    } else {
+        mapped = mmap(nullptr, size, PROT_READ, MAP_PRIVATE, fd, 0);
+    }
+    if (mapped == MAP_FAILED) {
+        SYSTEM_LOG("FFU process %s: map fw file failed! %s\n", PARSE_FW_BIN, strerror(errno));
+        return PARSE_FAILED;
+    }
+    const int result = FindRevs(device, static_cast<const uint8_t*>(mapped), size, revs);
+    munmap(mapped, size);
+    return result;
+}
+
+} // namespace
+
+int ParseFwBin(const DeviceInfo& device, PackageRevs& revs) {
+    const char* path = device.type == DEVICE_EMMC ? EMMC_FW_PACKAGE : UFS_FW_PACKAGE;
+    if (access(path, F_OK) != 0) {
+        return PACKAGE_NOT_FOUND;
+    }
+    const int fd = open(path, O_RDONLY);
+    if (fd < 0) {
+        SYSTEM_LOG("FFU process %s: Open FW file failed! %s\n", __func__, strerror(errno));
+        return PARSE_FAILED;
+    }
+    const int result = ParseOpenFwBin(fd, device, revs);
+    close(fd);
+    return result;
+}
+
+int FindRevs(const DeviceInfo& device, const uint8_t* package, size_t size, PackageRevs& revs) {
+    return device.type == DEVICE_EMMC ? GetEmmcRev(package, size, device.pnm, revs)
+                                      : GetUfsRev(package, size, device.pnm, revs);
 }
 
 bool IsSameRev(const char* localFwRev, const char* fwFileRev) {
     return memcmp(fwFileRev, localFwRev, strlen(localFwRev)) == 0;
 }
 
-int CheckBaseRev(const DeviceInfo& device, const uint8_t* legalBaseRev) {
+bool CheckBaseRev(const DeviceInfo& device, const uint8_t* legalBaseRev) {
     const uint8_t* end = legalBaseRev + BASE_REVS_SIZE;
     if (std::all_of(legalBaseRev, end, [](uint8_t byte) { return byte == 0xFF; })) {
         SYSTEM_LOG("FFU process %s: Revision validity check is no necessary,exit!\n", __func__);
-        return 0;
+        return true;
     }
     SYSTEM_LOG("FFU process %s: Revision validity check is necessary\n", __func__);
     const size_t revSize = device.type == DEVICE_EMMC ? EMMC_REV_SIZE : UFS_REV_SIZE;
     for (const uint8_t* slot = legalBaseRev; slot < end; slot += revSize) {
         if (memcmp(slot, device.localFwRev, revSize) == 0) {
             SYSTEM_LOG("FFU process %s: current rev is valid for update.\n", __func__);
-            return 0;
+            return true;
         }
     }
-    return -1;
+    return false;
 }
 
-int CheckFwBin(const DeviceInfo& device, char* fwFileRev) {
-    const char* path = device.type == DEVICE_EMMC ? EMMC_FW_PACKAGE : UFS_FW_PACKAGE;
-    if (access(path, F_OK) != 0) {
+int CheckFwBin(const DeviceInfo& device, int parsed, const PackageRevs& revs) {
+    if (parsed == PACKAGE_NOT_FOUND) {
         SYSTEM_LOG("FFU process %s: fw file not found, exit.\n", __func__);
         return STEP_NOTHING_TO_DO;
     }
-    uint8_t legalBaseRev[BASE_REVS_SIZE] = {};
-    const int parsed = ParseFwBin(path, device, fwFileRev, legalBaseRev);
     if (parsed == ENTRY_NOT_FOUND) {
         SYSTEM_LOG("FFU process %s: pnm not found in fw file. no need to update. \n", __func__);
         return STEP_NOTHING_TO_DO;
@@ -146,14 +147,14 @@ int CheckFwBin(const DeviceInfo& device, char* fwFileRev) {
         SYSTEM_LOG("FFU process %s: Parse rev in fw file failed!\n", __func__);
         return STEP_FAILED;
     }
-    if (IsSameRev(device.localFwRev, fwFileRev)) {
+    if (IsSameRev(device.localFwRev, revs.fwFileRev)) {
         SYSTEM_LOG("FFU process %s: local fw rev %s is as new as fwBin\n", __func__,
                    device.localFwRev);
         return STEP_NOTHING_TO_DO;
     }
     SYSTEM_LOG("FFU process %s: pnm:%s current:%s, fwBinRev:%s\n", __func__, device.pnm,
-               device.localFwRev, fwFileRev);
-    if (CheckBaseRev(device, legalBaseRev) != 0) {
+               device.localFwRev, revs.fwFileRev);
+    if (!CheckBaseRev(device, revs.legalBaseRev)) {
         SYSTEM_LOG("FFU process %s: local fw rev is not valid for FFU. Skip updating.\n", __func__);
         return STEP_NOTHING_TO_DO;
     }

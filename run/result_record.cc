@@ -5,6 +5,8 @@
 
 #include "platform/bounded.h"
 #include "run/log/system_log.h"
+#include "run/state_flags.h"
+#include "run/step.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -15,30 +17,33 @@
 
 namespace {
 
-void CheckResultFlag() {
-    if (access(OK_FLAG, F_OK) != 0 && access(FAIL_FLAG, F_OK) != 0) {
-        SYSTEM_LOG("FFU process %s: No result flag file found!\n", __func__);
-    }
-}
-
-// Formats the record, appends it to fd with one write and syncs it.
-[[nodiscard]] int WriteRecord(int fd, const char* pnm, const char* localFwRev,
-                              const char* fwFileRev, const char* timeText) {
-    char line[RESULT_LINE_SIZE] = {};
-    const int length =
-        snprintf_s(line, sizeof(line), sizeof(line) - 1,
-                   "%sproduct name:%s, current fw version:%s, upgrading to version:%s\n", timeText,
-                   pnm, localFwRev, fwFileRev);
-    if (length < 0) {
-        SYSTEM_LOG("FFU process %s: snprintf_s error!\n", "WriteResultFile");
+// Copies the value between key and the next delimiter from line into dest, a revision of
+// REV_SIZE + 1 zeroed bytes. Returns 0, or -1 when key or delimiter is missing or it is too long.
+[[nodiscard]] int SubParseResultFile(const char* line, const char* key, char delimiter,
+                                     char* dest) {
+    const char* found = strstr(line, key);
+    const char* value = found == nullptr ? nullptr : found + strlen(key);
+    const char* end = value == nullptr ? nullptr : strchr(value, delimiter);
+    if (end == nullptr) {
+        SYSTEM_LOG("FFU process %s: Parse base rev failed!\n", __func__);
         return -1;
     }
-    const bool isWritten = write(fd, line, static_cast<size_t>(length)) > 0;
-    // The record has to be on the storage before the device gets its first request: after a power
-    // cut it is all that keeps the next run from a second attempt. A file system that cannot sync
-    // is no reason to leave a device without its update: the write decides.
-    (void)fsync(fd);
-    return isWritten ? 0 : -1;
+    if (memcpy_s(dest, REV_SIZE, value, static_cast<size_t>(end - value)) != 0) {
+        SYSTEM_LOG("FFU process %s: memcpy_s error!\n", __func__);
+        return -1;
+    }
+    return 0;
+}
+
+[[nodiscard]] int ParseResultFile(char* line) {
+    FILE* file = fopen(RESULT_FILE, "r");
+    if (file == nullptr) {
+        SYSTEM_LOG("FFU process %s: open result file failed! %s\n", __func__, strerror(errno));
+        return -1;
+    }
+    const int status = ReadLastLine(file, line);
+    fclose(file);
+    return status;
 }
 
 } // namespace
@@ -61,49 +66,60 @@ void GetTmeStamp(char* timeText) {
     timeText[length] = '\0';
 }
 
+int FormatRecord(char* record, const char* timeText, const char* pnm, const char* localFwRev,
+                 const char* fwFileRev) {
+    return snprintf_s(record, RESULT_LINE_SIZE, RESULT_LINE_SIZE - 1,
+                      "%sproduct name:%s, current fw version:%s, upgrading to version:%s\n",
+                      timeText, pnm, localFwRev, fwFileRev);
+}
+
 int WriteResultFile(const char* pnm, const char* localFwRev, const char* fwFileRev) {
+    char record[RESULT_LINE_SIZE] = {};
+    char timeText[TIME_TEXT_SIZE] = {};
     if (pnm == nullptr || localFwRev == nullptr || fwFileRev == nullptr) {
         SYSTEM_LOG("FFU process %s: param is null. exit.\n", __func__);
         return -1;
     }
-    char timeText[TIME_TEXT_SIZE] = {};
     GetTmeStamp(timeText);
     const int fd = open(RESULT_FILE, O_RDWR | O_CREAT | O_APPEND, STATE_FILE_MODE);
     if (fd < 0) {
         SYSTEM_LOG("FFU process %s: open ffu result file failed! %s\n", __func__, strerror(errno));
         return -1;
     }
-    const int status = WriteRecord(fd, pnm, localFwRev, fwFileRev, timeText);
+    const int length = FormatRecord(record, timeText, pnm, localFwRev, fwFileRev);
+    if (length < 0) {
+        SYSTEM_LOG("FFU process %s: snprintf_s error!\n", __func__);
+        close(fd);
+        return -1;
+    }
+    const bool isWritten = write(fd, record, static_cast<size_t>(length)) > 0;
+    // The record has to be on the storage before the device gets its first request: after a power
+    // cut it is all that keeps the next run from a second attempt. A file system that cannot sync
+    // is no reason to leave a device without its update: the write decides.
+    (void)fsync(fd);
     close(fd);
-    return status;
+    return isWritten ? 0 : -1;
 }
 
-int ParseResultFile(const char* path, char* line) {
-    FILE* file = fopen(path, "r");
-    if (file == nullptr) {
-        SYSTEM_LOG("FFU process %s: open result file failed! %s\n", __func__, strerror(errno));
-        return -1;
+int ReadLastLine(FILE* file, char* line) {
+    // A read that fails in the middle of a line may leave a part of it: the last whole one counts.
+    char next[RESULT_LINE_SIZE] = {};
+    int status = 0;
+    while (status == 0 && fgets(next, sizeof(next), file) != nullptr) {
+        status = memcpy_s(line, RESULT_LINE_SIZE, next, sizeof(next));
     }
-    while (fgets(line, RESULT_LINE_SIZE, file) != nullptr) {
-        // The last line read is the one that counts.
-    }
-    fclose(file);
-    return 0;
+    return status == 0 ? 0 : -1;
 }
 
-int SubParseResultFile(const char* line, const char* key, char delimiter, char* dest) {
-    const char* found = strstr(line, key);
-    const char* value = found == nullptr ? nullptr : found + strlen(key);
-    const char* end = value == nullptr ? nullptr : strchr(value, delimiter);
-    if (end == nullptr) {
-        SYSTEM_LOG("FFU process %s: Parse base rev failed!\n", __func__);
+int ParseAttempt(const char* line, LastAttempt& attempt) {
+    if (SubParseResultFile(line, BASE_REV_KEY, ',', attempt.lastBaseRev) != 0) {
         return -1;
     }
-    if (memcpy_s(dest, REV_SIZE, value, static_cast<size_t>(end - value)) != 0) {
-        SYSTEM_LOG("FFU process %s: memcpy_s error!\n", __func__);
-        return -1;
-    }
-    return 0;
+    return SubParseResultFile(line, TARGET_REV_KEY, '\n', attempt.lastTargetRev);
+}
+
+bool IsAttempted(const LastAttempt& attempt, const char* fwBinRev) {
+    return strncmp(attempt.lastTargetRev, fwBinRev, strlen(fwBinRev)) == 0;
 }
 
 int CheckResultFile(const char* fwBinRev) {
@@ -111,21 +127,19 @@ int CheckResultFile(const char* fwBinRev) {
         return STEP_DONE;
     }
     char line[RESULT_LINE_SIZE] = {};
-    if (ParseResultFile(RESULT_FILE, line) != 0) {
+    if (ParseResultFile(line) != 0) {
         SYSTEM_LOG("FFU process %s: ParseResultFile error\n", __func__);
         return STEP_FAILED;
     }
     CheckResultFlag();
-    char lastBaseRev[REV_SIZE + 1] = {};
-    char lastTargetRev[REV_SIZE + 1] = {};
-    if (SubParseResultFile(line, BASE_REV_KEY, ',', lastBaseRev) != 0 ||
-        SubParseResultFile(line, TARGET_REV_KEY, '\n', lastTargetRev) != 0) {
+    LastAttempt last = {};
+    if (ParseAttempt(line, last) != 0) {
         SYSTEM_LOG("FFU process %s: ParseResultFile error\n", __func__);
         return STEP_FAILED;
     }
     SYSTEM_LOG("FFU process %s: lastBaseRev:%s, lastTargetRev:%s, fwBinRev:%s\n", __func__,
-               lastBaseRev, lastTargetRev, fwBinRev);
-    if (strncmp(lastTargetRev, fwBinRev, strlen(fwBinRev)) == 0) {
+               last.lastBaseRev, last.lastTargetRev, fwBinRev);
+    if (IsAttempted(last, fwBinRev)) {
         SYSTEM_LOG("FFU process %s: firmware in fw file has been applied, no need to update.",
                    __func__);
         return STEP_NOTHING_TO_DO;

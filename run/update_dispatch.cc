@@ -3,16 +3,14 @@
 #include "run/update_dispatch.h"
 
 #include "emmc/emmc_update.h"
-#include "run/log/system_log.h"
-#include "run/result_record.h"
+#include "run/device_info.h"
+#include "run/state_flags.h"
+#include "run/step.h"
 #include "ufs/ufs_selection.h"
 #include "ufs/ufs_update.h"
 
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
-#include <fcntl.h>
-#include <unistd.h>
 
 int DoFfu(char deviceType) {
     constexpr int DOWNLOAD_AND_INSTALL = 0; // not download only
@@ -30,31 +28,9 @@ int DoFfu(char deviceType) {
             : UfsFfu(UFS_FW_PACKAGE, UFS_FW_PACKAGE, USE_DATA_DIR, USE_PACKAGE);
     (void)remove(bodyFile);
 
+    // From a status of the update to the verdict of a step.
     if (status == -ENOENT) {
         return STEP_NOTHING_TO_DO;
     }
     return status == 0 ? STEP_DONE : STEP_FAILED;
-}
-
-void UpdateResultFlag(int result, const char* fwBinRev) {
-    char timeText[TIME_TEXT_SIZE] = {};
-    GetTmeStamp(timeText);
-    if (result == STEP_NOTHING_TO_DO) {
-        return;
-    }
-    const char* flag = FAIL_FLAG;
-    if (result == STEP_DONE) {
-        flag = OK_FLAG;
-        SYSTEM_LOG("FFU process %s: update to %s pass", __func__, fwBinRev);
-    } else {
-        SYSTEM_LOG("FFU process %s: upgrade to %s fail", __func__, fwBinRev);
-    }
-    const int fd = open(flag, O_RDWR | O_CREAT | O_APPEND, STATE_FILE_MODE);
-    if (fd < 0) {
-        SYSTEM_LOG("FFU process %s: %s open file fail\n", __func__, __func__);
-        return;
-    }
-    // The flag tells the outcome; the time in it is only for the reader.
-    (void)!write(fd, timeText, strlen(timeText));
-    close(fd);
 }

@@ -112,10 +112,10 @@ TEST_F(FwlabTest, FromManifestToUpdatedPhone) {
 
 TEST_F(FwlabTest, PackFillsShortTextsAsPhonesDo) {
     Put("/image", "abc");
-    Expect(Pack(UfsManifest({"product_name = 'SIMUFS128G-B0'", "manfid = '0x1ce'"})), 0);
+    Expect(Pack(UfsManifest({"product_name = 'SIMUFS128G-B0'", "manfid = '0x00012c'"})), 0);
     EXPECT_EQ(Get("/package"),
               With(With(UfsEntry(UFS_NEW_REV, "abc"), UFS_PNM_FIELD, "SIMUFS128G-B0\n"),
-                   UFS_MID_FIELD, "0x1ce\n"));
+                   UFS_MID_FIELD, "0x00012c"));
     Expect(Pack(EmmcManifest({"revision = [5, 1]", "base_revisions = ['4']"})), 0);
     EXPECT_EQ(Get("/package"), With(EmmcEntry("\5\1", "abc"), EMMC_BASE_FIELD,
                                     std::string("4\0\0\0\0\0\0\0004", 9)));
@@ -147,7 +147,16 @@ TEST_F(FwlabTest, PackRefuses) {
         {2, "gone: No such file", UfsManifest({"image = 'gone'"})},
         {2, "mem: Input/output error", UfsManifest({"image = '/proc/self/mem'"})},
         {2, "?gone: No such file", UfsManifest({"image = \"\\u001Bgone\""})},
-        {1, "entry 1 (in the package entry 1 at 0x0): the body is", UfsManifest(), ""},
+        {1, "entry 1 (in the package entry 1 at 0x0): uses up its attempt: its body is empty",
+         UfsManifest(), ""},
+        {1, "\"0x1ce\" is no manfid", UfsManifest({"manfid = '0x1ce'"})},
+        {1, "\"0x0001CE\" is no manfid", UfsManifest({"manfid = '0x0001CE'"})},
+        {1, "manfid is empty", UfsManifest({"manfid = ''"})},
+        {1, "product_name is empty", UfsManifest({"product_name = ''"})},
+        {1, "8 is eMMC 5.1", EmmcManifest({"ext_csd_rev = 51"})},
+        {1, "older than eMMC 5.0", EmmcManifest({"ext_csd_rev = 6"})},
+        {1, "begins like an eMMC package", UfsManifest(), EmmcEntry()},
+        {1, "begins like an UFS package", UfsManifest(), UfsEntry()},
         {1, "product_name has 5 bytes, not 6", EmmcManifest({"product_name = 'SIM06'"})},
         {1, "revision has 9 bytes, not at most 8", EmmcManifest({"revision = 'FW0000002'"})},
         {1, "has 17 bytes", UfsManifest({"product_name = 'SIMUFS128G-B0B1  '"})},
@@ -158,15 +167,17 @@ TEST_F(FwlabTest, PackRefuses) {
         {1, "no device can have", UfsManifest({"base_revisions = ['0800', [255, 255, 255, 255]]"})},
         {1, "zero byte", EmmcManifest({"revision = [0, 1]"})},
         {1, "line feed", EmmcManifest({"revision = [0x46, 0x0A]"})},
-        {1, "from \"1000\": the update finds", UfsManifest({"base_revisions = ['0800', '1000']"})},
+        {1, "from \"1000\": uses up its attempt: its revision is not newer",
+         UfsManifest({"base_revisions = ['0800', '1000']"})},
         {1, "taken for equal", EmmcManifest({"revision = [5, 1]", "base_revisions = [[4], [5]]"})},
-        {1, "the update finds nothing to do", UfsManifest(original)}, // renamed, without its entry
-        {1, "entry 2 at 0x41): shadowed, the update takes entry 1", UfsManifest() + Ufs()},
-        {1, "entry 2 at 0x41): shadowed, the pre-check takes entry 1",
+        {1, "the update knows the device as \"KLUEG8U1EM-REWK\"", UfsManifest(original)},
+        {1, "entry 2 at 0x41): entry 1 at 0x0 comes first and is for the same",
+         UfsManifest() + Ufs()},
+        {1, "entry 2 at 0x41): entry 1 at 0x0 comes first and has the same product name",
          UfsManifest() + Ufs({"revision = '1000'"})},
-        {1, "shadowed, the update takes entry 1", lenient + Ufs()}, // a blank agrees with all
-        {1, "entry 2 (in the package entry 3 at 0x81): shadowed, the pre-check takes entry 2",
-         other + Ufs(), UfsEntry("0850", "x")},
+        {1, "the update takes entry 1*cannot share a package", lenient + Ufs()},
+        {1, "entry 2 (in the package entry 3 at 0x83): entry 2 at 0x42 comes first", other + Ufs(),
+         "xx" + UfsEntry("0850", "x")},
         {1, "1 MiB", EmmcManifest(), Body(0x100001)},
         {1, "8 MiB", UfsManifest(), Body(0x800001)},
     };
@@ -180,7 +191,7 @@ TEST_F(FwlabTest, PackRefuses) {
     }
     Put("/image", Body(0x100001));
     Expect(Pack(EmmcManifest(), "--gki-only"), 0);
-    Expect(Pack(EmmcManifest() + EmmcManifest().substr(20), "--gki-only"), 1, "shadowed");
+    Expect(Pack(EmmcManifest() + EmmcManifest().substr(20), "--gki-only"), 1, "comes first");
     Put("/image", Body(0x100000));
     Expect(Pack(EmmcManifest()), 0);
     // One name for two devices: the pre-check's entry is another, but of the same revision.
@@ -200,13 +211,17 @@ TEST_F(FwlabTest, ListFindsWhatPhonesPassOver) {
         {"holds no entry", ufs.substr(0, 63)},
         {"offset           3*the body reaches past the end",
          "pad" + With(ufs, UFS_SIZE_FIELD, BigEndian32(5))},
-        {"offset           68*body_offset      132*shadowed, the pre-check takes entry 1 at 0x0",
+        {"offset           68*body_offset      132*entry 1 at 0x0 comes first",
          ufs + UfsEntry("1000")},
-        {"offset           66*a magic inside entry 1 at 0x0*a magic inside entry 1 at 0x0",
-         UfsEntry(UFS_NEW_REV, "12" + other + other)},
-        {"at the last offset, which the pre-check does not examine", EmmcEntry(EMMC_NEW_REV, "")},
-        {"the body is empty", UfsEntry(UFS_NEW_REV, "")},
-        {"larger than 1 MiB", EmmcEntry(EMMC_NEW_REV, Body(0x100001))},
+        {"68 bytes from 0x44 belong to no entry", ufs + With(ufs, {3, 1}, "N")}, // a damaged magic
+        {"holds no entry", "pad"},
+        {"3 bytes from 0x0*3 bytes from 0x47*3 bytes from 0x8e",
+         "pad" + ufs + "pad" + With(ufs, UFS_PNM_FIELD, "B") + "pad"},
+        {"63 bytes from 0x44", ufs + ufs.substr(0, 63)}, // cut in a header
+        {"that a reader takes: entry 1 at 0x0 has no body", EmmcEntry(EMMC_NEW_REV, "")},
+        {"its body is empty", UfsEntry(UFS_NEW_REV, "")},
+        {"8 is eMMC 5.1", With(EmmcEntry(), EMMC_REV_FIELD, "3")},
+        {"the product name is empty", With(ufs, UFS_PNM_FIELD, "\n")},
         {"larger than 8 MiB", UfsEntry(UFS_NEW_REV, Body(0x800001))},
         {"no device can have", With(ufs, UFS_BASE_FIELD, "")},
         {"\\x1b[2J\\x07*0\\n\\x0d\\x9b*line feed", // control characters
@@ -226,8 +241,17 @@ TEST_F(FwlabTest, ListFindsWhatPhonesPassOver) {
     // Slots that are left free admit nobody, whatever fills them.
     Put("/package", With(With(ufs, UFS_BASE_FIELD, "0800" + std::string(12, '\xFF')), {52, 4}, ""));
     Expect(Fwlab("list package"), 0, "base_revisions   \"0800\"\n");
-    Put("/package", With(EmmcEntry(), EMMC_PNM_FIELD, "UFSM12") + Body(99));
+    Put("/package", With(EmmcEntry(), EMMC_PNM_FIELD, "UFSM12"));
     Expect(Fwlab("list package"), 0, "manufacturer_id  19");
+    // What pack admits.
+    for (const std::string& body : {"12" + other + other, "12" + EmmcEntry()}) {
+        Put("/package", UfsEntry(UFS_NEW_REV, body));
+        Expect(Fwlab("list package"), 0, body[2] == 'U' ? "note: a magic inside entry 1" : "");
+    }
+    Put("/package", EmmcEntry(EMMC_NEW_REV, Body(0x100001)));
+    Expect(Fwlab("list package"), 0, "note: the body is larger than 1 MiB");
+    Put("/package", UfsEntry(UFS_NEW_REV, Body(0x100001)));
+    Expect(Fwlab("list package"), 0, "note: the body is larger than the 1 MiB*max_hw_sectors_kb");
     Put("/package", std::regex_replace(std::string(1200, 'x'), std::regex("x"), "UFSM"));
     Expect(Fwlab("list package"), 2, "package: more than 1024 entries");
 }
@@ -236,7 +260,8 @@ TEST_F(FwlabTest, ListMapsLargePackages) {
     Put("/package", UfsEntry());
     Put("/phone.toml", UfsPhone());
     fs::resize_file(directory + "/package", 1U << 30);
-    Expect(Fwlab("list package", "ulimit -d 65536 &&"), 0, "size             1073741824");
+    Expect(Fwlab("list package", "ulimit -d 65536 &&"), 1,
+           "size             1073741824*1073741756 bytes from 0x44 belong to no entry");
     fs::resize_file(directory + "/package", 1UL << 31);
     Expect(Fwlab("list package", "ulimit -d 65536 &&"), 1, "2 GiB");
     Expect(Fwlab("match package --phone phone.toml"), 1, "2 GiB");
@@ -255,35 +280,47 @@ TEST_F(FwlabTest, MatchTellsBothDecisions) {
         int status;
         std::string texts, phone, package, record = "";
     } rows[] = {
-        {1, "pre-check: nothing to do: no entry*update (not reached): nothing to do: no entry",
-         UfsPhone(), With(ufs, UFS_SIZE_FIELD, BigEndian32(5))},
-        {1, "pre-check: nothing to do: no entry*update (not reached): goes on: takes entry 1",
-         GkiPhone(), EmmcEntry(EMMC_NEW_REV, "")}, // at the last offset
-        {1, "pre-check: nothing to do: takes entry 1 at 0x0, revision \"0800\"*(not reached)",
-         UfsPhone(), UfsEntry("0800")},
+        {1, "pre-check: ends here: no entry*has no body inside the package*No update.", UfsPhone(),
+         With(ufs, UFS_SIZE_FIELD, BigEndian32(5))},
+        {1, "ends here: no entry*No update.", GkiPhone(), EmmcEntry(EMMC_NEW_REV, "")},
+        {1, "ends here: takes entry 1 at 0x0, revision \"0800\"*No update.", UfsPhone(),
+         UfsEntry("0800")},
         {1,
          "none of its base revisions*would log: FFU process CheckBaseRev: Revision validity*"
-         "update (not reached): goes on*differ*No update.",
+         "would log: FFU process CheckFwBin: local fw rev is not valid*No update.",
          UfsPhone(), With(ufs, UFS_BASE_FIELD, "0700")},
-        {1, "pre-check: goes on*update: nothing to do*would log: FwVerCheck,line=248: ", UfsPhone(),
-         UfsEntry("0700")},
-        {1, "pre-check: goes on: takes entry 1*update: nothing to do: no entry*differ",
-         NormalPhone(), strange},
-        {1, "entry 1 at 0x0*entry 2 at 0x34*differ*another revision", NormalPhone(),
-         strangeOther + EmmcEntry()},
-        {1, "older than eMMC 5.0", GkiPhone({{"ext_csd_rev", "6"}}),
+        {1, "entry 1 at 0x0 is \"SIMUFS128G-B0B1\\x00\", which differs in blanks", UfsPhone(),
+         With(ufs, UFS_PNM_FIELD, "SIMUFS128G-B0B1")},
+        {1, "the package holds eMMC entries", UfsPhone(), EmmcEntry()},
+        {1,
+         "pre-check: goes on*update: ends here*would log: FwVerCheck,line=248: *Used up: its "
+         "revision is not newer*attempt for \"0700\" on record",
+         UfsPhone(), UfsEntry("0700")},
+        {1, "Used up: entry 1 at 0x0 has manufacturer_id 17, the device 19", NormalPhone(),
+         strange},
+        {1, "Used up: entry 1 at 0x0 has manfid \"0x1ce", UfsPhone(),
+         With(ufs, UFS_MID_FIELD, "0x1ce\n")},
+        {1, "Used up: entry 1 at 0x0 has ext_csd_rev 51, the device 8", GkiPhone(),
+         With(EmmcEntry(), EMMC_REV_FIELD, "3")},
+        {1, "WRONG IMAGE: the pre-check sees entry 1 at 0x0, the update takes entry 2 at 0x34",
+         NormalPhone(), strangeOther + EmmcEntry()},
+        {1, "WRONG IMAGE: the pre-check sees entry 2 at 0x44, the update takes entry 1 at 0x0",
+         UfsPhone(), With(ufs, UFS_PNM_FIELD, "SIMUFS128G\n") + ufs}, // of one revision
+        {1, "Used up: the device is older than eMMC 5.0", GkiPhone({{"ext_csd_rev", "6"}}),
          With(EmmcEntry(), EMMC_REV_FIELD, "\6")},
         {0,
-         "takes entry 1*takes entry 2*would log: UpdateProductName,line=155: *differ*"
-         "An update to \"1000\".",
+         "takes entry 1*takes entry 2*would log: UpdateProductName,line=155: *"
+         "An update to \"1000\": 4 bytes of entry 2",
          UfsPhone(renamed), oldName + newName},
-        {1, "An update*fails or is not whole: *8 MiB", UfsPhone(),
-         UfsEntry("0900", Body(0x800001))},
-        {1, "An update*fails or is not whole: *empty", UfsPhone(), UfsEntry("0900", "")},
-        {1, "An update*fails or is not whole: *1 MiB", NormalPhone(), large},
-        {0, "An update to \"FW000002\".\n", GkiPhone(), large},
-        {1, "goes on*record: nothing to do*\"0800\" to \"0900\"*(not reached)", UfsPhone(), ufs,
-         record + "0900\n"},
+        {1, "Used up: the body is larger than 8 MiB", UfsPhone(), UfsEntry("0900", Body(0x800001))},
+        {1, "Used up: its body is empty", UfsPhone(), UfsEntry("0900", "")},
+        {1, "Used up: the body is larger than 1 MiB", NormalPhone(), large},
+        {1, "Used up: its body is larger than the 4 KiB", UfsPhone({{"max_hw_sectors_kb", "4"}}),
+         UfsEntry("0900", Body(4097))},
+        {0, "An update to \"FW000002\": 1048577 bytes*Note: *1 MiB", GkiPhone(), large},
+        {1, "Used up: an update to \"FW\\n\", but *later runs stop", GkiPhone(), EmmcEntry("FW\n")},
+        {1, "goes on*record: ends here*\"0800\" to \"0900\"*it was attempted already", UfsPhone(),
+         ufs, record + "0900\n"},
         {0, "record: goes on", UfsPhone(), ufs, record + "0850\n"},
         {1, "cannot be read back*would log: FFU process SubParseResultFile: Parse base rev failed!",
          UfsPhone(), ufs, record},
@@ -323,7 +360,7 @@ TEST_F(FwlabTest, RehearseEndsWithZeroOnlyForAnUpdatedPhone) {
          "--fault 'open /data/vendor/fw/ffu.end ENOSPC'"},
         {"runs \"FW3*\", from 4 bytes*NOT entry 1", GkiPhone({{"firmware.revision", "'FW3'"}}),
          EmmcEntry()},
-        {"runs \"FW000001\", from 0 bytes*NOT an entry for it", NormalPhone(),
+        {"runs \"FW000001\", from 0 bytes*NOT entry 1", NormalPhone(),
          With(EmmcEntry(), EMMC_MID_FIELD, "x")},
         {"signal 9*the power failed during its update*The second run:*"
          "has been applied, no need to update*found nothing to do",

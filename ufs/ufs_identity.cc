@@ -13,7 +13,6 @@
 namespace {
 
 constexpr char UFS_MID_NODE[] = "/proc/bootdevice/manfid";
-constexpr char UFS_PNM_NODE[] = "/proc/bootdevice/product_name";
 
 // The model that was reworked, and the name under which packages carry the firmware for it. The
 // reworked name fills ufsPnm together with its terminating zero.
@@ -30,11 +29,12 @@ static_assert(sizeof(REWORKED_PNM) == sizeof(UfsFwHeader::ufsPnm));
         return -1;
     }
     const ssize_t got = read(fd, field, size);
+    close(fd);
     if (got < 0) {
         ffu_print("%s,line=%d: read_ufs_info %s read error!\n", __func__, 172, label);
+        return -1;
     }
-    close(fd);
-    return got < 0 ? -1 : 0;
+    return 0;
 }
 
 void PrintChar(uint8_t character) {
@@ -55,7 +55,7 @@ int GetUfsLocalDevInfo(UfsFwHeader& device) {
         ffu_print("%s,line=%d: read manufacture ID error!\n", __func__, 187);
         return -1;
     }
-    if (ReadUfsInfo(UFS_PNM_NODE, sizeof(device.ufsPnm), "UFS_PNM", device.ufsPnm) != 0) {
+    if (ReadUfsInfo(PNM_NODE, sizeof(device.ufsPnm), "UFS_PNM", device.ufsPnm) != 0) {
         ffu_print("%s,line=%d: read product name error!\n", __func__, 192);
         return -1;
     }

@@ -3,6 +3,7 @@
 
 #include "fwpkg/firmware_package.h"
 
+constexpr char PNM_NODE[] = "/proc/bootdevice/product_name"; // of an eMMC device, too
 constexpr char UFS_REV_NODE[] = "/proc/bootdevice/rev";
 
 // Fills device, which the caller has zeroed, from the kernel's /proc/bootdevice nodes and prints it

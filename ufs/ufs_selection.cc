@@ -13,6 +13,9 @@
 
 namespace {
 
+// The routine that the selection speaks for in its messages.
+constexpr char GET_UFS_FW[] = "GetUfsFwFromFwBin";
+
 bool IsBlank(uint8_t character) {
     return character == ' ' || character == '\r' || character == '\n' || character == '\0';
 }
@@ -72,8 +75,8 @@ int FwVerCheck(const UfsFwHeader& device, const UfsFwHeader& entry) {
     return 0;
 }
 
-int GetUfsFwFromFwBin(const UfsFwHeader& device, const uint8_t* package, int32_t size,
-                      int useDataDir) {
+int SelectUfsFw(const UfsFwHeader& device, const uint8_t* package, int32_t size,
+                UfsSelection& selection) {
     const size_t packageSize = size < 1 ? 0 : static_cast<size_t>(size);
     int fwNum = 0;
     for (size_t p = FindUfsEntry(package, packageSize, 0); p < packageSize;
@@ -81,23 +84,34 @@ int GetUfsFwFromFwBin(const UfsFwHeader& device, const uint8_t* package, int32_t
         const auto& entry = *reinterpret_cast<const UfsFwHeader*>(package + p);
         const uint32_t ufsCurrentFwSize = ReadBigEndian32(entry.ufsFwSize);
         fwNum++;
-        ffu_print("%s,line=%d: ufs fw find, fwNum=%d, fwSize=0x%x\n", __func__, 316, fwNum,
+        ffu_print("%s,line=%d: ufs fw find, fwNum=%d, fwSize=0x%x\n", GET_UFS_FW, 316, fwNum,
                   ufsCurrentFwSize);
         if (!UfsEntryMatches(device, entry) ||
             !BodyFits(packageSize, p, sizeof(entry), ufsCurrentFwSize)) {
-            ffu_print("%s,line=%d: firmware not match\n", __func__, 326);
+            ffu_print("%s,line=%d: firmware not match\n", GET_UFS_FW, 326);
             continue;
         }
         const auto ufsCurrentFwOffset = static_cast<uint32_t>(p + sizeof(entry));
-        ffu_print("%s,line=%d: ufsCurrentFwOffset=0x%x\n", __func__, 320, ufsCurrentFwOffset);
-        ffu_print("%s,line=%d: ufsCurrentFwSize=0x%x\n", __func__, 321, ufsCurrentFwSize);
-        ffu_print("%s,line=%d: firmware file match\n", __func__, 322);
-        const int verdict = FwVerCheck(device, entry);
-        ffu_print("%s,line=%d: Save fw body to file ...\n", __func__, 335);
-        const int saved =
-            SaveFwBodyToFile(package, ufsCurrentFwOffset, ufsCurrentFwSize, useDataDir);
-        return saved != 0 ? -1 : verdict;
+        ffu_print("%s,line=%d: ufsCurrentFwOffset=0x%x\n", GET_UFS_FW, 320, ufsCurrentFwOffset);
+        ffu_print("%s,line=%d: ufsCurrentFwSize=0x%x\n", GET_UFS_FW, 321, ufsCurrentFwSize);
+        ffu_print("%s,line=%d: firmware file match\n", GET_UFS_FW, 322);
+        selection = {ufsCurrentFwOffset, ufsCurrentFwSize, FwVerCheck(device, entry)};
+        return 0;
     }
-    ffu_print("%s,line=%d: firmware not match\n", __func__, 331);
+    ffu_print("%s,line=%d: firmware not match\n", GET_UFS_FW, 331);
     return -1;
+}
+
+int GetUfsFwFromFwBin(const UfsFwHeader& device, const uint8_t* package, int32_t size,
+                      int useDataDir) {
+    UfsSelection selection = {};
+    if (SelectUfsFw(device, package, size, selection) != 0) {
+        return -1;
+    }
+    ffu_print("%s,line=%d: Save fw body to file ...\n", GET_UFS_FW, 335);
+    if (SaveFwBodyToFile(package, selection.ufsCurrentFwOffset, selection.ufsCurrentFwSize,
+                         useDataDir) != 0) {
+        return -1;
+    }
+    return selection.verdict;
 }

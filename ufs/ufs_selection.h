@@ -16,8 +16,20 @@
 // on the console log.
 [[nodiscard]] int FwVerCheck(const UfsFwHeader& device, const UfsFwHeader& entry);
 
-// Looks through package (size bytes, borrowed) for the first entry that matches device, and saves
-// its body whatever its revision. Returns 0 when the entry is newer than the device and its body is
-// saved; -1 when there is no entry, the revision is equal or older, or the body was not saved.
+// The entry that was selected: its body's place in the package, and whether it is newer than the
+// device's firmware (FwVerCheck).
+struct UfsSelection {
+    uint32_t ufsCurrentFwOffset, ufsCurrentFwSize; // bytes
+    int verdict;                                   // 0 or -1
+};
+
+// Looks through package (size bytes, borrowed) for the first entry that matches device. Returns 0
+// with selection filled, -1 when there is none.
+[[nodiscard]] int SelectUfsFw(const UfsFwHeader& device, const uint8_t* package, int32_t size,
+                              UfsSelection& selection);
+
+// The same, and saves the entry's body whatever its revision. Returns 0 when the entry is newer
+// than the device and its body is saved; -1 when there is no entry, the revision is equal or older,
+// or the body was not saved.
 [[nodiscard]] int GetUfsFwFromFwBin(const UfsFwHeader& device, const uint8_t* package, int32_t size,
                                     int useDataDir);

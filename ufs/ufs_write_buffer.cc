@@ -8,6 +8,7 @@
 #include "run/log/ffu_print.h"
 #include "ufs/ufs_selection.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
 #include <malloc.h>
@@ -41,9 +42,9 @@ constexpr int RESPONSE_CATEGORY = -2;
 // The routine that the steps of a download speak for in their messages.
 constexpr char DOWNLOAD[] = "ufs_ffu_write_buffer";
 
-// Prints whose device it is. Returns the reset to ask for after a failed download, as SG_SCSI_RESET
-// numbers them, SG_SCSI_RESET_NOTHING for none.
-int ResetTypeFor(const uint8_t* ufsMid) {
+// Looks the manufacturer up and prints whose device it is. Returns the reset to ask for after a
+// failed download, as SG_SCSI_RESET numbers them, SG_SCSI_RESET_NOTHING for none.
+int LookUpManufacturer(const uint8_t* ufsMid) {
     const std::string_view mid(reinterpret_cast<const char*>(ufsMid), sizeof(UfsFwHeader::ufsMid));
     if (mid == "0x0001ad") {
         ffu_print("%s,line=%d: device: H****\n", DOWNLOAD, 250);
@@ -70,15 +71,19 @@ int ResetTypeFor(const uint8_t* ufsMid) {
     char errorText[256] = {};
     const int fd = open(fileName, O_RDONLY);
     if (fd < 0) {
+        const int openError = errno; // formatting may set another
         (void)snprintf_s(errorText, sizeof(errorText), sizeof(errorText) - 1,
                          "sg_write_buffer: could not open %s for reading", fileName);
+        errno = openError;
         perror(errorText);
         return -1;
     }
     const auto got = static_cast<int>(read(fd, buffer, TRANSFER_SIZE));
     if (got < 0) {
+        const int readError = errno;
         (void)snprintf_s(errorText, sizeof(errorText), sizeof(errorText) - 1,
                          "sg_write_buffer: couldn't read from %s", fileName);
+        errno = readError;
         perror(errorText);
         close(fd);
         return -1;
@@ -142,7 +147,7 @@ void scsi_reset(int deviceFd, int resetType) {
 }
 
 // Says why the device did not take the firmware, and resets its host where its maker wants that.
-void AfterFailure(int deviceFd, int status, int resetType) {
+void ReportRefusal(int deviceFd, int status, int resetType) {
     char category[80] = {};
     (void)sg_get_category_sense_str(status, sizeof(category), category, VERBOSITY);
     ffu_print("%s,line=%d: Write buffer failed: %s\n", DOWNLOAD, 424, category);
@@ -171,7 +176,7 @@ void AfterFailure(int deviceFd, int status, int resetType) {
         sg_ll_write_buffer_v2(deviceFd, MODE_DOWNLOAD_DEFER_ACTIVATE, 0, 0, 0, buffer.get(), length,
                               WRITE_BUFFER_TIMEOUT, true, VERBOSITY);
     if (status != 0) {
-        AfterFailure(deviceFd, status, resetType);
+        ReportRefusal(deviceFd, status, resetType);
     }
     ffu_print("%s,line=%d: UFS_FFU_WRITE_BUFFER_FIX_ARGUMENT done!\n", DOWNLOAD, 428);
     return status;
@@ -180,19 +185,19 @@ void AfterFailure(int deviceFd, int status, int resetType) {
 } // namespace
 
 int ufs_ffu_write_buffer(int useDataDir, const uint8_t* ufsMid) {
-    char deviceName[20];
-    char fileName[50];
+    char deviceName[20] = {};
+    char fileName[50] = {};
     (void)memset_s(deviceName, sizeof(deviceName), 0, sizeof(deviceName));
     (void)memset_s(fileName, sizeof(fileName), 0, sizeof(fileName));
     (void)strncpy_s(deviceName, sizeof(deviceName), UFS_BLOCK_NODE, sizeof(deviceName));
     (void)strncpy_s(fileName, sizeof(fileName), UfsFwBodyPath(useDataDir), sizeof(fileName));
 
-    const int resetType = ResetTypeFor(ufsMid);
+    const int resetType = LookUpManufacturer(ufsMid);
     ffu_print("%s,line=%d: UFS_FFU_WRITE_BUFFER_FIX_ARGUMENT begin to execute!\n", __func__, 288);
     const int deviceFd = sg_cmds_open_device(deviceName, false, VERBOSITY);
     if (deviceFd < 0) {
-        ffu_print("%s,line=%d: sg_write_buffer: open error: %s: %s\n", __func__, 313, deviceName,
-                  safe_strerror(-deviceFd));
+        ffu_print("%s,line=%d: sg_write_buffer: open error: %s: %s\n", __func__, 313,
+                  UFS_BLOCK_NODE, safe_strerror(-deviceFd));
         return SG_LIB_FILE_ERROR;
     }
     const int status = Download(deviceFd, fileName, resetType);

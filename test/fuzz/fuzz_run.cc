@@ -2,7 +2,8 @@
 // first byte chooses; then stand, each behind its length, the nodes and the record; the rest is the
 // package.
 #include "fuzz_phone.h"
-#include "run/run_values.h"
+#include "run/result_record.h"
+#include "run/state_flags.h"
 #include "run/update_run.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {

@@ -11,14 +11,12 @@ using Bytes = std::vector<uint8_t>;
 
 static void PreCheck(const std::string& pnm, const Bytes& package) {
     for (const char type : {DEVICE_EMMC, DEVICE_UFS}) {
-        const DeviceInfo device = {type, {}, "FW000001"};
-        uint8_t legalBaseRev[BASE_REVS_SIZE];
-        char fwFileRev[REV_SIZE + 1] = {};
-        const auto getRev = type == DEVICE_EMMC ? GetEmmcRev : GetUfsRev;
-        if (getRev(package.data(), package.size(), pnm.c_str(), fwFileRev, legalBaseRev) == 0) {
-            (void)!IsSameRev(device.localFwRev, fwFileRev);
-            (void)!CheckBaseRev(device, legalBaseRev);
-        }
+        DeviceInfo device = {type, {}, "FW000001"};
+        pnm.copy(device.pnm, PNM_SIZE);
+        PackageRevs revs = {};
+        const int parsed = FindRevs(device, package.data(), package.size(), revs);
+        Require(parsed != 0 || revs.entry < package.size(), "the entry lies inside");
+        (void)!CheckFwBin(device, parsed, revs);
     }
 }
 

@@ -1,0 +1,369 @@
+// Asks the phone's own routines, in the order of a run, what they make of a package. Nothing is
+// decided here: what is told below are the answers of those routines and what follows from them.
+#include "fwlab/decision.h"
+
+#include "emmc/emmc_command.h"
+#include "emmc/emmc_update.h"
+#include "run/package_check.h"
+#include "run/step.h"
+#include "ufs/ufs_identity.h"
+#include "ufs/ufs_selection.h"
+#include "ufs/ufs_write_buffer.h"
+
+#include <algorithm>
+#include <cstring>
+#include <fmt/format.h>
+
+namespace {
+
+constexpr char EMPTY_BODY[] = "its body is empty: the device is sent nothing";
+constexpr char LARGE_EMMC_BODY[] = "the body is larger than 1 MiB: only GKI mode takes it";
+constexpr char LARGE_UFS_BODY[] =
+    "the body is larger than 8 MiB: the device is sent its beginning only";
+constexpr char UNREADABLE_RECORD[] = "it cannot be read back, the run stops";
+constexpr char UNREADABLE_REVISION[] =
+    "a revision with a line feed: the phone cannot read the record of the attempt back";
+constexpr char EXT_CSD_REV_5_1 = 8;                     // JEDEC, the last one
+constexpr size_t LINUX_UFS_TRANSFER_SIZE = 1024 * 1024; // ufshcd, since 5.19
+
+template <class Header> Header HeaderOf(const Identity& identity) {
+    Header header;
+    memcpy(&header, identity.header.data(), sizeof(header));
+    return header;
+}
+
+const Entry* EntryAt(const Package& package, size_t offset) {
+    const auto found = std::find_if(package.entries.begin(), package.entries.end(),
+                                    [&](const Entry& entry) { return entry.offset == offset; });
+    return found == package.entries.end() ? nullptr : &*found;
+}
+
+DeviceInfo InfoOf(const Identity& identity) {
+    DeviceInfo info = {};
+    info.type = identity.layout == &UFS ? DEVICE_UFS : DEVICE_EMMC;
+    Get(identity, identity.layout->name).copy(info.pnm, PNM_SIZE);
+    Get(identity, identity.layout->revision).copy(info.localFwRev, REV_SIZE);
+    return info;
+}
+
+// The device as the UFS update sees it.
+UfsFwHeader UfsDevice(const Identity& identity) {
+    auto device = HeaderOf<UfsFwHeader>(identity);
+    UpdateProductName(device);
+    return device;
+}
+
+// Without what the update takes for blanks at the end.
+std::string Trimmed(std::string name) {
+    name.resize(name.find_last_not_of(std::string(" \r\n\0", 4)) + 1);
+    return name;
+}
+
+std::string InCapitals(std::string name) {
+    std::transform(name.begin(), name.end(), name.begin(),
+                   [](unsigned char c) { return static_cast<char>(toupper(c)); });
+    return name;
+}
+
+// Why no entry has the device's product name, with the nearest one.
+std::string WhyNoName(const Package& package, const Identity& device) {
+    const Field& field = device.layout->name;
+    const std::string name = Get(device, field);
+    const std::string why = "no entry has the product name " + Quoted(name);
+    for (const Entry& entry : package.entries) {
+        const std::string other = Get(entry.identity, field);
+        if (other == name) {
+            return fmt::format("{} that a reader takes: {} has no body inside the package", why,
+                               Title(entry));
+        }
+        if (InCapitals(Trimmed(other)) == InCapitals(Trimmed(name))) {
+            return fmt::format("{}: that of {} is {}, which differs in blanks, zero bytes or case",
+                               why, Title(entry), Quoted(other));
+        }
+    }
+    const Layout& otherLayout = device.layout == &UFS ? EMMC : UFS;
+    const bool isOther =
+        package.entries.empty() &&
+        !LookInto(package.path, package.bytes, package.size, &otherLayout).entries.empty();
+    return isOther ? fmt::format("{}: the package holds {} entries", why, otherLayout.title) : why;
+}
+
+Step PreCheck(const Package& package, const Identity& device, PackageRevs& revs) {
+    (void)TakePhoneMessages();
+    const DeviceInfo info = InfoOf(device);
+    const int parsed = package.size == 0 ? ENTRY_NOT_FOUND
+                                         : FindRevs(info, package.bytes.get(), package.size, revs);
+    const int verdict = CheckFwBin(info, parsed, revs);
+    const Entry* entry = parsed == 0 ? EntryAt(package, revs.entry) : nullptr;
+    const std::string reason = entry == nullptr ? WhyNoName(package, device)
+                               : verdict == STEP_DONE
+                                   ? "its revision is another, to be applied from the one that runs"
+                               : IsSameRev(info.localFwRev, revs.fwFileRev)
+                                   ? "its revision begins like the one that runs: taken for equal"
+                                   : "the revision that runs is none of its base revisions";
+    return {"pre-check", verdict == STEP_DONE, entry, reason, TakePhoneMessages()};
+}
+
+// Where entry and device, of one product name, differ.
+std::string Difference(const Entry& entry, const Identity& device) {
+    for (const Field& field : {device.layout->manufacturer, device.layout->extCsdRev}) {
+        const std::string here = Get(device, field), there = Get(entry.identity, field);
+        if (here != there) {
+            return fmt::format(
+                "{} has {} {}, the device {}", Title(entry), field.key,
+                field.size == 1 ? fmt::format("{}", static_cast<uint8_t>(there[0])) : Quoted(there),
+                field.size == 1 ? fmt::format("{}", static_cast<uint8_t>(here[0])) : Quoted(here));
+        }
+    }
+    const auto* name = reinterpret_cast<const char*>(UfsDevice(device).ufsPnm);
+    return fmt::format("the update knows the device as {}, which no entry names",
+                       Quoted(std::string(name, strnlen(name, UFS.name.size))));
+}
+
+// seen is the pre-check's entry.
+Step UpdateEmmc(const Package& package, const Device& device, const Entry& seen) {
+    const auto header = HeaderOf<EmmcFwHeader>(device.identity);
+    const uint8_t* body = nullptr;
+    uint32_t bodySize = 0;
+    const int status = EmmcFwhdrCheck(header, package.bytes.get(),
+                                      static_cast<int32_t>(package.size), body, bodySize);
+    Step step = {"update", false, nullptr, "", TakePhoneMessages()};
+    if (body == nullptr) {
+        step.reason = Difference(seen, device.identity);
+        return step;
+    }
+    step.entry = EntryAt(package, static_cast<size_t>(body - package.bytes.get()) - sizeof(header));
+    const bool isTooLarge = !device.gki && !FitsOneDownload(bodySize);
+    step.reason = status != 0               ? "its revision is the one that runs"
+                  : !HasFfu(header.emmcRev) ? "the device is older than eMMC 5.0"
+                  : isTooLarge              ? LARGE_EMMC_BODY
+                  : bodySize == 0           ? EMPTY_BODY
+                                            : "";
+    step.goesOn = step.reason.empty();
+    return step;
+}
+
+Step UpdateUfs(const Package& package, const Device& device, const Entry& seen) {
+    const UfsFwHeader header = UfsDevice(device.identity);
+    UfsSelection selection = {};
+    const int status =
+        SelectUfsFw(header, package.bytes.get(), static_cast<int32_t>(package.size), selection);
+    Step step = {"update", false, nullptr, "", TakePhoneMessages()};
+    if (status != 0) {
+        step.reason = Difference(seen, device.identity);
+        return step;
+    }
+    step.entry = EntryAt(package, selection.ufsCurrentFwOffset - sizeof(header));
+    const uint32_t size = selection.ufsCurrentFwSize;
+    const bool isRefused = device.maxHwSectorsKb > 0 && size > device.maxHwSectorsKb * 1024;
+    step.reason = selection.verdict != 0 ? "its revision is not newer than the one that runs"
+                  : isRefused ? fmt::format("its body is larger than the {} KiB that the "
+                                            "phone's host takes in one request",
+                                            device.maxHwSectorsKb)
+                  : size > TRANSFER_SIZE ? LARGE_UFS_BODY
+                  : size == 0            ? EMPTY_BODY
+                                         : "";
+    step.goesOn = step.reason.empty();
+    return step;
+}
+
+// Whether the update goes by another product name than the device's own.
+bool IsRenamed(const Identity& device) {
+    return device.layout == &UFS &&
+           memcmp(UfsDevice(device).ufsPnm, Get(device, UFS.name).data(), UFS.name.size) != 0;
+}
+
+// Whether the entry names this very device, by the name that the update goes by.
+bool Names(const Entry& entry, const Identity& device) {
+    const Layout& layout = *device.layout;
+    const auto same = [&](const Field& field) {
+        return Get(entry.identity, field) == Get(device, field);
+    };
+    const auto* name = reinterpret_cast<const char*>(UfsDevice(device).ufsPnm);
+    return same(layout.manufacturer) && same(layout.extCsdRev) &&
+           (device.layout == &UFS
+                ? Trimmed(Get(entry.identity, layout.name)) == Trimmed({name, UFS.name.size})
+                : same(layout.name));
+}
+
+// Why a device that entry describes would not be sent exactly this entry; empty if it would.
+std::string WhyNotSent(const Package& package, const Entry& entry, const Device& device) {
+    const Field &revision = entry.identity.layout->revision, &name = entry.identity.layout->name;
+    const std::string own = Get(entry.identity, revision);
+    const Decision decision = Decide(package, device);
+    const Entry* seen = decision.PreCheck();
+    if (seen == nullptr) {
+        return decision.why;
+    }
+    if (Get(seen->identity, revision) != own) {
+        return fmt::format(
+            "{} comes first and has the same product name, so that the phone goes by "
+            "its revision: give each a package of its own",
+            Title(*seen));
+    }
+    if (decision.verdict == Verdict::NOTHING) {
+        return fmt::format("the pre-check takes {}: {}", Title(*seen), decision.why);
+    }
+    const Entry* sent = decision.sent;
+    const bool isMeant = sent == nullptr || sent == &entry ||
+                         (IsRenamed(device.identity) && Get(sent->identity, revision) == own);
+    if (!isMeant) {
+        return Get(sent->identity, name) == Get(entry.identity, name)
+                   ? fmt::format("{} comes first and is for the same devices", Title(*sent))
+                   : fmt::format("the update takes {}, as a blank in one product name agrees with "
+                                 "anything in the other: they cannot share a package",
+                                 Title(*sent));
+    }
+    return decision.verdict == Verdict::UPDATE ? "" : "uses up its attempt: " + decision.why;
+}
+
+} // namespace
+
+const char* NameOf(Verdict verdict) {
+    const char* const names[] = {"update",  "nothing-to-do", "attempted", "stops",
+                                 "used-up", "wrong-image",   "stuck"};
+    return names[static_cast<size_t>(verdict)];
+}
+
+Device DeviceOf(const Description& phone) {
+    Require(!phone.ufs || phone.revision.size() + 1 >= UFS_REV_SIZE, 1,
+            "the phone's revision is too short for a run");
+    const Layout& layout = phone.ufs ? UFS : EMMC;
+    const std::string mid(1, static_cast<char>(phone.cid[0]));
+    Identity identity = NewIdentity(layout);
+    Set(identity, layout.manufacturer, phone.ufs ? phone.manfid : mid);
+    Set(identity, layout.name, phone.productName);
+    Set(identity, layout.extCsdRev, std::string(1, static_cast<char>(phone.extCsdRev)));
+    Set(identity, layout.revision, phone.revision + (phone.ufs ? "\n" : ""));
+    return {identity, phone.gki, phone.maxHwSectorsKb};
+}
+
+std::optional<Texts> BaseRevisionsOf(const Identity& identity) {
+    const std::string slots = Get(identity, identity.layout->baseRevs);
+    const size_t size = identity.layout->revision.size;
+    if (slots == std::string(BASE_REVS_SIZE, '\xFF')) {
+        return {};
+    }
+    Texts revisions;
+    for (size_t slot = 0; slot < BASE_REVS_SIZE; slot += size) {
+        const std::string revision = slots.substr(slot, size);
+        if (revision[0] != '\0' && revision != std::string(size, '\xFF') &&
+            std::count(revisions.begin(), revisions.end(), revision) == 0) {
+            revisions.push_back(revision);
+        }
+    }
+    return revisions;
+}
+
+Decision Decide(const Package& package, const Device& device, const Record* record) {
+    PackageRevs revs = {};
+    Decision decision = {Verdict::NOTHING, "", {PreCheck(package, device.identity, revs)}, "",
+                         nullptr,          0};
+    const auto end = [&](Verdict verdict, const std::string& why) {
+        decision.verdict = verdict;
+        decision.why = why;
+        return decision;
+    };
+    const Entry* seen = decision.PreCheck();
+    if (!decision.steps.back().goesOn) {
+        return end(Verdict::NOTHING, decision.steps.back().reason);
+    }
+    const std::string target = revs.fwFileRev;
+    if (record != nullptr) {
+        const bool isAttempted = IsOnRecord(*record, target);
+        const std::string last = fmt::format("the last attempt was from {} to {}",
+                                             Quoted(record->base), Quoted(record->target));
+        decision.steps.push_back({"record", record->isReadable && !isAttempted, nullptr,
+                                  record->isReadable ? last : UNREADABLE_RECORD, record->messages});
+        if (!decision.steps.back().goesOn) {
+            return end(isAttempted ? Verdict::ATTEMPTED : Verdict::STOPS,
+                       decision.steps.back().reason);
+        }
+    }
+    decision.recorded = target;
+    const bool isUfs = device.identity.layout == &UFS;
+    (void)TakePhoneMessages();
+    decision.steps.push_back((isUfs ? UpdateUfs : UpdateEmmc)(package, device, *seen));
+    const Step& update = decision.steps.back();
+    if (update.goesOn || update.reason == LARGE_UFS_BODY) {
+        decision.sent = update.entry;
+        decision.sentSize =
+            std::min<size_t>(update.entry->bodySize, isUfs ? TRANSFER_SIZE : PACKAGE_SIZE_MAX);
+    }
+    const Field& revision = device.identity.layout->revision;
+    const bool isSeen = update.entry == seen ||
+                        (update.entry != nullptr && Names(*update.entry, device.identity) &&
+                         Get(update.entry->identity, revision) == Get(seen->identity, revision));
+    if (decision.sent != nullptr && !isSeen) {
+        return end(Verdict::WRONG_IMAGE, fmt::format("the pre-check sees {}, the update takes {}",
+                                                     Title(*seen), Title(*update.entry)));
+    }
+    if (!update.goesOn) {
+        return end(Verdict::USED_UP, update.reason);
+    }
+    const DeviceInfo info = InfoOf(device.identity);
+    const std::string written = RecordText(info.pnm, info.localFwRev, target);
+    return ParseRecord(written).isReadable ? end(Verdict::UPDATE, "")
+                                           : end(Verdict::STUCK, UNREADABLE_REVISION);
+}
+
+Texts FindingsOf(const Package& package, const Entry& entry) {
+    const Layout& layout = *package.layout;
+    Texts findings;
+    const auto add = [&](bool isFound, const std::string& text) {
+        findings.insert(findings.end(), isFound ? 1 : 0, text);
+    };
+    add(!entry.bodyFits, "the body reaches past the end: every reader passes over the entry");
+    add(layout.extCsdRev.size > 0 && Get(entry.identity, layout.extCsdRev)[0] > EXT_CSD_REV_5_1,
+        "ext_csd_rev is none of an eMMC: 7 is eMMC 5.0, 8 is eMMC 5.1");
+    add(Trimmed(Get(entry.identity, layout.name)).empty(), "the product name is empty");
+    const std::string revision = Get(entry.identity, layout.revision);
+    add(revision[0] == '\0', "a revision that begins with a zero byte: once an attempt is on "
+                             "record, the phone takes it for attempted");
+    const uint8_t* body = package.bytes.get() + entry.body;
+    for (const Layout* inner : {&EMMC, &UFS}) {
+        add(entry.bodyFits && entry.bodySize >= inner->headerSize &&
+                memcmp(body, inner->magic, MAGIC_SIZE) == 0,
+            fmt::format("the body begins like an {} package: is it the image?", inner->title));
+    }
+    const auto base = BaseRevisionsOf(entry.identity);
+    add(base && base->empty(), "no device can have one of its base revisions");
+    if (!findings.empty()) {
+        return findings;
+    }
+    // From any: try one that is older than texts are, and not the entry's own.
+    const bool isTaken = revision == std::string(revision.size(), '\1');
+    const Texts any = {std::string(revision.size(), isTaken ? '\2' : '\1')};
+    for (const std::string& from : base.value_or(any)) {
+        Device device = {entry.identity, true, 0};
+        Set(device.identity, layout.revision, from);
+        const std::string why = WhyNotSent(package, entry, device);
+        add(!why.empty() && findings.empty(), (base ? "from " + Quoted(from) + ": " : "") + why);
+    }
+    return findings;
+}
+
+bool NeedsGkiMode(const Entry& entry) {
+    return entry.identity.layout == &EMMC && !FitsOneDownload(entry.bodySize);
+}
+
+Texts NotesOf(const Entry& entry) {
+    Texts notes;
+    const Layout& layout = *entry.identity.layout;
+    const std::string revision = Get(entry.identity, layout.revision), text = revision.c_str();
+    if (NeedsGkiMode(entry)) {
+        notes.emplace_back(LARGE_EMMC_BODY);
+    }
+    if (&layout == &UFS && entry.bodySize > LINUX_UFS_TRANSFER_SIZE) {
+        notes.emplace_back(
+            "the body is larger than the 1 MiB that Linux's UFS driver takes in one "
+            "request since 2022: /sys/block/sdc/queue/max_hw_sectors_kb on the phone "
+            "tells what it takes");
+    }
+    if (revision.find_last_not_of('\0') + 1 > text.size() && !text.empty()) {
+        notes.push_back(
+            "the revision has bytes behind a zero byte: the phone compares and records " +
+            Quoted(text) + " only");
+    }
+    return notes;
+}

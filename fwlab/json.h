@@ -1,0 +1,15 @@
+// Answers for programs. Every text is printable: bytes that are not stand as \n, \\ and \xHH.
+#pragma once
+
+#include "fwlab/decision.h"
+
+#include <nlohmann/json.hpp>
+
+using Json = nlohmann::ordered_json;
+
+// The fields of a header by their keys, manufacturer first; without its body.
+Json Describe(const Identity& identity);
+
+// "answer" (see NameOf), "why", the entries by their numbers (null for none), the revision that
+// goes on record and the number of bytes that the device is sent.
+Json Describe(const Decision& decision);

@@ -1,0 +1,48 @@
+#include "fwlab/output.h"
+
+#include "fwlab/package.h"
+#include "simphone/files.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace fs = std::filesystem;
+
+void WriteOutput(const std::string& path, const std::string& bytes) {
+    std::error_code error;
+    const fs::file_status there = fs::symlink_status(path, error);
+    Require(!fs::exists(there) || fs::is_regular_file(there), 2,
+            path + ": is there and no regular file");
+    std::string temporary = path + ".XXXXXX";
+    const int fd = mkostemp(temporary.data(), O_CLOEXEC);
+    Require(fd >= 0, 2, path + ": " + strerror(errno));
+    size_t done = 0;
+    ssize_t count = 1;
+    while (done < bytes.size() && count > 0) {
+        count = write(fd, bytes.data() + done, bytes.size() - done);
+        done += count > 0 ? static_cast<size_t>(count) : 0;
+    }
+    const mode_t mask = umask(0);
+    (void)umask(mask);
+    const bool isWritten = done == bytes.size() && fchmod(fd, 0666 & ~mask) == 0 && fsync(fd) == 0;
+    int reason = isWritten ? 0 : errno;
+    reason = close(fd) != 0 && reason == 0 ? errno : reason;
+    if (reason == 0 && rename(temporary.c_str(), path.c_str()) != 0) {
+        reason = errno;
+    }
+    if (reason != 0) {
+        unlink(temporary.c_str());
+        throw Stop{2, path + ": " + strerror(reason)};
+    }
+}
+
+void RequireOther(const std::string& path, const std::string& input) {
+    std::error_code error;
+    const bool isSame = fs::equivalent(path, input, error);
+    Require(!isSame || error, 2, path + ": is what the package is made from");
+}
