@@ -92,7 +92,7 @@ std::string UfsPhone(const Keys& overrides) {
     return Description(overrides, keys);
 }
 
-std::string With(std::string entry, Field field, const std::string& value) {
+std::string With(std::string entry, Place field, const std::string& value) {
     return entry.replace(field.offset, field.size, (value + std::string(16, '\0')), 0, field.size);
 }
 

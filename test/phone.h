@@ -36,20 +36,20 @@ std::string NormalPhone(const Keys& overrides = {});
 std::string UfsPhone(const Keys& overrides = {});
 
 // The bytes of package entries, put together from the format's offsets.
-struct Field {
+struct Place {
     size_t offset, size;
 };
-constexpr Field EMMC_MID_FIELD = {4, 1}, EMMC_PNM_FIELD = {5, 6}, EMMC_PRV_FIELD = {11, 1},
+constexpr Place EMMC_MID_FIELD = {4, 1}, EMMC_PNM_FIELD = {5, 6}, EMMC_PRV_FIELD = {11, 1},
                 EMMC_PSN_FIELD = {12, 4}, EMMC_REV_FIELD = {16, 1}, EMMC_FW_REV_FIELD = {17, 8},
                 EMMC_SIZE_FIELD = {25, 4}, EMMC_MARKET_FIELD = {29, 3}, EMMC_BASE_FIELD = {32, 16};
-constexpr Field UFS_MID_FIELD = {4, 8}, UFS_PNM_FIELD = {12, 16}, UFS_REV_FIELD = {28, 4},
+constexpr Place UFS_MID_FIELD = {4, 8}, UFS_PNM_FIELD = {12, 16}, UFS_REV_FIELD = {28, 4},
                 UFS_SIZE_FIELD = {32, 4}, UFS_BASE_FIELD = {48, 16};
 
 // An entry for the phones above: `rev` from any base revision, with `body`.
 std::string EmmcEntry(const std::string& rev = EMMC_NEW_REV, const std::string& body = "body");
 std::string UfsEntry(const std::string& rev = UFS_NEW_REV, const std::string& body = "body");
 // `entry` with another value in one field, zeros behind it.
-std::string With(std::string entry, Field field, const std::string& value);
+std::string With(std::string entry, Place field, const std::string& value);
 std::string BigEndian32(uint32_t number);
 // `size` bytes in which no two blocks are alike and no magic occurs.
 std::string Body(size_t size);
