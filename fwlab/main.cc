@@ -119,7 +119,8 @@ void AddOutcome(CLI::App& app, Arguments& args) {
 }
 
 int Run(int argc, char** argv) {
-    CLI::App app("Makes, inspects, matches and rehearses firmware packages");
+    CLI::App app("Makes, inspects, matches and rehearses firmware packages", "fwlab");
+    app.set_version_flag("--version", "fwlab " FFU_VERSION);
     app.require_subcommand(1);
     app.footer("Exit status: 0 fine, 1 the answer is no or there are findings, 2 wrong usage or "
                "input that cannot be read.");

@@ -70,8 +70,7 @@ void PrintPhone(const std::string& phone) {
 bool Run(const Texts& faults, const std::string& phone) {
     RunOptions options;
     options.faults = faults;
-    const fs::path tool = fs::read_symlink("/proc/self/exe").parent_path() / "ffu";
-    const RunResult run = RunTool(phone, tool, options);
+    const RunResult run = RunTool(phone, Companion("ffu"), options);
     Require(run.error.empty(), 2, run.error);
     PrintTimeLine(run);
     fmt::print("\nThe run ended with {} {}{}.\n", run.signal != 0 ? "signal" : "exit status",

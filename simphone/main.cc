@@ -31,9 +31,12 @@ static int Run(const std::string& directory, const std::string& tool, const RunO
 // An exception ends the command with its text, as it should.
 // NOLINTNEXTLINE(bugprone-exception-escape)
 int main(int argc, char** argv) {
-    CLI::App app("A phone that is a directory: its nodes, its storage device, its faults");
+    CLI::App app("A phone that is a directory: its nodes, its storage device, its faults",
+                 "simphone");
+    app.set_version_flag("--version", "simphone " FFU_VERSION);
     app.require_subcommand(1);
-    std::string description, directory, package, tool, launcher, error, text;
+    std::string description, directory, package, launcher, error, text;
+    std::string tool = Companion("ffu");
     RunOptions options;
 
     CLI::App* make = app.add_subcommand("make", "Make a phone after a description");
@@ -43,7 +46,7 @@ int main(int argc, char** argv) {
 
     CLI::App* run = app.add_subcommand("run", "Run an unmodified tool on a phone");
     run->add_option("DIR", directory, "the phone")->required();
-    run->add_option("TOOL", tool, "the program")->required();
+    run->add_option("TOOL", tool, "the program, if not the ffu that comes with simphone");
     run->add_option("--fault", options.faults, "a call that fails (see emmc.toml)")->type_size(1);
     run->add_option("--launcher", launcher, "a program that starts the tool: \"qemu-aarch64\"");
     run->add_option("--library", options.libsimphone, "libsimphone.so, if not beside TOOL");

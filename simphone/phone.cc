@@ -211,11 +211,17 @@ static void ReadLogs(const std::string& directory, RunResult& result) {
     (void)ReadWholeFile(directory + "/errors.log", result.errors);
 }
 
+std::string Companion(const std::string& name) {
+    std::error_code status;
+    const fs::path folder = fs::read_symlink("/proc/self/exe", status).parent_path();
+    const fs::path installed = folder.parent_path() / "libexec/ffu" / name;
+    return fs::exists(folder / name, status) ? folder / name : installed;
+}
+
 static std::string Library(const std::string& tool, const std::string& given) {
     std::error_code status;
-    const fs::path own = fs::read_symlink("/proc/self/exe", status);
     for (const fs::path& place : {fs::path(given), fs::path(tool).parent_path() / "libsimphone.so",
-                                  own.parent_path() / "libsimphone.so"}) {
+                                  fs::path(Companion("libsimphone.so"))}) {
         if (fs::is_regular_file(place, status)) {
             return fs::absolute(place);
         }

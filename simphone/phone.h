@@ -40,7 +40,7 @@ struct RunOptions {
     // Words before the tool, such as {"qemu-aarch64"}; the launcher must take `-E NAME=VALUE` for
     // the environment of what it starts, as qemu's user emulation and strace do.
     std::vector<std::string> launcher;
-    std::string libsimphone; // its path; empty: beside the tool, else beside this program
+    std::string libsimphone; // its path; empty: beside the tool, else this program's companion
     unsigned secondsLimit = 60;
 };
 
@@ -65,6 +65,10 @@ struct RunResult {
 // Copies a firmware package to the place where the phone's technology has it.
 [[nodiscard]] bool PutPackage(const std::string& packageFile, const std::string& directory,
                               std::string& error);
+
+// The path of a file that comes with this program: beside it, where a build leaves it, else in
+// ../libexec/ffu from there, where an installation has it (whether it is there or not).
+std::string Companion(const std::string& name);
 
 // Runs an unmodified tool on the phone until it ends. Its output is kept in console.log and
 // errors.log of the phone's directory, beside calls.log, system.log (these start afresh) and
