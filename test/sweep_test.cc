@@ -290,6 +290,11 @@ protected:
         }
     }
 
+    void ExpectMet(const RunResult& run, const std::string& fault) {
+        const Texts& unmet = run.unmetFaults;
+        EXPECT_EQ(std::find(unmet.begin(), unmet.end(), fault), unmet.end());
+    }
+
     // A run to its end, on a phone with these state files.
     RunResult RunToEnd(const Scenario& scenario, const std::string& fault, const Files& before) {
         const RunResult run = Run({fault, scenario.deviceFault}); // a call meets the first
@@ -302,6 +307,7 @@ protected:
     void CheckFailingCall(const Job& job) {
         const Scenario& scenario = *job.scenario;
         const RunResult run = RunToEnd(scenario, job.fault, scenario.files);
+        ExpectMet(run, job.fault);
         if (HasFailed(*job.call)) {
             return; // as it did without the fault
         }
@@ -325,6 +331,7 @@ protected:
         const std::string old = Get(STATE + "/" + RECORD);
         const RunResult cut = RunAnyhow({job.fault, scenario.deviceFault});
         EXPECT_EQ(cut.signal, SIGKILL);
+        ExpectMet(cut, job.fault);
         const Files left = State();
         CheckRecord(scenario, cut, scenario.files, left);
         EXPECT_FALSE(left.count(BEGIN) && left.count(END));
