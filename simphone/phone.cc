@@ -7,11 +7,13 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
+#include <map>
 #include <sstream>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -339,4 +341,37 @@ RunResult RunTool(const std::string& directory, const std::string& tool,
                  });
     LoseUnsynced(directory, before, met, result);
     return result;
+}
+
+static void AddLines(const char* source, const std::string& text,
+                     std::vector<TimeLineEntry>& entries) {
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        entries.push_back({source, Escaped(line)});
+    }
+}
+
+std::vector<TimeLineEntry> TimeLine(const RunResult& run) {
+    struct Event {
+        long long consoleBytes; // before it
+        const char* source;
+        std::string text;
+    };
+    std::map<long, Event> events; // by the number of the call that it was
+    for (const SystemLogEntry& log : run.systemLog) {
+        events[log.number] = {log.consoleBytes, "log", log.text};
+    }
+    for (const DeviceRequest& request : run.requests) {
+        events[request.number] = {request.consoleBytes, "device", request.text};
+    }
+    events[LONG_MAX] = {static_cast<long long>(run.console.size()), "", ""};
+    std::vector<TimeLineEntry> entries;
+    size_t printed = 0;
+    for (const auto& [number, event] : events) {
+        const auto before = static_cast<size_t>(event.consoleBytes);
+        AddLines("console", run.console.substr(printed, before - printed), entries);
+        printed = before;
+        AddLines(event.source, event.text, entries);
+    }
+    return entries;
 }

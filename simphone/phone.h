@@ -37,7 +37,7 @@ struct DeviceRequest {
 };
 
 struct RunOptions {
-    std::vector<std::string> faults; // besides those of phone.toml; the same syntax
+    std::vector<std::string> faults; // before those of phone.toml; the same syntax
     // Words before the tool, such as {"qemu-aarch64"}; the launcher must take `-E NAME=VALUE` for
     // the environment of what it starts, as qemu's user emulation and strace do.
     std::vector<std::string> launcher;
@@ -76,6 +76,14 @@ struct RunResult {
 // (which grows, one line "run" before each run).
 [[nodiscard]] RunResult RunTool(const std::string& directory, const std::string& tool,
                                 const RunOptions& options);
+
+// Both logs and the device's requests, in the order in which they came: "log", "console" or
+// "device", and one line, printable.
+struct TimeLineEntry {
+    const char* source;
+    std::string text;
+};
+[[nodiscard]] std::vector<TimeLineEntry> TimeLine(const RunResult& run);
 
 // Restarts the phone: a firmware that is pending becomes the running one, what was downloaded but
 // not installed is lost, and nothing below data/ changes.

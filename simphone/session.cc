@@ -196,10 +196,12 @@ int simphone_attach(const char* directory, const char* faults) {
     std::string error;
     bool ready = ReadDescription(std::string(directory) + "/phone.toml", run->phone, error);
     std::istringstream lines(faults ? faults : "");
+    std::vector<Fault> first; // before those of the description
     for (std::string line; ready && std::getline(lines, line);) {
-        run->phone.faults.emplace_back();
-        ready = line.empty() || ParseFault(line, run->phone.faults.back(), error);
+        first.emplace_back();
+        ready = line.empty() || ParseFault(line, first.back(), error);
     }
+    run->phone.faults.insert(run->phone.faults.begin(), first.begin(), first.end());
     char* resolved = realpath(directory, nullptr);
     if (!ready || !resolved) {
         fprintf(stderr, "simphone: %s\n", ready ? strerror(errno) : error.c_str());
