@@ -73,6 +73,8 @@ bool Run(const Texts& faults, const std::string& phone) {
     const RunResult run = RunTool(phone, Companion("ffu"), options);
     Require(run.error.empty(), 2, run.error);
     PrintTimeLine(run);
+    Require(run.unmetFaults.empty(), 2,
+            fmt::format("no call of the run met: {}", fmt::join(run.unmetFaults, "; ")));
     fmt::print("\nThe run ended with {} {}{}.\n", run.signal != 0 ? "signal" : "exit status",
                run.signal != 0 ? run.signal : run.exitStatus,
                run.timedOut ? ": it took too long" : "");

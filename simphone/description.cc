@@ -2,8 +2,10 @@
 // refused before a run; nothing is written.
 #include "description.h"
 
+#include "files.h"
 #include "keys.h"
 
+#include <algorithm>
 #include <charconv>
 #include <climits>
 #include <cstring>
@@ -89,10 +91,49 @@ static bool ParseRange(const std::string& word, Fault& fault) {
            (Number(word.substr(dash + 1), fault.last) && fault.last >= fault.first);
 }
 
+static const char* const kLossWords[] = {"lost", "empty", "gone"}; // in the order of Loss
+
+// One word, such as "lost=fw_result,ffu.bgn"; a file has one fate.
+static bool ParseLosses(const std::string& word, Losses& losses) {
+    const size_t equals = word.find('=');
+    const auto found =
+        std::find(std::begin(kLossWords), std::end(kLossWords), word.substr(0, equals));
+    if (equals == std::string::npos || found == std::end(kLossWords)) {
+        return false;
+    }
+    std::istringstream names(word.substr(equals + 1));
+    bool right = names.peek() != EOF && word.back() != ',';
+    for (std::string name; right && std::getline(names, name, ',');) {
+        right = !name.empty() && name.find('/') == std::string::npos &&
+                losses.emplace(name, static_cast<Loss>(found - kLossWords)).second;
+    }
+    return right;
+}
+
+std::string LossText(const Losses& losses) {
+    std::string text;
+    for (const Loss loss : {Loss::kLost, Loss::kEmpty, Loss::kGone}) {
+        std::string names;
+        for (const auto& [name, fate] : losses) {
+            names += fate != loss ? "" : (names.empty() ? "" : ",") + name;
+        }
+        if (!names.empty()) {
+            text +=
+                (text.empty() ? "" : " ") + (kLossWords[static_cast<size_t>(loss)] + ("=" + names));
+        }
+    }
+    return text;
+}
+
 bool ParseFault(const std::string& text, Fault& fault, std::string& error) {
     std::istringstream stream(text);
-    std::string word, rest;
+    std::string word;
     fault = {};
+    fault.text = text;
+    if (text.find('\n') != std::string::npos) { // one a line, on their way to the library
+        error = "fault \"" + Escaped(text) + "\": has a line feed";
+        return false;
+    }
     fault.first = 1;
     fault.last = LONG_MAX;
     stream >> fault.call;
@@ -114,9 +155,16 @@ bool ParseFault(const std::string& text, Fault& fault, std::string& error) {
         word.clear();
         stream >> word;
     }
-    if (!ParseEffect(word, fault) || !CanHave(fault.call, fault.effect) || stream >> rest) {
-        error = "fault \"" + text + "\": not an effect that the call can have: " + word + rest;
+    if (!ParseEffect(word, fault) || !CanHave(fault.call, fault.effect)) {
+        error = "fault \"" + text + "\": not an effect that the call can have: " + word;
         return false;
+    }
+    while (stream >> word) {
+        if (fault.effect < Fault::kTorn || !ParseLosses(word, fault.losses)) {
+            error = "fault \"" + text + "\": not what a power cut can do: ";
+            error += word;
+            return false;
+        }
     }
     return true;
 }

@@ -5,18 +5,28 @@
 
 #include <cstdint>
 #include <ctime>
+#include <map>
 #include <string>
 #include <vector>
 
-// A call that fails. `seen` counts the matching calls of the run.
+// What becomes of a file of /data/vendor/fw in a power cut, where not all survives that was done to
+// it: what was not synced is lost; or it is there without a byte; or it is gone, as its removal
+// survives and its new making does not.
+enum class Loss { kLost, kEmpty, kGone };
+using Losses = std::map<std::string, Loss>; // by name; "." is the directory
+
+// A call that fails. `seen` counts the matching calls of the run; `met` once it had its effect.
 struct Fault {
     enum Effect { kErrno, kNull, kReturns, kShort, kTorn, kEnd, kEndAfter };
     std::string call; // a function, a device request, or "any"
     std::string path; // empty: on any path
     long first, last; // numbers among the matching calls, from 1
     Effect effect;
-    long value; // the error number, the count of bytes or the result
+    long value;    // the error number, the count of bytes or the result
+    Losses losses; // of a power cut
+    std::string text;
     long seen;
+    bool met;
 };
 
 // How the UFS device answers a WRITE BUFFER that is in order.
@@ -45,6 +55,9 @@ struct Description {
 [[nodiscard]] bool ReadDescription(const std::string& file, Description& description,
                                    std::string& error);
 [[nodiscard]] bool ParseFault(const std::string& text, Fault& fault, std::string& error);
+
+// The words of a fault, such as "lost=fw_result,ffu.bgn empty=ffu.ok".
+std::string LossText(const Losses& losses);
 
 // True if the call can have the effect; `any` can have every one.
 [[nodiscard]] bool CanHave(const std::string& call, Fault::Effect effect);

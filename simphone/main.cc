@@ -1,6 +1,6 @@
 // The simphone command: makes a simulated phone, runs the tool on it, restarts it and shows it.
 // Started by hand and by the demo; exit status 0 fine, 2 an error, and for `run` the tool's own
-// (128 + n for a signal).
+// (128 + n for a signal), unless a fault of the command line was never met.
 #include "phone.h"
 
 #include <CLI/CLI.hpp>
@@ -24,6 +24,12 @@ static int Run(const std::string& directory, const std::string& tool, const RunO
         std::cerr << "simphone: " << tool << " did not end in time\n";
     } else if (result.signal) {
         std::cerr << "simphone: " << tool << " was ended by signal " << result.signal << "\n";
+    }
+    for (const std::string& fault : result.unmetFaults) {
+        std::cerr << "simphone: fault \"" << Escaped(fault) << "\": no call of the run met it\n";
+    }
+    if (!result.unmetFaults.empty()) {
+        return 2;
     }
     return result.signal ? 128 + result.signal : result.exitStatus;
 }

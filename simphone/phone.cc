@@ -3,14 +3,17 @@
 #include "phone.h"
 
 #include "description.h"
+#include "power_loss.h"
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
+#include <map>
 #include <sstream>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -186,7 +189,11 @@ static void ReadLogs(const std::string& directory, RunResult& result) {
         while (words >> word && word != "=") {
             call.arguments += (call.arguments.empty() ? "" : " ") + word;
         }
-        words >> call.result >> call.error;
+        words >> call.result;
+        while (words >> word) {
+            call.replaced = call.replaced || word == "fault";
+            call.error = word == "fault" ? call.error : word;
+        }
         result.calls.push_back(call);
     }
     for (const std::string& line : Lines(directory + "/system.log")) {
@@ -257,20 +264,53 @@ static std::string Library(const std::string& tool, const std::string& given) {
     _exit(127);
 }
 
+// The texts of the faults that the run met, in order. A power cut's is the last one.
+static std::vector<std::string> MetFaults(const std::string& directory) {
+    std::vector<std::string> faults;
+    for (const std::string& line : Lines(directory + "/faults.log")) {
+        faults.push_back(line.substr(line.find(' ') + 1)); // behind the call's number
+    }
+    return faults;
+}
+
+// After a power cut: takes from the state directory what its fault says.
+static void LoseUnsynced(const std::string& directory, const StateDirectory& before,
+                         const std::vector<std::string>& met, RunResult& result) {
+    Fault cut;
+    std::string error;
+    if (result.signal != SIGKILL || met.empty() || !ParseFault(met.back(), cut, error) ||
+        cut.losses.empty()) {
+        return;
+    }
+    StateDirectory left;
+    if (!Lose(before, ReadStateDirectory(directory), result.calls, cut.losses, left, error)) {
+        result.error = "fault \"" + cut.text + "\": " + error;
+    } else if (!WriteStateDirectory(directory, left)) {
+        result.error = directory + ": the state after the power cut: " + strerror(errno);
+    }
+}
+
+// Checks the faults of a run and puts them together for the library, one a line.
+static bool JoinFaults(const std::vector<std::string>& texts, std::string& faults,
+                       std::string& error) {
+    for (const std::string& text : texts) {
+        Fault fault;
+        if (!ParseFault(text, fault, error)) {
+            return false;
+        }
+        faults += text + "\n";
+    }
+    return true;
+}
+
 RunResult RunTool(const std::string& directory, const std::string& tool,
                   const RunOptions& options) {
     RunResult result = {};
     Description phone;
     std::string faults;
-    if (!ReadDescription(directory + "/phone.toml", phone, result.error)) {
+    if (!ReadDescription(directory + "/phone.toml", phone, result.error) ||
+        !JoinFaults(options.faults, faults, result.error)) {
         return result;
-    }
-    for (const std::string& text : options.faults) {
-        Fault fault;
-        if (!ParseFault(text, fault, result.error)) {
-            return result;
-        }
-        faults += text + "\n";
     }
     const std::string library = Library(tool, options.libsimphone);
     if (library.empty() || access(tool.c_str(), X_OK) != 0) {
@@ -283,10 +323,11 @@ RunResult RunTool(const std::string& directory, const std::string& tool,
         words.insert(words.end(), {"-E", "LD_PRELOAD=" + library});
     }
     words.push_back(fs::absolute(tool));
-    for (const char* log : {"/calls.log", "/system.log"}) {
+    for (const char* log : {"/calls.log", "/system.log", "/faults.log"}) {
         (void)WriteWholeFile(directory + log, "",
                              0); // nothing of the run before, even if this fails
     }
+    const StateDirectory before = ReadStateDirectory(directory);
     const pid_t child = fork();
     if (child == 0) {
         Start(directory, faults, library, options, words);
@@ -299,5 +340,44 @@ RunResult RunTool(const std::string& directory, const std::string& tool,
     result.signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
     result.timedOut = result.signal == SIGALRM;
     ReadLogs(directory, result);
+    const std::vector<std::string> met = MetFaults(directory);
+    std::copy_if(options.faults.begin(), options.faults.end(),
+                 std::back_inserter(result.unmetFaults), [&](const std::string& text) {
+                     return std::find(met.begin(), met.end(), text) == met.end();
+                 });
+    LoseUnsynced(directory, before, met, result);
     return result;
+}
+
+static void AddLines(const char* source, const std::string& text,
+                     std::vector<TimeLineEntry>& entries) {
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        entries.push_back({source, Escaped(line)});
+    }
+}
+
+std::vector<TimeLineEntry> TimeLine(const RunResult& run) {
+    struct Event {
+        long long consoleBytes; // before it
+        const char* source;
+        std::string text;
+    };
+    std::map<long, Event> events; // by the number of the call that it was
+    for (const SystemLogEntry& log : run.systemLog) {
+        events[log.number] = {log.consoleBytes, "log", log.text};
+    }
+    for (const DeviceRequest& request : run.requests) {
+        events[request.number] = {request.consoleBytes, "device", request.text};
+    }
+    events[LONG_MAX] = {static_cast<long long>(run.console.size()), "", ""};
+    std::vector<TimeLineEntry> entries;
+    size_t printed = 0;
+    for (const auto& [number, event] : events) {
+        const auto before = static_cast<size_t>(event.consoleBytes);
+        AddLines("console", run.console.substr(printed, before - printed), entries);
+        printed = before;
+        AddLines(event.source, event.text, entries);
+    }
+    return entries;
 }

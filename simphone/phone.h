@@ -16,6 +16,7 @@ struct CallEntry {
     std::string arguments; // "fd=3 count=512"; "pointer=0x..." for free and munmap
     std::string result;    // decimal, or 0x... for a pointer
     std::string error;     // "ENOENT" where the call failed, else empty
+    bool replaced;         // by a fault: nothing was done
 };
 
 // One message to the system log.
@@ -36,7 +37,7 @@ struct DeviceRequest {
 };
 
 struct RunOptions {
-    std::vector<std::string> faults; // besides those of phone.toml; the same syntax
+    std::vector<std::string> faults; // before those of phone.toml; the same syntax
     // Words before the tool, such as {"qemu-aarch64"}; the launcher must take `-E NAME=VALUE` for
     // the environment of what it starts, as qemu's user emulation and strace do.
     std::vector<std::string> launcher;
@@ -45,15 +46,18 @@ struct RunOptions {
 };
 
 struct RunResult {
-    std::string error; // why the tool could not be started; empty if it ran
-    int exitStatus;    // -1 when a signal ended it
-    int signal;        // 0 when it ended by itself; 9 for a power cut
-    bool timedOut;     // ended because secondsLimit had passed
+    // Why the tool could not be started, or why a power cut cannot have left what its fault says;
+    // empty if it ran.
+    std::string error;
+    int exitStatus; // -1 when a signal ended it
+    int signal;     // 0 when it ended by itself; 9 for a power cut
+    bool timedOut;  // ended because secondsLimit had passed
     std::string console;
     std::string errors; // its standard error
     std::vector<SystemLogEntry> systemLog;
     std::vector<DeviceRequest> requests; // of this run only
     std::vector<CallEntry> calls;
+    std::vector<std::string> unmetFaults; // of the options: no call of the run had their effect
 };
 
 // Makes a phone in `directory`, which must be missing or empty, after the description (see
@@ -70,11 +74,20 @@ struct RunResult {
 // ../libexec/ffu from there, where an installation has it (whether it is there or not).
 std::string Companion(const std::string& name);
 
-// Runs an unmodified tool on the phone until it ends. Its output is kept in console.log and
-// errors.log of the phone's directory, beside calls.log, system.log (these start afresh) and
-// requests.log (which grows, one line "run" before each run).
+// Runs an unmodified tool on the phone until it ends; after a power cut, /data/vendor/fw is as the
+// fault says. Its output is kept in console.log and errors.log of the phone's directory, beside
+// calls.log, system.log, faults.log (the faults that were met; these start afresh) and requests.log
+// (which grows, one line "run" before each run).
 [[nodiscard]] RunResult RunTool(const std::string& directory, const std::string& tool,
                                 const RunOptions& options);
+
+// Both logs and the device's requests, in the order in which they came: "log", "console" or
+// "device", and one line, printable.
+struct TimeLineEntry {
+    const char* source;
+    std::string text;
+};
+[[nodiscard]] std::vector<TimeLineEntry> TimeLine(const RunResult& run);
 
 // Restarts the phone: a firmware that is pending becomes the running one, what was downloaded but
 // not installed is lost, and nothing below data/ changes.

@@ -92,8 +92,9 @@ static std::string LinePrefix() {
     }
 }
 
+// A fault that has its effect for the first time is noted.
 static const Fault* FaultOf(const Call& call) {
-    const Fault* met = nullptr;
+    Fault* met = nullptr;
     for (Fault& fault : session->phone.faults) {
         if (fault.call != "any" && fault.call != call.function && fault.call != call.alias) {
             continue;
@@ -106,7 +107,18 @@ static const Fault* FaultOf(const Call& call) {
             met = &fault;
         }
     }
-    return met && CanHave(call.function, met->effect) ? met : nullptr;
+    if (!met || !CanHave(call.function, met->effect)) {
+        return nullptr;
+    }
+    if (!met->met) {
+        AppendLine(session->faultsLog, std::to_string(session->calls) + " " + met->text);
+        met->met = true;
+    }
+    return met;
+}
+
+bool Replaces(const Fault* fault) {
+    return fault && fault->effect <= Fault::kReturns;
 }
 
 // What has been printed so far, the C library's buffer included; it is emptied on the way.
@@ -146,7 +158,8 @@ void EndCall(const Call& call, const Fault* fault, const std::string& result, in
     const std::string name = error ? strerrorname_np(error) : "";
     AppendLine(session->callsLog, std::to_string(session->calls) + " " + call.function + " " +
                                       call.path + (call.arguments.empty() ? "" : " ") +
-                                      call.arguments + " = " + result + (error ? " " + name : ""));
+                                      call.arguments + " = " + result + (error ? " " + name : "") +
+                                      (Replaces(fault) ? " fault" : ""));
     if (!call.request.empty()) {
         const std::string answer = error                   ? result + " " + name
                                    : call.response.empty() ? result
@@ -169,7 +182,8 @@ void simphone_detach() {
     Session* ended = session;
     session = nullptr;
     if (ended) {
-        for (const int log : {ended->callsLog, ended->systemLog, ended->requestsLog}) {
+        for (const int log :
+             {ended->callsLog, ended->systemLog, ended->requestsLog, ended->faultsLog}) {
             close(log);
         }
     }
@@ -182,10 +196,12 @@ int simphone_attach(const char* directory, const char* faults) {
     std::string error;
     bool ready = ReadDescription(std::string(directory) + "/phone.toml", run->phone, error);
     std::istringstream lines(faults ? faults : "");
+    std::vector<Fault> first; // before those of the description
     for (std::string line; ready && std::getline(lines, line);) {
-        run->phone.faults.emplace_back();
-        ready = line.empty() || ParseFault(line, run->phone.faults.back(), error);
+        first.emplace_back();
+        ready = line.empty() || ParseFault(line, first.back(), error);
     }
+    run->phone.faults.insert(run->phone.faults.begin(), first.begin(), first.end());
     char* resolved = realpath(directory, nullptr);
     if (!ready || !resolved) {
         fprintf(stderr, "simphone: %s\n", ready ? strerror(errno) : error.c_str());
@@ -199,6 +215,7 @@ int simphone_attach(const char* directory, const char* faults) {
     run->callsLog = OpenLog(run->directory + "/calls.log", O_TRUNC);
     run->systemLog = OpenLog(run->directory + "/system.log", O_TRUNC);
     run->requestsLog = OpenLog(run->directory + "/requests.log", 0);
+    run->faultsLog = OpenLog(run->directory + "/faults.log", O_TRUNC);
     AppendLine(run->requestsLog, "run");
     bool program = true;
     textCount = 0;

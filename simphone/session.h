@@ -28,7 +28,7 @@ struct Session {
     size_t scsiRequests;
     long calls;
     long long consoleBytes; // at the start of the call under way
-    int callsLog, systemLog, requestsLog;
+    int callsLog, systemLog, requestsLog, faultsLog;
 };
 
 // One call of the tool, as it is matched against the faults and written down.
@@ -59,6 +59,9 @@ const Fault* BeginCall(Call& call);
 std::string ResultText(long long number);
 std::string ResultText(const void* pointer);
 
+// True if nothing is done, as the fault stands in for the call.
+bool Replaces(const Fault* fault);
+
 // Writes the call down; `error` is 0 unless it failed. Does not return from the end of power.
 void EndCall(const Call& call, const Fault* fault, const std::string& result, int error);
 
@@ -71,7 +74,7 @@ template <typename Result, typename Perform>
 Result Counted(Call call, Result failed, Perform perform) {
     const int errnoBefore = errno;
     const Fault* fault = BeginCall(call);
-    const bool replaced = fault && fault->effect <= Fault::kReturns;
+    const bool replaced = Replaces(fault);
     Result result = failed;
     errno = 0;
     if (!replaced) {

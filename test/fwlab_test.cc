@@ -377,6 +377,8 @@ TEST_F(FwlabTest, RehearseEndsWithZeroOnlyForAnUpdatedPhone) {
     const std::string wrong = "rehearse package --phone phone.toml --keep kept --fault ";
     Expect(Fwlab(wrong + "'open sometimes'"), 2, "sometimes");
     EXPECT_FALSE(fs::exists(directory + "/kept"));
+    Expect(Fwlab(wrong + "'SG_IO EIO' --fault 'fsync EIO'"), 2,
+           "no call of the run met: SG_IO EIO");
 }
 
 TEST_F(FwlabTest, OutcomeExplainsWhatARunLeft) {

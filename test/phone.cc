@@ -39,7 +39,8 @@ std::string Argument(const CallEntry& call, const std::string& name) {
     return at == std::string::npos ? "" : arguments.substr(from, arguments.find(' ', from) - from);
 }
 
-// Every descriptor, stream, mapping and allocation of the run was given back, exactly once.
+} // namespace
+
 void ExpectAllGivenBack(const RunResult& result) {
     const std::set<std::string> acquiring = {"open",   "creat",    "fopen",         "mmap",
                                              "calloc", "memalign", "posix_memalign"};
@@ -59,8 +60,6 @@ void ExpectAllGivenBack(const RunResult& result) {
     }
     EXPECT_TRUE(held.empty()) << *held.begin() << " is not given back";
 }
-
-} // namespace
 
 std::string GkiPhone(const Keys& overrides) {
     const Keys keys = {{"technology", "'emmc'"},

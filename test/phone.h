@@ -80,6 +80,9 @@ protected:
     std::string directory;
 };
 
+// Every descriptor, stream, mapping and allocation of the run was given back, exactly once.
+void ExpectAllGivenBack(const RunResult& result);
+
 // The console without any time stamp, whole and line by line.
 std::string ConsoleText(const RunResult& result);
 Texts Console(const RunResult& result);

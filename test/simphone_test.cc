@@ -1,10 +1,25 @@
 // The simulated device refuses what a device would refuse: a tool that sends it cannot pass its
-// rehearsal.
+// rehearsal. A power cut leaves what a file system may leave, and a fault that did nothing is told.
+#include "simphone/power_loss.h"
 #include "test/phone.h"
+
+#include <iterator>
+#include <sstream>
 
 namespace {
 
-class SimphoneTest : public PhoneTest {};
+class SimphoneTest : public PhoneTest {
+protected:
+    RunResult CutGkiUpdate(const Texts& faults, const Files& before) {
+        Make(GkiPhone(), {{EMMC_PACKAGE, EmmcEntry()}});
+        for (const auto& [name, content] : before) {
+            Put(STATE + "/" + name, content);
+        }
+        std::istringstream words(FFU_LAUNCHER);
+        const Texts launcher(std::istream_iterator<std::string>(words), {});
+        return RunTool(directory, FFU_PATH, {faults, launcher, SIMPHONE_LIBRARY});
+    }
+};
 
 TEST_F(SimphoneTest, EmmcDriverRefusesOddRequests) {
     Make(NormalPhone());
@@ -39,6 +54,96 @@ TEST_F(SimphoneTest, UfsDeviceRefusesOddCommands) {
                                                   "no data: EFAULT\n"
                                                   "interface: EINVAL\n"
                                                   "in order: status 0 key 0 ASC 00\n");
+}
+
+const std::string ATTEMPT = CLOCK_TEXT + "product name:SIM064, current fw version:FW000001, "
+                                         "upgrading to version:FW000002\n";
+const std::string EARLIER = "current fw version:A, upgrading to version:B\n";
+const Files OLD = {{"fw_result", EARLIER}, {"ffu.ok", "passed"}, {"ffu.end", ""}};
+const Files NO_DIRECTORY = {{"no", "directory"}};
+
+// The power fails in a GKI update: on a first run, or where an older one has left its files.
+TEST_F(SimphoneTest, PowerCutLeavesWhatWasSynced) {
+    const struct {
+        std::string fault;
+        Files before, left; // nothing left: the cut cannot leave that
+    } rows[] = {
+        {"fsync end", {}, {{"ffu.bgn", ""}, {"fw_result", ATTEMPT}}},
+        {"fsync end lost=fw_result", {}, {{"ffu.bgn", ""}}},
+        {"fsync end empty=fw_result lost=ffu.bgn", {}, {{"fw_result", ""}}},
+        {"fsync end lost=.", {}, NO_DIRECTORY},
+        {"fsync end lost=.,ffu.bgn", {}, {}},
+        {"fsync end lost=ffu.fail", {}, {}},
+        {"fsync end gone=fw_result", {}, {}},
+        {"fsync end-after lost=.", {}, {}},
+        {"fsync end-after lost=fw_result", {}, {}},
+        {"fsync end-after empty=fw_result", {}, {}},
+        {"fsync end-after lost=ffu.bgn", {}, {{"fw_result", ATTEMPT}}},
+        {"write /data/vendor/fw/fw_result torn=3 lost=ffu.bgn", {}, {{"fw_result", "Sat"}}},
+        {"remove /data/vendor/fw/ffu.bgn end-after empty=ffu.bgn,ffu.ok",
+         {},
+         {{"ffu.bgn", ""}, {"ffu.ok", ""}, {"fw_result", ATTEMPT}}},
+        {"fsync end lost=fw_result,ffu.end",
+         OLD,
+         {{"ffu.bgn", ""}, {"ffu.end", ""}, {"ffu.ok", "passed"}, {"fw_result", EARLIER}}},
+        {"fsync end empty=fw_result", OLD, {}},
+        {"fsync end lost=.", OLD, {}},
+        {"remove /data/vendor/fw/ffu.ok end-after lost=ffu.ok",
+         OLD,
+         {{"ffu.bgn", ""}, {"ffu.ok", "passed"}, {"fw_result", EARLIER + ATTEMPT}}},
+        {"close /data/vendor/fw/ffu.ok end lost=ffu.ok,ffu.bgn",
+         OLD,
+         {{"ffu.ok", "passed"}, {"fw_result", EARLIER + ATTEMPT}}},
+        {"close /data/vendor/fw/ffu.ok end gone=ffu.ok lost=ffu.bgn",
+         OLD,
+         {{"fw_result", EARLIER + ATTEMPT}}},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.fault);
+        const RunResult cut = CutGkiUpdate({row.fault}, row.before);
+        EXPECT_EQ(cut.signal, 9);
+        EXPECT_EQ(cut.error.empty(), !row.left.empty()) << cut.error;
+        const StateDirectory left = ReadStateDirectory(directory);
+        if (!row.left.empty()) {
+            EXPECT_EQ(left.isThere ? left.files : NO_DIRECTORY, row.left);
+        }
+    }
+}
+
+// What is enumerated can be asked for. A sync that a fault stands in for has synced nothing.
+TEST_F(SimphoneTest, EachStateAfterAPowerCutCanBeMade) {
+    const struct {
+        std::string cut;
+        Files before;
+        size_t states; // by the choices of each file: directory, begin, end, record, pass
+    } rows[] = {
+        {"remove /data/vendor/fw/ffu.end end", {}, 1 + 1},
+        {"fsync end", {}, 1 + 2 * 3},
+        {"fsync end", OLD, 2 * 2 * 2},
+        {"close /data/vendor/fw/ffu.ok end", {}, 1 + 2 * 3 * 3},
+        {"close /data/vendor/fw/ffu.ok end", OLD, 2 * 2 * 2 * 4},
+        {"open /data/vendor/fw/ffu.end end-after", OLD, 2 * 2 * 2 * 4},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.cut);
+        const std::string noSync = "fsync returns=0";
+        const RunResult cut = CutGkiUpdate({row.cut, noSync}, row.before);
+        const StateDirectory before = {!row.before.empty(), row.before};
+        const auto survivals = Survivals(before, ReadStateDirectory(directory), cut.calls);
+        EXPECT_EQ(survivals.size(), row.states);
+        for (const Survival& survival : survivals) {
+            const std::string losses = LossText(survival.losses);
+            EXPECT_EQ(CutGkiUpdate({row.cut + " " + losses, noSync}, row.before).error, "");
+            EXPECT_TRUE(ReadStateDirectory(directory) == survival.state) << losses;
+        }
+    }
+}
+
+TEST_F(SimphoneTest, FaultsThatNoCallMetAreTold) {
+    Make(GkiPhone({{"faults", "['FFU_DOWNLOAD EIO']"}}), {{EMMC_PACKAGE, EmmcEntry()}});
+    EXPECT_EQ(Run({"FFU_INSTALL EIO", "fsync EIO", "fsync #2+ EIO", "any #1 EIO", "sleep end"})
+                  .unmetFaults,
+              (Texts{"FFU_INSTALL EIO", "fsync #2+ EIO", "sleep end"}));
 }
 
 } // namespace

@@ -1,0 +1,214 @@
+// What survives a power cut, worked out from the calls of the run. Called when the tool has ended;
+// a state that cannot be written leaves the directory as far as it got.
+#include "power_loss.h"
+
+#include "files.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <fcntl.h>
+#include <filesystem>
+#include <optional>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+const std::string STATE_DIR = "/data/vendor/fw";
+
+using Content = std::optional<std::string>; // none: the file is missing
+
+// One file's changes since it was last on the storage whole: before the run, or when it was synced.
+struct Changes {
+    bool isThere = false;
+    size_t size = 0;
+    bool isMade = false, isRemoved = false, isWritten = false;
+    bool isSynced = false; // in this run, with so many bytes
+    size_t syncedSize = 0;
+    bool isRemade = false; // after the sync: what it had then is not kept
+};
+
+struct History {
+    bool isDirectoryMade = false; // and no file in it was synced
+    std::map<std::string, Changes> files;
+};
+
+unsigned long OpenFlags(const CallEntry& call) {
+    const size_t flags = call.arguments.find("flags=");
+    return flags == std::string::npos ? 0
+                                      : std::stoul(call.arguments.substr(flags + 6), nullptr, 0);
+}
+
+void Note(const CallEntry& call, Changes& file) {
+    const bool opens = call.function == "open" || call.function == "creat";
+    if (opens && (!file.isThere || OpenFlags(call) & O_TRUNC)) {
+        file.isRemade = file.isRemade || file.isSynced;
+        file.isThere = file.isMade = true;
+        file.size = 0;
+    } else if (call.function == "write" && call.result != "0") {
+        file.size += std::stoul(call.result);
+        file.isWritten = true;
+    } else if (call.function == "remove" || call.function == "unlink") {
+        file.isRemade = file.isRemade || file.isSynced;
+        file.isThere = false;
+        file.isRemoved = true;
+    }
+}
+
+History HistoryOf(const StateDirectory& before, const std::vector<CallEntry>& calls) {
+    History history;
+    for (const auto& [name, content] : before.files) {
+        history.files[name].isThere = true;
+        history.files[name].size = content.size();
+    }
+    for (const CallEntry& call : calls) {
+        if (!call.error.empty() || call.replaced) {
+            continue; // nothing was done
+        }
+        if (call.function == "mkdir" && call.path == STATE_DIR) {
+            history.isDirectoryMade = true;
+        }
+        const fs::path path = call.path;
+        if (path.parent_path() != STATE_DIR) {
+            continue;
+        }
+        Changes& file = history.files[path.filename()];
+        if (call.function == "fsync") {
+            history.isDirectoryMade = false;
+            file = {file.isThere, file.size, false, false, false, true, file.size, false};
+        } else {
+            Note(call, file);
+        }
+    }
+    return history;
+}
+
+// What becomes of one file, and by which losses; the first one is none.
+using Fates = std::vector<std::pair<std::optional<Loss>, Content>>;
+
+Content Find(const StateDirectory& state, const std::string& name) {
+    const auto found = state.files.find(name);
+    return found == state.files.end() ? Content() : Content(found->second);
+}
+
+Fates FatesOf(const Changes& file, const Content& before, const Content& after) {
+    Fates fates = {{std::nullopt, after}};
+    const Content old = file.isSynced ? after.value_or("").substr(0, file.syncedSize) : before;
+    if ((file.isMade || file.isRemoved || file.isWritten) && !file.isRemade) {
+        fates.emplace_back(Loss::kLost, old);
+    }
+    if (file.isMade) {
+        fates.emplace_back(Loss::kEmpty, "");
+    }
+    if (file.isRemoved && file.isThere && (old || file.isRemade)) {
+        fates.emplace_back(Loss::kGone, Content());
+    }
+    return fates;
+}
+
+void Set(StateDirectory& state, const std::string& name, const Content& content) {
+    if (content) {
+        state.files[name] = *content;
+    } else {
+        state.files.erase(name);
+    }
+}
+
+bool IsPlain(const fs::path& file) {
+    return fs::is_regular_file(fs::symlink_status(file));
+}
+
+} // namespace
+
+StateDirectory ReadStateDirectory(const std::string& phone) {
+    std::error_code status;
+    StateDirectory state = {fs::is_directory(phone + STATE_DIR, status), {}};
+    for (const auto& entry : fs::directory_iterator(phone + STATE_DIR, status)) {
+        std::string content;
+        if (IsPlain(entry.path()) && ReadWholeFile(entry.path(), content)) {
+            state.files[entry.path().filename()] = content;
+        }
+    }
+    return state;
+}
+
+bool WriteStateDirectory(const std::string& phone, const StateDirectory& state) {
+    const fs::path directory = phone + STATE_DIR;
+    const StateDirectory is = ReadStateDirectory(phone);
+    std::error_code status;
+    if (!state.isThere) {
+        fs::remove_all(directory, status);
+    } else {
+        fs::create_directories(directory, status);
+    }
+    for (const auto& [name, content] : is.files) {
+        if (!status && state.isThere && state.files.count(name) == 0) {
+            fs::remove(directory / name, status);
+        }
+    }
+    if (status) {
+        errno = status.value();
+        return false;
+    }
+    return std::all_of(state.files.begin(), state.files.end(), [&](const auto& file) {
+        return Find(is, file.first) == file.second ||
+               WriteWholeFile(directory / file.first, file.second.data(), file.second.size());
+    });
+}
+
+std::vector<Survival> Survivals(const StateDirectory& before, const StateDirectory& after,
+                                const std::vector<CallEntry>& calls) {
+    const History history = HistoryOf(before, calls);
+    std::vector<Survival> survivals = {{{}, after}};
+    for (const auto& [name, file] : history.files) {
+        std::vector<Content> seen;
+        std::vector<Survival> more;
+        for (const auto& [loss, content] : FatesOf(file, Find(before, name), Find(after, name))) {
+            if (std::find(seen.begin(), seen.end(), content) != seen.end()) {
+                continue;
+            }
+            seen.push_back(content);
+            for (Survival survival : survivals) {
+                if (loss) {
+                    survival.losses[name] = *loss;
+                    Set(survival.state, name, content);
+                }
+                more.push_back(survival);
+            }
+        }
+        survivals = more;
+    }
+    if (history.isDirectoryMade) {
+        survivals.push_back({{{".", Loss::kLost}}, {false, {}}});
+    }
+    return survivals;
+}
+
+bool Lose(const StateDirectory& before, const StateDirectory& after,
+          const std::vector<CallEntry>& calls, const Losses& losses, StateDirectory& state,
+          std::string& error) {
+    const History history = HistoryOf(before, calls);
+    state = after;
+    for (const auto& [name, loss] : losses) {
+        if (name == ".") {
+            if (loss != Loss::kLost || !history.isDirectoryMade || losses.size() > 1) {
+                error = "the directory was there before the run, or synced, or is not lost alone";
+                return false;
+            }
+            state = {false, {}};
+            continue;
+        }
+        const auto file = history.files.find(name);
+        const Fates fates = file == history.files.end()
+                                ? Fates()
+                                : FatesOf(file->second, Find(before, name), Find(after, name));
+        const auto fate = std::find_if(fates.begin(), fates.end(),
+                                       [&, loss = loss](const auto& f) { return f.first == loss; });
+        if (fate == fates.end()) {
+            error = LossText({{name, loss}}) + ": the cut cannot leave that";
+            return false;
+        }
+        Set(state, name, fate->second);
+    }
+    return true;
+}

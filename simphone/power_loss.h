@@ -1,0 +1,46 @@
+// What a power cut leaves of what a run did in /data/vendor/fw. All that was there before the run
+// is on the storage, and so is what a file had when it was synced; of later changes, each file's
+// survive or not, whatever became of those of the others. Called for a fault that names what is
+// lost, and by whoever wants all that a cut can leave.
+#pragma once
+
+#include "description.h"
+#include "phone.h"
+
+#include <map>
+#include <string>
+#include <vector>
+
+// /data/vendor/fw: its files, by name. A directory in it is left alone and not listed.
+struct StateDirectory {
+    bool isThere;
+    std::map<std::string, std::string> files;
+};
+inline bool operator==(const StateDirectory& one, const StateDirectory& other) {
+    return one.isThere == other.isThere && one.files == other.files;
+}
+StateDirectory ReadStateDirectory(const std::string& phone);
+
+// Makes the phone's directory so; false if it cannot be (errno tells why).
+[[nodiscard]] bool WriteStateDirectory(const std::string& phone, const StateDirectory& state);
+
+struct Survival {
+    Losses losses;
+    StateDirectory state;
+};
+
+// Every distinct state that the cut can leave; the first one has lost nothing. `after` is what lies
+// there when the tool has ended, `calls` are those of its run.
+//   - A file that was made and not synced is missing, empty or whole. So is one that was removed
+//     before it was made anew, or is what it was before.
+//   - A file that was appended to is whole or what it was; one that was removed is back or not. One
+//     that the run itself has made and removed may be back as well: empty, as its bytes are not
+//     kept.
+//   - A directory that the run has made is there for sure once a file in it was synced.
+std::vector<Survival> Survivals(const StateDirectory& before, const StateDirectory& after,
+                                const std::vector<CallEntry>& calls);
+
+// The state with these losses; false with a text for the user if the cut cannot leave it.
+[[nodiscard]] bool Lose(const StateDirectory& before, const StateDirectory& after,
+                        const std::vector<CallEntry>& calls, const Losses& losses,
+                        StateDirectory& state, std::string& error);
