@@ -1,14 +1,16 @@
 // The workstation tool: builds firmware packages, looks into them, tells what a phone would do with
 // them, tries that on a simulated phone, and explains what runs have left on phones.
 #include "fwlab/commands.h"
+#include "fwlab/json.h"
 #include "fwlab/manifest.h"
 #include "simphone/files.h"
 
 #include <algorithm>
-#include <cctype>
 #include <CLI/CLI.hpp>
 #include <csignal>
+#include <fmt/format.h>
 #include <iostream>
+#include <numeric>
 
 namespace {
 
@@ -52,20 +54,22 @@ std::string Bytes(const std::string& text) {
     return Unescaped(text);
 }
 
+// The bytes that an option gives for a field.
+std::string BytesOf(const char* option, const std::string& text, const Field& field, bool isExact) {
+    const std::string bytes = Bytes(text);
+    Require(bytes.size() <= field.size && (!isExact || bytes.size() == field.size), 2,
+            fmt::format("{} has {} bytes, not {}{}", option, bytes.size(),
+                        isExact ? "" : "at most ", field.size));
+    return bytes;
+}
+
 // The device that the options describe, as its nodes and registers have it.
 Description ByHand(Description device) {
     const Layout& layout = device.ufs ? UFS : EMMC;
-    device.manfid = Bytes(device.manfid);
-    device.productName = Bytes(device.productName);
-    device.revision = Bytes(device.revision);
-    Require((device.ufs || device.productName.size() == layout.name.size) &&
-                device.productName.size() <= layout.name.size &&
-                device.revision.size() <= layout.revision.size &&
-                device.manfid.size() <= UFS.manufacturer.size,
-            2, "too long, or an eMMC product name that has not 6 characters");
     const char* end = device.ufs ? "\n" : "";
-    device.manfid += end;
-    device.productName += end;
+    device.manfid = BytesOf("--manfid", device.manfid, UFS.manufacturer, false) + end;
+    device.productName = BytesOf("--product", device.productName, layout.name, !device.ufs) + end;
+    device.revision = BytesOf("--revision", device.revision, layout.revision, device.ufs);
     return device;
 }
 
@@ -118,6 +122,34 @@ void AddOutcome(CLI::App& app, Arguments& args) {
     outcome->callback([&] { args.status = Outcome(args.directory); });
 }
 
+// How many characters have to be added, taken away or replaced to make one word of the other.
+size_t Distance(const std::string& from, const std::string& to) {
+    std::vector<size_t> row(to.size() + 1);
+    std::iota(row.begin(), row.end(), 0U);
+    for (size_t i = 0; i < from.size(); i++) {
+        size_t diagonal = std::exchange(row[0], i + 1);
+        for (size_t j = 0; j < to.size(); j++) {
+            const size_t replaced = diagonal + (from[i] == to[j] ? 0 : 1);
+            diagonal = row[j + 1];
+            row[j + 1] = std::min({replaced, row[j] + 1, row[j + 1] + 1});
+        }
+    }
+    return row[to.size()];
+}
+
+// A first word that is no command gets the nearest one.
+void RequireCommand(const CLI::App& app, int argc, char** argv) {
+    const std::string word = argc < 2 ? "-" : argv[1];
+    std::string nearest;
+    for (const CLI::App* command : app.get_subcommands(nullptr)) {
+        const std::string name = command->get_name();
+        nearest =
+            nearest.empty() || Distance(word, name) < Distance(word, nearest) ? name : nearest;
+    }
+    Require(word[0] == '-' || word == nearest, 2,
+            fmt::format("{} is no command; the nearest is {}", Quoted(word), nearest));
+}
+
 int Run(int argc, char** argv) {
     CLI::App app("Makes, inspects, matches and rehearses firmware packages", "fwlab");
     app.set_version_flag("--version", "fwlab " FFU_VERSION);
@@ -131,9 +163,13 @@ int Run(int argc, char** argv) {
     AddRehearse(app, args);
     AddOutcome(app, args);
     try {
+        RequireCommand(app, argc, argv);
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? 0 : 2;
+        if (error.get_exit_code() == 0) { // a request for help or the version
+            return app.exit(error);
+        }
+        throw Stop{2, std::string(error.what()) + "; --help tells more"};
     }
     return args.status;
 }
@@ -141,22 +177,23 @@ int Run(int argc, char** argv) {
 } // namespace
 
 int main(int argc, char** argv) {
-    int status = 2;
     signal(SIGPIPE, SIG_IGN); // a rehearsal tidies up when nobody reads on
+    Stop stop = {2, ""};
     try {
-        status = Run(argc, argv);
-    } catch (const Stop& stop) {
-        std::string text = stop.text;
-        std::replace_if(
-            text.begin(), text.end(), [](unsigned char c) { return iscntrl(c) != 0; }, '?');
-        std::cerr << "fwlab: " << text << "\n";
-        status = stop.status;
+        stop.status = Run(argc, argv);
+    } catch (const Stop& refusal) {
+        stop = refusal;
     } catch (const std::exception& error) {
-        std::cerr << "fwlab: " << error.what() << "\n";
+        stop.text = error.what();
     }
     if (fflush(stdout) != 0) {
-        std::cerr << "fwlab: the answer could not be written\n";
-        status = 2;
+        stop = {2, "the answer could not be written"};
     }
-    return status;
+    if (!stop.text.empty()) {
+        const bool asJson = std::count(argv, argv + argc, std::string_view("--json")) > 0;
+        std::cerr << (asJson ? Json{{"error", Displayed(stop.text)}, {"status", stop.status}}.dump()
+                             : "fwlab: " + Displayed(stop.text))
+                  << "\n";
+    }
+    return stop.status;
 }

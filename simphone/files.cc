@@ -57,6 +57,15 @@ std::string Escaped(const std::string& text) {
     return line;
 }
 
+std::string Displayed(const std::string& text) {
+    std::string line;
+    for (const char c : text) {
+        const bool isControl = static_cast<unsigned char>(c) < 0x20 || c == 0x7F;
+        line += isControl ? "\\x" + Hex(&c, 1) : std::string(1, c);
+    }
+    return line;
+}
+
 std::string Unescaped(const std::string& line) {
     std::string text;
     for (size_t i = 0; i < line.size(); i++) {

@@ -8,10 +8,37 @@
 #include <cerrno>
 #include <cstring>
 
+static const size_t DOTS_MAX = 64;
+
+// The first line whose dots and brackets outside of texts would nest tables deeper than the TOML
+// library's recursion bears; 0 if there is none.
+static size_t DeepLine(const std::string& text) {
+    size_t line = 1, dots = 0;
+    char quote = 0; // in which a text stands
+    for (const char c : text) {
+        if (c == '\n') {
+            line++;
+            dots = 0;
+            quote = 0;
+        } else if (c == quote || (quote == 0 && (c == '"' || c == '\''))) {
+            quote = quote == 0 ? c : static_cast<char>(0);
+        } else if (quote == 0 && (c == '.' || c == '[' || c == '{') && ++dots > DOTS_MAX) {
+            return line;
+        }
+    }
+    return 0;
+}
+
 bool ReadTable(const std::string& file, toml::table& table, std::string& error) {
     std::string text;
     if (!ReadWholeFile(file, text)) {
         error = file + ": " + strerror(errno);
+        return false;
+    }
+    const size_t deep = DeepLine(text);
+    if (deep > 0) {
+        error = file + ":" + std::to_string(deep) + ": more than " + std::to_string(DOTS_MAX) +
+                " dots or brackets in a line";
         return false;
     }
     toml::parse_result parsed = toml::parse(text);

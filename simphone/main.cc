@@ -8,9 +8,11 @@
 
 static int Finish(bool right, const std::string& error) {
     if (!right) {
-        std::cerr << "simphone: " << error << "\n";
+        std::cerr << "simphone: " << Displayed(error) << "\n";
+    } else if (!std::cout.flush()) {
+        std::cerr << "simphone: the answer could not be written\n";
     }
-    return right ? 0 : 2;
+    return right && std::cout ? 0 : 2;
 }
 
 static int Run(const std::string& directory, const std::string& tool, const RunOptions& options) {
@@ -21,9 +23,10 @@ static int Run(const std::string& directory, const std::string& tool, const RunO
     std::cout << result.console << std::flush;
     std::cerr << result.errors;
     if (result.timedOut) {
-        std::cerr << "simphone: " << tool << " did not end in time\n";
+        std::cerr << "simphone: " << Escaped(tool) << " did not end in time\n";
     } else if (result.signal) {
-        std::cerr << "simphone: " << tool << " was ended by signal " << result.signal << "\n";
+        std::cerr << "simphone: " << Escaped(tool) << " was ended by signal " << result.signal
+                  << "\n";
     }
     for (const std::string& fault : result.unmetFaults) {
         std::cerr << "simphone: fault \"" << Escaped(fault) << "\": no call of the run met it\n";
@@ -63,7 +66,13 @@ int main(int argc, char** argv) {
 
     CLI::App* show = app.add_subcommand("show", "Show what a phone is and what the tool left");
     show->add_option("DIR", directory, "the phone")->required();
-    CLI11_PARSE(app, argc, argv);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& wrong) {
+        return wrong.get_exit_code() == 0
+                   ? app.exit(wrong)
+                   : Finish(false, std::string(wrong.what()) + "; --help tells more");
+    }
 
     if (*make) {
         const bool made = MakePhone(description, directory, error) &&

@@ -11,10 +11,13 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <elf.h>
 #include <fcntl.h>
 #include <filesystem>
 #include <map>
+#include <set>
 #include <sstream>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -73,6 +76,14 @@ bool MakePhone(const std::string& descriptionFile, const std::string& directory,
         error = directory + ": is there and not an empty directory";
         return false;
     }
+    // Of two that make a phone in one place at one time, one finds this file.
+    fs::create_directories(directory, status);
+    const int claim = open((directory + "/phone.toml").c_str(), O_WRONLY | O_CREAT | O_EXCL, 0644);
+    if (claim < 0) {
+        error = directory + "/phone.toml: " + strerror(errno);
+        return false;
+    }
+    close(claim);
     for (const char* folder : {"/vendor/firmware", "/data/vendor", "/splash2", "/tmp", "/device"}) {
         if (fs::create_directories(directory + folder, status); status) {
             error = directory + folder + ": " + status.message();
@@ -92,11 +103,10 @@ bool PutPackage(const std::string& packageFile, const std::string& directory, st
         return false;
     }
     std::error_code status;
-    fs::copy_file(packageFile,
-                  directory + "/vendor/firmware/" +
-                      (phone.ufs ? "ufs_emer_fw.bin" : "emmc_emer_fw.bin"),
-                  fs::copy_options::overwrite_existing, status);
-    error = status ? packageFile + ": " + status.message() : "";
+    const std::string place =
+        directory + "/vendor/firmware/" + (phone.ufs ? "ufs_emer_fw.bin" : "emmc_emer_fw.bin");
+    fs::copy_file(packageFile, place, fs::copy_options::overwrite_existing, status);
+    error = status ? packageFile + ", copied to " + place + ": " + status.message() : "";
     return !status;
 }
 
@@ -229,39 +239,131 @@ static std::string Library(const std::string& tool, const std::string& given) {
     std::error_code status;
     for (const fs::path& place : {fs::path(given), fs::path(tool).parent_path() / "libsimphone.so",
                                   fs::path(Companion("libsimphone.so"))}) {
-        if (fs::is_regular_file(place, status)) {
+        std::string content; // only a library that is ours stands between a tool and this machine
+        if (fs::is_regular_file(place, status) && ReadWholeFile(place, content) &&
+            content.find("simphone_attach") != std::string::npos) {
             return fs::absolute(place);
         }
     }
     return "";
 }
 
-// In the new process: never returns.
-[[noreturn]] static void Start(const std::string& directory, const std::string& faults,
-                               const std::string& library, const RunOptions& options,
-                               const std::vector<std::string>& words) {
-    const char* sanitizer = getenv("ASAN_OPTIONS");
-    const std::string asan = std::string(sanitizer ? sanitizer : "") + ":verify_asan_link_order=0";
-    setenv("ASAN_OPTIONS", asan.c_str(), 1);
-    setenv("SIMPHONE", directory.c_str(), 1);
-    setenv("SIMPHONE_FAULTS", faults.c_str(), 1);
-    if (options.launcher.empty()) {
-        setenv("LD_PRELOAD", library.c_str(), 1);
+// What a run starts: the tool on a phone, with the library of the phone in it.
+struct Start {
+    std::string directory, faults, library, tool;
+    const RunOptions* options;
+};
+
+// Gives the program's environment name=value: by itself, or through the launcher.
+static void SetVariable(const Start& start, std::vector<std::string>& words,
+                        const std::string& name, const std::string& value) {
+    if (start.options->launcher.empty()) {
+        setenv(name.c_str(), value.c_str(), 1);
+    } else {
+        words.insert(words.end(), {"-E", name + "=" + value});
     }
-    const int flags = O_WRONLY | O_CREAT | O_TRUNC;
-    dup2(open("/dev/null", O_RDONLY | O_CLOEXEC), STDIN_FILENO);
-    dup2(open((directory + "/console.log").c_str(), flags | O_CLOEXEC, 0644), STDOUT_FILENO);
-    dup2(open((directory + "/errors.log").c_str(), flags | O_CLOEXEC, 0644), STDERR_FILENO);
+}
+
+// In a new process, with its outputs in place: becomes the tool, or what its dynamic linker says of
+// it, and never returns. The library is named by a descriptor: LD_PRELOAD takes no path with a
+// blank or a colon. It stands high, so that the tool meets the numbers that it would meet on a
+// phone.
+[[noreturn]] static void Become(const Start& start, bool onlyLoad) {
+    const int library = open(start.library.c_str(), O_RDONLY | O_CLOEXEC);
+    const int high = fcntl(library, F_DUPFD, 800);
+    const int inherited = high < 0 ? dup(library) : high;
+    std::vector<std::string> words = start.options->launcher;
+    SetVariable(start, words, "LD_PRELOAD", "/proc/self/fd/" + std::to_string(inherited));
+    if (onlyLoad) {
+        SetVariable(start, words, "LD_TRACE_LOADED_OBJECTS", "1");
+    }
+    words.push_back(start.tool);
     std::vector<char*> arguments;
     arguments.reserve(words.size() + 1);
     for (const std::string& word : words) {
         arguments.push_back(const_cast<char*>(word.c_str()));
     }
     arguments.push_back(nullptr);
-    alarm(options.secondsLimit); // outlives exec; ends the tool by SIGALRM
+    dup2(open("/dev/null", O_RDONLY | O_CLOEXEC), STDIN_FILENO);
     execvp(arguments[0], arguments.data());
     perror(arguments[0]);
     _exit(127);
+}
+
+// In a new process: never returns.
+[[noreturn]] static void Run(const Start& start) {
+    const char* sanitizer = getenv("ASAN_OPTIONS");
+    const std::string asan = std::string(sanitizer ? sanitizer : "") + ":verify_asan_link_order=0";
+    setenv("ASAN_OPTIONS", asan.c_str(), 1);
+    setenv("SIMPHONE", start.directory.c_str(), 1);
+    setenv("SIMPHONE_FAULTS", start.faults.c_str(), 1);
+    const int flags = O_WRONLY | O_CREAT | O_TRUNC;
+    dup2(open((start.directory + "/console.log").c_str(), flags | O_CLOEXEC, 0644), STDOUT_FILENO);
+    dup2(open((start.directory + "/errors.log").c_str(), flags | O_CLOEXEC, 0644), STDERR_FILENO);
+    alarm(start.options->secondsLimit); // outlives exec; ends the tool by SIGALRM
+    Become(start, false);
+}
+
+// Whether the program is loaded by glibc's dynamic linker, which alone does what is asked below.
+// Programs that run with more rights than their user's load no library of his.
+static bool IsLoadedByGlibc(const std::string& tool) {
+    std::string image;
+    Elf64_Ehdr header;
+    struct stat status;
+    if (stat(tool.c_str(), &status) != 0 || status.st_mode & (S_ISUID | S_ISGID) ||
+        !ReadWholeFile(tool, image) || image.size() < sizeof(header)) {
+        return false;
+    }
+    memcpy(&header, image.data(), sizeof(header));
+    bool isGlibc = false;
+    for (size_t i = 0; memcmp(header.e_ident, ELFMAG, SELFMAG) == 0 && i < header.e_phnum; i++) {
+        Elf64_Phdr segment = {};
+        image.copy(reinterpret_cast<char*>(&segment), sizeof(segment),
+                   std::min<size_t>(image.size(), header.e_phoff + i * sizeof(segment)));
+        isGlibc = isGlibc || (segment.p_type == PT_INTERP && segment.p_offset < image.size() &&
+                              strstr(image.c_str() + segment.p_offset, "/ld-linux"));
+    }
+    return isGlibc;
+}
+
+// Lets the dynamic linker say what it would load, without running anything: a tool whose calls do
+// not go through the library would work on this machine in place of the phone.
+static bool IsLibraryLoaded(const Start& start, std::string& error) {
+    static std::set<std::string> known; // what has been asked already
+    const std::string what = start.tool + "\n" + start.library;
+    if (known.count(what)) {
+        return true;
+    }
+    error = start.tool + ": is no program that loads the phone's library (dynamically linked to "
+                         "glibc, without more rights than its user's)";
+    int ends[2];
+    if (!IsLoadedByGlibc(start.tool) || pipe2(ends, O_CLOEXEC) != 0) {
+        return false;
+    }
+    const pid_t child = fork();
+    if (child == 0) {
+        dup2(ends[1], STDOUT_FILENO);
+        dup2(ends[1], STDERR_FILENO);
+        Become(start, true);
+    }
+    close(ends[1]);
+    std::string loaded;
+    char piece[4096];
+    for (ssize_t count = 0; (count = read(ends[0], piece, sizeof(piece))) > 0;) {
+        loaded.append(piece, static_cast<size_t>(count));
+    }
+    close(ends[0]);
+    (void)waitpid(child, nullptr, 0);
+    const size_t line = loaded.find("/proc/self/fd/");
+    const bool isLoaded =
+        line != std::string::npos && loaded.find("cannot be preloaded") > loaded.size();
+    if (isLoaded) {
+        known.insert(what);
+        error.clear();
+    } else {
+        error = start.tool + ": does not load " + start.library + ": " + Escaped(loaded);
+    }
+    return isLoaded;
 }
 
 // The texts of the faults that the run met, in order. A power cut's is the last one.
@@ -314,15 +416,14 @@ RunResult RunTool(const std::string& directory, const std::string& tool,
     }
     const std::string library = Library(tool, options.libsimphone);
     if (library.empty() || access(tool.c_str(), X_OK) != 0) {
-        result.error = library.empty() ? "libsimphone.so: not found beside " + tool
-                                       : tool + ": " + strerror(errno);
+        result.error = access(tool.c_str(), X_OK) != 0 ? tool + ": " + strerror(errno)
+                                                       : "libsimphone.so: not found beside " + tool;
         return result;
     }
-    std::vector<std::string> words = options.launcher;
-    if (!words.empty()) {
-        words.insert(words.end(), {"-E", "LD_PRELOAD=" + library});
+    const Start start = {directory, faults, library, fs::absolute(tool), &options};
+    if (!IsLibraryLoaded(start, result.error)) {
+        return result;
     }
-    words.push_back(fs::absolute(tool));
     for (const char* log : {"/calls.log", "/system.log", "/faults.log"}) {
         (void)WriteWholeFile(directory + log, "",
                              0); // nothing of the run before, even if this fails
@@ -330,7 +431,7 @@ RunResult RunTool(const std::string& directory, const std::string& tool,
     const StateDirectory before = ReadStateDirectory(directory);
     const pid_t child = fork();
     if (child == 0) {
-        Start(directory, faults, library, options, words);
+        Run(start);
     }
     int status = 0;
     while (child > 0 && waitpid(child, &status, 0) < 0 && errno == EINTR) {

@@ -6,6 +6,7 @@
 #include <fnmatch.h>
 #include <regex>
 #include <sstream>
+#include <sys/stat.h>
 #include <sys/wait.h>
 
 namespace fs = std::filesystem;
@@ -138,6 +139,8 @@ TEST_F(FwlabTest, PackRefuses) {
         {2, "entry is missing", "technology = 'ufs'\n"},
         {2, "entry is not", "technology = 'ufs'\nentry = []\n"},
         {2, "entry 1: unknown key: ext_csd_rev", UfsManifest({"ext_csd_rev = 8"})},
+        {2, "1: more than 64 dots",
+         "a" + std::regex_replace(std::string(20000, 'x'), std::regex("x"), ".a") + " = 1"},
         {2, "unknown key: \\x1b", UfsManifest({"\"\\u001b\" = 8"})},
         {2, "entry 1: revision is not", UfsManifest({"revision = true"})},
         {2, "0 to 255", EmmcManifest({"revision = [256, 1]"})},
@@ -146,7 +149,7 @@ TEST_F(FwlabTest, PackRefuses) {
         {2, "base_revisions is not", EmmcManifest({"base_revisions = 'A'"})},
         {2, "gone: No such file", UfsManifest({"image = 'gone'"})},
         {2, "mem: Input/output error", UfsManifest({"image = '/proc/self/mem'"})},
-        {2, "?gone: No such file", UfsManifest({"image = \"\\u001Bgone\""})},
+        {2, "\\x1bgone: No such file", UfsManifest({"image = \"\\u001Bgone\""})},
         {1, "entry 1 (in the package entry 1 at 0x0): uses up its attempt: its body is empty",
          UfsManifest(), ""},
         {1, "\"0x1ce\" is no manfid", UfsManifest({"manfid = '0x1ce'"})},
@@ -200,6 +203,12 @@ TEST_F(FwlabTest, PackRefuses) {
     const std::string renamed = Ufs({"product_name = 'KLUEG8U1EM-REWK'", "revision = '1000'"});
     Expect(Pack(UfsManifest(original) + renamed), 0);
     Expect(Fwlab("pack manifest.toml -o gone/package"), 2, "gone/package: No such file");
+    fs::create_symlink("package", directory + "/link");
+    ASSERT_EQ(mkfifo(Path("/fifo").c_str(), 0600), 0);
+    for (const std::string output : {"link", "fifo", "/dev/null", ".", "manifest.toml", "image"}) {
+        Expect(Fwlab("pack manifest.toml -o " + output), 2, "fwlab: " + output + ": is ");
+    }
+    EXPECT_TRUE(fs::is_symlink(directory + "/link") && fs::is_character_file("/dev/null"));
 }
 
 TEST_F(FwlabTest, ListFindsWhatPhonesPassOver) {
@@ -338,7 +347,7 @@ TEST_F(FwlabTest, MatchTellsBothDecisions) {
     Expect(Fwlab(emmc + "SIM064 --revision '\\x05'"), 0, "runs \"\\x05\\x00");
     Expect(Fwlab(emmc + "SIM064 --revision '\\x05\\x01'"), 1, "none of its base revisions");
     Expect(Fwlab(emmc + "SIM064 --revision '\\x5'"), 2, "a backslash begins");
-    Expect(Fwlab(emmc + "SIM06 --revision 1"), 2, "6 characters");
+    Expect(Fwlab(emmc + "SIM06 --revision 1"), 2, "--product has 5 bytes, not 6");
     Put("/package", With(ufs, UFS_PNM_FIELD, "SIM\n"));
     Expect(Fwlab("match package --manfid 0x0001ce --product SIM --revision 0800"), 0);
     Expect(Fwlab("match package --manfid 0x0001ce --product SIM"), 2, "revision");
@@ -433,6 +442,11 @@ TEST_F(FwlabTest, WrongUsageEndsWithTwo) {
         SCOPED_TRACE(arguments);
         Expect(Fwlab(arguments), 2);
     }
+    Expect(Fwlab("rehears"), 2, "\"rehears\" is no command; the nearest is rehearse");
+    Expect(Fwlab("list 'a\x1b' --json"), 2, R"({"error":"a\\x1b: No such file*","status":2})");
+    Expect(Fwlab("list package '\x1b'"), 2, "not expected: \\x1b");
+    Expect(Fwlab("list package >/dev/full"), 2);
+    Expect(Fwlab("--version"), 0, "fwlab 1.");
     for (const char* command : {"", "pack", "list", "match", "rehearse", "outcome"}) {
         Expect(Fwlab(std::string(command) + " --help"), 0, "Usage: *Options:*Exit status");
     }

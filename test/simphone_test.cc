@@ -3,6 +3,7 @@
 #include "simphone/power_loss.h"
 #include "test/phone.h"
 
+#include <filesystem>
 #include <iterator>
 #include <sstream>
 
@@ -137,6 +138,25 @@ TEST_F(SimphoneTest, EachStateAfterAPowerCutCanBeMade) {
             EXPECT_TRUE(ReadStateDirectory(directory) == survival.state) << losses;
         }
     }
+}
+
+// A tool whose calls did not reach the phone would work on this machine instead.
+TEST_F(SimphoneTest, ToolNeverRunsWithoutItsPhone) {
+    Make(GkiPhone(), {{EMMC_PACKAGE, EmmcEntry()}, {"/tool", "#!/bin/sh\ntouch \"$0.ran\"\n"}});
+    std::istringstream words(FFU_LAUNCHER);
+    const Texts launcher(std::istream_iterator<std::string>(words), {});
+    const std::string library = Path("/a b:c/libsimphone.so"), tool = Path("/tool");
+    std::filesystem::create_directory(Path("/a b:c"));
+    std::filesystem::copy_file(SIMPHONE_LIBRARY, library);
+    EXPECT_EQ(Requests(RunTool(directory, FFU_PATH, {{}, launcher, library})).size(), 1U);
+
+    std::filesystem::permissions(tool, std::filesystem::perms::owner_all);
+    EXPECT_NE(RunTool(directory, tool, {{}, launcher, SIMPHONE_LIBRARY}).error, "");
+    EXPECT_EQ(Get("/tool.ran"), MISSING);
+    Put("/damaged.so", "simphone_attach");
+    EXPECT_NE(RunTool(directory, FFU_PATH, {{}, launcher, Path("/damaged.so")}).error, "");
+    std::string error;
+    EXPECT_FALSE(MakePhone(Path("/phone.toml"), directory, error)); // one is there
 }
 
 TEST_F(SimphoneTest, FaultsThatNoCallMetAreTold) {
