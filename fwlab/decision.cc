@@ -53,6 +53,15 @@ UfsFwHeader UfsDevice(const Identity& identity) {
     return device;
 }
 
+// The product name that the update goes by: not always the device's own.
+std::string UpdateName(const Identity& device) {
+    if (device.layout != &UFS) {
+        return Get(device, device.layout->name);
+    }
+    const UfsFwHeader header = UfsDevice(device);
+    return {reinterpret_cast<const char*>(header.ufsPnm), sizeof(header.ufsPnm)};
+}
+
 // Without what the update takes for blanks at the end.
 std::string Trimmed(std::string name) {
     name.resize(name.find_last_not_of(std::string(" \r\n\0", 4)) + 1);
@@ -115,9 +124,8 @@ std::string Difference(const Entry& entry, const Identity& device) {
                 field.size == 1 ? fmt::format("{}", static_cast<uint8_t>(here[0])) : Quoted(here));
         }
     }
-    const auto* name = reinterpret_cast<const char*>(UfsDevice(device).ufsPnm);
     return fmt::format("the update knows the device as {}, which no entry names",
-                       Quoted(std::string(name, strnlen(name, UFS.name.size))));
+                       Quoted(Trimmed(UpdateName(device))));
 }
 
 // seen is the pre-check's entry.
@@ -167,23 +175,14 @@ Step UpdateUfs(const Package& package, const Device& device, const Entry& seen) 
     return step;
 }
 
-// Whether the update goes by another product name than the device's own.
-bool IsRenamed(const Identity& device) {
-    return device.layout == &UFS &&
-           memcmp(UfsDevice(device).ufsPnm, Get(device, UFS.name).data(), UFS.name.size) != 0;
-}
-
 // Whether the entry names this very device, by the name that the update goes by.
 bool Names(const Entry& entry, const Identity& device) {
     const Layout& layout = *device.layout;
     const auto same = [&](const Field& field) {
         return Get(entry.identity, field) == Get(device, field);
     };
-    const auto* name = reinterpret_cast<const char*>(UfsDevice(device).ufsPnm);
     return same(layout.manufacturer) && same(layout.extCsdRev) &&
-           (device.layout == &UFS
-                ? Trimmed(Get(entry.identity, layout.name)) == Trimmed({name, UFS.name.size})
-                : same(layout.name));
+           Trimmed(Get(entry.identity, layout.name)) == Trimmed(UpdateName(device));
 }
 
 // Why a device that entry describes would not be sent exactly this entry; empty if it would.
@@ -206,7 +205,8 @@ std::string WhyNotSent(const Package& package, const Entry& entry, const Device&
     }
     const Entry* sent = decision.sent;
     const bool isMeant = sent == nullptr || sent == &entry ||
-                         (IsRenamed(device.identity) && Get(sent->identity, revision) == own);
+                         (UpdateName(device.identity) != Get(device.identity, name) &&
+                          Get(sent->identity, revision) == own);
     if (!isMeant) {
         return Get(sent->identity, name) == Get(entry.identity, name)
                    ? fmt::format("{} comes first and is for the same devices", Title(*sent))
@@ -350,7 +350,8 @@ bool NeedsGkiMode(const Entry& entry) {
 Texts NotesOf(const Entry& entry) {
     Texts notes;
     const Layout& layout = *entry.identity.layout;
-    const std::string revision = Get(entry.identity, layout.revision), text = revision.c_str();
+    const std::string revision = Get(entry.identity, layout.revision),
+                      text = revision.substr(0, revision.find('\0'));
     if (NeedsGkiMode(entry)) {
         notes.emplace_back(LARGE_EMMC_BODY);
     }

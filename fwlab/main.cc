@@ -56,7 +56,7 @@ std::string Bytes(const std::string& text) {
 
 // The bytes that an option gives for a field.
 std::string BytesOf(const char* option, const std::string& text, const Field& field, bool isExact) {
-    const std::string bytes = Bytes(text);
+    std::string bytes = Bytes(text);
     Require(bytes.size() <= field.size && (!isExact || bytes.size() == field.size), 2,
             fmt::format("{} has {} bytes, not {}{}", option, bytes.size(),
                         isExact ? "" : "at most ", field.size));
