@@ -20,6 +20,7 @@ constexpr char EMPTY_BODY[] = "its body is empty: the device is sent nothing";
 constexpr char LARGE_EMMC_BODY[] = "the body is larger than 1 MiB: only GKI mode takes it";
 constexpr char LARGE_UFS_BODY[] =
     "the body is larger than 8 MiB: the device is sent its beginning only";
+constexpr char NO_BASE[] = "the revision that runs is none of its base revisions";
 constexpr char UNREADABLE_RECORD[] = "it cannot be read back, the run stops";
 constexpr char UNREADABLE_REVISION[] =
     "a revision with a line feed: the phone cannot read the record of the attempt back";
@@ -104,13 +105,17 @@ Step PreCheck(const Package& package, const Identity& device, PackageRevs& revs)
                                          : FindRevs(info, package.bytes.get(), package.size, revs);
     const int verdict = CheckFwBin(info, parsed, revs);
     const Entry* entry = parsed == 0 ? EntryAt(package, revs.entry) : nullptr;
-    const std::string reason = entry == nullptr ? WhyNoName(package, device)
-                               : verdict == STEP_DONE
-                                   ? "its revision is another, to be applied from the one that runs"
-                               : IsSameRev(info.localFwRev, revs.fwFileRev)
-                                   ? "its revision begins like the one that runs: taken for equal"
-                                   : "the revision that runs is none of its base revisions";
-    return {"pre-check", verdict == STEP_DONE, entry, reason, TakePhoneMessages()};
+    Step step = {"pre-check", verdict == STEP_DONE, entry, "", TakePhoneMessages()};
+    if (entry == nullptr) {
+        step.reason = WhyNoName(package, device);
+    } else if (step.goesOn) {
+        step.reason = "its revision is another, to be applied from the one that runs";
+    } else if (IsSameRev(info.localFwRev, revs.fwFileRev)) {
+        step.reason = "its revision begins like the one that runs: taken for equal";
+    } else {
+        step.reason = CheckBaseRev(info, revs.legalBaseRev) ? step.messages.back() : NO_BASE;
+    }
+    return step;
 }
 
 // Where entry and device, of one product name, differ.
@@ -200,7 +205,7 @@ std::string WhyNotSent(const Package& package, const Entry& entry, const Device&
             "its revision: give each a package of its own",
             Title(*seen));
     }
-    if (decision.verdict == Verdict::NOTHING) {
+    if (!decision.steps.front().goesOn) {
         return fmt::format("the pre-check takes {}: {}", Title(*seen), decision.why);
     }
     const Entry* sent = decision.sent;
@@ -220,8 +225,8 @@ std::string WhyNotSent(const Package& package, const Entry& entry, const Device&
 } // namespace
 
 const char* NameOf(Verdict verdict) {
-    const char* const names[] = {"update",  "nothing-to-do", "attempted", "stops",
-                                 "used-up", "wrong-image",   "stuck"};
+    const char* const names[] = {"update", "nothing-to-do", "refused",     "attempted",
+                                 "stops",  "used-up",       "wrong-image", "stuck"};
     return names[static_cast<size_t>(verdict)];
 }
 
@@ -266,7 +271,8 @@ Decision Decide(const Package& package, const Device& device, const Record* reco
     };
     const Entry* seen = decision.PreCheck();
     if (!decision.steps.back().goesOn) {
-        return end(Verdict::NOTHING, decision.steps.back().reason);
+        const std::string why = decision.steps.back().reason;
+        return end(why == NO_BASE ? Verdict::REFUSED : Verdict::NOTHING, why);
     }
     const std::string target = revs.fwFileRev;
     if (record != nullptr) {

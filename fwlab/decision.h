@@ -23,6 +23,7 @@ std::optional<Texts> BaseRevisionsOf(const Identity& identity);
 enum class Verdict {
     UPDATE,      // the device is sent the entry that the pre-check saw
     NOTHING,     // nothing to do, nothing on record
+    REFUSED,     // the same, as the running revision is none of the entry's base revisions
     ATTEMPTED,   // the revision is on record already
     STOPS,       // the record cannot be read back: the run stops, as will all later ones
     USED_UP,     // the attempt goes on record, and the device does not get the entry

@@ -3,7 +3,6 @@
 #include "fwlab/manifest.h"
 
 #include "simphone/files.h"
-#include "simphone/keys.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -12,35 +11,6 @@
 #include <fmt/format.h>
 
 namespace {
-
-// A text or a list of bytes, or for a field of one byte a number, brought to the size of the field.
-bool ReadBytes(const toml::node& node, const Field& field, std::string& bytes) {
-    const bool isText = node.is_string();
-    const bool isExact = field.filling == Field::EXACT || (field.filling == Field::NODE && !isText);
-    if (field.size == 1 ? !AppendBytes(toml::array{node}, bytes) : !AppendBytes(node, bytes)) {
-        return false;
-    }
-    Require(bytes.size() <= field.size && (!isExact || bytes.size() == field.size), 1,
-            fmt::format("{} has {} bytes, not {}{}", field.key, bytes.size(),
-                        isExact ? "" : "at most ", field.size));
-    Require(field.filling != Field::NODE || !bytes.empty(), 1,
-            std::string(field.key) + " is empty: no device has it");
-    if (&field == &UFS.manufacturer && isText) {
-        const bool isRight = bytes.size() == field.size && bytes.rfind("0x", 0) == 0 &&
-                             bytes.find_first_not_of("0123456789abcdef", 2) == std::string::npos;
-        Require(isRight, 1,
-                Quoted(bytes) + " is no manfid as kernels print it, such as \"0x0001ce\": 0x and "
-                                "six digits, letters in lower case; write a list of 8 numbers "
-                                "where a kernel prints another one");
-    }
-    if (field.filling == Field::NODE && isText) {
-        Require(bytes.find('\n') == std::string::npos, 1,
-                std::string(field.key) + " has a line feed: fwlab adds it, as phones read one");
-        bytes += '\n';
-    }
-    bytes.resize(field.size);
-    return true;
-}
 
 // Free slots repeat the last revision, so that they admit nothing else.
 bool ReadBaseRevs(const toml::node& node, const Field& revision, std::string& bytes) {
@@ -76,16 +46,7 @@ ManifestEntry ReadEntry(Keys keys, const Layout& layout, const std::filesystem::
     Identity identity = NewIdentity(layout);
     Set(identity, layout.baseRevs, std::string(BASE_REVS_SIZE, '\xFF'));
     const auto take = [&](const Field& field, Need need) {
-        const char* wanted = field.size == 1 ? "a number from 0 to 255"
-                                             : "made of texts, or of numbers from 0 to 255";
-        Take(keys, field.key, need, wanted, [&](const toml::node& node) {
-            std::string bytes;
-            const bool isRight = &field == &layout.baseRevs
-                                     ? ReadBaseRevs(node, layout.revision, bytes)
-                                     : ReadBytes(node, field, bytes);
-            Set(identity, field, bytes);
-            return isRight;
-        });
+        TakeField(keys, field, need, identity);
     };
     take(layout.manufacturer, kRequired);
     take(layout.name, kRequired);
@@ -103,6 +64,47 @@ ManifestEntry ReadEntry(Keys keys, const Layout& layout, const std::filesystem::
 }
 
 } // namespace
+
+bool ReadBytes(const toml::node& node, const Field& field, std::string& bytes) {
+    const bool isText = node.is_string();
+    const bool isExact = field.filling == Field::EXACT || (field.filling == Field::NODE && !isText);
+    if (field.size == 1 ? !AppendBytes(toml::array{node}, bytes) : !AppendBytes(node, bytes)) {
+        return false;
+    }
+    Require(bytes.size() <= field.size && (!isExact || bytes.size() == field.size), 1,
+            fmt::format("{} has {} bytes, not {}{}", field.key, bytes.size(),
+                        isExact ? "" : "at most ", field.size));
+    Require(field.filling != Field::NODE || !bytes.empty(), 1,
+            std::string(field.key) + " is empty: no device has it");
+    if (&field == &UFS.manufacturer && isText) {
+        const bool isRight = bytes.size() == field.size && bytes.rfind("0x", 0) == 0 &&
+                             bytes.find_first_not_of("0123456789abcdef", 2) == std::string::npos;
+        Require(isRight, 1,
+                Quoted(bytes) + " is no manfid as kernels print it, such as \"0x0001ce\": 0x and "
+                                "six digits, letters in lower case; write a list of 8 numbers "
+                                "where a kernel prints another one");
+    }
+    if (field.filling == Field::NODE && isText) {
+        Require(bytes.find('\n') == std::string::npos, 1,
+                std::string(field.key) + " has a line feed: fwlab adds it, as phones read one");
+        bytes += '\n';
+    }
+    bytes.resize(field.size);
+    return true;
+}
+
+void TakeField(Keys keys, const Field& field, Need need, Identity& identity) {
+    Take(keys, field.key, need,
+         field.size == 1 ? "a number from 0 to 255" : "made of texts, or of numbers from 0 to 255",
+         [&](const toml::node& node) {
+             std::string bytes;
+             const bool isRight = &field == &identity.layout->baseRevs
+                                      ? ReadBaseRevs(node, identity.layout->revision, bytes)
+                                      : ReadBytes(node, field, bytes);
+             Set(identity, field, bytes);
+             return isRight;
+         });
+}
 
 std::vector<ManifestEntry> ReadManifest(const std::string& path) {
     toml::table table;

@@ -37,6 +37,7 @@ std::string Sentence(const Decision& decision) {
                            Quoted(RevisionOf(decision.sent->identity)), decision.sentSize,
                            Title(*decision.sent));
     case Verdict::NOTHING:
+    case Verdict::REFUSED:
         return "No update.";
     case Verdict::ATTEMPTED:
         return "No update: it was attempted already.";

@@ -269,7 +269,7 @@ protected:
         return false;
     }
 
-    size_t verdicts[7] = {};
+    size_t verdicts[8] = {};
 };
 
 TEST_F(AgreementTest, MatchSaysWhatTheToolDoes) {

@@ -1,0 +1,210 @@
+// The release gate: what each phone of a fleet gets from the packages, before any phone has them.
+#include "fwlab/commands.h"
+#include "fwlab/json.h"
+#include "fwlab/models.h"
+#include "fwlab/outcome.h"
+#include "fwlab/spans.h"
+#include "simphone/files.h"
+
+#include <algorithm>
+#include <fmt/format.h>
+#include <map>
+#include <set>
+
+namespace {
+
+// Phones of one model that run one revision and get one answer.
+struct Line {
+    const Model* model;
+    std::string revision;
+    uint64_t phones;
+    Verdict verdict;
+    std::string gets; // for people
+    const Package* package;
+    const Entry* sent;
+};
+
+bool IsBad(Verdict verdict) {
+    return verdict == Verdict::USED_UP || verdict == Verdict::WRONG_IMAGE ||
+           verdict == Verdict::STUCK;
+}
+
+std::string Gets(const Decision& decision) {
+    const std::string revision = Quoted(decision.recorded);
+    switch (decision.verdict) {
+    case Verdict::UPDATE:
+        return fmt::format("gets entry {}, {}", decision.sent->number, revision);
+    case Verdict::NOTHING:
+        return "nothing to do: " + decision.why;
+    case Verdict::REFUSED:
+        return "refused: " + decision.why;
+    case Verdict::ATTEMPTED:
+        return "attempted already, not again";
+    case Verdict::STOPS:
+        return "stops: its record cannot be read back";
+    case Verdict::WRONG_IMAGE:
+        return "WRONG IMAGE: " + decision.why;
+    default:
+        return "USED UP: " + decision.why;
+    }
+}
+
+Line MakeLine(const Model& model, const Running& running, uint64_t phones, const Package* package,
+              const Decision& decision) {
+    return {&model,
+            running.revision,
+            phones,
+            decision.verdict,
+            Gets(decision),
+            package,
+            decision.verdict == Verdict::UPDATE ? decision.sent : nullptr};
+}
+
+std::string UpToZero(const std::string& bytes) {
+    return bytes.substr(0, bytes.find('\0'));
+}
+
+// The lines of one model and revision: of phones that have made no attempt from it, and of those
+// whose record is there.
+void AddLines(const Model& model, const Running& running, const Package* package,
+              const std::vector<Record>& records, std::vector<Line>& lines) {
+    const Layout& layout = *model.device.identity.layout;
+    Device device = model.device;
+    Set(device.identity, layout.revision, running.revision);
+    if (package == nullptr) {
+        lines.push_back({&model, running.revision, running.phones, Verdict::NOTHING,
+                         fmt::format("nothing to do: there is no {} package", layout.title),
+                         nullptr, nullptr});
+        return;
+    }
+    std::map<Verdict, Line> recorded;
+    uint64_t others = running.phones;
+    for (const Record& record : records) {
+        if (record.product == UpToZero(Get(device.identity, layout.name)) &&
+            record.base == UpToZero(running.revision) && others > 0) {
+            const Decision decision = Decide(*package, device, &record);
+            const auto line = recorded.try_emplace(decision.verdict,
+                                                   MakeLine(model, running, 0, package, decision));
+            line.first->second.phones++;
+            others--;
+        }
+    }
+    if (others > 0 || recorded.empty()) {
+        lines.push_back(MakeLine(model, running, others, package, Decide(*package, device)));
+    }
+    for (const auto& [verdict, line] : recorded) {
+        lines.push_back(line);
+    }
+}
+
+Json Describe(const Line& line) {
+    const Layout& layout = *line.model->device.identity.layout;
+    return {{"product_name", Escaped(Get(line.model->device.identity, layout.name))},
+            {"manufacturer", Escaped(Get(line.model->device.identity, layout.manufacturer))},
+            {"revision", Escaped(line.revision)},
+            {"phones", line.phones},
+            {"answer", NameOf(line.verdict)},
+            {"gets", line.gets},
+            {"package", line.package == nullptr ? Json() : Json(Escaped(line.package->path))},
+            {"entry", line.sent == nullptr ? Json() : Json(line.sent->number)}};
+}
+
+// Entries of the packages' maker that no phone of the fleet gets.
+Texts UnusedEntries(const std::vector<Package>& packages, const std::vector<Line>& lines) {
+    std::set<const Entry*> used;
+    for (const Line& line : lines) {
+        used.insert(line.sent);
+    }
+    Texts unused;
+    for (const Package& package : packages) {
+        for (const Entry& entry : package.entries) {
+            if (used.count(&entry) == 0 && OuterEntry(package, entry) == nullptr) {
+                unused.push_back(fmt::format("{} of {}, {} for {}: no phone of the fleet gets it",
+                                             Title(entry), Quoted(package.path),
+                                             Quoted(Get(entry.identity, package.layout->revision)),
+                                             Quoted(Get(entry.identity, package.layout->name))));
+            }
+        }
+    }
+    return unused;
+}
+
+void Print(const std::vector<Line>& lines) {
+    size_t width = 0;
+    for (const Line& line : lines) {
+        const Identity& identity = line.model->device.identity;
+        width = std::max(width, Quoted(Get(identity, identity.layout->name)).size());
+    }
+    fmt::print("{:<{}}  {:<12} {:>10}\n", "MODEL", width, "RUNS", "PHONES");
+    for (const Line& line : lines) {
+        const Identity& identity = line.model->device.identity;
+        fmt::print("{:<{}}  {:<12} {:>10}  {}\n", Quoted(Get(identity, identity.layout->name)),
+                   width, Quoted(line.revision), line.phones, line.gets);
+        for (const std::string& note : line.sent == nullptr ? Texts() : NotesOf(*line.sent)) {
+            fmt::print("    note: {}\n", note);
+        }
+    }
+}
+
+} // namespace
+
+int Plan(const PlanOptions& options) {
+    std::vector<Package> packages;
+    for (const std::string& path : options.packages) {
+        packages.push_back(OpenPackage(path));
+        Require(packages.back().flaw.empty(), 1, path + " " + packages.back().flaw);
+        for (size_t i = 0; i + 1 < packages.size(); i++) {
+            Require(packages[i].layout != packages.back().layout, 2,
+                    fmt::format("{} and {} are both {} packages: a phone has one", packages[i].path,
+                                path, packages[i].layout->title));
+        }
+    }
+    const std::vector<Model> models = ReadModels(options.fleet);
+    std::vector<Record> records;
+    if (!options.records.empty()) {
+        for (const std::string& directory : StateDirectoriesIn(options.records)) {
+            records.push_back(DescribeState(directory).record);
+        }
+    }
+    std::vector<Line> lines;
+    for (const Model& model : models) {
+        const auto package = std::find_if(packages.begin(), packages.end(), [&](const Package& p) {
+            return p.layout == model.device.identity.layout;
+        });
+        for (const Running& running : model.running) {
+            AddLines(model, running, package == packages.end() ? nullptr : &*package, records,
+                     lines);
+        }
+    }
+    std::map<Verdict, uint64_t> totals;
+    for (const Line& line : lines) {
+        totals[line.verdict] += line.phones;
+    }
+    const Texts unused = UnusedEntries(packages, lines);
+    const bool isReleasable =
+        unused.empty() && std::none_of(lines.begin(), lines.end(),
+                                       [](const Line& line) { return IsBad(line.verdict); });
+    if (options.asJson) {
+        Json answer = {{"lines", Json::array()}, {"totals", Json::object()}, {"unused", unused}};
+        for (const Line& line : lines) {
+            answer["lines"].push_back(Describe(line));
+        }
+        for (const auto& [verdict, phones] : totals) {
+            answer["totals"][NameOf(verdict)] = phones;
+        }
+        fmt::print("{}\n", answer.dump(2));
+        return isReleasable ? 0 : 1;
+    }
+    Print(lines);
+    fmt::print("\nPhones:");
+    for (const auto& [verdict, phones] : totals) {
+        fmt::print(" {} {}", phones, NameOf(verdict));
+    }
+    fmt::print("\n");
+    for (const std::string& text : unused) {
+        fmt::print("FINDING: {}\n", text);
+    }
+    fmt::print("{}\n", isReleasable ? "Ready to be released to this fleet."
+                                    : "NOT to be released to this fleet.");
+    return isReleasable ? 0 : 1;
+}
