@@ -14,10 +14,11 @@ namespace {
 
 // What the command line says; the parser runs the command that it names.
 struct Arguments {
-    std::string manifest, package, output, phone, record, directory;
+    std::string manifest, package, output, phone, record;
     bool gkiOnly, json;
     Description device; // by hand
     RehearseOptions rehearsal;
+    OutcomeOptions outcome;
     int status; // of the command
 };
 
@@ -111,11 +112,24 @@ void AddRehearse(CLI::App& app, Arguments& args) {
 }
 
 void AddOutcome(CLI::App& app, Arguments& args) {
-    CLI::App* outcome = app.add_subcommand("outcome", "Explain a phone's /data/vendor/fw");
-    outcome->add_option("DIR", args.directory, "the directory, pulled from a phone")->required();
-    outcome->footer("Exit status 0: the last run came to its regular end, and no failed update or "
-                    "damaged record is left.");
-    outcome->callback([&] { args.status = Outcome(args.directory); });
+    OutcomeOptions& options = args.outcome;
+    CLI::App* outcome = app.add_subcommand("outcome", "Explain what runs left in /data/vendor/fw");
+    outcome
+        ->add_option("DIR", options.directories,
+                     "that directory, pulled from a phone, or a folder of many: FOLDER/SERIAL/...")
+        ->required();
+    outcome->add_flag("--json", options.asJson, "one line for each directory, for programs");
+    outcome
+        ->add_option("--fail-above", options.failAbove,
+                     "exit status 1 only if more than this share (percent) is not updated, of all "
+                     "that are neither \"nothing\" nor \"foreign\"")
+        ->check(CLI::Range(0.0, 100.0));
+    outcome->footer(
+        "States: updated; nothing: nothing to do, never attempted; failed; interrupted; unknown: "
+        "attempted, nothing downloaded or unknown; stopped: outside of an attempt; damaged: no "
+        "run can read the record; foreign: no state directory; unreadable. Exit status 0: all "
+        "are updated or nothing. 2: none is a state directory that can be read.");
+    outcome->callback([&] { args.status = Outcome(options); });
 }
 
 int Run(int argc, char** argv) {
