@@ -5,6 +5,8 @@
 #include "fwlab/package.h"
 #include "simphone/description.h"
 
+#include <optional>
+
 // Builds the package of a manifest at output. What was there is replaced by a whole package or
 // stays as it was. withLargeEmmc admits images that only the kernel's own update (GKI mode) takes.
 int Pack(const std::string& manifestFile, const std::string& output, bool withLargeEmmc);
@@ -32,4 +34,17 @@ struct RehearseOptions {
 // Runs the ffu that lies beside this program.
 int Rehearse(const RehearseOptions& options);
 
-int Outcome(const std::string& directory);
+struct PlanOptions {
+    Texts packages; // one of each technology at most
+    std::string fleet;
+    std::string records; // a folder of state directories; empty: no phone has made an attempt
+    bool asJson;
+};
+int Plan(const PlanOptions& options);
+
+struct OutcomeOptions {
+    Texts directories; // state directories, or folders with such below them
+    bool asJson;
+    std::optional<double> failAbove; // percent; none: not one may fail
+};
+int Outcome(const OutcomeOptions& options);

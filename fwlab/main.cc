@@ -16,10 +16,12 @@ namespace {
 
 // What the command line says; the parser runs the command that it names.
 struct Arguments {
-    std::string manifest, package, output, phone, record, directory;
+    std::string manifest, package, output, phone, record;
     bool gkiOnly, json;
     Description device; // by hand
     RehearseOptions rehearsal;
+    PlanOptions plan;
+    OutcomeOptions outcome;
     int status; // of the command
 };
 
@@ -115,11 +117,40 @@ void AddRehearse(CLI::App& app, Arguments& args) {
 }
 
 void AddOutcome(CLI::App& app, Arguments& args) {
-    CLI::App* outcome = app.add_subcommand("outcome", "Explain a phone's /data/vendor/fw");
-    outcome->add_option("DIR", args.directory, "the directory, pulled from a phone")->required();
-    outcome->footer("Exit status 0: the last run came to its regular end, and no failed update or "
-                    "damaged record is left.");
-    outcome->callback([&] { args.status = Outcome(args.directory); });
+    OutcomeOptions& options = args.outcome;
+    CLI::App* outcome = app.add_subcommand("outcome", "Explain what runs left in /data/vendor/fw");
+    outcome
+        ->add_option("DIR", options.directories,
+                     "that directory, pulled from a phone, or a folder of many: FOLDER/SERIAL/...")
+        ->required();
+    outcome->add_flag("--json", options.asJson, "one line for each directory, for programs");
+    outcome
+        ->add_option("--fail-above", options.failAbove,
+                     "exit status 1 only if more than this share (percent) is not updated, of all "
+                     "that are neither \"nothing\" nor \"foreign\"")
+        ->check(CLI::Range(0.0, 100.0));
+    outcome->footer(
+        "States: updated; nothing: nothing to do, never attempted; failed; interrupted; unknown: "
+        "attempted, nothing downloaded or unknown; stopped: outside of an attempt; damaged: no "
+        "run can read the record; foreign: no state directory; unreadable. Exit status 0: all "
+        "are updated or nothing. 2: none is a state directory that can be read.");
+    outcome->callback([&] { args.status = Outcome(options); });
+}
+
+void AddPlan(CLI::App& app, Arguments& args) {
+    PlanOptions& options = args.plan;
+    CLI::App* plan = app.add_subcommand("plan", "Tell what each phone of a fleet would get");
+    plan->add_option("PACKAGE", options.packages, "the packages, one of each technology")
+        ->required();
+    plan->add_option("--fleet", options.fleet, "the device models (see fwlab/fleet.toml)")
+        ->required();
+    plan->add_option("--records", options.records,
+                     "a folder of state directories: phones that have made an attempt")
+        ->check(CLI::ExistingDirectory);
+    plan->add_flag("--json", options.asJson, "for programs");
+    plan->footer("Exit status 0: no phone would use up its attempt or get a wrong image, and each "
+                 "entry is for a phone of the fleet.");
+    plan->callback([&] { args.status = Plan(options); });
 }
 
 // How many characters have to be added, taken away or replaced to make one word of the other.
@@ -161,6 +192,7 @@ int Run(int argc, char** argv) {
     AddList(app, args);
     AddMatch(app, args);
     AddRehearse(app, args);
+    AddPlan(app, args);
     AddOutcome(app, args);
     try {
         RequireCommand(app, argc, argv);

@@ -1,12 +1,36 @@
 // The files that runs leave on a phone, read as the phone reads them.
 #pragma once
 
-#include "fwlab/package.h"
+#include "fwlab/record.h"
 
-// How the last run ended and what the next one will do. isFine when a run came to its regular end
-// and neither a failed update nor a damaged record is left.
-struct StateReport {
-    bool isFine;
-    std::string text;
+// What a state directory tells. Where its files allow more than one course of events, it is
+// UNKNOWN.
+enum class State {
+    UPDATED,     // the last attempt on record passed, and the last run ended regularly
+    NOTHING,     // the last run ended regularly; none has made an attempt
+    FAILED,      // the last attempt failed
+    INTERRUPTED, // the last attempt has no outcome, and a run did not come to its end
+    UNKNOWN,     // attempted, perhaps without a download; or the files contradict each other
+    STOPPED,     // a run stopped early, outside of an attempt
+    DAMAGED,     // the record cannot be read back: every later run stops at it
+    FOREIGN,     // no file of a run
+    UNREADABLE,  // the directory or a file in it cannot be read from here
 };
+const char* NameOf(State state); // one word
+
+struct StateReport {
+    State state;
+    bool isFine;      // UPDATED or NOTHING
+    std::string text; // printable: the state, why it is taken for that, what the next run will do
+    Record record;    // without an attempt all its texts are empty
+};
+
+// Reads regular files only, follows no link in the directory, and never waits.
 StateReport DescribeState(const std::string& directory);
+
+// The state directories at directory and below it, in the order of their names, and folders that
+// are in the place of one; directory itself where there is none. Links are not followed.
+Texts StateDirectoriesIn(const std::string& directory);
+
+// The names of the files that runs leave in their state directory.
+const Texts& StateFileNames();

@@ -204,7 +204,7 @@ int Plan(const PlanOptions& options) {
     for (const std::string& text : unused) {
         fmt::print("FINDING: {}\n", text);
     }
-    fmt::print("{}\n", isReleasable ? "Ready to be released to this fleet."
+    fmt::print("{}\n", isReleasable ? "No phone of this fleet would use up its attempt or get a wrong image."
                                     : "NOT to be released to this fleet.");
     return isReleasable ? 0 : 1;
 }

@@ -8,6 +8,31 @@
 #include <cstring>
 #include <filesystem>
 
+namespace {
+
+constexpr char PRODUCT_KEY[] = "product name:";
+
+// Takes the last attempt's lines off content and puts their parts into time and product; both stay
+// empty where they are not as a run writes them. A product name may hold line feeds: the key at the
+// begin of a line, not the last but one line end, begins it.
+void TakeAttempt(std::string& content, std::string& time, std::string& product) {
+    const size_t line = content.rfind(std::string("\n") + PRODUCT_KEY);
+    const size_t key = line == std::string::npos ? 0 : line + 1;
+    const size_t name = key + strlen(PRODUCT_KEY);
+    const size_t nameEnd = content.find(std::string(", ") + BASE_REV_KEY, key);
+    const bool isWhole = content.compare(key, strlen(PRODUCT_KEY), PRODUCT_KEY) == 0 &&
+                         nameEnd != std::string::npos &&
+                         content.find('\n', nameEnd) == content.size() - 1;
+    product = isWhole ? content.substr(name, nameEnd - name) : "";
+    content.resize(isWhole && key > 0 ? key - 1 : 0);
+    const size_t lineEnd = content.rfind('\n');
+    const size_t begin = lineEnd == std::string::npos ? 0 : lineEnd + 1;
+    time = content.substr(begin);
+    content.resize(begin);
+}
+
+} // namespace
+
 Record ParseRecord(const std::string& content) {
     (void)TakePhoneMessages();
     std::string bytes = content;
@@ -18,18 +43,13 @@ Record ParseRecord(const std::string& content) {
     Require(file != nullptr, 2, "no memory to read a record");
     LastAttempt last = {};
     const bool isReadable = ReadLastLine(file.get(), line) == 0 && ParseAttempt(line, last) == 0;
-    Record record = {isReadable, last.lastBaseRev, last.lastTargetRev, "", "", TakePhoneMessages()};
-    // The line in front of the last one is the time; the phone does not read it.
-    const std::string lastLine = line;
-    const size_t begin = content.size() - std::min(content.size(), lastLine.size());
-    const size_t timeEnd = begin == 0 ? 0 : begin - 1;
-    const size_t timeBegin = content.rfind('\n', timeEnd == 0 ? 0 : timeEnd - 1);
-    const size_t from = timeBegin == std::string::npos ? 0 : timeBegin + 1;
-    record.time = content.substr(from, timeEnd - std::min(timeEnd, from));
-    const std::string key = "product name:";
-    const size_t name = lastLine.rfind(key, 0) == 0 ? key.size() : std::string::npos;
-    if (isReadable && name != std::string::npos) {
-        record.product = lastLine.substr(name, lastLine.rfind(", current fw version:") - name);
+    Record record = {isReadable, last.lastBaseRev, last.lastTargetRev, "", "", {}, !isReadable, ""};
+    record.messages = TakePhoneMessages();
+    if (isReadable) { // the phone reads neither product nor time
+        TakeAttempt(bytes, record.time, record.product);
+        record.isOnly = bytes.empty();
+        std::string product;
+        TakeAttempt(bytes, record.timeBefore, product);
     }
     return record;
 }

@@ -9,7 +9,10 @@ struct Record {
     std::string time;         // of the last attempt, as the record has it; empty without one
     std::string product;      // of the last attempt
     Texts messages;           // why it cannot be read
+    bool isOnly;              // no attempt stands in front of it
+    std::string timeBefore;   // of the attempt in front of it
 };
+// content may be the end of a long record, from the begin of a line on.
 Record ParseRecord(const std::string& content);
 Record ReadRecord(const std::string& path); // of a regular file; Stop if it cannot be read
 

@@ -1,59 +1,10 @@
-// The workstation tool as a user starts it: exit status, output, files left. Each command works in
-// a temporary directory that is removed with its test.
-#include "phone.h"
+// What the workstation tool makes of manifests, packages and phones.
+#include "fwlab.h"
 
-#include <filesystem>
-#include <fnmatch.h>
 #include <regex>
-#include <sstream>
 #include <sys/stat.h>
-#include <sys/wait.h>
-
-namespace fs = std::filesystem;
 
 namespace {
-
-struct Answer {
-    int status;
-    std::string text; // standard output and error
-};
-
-class FwlabTest : public PhoneTest {
-protected:
-    void SetUp() override {
-        PhoneTest::SetUp();
-        directory = fs::path(directory).parent_path();
-    }
-    void TearDown() override {
-        fs::remove_all(directory);
-    }
-
-    Answer Fwlab(const std::string& arguments, const std::string& before = "") const {
-        const std::string command =
-            "cd " + directory + " && " + before + " " FWLAB_PATH " " + arguments + " 2>&1";
-        FILE* pipe = popen(command.c_str(), "r"); // NOLINT(cert-env33-c): as in a user's shell
-        Answer answer = {};
-        for (int c = fgetc(pipe); c != EOF; c = fgetc(pipe)) {
-            answer.text += static_cast<char>(c);
-        }
-        const int status = pclose(pipe);
-        answer.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-        return answer;
-    }
-
-    Answer Pack(const std::string& manifest, const std::string& options = "") const {
-        Put("/manifest.toml", manifest);
-        return Fwlab("pack manifest.toml -o package " + options);
-    }
-};
-
-// The status, and the texts between the stars in the output, in this order.
-void Expect(const Answer& answer, int status, const std::string& texts = "") {
-    EXPECT_EQ(answer.status, status) << answer.text;
-    EXPECT_EQ(fnmatch(("*" + texts + "*").c_str(), answer.text.c_str(), FNM_NOESCAPE), 0)
-        << "no " << texts << " in:\n"
-        << answer.text;
-}
 
 // An entry table with other lines; a key alone takes its line away.
 std::string Entry(std::string entry, const Texts& lines) {
@@ -388,45 +339,6 @@ TEST_F(FwlabTest, RehearseEndsWithZeroOnlyForAnUpdatedPhone) {
     EXPECT_FALSE(fs::exists(directory + "/kept"));
     Expect(Fwlab(wrong + "'SG_IO EIO' --fault 'fsync EIO'"), 2,
            "no call of the run met: SG_IO EIO");
-}
-
-TEST_F(FwlabTest, OutcomeExplainsWhatARunLeft) {
-    const std::string line = "product name:SIM064, current fw version:A, upgrading to version:";
-    const std::string time = "Mon Nov 16 13:36:10 2026\n";
-    const struct {
-        std::string flags, record; // empty: there is none
-        int status;
-        std::string texts;
-    } rows[] = {
-        {"", "", 1, "never ran*will attempt"},
-        {"ffu.end", "", 0, "regular end: it found nothing to do*No update was started"},
-        {"ffu.end ffu.ok", line + "B\n", 0,
-         "regular end*passed (Mon Nov 16 13:36:10 2026)*will not attempt \"B\""},
-        {"ffu.end ffu.fail", line + "B\n", 1, "found nothing to do*failed (Mon Nov 16"},
-        {"ffu.end", line + "B\n", 0, "found nothing to do*no outcome*attempted from \"A\""},
-        {"ffu.bgn", "", 1, "stopped before*no storage device*No update was started"},
-        {"ffu.bgn", line + "B\n", 1, "the power failed during its update*no outcome"},
-        {"ffu.bgn ffu.fail", line + "B\n", 1, "stopped before*its update failed"},
-        {"ffu.bgn ffu.ok", line + "B\n", 1, "the power failed after its update*passed"},
-        {"ffu.bgn ffu.end", "", 1, "both run flags"},
-        {"ffu.ok", line + "B\n", 1, "could not create its begin flag or its end flag*passed"},
-        {"ffu.end ffu.ok ffu.fail", line + "B\n", 1, "cannot be told"},
-        {"ffu.end ffu.ok", line + "B", 1, "cannot be read back*Parse base rev failed!"},
-        {"ffu.end", line + "123456789\n", 1, "cannot be read back*memcpy_s error!"},
-        {"ffu.end", "\n", 1, "cannot be read back"},
-        {"ffu.end", line + "\x1b[2J\n", 0, "\"\\x1b[2J\""},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.flags + row.record);
-        fs::remove_all(directory + "/state");
-        fs::create_directory(directory + "/state");
-        std::istringstream flags(row.flags);
-        for (std::string flag; flags >> flag;) {
-            Put("/state/" + flag, flag == "ffu.ok" || flag == "ffu.fail" ? time : "");
-        }
-        Put("/state/fw_result", row.record.empty() ? MISSING : time + row.record);
-        Expect(Fwlab("outcome state"), row.status, row.texts);
-    }
 }
 
 TEST_F(FwlabTest, WrongUsageEndsWithTwo) {
