@@ -30,6 +30,26 @@ EmmcFwhdrCheck,line=198: fwbin file not match, no need to update
     EXPECT_EQ(Steps(run), "GetTmeStamp: invalid time param.exit.\n" + noParam + noParam + noParam);
     EXPECT_EQ(Count(Requests(run), "opcode=302 "), 1);
     EXPECT_EQ(Count(Requests(run), "opcode=303 "), 0);
+
+    Make(GkiPhone(), {{EMMC_PACKAGE, EmmcEntry()}}); // where no install can be left out
+    EXPECT_EQ(Count(Requests(Run({}, DIRECT_CALLS_PATH)), "GKI write 512 -> 512"), 1);
+}
+
+TEST_F(DirectTest, OtherFolderTypeAndResult) {
+    Make(UfsPhone(), {{UFS_PACKAGE, UfsEntry()}});
+    const RunResult run = Run({}, DIRECT_CALLS_PATH);
+    ExpectEnd(ConsoleText(run), "0 0\n");
+    EXPECT_EQ(Count(Requests(run), " data=4 "), 2);
+    Texts files; // the bodies: saved, read
+    for (const CallEntry& call : run.calls) {
+        const bool isOpened = call.function == "creat" || call.function == "open";
+        if (isOpened && call.path.find("ufs_fw_body.bin") != std::string::npos) {
+            files.push_back(call.path.substr(0, 5));
+        }
+    }
+    EXPECT_EQ(files, (Texts{"/tmp/", "/tmp/", "/data", "/data"}));
+    EXPECT_EQ(Left(), "ffu.fail");
+    EXPECT_EQ(Steps(run), "UpdateResultFlag: upgrade to 0900 fail");
 }
 
 TEST_F(DirectTest, RefusedCopiesFailTheirStep) {
@@ -76,6 +96,10 @@ TEST_F(DirectTest, RefusedCopiesFailTheirStep) {
          "upgrade to 0900 fail"},
         {"memcpy_s", 4, 4, ufs, noDevice, "ffu.end fw_result", ""},
         {"memcpy_s", 5, 5, UfsPhone(named), noName, passed, "update to 1000 pass"},
+        {"strncpy_s", 1, 1, ufs, "open error: /dev/block/sdc: No such file or directory\n", failed,
+         "upgrade to 0900 fail"},
+        {"strncpy_s", 2, 2, ufs, "ufs firmware update ret code = 15\n", failed,
+         "upgrade to 0900 fail"},
     };
     for (const auto& row : rows) {
         for (int call = row.first; call <= row.last; call++) {
@@ -90,6 +114,8 @@ TEST_F(DirectTest, RefusedCopiesFailTheirStep) {
             ExpectEnd(Steps(run), row.steps);
             EXPECT_EQ(Left(), row.left);
             EXPECT_EQ(Get("/device/pending") == MISSING, row.left != passed);
+            EXPECT_EQ(Count(Requests(run), "opcode=303 "),
+                      row.left == passed && row.phone == normal ? 1 : 0);
         }
     }
 }

@@ -58,6 +58,8 @@ const struct {
      "EmmcFfu,line=239: emmc firmware not exist, no need to update...\n", NOTHING},
     {"open /vendor/firmware/emmc_emer_fw.bin #2 EACCES", "EmmcFwGetSize,line=84: " + NOT_OPENED},
     {"lseek #1 returns=0", NO_SIZE + "0...\n"},
+    {"lseek #1 returns=2147483647", "EmmcFfu,line=250: calloc fwFileBuffer fail...\n", FAIL,
+     GkiPhone({{"faults", "['calloc null']"}})},
     {"lseek #1 returns=2147483648", NO_SIZE + "-2147483648...\n"},
     {"lseek #1 returns=4294967297", NO_SIZE + "1...\n"},
     {"calloc null", "EmmcFfu,line=250: calloc fwFileBuffer fail...\n"},

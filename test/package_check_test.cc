@@ -72,6 +72,8 @@ const struct {
     {"UFS, body a byte too long", With(UFS_ENTRY, UFS_SIZE_FIELD, BigEndian32(5)), NOT_FOUND, UFS},
     {"UFS, last base", With(UFS_ENTRY, UFS_BASE_FIELD, "0500060007000800"), UFS_FOUND + ADMITTED,
      UFS},
+    {"UFS, bases that agree in three bytes", With(UFS_ENTRY, UFS_BASE_FIELD, "1800090008100801"),
+     UFS_FOUND + REFUSED, UFS},
     {"UFS, base across two slots", With(UFS_ENTRY, UFS_BASE_FIELD, "..0800.........."),
      UFS_FOUND + REFUSED, UFS},
 };

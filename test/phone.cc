@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <endian.h>
+#include <fcntl.h>
 #include <filesystem>
 #include <regex>
 #include <set>
@@ -37,6 +38,23 @@ std::string Argument(const CallEntry& call, const std::string& name) {
     const std::string arguments = " " + call.arguments + " ", begin = " " + name + "=";
     const size_t at = arguments.find(begin), from = at + begin.size();
     return at == std::string::npos ? "" : arguments.substr(from, arguments.find(' ', from) - from);
+}
+
+// What the kernel and the vendor provide is looked at, not changed; but the node that updates.
+void ExpectOnlyRead(const RunResult& result) {
+    for (const CallEntry& call : result.calls) {
+        const bool isLookedAt = call.path.rfind("/vendor/", 0) == 0 ||
+                                call.path.rfind("/proc/", 0) == 0 ||
+                                call.path.rfind("/sys/", 0) == 0;
+        if (!isLookedAt || call.path == "/proc/bootdevice/ffu") {
+            continue;
+        }
+        if (call.function == "open") {
+            EXPECT_EQ(std::stoul(Argument(call, "flags"), nullptr, 0) & O_ACCMODE, O_RDONLY);
+        }
+        EXPECT_TRUE(call.function != "access" || Argument(call, "mode") == "0") << call.path;
+        EXPECT_TRUE(call.function != "creat" && call.function != "remove") << call.path;
+    }
 }
 
 } // namespace
@@ -195,6 +213,7 @@ RunResult PhoneTest::Run(const Texts& faults, const std::string& tool) const {
     RunResult result = RunAnyhow(faults, tool);
     EXPECT_EQ(result.signal, 0) << result.errors;
     ExpectAllGivenBack(result);
+    ExpectOnlyRead(result);
     return result;
 }
 

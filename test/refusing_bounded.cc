@@ -11,6 +11,7 @@ extern "C" {
 // NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 int __real_memcpy_s(void* dest, size_t destSize, const void* src, size_t count);
 int __real_memset_s(void* dest, size_t destSize, int value, size_t count);
+int __real_strncpy_s(char* dest, size_t destSize, const char* src, size_t count);
 
 namespace {
 
@@ -31,6 +32,11 @@ int __wrap_memcpy_s(void* dest, size_t destSize, const void* src, size_t count) 
 int __wrap_memset_s(void* dest, size_t destSize, int value, size_t count) {
     static int calls;
     return Refused("memset_s", calls) ? REFUSED : __real_memset_s(dest, destSize, value, count);
+}
+
+int __wrap_strncpy_s(char* dest, size_t destSize, const char* src, size_t count) {
+    static int calls;
+    return Refused("strncpy_s", calls) ? REFUSED : __real_strncpy_s(dest, destSize, src, count);
 }
 
 __attribute__((format(printf, 4, 5))) int __wrap_snprintf_s(char* dest, size_t destSize,
