@@ -1,0 +1,51 @@
+// The workstation tool as a user starts it: exit status, output, files left. Each command works in
+// a temporary directory that is removed with its test.
+#pragma once
+
+#include "test/phone.h"
+
+#include <filesystem>
+#include <fnmatch.h>
+#include <sys/wait.h>
+
+struct Answer {
+    int status;
+    std::string text; // standard output and error
+};
+
+class FwlabTest : public PhoneTest {
+protected:
+    void SetUp() override {
+        PhoneTest::SetUp();
+        directory = std::filesystem::path(directory).parent_path();
+    }
+    void TearDown() override {
+        std::filesystem::remove_all(directory);
+    }
+
+    Answer Fwlab(const std::string& arguments, const std::string& before = "") const {
+        const std::string command =
+            "cd " + directory + " && " + before + " " FWLAB_PATH " " + arguments + " 2>&1";
+        FILE* pipe = popen(command.c_str(), "r"); // NOLINT(cert-env33-c): as in a user's shell
+        Answer answer = {};
+        for (int c = fgetc(pipe); c != EOF; c = fgetc(pipe)) {
+            answer.text += static_cast<char>(c);
+        }
+        const int status = pclose(pipe);
+        answer.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        return answer;
+    }
+
+    Answer Pack(const std::string& manifest, const std::string& options = "") const {
+        Put("/manifest.toml", manifest);
+        return Fwlab("pack manifest.toml -o package " + options);
+    }
+};
+
+// The status, and the texts between the stars in the output, in this order.
+inline void Expect(const Answer& answer, int status, const std::string& texts = "") {
+    EXPECT_EQ(answer.status, status) << answer.text;
+    EXPECT_EQ(fnmatch(("*" + texts + "*").c_str(), answer.text.c_str(), FNM_NOESCAPE), 0)
+        << "no " << texts << " in:\n"
+        << answer.text;
+}
