@@ -12,12 +12,16 @@ int Pack(const std::string& manifestFile, const std::string& output, bool withLa
 // The same package in memory.
 struct Built {
     std::string bytes;
+    const Layout* layout;
     size_t entries;
     Texts inputs; // the files that it was made from
 };
 Built BuildPackage(const std::string& manifestFile, bool withLargeEmmc);
 
 int List(const std::string& packageFile, bool asJson);
+
+// 0: the package is, byte by byte, what pack makes of the manifest (with --gki-only). 1: it is not.
+int Verify(const std::string& packageFile, const std::string& manifestFile, bool asJson);
 
 // recordFile may be empty: the phone has made no attempt yet.
 int Match(const std::string& packageFile, const Description& phone, const std::string& recordFile,

@@ -46,3 +46,13 @@ Json Describe(const Decision& decision) {
             {"sent_bytes", decision.sentSize},
             {"steps", steps}};
 }
+
+std::string Shown(const Json& value) {
+    std::string shown;
+    for (const Json& element : value.is_array() ? value : Json::array({value})) {
+        const bool isText = element.is_string();
+        shown += (shown.empty() ? "" : " ") +
+                 (isText ? '"' + element.get<std::string>() + '"' : element.dump());
+    }
+    return shown;
+}

@@ -13,3 +13,6 @@ Json Describe(const Identity& identity);
 // "answer" (see NameOf), "why", the entries by their numbers (null for none), the revision that
 // goes on record and the number of bytes that the device is sent.
 Json Describe(const Decision& decision);
+
+// For people: a text in quotation marks, the elements of a list with blanks between them.
+std::string Shown(const Json& value);

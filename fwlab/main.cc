@@ -41,6 +41,18 @@ void AddList(CLI::App& app, Arguments& args) {
     list->callback([&] { args.status = List(args.package, args.json); });
 }
 
+void AddVerify(CLI::App& app, Arguments& args) {
+    CLI::App* verify =
+        app.add_subcommand("verify", "Tell whether a package is what a manifest makes");
+    verify->add_option("PACKAGE", args.package, "the package")->required();
+    verify->add_option("--manifest", args.manifest, "what it was made from")->required();
+    verify->add_flag("--json", args.json, "for programs");
+    verify->footer(
+        "The package is made again in memory, nothing is written. Exit status 0: the same "
+        "bytes. 1: they differ, and where.");
+    verify->callback([&] { args.status = Verify(args.package, args.manifest, args.json); });
+}
+
 std::string Bytes(const std::string& text) {
     for (size_t p = text.find('\\'); p != std::string::npos; p = text.find('\\', p + 2)) {
         const char next = text[p + 1]; // a zero byte at the end
@@ -126,6 +138,7 @@ int Run(int argc, char** argv) {
     Arguments args = {};
     AddPack(app, args);
     AddList(app, args);
+    AddVerify(app, args);
     AddMatch(app, args);
     AddRehearse(app, args);
     AddOutcome(app, args);

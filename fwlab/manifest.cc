@@ -2,6 +2,7 @@
 // a value that a phone would not treat as meant is refused.
 #include "fwlab/manifest.h"
 
+#include "fwlab/spans.h"
 #include "simphone/files.h"
 #include "simphone/keys.h"
 
@@ -72,6 +73,18 @@ std::string ReadImage(const std::string& path) {
     return image;
 }
 
+// Empty without the key.
+std::string TakeDigest(Keys keys) {
+    std::string digest;
+    const char wanted[] = "64 hexadecimal digits in lower case";
+    Take(keys, "image_sha256", kOptional, wanted, [&](const toml::node& node) {
+        digest = node.value_exact<std::string>().value_or("");
+        return digest.size() == 64 &&
+               digest.find_first_not_of("0123456789abcdef") == std::string::npos;
+    });
+    return digest;
+}
+
 ManifestEntry ReadEntry(Keys keys, const Layout& layout, const std::filesystem::path& folder) {
     Identity identity = NewIdentity(layout);
     Set(identity, layout.baseRevs, std::string(BASE_REVS_SIZE, '\xFF'));
@@ -95,11 +108,15 @@ ManifestEntry ReadEntry(Keys keys, const Layout& layout, const std::filesystem::
     take(layout.revision, kRequired);
     take(layout.baseRevs, kOptional);
     take(layout.marketName, kOptional);
-    const std::string image = TakeText(keys, "image");
+    const std::string imageFile = folder / TakeText(keys, "image");
+    const std::string wanted = TakeDigest(keys);
     RefuseTheRest(keys);
     Require(keys.error.empty(), 2, keys.error);
-    const std::string imageFile = folder / image;
-    return {identity, ReadImage(imageFile), imageFile};
+    const std::string image = ReadImage(imageFile);
+    const std::string digest = Sha256(reinterpret_cast<const uint8_t*>(image.data()), image.size());
+    Require(wanted.empty() || wanted == digest, 1,
+            fmt::format("image {}: its sha256 is {}, not {}", imageFile, digest, wanted));
+    return {identity, image, imageFile};
 }
 
 } // namespace
