@@ -20,6 +20,10 @@ Built BuildPackage(const std::string& manifestFile, bool withLargeEmmc);
 
 int List(const std::string& packageFile, bool asJson);
 
+// Makes a new folder with the images of a package and a manifest of which pack makes the same
+// bytes. Stop with 1 for a package that pack cannot make.
+int Unpack(const std::string& packageFile, const std::string& folder, bool asJson);
+
 // 0: the package is, byte by byte, what pack makes of the manifest (with --gki-only). 1: it is not.
 int Verify(const std::string& packageFile, const std::string& manifestFile, bool asJson);
 

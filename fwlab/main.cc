@@ -41,6 +41,17 @@ void AddList(CLI::App& app, Arguments& args) {
     list->callback([&] { args.status = List(args.package, args.json); });
 }
 
+void AddUnpack(CLI::App& app, Arguments& args) {
+    CLI::App* unpack = app.add_subcommand("unpack", "Take a package apart: a manifest and images");
+    unpack->add_option("PACKAGE", args.package, "the package")->required();
+    unpack->add_option("-o,--output", args.output, "a new folder")->required();
+    unpack->add_flag("--json", args.json, "for programs");
+    unpack->footer(
+        "Of package.toml there, pack makes the same bytes again. Exit status 1: refused, "
+        "as pack makes no such package; nothing is left.");
+    unpack->callback([&] { args.status = Unpack(args.package, args.output, args.json); });
+}
+
 void AddVerify(CLI::App& app, Arguments& args) {
     CLI::App* verify =
         app.add_subcommand("verify", "Tell whether a package is what a manifest makes");
@@ -138,6 +149,7 @@ int Run(int argc, char** argv) {
     Arguments args = {};
     AddPack(app, args);
     AddList(app, args);
+    AddUnpack(app, args);
     AddVerify(app, args);
     AddMatch(app, args);
     AddRehearse(app, args);

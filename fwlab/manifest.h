@@ -10,4 +10,8 @@ struct ManifestEntry {
 };
 std::vector<ManifestEntry> ReadManifest(const std::string& path);
 
+// A manifest that gives the same entries, in a folder from which imageFile leads to the image. What
+// no manifest gives is left out: PRV and PSN.
+std::string ManifestText(const Layout& layout, const std::vector<ManifestEntry>& entries);
+
 Description ReadPhone(const std::string& descriptionFile);

@@ -2,6 +2,9 @@
 // how to make them again.
 #include "test/fwlab.h"
 
+#include <map>
+#include <random>
+
 namespace fs = std::filesystem;
 
 namespace {
@@ -104,4 +107,133 @@ TEST_F(FwlabTest, PackChecksTheDigestOfAnImage) {
         "be86298449c9, not " +
             digest);
     EXPECT_EQ(Get("/package"), "as it was");
+}
+
+namespace {
+
+// Random values for manifests, and images.
+class Random {
+public:
+    size_t Below(size_t limit) {
+        return generator() % limit;
+    }
+    // Bytes as a list, or now and then as a text.
+    std::string Bytes(size_t size, bool withText) {
+        std::string value;
+        const bool isText = withText && Below(2) == 0;
+        const std::string letters = "abyzABYZ0189 \"\\#[]=~";
+        for (size_t i = 0; i < size; i++) {
+            const size_t number = Below(4) == 0 ? 1 + Below(255) : letters[Below(letters.size())];
+            value += isText ? std::string(1, letters[Below(letters.size())])
+                            : (i == 0 ? "" : ", ") + std::to_string(number);
+        }
+        return isText ? "'" + value + "'" : "[" + value + "]";
+    }
+    std::string Image() {
+        std::string image;
+        for (size_t left = 1 + Below(99); left > 0; left--) {
+            image += Below(30) > 0 ? std::string(1, static_cast<char>(Below(256)))
+                                   : With(OtherUfs("1000", ""), UFS_SIZE_FIELD,
+                                          BigEndian32(static_cast<uint32_t>(Below(300))));
+        }
+        return image;
+    }
+
+private:
+    std::mt19937 generator; // the same ones each time
+};
+
+std::string RandomManifest(Random& random, bool ufs, size_t entries) {
+    const size_t revision = ufs ? 4 : 8, slots = 16 / revision;
+    std::string text = ufs ? "technology = 'ufs'\n" : "technology = 'emmc'\n";
+    for (size_t i = 0; i < entries; i++) {
+        text += "[[entry]]\nimage = 'image" + std::to_string(i) + "'\n";
+        text += ufs ? "manfid = " + (random.Below(2) == 0 ? "'0x0001ce'" : random.Bytes(8, false)) +
+                          "\nproduct_name = " +
+                          (random.Below(2) == 0 ? "'SIM" + std::to_string(random.Below(99)) + "'"
+                                                : random.Bytes(16, true))
+                    : "manufacturer_id = " + std::to_string(random.Below(256)) +
+                          "\next_csd_rev = 8\nproduct_name = " + random.Bytes(6, true);
+        // Over all base revisions below.
+        text += "\nrevision = [255, " +
+                random.Bytes(ufs ? 3 : 1 + random.Below(7), false).substr(1) + "\n";
+        if (random.Below(2) == 0) {
+            text += "market_name = " + random.Bytes(random.Below(ufs ? 13 : 4), true) + "\n";
+        }
+        std::string base;
+        for (size_t count = random.Below(slots + 1); count > 0; count--) {
+            base += (base.empty() ? "" : ", ") + random.Bytes(revision, true);
+        }
+        text += base.empty() ? "" : "base_revisions = [" + base + "]\n";
+        text +=
+            base.empty() && random.Below(3) == 0
+                ? "base_revisions = " + random.Bytes(random.Below(2) == 0 ? 16 : 15, false) + "\n"
+                : "";
+    }
+    return text;
+}
+
+} // namespace
+
+TEST_F(FwlabTest, UnpackAndPackGiveTheSameBytes) {
+    Random random;
+    std::map<bool, int> packed;
+    for (int round = 0; round < 40; round++) {
+        const bool ufs = round % 2 == 0;
+        const std::string manifest = RandomManifest(random, ufs, 1 + random.Below(3));
+        SCOPED_TRACE(manifest);
+        for (const char* image : {"/image0", "/image1", "/image2"}) {
+            Put(image, random.Image());
+        }
+        if (Pack(manifest).status != 0) {
+            continue; // a package that no phone would treat as meant
+        }
+        packed[ufs]++;
+        fs::remove_all(directory + "/parts");
+        Expect(Fwlab("unpack package -o parts"), 0, "parts/package.toml: entries: ");
+        Expect(Fwlab("pack parts/package.toml -o again"), 0);
+        EXPECT_EQ(Get("/again"), Get("/package"));
+        Expect(Fwlab("verify package --manifest parts/package.toml"), 0);
+    }
+    EXPECT_GT(packed[true], 9);
+    EXPECT_GT(packed[false], 9);
+}
+
+TEST_F(FwlabTest, UnpackRefusesWhatPackDoesNotMake) {
+    const std::string ufs = UfsEntry();
+    const struct {
+        std::string text, package;
+    } rows[] = {
+        {"is empty", ""},
+        {"holds no entry", "pad"},
+        {"3 bytes from 0x0 belong to no entry", "pad" + ufs},
+        {"1 bytes from 0x44 belong to no entry", ufs + "x" + OtherUfs()},
+        {"entry 1 at 0x0: the body reaches past the end", ufs.substr(0, 67)},
+        {"entry 1 at 0x0: no device can have", With(ufs, UFS_BASE_FIELD, "")},
+        {"entry 2 at 0x44: entry 1 at 0x0 comes first", ufs + ufs},
+        {"pack does not make it again: entry 1: prv_and_psn is \"\\x00\\x00\\x00\\x00\\x00\", not "
+         "\"\\x01\\x00\\x00\\x00\\x00\"",
+         With(EmmcEntry(), EMMC_PRV_FIELD, "\1")},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.text);
+        Put("/package", row.package);
+        Expect(Fwlab("unpack package -o parts"), 1, "fwlab: package: *" + row.text);
+        EXPECT_EQ(std::distance(fs::directory_iterator(directory), {}), 1); // nothing is left
+    }
+    Put("/package", ufs);
+    Put("/there/kept", "");
+    for (const char* folder : {"there", "there/kept", "package", "gone/parts", "''"}) {
+        Expect(Fwlab(std::string("unpack package -o ") + folder), 2);
+    }
+    Expect(Fwlab("unpack package -o parts", "trap '' XFSZ && ulimit -f 0 &&"), 2, "File too large");
+    EXPECT_EQ(std::distance(fs::directory_iterator(directory), {}), 2);
+    // Slots that are free in another way than pack's, the permissions of a folder, a long image.
+    Put("/package", With(EmmcEntry(EMMC_NEW_REV, Body(0x100001)), EMMC_BASE_FIELD, EMMC_REV));
+    Expect(Fwlab("unpack package -o parts/", "umask 027 &&"), 0, "pack it with --gki-only");
+    EXPECT_EQ(fs::status(directory + "/parts").permissions(), fs::perms(0750));
+    Expect(Fwlab("pack parts/package.toml -o again"), 1, "1 MiB");
+    Expect(Fwlab("pack parts/package.toml -o again --gki-only"), 0);
+    EXPECT_TRUE(Get("/again") == Get("/package"));
+    Expect(Fwlab("unpack --json package -o more"), 0, "\"entries\": 1,*\"gki_only\": true");
 }
