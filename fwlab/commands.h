@@ -20,6 +20,10 @@ Built BuildPackage(const std::string& manifestFile, bool withLargeEmmc);
 
 int List(const std::string& packageFile, bool asJson);
 
+// 0: the packages are the same, 1: they differ. What keeps them from being compared is a Stop with
+// 2.
+int Diff(const std::string& oldFile, const std::string& newFile, bool asJson);
+
 // Makes a new folder with the images of a package and a manifest of which pack makes the same
 // bytes. Stop with 1 for a package that pack cannot make.
 int Unpack(const std::string& packageFile, const std::string& folder, bool asJson);

@@ -14,7 +14,7 @@ namespace {
 
 // What the command line says; the parser runs the command that it names.
 struct Arguments {
-    std::string manifest, package, output, phone, record, directory;
+    std::string manifest, package, newPackage, output, phone, record, directory;
     bool gkiOnly, json;
     Description device; // by hand
     RehearseOptions rehearsal;
@@ -39,6 +39,17 @@ void AddList(CLI::App& app, Arguments& args) {
     list->footer("Exit status 1: there are findings. Bytes that are not printable are shown as "
                  "\\n, \\\\ and \\xHH.");
     list->callback([&] { args.status = List(args.package, args.json); });
+}
+
+void AddDiff(CLI::App& app, Arguments& args) {
+    CLI::App* diff = app.add_subcommand("diff", "Tell two packages apart, by entry and by device");
+    diff->add_option("OLD", args.package, "a package")->required();
+    diff->add_option("NEW", args.newPackage, "the one that is to follow it")->required();
+    diff->add_flag("--json", args.json, "for programs");
+    diff->footer("The devices are those that an entry names, with each revision that an entry "
+                 "brings or admits, and without a record of attempts. Exit status 0: the same "
+                 "bytes. 1: they differ. 2: trouble.");
+    diff->callback([&] { args.status = Diff(args.package, args.newPackage, args.json); });
 }
 
 void AddUnpack(CLI::App& app, Arguments& args) {
@@ -149,6 +160,7 @@ int Run(int argc, char** argv) {
     Arguments args = {};
     AddPack(app, args);
     AddList(app, args);
+    AddDiff(app, args);
     AddUnpack(app, args);
     AddVerify(app, args);
     AddMatch(app, args);
