@@ -45,3 +45,12 @@ struct RehearseOptions {
 int Rehearse(const RehearseOptions& options);
 
 int Outcome(const std::string& directory);
+
+struct CaptureOptions {
+    std::string folder, output;
+    std::string technology, mode; // empty: told by the nodes
+    std::string firmwareRevision; // bytes that the phone reports after an update
+    bool asJson;
+};
+// Writes the description of the phone whose nodes lie in the folder.
+int Capture(const CaptureOptions& options);

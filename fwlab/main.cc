@@ -18,6 +18,7 @@ struct Arguments {
     bool gkiOnly, json;
     Description device; // by hand
     RehearseOptions rehearsal;
+    CaptureOptions capture;
     int status; // of the command
 };
 
@@ -152,6 +153,32 @@ void AddOutcome(CLI::App& app, Arguments& args) {
     outcome->callback([&] { args.status = Outcome(args.directory); });
 }
 
+void AddCapture(CLI::App& app, Arguments& args) {
+    CaptureOptions& options = args.capture;
+    CLI::App* capture = app.add_subcommand("capture", "Describe a phone by nodes pulled from it");
+    capture->add_option("DIR", options.folder, "where they are")->required();
+    capture->add_option("-o,--output", options.output, "the description")->required();
+    capture
+        ->add_option("--firmware-revision", options.firmwareRevision,
+                     "what the phone is to report after an update (bytes: \\xHH)")
+        ->required();
+    capture->add_option("--technology", options.technology, "where the nodes do not tell")
+        ->check(CLI::IsMember({"emmc", "ufs"}));
+    capture->add_option("--mode", options.mode, "of an eMMC phone, where ext_csd does not tell")
+        ->check(CLI::IsMember({"gki", "normal"}));
+    capture->add_flag("--json", options.asJson, "for programs");
+    capture->footer(
+        "DIR has /proc/bootdevice/product_name, of UFS with manfid, rev and, if known, "
+        "/sys/block/sdc/queue/max_hw_sectors_kb, of eMMC with ext_csd and "
+        "/sys/class/mmc_host/mmc0/mmc0:0001/cid: under their names alone or under their paths, as "
+        "`adb exec-out cat` gives them. Where it has the phone's /data/vendor/fw, too, capture "
+        "shows how match takes its record. Exit status 1: the nodes do not describe a phone.");
+    capture->callback([&] {
+        options.firmwareRevision = Bytes(options.firmwareRevision);
+        args.status = Capture(options);
+    });
+}
+
 int Run(int argc, char** argv) {
     CLI::App app("Makes, inspects, matches and rehearses firmware packages");
     app.require_subcommand(1);
@@ -166,6 +193,7 @@ int Run(int argc, char** argv) {
     AddMatch(app, args);
     AddRehearse(app, args);
     AddOutcome(app, args);
+    AddCapture(app, args);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

@@ -75,5 +75,5 @@ void MakeFolder(const std::string& path, const std::function<void(const std::str
 void RequireOther(const std::string& path, const std::string& input) {
     std::error_code error;
     const bool isSame = fs::equivalent(path, input, error);
-    Require(!isSame || error, 2, path + ": is what the package is made from");
+    Require(!isSame || error, 2, path + ": is what it would be made from");
 }

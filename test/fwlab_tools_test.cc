@@ -291,3 +291,175 @@ TEST_F(FwlabTest, DiffTellsEntriesAndDevicesApart) {
     EXPECT_EQ(answer.text.find("revision: "), std::string::npos) << answer.text;
     Expect(Fwlab("diff old gone"), 2, "gone: No such file");
 }
+
+namespace {
+
+const std::string PULLED_NODES[] = {"/proc/bootdevice/product_name",
+                                    "/proc/bootdevice/manfid",
+                                    "/proc/bootdevice/rev",
+                                    "/proc/bootdevice/ext_csd",
+                                    "/proc/bootdevice/ffu",
+                                    "/sys/class/mmc_host/mmc0/mmc0:0001/cid",
+                                    "/device/ext_csd.bin"};
+
+std::string Hexadecimal(const std::string& bytes) {
+    return Hex(bytes.data(), bytes.size());
+}
+
+// An EXT_CSD register, JEDEC: byte 192 is EXT_CSD_REV, 254 to 261 FIRMWARE_VERSION.
+std::string ExtCsd(const std::string& revision) {
+    return With(With(std::string(512, '\0'), {192, 1}, "\7"), {254, 8}, revision);
+}
+
+} // namespace
+
+TEST_F(FwlabTest, CaptureMakesTheSamePhoneAgain) {
+    const struct {
+        std::string phone, options;
+    } rows[] = {
+        {GkiPhone(), "FW000002"},
+        {GkiPhone({{"revision", "[5, 0, 1]"}, {"ext_csd_rev", "7"}}), "'\\x05\\x00\\x02'"},
+        {GkiPhone({{"cid.product_name", "[0, 255, 34, 92, 10, 9]"},
+                   {"cid.cbx", "0"},
+                   {"cid.oem_id", "0x15"},
+                   {"cid.manufacturing_date", "0x7b"},
+                   {"cid.crc", "0xff"},
+                   {"cid.serial_number", "0xFFFFFFFF"}}),
+         "FW000002"},
+        {NormalPhone(), "FW000002 --mode normal"},
+        {UfsPhone(), "0900"},
+        {UfsPhone({{"manfid", "[1, 255, 10]"},
+                   {"product_name", "\"SIM \\\\\\\"'\\t\\u007f\""},
+                   {"revision", "'080'"},
+                   {"max_hw_sectors_kb", "1024"}}),
+         "0900"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.phone);
+        const bool isNormal = row.options.find("normal") != std::string::npos;
+        std::string error;
+        for (const char* left : {"/pulled", "/again", "/flat"}) {
+            fs::remove_all(directory + left);
+        }
+        Put("/phone.toml", row.phone);
+        ASSERT_TRUE(MakePhone(directory + "/phone.toml", directory + "/pulled", error)) << error;
+        if (row.phone.find("1024") != std::string::npos) {
+            Put("/pulled/sys/block/sdc/queue/max_hw_sectors_kb", "1024\n");
+        }
+        if (isNormal) { // taken by another tool
+            Put("/pulled/ext_csd", Get("/pulled/device/ext_csd.bin"));
+        }
+        Expect(Fwlab("capture pulled -o made.toml --firmware-revision " + row.options), 0,
+               "made.toml: ");
+        ASSERT_TRUE(MakePhone(directory + "/made.toml", directory + "/again", error)) << error;
+        for (const std::string& node : PULLED_NODES) {
+            EXPECT_EQ(Get("/again" + node), Get("/pulled" + node)) << node;
+            // The same nodes under their names alone.
+            if (node != "/proc/bootdevice/ffu" && Get("/pulled" + node) != MISSING) {
+                Put("/flat/" + fs::path(node).filename().string(), Get("/pulled" + node));
+            }
+        }
+        Put("/flat/ext_csd", Get(isNormal ? "/pulled/ext_csd" : "/flat/ext_csd"));
+        Put("/flat/max_hw_sectors_kb", Get("/pulled/sys/block/sdc/queue/max_hw_sectors_kb"));
+        Expect(Fwlab("capture flat -o flat.toml --firmware-revision " + row.options), 0);
+        EXPECT_EQ(Get("/flat.toml"), Get("/made.toml"));
+        const bool hasLimit =
+            Get("/made.toml").find("max_hw_sectors_kb = 1024") != std::string::npos;
+        EXPECT_EQ(hasLimit, row.phone.find("1024") != std::string::npos);
+    }
+}
+
+TEST_F(FwlabTest, CaptureOfAPhoneThatAttempted) {
+    Put("/package", UfsEntry());
+    Put("/phone.toml", UfsPhone());
+    Expect(Fwlab("rehearse package --phone phone.toml --keep pulled"), 0);
+    Put("/pulled/proc/bootdevice/rev", "0800\n"); // as if the update had not lasted
+    Expect(
+        Fwlab("capture pulled -o made.toml --firmware-revision 0900"), 0,
+        "made.toml: a UFS phone, \"SIMUFS128G-B0B1 \\n\", runs \"0800\"\nIts record: fwlab match "
+        "PACKAGE --phone 'made.toml' --record 'pulled/data/vendor/fw/fw_result'\n");
+    Expect(Fwlab("match package --phone made.toml --record pulled/data/vendor/fw/fw_result"), 1,
+           "it was attempted already");
+    Expect(Fwlab("match package --phone made.toml"), 0, "An update to \"0900\"");
+    Expect(Fwlab("rehearse package --phone made.toml"), 0, "updated as meant");
+    Expect(
+        Fwlab("capture --json pulled -o made.toml --firmware-revision 0900"), 0,
+        "\"technology\": \"ufs\",*\"mode\": null,*\"record\": \"pulled/data/vendor/fw/fw_result\"");
+}
+
+TEST_F(FwlabTest, CaptureRefusesWhatIsNoPhone) {
+    const std::string cid = "13"
+                            "01"
+                            "00"
+                            "53494d303634"
+                            "10"
+                            "1234abcd"
+                            "00"
+                            "00";
+    const std::string extCsd = Hexadecimal(ExtCsd("FW1"));
+    const Files emmc = {{"product_name", "SIM064\n"}, {"cid", cid + "\n"}, {"ext_csd", extCsd}};
+    const Files ufs = {{"product_name", "SIM\n"}, {"manfid", "0x0001ce\n"}, {"rev", "0800\n"}};
+    const struct {
+        int status;
+        std::string text;
+        Files nodes, others; // changed
+        std::string options = "";
+    } rows[] = {
+        {0, "an eMMC phone in GKI mode", emmc, {}},
+        {0, "an eMMC phone in normal mode", emmc, {}, "--mode normal"},
+        {0, "an eMMC phone in GKI mode", emmc, {{"ext_csd", ExtCsd("FW1")}}, "--mode gki"},
+        {0, "a UFS phone", ufs, {{"cid", cid}}, "--technology ufs"},
+        {1, "give --mode", emmc, {{"ext_csd", ExtCsd("FW1")}}},
+        {1, "give --technology", {{"product_name", "SIM\n"}}, {}},
+        {1, "give --technology", ufs, {{"manfid", MISSING}}},
+        {1, "pulled: has no manfid", ufs, {{"manfid", MISSING}}, "--technology ufs"},
+        {1, "pulled: has no ext_csd", ufs, {{"cid", cid}}},
+        {1, "has no product_name", emmc, {{"product_name", MISSING}}},
+        {1, "ext_csd is neither", emmc, {{"ext_csd", extCsd.substr(1)}}},
+        {1, "ext_csd is neither", emmc, {{"ext_csd", "g" + extCsd.substr(1)}}},
+        {1, "cid is not 32", emmc, {{"cid", cid + "00\n"}}},
+        {1,
+         "product_name is \"SIM065\", but the CID has \"SIM064\"",
+         emmc,
+         {{"product_name", "SIM065\n"}}},
+        {1, "rev has 3 bytes", ufs, {{"rev", "08\n"}}},
+        {1, "rev: is empty: take it by `adb exec-out cat`", ufs, {{"rev", ""}}},
+        {1, "product_name: ends with a carriage return", ufs, {{"product_name", "SIM\r\n"}}},
+        {1, "max_hw_sectors_kb is no number of KiB: \"0\"", ufs, {{"max_hw_sectors_kb", "0\n"}}},
+        {1, "no number", ufs, {{"max_hw_sectors_kb", "9999999\n"}}},
+        {2,
+         "rev and pulled/proc/bootdevice/rev: which one?",
+         ufs,
+         {{"proc/bootdevice/rev", "0900"}}},
+        {2, "rev: is no regular file", ufs, {{"rev", MISSING}, {"rev/file", ""}}},
+        {2, "rev: is larger than a node", ufs, {{"rev", std::string(4097, '0')}}},
+        {2, "fw_result: is no regular file", ufs, {{"fw/fw_result/file", ""}}},
+        {2, "--firmware-revision has 3 bytes, not 4", ufs, {}, "--firmware-revision 090"},
+        {2, "a UFS phone has none", ufs, {}, "--mode gki"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.text);
+        fs::remove_all(directory + "/pulled");
+        fs::remove(directory + "/phone.toml");
+        for (const Files& files : {row.nodes, row.others}) {
+            for (const auto& [name, content] : files) {
+                Put("/pulled/" + name, content);
+            }
+        }
+        const bool isGiven = row.options.find("revision") != std::string::npos;
+        Expect(Fwlab("capture pulled -o phone.toml " + row.options +
+                     (isGiven ? "" : " --firmware-revision 0900")),
+               row.status, row.text);
+        EXPECT_EQ(fs::exists(directory + "/phone.toml"), row.status == 0);
+    }
+    // Not required: a value that nobody gave would decide how a rehearsal ends.
+    Expect(Fwlab("capture pulled -o phone.toml"), 2, "--firmware-revision is required");
+    Put("/pulled/rev", MISSING);
+    fs::create_symlink("/dev/zero", directory + "/pulled/rev");
+    Expect(Fwlab("capture pulled -o phone.toml --firmware-revision 0900"), 2, "no regular file");
+    fs::remove(directory + "/pulled/rev");
+    Put("/pulled/rev", "0800\n");
+    Expect(Fwlab("capture pulled -o pulled/rev --firmware-revision 0900"), 2, "would be made from");
+    EXPECT_EQ(Get("/pulled/rev"), "0800\n");
+    Expect(Fwlab("capture gone -o phone.toml --firmware-revision 0900"), 2, "gone: ");
+}
