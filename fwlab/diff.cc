@@ -170,9 +170,14 @@ std::vector<Model> ModelsOf(const Side& before, const Side& after) {
 
 // A revision that is older than texts are, and none of these.
 std::string OtherRevision(const Model& model) {
-    std::string other(model.identity.layout->revision.size, '\1');
-    while (model.revisions.count(other) > 0) {
-        other.back()++;
+    const size_t size = model.identity.layout->revision.size;
+    std::string other;
+    for (uint32_t number = 0x01010101; other.empty() || model.revisions.count(other) > 0;
+         number++) {
+        other = std::string(size - 4, '\1');
+        for (const int shift : {24, 16, 8, 0}) {
+            other += static_cast<char>(number >> shift);
+        }
     }
     return other;
 }

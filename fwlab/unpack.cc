@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <filesystem>
 #include <fmt/format.h>
 
 namespace {
@@ -72,7 +73,7 @@ int Unpack(const std::string& packageFile, const std::string& folder, bool asJso
     });
     const bool needsGki = std::any_of(entries.begin(), entries.end(),
                                       [](const Entry* entry) { return NeedsGkiMode(*entry); });
-    const std::string manifest = folder + "/" + MANIFEST;
+    const std::string manifest = std::filesystem::path(folder) / MANIFEST;
     if (asJson) {
         fmt::print("{}\n", Json({{"package", Quoted(packageFile, "")},
                                  {"manifest", Quoted(manifest, "")},
