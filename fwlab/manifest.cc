@@ -140,7 +140,7 @@ std::string ValueOf(const Field& field, const std::string& bytes) {
                              : field.filling == Field::ZEROS
                                  ? bytes.substr(0, bytes.find_last_not_of('\0') + 1)
                                  : bytes;
-    const std::string value = TomlBytes(text);
+    std::string value = TomlBytes(text);
     std::string read;
     try {
         if (value[0] == '"' && ReadBytes(toml::value<std::string>(text), field, read) &&
