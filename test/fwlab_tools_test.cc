@@ -123,9 +123,10 @@ public:
         const bool isText = withText && Below(2) == 0;
         const std::string letters = "abyzABYZ0189 \"\\#[]=~";
         for (size_t i = 0; i < size; i++) {
-            const size_t number = Below(4) == 0 ? 1 + Below(255) : letters[Below(letters.size())];
-            value += isText ? std::string(1, letters[Below(letters.size())])
-                            : (i == 0 ? "" : ", ") + std::to_string(number);
+            const char letter = letters[Below(letters.size())];
+            const int number = Below(4) == 0 ? static_cast<int>(1 + Below(255)) : letter;
+            value +=
+                isText ? std::string(1, letter) : (i == 0 ? "" : ", ") + std::to_string(number);
         }
         return isText ? "'" + value + "'" : "[" + value + "]";
     }
