@@ -14,12 +14,24 @@ int Pack(const std::string& manifestFile, const std::string& output, bool withLa
 // The same package in memory.
 struct Built {
     std::string bytes;
+    const Layout* layout;
     size_t entries;
     Texts inputs; // the files that it was made from
 };
 Built BuildPackage(const std::string& manifestFile, bool withLargeEmmc);
 
 int List(const std::string& packageFile, bool asJson);
+
+// 0: the packages are the same, 1: they differ. What keeps them from being compared is a Stop with
+// 2.
+int Diff(const std::string& oldFile, const std::string& newFile, bool asJson);
+
+// Makes a new folder with the images of a package and a manifest of which pack makes the same
+// bytes. Stop with 1 for a package that pack cannot make.
+int Unpack(const std::string& packageFile, const std::string& folder, bool asJson);
+
+// 0: the package is, byte by byte, what pack makes of the manifest (with --gki-only). 1: it is not.
+int Verify(const std::string& packageFile, const std::string& manifestFile, bool asJson);
 
 // recordFile may be empty: the phone has made no attempt yet.
 int Match(const std::string& packageFile, const Description& phone, const std::string& recordFile,
@@ -48,3 +60,12 @@ struct OutcomeOptions {
     std::optional<double> failAbove; // percent; none: not one may fail
 };
 int Outcome(const OutcomeOptions& options);
+
+struct CaptureOptions {
+    std::string folder, output;
+    std::string technology, mode; // empty: told by the nodes
+    std::string firmwareRevision; // bytes that the phone reports after an update
+    bool asJson;
+};
+// Writes the description of the phone whose nodes lie in the folder.
+int Capture(const CaptureOptions& options);

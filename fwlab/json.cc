@@ -2,6 +2,8 @@
 
 #include "simphone/files.h"
 
+#include <algorithm>
+
 namespace {
 
 Json NumberOf(const Entry* entry) {
@@ -29,6 +31,15 @@ Json Describe(const Identity& identity) {
     return shown;
 }
 
+std::string InWords(std::string answer, const std::string& why) {
+    const bool isCalm = answer == NameOf(Verdict::NOTHING) || answer == NameOf(Verdict::REFUSED) ||
+                        answer == NameOf(Verdict::ATTEMPTED);
+    std::transform(answer.begin(), answer.end(), answer.begin(), [&](unsigned char c) {
+        return c == '-' ? ' ' : static_cast<char>(isCalm ? c : toupper(c));
+    });
+    return answer + ": " + why;
+}
+
 Json Describe(const Decision& decision) {
     Json steps = Json::array();
     for (const Step& step : decision.steps) {
@@ -45,4 +56,14 @@ Json Describe(const Decision& decision) {
             {"sent", NumberOf(decision.sent)},
             {"sent_bytes", decision.sentSize},
             {"steps", steps}};
+}
+
+std::string Shown(const Json& value) {
+    std::string shown;
+    for (const Json& element : value.is_array() ? value : Json::array({value})) {
+        const bool isText = element.is_string();
+        shown += (shown.empty() ? "" : " ") +
+                 (isText ? '"' + element.get<std::string>() + '"' : element.dump());
+    }
+    return shown;
 }

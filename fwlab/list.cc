@@ -48,14 +48,9 @@ Json Describe(const Package& package) {
     return report;
 }
 
-std::string Shown(const Json& value) {
-    return value.is_string() ? '"' + value.get<std::string>() + '"' : value.dump();
-}
-
 // A key and its value a line.
 void Print(const Json& object, const char* margin) {
     for (const auto& [key, value] : object.items()) {
-        std::string shown;
         for (const Json& element : value.is_array() ? value : Json::array({value})) {
             if (key == "entries") {
                 fmt::print("\n");
@@ -63,12 +58,10 @@ void Print(const Json& object, const char* margin) {
             } else if (key == "findings" || key == "notes") {
                 fmt::print("{}{}: {}\n", margin, key == "notes" ? "note" : "FINDING",
                            element.get<std::string>());
-            } else {
-                shown += (shown.empty() ? "" : " ") + Shown(element);
             }
         }
         if (!value.is_array() || key == "base_revisions") {
-            fmt::print("{}{:<17}{}\n", margin, key, shown);
+            fmt::print("{}{:<17}{}\n", margin, key, Shown(value));
         }
     }
 }

@@ -16,12 +16,13 @@ namespace {
 
 // What the command line says; the parser runs the command that it names.
 struct Arguments {
-    std::string manifest, package, output, phone, record;
+    std::string manifest, package, newPackage, output, phone, record;
     bool gkiOnly, json;
     Description device; // by hand
     RehearseOptions rehearsal;
     PlanOptions plan;
     OutcomeOptions outcome;
+    CaptureOptions capture;
     int status; // of the command
 };
 
@@ -43,6 +44,40 @@ void AddList(CLI::App& app, Arguments& args) {
     list->footer("Exit status 1: there are findings. Bytes that are not printable are shown as "
                  "\\n, \\\\ and \\xHH.");
     list->callback([&] { args.status = List(args.package, args.json); });
+}
+
+void AddDiff(CLI::App& app, Arguments& args) {
+    CLI::App* diff = app.add_subcommand("diff", "Tell two packages apart, by entry and by device");
+    diff->add_option("OLD", args.package, "a package")->required();
+    diff->add_option("NEW", args.newPackage, "the one that is to follow it")->required();
+    diff->add_flag("--json", args.json, "for programs");
+    diff->footer("The devices are those that an entry names, with each revision that an entry "
+                 "brings or admits, and without a record of attempts. Exit status 0: the same "
+                 "bytes. 1: they differ. 2: trouble.");
+    diff->callback([&] { args.status = Diff(args.package, args.newPackage, args.json); });
+}
+
+void AddUnpack(CLI::App& app, Arguments& args) {
+    CLI::App* unpack = app.add_subcommand("unpack", "Take a package apart: a manifest and images");
+    unpack->add_option("PACKAGE", args.package, "the package")->required();
+    unpack->add_option("-o,--output", args.output, "a new folder")->required();
+    unpack->add_flag("--json", args.json, "for programs");
+    unpack->footer(
+        "Of package.toml there, pack makes the same bytes again. Exit status 1: refused, "
+        "as pack makes no such package; nothing is left.");
+    unpack->callback([&] { args.status = Unpack(args.package, args.output, args.json); });
+}
+
+void AddVerify(CLI::App& app, Arguments& args) {
+    CLI::App* verify =
+        app.add_subcommand("verify", "Tell whether a package is what a manifest makes");
+    verify->add_option("PACKAGE", args.package, "the package")->required();
+    verify->add_option("--manifest", args.manifest, "what it was made from")->required();
+    verify->add_flag("--json", args.json, "for programs");
+    verify->footer(
+        "The package is made again in memory, nothing is written. Exit status 0: the same "
+        "bytes. 1: they differ, and where.");
+    verify->callback([&] { args.status = Verify(args.package, args.manifest, args.json); });
 }
 
 std::string Bytes(const std::string& text) {
@@ -181,6 +216,32 @@ void RequireCommand(const CLI::App& app, int argc, char** argv) {
             fmt::format("{} is no command; the nearest is {}", Quoted(word), nearest));
 }
 
+void AddCapture(CLI::App& app, Arguments& args) {
+    CaptureOptions& options = args.capture;
+    CLI::App* capture = app.add_subcommand("capture", "Describe a phone by nodes pulled from it");
+    capture->add_option("DIR", options.folder, "where they are")->required();
+    capture->add_option("-o,--output", options.output, "the description")->required();
+    capture
+        ->add_option("--firmware-revision", options.firmwareRevision,
+                     "what the phone is to report after an update (bytes: \\xHH)")
+        ->required();
+    capture->add_option("--technology", options.technology, "where the nodes do not tell")
+        ->check(CLI::IsMember({"emmc", "ufs"}));
+    capture->add_option("--mode", options.mode, "of an eMMC phone, where ext_csd does not tell")
+        ->check(CLI::IsMember({"gki", "normal"}));
+    capture->add_flag("--json", options.asJson, "for programs");
+    capture->footer(
+        "DIR has /proc/bootdevice/product_name, of UFS with manfid, rev and, if known, "
+        "/sys/block/sdc/queue/max_hw_sectors_kb, of eMMC with ext_csd and "
+        "/sys/class/mmc_host/mmc0/mmc0:0001/cid: under their names alone or under their paths, as "
+        "`adb exec-out cat` gives them. Where it has the phone's /data/vendor/fw, too, capture "
+        "shows how match takes its record. Exit status 1: the nodes do not describe a phone.");
+    capture->callback([&] {
+        options.firmwareRevision = Bytes(options.firmwareRevision);
+        args.status = Capture(options);
+    });
+}
+
 int Run(int argc, char** argv) {
     CLI::App app("Makes, inspects, matches and rehearses firmware packages", "fwlab");
     app.set_version_flag("--version", "fwlab " FFU_VERSION);
@@ -190,10 +251,14 @@ int Run(int argc, char** argv) {
     Arguments args = {};
     AddPack(app, args);
     AddList(app, args);
+    AddDiff(app, args);
+    AddUnpack(app, args);
+    AddVerify(app, args);
     AddMatch(app, args);
     AddRehearse(app, args);
     AddPlan(app, args);
     AddOutcome(app, args);
+    AddCapture(app, args);
     try {
         RequireCommand(app, argc, argv);
         app.parse(argc, argv);

@@ -2,6 +2,9 @@
 // a value that a phone would not treat as meant is refused.
 #include "fwlab/manifest.h"
 
+#include "fwlab/decision.h"
+#include "fwlab/spans.h"
+#include "fwlab/toml_text.h"
 #include "simphone/files.h"
 
 #include <algorithm>
@@ -12,9 +15,16 @@
 
 namespace {
 
+bool IsFreeSlot(const std::string& slot) {
+    return slot[0] == '\0' || slot == std::string(slot.size(), '\xFF');
+}
+
 // Free slots repeat the last revision, so that they admit nothing else.
 bool ReadBaseRevs(const toml::node& node, const Field& revision, std::string& bytes) {
     const size_t slots = BASE_REVS_SIZE / revision.size;
+    if (node.is_array() && node.as_array()->is_homogeneous(toml::node_type::integer)) {
+        return AppendBytes(node, bytes) && bytes.size() == BASE_REVS_SIZE; // all slots as they are
+    }
     const size_t count = node.is_array() ? node.as_array()->size() : 0;
     Require(!node.is_array() || (count > 0 && count <= slots), 1,
             fmt::format("base_revisions has {} revisions, not 1 to {}", count, slots));
@@ -22,9 +32,8 @@ bool ReadBaseRevs(const toml::node& node, const Field& revision, std::string& by
     for (size_t slot = 0; isRight && slot < slots; slot++) {
         std::string slotBytes;
         isRight = ReadBytes((*node.as_array())[std::min(slot, count - 1)], revision, slotBytes);
-        Require(!isRight ||
-                    (slotBytes[0] != '\0' && slotBytes != std::string(revision.size, '\xFF')),
-                1, "base_revisions: no device can have " + Quoted(slotBytes));
+        Require(!isRight || !IsFreeSlot(slotBytes), 1,
+                "base_revisions: no device can have " + Quoted(slotBytes));
         bytes += slotBytes;
     }
     return isRight;
@@ -42,6 +51,22 @@ std::string ReadImage(const std::string& path) {
     return image;
 }
 
+std::string DigestOf(const std::string& image) {
+    return Sha256(reinterpret_cast<const uint8_t*>(image.data()), image.size());
+}
+
+// Empty without the key.
+std::string TakeDigest(Keys keys) {
+    std::string digest;
+    const char wanted[] = "64 hexadecimal digits in lower case";
+    Take(keys, "image_sha256", kOptional, wanted, [&](const toml::node& node) {
+        digest = node.value_exact<std::string>().value_or("");
+        return digest.size() == 64 &&
+               digest.find_first_not_of("0123456789abcdef") == std::string::npos;
+    });
+    return digest;
+}
+
 ManifestEntry ReadEntry(Keys keys, const Layout& layout, const std::filesystem::path& folder) {
     Identity identity = NewIdentity(layout);
     Set(identity, layout.baseRevs, std::string(BASE_REVS_SIZE, '\xFF'));
@@ -56,11 +81,57 @@ ManifestEntry ReadEntry(Keys keys, const Layout& layout, const std::filesystem::
     take(layout.revision, kRequired);
     take(layout.baseRevs, kOptional);
     take(layout.marketName, kOptional);
-    const std::string image = TakeText(keys, "image");
+    const std::string imageFile = folder / TakeText(keys, "image");
+    const std::string wanted = TakeDigest(keys);
     RefuseTheRest(keys);
     Require(keys.error.empty(), 2, keys.error);
-    const std::string imageFile = folder / image;
-    return {identity, ReadImage(imageFile), imageFile};
+    const std::string image = ReadImage(imageFile);
+    const std::string digest = Sha256(reinterpret_cast<const uint8_t*>(image.data()), image.size());
+    Require(wanted.empty() || wanted == digest, 1,
+            fmt::format("image {}: its sha256 is {}, not {}", imageFile, digest, wanted));
+    return {identity, image, imageFile};
+}
+
+// The value of which ReadBytes makes these bytes: a text, or else a list.
+std::string ValueOf(const Field& field, const std::string& bytes) {
+    if (field.size == 1) {
+        return fmt::format("{:#04x}", static_cast<uint8_t>(bytes[0]));
+    }
+    const std::string text = field.filling == Field::NODE ? bytes.substr(0, bytes.find('\n'))
+                             : field.filling == Field::ZEROS
+                                 ? bytes.substr(0, bytes.find_last_not_of('\0') + 1)
+                                 : bytes;
+    std::string value = TomlBytes(text);
+    std::string read;
+    try {
+        if (value[0] == '"' && ReadBytes(toml::value<std::string>(text), field, read) &&
+            read == bytes) {
+            return value;
+        }
+    } catch (const Stop&) { // what texts may not be, lists may
+    }
+    return TomlList(bytes);
+}
+
+// Likewise for ReadBaseRevs.
+std::string BaseRevsOf(const Identity& identity) {
+    const Field& revision = identity.layout->revision;
+    const std::string bytes = Get(identity, identity.layout->baseRevs);
+    Texts slots;
+    for (size_t slot = 0; slot < bytes.size(); slot += revision.size) {
+        slots.push_back(bytes.substr(slot, revision.size));
+    }
+    if (std::any_of(slots.begin(), slots.end(), IsFreeSlot)) {
+        return TomlList(bytes);
+    }
+    while (slots.size() > 1 && slots.back() == slots[slots.size() - 2]) {
+        slots.pop_back();
+    }
+    std::string list;
+    for (const std::string& slot : slots) {
+        list += (list.empty() ? "" : ", ") + ValueOf(revision, slot);
+    }
+    return "[" + list + "]";
 }
 
 } // namespace
@@ -104,6 +175,31 @@ void TakeField(Keys keys, const Field& field, Need need, Identity& identity) {
              Set(identity, field, bytes);
              return isRight;
          });
+}
+
+std::string ManifestText(const Layout& layout, const std::vector<ManifestEntry>& entries) {
+    std::string text = fmt::format("technology = \"{}\"\n", &layout == &UFS ? "ufs" : "emmc");
+    for (const ManifestEntry& entry : entries) {
+        const auto add = [&](const char* key, const std::string& value) {
+            text += fmt::format("{} = {}\n", key, value);
+        };
+        text += "\n[[entry]]\n";
+        for (const Field* field : {&layout.manufacturer, &layout.name, &layout.extCsdRev,
+                                   &layout.revision, &layout.marketName}) {
+            const std::string bytes = Get(entry.identity, *field);
+            const bool isLeftOut =
+                field == &layout.marketName && bytes == std::string(bytes.size(), '\0');
+            if (field->size > 0 && !isLeftOut) {
+                add(field->key, ValueOf(*field, bytes));
+            }
+        }
+        if (BaseRevisionsOf(entry.identity)) {
+            add(layout.baseRevs.key, BaseRevsOf(entry.identity));
+        }
+        add("image", TomlBytes(entry.imageFile));
+        add("image_sha256", '"' + DigestOf(entry.image) + '"');
+    }
+    return text;
 }
 
 std::vector<ManifestEntry> ReadManifest(const std::string& path) {

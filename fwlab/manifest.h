@@ -18,4 +18,8 @@ std::vector<ManifestEntry> ReadManifest(const std::string& path);
 // Takes the key of the field, into identity.
 void TakeField(Keys keys, const Field& field, Need need, Identity& identity);
 
+// A manifest that gives the same entries, in a folder from which imageFile leads to the image. What
+// no manifest gives is left out: PRV and PSN.
+std::string ManifestText(const Layout& layout, const std::vector<ManifestEntry>& entries);
+
 Description ReadPhone(const std::string& descriptionFile);

@@ -13,6 +13,17 @@
 
 namespace fs = std::filesystem;
 
+namespace {
+
+// Less what the user's mask takes away: temporary files are made for their owner only.
+mode_t Permitted(mode_t mode) {
+    const mode_t mask = umask(0);
+    (void)umask(mask);
+    return mode & ~mask;
+}
+
+} // namespace
+
 void WriteOutput(const std::string& path, const std::string& bytes) {
     std::error_code error;
     const fs::file_status there = fs::symlink_status(path, error);
@@ -27,9 +38,8 @@ void WriteOutput(const std::string& path, const std::string& bytes) {
         count = write(fd, bytes.data() + done, bytes.size() - done);
         done += count > 0 ? static_cast<size_t>(count) : 0;
     }
-    const mode_t mask = umask(0);
-    (void)umask(mask);
-    const bool isWritten = done == bytes.size() && fchmod(fd, 0666 & ~mask) == 0 && fsync(fd) == 0;
+    const bool isWritten =
+        done == bytes.size() && fchmod(fd, Permitted(0666)) == 0 && fsync(fd) == 0;
     int reason = isWritten ? 0 : errno;
     reason = close(fd) != 0 && reason == 0 ? errno : reason;
     if (reason == 0 && rename(temporary.c_str(), path.c_str()) != 0) {
@@ -41,8 +51,29 @@ void WriteOutput(const std::string& path, const std::string& bytes) {
     }
 }
 
+void MakeFolder(const std::string& path, const std::function<void(const std::string&)>& fill) {
+    const std::string folder = path.substr(0, path.find_last_not_of('/') + 1);
+    std::error_code error;
+    const bool isThere = fs::exists(fs::symlink_status(folder, error));
+    Require(!folder.empty() && !isThere, 2, path + ": is there already");
+    std::string temporary = folder + ".XXXXXX";
+    if (mkdtemp(temporary.data()) == nullptr) {
+        throw Stop{2, path + ": " + strerror(errno)};
+    }
+    try {
+        fill(temporary);
+        const bool isMade = chmod(temporary.c_str(), Permitted(0777)) == 0 &&
+                            rename(temporary.c_str(), folder.c_str()) == 0;
+        const int reason = errno;
+        Require(isMade, 2, path + ": " + strerror(reason));
+    } catch (...) {
+        fs::remove_all(temporary, error);
+        throw;
+    }
+}
+
 void RequireOther(const std::string& path, const std::string& input) {
     std::error_code error;
     const bool isSame = fs::equivalent(path, input, error);
-    Require(!isSame || error, 2, path + ": is what the package is made from");
+    Require(!isSame || error, 2, path + ": is what it would be made from");
 }

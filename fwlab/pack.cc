@@ -31,10 +31,10 @@ void CheckEntries(const Package& package, const std::vector<size_t>& offsets, bo
 } // namespace
 
 Built BuildPackage(const std::string& manifestFile, bool withLargeEmmc) {
-    Built built = {"", 0, {manifestFile}};
+    Built built = {"", nullptr, 0, {manifestFile}};
     std::string& bytes = built.bytes;
     std::vector<size_t> offsets;
-    const Layout* layout = nullptr;
+    const Layout*& layout = built.layout;
     for (ManifestEntry& entry : ReadManifest(manifestFile)) {
         built.inputs.push_back(entry.imageFile);
         layout = entry.identity.layout;

@@ -30,23 +30,9 @@ bool IsBad(Verdict verdict) {
 }
 
 std::string Gets(const Decision& decision) {
-    const std::string revision = Quoted(decision.recorded);
-    switch (decision.verdict) {
-    case Verdict::UPDATE:
-        return fmt::format("gets entry {}, {}", decision.sent->number, revision);
-    case Verdict::NOTHING:
-        return "nothing to do: " + decision.why;
-    case Verdict::REFUSED:
-        return "refused: " + decision.why;
-    case Verdict::ATTEMPTED:
-        return "attempted already, not again";
-    case Verdict::STOPS:
-        return "stops: its record cannot be read back";
-    case Verdict::WRONG_IMAGE:
-        return "WRONG IMAGE: " + decision.why;
-    default:
-        return "USED UP: " + decision.why;
-    }
+    return decision.verdict == Verdict::UPDATE
+               ? fmt::format("gets entry {}, {}", decision.sent->number, Quoted(decision.recorded))
+               : InWords(NameOf(decision.verdict), decision.why);
 }
 
 Line MakeLine(const Model& model, const Running& running, uint64_t phones, const Package* package,
@@ -204,7 +190,8 @@ int Plan(const PlanOptions& options) {
     for (const std::string& text : unused) {
         fmt::print("FINDING: {}\n", text);
     }
-    fmt::print("{}\n", isReleasable ? "No phone of this fleet would use up its attempt or get a wrong image."
-                                    : "NOT to be released to this fleet.");
+    fmt::print("{}\n", isReleasable
+                           ? "No phone of this fleet would use up its attempt or get a wrong image."
+                           : "NOT to be released to this fleet.");
     return isReleasable ? 0 : 1;
 }

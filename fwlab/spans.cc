@@ -12,14 +12,24 @@ size_t EndOf(const Entry& entry) {
 
 } // namespace
 
+std::vector<const Entry*> OwnEntries(const Package& package) {
+    std::vector<const Entry*> own;
+    for (const Entry& entry : package.entries) {
+        if (own.empty() || entry.offset >= EndOf(*own.back())) {
+            own.push_back(&entry);
+        }
+    }
+    return own;
+}
+
 std::vector<Span> Uncovered(const Package& package) {
     std::vector<Span> spans;
     size_t end = 0;
-    for (const Entry& entry : package.entries) {
-        if (entry.offset > end) {
-            spans.push_back({end, entry.offset - end});
+    for (const Entry* entry : OwnEntries(package)) {
+        if (entry->offset > end) {
+            spans.push_back({end, entry->offset - end});
         }
-        end = std::max(end, EndOf(entry));
+        end = EndOf(*entry);
     }
     if (!package.entries.empty() && end < package.size) {
         spans.push_back({end, package.size - end});
@@ -29,19 +39,20 @@ std::vector<Span> Uncovered(const Package& package) {
 
 const Entry* OuterEntry(const Package& package, const Entry& entry) {
     const Entry* outer = nullptr;
-    for (const Entry& earlier : package.entries) {
-        if (earlier.offset < entry.offset && entry.offset < EndOf(earlier)) {
-            outer = outer == nullptr || EndOf(earlier) > EndOf(*outer) ? &earlier : outer;
-        }
+    for (const Entry* own : OwnEntries(package)) {
+        outer = own->offset < entry.offset && entry.offset < EndOf(*own) ? own : outer;
     }
     return outer;
 }
 
-std::string Sha256(const Package& package, size_t offset, size_t size) {
+std::string Sha256(const uint8_t* bytes, size_t size) {
     uint8_t digest[EVP_MAX_MD_SIZE];
     unsigned length = 0;
-    const bool isDigested =
-        EVP_Digest(package.bytes.get() + offset, size, digest, &length, EVP_sha256(), nullptr) == 1;
+    const bool isDigested = EVP_Digest(bytes, size, digest, &length, EVP_sha256(), nullptr) == 1;
     Require(isDigested, 2, "libcrypto has no SHA-256");
     return Hex(digest, length);
+}
+
+std::string Sha256(const Package& package, size_t offset, size_t size) {
+    return Sha256(package.bytes.get() + offset, size);
 }

@@ -7,13 +7,17 @@ struct Span {
     size_t offset, size;
 };
 
-// The bytes that belong to no entry, by offset. An entry whose body does not fit has its header
-// only.
+// The entries that the package's maker put there: of those that begin inside an entry, each is a
+// magic that stands in an image, whatever size it seems to have. An entry whose body does not fit
+// has its header only.
+std::vector<const Entry*> OwnEntries(const Package& package);
+
+// The bytes that belong to no own entry, by offset; none if there is no entry.
 std::vector<Span> Uncovered(const Package& package);
 
-// The entry inside which this one begins; null without one. That is no entry of the package's
-// maker, but a magic that stands in an image.
+// The own entry inside which this one begins; null without one.
 const Entry* OuterEntry(const Package& package, const Entry& entry);
 
 // In lower-case hexadecimal digits.
+std::string Sha256(const uint8_t* bytes, size_t size);
 std::string Sha256(const Package& package, size_t offset, size_t size);

@@ -217,13 +217,19 @@ static void TakeClock(Keys keys, Description& phone) {
     });
 }
 
+static const uint8_t CBX_BGA = 0x01; // JEDEC CID: a device soldered to the board
+
 static void TakeCid(Keys keys, Description& phone) {
     const uint32_t serial = TakeNumber(keys, "serial_number", UINT32_MAX);
     phone.cid[0] = static_cast<uint8_t>(TakeNumber(keys, "manufacturer_id", 0xFF));
-    phone.cid[1] = 0x01; // CBX: a device soldered to the board
-    phone.productName = TakeText(keys, "product_name");
+    const bool hasCbx = keys.table.contains("cbx");
+    phone.cid[1] = static_cast<uint8_t>(hasCbx ? TakeNumber(keys, "cbx", 0xFF) : CBX_BGA);
+    phone.cid[2] = static_cast<uint8_t>(TakeNumber(keys, "oem_id", 0xFF, kOptional));
+    phone.productName = TakeBytes(keys, "product_name", 6);
     phone.productName.copy(reinterpret_cast<char*>(phone.cid) + 3, 6);
     phone.cid[9] = static_cast<uint8_t>(TakeNumber(keys, "product_revision", 0xFF));
+    phone.cid[14] = static_cast<uint8_t>(TakeNumber(keys, "manufacturing_date", 0xFF, kOptional));
+    phone.cid[15] = static_cast<uint8_t>(TakeNumber(keys, "crc", 0xFF, kOptional));
     for (int i = 0; i < 4; i++) {
         phone.cid[10 + i] = static_cast<uint8_t>(serial >> (24 - 8 * i));
     }
@@ -249,9 +255,11 @@ static void TakeEmmc(Keys keys, Description& phone) {
     });
 }
 
+static const size_t NODE_SIZE = 4096; // a page: kernels give no more
+
 static void TakeUfs(Keys keys, Description& phone) {
-    phone.manfid = TakeText(keys, "manfid");
-    phone.productName = TakeText(keys, "product_name");
+    phone.manfid = TakeBytes(keys, "manfid", NODE_SIZE);
+    phone.productName = TakeBytes(keys, "product_name", NODE_SIZE);
     phone.revision = TakeBytes(keys, "revision", 4);
     phone.maxHwSectorsKb = TakeNumber(keys, "max_hw_sectors_kb", INT_MAX / 1024, kOptional);
     for (const std::string& text : TakeTexts(keys, "write_buffer")) {

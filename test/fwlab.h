@@ -2,7 +2,7 @@
 // a temporary directory that is removed with its test.
 #pragma once
 
-#include "phone.h"
+#include "test/phone.h"
 
 #include <filesystem>
 #include <fnmatch.h>

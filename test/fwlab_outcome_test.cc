@@ -1,6 +1,6 @@
 // What the workstation tool tells of the files that runs left on phones: one phone, a fleet, and
 // files that no run leaves. It may never say more than they tell.
-#include "fwlab.h"
+#include "test/fwlab.h"
 
 #include <fstream>
 #include <sys/stat.h>

@@ -1,6 +1,6 @@
 // The release gate: a phone that would use up its attempt, get a wrong image or nothing at all must
 // be seen here, before the package is on phones.
-#include "fwlab.h"
+#include "test/fwlab.h"
 
 namespace {
 
@@ -87,6 +87,6 @@ TEST_F(FwlabTest, PlanKnowsAttemptsOnRecord) {
     Put("/pulled/D/fw_result", record("0700", "0900")); // ran another revision
     Put("/pulled/E/fw_result", "damaged");
     Expect(Fwlab("plan package --fleet fleet.toml --records pulled"), 0,
-           "67  gets entry 1*1  gets entry 1*2  attempted already, not again*"
+           "67  gets entry 1*1  gets entry 1*2  attempted: the last attempt was from*"
            "Phones: 68 update 2 attempted\n");
 }

@@ -1,5 +1,5 @@
 // What the workstation tool makes of manifests, packages and phones.
-#include "fwlab.h"
+#include "test/fwlab.h"
 
 #include <regex>
 #include <sys/stat.h>

@@ -1,0 +1,221 @@
+// Describes a real phone by what was pulled of its nodes, so that it can be matched and rehearsed.
+#include "fwlab/commands.h"
+#include "fwlab/json.h"
+#include "fwlab/manifest.h"
+#include "fwlab/output.h"
+#include "fwlab/toml_text.h"
+#include "simphone/files.h"
+
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <filesystem>
+#include <fmt/format.h>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr size_t NODE_SIZE_MAX = 4096; // a page: kernels give no more
+constexpr size_t CID_SIZE = 16, EXT_CSD_SIZE = 512;
+constexpr size_t EXT_CSD_REV = 192, EXT_CSD_FIRMWARE_VERSION = 254; // JEDEC
+
+const char PRODUCT_NAME[] = "/proc/bootdevice/product_name", MANFID[] = "/proc/bootdevice/manfid",
+           REV[] = "/proc/bootdevice/rev", EXT_CSD[] = "/proc/bootdevice/ext_csd",
+           CID[] = "/sys/class/mmc_host/mmc0/mmc0:0001/cid",
+           MAX_HW_SECTORS_KB[] = "/sys/block/sdc/queue/max_hw_sectors_kb";
+
+// Where the folder has a file of the phone: under its name alone, or under its path. Empty: not at
+// all.
+std::string PlaceOf(const std::string& folder, const std::string& path) {
+    const std::string flat = folder + path.substr(path.rfind('/')), full = folder + path;
+    const auto isThere = [](const std::string& place) {
+        std::error_code error;
+        const fs::file_status status = fs::symlink_status(place, error);
+        Require(status.type() != fs::file_type::none, 2, place + ": " + error.message());
+        return fs::exists(status);
+    };
+    const bool isFlat = isThere(flat), isFull = isThere(full);
+    Require(!isFlat || !isFull, 2, flat + " and " + full + ": which one?");
+    return isFlat ? flat : isFull ? full : "";
+}
+
+std::string Content(const std::string& place) {
+    std::error_code error;
+    const bool isRegular = fs::is_regular_file(fs::symlink_status(place, error));
+    Require(isRegular, 2, place + ": is no regular file");
+    Require(fs::file_size(place, error) <= NODE_SIZE_MAX && !error, 2,
+            place + ": is larger than a node");
+    std::string content;
+    const bool isRead = ReadWholeFile(place, content);
+    Require(isRead, 2, place + ": " + strerror(errno));
+    const char* exact = ": take it by `adb exec-out cat`, which keeps every byte";
+    Require(!content.empty(), 1, place + ": is empty" + exact);
+    const bool hasCarriageReturn =
+        content.size() > 1 && content.compare(content.size() - 2, 2, "\r\n") == 0;
+    Require(!hasCarriageReturn, 1,
+            place + ": ends with a carriage return, which no node has" + exact);
+    return content;
+}
+
+// The nodes that were pulled.
+struct Nodes {
+    std::string folder;
+    Texts places; // that were read
+    bool Has(const std::string& path) const {
+        return !PlaceOf(folder, path).empty();
+    }
+    std::string Read(const std::string& path) {
+        const std::string place = PlaceOf(folder, path);
+        Require(!place.empty(), 1,
+                folder + ": has no " + path.substr(path.rfind('/') + 1) + " (the phone's " + path +
+                    ")");
+        places.push_back(place);
+        return Content(place);
+    }
+};
+
+// The bytes of so many hexadecimal digits, which only a line feed may follow; empty if it is
+// anything else.
+std::string Unhex(const std::string& text, size_t size) {
+    const std::string digits = text.substr(0, text.find('\n'));
+    if (digits.size() != 2 * size || text.size() > digits.size() + 1 ||
+        digits.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos) {
+        return "";
+    }
+    std::string bytes;
+    for (size_t i = 0; i < digits.size(); i += 2) {
+        bytes += static_cast<char>(std::stoi(digits.substr(i, 2), nullptr, 16));
+    }
+    return bytes;
+}
+
+bool IsUfs(const Nodes& nodes, const std::string& technology) {
+    if (!technology.empty()) {
+        return technology == "ufs";
+    }
+    const bool isEmmc = nodes.Has(EXT_CSD) || nodes.Has(CID);
+    Require(isEmmc || (nodes.Has(MANFID) && nodes.Has(REV)), 1,
+            nodes.folder +
+                ": has neither ext_csd nor cid of an eMMC phone, nor manfid and rev of a "
+                "UFS phone: give --technology if it is to be one of these");
+    return !isEmmc;
+}
+
+std::string Line(const char* key, const std::string& value) {
+    return fmt::format("{} = {}\n", key, value);
+}
+
+std::string Number(const std::string& bytes, size_t at) {
+    return fmt::format("{:#04x}", static_cast<uint8_t>(bytes[at]));
+}
+
+std::string DescribeEmmc(Nodes& nodes, const std::string& mode) {
+    const std::string text = nodes.Read(EXT_CSD);
+    const bool isRaw = text.size() == EXT_CSD_SIZE;
+    const std::string extCsd = isRaw ? text : Unhex(text, EXT_CSD_SIZE);
+    Require(!extCsd.empty(), 1, "ext_csd is neither 1024 hexadecimal digits nor 512 bytes");
+    Require(!isRaw || !mode.empty(), 1,
+            "ext_csd is no text and so not from the node that only GKI mode has: give --mode");
+    const std::string cid = Unhex(nodes.Read(CID), CID_SIZE);
+    Require(!cid.empty(), 1, "cid is not 32 hexadecimal digits");
+    // The phone reads as many bytes of the node as the register has.
+    const std::string own = cid.substr(3, 6), name = nodes.Read(PRODUCT_NAME).substr(0, own.size());
+    Require(name == own, 1,
+            fmt::format("product_name is {}, but the CID has {}: no description can have both",
+                        Quoted(name), Quoted(own)));
+    std::string revision = extCsd.substr(EXT_CSD_FIRMWARE_VERSION, EMMC_REV_SIZE);
+    revision.resize(revision.find_last_not_of('\0') + 1); // zero bytes fill it up
+    std::string serial;
+    for (size_t at = 10; at < 14; at++) {
+        serial += fmt::format("{:02x}", static_cast<uint8_t>(cid[at]));
+    }
+    return Line("technology", "\"emmc\"") +
+           Line("mode", mode.empty() ? "\"gki\"" : TomlBytes(mode)) +
+           Line("revision", TomlBytes(revision)) +
+           Line("ext_csd_rev", Number(extCsd, EXT_CSD_REV)) + "\n[cid]\n" +
+           Line("manufacturer_id", Number(cid, 0)) + Line("cbx", Number(cid, 1)) +
+           Line("oem_id", Number(cid, 2)) + Line("product_name", TomlBytes(own)) +
+           Line("product_revision", Number(cid, 9)) + Line("serial_number", "0x" + serial) +
+           Line("manufacturing_date", Number(cid, 14)) + Line("crc", Number(cid, 15));
+}
+
+std::string DescribeUfs(Nodes& nodes) {
+    const std::string manfid = nodes.Read(MANFID), name = nodes.Read(PRODUCT_NAME);
+    const std::string rev = nodes.Read(REV);
+    Require(rev.size() >= UFS_REV_SIZE, 1,
+            fmt::format("rev has {} bytes: the phone reads 4, and stops without them", rev.size()));
+    // A simulated phone's node has a line feed behind the revision.
+    std::string revision = rev.substr(0, UFS_REV_SIZE);
+    revision.resize(revision.back() == '\n' ? revision.size() - 1 : revision.size());
+    std::string text = Line("technology", "\"ufs\"") + Line("manfid", TomlBytes(manfid)) +
+                       Line("product_name", TomlBytes(name)) +
+                       Line("revision", TomlBytes(revision));
+    if (nodes.Has(MAX_HW_SECTORS_KB)) {
+        std::string number = nodes.Read(MAX_HW_SECTORS_KB);
+        number.resize(number.back() == '\n' ? number.size() - 1 : number.size());
+        const bool isNumber = !number.empty() && number.size() < 10 && number[0] != '0' &&
+                              number.find_first_not_of("0123456789") == std::string::npos &&
+                              std::stol(number) <= INT_MAX / 1024;
+        Require(isNumber, 1, "max_hw_sectors_kb is no number of KiB: " + Quoted(number));
+        text += Line("max_hw_sectors_kb", number);
+    }
+    return text;
+}
+
+// The record that lies in the phone's state directory; empty if there is none.
+std::string RecordOf(const std::string& folder) {
+    const std::string state = PlaceOf(folder, "/data/vendor/fw");
+    std::error_code error;
+    const std::string record = state + "/fw_result";
+    const bool isThere = !state.empty() && fs::exists(fs::symlink_status(record, error));
+    Require(!isThere || fs::is_regular_file(fs::symlink_status(record, error)), 2,
+            record + ": is no regular file");
+    return isThere ? record : "";
+}
+
+} // namespace
+
+int Capture(const CaptureOptions& options) {
+    std::error_code error;
+    const bool isFolder = fs::is_directory(options.folder, error);
+    Require(isFolder, 2, options.folder + ": " + (error ? error.message() : "is no folder"));
+    Nodes nodes = {options.folder, {}};
+    const bool isUfs = IsUfs(nodes, options.technology);
+    Require(!isUfs || options.mode.empty(), 2, "--mode: a UFS phone has none");
+    const std::string& next = options.firmwareRevision;
+    Require(isUfs ? next.size() == UFS_REV_SIZE : !next.empty() && next.size() <= EMMC_REV_SIZE, 2,
+            fmt::format("--firmware-revision has {} bytes, not {}", next.size(),
+                        isUfs ? "4" : "1 to 8"));
+    const std::string described = isUfs ? DescribeUfs(nodes) : DescribeEmmc(nodes, options.mode);
+    const std::string record = RecordOf(options.folder);
+    for (const std::string& place : nodes.places) {
+        RequireOther(options.output, place);
+    }
+    WriteOutput(options.output, "# A phone, made by `fwlab capture` from its nodes.\n" + described +
+                                    "\n# Not of the phone: what it is to report after an update.\n"
+                                    "[firmware]\n" +
+                                    Line("revision", TomlBytes(next)));
+    const Description phone = ReadPhone(options.output);
+    if (options.asJson) {
+        const Json answer = {{"phone", Quoted(options.output, "")},
+                             {"technology", isUfs ? "ufs" : "emmc"},
+                             {"mode", isUfs ? Json() : Json(phone.gki ? "gki" : "normal")},
+                             {"product_name", Escaped(phone.productName)},
+                             {"revision", Escaped(phone.revision)},
+                             {"record", record.empty() ? Json() : Json(Quoted(record, ""))}};
+        fmt::print("{}\n", answer.dump(2));
+        return 0;
+    }
+    fmt::print("{}: {} phone{}, {}, runs {}\n", Quoted(options.output, ""),
+               isUfs ? "a UFS" : "an eMMC",
+               isUfs       ? ""
+               : phone.gki ? " in GKI mode"
+                           : " in normal mode",
+               Quoted(phone.productName), Quoted(phone.revision));
+    if (!record.empty()) {
+        fmt::print("Its record: fwlab match PACKAGE --phone {} --record {}\n",
+                   Quoted(options.output, "'"), Quoted(record, "'"));
+    }
+    return 0;
+}

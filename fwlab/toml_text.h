@@ -1,0 +1,9 @@
+// Writes values of TOML files, for manifests and descriptions that programs make.
+#pragma once
+
+#include <string>
+
+// A text in quotation marks where all bytes are printable or line feeds, else a list of numbers.
+// The readers of manifests and descriptions take both for the same bytes.
+std::string TomlBytes(const std::string& bytes);
+std::string TomlList(const std::string& bytes); // of numbers, whatever they are

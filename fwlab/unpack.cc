@@ -1,0 +1,90 @@
+// Takes a package apart: its manifest and its images, of which pack makes the same bytes again.
+#include "fwlab/commands.h"
+#include "fwlab/decision.h"
+#include "fwlab/difference.h"
+#include "fwlab/manifest.h"
+#include "fwlab/output.h"
+#include "fwlab/spans.h"
+
+#include <algorithm>
+#include <cstring>
+#include <filesystem>
+#include <fmt/format.h>
+
+namespace {
+
+constexpr char MANIFEST[] = "package.toml";
+
+// Why pack makes no such package; empty if nothing is seen.
+std::string FlawOf(const Package& package, const std::vector<const Entry*>& entries) {
+    if (!package.flaw.empty() || entries.empty()) {
+        return package.flaw.empty() ? "holds no entry" : package.flaw;
+    }
+    for (const Entry* entry : entries) {
+        const Texts findings = FindingsOf(package, *entry);
+        if (!findings.empty()) {
+            return Title(*entry) + ": " + findings[0];
+        }
+    }
+    const std::vector<Span> spans = Uncovered(package);
+    return spans.empty() ? ""
+                         : fmt::format("{} bytes from {:#x} belong to no entry", spans[0].size,
+                                       spans[0].offset);
+}
+
+// Whether pack makes these bytes of the manifest; Stop if not.
+void RequireSame(const std::string& manifest, const Package& package) {
+    const Built built = BuildPackage(manifest, true);
+    if (built.bytes.size() == package.size &&
+        memcmp(built.bytes.data(), package.bytes.get(), package.size) == 0) {
+        return;
+    }
+    const PackageBytes borrowed(PackageBytes(),
+                                reinterpret_cast<const uint8_t*>(built.bytes.data()));
+    const Package made = LookInto(manifest, borrowed, built.bytes.size(), package.layout);
+    const std::vector<Difference> found = DifferencesOf(package, made);
+    throw Stop{1, found.empty()
+                      ? package.path + ": pack does not make it again"
+                      : fmt::format("{}: pack does not make it again: entry {}: {} is {}, not {}",
+                                    package.path, found[0].entry, found[0].field,
+                                    Shown(found[0].second), Shown(found[0].first))};
+}
+
+} // namespace
+
+int Unpack(const std::string& packageFile, const std::string& folder, bool asJson) {
+    const Package package = OpenPackage(packageFile);
+    const std::vector<const Entry*> entries = OwnEntries(package);
+    const std::string flaw = FlawOf(package, entries);
+    Require(flaw.empty(), 1, packageFile + ": pack makes no such package: " + flaw);
+    std::vector<ManifestEntry> parts;
+    for (const Entry* entry : entries) {
+        const uint8_t* body = package.bytes.get() + entry->body;
+        parts.push_back({entry->identity,
+                         {body, body + entry->bodySize},
+                         fmt::format("image-{}.bin", parts.size() + 1)});
+    }
+    MakeFolder(folder, [&](const std::string& made) {
+        for (const ManifestEntry& part : parts) {
+            WriteOutput(made + "/" + part.imageFile, part.image);
+        }
+        WriteOutput(made + "/" + MANIFEST, ManifestText(*package.layout, parts));
+        RequireSame(made + "/" + MANIFEST, package);
+    });
+    const bool needsGki = std::any_of(entries.begin(), entries.end(),
+                                      [](const Entry* entry) { return NeedsGkiMode(*entry); });
+    const std::string manifest = std::filesystem::path(folder) / MANIFEST;
+    if (asJson) {
+        fmt::print("{}\n", Json({{"package", Quoted(packageFile, "")},
+                                 {"manifest", Quoted(manifest, "")},
+                                 {"entries", entries.size()},
+                                 {"gki_only", needsGki}})
+                               .dump(2));
+        return 0;
+    }
+    fmt::print("{}: entries: {}\n", Quoted(manifest, ""), entries.size());
+    if (needsGki) {
+        fmt::print("An eMMC image is larger than 1 MiB: pack it with --gki-only.\n");
+    }
+    return 0;
+}

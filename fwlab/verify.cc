@@ -1,0 +1,70 @@
+// Tells whether a package is what its manifest makes.
+#include "fwlab/commands.h"
+#include "fwlab/difference.h"
+#include "fwlab/spans.h"
+
+#include <cstring>
+#include <fmt/format.h>
+
+namespace {
+
+std::string TextOf(const Difference& difference, const std::vector<const Entry*>& entries) {
+    if (difference.entry == 0) {
+        return fmt::format("{} bytes too many from {:#x} on, behind the last entry",
+                           difference.second.get<size_t>() - difference.first.get<size_t>(),
+                           difference.offset);
+    }
+    const Entry& entry = *entries[difference.entry - 1];
+    const std::string title = fmt::format("entry {} at {:#x}", difference.entry, entry.offset);
+    if (difference.field == "end") {
+        return fmt::format("the package ends {} {}: {} bytes too few",
+                           difference.offset <= entry.offset ? "in front of" : "in", title,
+                           difference.first.get<size_t>() - difference.second.get<size_t>());
+    }
+    if (difference.field == "body") {
+        return fmt::format("{}: body: another one from its byte {} on (at {:#x})", title,
+                           difference.offset - entry.body, difference.offset);
+    }
+    return fmt::format(
+        "{}: {} (at {:#x}): the manifest makes {}, the package has {}{}", title, difference.field,
+        difference.offset, Shown(difference.first), Shown(difference.second),
+        difference.field == entry.identity.layout->bodySize.key ? "; what follows is not compared"
+                                                                : "");
+}
+
+} // namespace
+
+int Verify(const std::string& packageFile, const std::string& manifestFile, bool asJson) {
+    const Built built = BuildPackage(manifestFile, true);
+    const PackageBytes borrowed(PackageBytes(),
+                                reinterpret_cast<const uint8_t*>(built.bytes.data()));
+    const Package wanted = LookInto(manifestFile, borrowed, built.bytes.size(), built.layout);
+    const Package package = OpenPackage(packageFile, built.layout);
+    const std::vector<const Entry*> entries = OwnEntries(wanted);
+    Json report = {{"package", Quoted(packageFile, "")},
+                   {"manifest", Quoted(manifestFile, "")},
+                   {"same", true},
+                   {"differences", Json::array()}};
+    for (const Difference& difference : DifferencesOf(wanted, package)) {
+        report["differences"].push_back(
+            {{"entry", difference.entry == 0 ? Json() : Json(difference.entry)},
+             {"field", difference.field},
+             {"offset", difference.offset},
+             {"manifest", difference.first},
+             {"package", difference.second},
+             {"text", TextOf(difference, entries)}});
+    }
+    const bool isSame = package.size == wanted.size &&
+                        memcmp(package.bytes.get(), wanted.bytes.get(), wanted.size) == 0;
+    report["same"] = isSame;
+    if (asJson) {
+        fmt::print("{}\n", report.dump(2));
+        return isSame ? 0 : 1;
+    }
+    for (const Json& difference : report["differences"]) {
+        fmt::print("{}\n", difference["text"].get<std::string>());
+    }
+    fmt::print("{}: {} what {} makes\n", Quoted(packageFile, ""), isSame ? "is" : "is NOT",
+               Quoted(manifestFile, ""));
+    return isSame ? 0 : 1;
+}
