@@ -213,7 +213,7 @@ Judgement JudgeAttempt(const StateFiles& files, const Record& record) {
     }
     if (whose == Whose::EARLIER) {
         Judgement judgement = JudgeWithoutOutcome(files, attempt);
-        judgement.why += "; " + title + " is of an earlier attempt";
+        judgement.why += "; " + title + " is older: of an earlier attempt, if the clock is right";
         return judgement;
     }
     if (files.fail.isThere) {
