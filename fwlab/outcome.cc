@@ -213,13 +213,15 @@ Judgement JudgeAttempt(const StateFiles& files, const Record& record) {
     }
     if (whose == Whose::EARLIER) {
         Judgement judgement = JudgeWithoutOutcome(files, attempt);
-        judgement.why += "; " + title + " is of an earlier attempt";
+        judgement.why += "; " + title + " is older: of an earlier attempt, if the clock is right";
         return judgement;
     }
-    if (files.fail.isThere) {
-        return {State::FAILED, attempt + " failed: " + title + "; " + LastRun(files)};
-    }
     const bool isUntold = files.begin.isThere && files.end.isThere;
+    if (files.fail.isThere) { // a run whose update fails leaves its begin flag
+        const bool isOfThatRun = files.begin.isThere && !isUntold;
+        return {State::FAILED,
+                attempt + " failed: " + title + (isOfThatRun ? "" : "; " + LastRun(files))};
+    }
     const State state = isUntold            ? State::UNKNOWN
                         : files.end.isThere ? State::UPDATED
                                             : State::STOPPED;
