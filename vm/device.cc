@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <filesystem>
 #include <fstream>
 #include <linux/types.h>
 #include <scsi/scsi.h>
@@ -30,6 +31,8 @@ const uint32_t BLOCKS = 4096;
 struct Device {
     std::string phone;
     std::string cut;
+    size_t requests = 0;   // of this run, at the one that came last
+    uintmax_t logSize = 0; // of requests.log, after it
     std::string medium = std::string(size_t{BLOCK_SIZE} * BLOCKS, '\0');
 };
 
@@ -80,25 +83,26 @@ void Refuse(Command& command, uint8_t asc) {
     command.sense[12] = asc;
 }
 
-// A list of answers counts from the last line "run" of requests.log.
-size_t RequestsOfThisRun(const std::string& log) {
-    size_t requests = 0;
-    std::ifstream lines(log);
-    for (std::string line; std::getline(lines, line);) {
-        requests = line == "run" ? 0 : requests + 1;
-    }
-    return requests;
+// Which answer of a list it is: they count from the line "run" in requests.log, which init writes.
+size_t Turn(Device& device, const std::string& log) {
+    std::error_code status;
+    const uintmax_t size = std::filesystem::file_size(log, status);
+    device.requests = size == device.logSize ? device.requests + 1 : 0;
+    return device.requests;
 }
 
 void WriteBuffer(Device& device, Command& command) {
+    uint8_t cdb[10];
+    memcpy(cdb, command.cdb, sizeof(cdb));
+    const std::string log = device.phone + "/requests.log";
+    const std::string text = "WRITE BUFFER cdb=" + Hex(cdb, sizeof(cdb)) +
+                             " data=" + std::to_string(command.data.size()) + " -> ";
     if (device.cut == "command") {
+        std::ofstream(log, std::ios::app) << text << "power cut\n";
         EndPower();
     }
     const Description phone = ReadPhone(device);
-    const std::string log = device.phone + "/requests.log";
-    const size_t turn = std::min(RequestsOfThisRun(log), phone.answers.size() - 1);
-    uint8_t cdb[10];
-    memcpy(cdb, command.cdb, sizeof(cdb));
+    const size_t turn = std::min(Turn(device, log), phone.answers.size() - 1);
     sg_io_hdr request = {};
     request.interface_id = 'S';
     request.cmdp = cdb;
@@ -114,9 +118,12 @@ void WriteBuffer(Device& device, Command& command) {
         Stop(std::string("WRITE BUFFER: ") + strerror(error));
     }
     command.status = request.status;
-    std::ofstream(log, std::ios::app)
-        << "WRITE BUFFER cdb=" << Hex(cdb, sizeof(cdb)) << " data=" << command.data.size() << " -> "
-        << response << "\n";
+    std::ofstream(log, std::ios::app) << text << response << "\n";
+    std::error_code status;
+    device.logSize = std::filesystem::file_size(log, status);
+    if (request.status == BUSY << 1) {
+        sleep(1); // the kernel repeats the command until the time is over that the tool gave it
+    }
     if (device.cut == "download") {
         EndPower();
     }
