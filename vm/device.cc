@@ -50,7 +50,8 @@ struct Command {
 }
 
 // At once: nothing is synced.
-void EndPower() {
+void EndPower(const Device& device) {
+    std::ofstream(device.phone + "/power-cut") << std::flush;
     std::ofstream("/kernel/proc/sysrq-trigger") << "b" << std::flush;
 }
 
@@ -99,7 +100,7 @@ void WriteBuffer(Device& device, Command& command) {
                              " data=" + std::to_string(command.data.size()) + " -> ";
     if (device.cut == "command") {
         std::ofstream(log, std::ios::app) << text << "power cut\n";
-        EndPower();
+        EndPower(device);
     }
     const Description phone = ReadPhone(device);
     const size_t turn = std::min(Turn(device, log), phone.answers.size() - 1);
@@ -125,7 +126,7 @@ void WriteBuffer(Device& device, Command& command) {
         sleep(1); // the kernel repeats the command until the time is over that the tool gave it
     }
     if (device.cut == "download") {
-        EndPower();
+        EndPower(device);
     }
 }
 
@@ -261,6 +262,9 @@ int main(int argc, char** argv) {
         Stop(std::string(argv[1]) + ": " + strerror(errno));
     }
     (void)ReadPhone(device);
+    if (daemon(1, 1) != 0) { // init goes on from here, the machine has its device
+        Stop(std::string("daemon: ") + strerror(errno));
+    }
     for (;;) {
         uint32_t events = 0;
         ServeAll(device, static_cast<char*>(map));
