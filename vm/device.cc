@@ -138,6 +138,7 @@ uint32_t BigEndian(const uint8_t* bytes, int count) {
     return value;
 }
 
+// A field of a standard INQUIRY, filled up with blanks.
 std::string Text(const std::string& text, size_t size) {
     std::string field = text.substr(0, text.find('\n'));
     field.resize(size, ' ');
@@ -161,6 +162,7 @@ std::string ReadCapacity(int size) {
     return data;
 }
 
+// READ(10) and WRITE(10); the medium does not outlive the machine.
 void Transfer(Device& device, Command& command, uint32_t block, uint32_t blocks) {
     const size_t size = size_t{blocks} * BLOCK_SIZE;
     if (block > BLOCKS || blocks > BLOCKS - block || size != command.data.size()) {
