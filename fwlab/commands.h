@@ -23,4 +23,13 @@ struct RehearseOptions {
 // Runs the ffu that lies beside this program.
 int Rehearse(const RehearseOptions& options);
 
+struct SweepRequest {
+    std::string package;
+    Texts phones;            // their descriptions
+    unsigned jobs;           // processes; 0: one for each processor
+    std::string junit, html; // files to write, if not empty: whole, or as they were
+};
+// Runs the ffu that lies beside this program, some thousand times for each phone.
+int Sweep(const SweepRequest& request);
+
 int Outcome(const std::string& directory);
