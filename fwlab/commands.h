@@ -69,3 +69,12 @@ struct CaptureOptions {
 };
 // Writes the description of the phone whose nodes lie in the folder.
 int Capture(const CaptureOptions& options);
+
+struct SweepRequest {
+    std::string package;
+    Texts phones;            // their descriptions
+    unsigned jobs;           // processes; 0: one for each processor
+    std::string junit, html; // files to write, if not empty: whole, or as they were
+};
+// Runs the ffu that lies beside this program, some thousand times for each phone.
+int Sweep(const SweepRequest& request);

@@ -20,9 +20,13 @@ struct Arguments {
     bool gkiOnly, json;
     Description device; // by hand
     RehearseOptions rehearsal;
+<<<<<<< HEAD
     PlanOptions plan;
     OutcomeOptions outcome;
     CaptureOptions capture;
+=======
+    SweepRequest sweep;
+>>>>>>> sweep
     int status; // of the command
 };
 
@@ -151,6 +155,21 @@ void AddRehearse(CLI::App& app, Arguments& args) {
     rehearse->callback([&] { args.status = Rehearse(options); });
 }
 
+void AddSweep(CLI::App& app, Arguments& args) {
+    SweepRequest& request = args.sweep;
+    CLI::App* sweep = app.add_subcommand("sweep", "Rehearse every failing call and power cut");
+    sweep->add_option("PACKAGE", request.package, "the package")->required();
+    sweep->add_option("--phone", request.phones, "descriptions of phones")->required();
+    sweep->add_option("--jobs", request.jobs, "processes; without it one for each processor")
+        ->check(CLI::Range(1, 1024));
+    sweep->add_option("--junit", request.junit, "write a JUnit report: a test case for each call");
+    sweep->add_option("--html", request.html, "write a page with the runs and their time lines");
+    sweep->footer("Each call of the run fails, in each way, once and for good, and the power fails "
+                  "before each call that changes the phone, with all that may be lost as it was "
+                  "not synced. Exit status 1: a run did what it must not.");
+    sweep->callback([&] { args.status = Sweep(request); });
+}
+
 void AddOutcome(CLI::App& app, Arguments& args) {
     OutcomeOptions& options = args.outcome;
     CLI::App* outcome = app.add_subcommand("outcome", "Explain what runs left in /data/vendor/fw");
@@ -256,7 +275,11 @@ int Run(int argc, char** argv) {
     AddVerify(app, args);
     AddMatch(app, args);
     AddRehearse(app, args);
+<<<<<<< HEAD
     AddPlan(app, args);
+=======
+    AddSweep(app, args);
+>>>>>>> sweep
     AddOutcome(app, args);
     AddCapture(app, args);
     try {

@@ -32,7 +32,8 @@ enum class Fate {
     UPDATED_NEXT, // it will, from the next run
     UNTOUCHED,    // nothing was attempted, and the next run attempts nothing
     USED_UP,      // the attempt is on record, the device is not updated, and no run tries again
-    STUCK         // later runs stop as they cannot read the record
+    STUCK,        // later runs stop as they cannot read the record
+    OTHER_IMAGE   // the device has taken other bytes than in the run without a fault
 };
 
 // One run, for whoever looks at each of them. Without a job it is the base run.
@@ -76,12 +77,14 @@ struct SweepJobResult {
 };
 struct SweepViolation {
     size_t scenario;
+    size_t call;             // in the calls of the base run, from 0
     std::string fault, text; // the fault is empty for the base run
 };
 struct SweepResult {
     int interruptedBy = 0; // the signal that ended it early
     std::vector<RunResult> bases;
     std::vector<Fate> baseFates;
+    std::vector<std::string> baseImages; // what the device has taken
     std::vector<SweepJob> jobs;
     std::vector<SweepJobResult> results; // of each job
     std::vector<SweepViolation> violations;
@@ -90,7 +93,7 @@ struct SweepResult {
 };
 
 // Throws Stop if a phone cannot be made or run. SIGINT, SIGTERM and SIGHUP end it early.
-SweepResult Sweep(const std::vector<SweepScenario>& scenarios, const SweepOptions& options);
+SweepResult RunSweep(const std::vector<SweepScenario>& scenarios, const SweepOptions& options);
 
 // The requests of a run that change the device, or those up to a call, as a letter each, a capital
 // one if the device took it: G for a write to the GKI node (s: a part was taken), D and I for the

@@ -1,0 +1,196 @@
+// Rehearses every failing call and every power cut of a package on phones, and says what is left of
+// them. Called by hand and by CI systems; nothing stays but the files that are asked for.
+#include "fwlab/sweep_report.h"
+
+#include "simphone/description.h"
+#include "simphone/files.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <filesystem>
+#include <fmt/format.h>
+#include <map>
+#include <numeric>
+#include <unistd.h>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+// A file that is begun beside its place before the sweep, so that it is known to be writable, and
+// renamed when it is whole; without that it is removed.
+class Output {
+public:
+    explicit Output(const std::string& file) : path(file) {
+        if (!path.empty()) {
+            temporary = fmt::format("{}.{}", path, getpid());
+            Write("");
+        }
+    }
+    Output(const Output&) = delete;
+    Output& operator=(const Output&) = delete;
+    ~Output() {
+        if (!temporary.empty()) {
+            unlink(temporary.c_str());
+        }
+    }
+    void Finish(const std::string& content) {
+        Write(content);
+        const bool isRenamed = rename(temporary.c_str(), path.c_str()) == 0;
+        Require(isRenamed, 2, path + ": " + strerror(errno));
+        temporary.clear();
+    }
+
+private:
+    void Write(const std::string& content) {
+        const bool isWritten = WriteWholeFile(temporary, content.data(), content.size());
+        Require(isWritten, 2, path + ": " + strerror(errno));
+    }
+    std::string path, temporary;
+};
+
+// A word for a shell, printable whatever it holds.
+std::string ShellWord(const std::string& text) {
+    const char* plain = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_./,=+-";
+    if (!text.empty() && text.find_first_not_of(plain) == std::string::npos) {
+        return text;
+    }
+    if (Escaped(text) == text && text.find('\'') == std::string::npos) {
+        return "'" + text + "'";
+    }
+    std::string word;
+    for (const char c : Escaped(text)) {
+        word.append(c == '\'' ? "\\" : "").append(1, c);
+    }
+    return "$'" + word + "'"; // bash: with \n, \\, \' and \xHH
+}
+
+void ShowProgress(size_t done, size_t all) {
+    fmt::print(stderr, "\r{} of {} faults", done, all);
+    fflush(stderr);
+}
+
+size_t Sum(const FateCounts& counts) {
+    return std::accumulate(counts.begin(), counts.end(), size_t{0});
+}
+
+void Print(const SweepRequest& request, const SweepResult& result) {
+    for (size_t i = 0; i < result.bases.size(); i++) {
+        const SweepSummary sum = Summarize(result, i);
+        fmt::print("{}: {}\n", Escaped(request.phones[i]), PhoneTitle(request.phones[i]));
+        fmt::print("  without a fault: {}, in {} calls\n", FateText(result.baseFates[i]),
+                   result.bases[i].calls.size());
+        fmt::print("  {} failing calls: {}\n", Sum(sum.failingCalls),
+                   FateCountsText(sum.failingCalls));
+        fmt::print("  {} power cuts: {}\n", Sum(sum.powerCuts), FateCountsText(sum.powerCuts));
+        fmt::print("    {} states that they can leave: {}\n", Sum(sum.states),
+                   FateCountsText(sum.states));
+    }
+    for (const SweepViolation& wrong : result.violations) {
+        fmt::print("VIOLATION: {}:\n    {}\n", Escaped(wrong.text),
+                   RehearseCommand(request, wrong));
+    }
+    fmt::print("{} runs, {} violations{}\n", result.runs, result.violations.size(),
+               result.violations.empty()
+                   ? ": the device was asked for each revision in one run at most, never after a "
+                     "failure that must stop it, and never before the attempt was on record; the "
+                     "record only grew; no run was stuck but by a cut before the record was synced."
+                   : ".");
+}
+
+} // namespace
+
+std::string PhoneTitle(const std::string& description) {
+    Description phone;
+    std::string error;
+    Require(ReadDescription(description, phone, error), 2, error);
+    return fmt::format("{} {}, runs {}",
+                       phone.ufs   ? "UFS"
+                       : phone.gki ? "eMMC (GKI mode)"
+                                   : "eMMC (normal mode)",
+                       Quoted(phone.productName), Quoted(phone.revision));
+}
+
+const char* FateText(Fate fate) {
+    static const char* const texts[] = {"updated",        "updated by the next run",
+                                        "left as it was", "attempted and used up",
+                                        "stuck",          "left with another image"};
+    return texts[static_cast<size_t>(fate)];
+}
+
+std::string FateCountsText(const FateCounts& counts) {
+    std::string text;
+    for (const Fate fate : FATES) {
+        const size_t count = counts[static_cast<size_t>(fate)];
+        if (count > 0) {
+            text += fmt::format("{}{} {}", text.empty() ? "" : ", ", count, FateText(fate));
+        }
+    }
+    return text;
+}
+
+SweepSummary Summarize(const SweepResult& result, size_t scenario) {
+    SweepSummary sum = {};
+    std::map<size_t, Fate> cuts; // by the call before which the power fails
+    for (size_t i = 0; i < result.jobs.size(); i++) {
+        const SweepJob& job = result.jobs[i];
+        if (job.scenario != scenario) {
+            continue;
+        }
+        for (const SweepLeft& left : result.results[i].left) {
+            const auto fate = static_cast<size_t>(left.fate);
+            if (!job.isPowerCut) {
+                sum.failingCalls[fate]++;
+                continue;
+            }
+            sum.states[fate]++;
+            Fate& worst = cuts[job.call + (job.way == "end-after" ? 1 : 0)];
+            worst = std::max(worst, left.fate);
+        }
+    }
+    for (const auto& [call, fate] : cuts) {
+        sum.powerCuts[static_cast<size_t>(fate)]++;
+    }
+    return sum;
+}
+
+std::string RehearseCommand(const SweepRequest& request, const SweepViolation& wrong) {
+    return fmt::format("fwlab rehearse {} --phone {}{}{} --reboot-and-run-again",
+                       ShellWord(request.package), ShellWord(request.phones[wrong.scenario]),
+                       wrong.fault.empty() ? "" : " --fault ",
+                       wrong.fault.empty() ? "" : ShellWord(wrong.fault));
+}
+
+int Sweep(const SweepRequest& request) {
+    std::vector<SweepScenario> scenarios;
+    for (const std::string& phone : request.phones) {
+        (void)PhoneTitle(phone);
+        scenarios.push_back({phone, phone, request.package, {false, {}}});
+    }
+    (void)OpenPackage(request.package); // it can be read
+    Output junit(request.junit);
+    Output html(request.html);
+
+    SweepOptions options;
+    options.tool = fs::read_symlink("/proc/self/exe").parent_path() / "ffu";
+    options.processes = request.jobs;
+    options.keepsTimeLines = !request.html.empty();
+    const bool isSeen = isatty(STDERR_FILENO) != 0;
+    if (isSeen) {
+        options.progress = ShowProgress;
+    }
+    const SweepResult result = RunSweep(scenarios, options);
+    fmt::print(stderr, "{}", isSeen ? "\r\x1b[K" : "");
+    if (result.interruptedBy != 0) {
+        throw Stop{128 + result.interruptedBy, "interrupted"};
+    }
+    if (!request.junit.empty()) {
+        junit.Finish(SweepJunit(request, result));
+    }
+    if (!request.html.empty()) {
+        html.Finish(SweepPage(request, result));
+    }
+    Print(request, result);
+    return result.violations.empty() ? 0 : 1;
+}

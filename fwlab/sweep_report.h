@@ -1,0 +1,34 @@
+// What a sweep says about its runs, in words for a person and in files for a browser and for a CI
+// system.
+#pragma once
+
+#include "fwlab/commands.h"
+#include "fwlab/sweep_engine.h"
+
+#include <array>
+#include <iterator>
+
+constexpr Fate FATES[] = {Fate::UPDATED, Fate::UPDATED_NEXT, Fate::UNTOUCHED,
+                          Fate::USED_UP, Fate::STUCK,        Fate::OTHER_IMAGE};
+const char* FateText(Fate fate); // "attempted and used up"
+
+// How many there are of each fate, by its number: "3 updated by the next run, 2 stuck".
+using FateCounts = std::array<size_t, std::size(FATES)>;
+std::string FateCountsText(const FateCounts& counts);
+
+struct SweepSummary {
+    FateCounts failingCalls; // jobs
+    FateCounts powerCuts;    // moments, each by the worst that it can leave
+    FateCounts states;       // that the cuts can leave
+};
+SweepSummary Summarize(const SweepResult& result, size_t scenario);
+
+std::string PhoneTitle(const std::string& description); // its device, on one line
+
+// The command that shows what is wrong, for a shell.
+std::string RehearseCommand(const SweepRequest& request, const SweepViolation& wrong);
+
+// One page without anything from elsewhere.
+std::string SweepPage(const SweepRequest& request, const SweepResult& result);
+// JUnit XML: a suite for each phone, a case for each call.
+std::string SweepJunit(const SweepRequest& request, const SweepResult& result);
