@@ -20,13 +20,10 @@ struct Arguments {
     bool gkiOnly, json;
     Description device; // by hand
     RehearseOptions rehearsal;
-<<<<<<< HEAD
     PlanOptions plan;
     OutcomeOptions outcome;
     CaptureOptions capture;
-=======
     SweepRequest sweep;
->>>>>>> sweep
     int status; // of the command
 };
 
@@ -275,11 +272,8 @@ int Run(int argc, char** argv) {
     AddVerify(app, args);
     AddMatch(app, args);
     AddRehearse(app, args);
-<<<<<<< HEAD
     AddPlan(app, args);
-=======
     AddSweep(app, args);
->>>>>>> sweep
     AddOutcome(app, args);
     AddCapture(app, args);
     try {
