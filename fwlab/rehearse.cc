@@ -6,17 +6,16 @@
 #include "fwlab/decision.h"
 #include "fwlab/manifest.h"
 #include "fwlab/outcome.h"
+#include "fwlab/work_folder.h"
 #include "run/result_record.h"
 #include "run/state_flags.h"
 #include "simphone/phone.h"
 
 #include <climits>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fmt/format.h>
 #include <map>
-#include <memory>
 #include <sstream>
 
 namespace fs = std::filesystem;
@@ -71,6 +70,7 @@ bool Run(const Texts& faults, const std::string& phone) {
     RunOptions options;
     options.faults = faults;
     const RunResult run = RunTool(phone, Companion("ffu"), options);
+    StopIfInterrupted();
     Require(run.error.empty(), 2, run.error);
     PrintTimeLine(run);
     Require(run.unmetFaults.empty(), 2,
@@ -130,16 +130,8 @@ int Rehearse(const RehearseOptions& options) {
     // What the phone is to get: what the pre-check saw, or that entry's like for this very device.
     const Entry* entry = decision.verdict == Verdict::UPDATE ? decision.sent : decision.PreCheck();
 
-    std::string phone = fs::temp_directory_path() / "fwlab-XXXXXX";
-    std::error_code ignored; // what cannot be removed stays
-    const auto remove = [&](const std::string* directory) { fs::remove_all(*directory, ignored); };
-    std::unique_ptr<const std::string, decltype(remove)> temporary(nullptr, remove);
-    if (options.keep.empty()) {
-        Require(mkdtemp(phone.data()) != nullptr, 2, phone + ": cannot be made");
-        temporary.reset(&phone);
-    } else {
-        phone = options.keep;
-    }
+    const WorkFolder folder;
+    const std::string phone = options.keep.empty() ? folder.path + "/phone" : options.keep;
     Require(MakePhone(options.phone, phone, error), 2, error);
     Require(PutPackage(options.package, phone, error), 2, error);
     PrintPhone(phone);

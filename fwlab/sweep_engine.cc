@@ -4,6 +4,7 @@
 #include "fwlab/sweep_engine.h"
 
 #include "fwlab/package.h"
+#include "fwlab/work_folder.h"
 #include "simphone/description.h"
 
 #include <algorithm>
@@ -529,25 +530,6 @@ void EndAll(const std::set<pid_t>& workers) {
     prctl(PR_SET_CHILD_SUBREAPER, 0);
 }
 
-const sigset_t& EndingSignals() {
-    static const sigset_t signals = [] {
-        sigset_t set;
-        sigemptyset(&set);
-        for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
-            sigaddset(&set, number);
-        }
-        return set;
-    }();
-    return signals;
-}
-
-// Returns the signal that came, 0 if none did within the time.
-int TakeSignal(long milliseconds) {
-    const timespec time = {0, milliseconds * 1000000};
-    const int number = sigtimedwait(&EndingSignals(), nullptr, &time);
-    return std::max(number, 0);
-}
-
 void ShareOut(const Plan& plan, size_t processes, const sigset_t& signals) {
     SweepResult& result = plan.result;
     std::set<pid_t> workers;
@@ -735,22 +717,13 @@ bool MayGoOn(const CallEntry& call, const std::string& way) {
 }
 
 SweepResult RunSweep(const std::vector<SweepScenario>& scenarios, const SweepOptions& options) {
-    std::string directory = fs::temp_directory_path() / "fwlab-sweep-XXXXXX";
-    sigset_t before;
-    sigprocmask(SIG_BLOCK, &EndingSignals(), &before);
-    const bool isMade = mkdtemp(directory.data()) != nullptr;
-    const auto tidyUp = [&](void* shared) {
-        std::error_code ignored; // what cannot be removed stays
-        if (isMade) {
-            fs::remove_all(directory, ignored);
-        }
-        munmap(shared, sizeof(Shared));
-        sigprocmask(SIG_SETMASK, &before, nullptr);
-    };
+    const WorkFolder folder;
+    const std::string& directory = folder.path;
     void* memory =
         mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    const std::unique_ptr<void, decltype(tidyUp)> tidy(memory, tidyUp);
-    Require(isMade && memory != MAP_FAILED, 2, directory + ": cannot be made");
+    Require(memory != MAP_FAILED, 2, "no memory for the processes to share");
+    const auto unmap = [](void* shared) { munmap(shared, sizeof(Shared)); };
+    const std::unique_ptr<void, decltype(unmap)> mapped(memory, unmap);
     fs::create_directory(directory + "/claims");
     fs::create_directory(directory + "/lines");
 
@@ -762,7 +735,7 @@ SweepResult RunSweep(const std::vector<SweepScenario>& scenarios, const SweepOpt
     RunBases(plan, processes);
     result.results.resize(result.jobs.size());
     if (result.interruptedBy == 0) {
-        ShareOut(plan, processes, before);
+        ShareOut(plan, processes, folder.mask);
     }
     if (result.interruptedBy == 0) {
         ReadFindings(plan, processes + 1);

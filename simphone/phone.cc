@@ -284,6 +284,9 @@ static void SetVariable(const Start& start, std::vector<std::string>& words,
         arguments.push_back(const_cast<char*>(word.c_str()));
     }
     arguments.push_back(nullptr);
+    sigset_t none; // that this program holds back does not concern the tool
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
     dup2(open("/dev/null", O_RDONLY | O_CLOEXEC), STDIN_FILENO);
     execvp(arguments[0], arguments.data());
     perror(arguments[0]);

@@ -341,6 +341,18 @@ TEST_F(FwlabTest, RehearseEndsWithZeroOnlyForAnUpdatedPhone) {
            "no call of the run met: SG_IO EIO");
 }
 
+// Whenever it comes: before the phone is made, while the tool runs, or after it all.
+TEST_F(FwlabTest, InterruptedRehearsalLeavesNoPhone) {
+    Put("/phone.toml", UfsPhone());
+    Put("/package", UfsEntry());
+    fs::create_directory(directory + "/tmp");
+    for (const char* after : {"0.001", "0.004", "0.008", "0.012", "0.02", "0.03"}) {
+        const std::string interrupt = "TMPDIR=$PWD/tmp timeout -s INT ";
+        (void)Fwlab("rehearse package --phone phone.toml", interrupt + after);
+        EXPECT_TRUE(fs::is_empty(directory + "/tmp"));
+    }
+}
+
 TEST_F(FwlabTest, WrongUsageEndsWithTwo) {
     Put("/package", UfsEntry());
     Put("/phone.toml", "technology = 'ufs'");
