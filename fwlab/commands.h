@@ -9,7 +9,8 @@
 
 // Builds the package of a manifest at output. What was there is replaced by a whole package or
 // stays as it was. withLargeEmmc admits images that only the kernel's own update (GKI mode) takes.
-int Pack(const std::string& manifestFile, const std::string& output, bool withLargeEmmc);
+int Pack(const std::string& manifestFile, const std::string& output, bool withLargeEmmc,
+         bool asJson);
 
 // The same package in memory.
 struct Built {
@@ -42,6 +43,8 @@ struct RehearseOptions {
     std::string keep;           // the phone's directory, which stays; empty for a temporary one
     Texts faults;
     bool runAgain;
+    bool quiet; // without the console's lines of one character each
+    bool asJson;
 };
 // Runs the ffu that lies beside this program.
 int Rehearse(const RehearseOptions& options);
@@ -75,6 +78,7 @@ struct SweepRequest {
     Texts phones;            // their descriptions
     unsigned jobs;           // processes; 0: one for each processor
     std::string junit, html; // files to write, if not empty: whole, or as they were
+    bool asJson;
 };
 // Runs the ffu that lies beside this program, some thousand times for each phone.
 int Sweep(const SweepRequest& request);

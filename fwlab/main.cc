@@ -32,10 +32,12 @@ void AddPack(CLI::App& app, Arguments& args) {
     pack->add_option("MANIFEST.toml", args.manifest, "what goes into it")->required();
     pack->add_option("-o,--output", args.output, "the package")->required();
     pack->add_flag("--gki-only", args.gkiOnly, "admit eMMC images above 1 MiB");
+    pack->add_flag("--json", args.json, "for programs");
     pack->footer("fwlab/emmc-package.toml and fwlab/ufs-package.toml explain manifests. Exit "
                  "status 1: refused, as a phone would not treat it as meant. A device that an "
                  "entry describes must get this very entry from each of its base revisions.");
-    pack->callback([&] { args.status = Pack(args.manifest, args.output, args.gkiOnly); });
+    pack->callback(
+        [&] { args.status = Pack(args.manifest, args.output, args.gkiOnly, args.json); });
 }
 
 void AddList(CLI::App& app, Arguments& args) {
@@ -147,6 +149,8 @@ void AddRehearse(CLI::App& app, Arguments& args) {
     rehearse->add_option("--keep", options.keep, "make the phone in this directory and keep it");
     rehearse->add_flag("--reboot-and-run-again", options.runAgain,
                        "run again after the restart: that run must find nothing to do");
+    rehearse->add_flag("--quiet", options.quiet, "without console lines of one character each");
+    rehearse->add_flag("--json", options.asJson, "for programs");
     rehearse->footer("Exit status 0: the device took the entry's body, and the phone runs its "
                      "revision after a restart.");
     rehearse->callback([&] { args.status = Rehearse(options); });
@@ -161,6 +165,7 @@ void AddSweep(CLI::App& app, Arguments& args) {
         ->check(CLI::Range(1, 1024));
     sweep->add_option("--junit", request.junit, "write a JUnit report: a test case for each call");
     sweep->add_option("--html", request.html, "write a page with the runs and their time lines");
+    sweep->add_flag("--json", request.asJson, "for programs");
     sweep->footer("Each call of the run fails, in each way, once and for good, and the power fails "
                   "before each call that changes the phone, with all that may be lost as it was "
                   "not synced. Exit status 1: a run did what it must not.");

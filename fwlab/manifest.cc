@@ -51,10 +51,6 @@ std::string ReadImage(const std::string& path) {
     return image;
 }
 
-std::string DigestOf(const std::string& image) {
-    return Sha256(reinterpret_cast<const uint8_t*>(image.data()), image.size());
-}
-
 // Empty without the key.
 std::string TakeDigest(Keys keys) {
     std::string digest;
@@ -86,7 +82,7 @@ ManifestEntry ReadEntry(Keys keys, const Layout& layout, const std::filesystem::
     RefuseTheRest(keys);
     Require(keys.error.empty(), 2, keys.error);
     const std::string image = ReadImage(imageFile);
-    const std::string digest = Sha256(reinterpret_cast<const uint8_t*>(image.data()), image.size());
+    const std::string digest = Sha256(image);
     Require(wanted.empty() || wanted == digest, 1,
             fmt::format("image {}: its sha256 is {}, not {}", imageFile, digest, wanted));
     return {identity, image, imageFile};
@@ -197,7 +193,7 @@ std::string ManifestText(const Layout& layout, const std::vector<ManifestEntry>&
             add(layout.baseRevs.key, BaseRevsOf(entry.identity));
         }
         add("image", TomlBytes(entry.imageFile));
-        add("image_sha256", '"' + DigestOf(entry.image) + '"');
+        add("image_sha256", '"' + Sha256(entry.image) + '"');
     }
     return text;
 }

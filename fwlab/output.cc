@@ -24,11 +24,18 @@ mode_t Permitted(mode_t mode) {
 
 } // namespace
 
-void WriteOutput(const std::string& path, const std::string& bytes) {
+void CheckOutput(const std::string& path) {
     std::error_code error;
     const fs::file_status there = fs::symlink_status(path, error);
     Require(!fs::exists(there) || fs::is_regular_file(there), 2,
             path + ": is there and no regular file");
+    const std::string folder = fs::path(path).parent_path();
+    const bool isWritable = access(folder.empty() ? "." : folder.c_str(), W_OK) == 0;
+    Require(isWritable, 2, path + ": " + strerror(errno));
+}
+
+void WriteOutput(const std::string& path, const std::string& bytes) {
+    CheckOutput(path);
     std::string temporary = path + ".XXXXXX";
     const int fd = mkostemp(temporary.data(), O_CLOEXEC);
     Require(fd >= 0, 2, path + ": " + strerror(errno));

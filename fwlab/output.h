@@ -4,6 +4,9 @@
 #include <functional>
 #include <string>
 
+// Stop if WriteOutput would not write there.
+void CheckOutput(const std::string& path);
+
 // Puts bytes into a new file at path, in place of a regular file that was there. The old content
 // stays until the new one is whole and synced. Stop if path is a link, a device or anything else
 // that is no regular file, or cannot be written.

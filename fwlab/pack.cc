@@ -2,8 +2,11 @@
 // then written.
 #include "fwlab/commands.h"
 #include "fwlab/decision.h"
+#include "fwlab/json.h"
 #include "fwlab/manifest.h"
 #include "fwlab/output.h"
+#include "fwlab/spans.h"
+#include "simphone/files.h"
 
 #include <algorithm>
 #include <fmt/format.h>
@@ -53,12 +56,21 @@ Built BuildPackage(const std::string& manifestFile, bool withLargeEmmc) {
     return built;
 }
 
-int Pack(const std::string& manifestFile, const std::string& output, bool withLargeEmmc) {
+int Pack(const std::string& manifestFile, const std::string& output, bool withLargeEmmc,
+         bool asJson) {
     const Built built = BuildPackage(manifestFile, withLargeEmmc);
     for (const std::string& input : built.inputs) {
         RequireOther(output, input);
     }
     WriteOutput(output, built.bytes);
+    if (asJson) {
+        const Json answer = {{"package", Escaped(output)},
+                             {"size", built.bytes.size()},
+                             {"entries", built.entries},
+                             {"sha256", Sha256(built.bytes)}};
+        fmt::print("{}\n", answer.dump(2));
+        return 0;
+    }
     fmt::print("{}: {} bytes, entries: {}\n", Quoted(output, ""), built.bytes.size(),
                built.entries);
     return 0;

@@ -3,20 +3,19 @@
 #include "emmc/emmc_command.h"
 #include "emmc/emmc_register.h"
 #include "fwlab/commands.h"
-#include "fwlab/decision.h"
+#include "fwlab/json.h"
 #include "fwlab/manifest.h"
 #include "fwlab/outcome.h"
 #include "fwlab/work_folder.h"
 #include "run/result_record.h"
 #include "run/state_flags.h"
+#include "simphone/files.h"
 #include "simphone/phone.h"
 
-#include <climits>
 #include <cstring>
 #include <filesystem>
 #include <fmt/format.h>
-#include <map>
-#include <sstream>
+#include <regex>
 
 namespace fs = std::filesystem;
 
@@ -27,66 +26,70 @@ std::string Content(const std::string& file) {
     return ReadWholeFile(file, content) ? content : "";
 }
 
-void PrintLines(const char* source, const std::string& text) {
-    std::istringstream lines(text);
-    for (std::string line; std::getline(lines, line);) {
-        fmt::print("{:<8}| {}\n", source, Escaped(line));
-    }
+// A console line of one character of an identity, or of one byte of a command.
+bool IsOfOneCharacter(const TimeLineEntry& entry) {
+    static const std::regex messages(
+        "(PrintCid|PrintChar|sg_ll_write_buffer_v2),line=(154|65|159)");
+    return std::regex_search(entry.text, messages);
 }
+
+// The steps of a rehearsal, as they are told to people, or kept for programs.
+struct Report {
+    const RehearseOptions& options;
+    Json json;
+
+    template <typename... Values> void Say(const char* format, const Values&... values) const {
+        if (!options.asJson) {
+            fmt::print(fmt::runtime(format), values...);
+        }
+    }
+};
 
 // Both logs and the device's requests, in the order in which they came.
-void PrintTimeLine(const RunResult& run) {
-    struct Event {
-        long long consoleBytes; // before it
-        const char* source;
-        std::string text;
-    };
-    std::map<long, Event> events; // by the number of the call that it was
-    for (const SystemLogEntry& log : run.systemLog) {
-        events[log.number] = {log.consoleBytes, "log", log.text};
-    }
-    for (const DeviceRequest& request : run.requests) {
-        events[request.number] = {request.consoleBytes, "device", request.text};
-    }
-    events[LONG_MAX] = {static_cast<long long>(run.console.size()), "", ""};
-    size_t printed = 0;
-    for (const auto& [number, event] : events) {
-        const auto before = static_cast<size_t>(event.consoleBytes);
-        PrintLines("console", run.console.substr(printed, before - printed));
-        printed = before;
-        PrintLines(event.source, event.text);
+void TellTimeLine(const RunResult& run, Report& report) {
+    Json& lines = report.json["runs"].back()["time_line"] = Json::array();
+    for (const TimeLineEntry& entry : TimeLine(run)) {
+        if (!report.options.quiet || !IsOfOneCharacter(entry)) {
+            lines.push_back({{"source", entry.source}, {"text", entry.text}});
+            report.Say("{:<8}| {}\n", entry.source, entry.text);
+        }
     }
 }
 
-void PrintPhone(const std::string& phone) {
+void TellPhone(const std::string& phone, const Report& report) {
     std::string shown;
     std::string error;
     Require(ShowPhone(phone, shown, error), 2, error);
-    fmt::print("{}", shown);
+    report.Say("{}", shown);
 }
 
 // Whether the run left a state without complaint.
-bool Run(const Texts& faults, const std::string& phone) {
+bool Run(const Texts& faults, const std::string& phone, Report& report) {
     RunOptions options;
     options.faults = faults;
     const RunResult run = RunTool(phone, Companion("ffu"), options);
     StopIfInterrupted();
     Require(run.error.empty(), 2, run.error);
-    PrintTimeLine(run);
+    report.json["runs"].push_back({{"faults", faults},
+                                   {"exit_status", run.exitStatus},
+                                   {"signal", run.signal},
+                                   {"timed_out", run.timedOut}});
+    TellTimeLine(run, report);
     Require(run.unmetFaults.empty(), 2,
             fmt::format("no call of the run met: {}", fmt::join(run.unmetFaults, "; ")));
-    fmt::print("\nThe run ended with {} {}{}.\n", run.signal != 0 ? "signal" : "exit status",
+    report.Say("\nThe run ended with {} {}{}.\n", run.signal != 0 ? "signal" : "exit status",
                run.signal != 0 ? run.signal : run.exitStatus,
                run.timedOut ? ": it took too long" : "");
-    PrintPhone(phone);
+    TellPhone(phone, report);
     const StateReport state = DescribeState(phone + STATE_DIR);
-    fmt::print("{}\n", state.text);
+    report.Say("{}\n", state.text);
+    report.json["runs"].back()["state"] = NameOf(state.state);
     return state.isFine;
 }
 
 // Whether the phone, which has restarted, runs the revision and exactly the body of entry; null:
 // none is right. An eMMC request carries whole blocks.
-bool Runs(const std::string& phone, const Package& package, const Entry* entry) {
+bool Runs(const std::string& phone, const Package& package, const Entry* entry, Report& report) {
     const Field& field = package.layout->revision;
     const bool isUfs = package.layout == &UFS;
     const std::string revision =
@@ -98,20 +101,24 @@ bool Runs(const std::string& phone, const Package& package, const Entry* entry) 
     const bool isWhole = taken.size() == size || (!isUfs && taken.size() == padded);
     const bool isMeant = size > 0 && isWhole && revision == Get(entry->identity, field) &&
                          memcmp(taken.data(), package.bytes.get() + entry->body, size) == 0;
-    fmt::print("After a restart the phone runs {}, from {} bytes that were downloaded: {}{}.\n",
+    report.json["revision"] = Escaped(revision);
+    report.json["downloaded_bytes"] = taken.size();
+    report.json["is_entry"] = isMeant;
+    report.Say("After a restart the phone runs {}, from {} bytes that were downloaded: {}{}.\n",
                Quoted(revision), taken.size(), isMeant ? "" : "NOT ",
                entry == nullptr ? "an entry for it" : Title(*entry));
     return isMeant;
 }
 
 // Whether another run, without the faults of the first, leaves the phone alone.
-bool FindsNothingToDo(const std::string& phone) {
+bool FindsNothingToDo(const std::string& phone, Report& report) {
     const std::string record = Content(phone + RESULT_FILE);
-    fmt::print("\nThe second run:\n");
-    (void)Run({}, phone); // the first one was judged
+    report.Say("\nThe second run:\n");
+    (void)Run({}, phone, report); // the first one was judged
     const bool isQuiet = Content(phone + RESULT_FILE) == record && fs::exists(phone + END_FLAG) &&
                          !fs::exists(phone + BEGIN_FLAG);
-    fmt::print("The second run {} nothing to do.\n", isQuiet ? "found" : "did NOT find");
+    report.json["second_run_is_quiet"] = isQuiet;
+    report.Say("The second run {} nothing to do.\n", isQuiet ? "found" : "did NOT find");
     return isQuiet;
 }
 
@@ -134,14 +141,19 @@ int Rehearse(const RehearseOptions& options) {
     const std::string phone = options.keep.empty() ? folder.path + "/phone" : options.keep;
     Require(MakePhone(options.phone, phone, error), 2, error);
     Require(PutPackage(options.package, phone, error), 2, error);
-    PrintPhone(phone);
-    fmt::print("\n");
-    bool isUpdated = Run(options.faults, phone);
+    Report report = {options, {{"runs", Json::array()}}};
+    TellPhone(phone, report);
+    report.Say("\n");
+    bool isUpdated = Run(options.faults, phone, report);
     Require(RebootPhone(phone, error), 2, error);
-    isUpdated = Runs(phone, package, entry) && isUpdated;
+    isUpdated = Runs(phone, package, entry, report) && isUpdated;
     if (options.runAgain) {
-        isUpdated = FindsNothingToDo(phone) && isUpdated;
+        isUpdated = FindsNothingToDo(phone, report) && isUpdated;
     }
-    fmt::print("The phone is {}updated as meant.\n", isUpdated ? "" : "NOT ");
+    report.json["updated"] = isUpdated;
+    report.Say("The phone is {}updated as meant.\n", isUpdated ? "" : "NOT ");
+    if (options.asJson) {
+        fmt::print("{}\n", report.json.dump(2));
+    }
     return isUpdated ? 0 : 1;
 }

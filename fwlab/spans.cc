@@ -10,6 +10,14 @@ size_t EndOf(const Entry& entry) {
     return entry.body + (entry.bodyFits ? entry.bodySize : 0);
 }
 
+std::string Digest(const uint8_t* bytes, size_t size) {
+    uint8_t digest[EVP_MAX_MD_SIZE];
+    unsigned length = 0;
+    const bool isDigested = EVP_Digest(bytes, size, digest, &length, EVP_sha256(), nullptr) == 1;
+    Require(isDigested, 2, "libcrypto has no SHA-256");
+    return Hex(digest, length);
+}
+
 } // namespace
 
 std::vector<const Entry*> OwnEntries(const Package& package) {
@@ -45,14 +53,10 @@ const Entry* OuterEntry(const Package& package, const Entry& entry) {
     return outer;
 }
 
-std::string Sha256(const uint8_t* bytes, size_t size) {
-    uint8_t digest[EVP_MAX_MD_SIZE];
-    unsigned length = 0;
-    const bool isDigested = EVP_Digest(bytes, size, digest, &length, EVP_sha256(), nullptr) == 1;
-    Require(isDigested, 2, "libcrypto has no SHA-256");
-    return Hex(digest, length);
+std::string Sha256(const std::string& bytes) {
+    return Digest(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
 }
 
 std::string Sha256(const Package& package, size_t offset, size_t size) {
-    return Sha256(package.bytes.get() + offset, size);
+    return Digest(package.bytes.get() + offset, size);
 }

@@ -19,5 +19,5 @@ std::vector<Span> Uncovered(const Package& package);
 const Entry* OuterEntry(const Package& package, const Entry& entry);
 
 // In lower-case hexadecimal digits.
-std::string Sha256(const uint8_t* bytes, size_t size);
+std::string Sha256(const std::string& bytes);
 std::string Sha256(const Package& package, size_t offset, size_t size);

@@ -1,54 +1,19 @@
 // Rehearses every failing call and every power cut of a package on phones, and says what is left of
 // them. Called by hand and by CI systems; nothing stays but the files that are asked for.
+#include "fwlab/json.h"
+#include "fwlab/output.h"
 #include "fwlab/sweep_report.h"
 
 #include "simphone/description.h"
 #include "simphone/files.h"
 
-#include <cerrno>
 #include <csignal>
-#include <cstring>
-#include <filesystem>
 #include <fmt/format.h>
 #include <map>
 #include <numeric>
 #include <unistd.h>
 
-namespace fs = std::filesystem;
-
 namespace {
-
-// A file that is begun beside its place before the sweep, so that it is known to be writable, and
-// renamed when it is whole; without that it is removed.
-class Output {
-public:
-    explicit Output(const std::string& file) : path(file) {
-        if (!path.empty()) {
-            temporary = fmt::format("{}.{}", path, getpid());
-            Write("");
-        }
-    }
-    Output(const Output&) = delete;
-    Output& operator=(const Output&) = delete;
-    ~Output() {
-        if (!temporary.empty()) {
-            unlink(temporary.c_str());
-        }
-    }
-    void Finish(const std::string& content) {
-        Write(content);
-        const bool isRenamed = rename(temporary.c_str(), path.c_str()) == 0;
-        Require(isRenamed, 2, path + ": " + strerror(errno));
-        temporary.clear();
-    }
-
-private:
-    void Write(const std::string& content) {
-        const bool isWritten = WriteWholeFile(temporary, content.data(), content.size());
-        Require(isWritten, 2, path + ": " + strerror(errno));
-    }
-    std::string path, temporary;
-};
 
 // A word for a shell, printable whatever it holds.
 std::string ShellWord(const std::string& text) {
@@ -73,6 +38,32 @@ void ShowProgress(size_t done, size_t all) {
 
 size_t Sum(const FateCounts& counts) {
     return std::accumulate(counts.begin(), counts.end(), size_t{0});
+}
+
+Json Describe(const FateCounts& counts) {
+    Json shown;
+    for (const Fate fate : FATES) {
+        shown[FateText(fate)] = counts[static_cast<size_t>(fate)];
+    }
+    return shown;
+}
+
+Json Describe(const SweepRequest& request, const SweepResult& result) {
+    Json phones = Json::array(), violations = Json::array();
+    for (size_t i = 0; i < result.bases.size(); i++) {
+        const SweepSummary sum = Summarize(result, i);
+        phones.push_back({{"phone", Escaped(request.phones[i])},
+                          {"calls", result.bases[i].calls.size()},
+                          {"without_fault", FateText(result.baseFates[i])},
+                          {"failing_calls", Describe(sum.failingCalls)},
+                          {"power_cuts", Describe(sum.powerCuts)},
+                          {"states_after_cuts", Describe(sum.states)}});
+    }
+    for (const SweepViolation& wrong : result.violations) {
+        violations.push_back(
+            {{"text", Escaped(wrong.text)}, {"command", RehearseCommand(request, wrong)}});
+    }
+    return {{"runs", result.runs}, {"phones", phones}, {"violations", violations}};
 }
 
 void Print(const SweepRequest& request, const SweepResult& result) {
@@ -169,11 +160,14 @@ int Sweep(const SweepRequest& request) {
         scenarios.push_back({phone, phone, request.package, {false, {}}});
     }
     (void)OpenPackage(request.package); // it can be read
-    Output junit(request.junit);
-    Output html(request.html);
+    for (const std::string& output : {request.junit, request.html}) {
+        if (!output.empty()) {
+            CheckOutput(output); // before it takes long
+        }
+    }
 
     SweepOptions options;
-    options.tool = fs::read_symlink("/proc/self/exe").parent_path() / "ffu";
+    options.tool = Companion("ffu");
     options.processes = request.jobs;
     options.keepsTimeLines = !request.html.empty();
     const bool isSeen = isatty(STDERR_FILENO) != 0;
@@ -186,11 +180,15 @@ int Sweep(const SweepRequest& request) {
         throw Stop{128 + result.interruptedBy, "interrupted"};
     }
     if (!request.junit.empty()) {
-        junit.Finish(SweepJunit(request, result));
+        WriteOutput(request.junit, SweepJunit(request, result));
     }
     if (!request.html.empty()) {
-        html.Finish(SweepPage(request, result));
+        WriteOutput(request.html, SweepPage(request, result));
     }
-    Print(request, result);
+    if (request.asJson) {
+        fmt::print("{}\n", Describe(request, result).dump(2));
+    } else {
+        Print(request, result);
+    }
     return result.violations.empty() ? 0 : 1;
 }

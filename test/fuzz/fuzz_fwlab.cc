@@ -21,7 +21,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             std::filesystem::rename(file, phone.directory + "/data/vendor/fw/fw_result");
             Outcome({{phone.directory + "/data/vendor/fw"}, (data[0] & 4) != 0, {}});
         } else {
-            Pack(file, phone.directory + "/package", false);
+            Pack(file, phone.directory + "/package", false, (data[0] & 4) != 0);
         }
     } catch (const Stop&) {
         // A refusal, with its reason.
