@@ -396,7 +396,7 @@ TEST_F(FwlabTest, WrongUsageEndsWithTwo) {
         SCOPED_TRACE(arguments);
         Expect(Fwlab(arguments), 2);
     }
-    for (const char* command : {"", "pack", "list", "match", "rehearse", "outcome"}) {
+    for (const char* command : {"", "pack", "list", "match", "rehearse", "sweep", "outcome"}) {
         Expect(Fwlab(std::string(command) + " --help"), 0, "Usage: *Options:*Exit status");
     }
 }
