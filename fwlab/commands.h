@@ -30,6 +30,7 @@ struct SweepRequest {
     std::string junit, html; // files to write, if not empty: whole, or as they were
 };
 // Runs the ffu that lies beside this program, some thousand times for each phone.
+// Interrupted by a signal it ends with 128 and the signal's number.
 int Sweep(const SweepRequest& request);
 
 int Outcome(const std::string& directory);

@@ -463,7 +463,7 @@ void Do(Worker& worker, size_t index) {
     const std::string updates = Updates(run.run);
     const std::string taken = TakenImage(worker.phone);
     worker.findings << "J\t" << index << "\t" << (job.isPowerCut && IsRecordOpen(run.run)) << "\t"
-                    << KeepTimeLine(worker.plan, run.run) << "\t" << updates << "\n";
+                    << KeepTimeLine(worker.plan, run.run) << "\n";
     // What may be lost besides a torn write is so at the next cut, after the whole write.
     const bool mayLose = job.isPowerCut && !IsTorn(job);
     const std::vector<Survival> survivals = mayLose
@@ -649,10 +649,8 @@ void ReadFindings(const Plan& plan, size_t processes) {
     for (const auto& [index, lines] : jobs) {
         SweepJobResult& done = result.results[index];
         const SweepJob& job = result.jobs[index];
-        done.isDone = true;
         done.isRecordOpen = lines[0][2] == "1";
         done.timeLine = TimeLineNumber(plan, lines[0][3], numbers);
-        done.updates = lines[0][4];
         for (auto line = lines.begin() + 1; line != lines.end(); ++line) {
             const std::string& losses = (*line)[3];
             const Next& next = nexts[(*line)[2]];
