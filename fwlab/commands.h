@@ -81,4 +81,5 @@ struct SweepRequest {
     bool asJson;
 };
 // Runs the ffu that lies beside this program, some thousand times for each phone.
+// Interrupted by a signal it ends with 128 and the signal's number.
 int Sweep(const SweepRequest& request);

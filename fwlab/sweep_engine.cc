@@ -464,7 +464,7 @@ void Do(Worker& worker, size_t index) {
     const std::string updates = Updates(run.run);
     const std::string taken = TakenImage(worker.phone);
     worker.findings << "J\t" << index << "\t" << (job.isPowerCut && IsRecordOpen(run.run)) << "\t"
-                    << KeepTimeLine(worker.plan, run.run) << "\t" << updates << "\n";
+                    << KeepTimeLine(worker.plan, run.run) << "\n";
     // What may be lost besides a torn write is so at the next cut, after the whole write.
     const bool mayLose = job.isPowerCut && !IsTorn(job);
     const std::vector<Survival> survivals = mayLose
@@ -622,23 +622,26 @@ void ReadFindings(const Plan& plan, size_t processes) {
     for (const Texts& line : Findings(plan, processes, 'K')) {
         nexts[line[1]] = {static_cast<Fate>(std::stoi(line[2])), line[3]};
     }
-    for (const Texts& line : Findings(plan, processes, 'J')) {
-        SweepJobResult& job = result.results[std::stoul(line[1])];
-        job.isDone = true;
-        job.isRecordOpen = line[2] == "1";
-        job.timeLine = TimeLineNumber(plan, line[3], numbers);
-        job.updates = line[4];
+    std::map<size_t, std::vector<Texts>> jobs; // the lines of each, in whatever process it was
+    for (const char letter : {'J', 'L'}) {
+        for (const Texts& line : Findings(plan, processes, letter)) {
+            jobs[std::stoul(line[1])].push_back(line);
+        }
     }
-    for (const Texts& line : Findings(plan, processes, 'L')) {
-        const size_t index = std::stoul(line[1]);
+    for (const auto& [index, lines] : jobs) {
+        SweepJobResult& done = result.results[index];
         const SweepJob& job = result.jobs[index];
-        const Next& next = nexts[line[2]];
-        result.results[index].left.push_back(
-            {line[3], next.fate, TimeLineNumber(plan, next.timeLine, numbers)});
-        if (job.isPowerCut && next.fate == Fate::STUCK && !result.results[index].isRecordOpen) {
-            result.violations.push_back(
-                {job.scenario, job.call, job.fault + (line[3].empty() ? "" : " ") + line[3],
-                 "later runs cannot read the record, though it was synced"});
+        done.isRecordOpen = lines[0][2] == "1";
+        done.timeLine = TimeLineNumber(plan, lines[0][3], numbers);
+        for (auto line = lines.begin() + 1; line != lines.end(); ++line) {
+            const std::string& losses = (*line)[3];
+            const Next& next = nexts[(*line)[2]];
+            done.left.push_back({losses, next.fate, TimeLineNumber(plan, next.timeLine, numbers)});
+            if (job.isPowerCut && next.fate == Fate::STUCK && !done.isRecordOpen) {
+                result.violations.push_back(
+                    {job.scenario, job.call, job.fault + (losses.empty() ? "" : " ") + losses,
+                     "later runs cannot read the record, though it was synced"});
+            }
         }
     }
     for (const Texts& line : Findings(plan, processes, 'V')) {

@@ -62,16 +62,14 @@ struct SweepOptions {
     std::function<void(size_t done, size_t all)> progress = {}; // of the jobs
 };
 
-// What is left after a job, by what a power cut may lose.
+// What is left after a job, by what a power cut may lose; nothing where the job was not done.
 struct SweepLeft {
     std::string losses; // the words behind the fault
     Fate fate;
     size_t nextTimeLine; // of the run that followed
 };
 struct SweepJobResult {
-    bool isDone = false;       // not with everyNth, or after an interruption
     bool isRecordOpen = false; // a power cut between the record's opening and its sync
-    std::string updates;       // see Updates
     std::vector<SweepLeft> left;
     size_t timeLine = 0;
 };

@@ -15,7 +15,7 @@ constexpr size_t CALLS_PER_LINE = 64;
 constexpr size_t CONTEXT_LINES = 3; // before a time line differs from the base run's
 
 const char STYLE[] = R"(
-body { font: 14px/1.45 system-ui, sans-serif; margin: 2em auto; max-width: 76em; padding: 0 1.5em;
+body { font: 14px/1.45 system-ui, sans-serif; margin: 2em auto; max-width: 90em; padding: 0 1.5em;
        color: #1d2329; }
 h1 { font-size: 1.5em; } h2 { font-size: 1.2em; margin-top: 2.2em; border-top: 1px solid #ccd2d8;
      padding-top: .8em; } h3 { font-size: 1em; margin: 1.4em 0 .4em; }
@@ -41,7 +41,7 @@ td, th { text-align: left; vertical-align: top; padding: .25em .8em .25em 0;
          border-bottom: 1px solid #e3e6e9; }
 th { position: sticky; top: 0; background: #fff; }
 td:first-child { white-space: nowrap; color: #56606a; }
-td:nth-child(2), td:nth-child(3) { white-space: nowrap; } td:nth-child(5) { min-width: 22em; }
+td:nth-child(2), td:nth-child(3) { white-space: nowrap; }
 tr:target td { background: #fdf6d8; }
 .wrongs li { margin-bottom: .5em; } .wrongs code { display: block; overflow-wrap: anywhere; }
 section.timeline { display: none; position: fixed; right: 0; top: 0; bottom: 0; width: 62%;
@@ -363,7 +363,7 @@ std::string SweepPage(const SweepRequest& request, const SweepResult& result) {
             "calls.<br>Failing calls: {}.<br>Power cuts: {}; by the states that they can leave: "
             "{}.</p>\n<h3>The course of the run</h3>\n<p>A column for each call, in order. Upper "
             "bar: what is left when it fails, lower bar: when the power fails before it; the worst "
-            "of all ways. D: the device is asked to change; S: the record is synced.</p>\n{}"
+            "of all ways. D: the device is asked to change; S: a file is synced.</p>\n{}"
             "<h3>Calls</h3>\n<p>A way to fail leads to the time line of its run, &#9656; to that "
             "of the run after it.</p>\n{}",
             Markup(Escaped(request.phones[i])), Markup(PhoneTitle(request.phones[i])), i,

@@ -371,7 +371,8 @@ TEST_F(FwlabTest, WrongUsageEndsWithTwo) {
     Expect(Fwlab("list package '\x1b'"), 2, "not expected: \\x1b");
     Expect(Fwlab("list package >/dev/full"), 2);
     Expect(Fwlab("--version"), 0, "fwlab 1.");
-    for (const char* command : {"", "pack", "list", "match", "rehearse", "outcome"}) {
+    for (const char* command :
+         {"", "pack", "list", "match", "rehearse", "plan", "sweep", "outcome"}) {
         Expect(Fwlab(std::string(command) + " --help"), 0, "Usage: *Options:*Exit status");
     }
 }

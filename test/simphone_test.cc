@@ -122,7 +122,6 @@ TEST_F(SimphoneTest, EachStateAfterAPowerCutCanBeMade) {
         {"fsync end", {}, 1 + 2 * 3},
         {"fsync end", OLD, 2 * 2 * 2},
         {"close /data/vendor/fw/ffu.ok end", {}, 1 + 2 * 3 * 3},
-        {"close /data/vendor/fw/ffu.ok end", OLD, 2 * 2 * 2 * 4},
         {"open /data/vendor/fw/ffu.end end-after", OLD, 2 * 2 * 2 * 4},
     };
     for (const auto& row : rows) {
