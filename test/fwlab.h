@@ -15,12 +15,10 @@ struct Answer {
     std::string text; // standard output and error
 };
 
-// Starts it in folder; `before` stands in front of the command.
-inline Answer FwlabIn(const std::string& folder, const std::string& arguments,
-                      const std::string& before = "") {
-    const std::string command =
-        "cd " + folder + " && " + before + " " FWLAB_PATH " " + arguments + " 2>&1";
-    FILE* pipe = popen(command.c_str(), "r"); // NOLINT(cert-env33-c): as in a user's shell
+// What a shell makes of the command.
+inline Answer Shell(const std::string& command) {
+    FILE* pipe =
+        popen((command + " 2>&1").c_str(), "r"); // NOLINT(cert-env33-c): as in a user's shell
     Answer answer = {};
     for (int c = fgetc(pipe); c != EOF; c = fgetc(pipe)) {
         answer.text += static_cast<char>(c);
@@ -28,6 +26,12 @@ inline Answer FwlabIn(const std::string& folder, const std::string& arguments,
     const int status = pclose(pipe);
     answer.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     return answer;
+}
+
+// Starts it in folder; `before` stands in front of the command.
+inline Answer FwlabIn(const std::string& folder, const std::string& arguments,
+                      const std::string& before = "") {
+    return Shell("cd " + folder + " && " + before + " " FWLAB_PATH " " + arguments);
 }
 
 class FwlabTest : public PhoneTest {

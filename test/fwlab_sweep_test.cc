@@ -1,44 +1,26 @@
 // The sweep of a package as a user starts it: what it says, what it writes, and how it ends. The
 // tool itself is swept by sweep_test.
-#include "phone.h"
+#include "test/fwlab.h"
 
-#include <filesystem>
 #include <regex>
-#include <sys/wait.h>
-
-namespace fs = std::filesystem;
 
 namespace {
 
-struct Answer {
-    int status;
-    std::string text; // standard output and error
-};
-
-class FwlabSweepTest : public PhoneTest {
+class FwlabSweepTest : public FwlabTest {
 protected:
     void SetUp() override {
-        PhoneTest::SetUp();
-        directory = fs::path(directory).parent_path();
+        FwlabTest::SetUp();
         fs::create_directory(Path("/tmp"));
     }
     void TearDown() override {
         EXPECT_TRUE(fs::is_empty(Path("/tmp"))); // no phone is left
-        fs::remove_all(directory);
+        FwlabTest::TearDown();
     }
 
     // A shell command in the test's directory, with its own place for temporary phones.
     Answer Shell(const std::string& line) const {
         Put("/line", "cd " + directory + "\nexport TMPDIR=$PWD/tmp\n" + line + "\n");
-        const std::string command = "bash " + Path("/line") + " 2>&1";
-        FILE* pipe = popen(command.c_str(), "r"); // NOLINT(cert-env33-c): as in a user's shell
-        Answer answer = {};
-        for (int c = fgetc(pipe); c != EOF; c = fgetc(pipe)) {
-            answer.text += static_cast<char>(c);
-        }
-        const int status = pclose(pipe);
-        answer.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-        return answer;
+        return ::Shell("bash " + Path("/line"));
     }
     Answer Sweep(const std::string& arguments) const {
         return Shell(FWLAB_PATH " sweep " + arguments);
