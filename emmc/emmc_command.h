@@ -9,8 +9,8 @@ constexpr uint32_t NORMAL_MODE_IMAGE_MAX = 0x100000;
 // Whether normal mode can download an image of fwBodySize bytes.
 [[nodiscard]] bool FitsOneDownload(uint32_t fwBodySize);
 
-// How many blocks of MMC_BLOCK_SIZE bytes normal mode sends for an image of fwBodySize bytes; the
-// last one may reach beyond it.
+// How many blocks of MMC_BLOCK_SIZE bytes normal mode sends for an image that fits; the last one
+// may reach beyond it.
 [[nodiscard]] uint32_t DownloadBlocks(uint32_t fwBodySize);
 
 // Downloads and installs fwBody (fwBodySize bytes, borrowed). In normal mode the download covers

@@ -1,4 +1,5 @@
-// Dumps eMMC headers, the device's and those of entries, for who reads the log of an update.
+// Dumps eMMC headers for the log of an update: the device's record, and the entries that the
+// selection finds. Output that fails is lost without further effect.
 #include "emmc/emmc_print.h"
 
 #include <cstdio>

@@ -193,12 +193,12 @@ int EmmcFwhdrCheck(const EmmcFwHeader& fwHeader, const uint8_t* fwFileBuffer, in
     return -ENOENT;
 }
 
-bool HasFfu(uint8_t emmcRev) {
+bool IsEmmc50OrLater(uint8_t emmcRev) {
     return emmcRev >= EXT_CSD_REV_5_0;
 }
 
 int DoEmmcFfu(uint8_t emmcRev, const uint8_t* fwBody, uint32_t fwBodySize, int downloadOnly) {
-    if (!HasFfu(emmcRev)) {
+    if (!IsEmmc50OrLater(emmcRev)) {
         ffu_print("%s,line=%d: emmc revision error (emmcRev=%d)\n", __func__, 210, emmcRev);
         return -1;
     }

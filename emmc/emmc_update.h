@@ -5,8 +5,8 @@
 
 // Applies the package at emmcFwFile (useBackupFile zero) or emmcFwBackupFile (non-zero) to the
 // local device; neither path may be null. downloadOnly is passed on to DoEmmc50Ffu.
-// Returns 0 when firmware was downloaded and installed, -2 (-ENOENT) when there was nothing to do,
-// any other value on a failure.
+// Returns 0 when firmware was downloaded and, if not left out, installed; -2 (-ENOENT) when there
+// was nothing to do; any other value on a failure.
 [[nodiscard]] int EmmcFfu(const char* emmcFwFile, const char* emmcFwBackupFile, int downloadOnly,
                           int useBackupFile);
 
@@ -20,8 +20,8 @@
 [[nodiscard]] int EmmcFwhdrCheck(const EmmcFwHeader& fwHeader, const uint8_t* fwFileBuffer,
                                  int32_t size, const uint8_t*& fwBody, uint32_t& fwBodySize);
 
-// Whether a device with this EXT_CSD_REV can update its firmware: eMMC 5.0 and later.
-[[nodiscard]] bool HasFfu(uint8_t emmcRev);
+// Whether a device with this EXT_CSD_REV is of eMMC 5.0 or later, as an update wants it.
+[[nodiscard]] bool IsEmmc50OrLater(uint8_t emmcRev);
 
 // Hands fwBody to a device whose EXT_CSD_REV is emmcRev. Returns -1 when that is below eMMC 5.0,
 // else the status of DoEmmc50Ffu.

@@ -102,9 +102,11 @@ Step PreCheck(const Package& package, const Identity& device, PackageRevs& revs)
     (void)TakePhoneMessages();
     const DeviceInfo info = InfoOf(device);
     const int parsed = package.size == 0 ? ENTRY_NOT_FOUND
-                                         : FindRevs(info, package.bytes.get(), package.size, revs);
+                                         : GetRevs(info, package.bytes.get(), package.size, revs);
     const int verdict = CheckFwBin(info, parsed, revs);
-    const Entry* entry = parsed == 0 ? EntryAt(package, revs.entry) : nullptr;
+    const Entry* entry = parsed == 0
+                             ? EntryAt(package, FindEntry(info, package.bytes.get(), package.size))
+                             : nullptr;
     Step step = {"pre-check", verdict == STEP_DONE, entry, "", TakePhoneMessages()};
     if (entry == nullptr) {
         step.reason = WhyNoName(package, device);
@@ -147,11 +149,11 @@ Step UpdateEmmc(const Package& package, const Device& device, const Entry& seen)
     }
     step.entry = EntryAt(package, static_cast<size_t>(body - package.bytes.get()) - sizeof(header));
     const bool isTooLarge = !device.gki && !FitsOneDownload(bodySize);
-    step.reason = status != 0               ? "its revision is the one that runs"
-                  : !HasFfu(header.emmcRev) ? "the device is older than eMMC 5.0"
-                  : isTooLarge              ? LARGE_EMMC_BODY
-                  : bodySize == 0           ? EMPTY_BODY
-                                            : "";
+    step.reason = status != 0                        ? "its revision is the one that runs"
+                  : !IsEmmc50OrLater(header.emmcRev) ? "the device is older than eMMC 5.0"
+                  : isTooLarge                       ? LARGE_EMMC_BODY
+                  : bodySize == 0                    ? EMPTY_BODY
+                                                     : "";
     step.goesOn = step.reason.empty();
     return step;
 }

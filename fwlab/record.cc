@@ -36,13 +36,14 @@ void TakeAttempt(std::string& content, std::string& time, std::string& product) 
 Record ParseRecord(const std::string& content) {
     (void)TakePhoneMessages();
     std::string bytes = content;
-    char line[RESULT_LINE_SIZE] = {};
+    ResultLine line = {};
     const std::unique_ptr<FILE, int (*)(FILE*)> file(
         bytes.empty() ? fopen("/dev/null", "r") : fmemopen(bytes.data(), bytes.size(), "r"),
         fclose);
     Require(file != nullptr, 2, "no memory to read a record");
     LastAttempt last = {};
-    const bool isReadable = ReadLastLine(file.get(), line) == 0 && ParseAttempt(line, last) == 0;
+    ReadLastLine(file.get(), line);
+    const bool isReadable = ParseAttempt(line.data(), last) == 0;
     Record record = {isReadable, last.lastBaseRev, last.lastTargetRev, "", "", {}, !isReadable, ""};
     record.messages = TakePhoneMessages();
     if (isReadable) { // the phone reads neither product nor time

@@ -1,5 +1,5 @@
 // Finds the storage device and reads its product name and the revision that it runs. The run calls
-// it first; it only reads, so a failure here leaves nothing behind but its messages.
+// it behind its begin flag, which stays when a device or its values are not found. It only reads.
 #include "run/device_info.h"
 
 #include "emmc/emmc_register.h"

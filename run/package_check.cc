@@ -31,36 +31,41 @@ namespace {
     return 0;
 }
 
-[[nodiscard]] int GetEmmcRev(const uint8_t* package, size_t size, const char* pnm,
-                             PackageRevs& revs) {
-    // Ends one offset before the last at which a header fits: a header alone is no update.
+[[nodiscard]] size_t FindEmmcEntryByPnm(const uint8_t* package, size_t size, const char* pnm) {
+    // Ends one offset before the last at which a header fits: behind that one there is no body.
     const size_t scanned = size == 0 ? 0 : size - 1;
     for (size_t p = FindEmmcEntry(package, scanned, 0); p < scanned;
          p = FindEmmcEntry(package, scanned, p + 1)) {
         const auto& entry = *reinterpret_cast<const EmmcFwHeader*>(package + p);
         if (memcmp(entry.emmcPnm, pnm, sizeof(entry.emmcPnm)) == 0 &&
             BodyFits(size, p, sizeof(entry), ReadBigEndian32(entry.emmcFwSize))) {
-            revs.entry = p;
-            return CopyRevs(__func__, entry.emmcFwRev, sizeof(entry.emmcFwRev), entry.legalBaseRev,
-                            revs);
+            return p;
         }
     }
-    return ENTRY_NOT_FOUND;
+    return size;
 }
 
-[[nodiscard]] int GetUfsRev(const uint8_t* package, size_t size, const char* pnm,
-                            PackageRevs& revs) {
+[[nodiscard]] size_t FindUfsEntryByPnm(const uint8_t* package, size_t size, const char* pnm) {
     for (size_t p = FindUfsEntry(package, size, 0); p < size;
          p = FindUfsEntry(package, size, p + 1)) {
         const auto& entry = *reinterpret_cast<const UfsFwHeader*>(package + p);
         if (memcmp(entry.ufsPnm, pnm, sizeof(entry.ufsPnm)) == 0 &&
             BodyFits(size, p, sizeof(entry), ReadBigEndian32(entry.ufsFwSize))) {
-            revs.entry = p;
-            return CopyRevs(__func__, entry.ufsProductRevisionLevel,
-                            sizeof(entry.ufsProductRevisionLevel), entry.legalBaseRev, revs);
+            return p;
         }
     }
-    return ENTRY_NOT_FOUND;
+    return size;
+}
+
+[[nodiscard]] int GetEmmcRev(const uint8_t* header, PackageRevs& revs) {
+    const auto& entry = *reinterpret_cast<const EmmcFwHeader*>(header);
+    return CopyRevs(__func__, entry.emmcFwRev, sizeof(entry.emmcFwRev), entry.legalBaseRev, revs);
+}
+
+[[nodiscard]] int GetUfsRev(const uint8_t* header, PackageRevs& revs) {
+    const auto& entry = *reinterpret_cast<const UfsFwHeader*>(header);
+    return CopyRevs(__func__, entry.ufsProductRevisionLevel, sizeof(entry.ufsProductRevisionLevel),
+                    entry.legalBaseRev, revs);
 }
 
 // Maps the package that fd is open on. For ParseFwBin, whose name its messages carry.
@@ -86,7 +91,7 @@ namespace {
         SYSTEM_LOG("FFU process %s: map fw file failed! %s\n", PARSE_FW_BIN, strerror(errno));
         return PARSE_FAILED;
     }
-    const int result = FindRevs(device, static_cast<const uint8_t*>(mapped), size, revs);
+    const int result = GetRevs(device, static_cast<const uint8_t*>(mapped), size, revs);
     munmap(mapped, size);
     return result;
 }
@@ -108,9 +113,18 @@ int ParseFwBin(const DeviceInfo& device, PackageRevs& revs) {
     return result;
 }
 
-int FindRevs(const DeviceInfo& device, const uint8_t* package, size_t size, PackageRevs& revs) {
-    return device.type == DEVICE_EMMC ? GetEmmcRev(package, size, device.pnm, revs)
-                                      : GetUfsRev(package, size, device.pnm, revs);
+size_t FindEntry(const DeviceInfo& device, const uint8_t* package, size_t size) {
+    return device.type == DEVICE_EMMC ? FindEmmcEntryByPnm(package, size, device.pnm)
+                                      : FindUfsEntryByPnm(package, size, device.pnm);
+}
+
+int GetRevs(const DeviceInfo& device, const uint8_t* package, size_t size, PackageRevs& revs) {
+    const size_t entry = FindEntry(device, package, size);
+    if (entry == size) {
+        return ENTRY_NOT_FOUND;
+    }
+    return device.type == DEVICE_EMMC ? GetEmmcRev(package + entry, revs)
+                                      : GetUfsRev(package + entry, revs);
 }
 
 bool IsSameRev(const char* localFwRev, const char* fwFileRev) {
@@ -134,6 +148,7 @@ bool CheckBaseRev(const DeviceInfo& device, const uint8_t* legalBaseRev) {
     return false;
 }
 
+// From what was parsed to the verdict of a step.
 int CheckFwBin(const DeviceInfo& device, int parsed, const PackageRevs& revs) {
     if (parsed == PACKAGE_NOT_FOUND) {
         SYSTEM_LOG("FFU process %s: fw file not found, exit.\n", __func__);

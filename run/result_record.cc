@@ -7,11 +7,11 @@
 #include "run/log/system_log.h"
 #include "run/state_flags.h"
 #include "run/step.h"
+#include "run/time_stamp.h"
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -35,36 +35,18 @@ namespace {
     return 0;
 }
 
-[[nodiscard]] int ParseResultFile(char* line) {
+[[nodiscard]] int ParseResultFile(ResultLine& line) {
     FILE* file = fopen(RESULT_FILE, "r");
     if (file == nullptr) {
         SYSTEM_LOG("FFU process %s: open result file failed! %s\n", __func__, strerror(errno));
         return -1;
     }
-    const int status = ReadLastLine(file, line);
+    ReadLastLine(file, line);
     fclose(file);
-    return status;
+    return 0;
 }
 
 } // namespace
-
-void GetTmeStamp(char* timeText) {
-    const time_t now = time(nullptr);
-    const char* text = ctime(&now);
-    if (text == nullptr) {
-        return;
-    }
-    if (timeText == nullptr) {
-        SYSTEM_LOG("FFU process %s: invalid time param.exit.\n", __func__);
-        return;
-    }
-    const size_t length = strlen(text);
-    if (memcpy_s(timeText, TIME_TEXT_SIZE, text, length + 1) != 0) {
-        SYSTEM_LOG("FFU process %s: memcpy_s error.\n", __func__);
-        return;
-    }
-    timeText[length] = '\0';
-}
 
 int FormatRecord(char* record, const char* timeText, const char* pnm, const char* localFwRev,
                  const char* fwFileRev) {
@@ -87,28 +69,26 @@ int WriteResultFile(const char* pnm, const char* localFwRev, const char* fwFileR
         return -1;
     }
     const int length = FormatRecord(record, timeText, pnm, localFwRev, fwFileRev);
+    bool isWritten = false;
     if (length < 0) {
         SYSTEM_LOG("FFU process %s: snprintf_s error!\n", __func__);
-        close(fd);
-        return -1;
+    } else {
+        isWritten = write(fd, record, static_cast<size_t>(length)) > 0;
+        // The record has to be on the storage before the device gets its first request: after a
+        // power cut it is all that keeps the next run from a second attempt. Where the sync fails
+        // the device still gets its update, which the write decides.
+        (void)fsync(fd);
     }
-    const bool isWritten = write(fd, record, static_cast<size_t>(length)) > 0;
-    // The record has to be on the storage before the device gets its first request: after a power
-    // cut it is all that keeps the next run from a second attempt. A file system that cannot sync
-    // is no reason to leave a device without its update: the write decides.
-    (void)fsync(fd);
     close(fd);
     return isWritten ? 0 : -1;
 }
 
-int ReadLastLine(FILE* file, char* line) {
-    // A read that fails in the middle of a line may leave a part of it: the last whole one counts.
-    char next[RESULT_LINE_SIZE] = {};
-    int status = 0;
-    while (status == 0 && fgets(next, sizeof(next), file) != nullptr) {
-        status = memcpy_s(line, RESULT_LINE_SIZE, next, sizeof(next));
+void ReadLastLine(FILE* file, ResultLine& line) {
+    // Where a read fails in the middle of a line, fgets may yield its beginning: no whole line.
+    ResultLine next = {};
+    while (fgets(next.data(), next.size(), file) != nullptr && ferror(file) == 0) {
+        line = next;
     }
-    return status == 0 ? 0 : -1;
 }
 
 int ParseAttempt(const char* line, LastAttempt& attempt) {
@@ -126,14 +106,14 @@ int CheckResultFile(const char* fwBinRev) {
     if (access(RESULT_FILE, F_OK) != 0) {
         return STEP_DONE;
     }
-    char line[RESULT_LINE_SIZE] = {};
+    ResultLine line = {};
     if (ParseResultFile(line) != 0) {
         SYSTEM_LOG("FFU process %s: ParseResultFile error\n", __func__);
         return STEP_FAILED;
     }
     CheckResultFlag();
     LastAttempt last = {};
-    if (ParseAttempt(line, last) != 0) {
+    if (ParseAttempt(line.data(), last) != 0) {
         SYSTEM_LOG("FFU process %s: ParseResultFile error\n", __func__);
         return STEP_FAILED;
     }

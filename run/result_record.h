@@ -3,11 +3,11 @@
 
 #include "run/device_info.h"
 
+#include <array>
 #include <cstdio>
 
 constexpr char RESULT_FILE[] = "/data/vendor/fw/fw_result";
 constexpr size_t RESULT_LINE_SIZE = 1024; // bytes of a line of the record, terminator included
-constexpr size_t TIME_TEXT_SIZE = 128;
 constexpr char BASE_REV_KEY[] = "current fw version:";
 constexpr char TARGET_REV_KEY[] = "upgrading to version:";
 
@@ -16,7 +16,8 @@ constexpr char TARGET_REV_KEY[] = "upgrading to version:";
 [[nodiscard]] int CheckResultFile(const char* fwBinRev);
 
 // Appends a record and syncs it: the device with this product name and revision is about to be
-// updated to fwFileRev. Returns 0 or -1.
+// updated to fwFileRev. Returns 0, or -1 when it cannot be written; a sync that fails is no
+// failure.
 [[nodiscard]] int WriteResultFile(const char* pnm, const char* localFwRev, const char* fwFileRev);
 
 // What follows is the record's form, for all who write and read it.
@@ -26,9 +27,12 @@ constexpr char TARGET_REV_KEY[] = "upgrading to version:";
 [[nodiscard]] int FormatRecord(char* record, const char* timeText, const char* pnm,
                                const char* localFwRev, const char* fwFileRev);
 
-// Reads file, a record, to its end or a read error; line (RESULT_LINE_SIZE zeroed bytes) then holds
-// its last line, or the last piece of one that is longer. Returns 0, or -1 when a copy fails.
-[[nodiscard]] int ReadLastLine(FILE* file, char* line);
+// A line of a record, terminated.
+using ResultLine = std::array<char, RESULT_LINE_SIZE>;
+
+// Reads file, a record, to its end or a read error; line, which is zeroed, then holds its last
+// whole line, or the last piece of one that is longer.
+void ReadLastLine(FILE* file, ResultLine& line);
 
 // The revisions of the last attempt, terminated.
 struct LastAttempt {
@@ -37,13 +41,9 @@ struct LastAttempt {
 };
 
 // Takes both revisions from the record's last line into attempt, which is zeroed. Returns 0, or -1
-// when one of them is missing or too long.
+// and a message on the log when one of them is missing or too long.
 [[nodiscard]] int ParseAttempt(const char* line, LastAttempt& attempt);
 
 // Whether attempt was for fwBinRev, compared over the length of the latter as text: every text
 // begins with an empty one.
 [[nodiscard]] bool IsAttempted(const LastAttempt& attempt, const char* fwBinRev);
-
-// Writes the local time as ctime's text, with its line end, into timeText (TIME_TEXT_SIZE zeroed
-// bytes). It stays as it is when the time cannot be had.
-void GetTmeStamp(char* timeText);

@@ -1,10 +1,11 @@
-// Sets, clears and looks at the flag files. The run brackets itself with two of them and leaves a
-// third one after an update. A flag that cannot be removed stays; it changes no verdict.
+// Sets and looks at the flag files. The run brackets itself with two of them and leaves a third one
+// after an update. One that cannot be removed stays, which changes no verdict; a begin or end flag
+// that cannot be set ends the run.
 #include "run/state_flags.h"
 
 #include "run/log/system_log.h"
-#include "run/result_record.h"
 #include "run/step.h"
+#include "run/time_stamp.h"
 
 #include <cerrno>
 #include <cstdio>

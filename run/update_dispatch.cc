@@ -1,5 +1,5 @@
-// Clears what the last update left and runs that of the detected technology. The run calls it once
-// an attempt is on record; a failure here is told by the outcome flag.
+// Removes what the last update left, and runs the update of the detected technology. The run calls
+// it when the attempt is on record; the outcome flag tells of a failure here.
 #include "run/update_dispatch.h"
 
 #include "emmc/emmc_update.h"

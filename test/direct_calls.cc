@@ -5,6 +5,7 @@
 #include "emmc/emmc_update.h"
 #include "run/result_record.h"
 #include "run/state_flags.h"
+#include "run/time_stamp.h"
 #include "run/update_dispatch.h"
 #include "ufs/ufs_update.h"
 

@@ -1,6 +1,10 @@
 // The memory across runs. A failure here means a firmware that is tried again and again, or one
 // that never gets its turn.
+#include "run/result_record.h"
 #include "test/phone.h"
+
+#include <cerrno>
+#include <cstdio>
 
 namespace {
 
@@ -94,6 +98,24 @@ TEST_F(ResultRecordTest, OnlyTheLastLineIsRead) {
         EXPECT_EQ(State().at("fw_result"), row.record);
         EXPECT_EQ(State().count("ffu.end"), Count({row.steps}, APPLIED));
     }
+}
+
+// A stream that yields what it is given, then fails: in the middle of a line.
+ssize_t YieldThenFail(void* cookie, char* buffer, size_t size) {
+    auto& rest = *static_cast<std::string*>(cookie);
+    const size_t count = rest.copy(buffer, size);
+    rest.erase(0, count);
+    errno = EIO;
+    return count > 0 ? static_cast<ssize_t>(count) : -1;
+}
+
+TEST(ResultRecord, ReadThatFailsLeavesTheLastWholeLine) {
+    std::string yielded = "first\nwhole line\npart";
+    FILE* file = fopencookie(&yielded, "r", {YieldThenFail, nullptr, nullptr, nullptr});
+    ResultLine line = {};
+    ReadLastLine(file, line);
+    fclose(file);
+    EXPECT_STREQ(line.data(), "whole line\n");
 }
 
 } // namespace

@@ -1,6 +1,6 @@
 // Picks the package entry for the local UFS device, judges its revision and saves its body. The UFS
-// update calls it before the download. A failure leaves at most a partly written body file, which
-// nobody downloads.
+// update calls it before the download. After a failure, and when the entry is not newer, a body
+// file may be left, whole or in part, which nobody downloads.
 #include "ufs/ufs_selection.h"
 
 #include "run/log/ffu_print.h"

@@ -7,24 +7,24 @@
 // non-zero, else below /tmp.
 [[nodiscard]] const char* UfsFwBodyPath(int useDataDir);
 
-// Whether entry is meant for device: manufacturer equal, product name equal position by position,
-// where a blank, a line end or a zero byte on either side agrees with anything. The revision takes
-// no part.
+// Whether entry is meant for device: magic and manufacturer equal, product name equal position by
+// position, where a blank, a line end or a zero byte on either side agrees with anything. The
+// revision takes no part.
 [[nodiscard]] bool UfsEntryMatches(const UfsFwHeader& device, const UfsFwHeader& entry);
 
 // Returns 0 when entry's revision is newer than device's, -1 when it is equal or older; says which
 // on the console log.
 [[nodiscard]] int FwVerCheck(const UfsFwHeader& device, const UfsFwHeader& entry);
 
-// The entry that was selected: its body's place in the package, and whether it is newer than the
-// device's firmware (FwVerCheck).
+// The entry that was selected.
 struct UfsSelection {
-    uint32_t ufsCurrentFwOffset, ufsCurrentFwSize; // bytes
-    int verdict;                                   // 0 or -1
+    uint32_t ufsCurrentFwOffset, ufsCurrentFwSize; // of its body in the package, bytes
+    int verdict;                                   // FwVerCheck's: 0 or -1
 };
 
-// Looks through package (size bytes, borrowed) for the first entry that matches device. Returns 0
-// with selection filled, -1 when there is none.
+// Looks through package (size bytes, borrowed) for the first entry that matches device, and tells
+// on the console log what it finds. Returns 0 with selection filled, whatever the revision; -1 when
+// no entry matches.
 [[nodiscard]] int SelectUfsFw(const UfsFwHeader& device, const uint8_t* package, int32_t size,
                               UfsSelection& selection);
 

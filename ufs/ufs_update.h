@@ -6,7 +6,7 @@
 // Applies the package at ufsFwFile (useBackupFile zero) or ufsBackupFile (non-zero) to the local
 // device; neither path may be null. useDataDir chooses where the body is saved (ufs_selection.h).
 // Returns 0 when firmware was downloaded, -2 (-ENOENT) when nothing was applied, -1 when the
-// download failed.
+// download failed or the device record could not be cleared.
 [[nodiscard]] int UfsFfu(const char* ufsFwFile, const char* ufsBackupFile, int useDataDir,
                          int useBackupFile);
 

@@ -35,7 +35,7 @@ constexpr int VERBOSITY = 1;
 // Beside the categories and SG_LIB_FILE_ERROR, which are the library's own numbers.
 constexpr int STATUS_NO_MEMORY = 1;
 
-// sg_cmds_process_resp: no answer from the device, and an answer that has a category.
+// sg_cmds_process_resp: a failure without a category, and an answer that has one.
 constexpr int RESPONSE_FAILED = -1;
 constexpr int RESPONSE_CATEGORY = -2;
 
@@ -146,8 +146,8 @@ void scsi_reset(int deviceFd, int resetType) {
     }
 }
 
-// Says why the device did not take the firmware, and resets its host where its maker wants that.
-void ReportRefusal(int deviceFd, int status, int resetType) {
+// Says why a download failed, and resets the host of devices whose maker wants that.
+void ReportFailure(int deviceFd, int status, int resetType) {
     char category[80] = {};
     (void)sg_get_category_sense_str(status, sizeof(category), category, VERBOSITY);
     ffu_print("%s,line=%d: Write buffer failed: %s\n", DOWNLOAD, 424, category);
@@ -156,8 +156,8 @@ void ReportRefusal(int deviceFd, int status, int resetType) {
     }
 }
 
-// Takes the body from its file to the device that deviceFd is open on. Returns a status of the
-// library's numbering, -1 for a failure without a category.
+// Takes the body from its file to the device that deviceFd is open on. Returns the status of
+// ufs_ffu_write_buffer, but -1 for a failure without a category.
 [[nodiscard]] int Download(int deviceFd, const char* fileName, int resetType) {
     const HeapBuffer buffer(static_cast<uint8_t*>(memalign(TRANSFER_ALIGNMENT, TRANSFER_SIZE)));
     if (buffer == nullptr) {
@@ -176,7 +176,7 @@ void ReportRefusal(int deviceFd, int status, int resetType) {
         sg_ll_write_buffer_v2(deviceFd, MODE_DOWNLOAD_DEFER_ACTIVATE, 0, 0, 0, buffer.get(), length,
                               WRITE_BUFFER_TIMEOUT, true, VERBOSITY);
     if (status != 0) {
-        ReportRefusal(deviceFd, status, resetType);
+        ReportFailure(deviceFd, status, resetType);
     }
     ffu_print("%s,line=%d: UFS_FFU_WRITE_BUFFER_FIX_ARGUMENT done!\n", DOWNLOAD, 428);
     return status;
@@ -185,6 +185,7 @@ void ReportRefusal(int deviceFd, int status, int resetType) {
 } // namespace
 
 int ufs_ffu_write_buffer(int useDataDir, const uint8_t* ufsMid) {
+    // Empty even where a phone's own memset_s refuses.
     char deviceName[20] = {};
     char fileName[50] = {};
     (void)memset_s(deviceName, sizeof(deviceName), 0, sizeof(deviceName));

@@ -15,6 +15,6 @@ constexpr size_t TRANSFER_SIZE = 0x800000;
 //
 // Returns 0 when the device took the firmware; 1 without memory for the transfer; 15 when the node
 // or the body cannot be opened or read, or the node does not close after a successful download; 99
-// on a failure of the system or the transport; any other positive value is the category of the
-// device's answer, as sg3_utils numbers them (sg_lib.h).
+// on a failure of the system or the transport, or on a SCSI status without a category; any other
+// positive value is the category of the device's answer, as sg3_utils numbers them (sg_lib.h).
 [[nodiscard]] int ufs_ffu_write_buffer(int useDataDir, const uint8_t* ufsMid);

@@ -14,8 +14,9 @@ static void PreCheck(const std::string& pnm, const Bytes& package) {
         DeviceInfo device = {type, {}, "FW000001"};
         pnm.copy(device.pnm, PNM_SIZE);
         PackageRevs revs = {};
-        const int parsed = FindRevs(device, package.data(), package.size(), revs);
-        Require(parsed != 0 || revs.entry < package.size(), "the entry lies inside");
+        const int parsed = GetRevs(device, package.data(), package.size(), revs);
+        const size_t entry = FindEntry(device, package.data(), package.size());
+        Require((parsed == 0) == (entry < package.size()), "the entry lies inside");
         (void)!CheckFwBin(device, parsed, revs);
     }
 }
