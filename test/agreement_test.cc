@@ -26,17 +26,17 @@ struct Case {
 
 std::string InToml(const std::string& bytes) {
     std::string list = "[";
-    for (const unsigned char byte : bytes) {
-        list += std::to_string(byte) + ",";
+    for (const char byte : bytes) {
+        list += std::to_string(static_cast<uint8_t>(byte)) + ",";
     }
     return list + "]";
 }
 
 std::string AsText(const std::string& bytes) {
     std::string text = "\"";
-    for (const unsigned char byte : bytes) {
+    for (const char byte : bytes) {
         char code[8];
-        snprintf(code, sizeof(code), "\\u%04X", byte);
+        snprintf(code, sizeof(code), "\\u%04X", static_cast<uint8_t>(byte));
         text += code;
     }
     return text + "\"";
@@ -242,8 +242,8 @@ protected:
             };
             const std::string size = at(made.isUfs ? UFS_SIZE_FIELD : EMMC_SIZE_FIELD);
             size_t length = 0;
-            for (const unsigned char byte : size) {
-                length = length << 8 | byte;
+            for (const char byte : size) {
+                length = length << 8 | static_cast<uint8_t>(byte);
             }
             std::string name = own(UFS_PNM_FIELD);
             const std::string revision = own(UFS_REV_FIELD);
