@@ -240,7 +240,7 @@ protected:
         const size_t calls = RunAnyhow({}).calls.size();
         Keep(course);
         for (size_t n = 1; n <= calls; n++) {
-            if (n > 40 && n + 20 < calls && n % 10 != 0) { // the package and the download
+            if (n > 30 && n + 20 < calls && n % 25 != 0) { // the package and the download
                 continue;
             }
             for (const char* effect : {" EIO", " end"}) {

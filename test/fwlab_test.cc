@@ -219,11 +219,11 @@ TEST_F(FwlabTest, ListFindsWhatPhonesPassOver) {
 TEST_F(FwlabTest, ListMapsLargePackages) {
     Put("/package", UfsEntry());
     Put("/phone.toml", UfsPhone());
-    fs::resize_file(directory + "/package", 1U << 30);
-    Expect(Fwlab("list package", "ulimit -d 65536 &&"), 1,
-           "size             1073741824*1073741756 bytes from 0x44 belong to no entry");
+    fs::resize_file(directory + "/package", 1U << 27);
+    Expect(Fwlab("list package", "ulimit -d 32768 &&"), 1,
+           "size             134217728*134217660 bytes from 0x44 belong to no entry");
     fs::resize_file(directory + "/package", 1UL << 31);
-    Expect(Fwlab("list package", "ulimit -d 65536 &&"), 1, "2 GiB");
+    Expect(Fwlab("list package", "ulimit -d 32768 &&"), 1, "2 GiB");
     Expect(Fwlab("match package --phone phone.toml"), 1, "2 GiB");
 }
 
