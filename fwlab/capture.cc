@@ -192,6 +192,10 @@ int Capture(const CaptureOptions& options) {
     for (const std::string& place : nodes.places) {
         RequireOther(options.output, place);
     }
+    const fs::path folder = fs::canonical(options.folder, error);
+    const fs::path place = fs::canonical(options.output, error); // none if it is not there
+    const bool isPulled = !error && place.string().rfind(folder.string() + "/", 0) == 0;
+    Require(!isPulled, 2, options.output + ": was there before, among what was pulled");
     WriteOutput(options.output, "# A phone, made by `fwlab capture` from its nodes.\n" + described +
                                     "\n# Not of the phone: what it is to report after an update.\n"
                                     "[firmware]\n" +

@@ -2,6 +2,8 @@
 // decided here: what is told below are the answers of those routines and what follows from them.
 #include "fwlab/decision.h"
 
+#include "fwlab/spans.h"
+
 #include "emmc/emmc_command.h"
 #include "emmc/emmc_update.h"
 #include "run/package_check.h"
@@ -182,14 +184,21 @@ Step UpdateUfs(const Package& package, const Device& device, const Entry& seen) 
     return step;
 }
 
-// Whether the entry names this very device, by the name that the update goes by.
-bool Names(const Entry& entry, const Identity& device) {
+// Whether the entry is for this very device, by the name that the update goes by, and admits the
+// revision that runs. The update asks for neither: this is what the entry's maker meant.
+bool IsFor(const Package& package, const Entry& entry, const Identity& device) {
     const Layout& layout = *device.layout;
     const auto same = [&](const Field& field) {
         return Get(entry.identity, field) == Get(device, field);
     };
-    return same(layout.manufacturer) && same(layout.extCsdRev) &&
-           Trimmed(Get(entry.identity, layout.name)) == Trimmed(UpdateName(device));
+    const std::string name = UpdateName(device);
+    const bool isNamed = name == Get(device, layout.name)
+                             ? same(layout.name)
+                             : Trimmed(Get(entry.identity, layout.name)) == Trimmed(name);
+    const std::string baseRevs = Get(entry.identity, layout.baseRevs);
+    return isNamed && same(layout.manufacturer) && same(layout.extCsdRev) &&
+           OuterEntry(package, entry) == nullptr &&
+           CheckBaseRev(InfoOf(device), reinterpret_cast<const uint8_t*>(baseRevs.data()));
 }
 
 // Why a device that entry describes would not be sent exactly this entry; empty if it would.
@@ -299,12 +308,18 @@ Decision Decide(const Package& package, const Device& device, const Record* reco
             std::min<size_t>(update.entry->bodySize, isUfs ? TRANSFER_SIZE : PACKAGE_SIZE_MAX);
     }
     const Field& revision = device.identity.layout->revision;
-    const bool isSeen = update.entry == seen ||
-                        (update.entry != nullptr && Names(*update.entry, device.identity) &&
-                         Get(update.entry->identity, revision) == Get(seen->identity, revision));
-    if (decision.sent != nullptr && !isSeen) {
-        return end(Verdict::WRONG_IMAGE, fmt::format("the pre-check sees {}, the update takes {}",
-                                                     Title(*seen), Title(*update.entry)));
+    const bool isMeant = decision.sent == nullptr ||
+                         (decision.sent == seen && OuterEntry(package, *seen) == nullptr) ||
+                         (IsFor(package, *decision.sent, device.identity) &&
+                          Get(decision.sent->identity, revision) == Get(seen->identity, revision));
+    (void)TakePhoneMessages();
+    if (!isMeant) {
+        const Entry* outer = OuterEntry(package, *decision.sent);
+        return end(Verdict::WRONG_IMAGE,
+                   decision.sent == seen
+                       ? fmt::format("{} lies inside the image of {}", Title(*seen), Title(*outer))
+                       : fmt::format("the pre-check sees {}, the update takes {}", Title(*seen),
+                                     Title(*decision.sent)));
     }
     if (!update.goesOn) {
         return end(Verdict::USED_UP, update.reason);
@@ -332,16 +347,21 @@ Texts FindingsOf(const Package& package, const Entry& entry) {
     for (const Layout* inner : {&EMMC, &UFS}) {
         add(entry.bodyFits && entry.bodySize >= inner->headerSize &&
                 memcmp(body, inner->magic, MAGIC_SIZE) == 0,
-            fmt::format("the body begins like an {} package: is it the image?", inner->title));
+            fmt::format("the body begins with an entry of the {} kind: is it the image?",
+                        inner->title));
     }
     const auto base = BaseRevisionsOf(entry.identity);
     add(base && base->empty(), "no device can have one of its base revisions");
     if (!findings.empty()) {
         return findings;
     }
-    // From any: try one that is older than texts are, and not the entry's own.
+    // From any: try one that is older than texts are, and the one just before the entry's own.
     const bool isTaken = revision == std::string(revision.size(), '\1');
-    const Texts any = {std::string(revision.size(), isTaken ? '\2' : '\1')};
+    Texts any = {std::string(revision.size(), isTaken ? '\2' : '\1')};
+    if (&layout == &UFS && revision.back() != '\0') {
+        any.push_back(revision);
+        any.back().back() = static_cast<char>(revision.back() - 1);
+    }
     for (const std::string& from : base.value_or(any)) {
         Device device = {entry.identity, true, 0};
         Set(device.identity, layout.revision, from);
@@ -373,6 +393,16 @@ Texts NotesOf(const Entry& entry) {
         notes.push_back(
             "the revision has bytes behind a zero byte: the phone compares and records " +
             Quoted(text) + " only");
+    }
+    return notes;
+}
+
+Texts NotesForAnyPhone(const Entry& entry) {
+    Texts notes = NotesOf(entry);
+    if (entry.identity.layout == &UFS && !BaseRevisionsOf(entry.identity)) {
+        notes.emplace_back(
+            "from any revision: a phone that runs a newer one uses up its attempt, as "
+            "the update does not go back; base_revisions keeps it from that");
     }
     return notes;
 }

@@ -62,4 +62,5 @@ Texts FindingsOf(const Package& package, const Entry& entry);
 
 // What some phones do not take: for the user to know.
 Texts NotesOf(const Entry& entry);
+Texts NotesForAnyPhone(const Entry& entry); // with what depends on the revision that runs
 bool NeedsGkiMode(const Entry& entry);

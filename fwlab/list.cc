@@ -23,7 +23,7 @@ Json Describe(const Package& package, const Entry& entry, const Entry* outer) {
         shown["sha256"] = Sha256(package, entry.body, entry.bodySize);
     }
     shown["findings"] = FindingsOf(package, entry);
-    shown["notes"] = NotesOf(entry);
+    shown["notes"] = NotesForAnyPhone(entry);
     return shown;
 }
 

@@ -123,11 +123,17 @@ void AddMatch(CLI::App& app, Arguments& args) {
     auto* name = match->add_option("--product", device.productName, "product name");
     auto* rev = match->add_option("--revision", device.revision, "running revision (bytes: \\xHH)");
     auto* csd = match->add_option("--ext-csd-rev", device.extCsdRev, "eMMC: 7 for 5.0, 8 for 5.1");
+    auto* gki =
+        match->add_flag("--gki", device.gki, "eMMC: updated by the kernel; else by requests");
+    auto* most = match->add_option("--max-hw-sectors-kb", device.maxHwSectorsKb,
+                                   "UFS: the most KiB of one request (0: any)");
     auto* phone = which->add_option("--phone", args.phone, "its description");
     auto* manfid = which->add_option("--manfid", device.manfid, "UFS: as the node prints it");
-    phone->excludes(name, rev, csd);
-    manfid->needs(name, rev)->excludes(csd);
-    which->add_option("--manufacturer-id", device.cid[0], "eMMC: MID")->needs(name, rev, csd);
+    phone->excludes(name, rev, csd, gki, most);
+    manfid->needs(name, rev)->excludes(csd, gki);
+    which->add_option("--manufacturer-id", device.cid[0], "eMMC: MID")
+        ->needs(name, rev, csd)
+        ->excludes(most);
     which->require_option(1);
     match->footer("Exit status 0: the device is sent the entry that the pre-check saw. 1: no "
                   "update, or one attempt \"used up\" in vain: on record, and never made again.");
@@ -184,7 +190,12 @@ void AddOutcome(CLI::App& app, Arguments& args) {
         ->add_option("--fail-above", options.failAbove,
                      "exit status 1 only if more than this share (percent) is not updated, of all "
                      "that are neither \"nothing\" nor \"foreign\"")
-        ->check(CLI::Range(0.0, 100.0));
+        ->check(CLI::Range(0.0, 100.0))
+        ->check(CLI::Validator(
+            [](const std::string& text) {
+                return text.find_first_not_of("0123456789.") == text.npos ? "" : "no percentage";
+            },
+            "", ""));
     outcome->footer(
         "States: updated; nothing: nothing to do, never attempted; failed; interrupted; unknown: "
         "attempted, nothing downloaded or unknown; stopped: outside of an attempt; damaged: no "
@@ -305,7 +316,7 @@ int main(int argc, char** argv) {
     } catch (const std::exception& error) {
         stop.text = error.what();
     }
-    if (fflush(stdout) != 0) {
+    if (fflush(stdout) != 0 || ferror(stdout) != 0 || !std::cout) {
         stop = {2, "the answer could not be written"};
     }
     if (!stop.text.empty()) {

@@ -162,7 +162,9 @@ bool ReadBytes(const toml::node& node, const Field& field, std::string& bytes) {
 
 void TakeField(Keys keys, const Field& field, Need need, Identity& identity) {
     Take(keys, field.key, need,
-         field.size == 1 ? "a number from 0 to 255" : "made of texts, or of numbers from 0 to 255",
+         field.size == 1                        ? "a number from 0 to 255"
+         : &field == &identity.layout->baseRevs ? "a list of revisions"
+                                                : "made of texts, or of numbers from 0 to 255",
          [&](const toml::node& node) {
              std::string bytes;
              const bool isRight = &field == &identity.layout->baseRevs

@@ -28,8 +28,9 @@ void Print(const Step& step) {
 std::string Sentence(const Decision& decision) {
     const std::string recorded = Quoted(decision.recorded);
     const std::string remedy =
-        fmt::format("The phone writes the attempt for {} on record and makes no other one for it: "
-                    "correct the package, under another revision, before phones get it.",
+        fmt::format("The phone writes the attempt for {} on record and makes no other one for it. "
+                    "Correct this before phones get the package; afterwards only another revision "
+                    "reaches them.",
                     recorded);
     switch (decision.verdict) {
     case Verdict::UPDATE:

@@ -1,6 +1,7 @@
 #include "fwlab/output.h"
 
 #include "fwlab/package.h"
+#include "fwlab/work_folder.h"
 #include "simphone/files.h"
 
 #include <cerrno>
@@ -63,12 +64,14 @@ void MakeFolder(const std::string& path, const std::function<void(const std::str
     std::error_code error;
     const bool isThere = fs::exists(fs::symlink_status(folder, error));
     Require(!folder.empty() && !isThere, 2, path + ": is there already");
+    const HeldSignals held;
     std::string temporary = folder + ".XXXXXX";
     if (mkdtemp(temporary.data()) == nullptr) {
         throw Stop{2, path + ": " + strerror(errno)};
     }
     try {
         fill(temporary);
+        StopIfInterrupted();
         const bool isMade = chmod(temporary.c_str(), Permitted(0777)) == 0 &&
                             rename(temporary.c_str(), folder.c_str()) == 0;
         const int reason = errno;
@@ -82,5 +85,5 @@ void MakeFolder(const std::string& path, const std::function<void(const std::str
 void RequireOther(const std::string& path, const std::string& input) {
     std::error_code error;
     const bool isSame = fs::equivalent(path, input, error);
-    Require(!isSame || error, 2, path + ": is what it would be made from");
+    Require(!isSame || error, 2, path + ": is read by this command, too");
 }

@@ -95,7 +95,8 @@ Package LookInto(const std::string& path, const PackageBytes& bytes, size_t size
     for (size_t p = find(first, size, 0); p < size; p = find(first, size, p + 1)) {
         const size_t number = package.entries.size() + 1;
         Require(number <= ENTRIES_MAX, 2,
-                fmt::format("{}: more than {} entries: no package", path, ENTRIES_MAX));
+                fmt::format("{}: more than {} entries, which fwlab does not look into", path,
+                            ENTRIES_MAX));
         const uint32_t bodySize = ReadBigEndian32(first + p + package.layout->bodySize.offset);
         const Identity identity = {package.layout, {first + p, first + p + headerSize}};
         package.entries.push_back({number, p, p + headerSize, bodySize,

@@ -53,7 +53,7 @@ std::string UpToZero(const std::string& bytes) {
 // The lines of one model and revision: of phones that have made no attempt from it, and of those
 // whose record is there.
 void AddLines(const Model& model, const Running& running, const Package* package,
-              const std::vector<Record>& records, std::vector<Line>& lines) {
+              std::vector<Record>& records, std::vector<Line>& lines) {
     const Layout& layout = *model.device.identity.layout;
     Device device = model.device;
     Set(device.identity, layout.revision, running.revision);
@@ -65,16 +65,22 @@ void AddLines(const Model& model, const Running& running, const Package* package
     }
     std::map<Verdict, Line> recorded;
     uint64_t others = running.phones;
-    for (const Record& record : records) {
-        if (record.product == UpToZero(Get(device.identity, layout.name)) &&
-            record.base == UpToZero(running.revision) && others > 0) {
-            const Decision decision = Decide(*package, device, &record);
-            const auto line = recorded.try_emplace(decision.verdict,
-                                                   MakeLine(model, running, 0, package, decision));
-            line.first->second.phones++;
-            others--;
-        }
+    const auto isOther = [&](const Record& record) {
+        return record.product != UpToZero(Get(device.identity, layout.name)) ||
+               record.base != UpToZero(running.revision);
+    };
+    const auto own = std::stable_partition(records.begin(), records.end(), isOther);
+    const auto end = records.end() - own > static_cast<ptrdiff_t>(others)
+                         ? own + static_cast<ptrdiff_t>(others)
+                         : records.end();
+    for (auto record = own; record != end; ++record) { // each is of one phone
+        const Decision decision = Decide(*package, device, &*record);
+        const auto line =
+            recorded.try_emplace(decision.verdict, MakeLine(model, running, 0, package, decision));
+        line.first->second.phones++;
+        others--;
     }
+    records.erase(own, end);
     if (others > 0 || recorded.empty()) {
         lines.push_back(MakeLine(model, running, others, package, Decide(*package, device)));
     }
@@ -115,17 +121,49 @@ Texts UnusedEntries(const std::vector<Package>& packages, const std::vector<Line
     return unused;
 }
 
+// The records of phones that have made an attempt; one that no run can read back is a finding.
+void ReadRecords(const std::string& folder, std::vector<Record>& records, Texts& findings) {
+    size_t damaged = 0, others = 0;
+    for (const std::string& directory : StateDirectoriesIn(folder)) {
+        const StateReport report = DescribeState(directory);
+        damaged += report.state == State::DAMAGED ? 1 : 0;
+        others += report.state == State::FOREIGN || report.state == State::UNREADABLE ? 1 : 0;
+        if (!report.record.target.empty()) {
+            records.push_back(report.record);
+        }
+    }
+    if (damaged > 0) {
+        findings.push_back(fmt::format("{} phones have a record that no run can read back: they "
+                                       "stop, whatever the package",
+                                       damaged));
+    }
+    if (others > 0) {
+        findings.push_back(
+            fmt::format("{} folders are no state directory that can be read", others));
+    }
+}
+
+// The model, by what the update knows it by.
+std::string NameOf(const Model& model) {
+    const Identity& identity = model.device.identity;
+    const Layout& layout = *identity.layout;
+    const std::string manufacturer = Get(identity, layout.manufacturer);
+    return layout.extCsdRev.size == 0
+               ? Quoted(manufacturer) + " " + Quoted(Get(identity, layout.name))
+               : fmt::format("{:#04x} {} EXT_CSD_REV {}", static_cast<uint8_t>(manufacturer[0]),
+                             Quoted(Get(identity, layout.name)),
+                             static_cast<uint8_t>(Get(identity, layout.extCsdRev)[0]));
+}
+
 void Print(const std::vector<Line>& lines) {
     size_t width = 0;
     for (const Line& line : lines) {
-        const Identity& identity = line.model->device.identity;
-        width = std::max(width, Quoted(Get(identity, identity.layout->name)).size());
+        width = std::max(width, NameOf(*line.model).size());
     }
     fmt::print("{:<{}}  {:<12} {:>10}\n", "MODEL", width, "RUNS", "PHONES");
     for (const Line& line : lines) {
-        const Identity& identity = line.model->device.identity;
-        fmt::print("{:<{}}  {:<12} {:>10}  {}\n", Quoted(Get(identity, identity.layout->name)),
-                   width, Quoted(line.revision), line.phones, line.gets);
+        fmt::print("{:<{}}  {:<12} {:>10}  {}\n", NameOf(*line.model), width, Quoted(line.revision),
+                   line.phones, line.gets);
         for (const std::string& note : line.sent == nullptr ? Texts() : NotesOf(*line.sent)) {
             fmt::print("    note: {}\n", note);
         }
@@ -147,10 +185,9 @@ int Plan(const PlanOptions& options) {
     }
     const std::vector<Model> models = ReadModels(options.fleet);
     std::vector<Record> records;
+    Texts findings;
     if (!options.records.empty()) {
-        for (const std::string& directory : StateDirectoriesIn(options.records)) {
-            records.push_back(DescribeState(directory).record);
-        }
+        ReadRecords(options.records, records, findings);
     }
     std::vector<Line> lines;
     for (const Model& model : models) {
@@ -167,11 +204,15 @@ int Plan(const PlanOptions& options) {
         totals[line.verdict] += line.phones;
     }
     const Texts unused = UnusedEntries(packages, lines);
+    findings.insert(findings.end(), unused.begin(), unused.end());
     const bool isReleasable =
-        unused.empty() && std::none_of(lines.begin(), lines.end(),
-                                       [](const Line& line) { return IsBad(line.verdict); });
+        findings.empty() && std::none_of(lines.begin(), lines.end(),
+                                         [](const Line& line) { return IsBad(line.verdict); });
     if (options.asJson) {
-        Json answer = {{"lines", Json::array()}, {"totals", Json::object()}, {"unused", unused}};
+        Json answer = {{"lines", Json::array()},
+                       {"totals", Json::object()},
+                       {"findings", findings},
+                       {"records_of_no_phone", records.size()}};
         for (const Line& line : lines) {
             answer["lines"].push_back(Describe(line));
         }
@@ -187,7 +228,10 @@ int Plan(const PlanOptions& options) {
         fmt::print(" {} {}", phones, NameOf(verdict));
     }
     fmt::print("\n");
-    for (const std::string& text : unused) {
+    if (!records.empty()) {
+        fmt::print("Note: {} records are of no phone of the fleet.\n", records.size());
+    }
+    for (const std::string& text : findings) {
         fmt::print("FINDING: {}\n", text);
     }
     fmt::print("{}\n", isReleasable

@@ -163,6 +163,10 @@ int Sweep(const SweepRequest& request) {
     for (const std::string& output : {request.junit, request.html}) {
         if (!output.empty()) {
             CheckOutput(output); // before it takes long
+            RequireOther(output, request.package);
+            for (const std::string& phone : request.phones) {
+                RequireOther(output, phone);
+            }
         }
     }
 
@@ -179,16 +183,16 @@ int Sweep(const SweepRequest& request) {
     if (result.interruptedBy != 0) {
         throw Stop{128 + result.interruptedBy, "interrupted"};
     }
+    if (request.asJson) {
+        fmt::print("{}\n", Describe(request, result).dump(2));
+    } else {
+        Print(request, result);
+    }
     if (!request.junit.empty()) {
         WriteOutput(request.junit, SweepJunit(request, result));
     }
     if (!request.html.empty()) {
         WriteOutput(request.html, SweepPage(request, result));
-    }
-    if (request.asJson) {
-        fmt::print("{}\n", Describe(request, result).dump(2));
-    } else {
-        Print(request, result);
     }
     return result.violations.empty() ? 0 : 1;
 }

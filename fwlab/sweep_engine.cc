@@ -738,7 +738,7 @@ SweepResult RunSweep(const std::vector<SweepScenario>& scenarios, const SweepOpt
     RunBases(plan, processes);
     result.results.resize(result.jobs.size());
     if (result.interruptedBy == 0) {
-        ShareOut(plan, processes, folder.mask);
+        ShareOut(plan, processes, folder.signals.mask);
     }
     if (result.interruptedBy == 0) {
         ReadFindings(plan, processes + 1);

@@ -13,7 +13,7 @@ namespace {
 sigset_t EndingSignals() {
     sigset_t signals;
     sigemptyset(&signals);
-    for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
+    for (const int number : {SIGINT, SIGTERM, SIGQUIT, SIGHUP}) {
         sigaddset(&signals, number);
     }
     return signals;
@@ -21,19 +21,25 @@ sigset_t EndingSignals() {
 
 } // namespace
 
-WorkFolder::WorkFolder() : path(fs::temp_directory_path() / "fwlab-XXXXXX"), mask() {
+HeldSignals::HeldSignals() : mask() {
     const sigset_t signals = EndingSignals();
     sigprocmask(SIG_BLOCK, &signals, &mask);
-    if (mkdtemp(path.data()) == nullptr) {
-        sigprocmask(SIG_SETMASK, &mask, nullptr);
-        throw Stop{2, path + ": cannot be made"};
-    }
+}
+
+HeldSignals::~HeldSignals() {
+    sigprocmask(SIG_SETMASK, &mask, nullptr);
+}
+
+WorkFolder::WorkFolder() {
+    std::error_code error;
+    path = fs::temp_directory_path(error) / "fwlab-XXXXXX";
+    Require(!error && mkdtemp(path.data()) != nullptr, 2,
+            "no folder for temporary phones can be made: does TMPDIR name one?");
 }
 
 WorkFolder::~WorkFolder() {
     std::error_code ignored; // what cannot be removed stays
     fs::remove_all(path, ignored);
-    sigprocmask(SIG_SETMASK, &mask, nullptr);
 }
 
 int TakeSignal(long milliseconds) {

@@ -1,10 +1,21 @@
-// A temporary folder for simulated phones that is removed in the end, after an interruption too.
+// Leaves nothing behind an interruption: a temporary folder for simulated phones, and the signals.
 #pragma once
 
 #include <csignal>
 #include <string>
 
-// SIGINT, SIGTERM and SIGHUP are held back while it is there: whoever works in it asks for them.
+// SIGINT, SIGTERM, SIGQUIT and SIGHUP are held back while it is there: whoever works asks for them.
+class HeldSignals {
+public:
+    HeldSignals();
+    ~HeldSignals();
+    HeldSignals(const HeldSignals&) = delete;
+    HeldSignals& operator=(const HeldSignals&) = delete;
+
+    sigset_t mask; // of the signals that were held back before, for processes that are started
+};
+
+// A folder that is removed in the end.
 class WorkFolder {
 public:
     WorkFolder(); // Stop if it cannot be made
@@ -12,8 +23,8 @@ public:
     WorkFolder(const WorkFolder&) = delete;
     WorkFolder& operator=(const WorkFolder&) = delete;
 
+    HeldSignals signals;
     std::string path;
-    sigset_t mask; // of the signals that were held back before, for processes that are started
 };
 
 // Returns the signal that was held back, 0 if none came within the time.

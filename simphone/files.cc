@@ -60,8 +60,8 @@ std::string Escaped(const std::string& text) {
 std::string Displayed(const std::string& text) {
     std::string line;
     for (const char c : text) {
-        const bool isControl = static_cast<unsigned char>(c) < 0x20 || c == 0x7F;
-        line += isControl ? "\\x" + Hex(&c, 1) : std::string(1, c);
+        const bool isPrintable = c >= 0x20 && c < 0x7F;
+        line += isPrintable ? std::string(1, c) : "\\x" + Hex(&c, 1);
     }
     return line;
 }

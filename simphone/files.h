@@ -12,7 +12,7 @@
 
 // One line of printable characters: a backslash and every other byte become \n, \\ or \xHH.
 std::string Escaped(const std::string& text);
-// A text with such forms in it already: only what would steer a terminal is escaped.
+// The same for a text with such forms in it already: its backslashes stay.
 std::string Displayed(const std::string& text);
 std::string Unescaped(const std::string& line);
 

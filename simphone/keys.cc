@@ -7,22 +7,28 @@
 
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 
 static const size_t DOTS_MAX = 64;
+static const size_t FILE_SIZE_MAX = 16 << 20;
 
-// The first line whose dots and brackets outside of texts would nest tables deeper than the TOML
-// library's recursion bears; 0 if there is none.
+// The first line with a key of so many parts that the TOML library's recursion does not bear the
+// tables in each other; 0 if there is none. Dots count that stand outside of texts and comments.
 static size_t DeepLine(const std::string& text) {
     size_t line = 1, dots = 0;
-    char quote = 0; // in which a text stands
+    char quote = 0; // in which a text stands; '#' in a comment
     for (const char c : text) {
         if (c == '\n') {
             line++;
             dots = 0;
             quote = 0;
-        } else if (c == quote || (quote == 0 && (c == '"' || c == '\''))) {
-            quote = quote == 0 ? c : static_cast<char>(0);
-        } else if (quote == 0 && (c == '.' || c == '[' || c == '{') && ++dots > DOTS_MAX) {
+        } else if (quote == 0 && (c == '"' || c == '\'' || c == '#')) {
+            quote = c;
+        } else if (c == quote && c != '#') {
+            quote = 0;
+        } else if (quote == 0 && (c == '=' || c == ',')) {
+            dots = 0;
+        } else if (quote == 0 && c == '.' && ++dots > DOTS_MAX) {
             return line;
         }
     }
@@ -31,6 +37,12 @@ static size_t DeepLine(const std::string& text) {
 
 bool ReadTable(const std::string& file, toml::table& table, std::string& error) {
     std::string text;
+    std::error_code status;
+    const bool isRegular = std::filesystem::is_regular_file(file, status);
+    if (!isRegular || std::filesystem::file_size(file, status) > FILE_SIZE_MAX) {
+        error = file + ": " + (status ? status.message() : "is no regular file of a few kilobytes");
+        return false;
+    }
     if (!ReadWholeFile(file, text)) {
         error = file + ": " + strerror(errno);
         return false;
@@ -38,7 +50,7 @@ bool ReadTable(const std::string& file, toml::table& table, std::string& error) 
     const size_t deep = DeepLine(text);
     if (deep > 0) {
         error = file + ":" + std::to_string(deep) + ": more than " + std::to_string(DOTS_MAX) +
-                " dots or brackets in a line";
+                " dots in a key";
         return false;
     }
     toml::parse_result parsed = toml::parse(text);

@@ -222,6 +222,14 @@ protected:
         }
     }
 
+    static bool IsAdmitted(const std::string& slots, const std::string& revision) {
+        bool isAdmitted = slots == std::string(16, '\xFF');
+        for (size_t slot = 0; slot < slots.size(); slot += revision.size()) {
+            isAdmitted |= slots.compare(slot, revision.size(), revision) == 0;
+        }
+        return isAdmitted;
+    }
+
     // Whether what was sent is the whole body of an entry with the recorded revision for this very
     // device. Told from the bytes alone.
     bool IsFor(const Case& made, const Device& device, const Shown& shown) const {
@@ -230,10 +238,11 @@ protected:
         }
         const std::string magic = made.isUfs ? "UFSM" : "EMMC";
         const size_t header = made.isUfs ? 64 : 48;
+        size_t end = 0; // of the entry that was looked at last: what begins inside it is its image
         for (size_t p = made.package.find(magic); p != std::string::npos;
              p = made.package.find(magic, p + 1)) {
             const std::string entry = made.package.substr(p, header);
-            if (entry.size() < header) {
+            if (entry.size() < header || p < end) {
                 continue;
             }
             const auto at = [&](Place place) { return entry.substr(place.offset, place.size); };
@@ -245,6 +254,7 @@ protected:
             for (const char byte : size) {
                 length = length << 8 | static_cast<uint8_t>(byte);
             }
+            end = p + header + (p + header + length <= made.package.size() ? length : 0);
             std::string name = own(UFS_PNM_FIELD);
             const std::string revision = own(UFS_REV_FIELD);
             if (name.substr(0, 15) == "KLUEG8U1EM-B0B1" &&
@@ -254,13 +264,18 @@ protected:
             const auto trimmed = [](std::string text) {
                 return text.substr(0, text.find_last_not_of(std::string(" \r\n\0", 4)) + 1);
             };
+            const bool isRenamed = name == "KLUEG8U1EM-REWK";
             const bool isNamed = made.isUfs ? at(UFS_MID_FIELD) == own(UFS_MID_FIELD) &&
-                                                  trimmed(at(UFS_PNM_FIELD)) == trimmed(name)
+                                                  (isRenamed ? trimmed(at(UFS_PNM_FIELD)) == name
+                                                             : at(UFS_PNM_FIELD) == name)
                                             : at(EMMC_MID_FIELD) == own(EMMC_MID_FIELD) &&
                                                   at(EMMC_PNM_FIELD) == own(EMMC_PNM_FIELD) &&
                                                   at(EMMC_REV_FIELD) == own(EMMC_REV_FIELD);
             const std::string carried = at(made.isUfs ? UFS_REV_FIELD : EMMC_FW_REV_FIELD).c_str();
-            if (isNamed && carried == shown.recorded && length <= shown.sent.size() &&
+            if (isNamed &&
+                IsAdmitted(at(made.isUfs ? UFS_BASE_FIELD : EMMC_BASE_FIELD),
+                           own(made.isUfs ? UFS_REV_FIELD : EMMC_FW_REV_FIELD)) &&
+                carried == shown.recorded && length <= shown.sent.size() &&
                 shown.sent.size() - length < 512 &&
                 made.package.compare(p + header, length, shown.sent, 0, length) == 0) {
                 return true;

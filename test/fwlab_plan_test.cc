@@ -86,7 +86,10 @@ TEST_F(FwlabTest, PlanKnowsAttemptsOnRecord) {
     Put("/pulled/C/fw_result", record("0800", "0850"));
     Put("/pulled/D/fw_result", record("0700", "0900")); // ran another revision
     Put("/pulled/E/fw_result", "damaged");
-    Expect(Fwlab("plan package --fleet fleet.toml --records pulled"), 0,
+    Expect(Fwlab("plan package --fleet fleet.toml --records pulled"), 1,
            "67  gets entry 1*1  gets entry 1*2  attempted: the last attempt was from*"
-           "Phones: 68 update 2 attempted\n");
+           "Phones: 68 update 2 attempted\nNote: 1 records are of no phone of the fleet.\n"
+           "FINDING: 1 phones have a record that no run can read back*NOT to be released");
+    fs::create_directory(directory + "/empty");
+    Expect(Fwlab("plan package --fleet fleet.toml --records empty"), 1, "no state directory");
 }

@@ -109,8 +109,8 @@ TEST_F(FwlabTest, PackRefuses) {
         {1, "product_name is empty", UfsManifest({"product_name = ''"})},
         {1, "8 is eMMC 5.1", EmmcManifest({"ext_csd_rev = 51"})},
         {1, "older than eMMC 5.0", EmmcManifest({"ext_csd_rev = 6"})},
-        {1, "begins like an eMMC package", UfsManifest(), EmmcEntry()},
-        {1, "begins like an UFS package", UfsManifest(), UfsEntry()},
+        {1, "begins with an entry of the eMMC kind", UfsManifest(), EmmcEntry()},
+        {1, "begins with an entry of the UFS kind", UfsManifest(), UfsEntry()},
         {1, "product_name has 5 bytes, not 6", EmmcManifest({"product_name = 'SIM06'"})},
         {1, "revision has 9 bytes, not at most 8", EmmcManifest({"revision = 'FW0000002'"})},
         {1, "has 17 bytes", UfsManifest({"product_name = 'SIMUFS128G-B0B1  '"})},
@@ -266,6 +266,15 @@ TEST_F(FwlabTest, MatchTellsBothDecisions) {
          NormalPhone(), strangeOther + EmmcEntry()},
         {1, "WRONG IMAGE: the pre-check sees entry 2 at 0x44, the update takes entry 1 at 0x0",
          UfsPhone(), With(ufs, UFS_PNM_FIELD, "SIMUFS128G\n") + ufs}, // of one revision
+        {1, "WRONG IMAGE: the pre-check sees entry 2 at 0x44, the update takes entry 1 at 0x0",
+         UfsPhone(), With(ufs, UFS_PNM_FIELD, "SIMUFS128G-B0B1") + ufs}, // but for a blank
+        {1, "WRONG IMAGE: the pre-check sees entry 1 at 0x0, the update takes entry 2 at 0x44",
+         UfsPhone(), // which does not admit the revision that runs
+         With(ufs, UFS_MID_FIELD, "0x0001ad") + With(ufs, UFS_BASE_FIELD, "0700070007000700")},
+        {0, "An update to \"0900\": 4 bytes of entry 2", UfsPhone(),
+         With(ufs, UFS_MID_FIELD, "0x0001ad") + ufs},
+        {1, "WRONG IMAGE: entry 2 at 0x46 lies inside the image of entry 1", UfsPhone(),
+         With(UfsEntry("0900", "xxxxxx" + ufs), UFS_PNM_FIELD, "OTHER")},
         {1, "Used up: the device is older than eMMC 5.0", GkiPhone({{"ext_csd_rev", "6"}}),
          With(EmmcEntry(), EMMC_REV_FIELD, "\6")},
         {0,
@@ -368,6 +377,7 @@ TEST_F(FwlabTest, WrongUsageEndsWithTwo) {
     }
     Expect(Fwlab("rehears"), 2, "\"rehears\" is no command; the nearest is rehearse");
     Expect(Fwlab("list 'a\x1b' --json"), 2, R"({"error":"a\\x1b: No such file*","status":2})");
+    Expect(Fwlab("list '\xff' --json"), 2, R"({"error":"\\xff: No such file*","status":2})");
     Expect(Fwlab("list package '\x1b'"), 2, "not expected: \\x1b");
     Expect(Fwlab("list package >/dev/full"), 2);
     Expect(Fwlab("--version"), 0, "fwlab 1.");

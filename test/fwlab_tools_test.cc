@@ -458,7 +458,8 @@ TEST_F(FwlabTest, CaptureRefusesWhatIsNoPhone) {
     Expect(Fwlab("capture pulled -o phone.toml --firmware-revision 0900"), 2, "no regular file");
     fs::remove(directory + "/pulled/rev");
     Put("/pulled/rev", "0800\n");
-    Expect(Fwlab("capture pulled -o pulled/rev --firmware-revision 0900"), 2, "would be made from");
+    Expect(Fwlab("capture pulled -o pulled/rev --firmware-revision 0900"), 2,
+           "is read by this command, too");
     EXPECT_EQ(Get("/pulled/rev"), "0800\n");
     Expect(Fwlab("capture gone -o phone.toml --firmware-revision 0900"), 2, "gone: ");
 }
