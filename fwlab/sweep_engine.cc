@@ -245,7 +245,7 @@ SweepRun Run(Worker& worker, SweepRun::Kind kind, size_t scenario, const SweepJo
              const std::string& fault) {
     const Plan& plan = worker.plan;
     RunOptions options;
-    options.libsimphone = plan.options.library;
+    options.libsimphone = plan.options.phoneLibrary;
     if (!fault.empty()) {
         options.faults = {fault};
     }

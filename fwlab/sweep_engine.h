@@ -51,12 +51,12 @@ struct SweepRun {
 using SweepCheck = std::function<Texts(const SweepRun& run)>;
 
 struct SweepOptions {
-    std::string tool, library;   // library empty: beside the tool
-    unsigned processes = 0;      // 0: one for each processor
-    bool skipsRepeats = false;   // runs that would hardly differ from others, see the source
-    bool cutsEverywhere = false; // also at calls that change nothing
-    size_t everyNth = 1;         // only each Nth job
-    bool stopsAtFirst = false;   // violation
+    std::string tool, phoneLibrary; // the latter empty: beside the tool
+    unsigned processes = 0;         // 0: one for each processor
+    bool skipsRepeats = false;      // runs that would hardly differ from others, see the source
+    bool cutsEverywhere = false;    // also at calls that change nothing
+    size_t everyNth = 1;            // only each Nth job
+    bool stopsAtFirst = false;      // violation
     bool keepsTimeLines = false;
     SweepCheck check = {};
     std::function<void(size_t done, size_t all)> progress = {}; // of the jobs

@@ -21,7 +21,8 @@ h1 { font-size: 1.5em; } h2 { font-size: 1.2em; margin-top: 2.2em; border-top: 1
      padding-top: .8em; } h3 { font-size: 1em; margin: 1.4em 0 .4em; }
 code, pre, .course, td:first-child { font-family: ui-monospace, monospace; font-size: 12px; }
 .f0 { background: #b7e1c0; } .f1 { background: #bcd7f2; } .f2 { background: #e3e6e9; }
-.f3 { background: #f6d58b; } .f4 { background: #ef8a80; } .f5 { background: #c9a6e4; } .wrong { outline: 2px solid #a1007a; }
+.f3 { background: #f6d58b; } .f4 { background: #ef8a80; } .f5 { background: #c9a6e4; }
+.wrong { outline: 2px solid #a1007a; }
 .key span, a.run { padding: 0 .35em; border-radius: 3px; color: inherit; white-space: nowrap; }
 .key span { margin-right: .8em; }
 a.run { text-decoration: none; display: inline-block; margin: 1px 0 1px 3px; }

@@ -250,7 +250,7 @@ static std::string Library(const std::string& tool, const std::string& given) {
 
 // What a run starts: the tool on a phone, with the library of the phone in it.
 struct Start {
-    std::string directory, faults, library, tool;
+    std::string directory, faults, phoneLibrary, tool;
     const RunOptions* options;
 };
 
@@ -269,7 +269,7 @@ static void SetVariable(const Start& start, std::vector<std::string>& words,
 // blank or a colon. It stands high, so that the tool meets the numbers that it would meet on a
 // phone.
 [[noreturn]] static void Become(const Start& start, bool onlyLoad) {
-    const int library = open(start.library.c_str(), O_RDONLY | O_CLOEXEC);
+    const int library = open(start.phoneLibrary.c_str(), O_RDONLY | O_CLOEXEC);
     const int high = fcntl(library, F_DUPFD, 800);
     const int inherited = high < 0 ? dup(library) : high;
     std::vector<std::string> words = start.options->launcher;
@@ -333,7 +333,7 @@ static bool IsLoadedByGlibc(const std::string& tool) {
 // not go through the library would work on this machine in place of the phone.
 static bool IsLibraryLoaded(const Start& start, std::string& error) {
     static std::set<std::string> known; // what has been asked already
-    const std::string what = start.tool + "\n" + start.library;
+    const std::string what = start.tool + "\n" + start.phoneLibrary;
     if (known.count(what)) {
         return true;
     }
@@ -364,7 +364,7 @@ static bool IsLibraryLoaded(const Start& start, std::string& error) {
         known.insert(what);
         error.clear();
     } else {
-        error = start.tool + ": does not load " + start.library + ": " + Escaped(loaded);
+        error = start.tool + ": does not load " + start.phoneLibrary + ": " + Escaped(loaded);
     }
     return isLoaded;
 }

@@ -250,7 +250,7 @@ TEST_F(SweepTest, EachCallFailsAndThePowerAtEachCall) {
     }
     SweepOptions options;
     options.tool = FFU_PATH;
-    options.library = SIMPHONE_LIBRARY;
+    options.phoneLibrary = SIMPHONE_LIBRARY;
     options.skipsRepeats = !everyPlace;
     options.cutsEverywhere = everyPlace;
     options.everyNth = everyNth;
