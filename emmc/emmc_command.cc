@@ -3,7 +3,7 @@
 // the device keeps its firmware; after a failed install it holds a firmware that it does not run.
 #include "emmc/emmc_command.h"
 
-#include "emmc/emmc_register.h"
+#include "emmc/emmc_device.h"
 #include "run/log/ffu_print.h"
 
 #include <cerrno>
@@ -32,7 +32,7 @@ constexpr char DO_EMMC50_FFU[] = "DoEmmc50Ffu";
         return -1;
     }
     mmc_ioc_cmd request;
-    if (MakeMmcRequest(request, 1, FFU_DOWNLOAD, DownloadBlocks(fwBodySize), fwBody) != 0) {
+    if (MakeMmcRequest(1, FFU_DOWNLOAD, DownloadBlocks(fwBodySize), fwBody, request) != 0) {
         ffu_print("%s,line=%d: TOLMA: SFAE FUNCTION ERROR\n", __func__, 320);
         return -1;
     }
@@ -45,7 +45,7 @@ constexpr char DO_EMMC50_FFU[] = "DoEmmc50Ffu";
 
 [[nodiscard]] int Ffu50Install(int fd) {
     mmc_ioc_cmd request;
-    if (MakeMmcRequest(request, 0, FFU_INSTALL, 0, nullptr) != 0) {
+    if (MakeMmcRequest(0, FFU_INSTALL, 0, nullptr, request) != 0) {
         ffu_print("%s,line=%d: TOLMA: SFAE FUNCTION ERROR\n", __func__, 342);
         return -1;
     }

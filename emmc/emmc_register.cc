@@ -2,6 +2,7 @@
 // current revision, the eMMC update for the device record. Changes nothing, whatever fails.
 #include "emmc/emmc_register.h"
 
+#include "emmc/emmc_device.h"
 #include "platform/bounded.h"
 #include "run/log/ffu_print.h"
 
@@ -17,9 +18,6 @@ namespace {
 constexpr char EMMC_CID_NODE[] = "/sys/class/mmc_host/mmc0/mmc0:0001/cid";
 constexpr char EMMC_EXT_CSD_NODE[] = "/proc/bootdevice/ext_csd";
 constexpr unsigned SEND_EXT_CSD = 8; // CMD8
-// MMC_RSP_SPI_R1 | MMC_RSP_R1 | MMC_CMD_ADTC of the kernel's linux/mmc/core.h, for which user space
-// has no header.
-constexpr unsigned MMC_R1_DATA_FLAGS = 0xB5;
 
 constexpr int CID_HEX_SIZE = 2 * CID_SIZE;
 constexpr int EXT_CSD_HEX_SIZE = 2 * EXT_CSD_SIZE;
@@ -103,7 +101,7 @@ void PrintCid(const char* cidHex) {
 // Sends one command that reads a single block of MMC_BLOCK_SIZE bytes into data.
 [[nodiscard]] int EmmcCmd(int fd, unsigned opcode, uint8_t* data) {
     mmc_ioc_cmd request;
-    if (MakeMmcRequest(request, 0, opcode, 1, data) != 0) {
+    if (MakeMmcRequest(0, opcode, 1, data, request) != 0) {
         ffu_print("%s,line=%d: %s memset_s fail\n", __func__, 102, __func__);
         return -1;
     }
@@ -134,25 +132,6 @@ void PrintCid(const char* cidHex) {
 }
 
 } // namespace
-
-bool IsGkiMode() {
-    return access(EMMC_FFU_NODE, W_OK) == 0;
-}
-
-int MakeMmcRequest(mmc_ioc_cmd& request, int writeFlag, uint32_t opcode, uint32_t blocks,
-                   const uint8_t* data) {
-    const int status = memset_s(&request, sizeof(request), 0, sizeof(request));
-    if (status != 0) {
-        return status;
-    }
-    request.write_flag = writeFlag;
-    request.opcode = opcode;
-    request.flags = MMC_R1_DATA_FLAGS;
-    request.blksz = MMC_BLOCK_SIZE;
-    request.blocks = blocks;
-    mmc_ioc_cmd_set_data(request, data);
-    return 0;
-}
 
 int EmmcGetCidFromSysfs(uint8_t* cid) {
     if (cid == nullptr) {

@@ -3,6 +3,7 @@
 #include "emmc/emmc_update.h"
 
 #include "emmc/emmc_command.h"
+#include "emmc/emmc_device.h"
 #include "emmc/emmc_print.h"
 #include "emmc/emmc_register.h"
 #include "platform/bounded.h"

@@ -1,6 +1,7 @@
 // Runs the unmodified tool on a simulated phone with a package and judges what came of it. All that
 // happens lies in the phone's directory, which is removed unless it is to be kept.
 #include "emmc/emmc_command.h"
+#include "emmc/emmc_device.h"
 #include "emmc/emmc_register.h"
 #include "fwlab/commands.h"
 #include "fwlab/json.h"

@@ -2,10 +2,11 @@
 // it behind its begin flag, which stays when a device or its values are not found. It only reads.
 #include "run/device_info.h"
 
+#include "emmc/emmc_device.h"
 #include "emmc/emmc_register.h"
+#include "platform/bootdevice.h"
 #include "platform/bounded.h"
 #include "run/log/system_log.h"
-#include "ufs/ufs_identity.h"
 #include "ufs/ufs_write_buffer.h"
 
 #include <cerrno>
@@ -51,7 +52,7 @@ namespace {
 }
 
 [[nodiscard]] int GetCurrentRevUfs(DeviceInfo& device) {
-    const int fd = open(UFS_REV_NODE, O_RDONLY);
+    const int fd = open(REV_NODE, O_RDONLY);
     if (fd < 0) {
         SYSTEM_LOG("FFU process %s: Open UFS product rev node fail! %s\n", __func__,
                    strerror(errno));

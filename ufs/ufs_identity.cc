@@ -3,6 +3,7 @@
 // use it.
 #include "ufs/ufs_identity.h"
 
+#include "platform/bootdevice.h"
 #include "platform/bounded.h"
 #include "run/log/ffu_print.h"
 
@@ -59,7 +60,7 @@ int GetUfsLocalDevInfo(UfsFwHeader& device) {
         ffu_print("%s,line=%d: read product name error!\n", __func__, 192);
         return -1;
     }
-    if (ReadUfsInfo(UFS_REV_NODE, sizeof(device.ufsProductRevisionLevel), "UFS_PRODUCT_REV_PATH",
+    if (ReadUfsInfo(REV_NODE, sizeof(device.ufsProductRevisionLevel), "UFS_PRODUCT_REV_PATH",
                     device.ufsProductRevisionLevel) != 0) {
         ffu_print("%s,line=%d: read_ufs_info read error!\n", __func__, 199);
         return -1;

@@ -3,9 +3,6 @@
 
 #include "fwpkg/firmware_package.h"
 
-constexpr char PNM_NODE[] = "/proc/bootdevice/product_name"; // of an eMMC device, too
-constexpr char UFS_REV_NODE[] = "/proc/bootdevice/rev";
-
 // Fills device, which the caller has zeroed, from the kernel's /proc/bootdevice nodes and prints it
 // to the console log. Returns 0, or -1 when a node cannot be opened or read; device is partly
 // filled then and must not be used.
