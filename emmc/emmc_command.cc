@@ -23,7 +23,7 @@ constexpr unsigned FFU_INSTALL = 303;
 
 constexpr int GKI_WRITE_RETRIES = 3;
 
-// The public routine, for the messages of the steps that do its work.
+// The routine for which steps of its work speak in messages.
 constexpr char DO_EMMC50_FFU[] = "DoEmmc50Ffu";
 
 [[nodiscard]] int Ffu50DownloadImage(int fd, const uint8_t* fwBody, uint32_t fwBodySize) {

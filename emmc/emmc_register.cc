@@ -22,9 +22,9 @@ constexpr unsigned SEND_EXT_CSD = 8; // CMD8
 constexpr int CID_HEX_SIZE = 2 * CID_SIZE;
 constexpr int EXT_CSD_HEX_SIZE = 2 * EXT_CSD_SIZE;
 
-// The public routines, for the messages of the steps that do their work.
-constexpr char GET_CID[] = "EmmcGetCidFromSysfs";
-constexpr char GET_EXT_CSD[] = "EmmcGetExtCsd";
+// The routines for which steps of their work speak in messages.
+constexpr char EMMC_GET_CID_FROM_SYSFS[] = "EmmcGetCidFromSysfs";
+constexpr char EMMC_GET_EXT_CSD[] = "EmmcGetExtCsd";
 
 // The position of the first character that is no hexadecimal digit; size when there is none. A
 // garbled register must not pass for an identity.
@@ -46,15 +46,15 @@ void PrintCid(const char* cidHex) {
 [[nodiscard]] int ReadCidHex(char* cidHex) {
     const int fd = open(EMMC_CID_NODE, O_RDONLY | O_LARGEFILE);
     if (fd < 0) {
-        ffu_print("%s,line=%d: Couldn't open %s fd = %d O_RDONLY  | O_LARGEFILE\n", GET_CID, 171,
-                  EMMC_CID_NODE, fd);
+        ffu_print("%s,line=%d: Couldn't open %s fd = %d O_RDONLY  | O_LARGEFILE\n",
+                  EMMC_GET_CID_FROM_SYSFS, 171, EMMC_CID_NODE, fd);
         return -1;
     }
     const auto count = static_cast<int>(read(fd, cidHex, CID_HEX_SIZE));
     close(fd);
     if (count != CID_HEX_SIZE) {
-        ffu_print("%s,line=%d: Error cid buffRead = %d less than total_read = %d\n", GET_CID, 176,
-                  count, CID_HEX_SIZE);
+        ffu_print("%s,line=%d: Error cid buffRead = %d less than total_read = %d\n",
+                  EMMC_GET_CID_FROM_SYSFS, 176, count, CID_HEX_SIZE);
         return -1;
     }
     return 0;
@@ -64,21 +64,21 @@ void PrintCid(const char* cidHex) {
     char hex[EXT_CSD_HEX_SIZE] = {};
     const auto count = static_cast<int>(read(fd, hex, sizeof(hex)));
     if (count != EXT_CSD_HEX_SIZE) {
-        ffu_print("%s,line=%d: %s: get proc/bootdevice/rev %d\n", GET_EXT_CSD, 263, GET_EXT_CSD,
-                  count);
+        ffu_print("%s,line=%d: %s: get proc/bootdevice/rev %d\n", EMMC_GET_EXT_CSD, 263,
+                  EMMC_GET_EXT_CSD, count);
         return -1;
     }
     const int bad = FindNonHexDigit(hex, EXT_CSD_HEX_SIZE);
     if (bad != EXT_CSD_HEX_SIZE) {
-        ffu_print("%s,line=%d: ext_csd character %d is no hexadecimal digit\n", GET_EXT_CSD, 267,
-                  bad);
+        ffu_print("%s,line=%d: ext_csd character %d is no hexadecimal digit\n", EMMC_GET_EXT_CSD,
+                  267, bad);
         return -1;
     }
     for (int i = 0; i < EXT_CSD_SIZE; i++) {
         char digits[3] = {};
         const int status = memcpy_s(digits, 2, &hex[2 * i], 2);
         if (status != 0) {
-            ffu_print("%s,line=%d: memcpy_s error %s\n", GET_EXT_CSD, 272, GET_EXT_CSD);
+            ffu_print("%s,line=%d: memcpy_s error %s\n", EMMC_GET_EXT_CSD, 272, EMMC_GET_EXT_CSD);
             return status;
         }
         extCsd[i] = static_cast<uint8_t>(strtol(digits, nullptr, 16));
@@ -87,10 +87,10 @@ void PrintCid(const char* cidHex) {
 }
 
 [[nodiscard]] int GetExtCsdFromNode(uint8_t* extCsd) {
-    ffu_print("%s,line=%d: %s, emmc firmware GKI mode \n", GET_EXT_CSD, 255, GET_EXT_CSD);
+    ffu_print("%s,line=%d: %s, emmc firmware GKI mode \n", EMMC_GET_EXT_CSD, 255, EMMC_GET_EXT_CSD);
     const int fd = open(EMMC_EXT_CSD_NODE, O_RDONLY);
     if (fd < 0) {
-        ffu_print("%s,line=%d: Could not open %s\n", GET_EXT_CSD, 258, EMMC_EXT_CSD_NODE);
+        ffu_print("%s,line=%d: Could not open %s\n", EMMC_GET_EXT_CSD, 258, EMMC_EXT_CSD_NODE);
         return -1;
     }
     const int status = ReadExtCsdHex(fd, extCsd);
@@ -114,16 +114,17 @@ void PrintCid(const char* cidHex) {
 }
 
 [[nodiscard]] int GetExtCsdFromDevice(uint8_t* extCsd) {
-    ffu_print("%s,line=%d: %s, emmc firmware normal mode \n", GET_EXT_CSD, 241, GET_EXT_CSD);
+    ffu_print("%s,line=%d: %s, emmc firmware normal mode \n", EMMC_GET_EXT_CSD, 241,
+              EMMC_GET_EXT_CSD);
     char path[PATH_MAX] = {};
     if (realpath(EMMC_BLOCK_NODE, path) == nullptr) {
-        ffu_print("%s,line=%d: %s: get realpath %s fail\n", GET_EXT_CSD, 243, GET_EXT_CSD,
+        ffu_print("%s,line=%d: %s: get realpath %s fail\n", EMMC_GET_EXT_CSD, 243, EMMC_GET_EXT_CSD,
                   EMMC_BLOCK_NODE);
         return -1;
     }
     const int fd = open(path, O_RDWR);
     if (fd < 0) {
-        ffu_print("%s,line=%d: Could not open %s\n", GET_EXT_CSD, 249, path);
+        ffu_print("%s,line=%d: Could not open %s\n", EMMC_GET_EXT_CSD, 249, path);
         return -1;
     }
     const int status = EmmcCmd(fd, SEND_EXT_CSD, extCsd);

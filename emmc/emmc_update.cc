@@ -17,6 +17,10 @@
 
 namespace {
 
+// The routines for which steps of their work speak in messages.
+constexpr char EMMC_FFU[] = "EmmcFfu";
+constexpr char EMMC_FW_READ[] = "EmmcFwRead";
+
 // Returns the package's size in bytes, above 0; -1 on failure, a package of 2 GiB or more included.
 [[nodiscard]] int32_t EmmcFwGetSize(const char* path) {
     const int fd = open(path, O_RDONLY);
@@ -36,7 +40,6 @@ namespace {
 }
 
 [[nodiscard]] int ReadFromStart(int fd, uint8_t* buffer, int32_t size) {
-    constexpr char EMMC_FW_READ[] = "EmmcFwRead";
     if (lseek(fd, 0, SEEK_SET) < 0) {
         ffu_print("%s,line=%d: %s lseek failed\n", EMMC_FW_READ, 110, EMMC_FW_READ);
         return -1;
@@ -99,7 +102,6 @@ namespace {
 // Selects the device's entry from the package and downloads it.
 [[nodiscard]] int UpdateFromPackage(EmmcFwHeader& fwHeader, const uint8_t* fwFileBuffer,
                                     int32_t size, int downloadOnly) {
-    constexpr char EMMC_FFU[] = "EmmcFfu";
     if (GetEmmcHeader(fwHeader) != 0) {
         ffu_print("%s,line=%d: get emmc device header fail...\n", EMMC_FFU, 263);
         return -1;

@@ -16,6 +16,9 @@
 
 namespace {
 
+// The routine for which a step of its work speaks in messages.
+constexpr char PARSE_FW_BIN[] = "ParseFwBin";
+
 // step names the routine that found the entry.
 [[nodiscard]] int CopyRevs(const char* step, const uint8_t* rev, size_t revSize,
                            const uint8_t* baseRevs, PackageRevs& revs) {
@@ -70,7 +73,6 @@ namespace {
 
 // Maps the package that fd is open on. For ParseFwBin, whose name its messages carry.
 [[nodiscard]] int ParseOpenFwBin(int fd, const DeviceInfo& device, PackageRevs& revs) {
-    constexpr char PARSE_FW_BIN[] = "ParseFwBin";
     struct stat status = {};
     if (fstat(fd, &status) != 0) {
         SYSTEM_LOG("FFU process %s: fstat fw file failed. %s\n", PARSE_FW_BIN, strerror(errno));

@@ -237,8 +237,9 @@ std::string Companion(const std::string& name) {
 
 static std::string Library(const std::string& tool, const std::string& given) {
     std::error_code status;
-    for (const fs::path& place : {fs::path(given), fs::path(tool).parent_path() / "libsimphone.so",
-                                  fs::path(Companion("libsimphone.so"))}) {
+    const std::vector<fs::path> own = {fs::path(tool).parent_path() / "libsimphone.so",
+                                       Companion("libsimphone.so")};
+    for (const fs::path& place : given.empty() ? own : std::vector<fs::path>{given}) {
         std::string content; // only a library that is ours stands between a tool and this machine
         if (fs::is_regular_file(place, status) && ReadWholeFile(place, content) &&
             content.find("simphone_attach") != std::string::npos) {
@@ -420,7 +421,9 @@ RunResult RunTool(const std::string& directory, const std::string& tool,
     const std::string library = Library(tool, options.libsimphone);
     if (library.empty() || access(tool.c_str(), X_OK) != 0) {
         result.error = access(tool.c_str(), X_OK) != 0 ? tool + ": " + strerror(errno)
-                                                       : "libsimphone.so: not found beside " + tool;
+                       : options.libsimphone.empty()
+                           ? "libsimphone.so: not found beside " + tool
+                           : options.libsimphone + ": is not the phone's library";
         return result;
     }
     const Start start = {directory, faults, library, fs::absolute(tool), &options};

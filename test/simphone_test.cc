@@ -154,6 +154,7 @@ TEST_F(SimphoneTest, ToolNeverRunsWithoutItsPhone) {
     EXPECT_EQ(Get("/tool.ran"), MISSING);
     Put("/damaged.so", "simphone_attach");
     EXPECT_NE(RunTool(directory, FFU_PATH, {{}, launcher, Path("/damaged.so")}).error, "");
+    EXPECT_NE(RunTool(directory, FFU_PATH, {{}, launcher, tool}).error, "");
     std::string error;
     EXPECT_FALSE(MakePhone(Path("/phone.toml"), directory, error)); // one is there
 }

@@ -13,6 +13,9 @@
 
 namespace {
 
+// The routine for which a step of its work speaks in messages.
+constexpr char PRINT_CHAR[] = "PrintChar";
+
 constexpr char UFS_MID_NODE[] = "/proc/bootdevice/manfid";
 
 // The model that was reworked, and the name under which packages carry the firmware for it. The
@@ -46,7 +49,7 @@ void PrintChars(const uint8_t* field, size_t size) {
     for (size_t i = 0; i < size; i++) {
         PrintChar(field[i]);
     }
-    ffu_print("%s,line=%d: \n", "PrintChar", 67);
+    ffu_print("%s,line=%d: \n", PRINT_CHAR, 67);
 }
 
 } // namespace

@@ -13,8 +13,8 @@
 
 namespace {
 
-// The routine that the selection speaks for in its messages.
-constexpr char GET_UFS_FW[] = "GetUfsFwFromFwBin";
+// The routine for which a step of its work speaks in messages.
+constexpr char GET_UFS_FW_FROM_FW_BIN[] = "GetUfsFwFromFwBin";
 
 bool IsBlank(uint8_t character) {
     return character == ' ' || character == '\r' || character == '\n' || character == '\0';
@@ -84,21 +84,23 @@ int SelectUfsFw(const UfsFwHeader& device, const uint8_t* package, int32_t size,
         const auto& entry = *reinterpret_cast<const UfsFwHeader*>(package + p);
         const uint32_t ufsCurrentFwSize = ReadBigEndian32(entry.ufsFwSize);
         fwNum++;
-        ffu_print("%s,line=%d: ufs fw find, fwNum=%d, fwSize=0x%x\n", GET_UFS_FW, 316, fwNum,
-                  ufsCurrentFwSize);
+        ffu_print("%s,line=%d: ufs fw find, fwNum=%d, fwSize=0x%x\n", GET_UFS_FW_FROM_FW_BIN, 316,
+                  fwNum, ufsCurrentFwSize);
         if (!UfsEntryMatches(device, entry) ||
             !BodyFits(packageSize, p, sizeof(entry), ufsCurrentFwSize)) {
-            ffu_print("%s,line=%d: firmware not match\n", GET_UFS_FW, 326);
+            ffu_print("%s,line=%d: firmware not match\n", GET_UFS_FW_FROM_FW_BIN, 326);
             continue;
         }
         const auto ufsCurrentFwOffset = static_cast<uint32_t>(p + sizeof(entry));
-        ffu_print("%s,line=%d: ufsCurrentFwOffset=0x%x\n", GET_UFS_FW, 320, ufsCurrentFwOffset);
-        ffu_print("%s,line=%d: ufsCurrentFwSize=0x%x\n", GET_UFS_FW, 321, ufsCurrentFwSize);
-        ffu_print("%s,line=%d: firmware file match\n", GET_UFS_FW, 322);
+        ffu_print("%s,line=%d: ufsCurrentFwOffset=0x%x\n", GET_UFS_FW_FROM_FW_BIN, 320,
+                  ufsCurrentFwOffset);
+        ffu_print("%s,line=%d: ufsCurrentFwSize=0x%x\n", GET_UFS_FW_FROM_FW_BIN, 321,
+                  ufsCurrentFwSize);
+        ffu_print("%s,line=%d: firmware file match\n", GET_UFS_FW_FROM_FW_BIN, 322);
         selection = {ufsCurrentFwOffset, ufsCurrentFwSize, FwVerCheck(device, entry)};
         return 0;
     }
-    ffu_print("%s,line=%d: firmware not match\n", GET_UFS_FW, 331);
+    ffu_print("%s,line=%d: firmware not match\n", GET_UFS_FW_FROM_FW_BIN, 331);
     return -1;
 }
 
@@ -108,7 +110,7 @@ int GetUfsFwFromFwBin(const UfsFwHeader& device, const uint8_t* package, int32_t
     if (SelectUfsFw(device, package, size, selection) != 0) {
         return -1;
     }
-    ffu_print("%s,line=%d: Save fw body to file ...\n", GET_UFS_FW, 335);
+    ffu_print("%s,line=%d: Save fw body to file ...\n", GET_UFS_FW_FROM_FW_BIN, 335);
     if (SaveFwBodyToFile(package, selection.ufsCurrentFwOffset, selection.ufsCurrentFwSize,
                          useDataDir) != 0) {
         return -1;

@@ -39,29 +39,29 @@ constexpr int STATUS_NO_MEMORY = 1;
 constexpr int RESPONSE_FAILED = -1;
 constexpr int RESPONSE_CATEGORY = -2;
 
-// The routine that the steps of a download speak for in their messages.
-constexpr char DOWNLOAD[] = "ufs_ffu_write_buffer";
+// The routine for which steps of its work speak in messages.
+constexpr char UFS_FFU_WRITE_BUFFER[] = "ufs_ffu_write_buffer";
 
 // Looks the manufacturer up and prints whose device it is. Returns the reset to ask for after a
 // failed download, as SG_SCSI_RESET numbers them, SG_SCSI_RESET_NOTHING for none.
 int LookUpManufacturer(const uint8_t* ufsMid) {
     const std::string_view mid(reinterpret_cast<const char*>(ufsMid), sizeof(UfsFwHeader::ufsMid));
     if (mid == "0x0001ad") {
-        ffu_print("%s,line=%d: device: H****\n", DOWNLOAD, 250);
+        ffu_print("%s,line=%d: device: H****\n", UFS_FFU_WRITE_BUFFER, 250);
     } else if (mid == "0x000198") {
-        ffu_print("%s,line=%d: device: T******\n", DOWNLOAD, 255);
+        ffu_print("%s,line=%d: device: T******\n", UFS_FFU_WRITE_BUFFER, 255);
     } else if (mid == "0x0001ce") {
-        ffu_print("%s,line=%d: device: S******\n", DOWNLOAD, 260);
+        ffu_print("%s,line=%d: device: S******\n", UFS_FFU_WRITE_BUFFER, 260);
         return SG_SCSI_RESET_HOST;
     } else if (mid == "0x00012c") {
-        ffu_print("%s,line=%d: device: M*****\n", DOWNLOAD, 266);
+        ffu_print("%s,line=%d: device: M*****\n", UFS_FFU_WRITE_BUFFER, 266);
     } else if (mid == "0x0008b6") {
-        ffu_print("%s,line=%d: device: KQ****\n", DOWNLOAD, 271);
+        ffu_print("%s,line=%d: device: KQ****\n", UFS_FFU_WRITE_BUFFER, 271);
     } else if (mid == "0x000145") {
-        ffu_print("%s,line=%d: device: SAN****\n", DOWNLOAD, 276);
+        ffu_print("%s,line=%d: device: SAN****\n", UFS_FFU_WRITE_BUFFER, 276);
     } else {
         ffu_print("%s,line=%d: UFS_FFU_WRITE_BUFFER_FIX_ARGUMENT MID_UNKNOWN, use default !\n",
-                  DOWNLOAD, 281);
+                  UFS_FFU_WRITE_BUFFER, 281);
     }
     return SG_SCSI_RESET_NOTHING;
 }
@@ -89,10 +89,10 @@ int LookUpManufacturer(const uint8_t* ufsMid) {
         return -1;
     }
     if (got < static_cast<int>(TRANSFER_SIZE)) {
-        ffu_print("%s,line=%d: tried to read %d bytes from %s, got %d bytes\n", DOWNLOAD, 372,
-                  static_cast<int>(TRANSFER_SIZE), fileName, got);
-        ffu_print("%s,line=%d: will write %d bytes\n", DOWNLOAD, 373, got);
-        ffu_print("%s,line=%d: \n", DOWNLOAD, 378);
+        ffu_print("%s,line=%d: tried to read %d bytes from %s, got %d bytes\n",
+                  UFS_FFU_WRITE_BUFFER, 372, static_cast<int>(TRANSFER_SIZE), fileName, got);
+        ffu_print("%s,line=%d: will write %d bytes\n", UFS_FFU_WRITE_BUFFER, 373, got);
+        ffu_print("%s,line=%d: \n", UFS_FFU_WRITE_BUFFER, 378);
     }
     close(fd);
     length = got;
@@ -150,7 +150,7 @@ void scsi_reset(int deviceFd, int resetType) {
 void ReportFailure(int deviceFd, int status, int resetType) {
     char category[80] = {};
     (void)sg_get_category_sense_str(status, sizeof(category), category, VERBOSITY);
-    ffu_print("%s,line=%d: Write buffer failed: %s\n", DOWNLOAD, 424, category);
+    ffu_print("%s,line=%d: Write buffer failed: %s\n", UFS_FFU_WRITE_BUFFER, 424, category);
     if (resetType != SG_SCSI_RESET_NOTHING) {
         scsi_reset(deviceFd, resetType);
     }
@@ -161,7 +161,7 @@ void ReportFailure(int deviceFd, int status, int resetType) {
 [[nodiscard]] int Download(int deviceFd, const char* fileName, int resetType) {
     const HeapBuffer buffer(static_cast<uint8_t*>(memalign(TRANSFER_ALIGNMENT, TRANSFER_SIZE)));
     if (buffer == nullptr) {
-        ffu_print("%s,line=%d: sg_write_buffer: out of memory\n", DOWNLOAD, 320);
+        ffu_print("%s,line=%d: sg_write_buffer: out of memory\n", UFS_FFU_WRITE_BUFFER, 320);
         return STATUS_NO_MEMORY;
     }
     (void)memset_s(buffer.get(), TRANSFER_SIZE, 0xFF, TRANSFER_SIZE);
@@ -171,14 +171,14 @@ void ReportFailure(int deviceFd, int status, int resetType) {
     }
     ffu_print("%s,line=%d: sending single write buffer, mode=0x%x, mpsec=%d, id=%d, offset=%d, "
               "len=%d\n",
-              DOWNLOAD, 414, MODE_DOWNLOAD_DEFER_ACTIVATE, 0, 0, 0, length);
+              UFS_FFU_WRITE_BUFFER, 414, MODE_DOWNLOAD_DEFER_ACTIVATE, 0, 0, 0, length);
     const int status =
         sg_ll_write_buffer_v2(deviceFd, MODE_DOWNLOAD_DEFER_ACTIVATE, 0, 0, 0, buffer.get(), length,
                               WRITE_BUFFER_TIMEOUT, true, VERBOSITY);
     if (status != 0) {
         ReportFailure(deviceFd, status, resetType);
     }
-    ffu_print("%s,line=%d: UFS_FFU_WRITE_BUFFER_FIX_ARGUMENT done!\n", DOWNLOAD, 428);
+    ffu_print("%s,line=%d: UFS_FFU_WRITE_BUFFER_FIX_ARGUMENT done!\n", UFS_FFU_WRITE_BUFFER, 428);
     return status;
 }
 
