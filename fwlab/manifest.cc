@@ -55,7 +55,7 @@ std::string ReadImage(const std::string& path) {
 std::string TakeDigest(Keys keys) {
     std::string digest;
     const char wanted[] = "64 hexadecimal digits in lower case";
-    Take(keys, "image_sha256", kOptional, wanted, [&](const toml::node& node) {
+    Take(keys, "image_sha256", OPTIONAL, wanted, [&](const toml::node& node) {
         digest = node.value_exact<std::string>().value_or("");
         return digest.size() == 64 &&
                digest.find_first_not_of("0123456789abcdef") == std::string::npos;
@@ -69,14 +69,14 @@ ManifestEntry ReadEntry(Keys keys, const Layout& layout, const std::filesystem::
     const auto take = [&](const Field& field, Need need) {
         TakeField(keys, field, need, identity);
     };
-    take(layout.manufacturer, kRequired);
-    take(layout.name, kRequired);
+    take(layout.manufacturer, REQUIRED);
+    take(layout.name, REQUIRED);
     if (layout.extCsdRev.size > 0) {
-        take(layout.extCsdRev, kRequired);
+        take(layout.extCsdRev, REQUIRED);
     }
-    take(layout.revision, kRequired);
-    take(layout.baseRevs, kOptional);
-    take(layout.marketName, kOptional);
+    take(layout.revision, REQUIRED);
+    take(layout.baseRevs, OPTIONAL);
+    take(layout.marketName, OPTIONAL);
     const std::string imageFile = folder / TakeText(keys, "image");
     const std::string wanted = TakeDigest(keys);
     RefuseTheRest(keys);
@@ -208,7 +208,7 @@ std::vector<ManifestEntry> ReadManifest(const std::string& path) {
     Require(technology == "emmc" || technology == "ufs" || !error.empty(), 2,
             path + ": technology is not \"emmc\" or \"ufs\"");
     std::vector<ManifestEntry> entries;
-    Take({table, error}, "entry", kRequired, "[[entry]] tables", [&](toml::node& node) {
+    Take({table, error}, "entry", REQUIRED, "[[entry]] tables", [&](toml::node& node) {
         bool isRight = node.is_array_of_tables();
         for (size_t i = 0; isRight && i < node.as_array()->size(); i++) {
             try {
@@ -229,6 +229,6 @@ std::vector<ManifestEntry> ReadManifest(const std::string& path) {
 Description ReadPhone(const std::string& descriptionFile) {
     Description phone;
     std::string error;
-    Require(ReadDescription(descriptionFile, phone, error), 2, error);
+    Require(ReadDescription(descriptionFile, {}, phone, error), 2, error);
     return phone;
 }

@@ -11,7 +11,7 @@ namespace {
 
 std::vector<Running> TakeRunning(Keys keys, const Field& revision) {
     std::vector<Running> running;
-    Take(keys, "running", kRequired, "a list of tables such as { revision = \"0800\", phones = 9 }",
+    Take(keys, "running", REQUIRED, "a list of tables such as { revision = \"0800\", phones = 9 }",
          [&](toml::node& node) {
              bool isRight = node.is_array() && !node.as_array()->empty();
              for (size_t i = 0; isRight && i < node.as_array()->size(); i++) {
@@ -20,7 +20,7 @@ std::vector<Running> TakeRunning(Keys keys, const Field& revision) {
                  if (isRight) {
                      std::string bytes;
                      const Keys inner = {*table, keys.error};
-                     Take(inner, "revision", kRequired, "a text or a list of bytes",
+                     Take(inner, "revision", REQUIRED, "a text or a list of bytes",
                           [&](const toml::node& text) { return ReadBytes(text, revision, bytes); });
                      running.push_back({bytes, TakeNumber(inner, "phones", UINT32_MAX)});
                      RefuseTheRest(inner);
@@ -43,13 +43,13 @@ Device TakeDevice(Keys keys, const std::filesystem::path& folder) {
     }
     const Layout& layout = isUfs ? UFS : EMMC;
     Device device = {NewIdentity(layout), false, 0};
-    TakeField(keys, layout.manufacturer, kRequired, device.identity);
-    TakeField(keys, layout.name, kRequired, device.identity);
+    TakeField(keys, layout.manufacturer, REQUIRED, device.identity);
+    TakeField(keys, layout.name, REQUIRED, device.identity);
     if (isUfs) {
-        device.maxHwSectorsKb = TakeNumber(keys, "max_hw_sectors_kb", INT_MAX / 1024, kOptional);
+        device.maxHwSectorsKb = TakeNumber(keys, "max_hw_sectors_kb", INT_MAX / 1024, OPTIONAL);
         return device;
     }
-    TakeField(keys, layout.extCsdRev, kRequired, device.identity);
+    TakeField(keys, layout.extCsdRev, REQUIRED, device.identity);
     const std::string mode = TakeText(keys, "mode");
     device.gki = mode == "gki";
     if (keys.error.empty() && !device.gki && mode != "normal") {
@@ -65,7 +65,7 @@ std::vector<Model> ReadModels(const std::string& path) {
     std::string error;
     Require(ReadTable(path, table, error), 2, error);
     std::vector<Model> fleet;
-    Take({table, error}, "model", kRequired, "[[model]] tables", [&](toml::node& node) {
+    Take({table, error}, "model", REQUIRED, "[[model]] tables", [&](toml::node& node) {
         const bool isRight = node.is_array_of_tables();
         for (size_t i = 0; isRight && i < node.as_array()->size(); i++) {
             const std::string where = fmt::format("{}: model {}: ", path, i + 1);

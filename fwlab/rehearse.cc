@@ -12,6 +12,7 @@
 #include "run/state_flags.h"
 #include "simphone/files.h"
 #include "simphone/phone.h"
+#include "simphone/tool_run.h"
 
 #include <cstring>
 #include <filesystem>
@@ -140,7 +141,7 @@ int Rehearse(const RehearseOptions& options) {
 
     const WorkFolder folder;
     const std::string phone = options.keep.empty() ? folder.path + "/phone" : options.keep;
-    Require(MakePhone(options.phone, phone, error), 2, error);
+    Require(MakePhone(options.phone, {}, phone, error), 2, error);
     Require(PutPackage(options.package, phone, error), 2, error);
     Report report = {options, {{"runs", Json::array()}}};
     TellPhone(phone, report);

@@ -6,6 +6,8 @@
 #include "fwlab/package.h"
 #include "fwlab/work_folder.h"
 #include "simphone/description.h"
+#include "simphone/files.h"
+#include "simphone/phone.h"
 
 #include <algorithm>
 #include <atomic>
@@ -113,7 +115,7 @@ long Moved(const CallEntry& call) {
 
 // The ways in which a call can fail.
 Texts Failures(const CallEntry& call) {
-    const Texts never = {"free", "sleep", "__android_log_print"};
+    const Texts never = {"sleep", LOG_FUNCTION};
     const std::string half = "short=" + std::to_string(Moved(call) / 2);
     const bool moves = call.function == "read" || call.function == "write";
     const bool asks = call.function == "ioctl";
@@ -121,7 +123,7 @@ Texts Failures(const CallEntry& call) {
            : moves                         ? Texts{"EIO", "short=0", "short=1", half}
            : asks && call.path == UFS_NODE ? Texts{"EIO", "EINTR"}
            : asks                          ? Texts{"EIO", "EINTR", "returns=1"}
-                                           : Texts{"EIO"}; // or a null pointer
+                                           : Texts{"EIO"};
 }
 
 bool ChangesThePhone(const CallEntry& call) {
@@ -148,15 +150,12 @@ using Tried = std::set<std::string>;
 
 // Before a call that changes the phone, which is after the one before; after the last of them too.
 // In a write to a flag or the record also after each byte, unless one like it was torn before.
-Texts PowerCuts(const Plan& plan, const SweepScenario& scenario, const CallEntry& call, bool isLast,
-                Tried& tried) {
+Texts PowerCuts(const Plan& plan, const SweepScenario& scenario, const CallEntry& call,
+                bool isAfterLast, Tried& tried) {
     const SweepOptions& options = plan.options;
     Texts ways;
-    if (options.cutsEverywhere || ChangesThePhone(call)) {
+    if (options.cutsEverywhere || ChangesThePhone(call) || isAfterLast) {
         ways.emplace_back("end");
-    }
-    if (options.cutsEverywhere || isLast) {
-        ways.emplace_back("end-after");
     }
     const std::string kind = call.path + " " + call.result + (scenario.before.isThere ? "+" : "");
     const bool tears = call.function == "write" && call.path.rfind(STATE + "f", 0) == 0 &&
@@ -202,9 +201,9 @@ void AddJobs(const Plan& plan, size_t scenario, Tried& tried) {
                 plan.result.jobs.push_back({scenario, i, way, place + way, false});
             }
         }
-        const bool isLast = !changing.empty() && i == changing.back();
+        const bool isAfterLast = !changing.empty() && i == changing.back() + 1;
         for (const std::string& way :
-             PowerCuts(plan, plan.scenarios[scenario], call, isLast, tried)) {
+             PowerCuts(plan, plan.scenarios[scenario], call, isAfterLast, tried)) {
             plan.result.jobs.push_back({scenario, i, way, alone + way, true});
         }
     }
@@ -230,14 +229,12 @@ void Prepare(Worker& worker, size_t scenario) {
         fs::remove_all(phone);
         std::string error;
         const std::string description = fmt::format("{}/{}.toml", worker.plan.directory, scenario);
-        Require(MakePhone(description, phone, error), 2, error);
+        Require(MakePhone(description, {}, phone, error), 2, error);
         Require(PutPackage(worker.plan.scenarios[scenario].package, phone, error), 2, error);
         worker.prepared = scenario;
     }
     RemoveDeviceFiles(phone);
-    for (const char* file : {"/splash2/test_ffu_trigger.tmp", "/requests.log"}) {
-        fs::remove(phone + file);
-    }
+    fs::remove(phone + "/splash2/test_ffu_trigger.tmp");
     PutState(phone, worker.plan.scenarios[scenario].before);
 }
 
@@ -389,9 +386,10 @@ void CutAndRunNext(Worker& worker, Case about, const RunResult& like, size_t tur
 // `taken` is the image that the device has before the next run.
 Fate FateOf(const Plan& plan, const Case& about, const std::string& updates,
             const std::string& taken, const SweepRun& next) {
-    const bool isStuck = std::any_of(
-        next.run.systemLog.begin(), next.run.systemLog.end(), [](const SystemLogEntry& log) {
-            return Contains(log.text, "CheckResultFile: ParseResultFile error");
+    const bool isStuck =
+        std::any_of(next.run.calls.begin(), next.run.calls.end(), [](const CallEntry& call) {
+            return call.IsMessage() &&
+                   Contains(call.text, "CheckResultFile: ParseResultFile error");
         });
     const std::string old = RecordOf(plan.scenarios[about.scenario].before);
     const bool isAttempted =
@@ -645,8 +643,9 @@ void ReadFindings(const Plan& plan, size_t processes) {
         }
     }
     for (const Texts& line : Findings(plan, processes, 'V')) {
-        result.violations.push_back(
-            {std::stoul(line[1]), std::stoul(line[2]), line[3], Unescaped(line[4])});
+        SweepViolation wrong = {std::stoul(line[1]), std::stoul(line[2]), line[3], ""};
+        (void)Unescape(line[4], wrong.text); // as Violate has escaped it
+        result.violations.push_back(wrong);
     }
     auto& violations = result.violations; // from several processes, and after several runs
     const auto key = [](const SweepViolation& one) {
@@ -668,7 +667,7 @@ void PutDescription(const Plan& plan, size_t scenario) {
     Description phone;
     std::string error;
     std::string text;
-    Require(ReadDescription(file, phone, error), 2, error);
+    Require(ReadDescription(file, {}, phone, error), 2, error);
     Require(ReadWholeFile(file, text), 2, file + ": cannot be read");
     text = (phone.clockFixed ? "" : CLOCK) + text;
     Require(WriteWholeFile(copy, text.data(), text.size()), 2, copy + ": cannot be written");
@@ -698,10 +697,10 @@ void RunBases(const Plan& plan, size_t number) {
 
 std::string Updates(const RunResult& run, long last) {
     std::string letters;
-    for (const DeviceRequest& request : run.requests) {
-        const bool isCounted = last < 0 || request.number <= last;
-        if (isCounted && !Contains(request.text, "opcode=8 ")) { // a register is read
-            letters += Letter(request.text);
+    for (const CallEntry& call : run.calls) {
+        const bool isCounted = call.IsRequest() && (last < 0 || call.number <= last);
+        if (isCounted && !Contains(call.text, "opcode=8 ")) { // a register is read
+            letters += Letter(call.text);
         }
     }
     return letters;

@@ -3,8 +3,8 @@
 // Everything happens in a temporary directory that is removed, after an interruption too.
 #pragma once
 
-#include "simphone/phone.h"
 #include "simphone/power_loss.h"
+#include "simphone/tool_run.h"
 
 #include <functional>
 #include <string>
