@@ -10,25 +10,6 @@
 #include "run/step.h"
 #include "run/update_dispatch.h"
 
-namespace {
-
-// Attempts the update to the package's revision, once. Returns the verdict of the run.
-[[nodiscard]] int RecordAndUpdate(const DeviceInfo& device, const char* fwFileRev) {
-    int step = CheckResultFile(fwFileRev);
-    if (step != STEP_DONE) {
-        return step;
-    }
-    step = WriteResultFile(device.pnm, device.localFwRev, fwFileRev);
-    if (step != STEP_DONE) {
-        return step;
-    }
-    step = DoFfu(device.type);
-    UpdateResultFlag(step, fwFileRev);
-    return step;
-}
-
-} // namespace
-
 int UpdateRun() {
     if (CreateResultDir() != 0) {
         return -1;
@@ -44,7 +25,14 @@ int UpdateRun() {
     const int parsed = ParseFwBin(device, revs);
     int step = CheckFwBin(device, parsed, revs);
     if (step == STEP_DONE) {
-        step = RecordAndUpdate(device, revs.fwFileRev);
+        step = CheckResultFile(revs.fwFileRev);
+    }
+    if (step == STEP_DONE) {
+        step = WriteResultFile(device.pnm, device.localFwRev, revs.fwFileRev);
+    }
+    if (step == STEP_DONE) {
+        step = DoFfu(device.type);
+        UpdateResultFlag(step, revs.fwFileRev);
     }
     if (step == STEP_FAILED) {
         return 0;
