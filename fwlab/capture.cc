@@ -1,7 +1,7 @@
 // Describes a real phone by what was pulled of its nodes, so that it can be matched and rehearsed.
 #include "fwlab/commands.h"
+#include "fwlab/device.h"
 #include "fwlab/json.h"
-#include "fwlab/manifest.h"
 #include "fwlab/output.h"
 #include "fwlab/toml_text.h"
 #include "simphone/files.h"
@@ -202,16 +202,16 @@ int Capture(const CaptureOptions& options) {
                                     Line("revision", TomlBytes(next)));
     const Description phone = ReadPhone(options.output);
     if (options.asJson) {
-        const Json answer = {{"phone", Quoted(options.output, "")},
+        const Json answer = {{"phone", Escaped(options.output)},
                              {"technology", isUfs ? "ufs" : "emmc"},
                              {"mode", isUfs ? Json() : Json(phone.gki ? "gki" : "normal")},
                              {"product_name", Escaped(phone.productName)},
                              {"revision", Escaped(phone.revision)},
-                             {"record", record.empty() ? Json() : Json(Quoted(record, ""))}};
+                             {"record", record.empty() ? Json() : Json(Escaped(record))}};
         fmt::print("{}\n", answer.dump(2));
         return 0;
     }
-    fmt::print("{}: {} phone{}, {}, runs {}\n", Quoted(options.output, ""),
+    fmt::print("{}: {} phone{}, {}, runs {}\n", Escaped(options.output),
                isUfs ? "a UFS" : "an eMMC",
                isUfs       ? ""
                : phone.gki ? " in GKI mode"

@@ -2,7 +2,9 @@
 // Stop.
 #pragma once
 
-#include "fwlab/package.h"
+#include "fwlab/layout.h"
+#include "fwlab/stop.h"
+#include "fwlab/text.h"
 #include "simphone/description.h"
 
 #include <optional>

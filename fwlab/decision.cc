@@ -3,6 +3,7 @@
 #include "fwlab/decision.h"
 
 #include "fwlab/spans.h"
+#include "fwlab/text.h"
 
 #include "emmc/emmc_command.h"
 #include "emmc/emmc_update.h"
@@ -239,19 +240,6 @@ const char* NameOf(Verdict verdict) {
     const char* const names[] = {"update", "nothing-to-do", "refused",     "attempted",
                                  "stops",  "used-up",       "wrong-image", "stuck"};
     return names[static_cast<size_t>(verdict)];
-}
-
-Device DeviceOf(const Description& phone) {
-    Require(!phone.ufs || phone.revision.size() + 1 >= UFS_REV_SIZE, 1,
-            "the phone's revision is too short for a run");
-    const Layout& layout = phone.ufs ? UFS : EMMC;
-    const std::string mid(1, static_cast<char>(phone.cid[0]));
-    Identity identity = NewIdentity(layout);
-    Set(identity, layout.manufacturer, phone.ufs ? phone.manfid : mid);
-    Set(identity, layout.name, phone.productName);
-    Set(identity, layout.extCsdRev, std::string(1, static_cast<char>(phone.extCsdRev)));
-    Set(identity, layout.revision, phone.revision + (phone.ufs ? "\n" : ""));
-    return {identity, phone.gki, phone.maxHwSectorsKb};
 }
 
 std::optional<Texts> BaseRevisionsOf(const Identity& identity) {

@@ -248,7 +248,7 @@ Json Describe(const Side& side) {
                           {"size", span.size},
                           {"sha256", Sha256(package, span.offset, span.size)}});
     }
-    return {{"package", Quoted(package.path, "")},
+    return {{"package", Escaped(package.path)},
             {"size", package.size},
             {"sha256", Sha256(package, 0, package.size)},
             {"entries", side.entries.size()},

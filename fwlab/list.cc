@@ -2,6 +2,7 @@
 #include "fwlab/commands.h"
 #include "fwlab/json.h"
 #include "fwlab/spans.h"
+#include "simphone/files.h"
 
 #include <algorithm>
 #include <fmt/format.h>
@@ -28,7 +29,7 @@ Json Describe(const Package& package, const Entry& entry, const Entry* outer) {
 }
 
 Json Describe(const Package& package) {
-    Json report = {{"package", Quoted(package.path, "")},
+    Json report = {{"package", Escaped(package.path)},
                    {"size", package.size},
                    {"sha256", Sha256(package, 0, package.size)},
                    {"findings", Json::array()}};

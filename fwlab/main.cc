@@ -1,8 +1,8 @@
 // The workstation tool: builds firmware packages, looks into them, tells what a phone would do with
 // them, tries that on a simulated phone, and explains what runs have left on phones.
 #include "fwlab/commands.h"
+#include "fwlab/device.h"
 #include "fwlab/json.h"
-#include "fwlab/manifest.h"
 #include "simphone/files.h"
 
 #include <algorithm>

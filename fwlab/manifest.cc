@@ -1,43 +1,20 @@
-// Reads manifests. Whatever is unknown, missing or of the wrong type is input that cannot be read;
-// a value that a phone would not treat as meant is refused.
+// Reads and writes manifests. Whatever is unknown, missing or of the wrong type is input that
+// cannot be read; a value that a phone would not treat as meant is refused.
 #include "fwlab/manifest.h"
 
 #include "fwlab/decision.h"
 #include "fwlab/spans.h"
+#include "fwlab/stop.h"
+#include "fwlab/toml_fields.h"
 #include "fwlab/toml_text.h"
 #include "simphone/files.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <fmt/format.h>
 
 namespace {
-
-bool IsFreeSlot(const std::string& slot) {
-    return slot[0] == '\0' || slot == std::string(slot.size(), '\xFF');
-}
-
-// Free slots repeat the last revision, so that they admit nothing else.
-bool ReadBaseRevs(const toml::node& node, const Field& revision, std::string& bytes) {
-    const size_t slots = BASE_REVS_SIZE / revision.size;
-    if (node.is_array() && node.as_array()->is_homogeneous(toml::node_type::integer)) {
-        return AppendBytes(node, bytes) && bytes.size() == BASE_REVS_SIZE; // all slots as they are
-    }
-    const size_t count = node.is_array() ? node.as_array()->size() : 0;
-    Require(!node.is_array() || (count > 0 && count <= slots), 1,
-            fmt::format("base_revisions has {} revisions, not 1 to {}", count, slots));
-    bool isRight = node.is_array();
-    for (size_t slot = 0; isRight && slot < slots; slot++) {
-        std::string slotBytes;
-        isRight = ReadBytes((*node.as_array())[std::min(slot, count - 1)], revision, slotBytes);
-        Require(!isRight || !IsFreeSlot(slotBytes), 1,
-                "base_revisions: no device can have " + Quoted(slotBytes));
-        bytes += slotBytes;
-    }
-    return isRight;
-}
 
 std::string ReadImage(const std::string& path) {
     std::string image;
@@ -88,92 +65,7 @@ ManifestEntry ReadEntry(Keys keys, const Layout& layout, const std::filesystem::
     return {identity, image, imageFile};
 }
 
-// The value of which ReadBytes makes these bytes: a text, or else a list.
-std::string ValueOf(const Field& field, const std::string& bytes) {
-    if (field.size == 1) {
-        return fmt::format("{:#04x}", static_cast<uint8_t>(bytes[0]));
-    }
-    const std::string text = field.filling == Field::NODE ? bytes.substr(0, bytes.find('\n'))
-                             : field.filling == Field::ZEROS
-                                 ? bytes.substr(0, bytes.find_last_not_of('\0') + 1)
-                                 : bytes;
-    std::string value = TomlBytes(text);
-    std::string read;
-    try {
-        if (value[0] == '"' && ReadBytes(toml::value<std::string>(text), field, read) &&
-            read == bytes) {
-            return value;
-        }
-    } catch (const Stop&) { // what texts may not be, lists may
-    }
-    return TomlList(bytes);
-}
-
-// Likewise for ReadBaseRevs.
-std::string BaseRevsOf(const Identity& identity) {
-    const Field& revision = identity.layout->revision;
-    const std::string bytes = Get(identity, identity.layout->baseRevs);
-    Texts slots;
-    for (size_t slot = 0; slot < bytes.size(); slot += revision.size) {
-        slots.push_back(bytes.substr(slot, revision.size));
-    }
-    if (std::any_of(slots.begin(), slots.end(), IsFreeSlot)) {
-        return TomlList(bytes);
-    }
-    while (slots.size() > 1 && slots.back() == slots[slots.size() - 2]) {
-        slots.pop_back();
-    }
-    std::string list;
-    for (const std::string& slot : slots) {
-        list += (list.empty() ? "" : ", ") + ValueOf(revision, slot);
-    }
-    return "[" + list + "]";
-}
-
 } // namespace
-
-bool ReadBytes(const toml::node& node, const Field& field, std::string& bytes) {
-    const bool isText = node.is_string();
-    const bool isExact = field.filling == Field::EXACT || (field.filling == Field::NODE && !isText);
-    if (field.size == 1 ? !AppendBytes(toml::array{node}, bytes) : !AppendBytes(node, bytes)) {
-        return false;
-    }
-    Require(bytes.size() <= field.size && (!isExact || bytes.size() == field.size), 1,
-            fmt::format("{} has {} bytes, not {}{}", field.key, bytes.size(),
-                        isExact ? "" : "at most ", field.size));
-    Require(field.filling != Field::NODE || !bytes.empty(), 1,
-            std::string(field.key) + " is empty: no device has it");
-    if (&field == &UFS.manufacturer && isText) {
-        const bool isRight = bytes.size() == field.size && bytes.rfind("0x", 0) == 0 &&
-                             bytes.find_first_not_of("0123456789abcdef", 2) == std::string::npos;
-        Require(isRight, 1,
-                Quoted(bytes) + " is no manfid as kernels print it, such as \"0x0001ce\": 0x and "
-                                "six digits, letters in lower case; write a list of 8 numbers "
-                                "where a kernel prints another one");
-    }
-    if (field.filling == Field::NODE && isText) {
-        Require(bytes.find('\n') == std::string::npos, 1,
-                std::string(field.key) + " has a line feed: fwlab adds it, as phones read one");
-        bytes += '\n';
-    }
-    bytes.resize(field.size);
-    return true;
-}
-
-void TakeField(Keys keys, const Field& field, Need need, Identity& identity) {
-    Take(keys, field.key, need,
-         field.size == 1                        ? "a number from 0 to 255"
-         : &field == &identity.layout->baseRevs ? "a list of revisions"
-                                                : "made of texts, or of numbers from 0 to 255",
-         [&](const toml::node& node) {
-             std::string bytes;
-             const bool isRight = &field == &identity.layout->baseRevs
-                                      ? ReadBaseRevs(node, identity.layout->revision, bytes)
-                                      : ReadBytes(node, field, bytes);
-             Set(identity, field, bytes);
-             return isRight;
-         });
-}
 
 std::string ManifestText(const Layout& layout, const std::vector<ManifestEntry>& entries) {
     std::string text = fmt::format("technology = \"{}\"\n", &layout == &UFS ? "ufs" : "emmc");
@@ -188,11 +80,11 @@ std::string ManifestText(const Layout& layout, const std::vector<ManifestEntry>&
             const bool isLeftOut =
                 field == &layout.marketName && bytes == std::string(bytes.size(), '\0');
             if (field->size > 0 && !isLeftOut) {
-                add(field->key, ValueOf(*field, bytes));
+                add(field->key, TomlValue(entry.identity, *field));
             }
         }
         if (BaseRevisionsOf(entry.identity)) {
-            add(layout.baseRevs.key, BaseRevsOf(entry.identity));
+            add(layout.baseRevs.key, TomlValue(entry.identity, layout.baseRevs));
         }
         add("image", TomlBytes(entry.imageFile));
         add("image_sha256", '"' + Sha256(entry.image) + '"');
@@ -224,11 +116,4 @@ std::vector<ManifestEntry> ReadManifest(const std::string& path) {
     RefuseTheRest({table, error});
     Require(error.empty(), 2, path + ": " + error);
     return entries;
-}
-
-Description ReadPhone(const std::string& descriptionFile) {
-    Description phone;
-    std::string error;
-    Require(ReadDescription(descriptionFile, phone, error), 2, error);
-    return phone;
 }

@@ -1,7 +1,8 @@
 // Reads fleets. Whatever is unknown, missing or of the wrong type is input that cannot be read.
 #include "fwlab/models.h"
 
-#include "fwlab/manifest.h"
+#include "fwlab/stop.h"
+#include "fwlab/toml_fields.h"
 
 #include <climits>
 #include <filesystem>

@@ -2,6 +2,7 @@
 // from their times. Called for `outcome` and after a rehearsal; only reads.
 #include "fwlab/outcome.h"
 
+#include "fwlab/stop.h"
 #include "run/result_record.h"
 #include "run/state_flags.h"
 #include "simphone/files.h"

@@ -1,6 +1,6 @@
 #include "fwlab/output.h"
 
-#include "fwlab/package.h"
+#include "fwlab/stop.h"
 #include "fwlab/work_folder.h"
 #include "simphone/files.h"
 

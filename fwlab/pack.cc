@@ -71,7 +71,6 @@ int Pack(const std::string& manifestFile, const std::string& output, bool withLa
         fmt::print("{}\n", answer.dump(2));
         return 0;
     }
-    fmt::print("{}: {} bytes, entries: {}\n", Quoted(output, ""), built.bytes.size(),
-               built.entries);
+    fmt::print("{}: {} bytes, entries: {}\n", Escaped(output), built.bytes.size(), built.entries);
     return 0;
 }

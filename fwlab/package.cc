@@ -1,7 +1,7 @@
 // Finds the entries of packages, for every command. A file that cannot be read ends the command.
 #include "fwlab/package.h"
 
-#include "simphone/files.h"
+#include "fwlab/stop.h"
 
 #include <cerrno>
 #include <cstring>
@@ -13,55 +13,6 @@
 
 // More magics than any package has: that is some other file.
 constexpr size_t ENTRIES_MAX = 1024;
-
-#define PLACE(record, member) offsetof(record, member), sizeof(record::member)
-const Layout EMMC = {
-    "eMMC",
-    EMMC_MAGIC,
-    sizeof(EmmcFwHeader),
-    {"manufacturer_id", PLACE(EmmcFwHeader, emmcMid), Field::EXACT},
-    {"product_name", PLACE(EmmcFwHeader, emmcPnm), Field::EXACT},
-    {"ext_csd_rev", PLACE(EmmcFwHeader, emmcRev), Field::EXACT},
-    {"revision", PLACE(EmmcFwHeader, emmcFwRev), Field::ZEROS},
-    {"body_size", PLACE(EmmcFwHeader, emmcFwSize), Field::EXACT},
-    {"market_name", PLACE(EmmcFwHeader, legalMarketName), Field::ZEROS},
-    {"base_revisions", PLACE(EmmcFwHeader, legalBaseRev), Field::EXACT},
-};
-const Layout UFS = {
-    "UFS",
-    UFS_MAGIC,
-    sizeof(UfsFwHeader),
-    {"manfid", PLACE(UfsFwHeader, ufsMid), Field::NODE},
-    {"product_name", PLACE(UfsFwHeader, ufsPnm), Field::NODE},
-    {"", 0, 0, Field::EXACT},
-    {"revision", PLACE(UfsFwHeader, ufsProductRevisionLevel), Field::EXACT},
-    {"body_size", PLACE(UfsFwHeader, ufsFwSize), Field::EXACT},
-    {"market_name", PLACE(UfsFwHeader, legalMarketName), Field::ZEROS},
-    {"base_revisions", PLACE(UfsFwHeader, legalBaseRev), Field::EXACT},
-};
-#undef PLACE
-
-void Require(bool isSo, int status, const std::string& text) {
-    if (!isSo) {
-        throw Stop{status, text};
-    }
-}
-
-Identity NewIdentity(const Layout& layout) {
-    Identity identity = {&layout, layout.magic};
-    identity.header.resize(layout.headerSize);
-    return identity;
-}
-
-std::string Get(const Identity& identity, const Field& field) {
-    return identity.header.substr(field.offset, field.size);
-}
-
-void Set(Identity& identity, const Field& field, const std::string& bytes) {
-    std::string whole = bytes;
-    whole.resize(field.size);
-    identity.header.replace(field.offset, field.size, whole);
-}
 
 Package OpenPackage(const std::string& path, const Layout* layout) {
     std::error_code error;
@@ -107,8 +58,4 @@ Package LookInto(const std::string& path, const PackageBytes& bytes, size_t size
 
 std::string Title(const Entry& entry) {
     return fmt::format("entry {} at {:#x}", entry.number, entry.offset);
-}
-
-std::string Quoted(const std::string& bytes, const char* mark) {
-    return mark + Escaped(bytes) + mark;
 }

@@ -1,6 +1,7 @@
 // Reads and makes records of attempts by the phone's own routines.
 #include "fwlab/record.h"
 
+#include "fwlab/stop.h"
 #include "run/result_record.h"
 #include "simphone/files.h"
 

@@ -1,7 +1,7 @@
 // The record of attempts, read as the phone reads it.
 #pragma once
 
-#include "fwlab/package.h"
+#include "fwlab/text.h"
 
 struct Record {
     bool isReadable;

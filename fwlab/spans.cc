@@ -1,5 +1,6 @@
 #include "fwlab/spans.h"
 
+#include "fwlab/stop.h"
 #include "simphone/files.h"
 
 #include <openssl/evp.h>

@@ -3,7 +3,7 @@
 // they find to files, which are read together at the end.
 #include "fwlab/sweep_engine.h"
 
-#include "fwlab/package.h"
+#include "fwlab/stop.h"
 #include "fwlab/work_folder.h"
 #include "simphone/description.h"
 

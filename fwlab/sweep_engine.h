@@ -3,14 +3,13 @@
 // Everything happens in a temporary directory that is removed, after an interruption too.
 #pragma once
 
+#include "fwlab/text.h"
 #include "simphone/phone.h"
 #include "simphone/power_loss.h"
 
 #include <functional>
 #include <string>
 #include <vector>
-
-using Texts = std::vector<std::string>;
 
 struct SweepScenario {
     std::string name, phone, package; // the files of the description and of the package

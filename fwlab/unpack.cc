@@ -5,6 +5,7 @@
 #include "fwlab/manifest.h"
 #include "fwlab/output.h"
 #include "fwlab/spans.h"
+#include "simphone/files.h"
 
 #include <algorithm>
 #include <cstring>
@@ -75,14 +76,14 @@ int Unpack(const std::string& packageFile, const std::string& folder, bool asJso
                                       [](const Entry* entry) { return NeedsGkiMode(*entry); });
     const std::string manifest = std::filesystem::path(folder) / MANIFEST;
     if (asJson) {
-        fmt::print("{}\n", Json({{"package", Quoted(packageFile, "")},
-                                 {"manifest", Quoted(manifest, "")},
+        fmt::print("{}\n", Json({{"package", Escaped(packageFile)},
+                                 {"manifest", Escaped(manifest)},
                                  {"entries", entries.size()},
                                  {"gki_only", needsGki}})
                                .dump(2));
         return 0;
     }
-    fmt::print("{}: entries: {}\n", Quoted(manifest, ""), entries.size());
+    fmt::print("{}: entries: {}\n", Escaped(manifest), entries.size());
     if (needsGki) {
         fmt::print("An eMMC image is larger than 1 MiB: pack it with --gki-only.\n");
     }

@@ -2,6 +2,7 @@
 #include "fwlab/commands.h"
 #include "fwlab/difference.h"
 #include "fwlab/spans.h"
+#include "simphone/files.h"
 
 #include <cstring>
 #include <fmt/format.h>
@@ -41,8 +42,8 @@ int Verify(const std::string& packageFile, const std::string& manifestFile, bool
     const Package wanted = LookInto(manifestFile, borrowed, built.bytes.size(), built.layout);
     const Package package = OpenPackage(packageFile, built.layout);
     const std::vector<const Entry*> entries = OwnEntries(wanted);
-    Json report = {{"package", Quoted(packageFile, "")},
-                   {"manifest", Quoted(manifestFile, "")},
+    Json report = {{"package", Escaped(packageFile)},
+                   {"manifest", Escaped(manifestFile)},
                    {"same", true},
                    {"differences", Json::array()}};
     for (const Difference& difference : DifferencesOf(wanted, package)) {
@@ -64,7 +65,7 @@ int Verify(const std::string& packageFile, const std::string& manifestFile, bool
     for (const Json& difference : report["differences"]) {
         fmt::print("{}\n", difference["text"].get<std::string>());
     }
-    fmt::print("{}: {} what {} makes\n", Quoted(packageFile, ""), isSame ? "is" : "is NOT",
-               Quoted(manifestFile, ""));
+    fmt::print("{}: {} what {} makes\n", Escaped(packageFile), isSame ? "is" : "is NOT",
+               Escaped(manifestFile));
     return isSame ? 0 : 1;
 }

@@ -1,6 +1,6 @@
 #include "fwlab/work_folder.h"
 
-#include "fwlab/package.h"
+#include "fwlab/stop.h"
 
 #include <algorithm>
 #include <ctime>

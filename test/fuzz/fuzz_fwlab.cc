@@ -2,7 +2,7 @@
 // matched; a state directory's record; a manifest.
 #include "fuzz_phone.h"
 #include "fwlab/commands.h"
-#include "fwlab/manifest.h"
+#include "fwlab/device.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static const FuzzPhone phone(UFS_PHONE);

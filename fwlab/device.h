@@ -1,0 +1,17 @@
+// The device that a package is for.
+#pragma once
+
+#include "fwlab/layout.h"
+#include "simphone/description.h"
+
+// A device, with what decides whether it takes an image.
+struct Device {
+    Identity identity;       // as its nodes and registers show it
+    bool gki;                // eMMC: updated by the kernel, without a limit
+    uint32_t maxHwSectorsKb; // UFS: the most KiB that its host takes in one request; 0: not known
+};
+// Stop if no run can read its revision.
+Device DeviceOf(const Description& phone);
+
+// Stop if the file cannot be read or is no description of a phone.
+Description ReadPhone(const std::string& descriptionFile);
