@@ -221,10 +221,9 @@ std::string WhyNotSent(const Package& package, const Entry& entry, const Device&
         return fmt::format("the pre-check takes {}: {}", Title(*seen), decision.why);
     }
     const Entry* sent = decision.sent;
-    const bool isMeant = sent == nullptr || sent == &entry ||
-                         (UpdateName(device.identity) != Get(device.identity, name) &&
-                          Get(sent->identity, revision) == own);
-    if (!isMeant) {
+    if (!(sent == nullptr || sent == &entry ||
+          (UpdateName(device.identity) != Get(device.identity, name) &&
+           Get(sent->identity, revision) == own))) {
         return Get(sent->identity, name) == Get(entry.identity, name)
                    ? fmt::format("{} comes first and is for the same devices", Title(*sent))
                    : fmt::format("the update takes {}, as a blank in one product name agrees with "

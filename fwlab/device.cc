@@ -4,8 +4,9 @@
 #include "fwlab/stop.h"
 
 Device DeviceOf(const Description& phone) {
-    Require(!phone.ufs || phone.revision.size() + 1 >= UFS_REV_SIZE, 1,
-            "the phone's revision is too short for a run");
+    if (phone.ufs && phone.revision.size() + 1 < UFS_REV_SIZE) {
+        throw Stop{1, "the phone's revision is too short for a run"};
+    }
     const Layout& layout = phone.ufs ? UFS : EMMC;
     const std::string mid(1, static_cast<char>(phone.cid[0]));
     Identity identity = NewIdentity(layout);
@@ -19,6 +20,8 @@ Device DeviceOf(const Description& phone) {
 Description ReadPhone(const std::string& descriptionFile) {
     Description phone;
     std::string error;
-    Require(ReadDescription(descriptionFile, phone, error), 2, error);
+    if (!ReadDescription(descriptionFile, phone, error)) {
+        throw Stop{2, error};
+    }
     return phone;
 }

@@ -22,8 +22,12 @@ struct Side {
 Side Read(const std::string& path) {
     Side side = {OpenPackage(path), {}, {}};
     const Package& package = side.package;
-    Require(package.size <= PACKAGE_SIZE_MAX, 2, path + " " + package.flaw);
-    Require(package.size == 0 || !package.entries.empty(), 2, path + " holds no entry");
+    if (package.size > PACKAGE_SIZE_MAX) {
+        throw Stop{2, path + " " + package.flaw};
+    }
+    if (package.size != 0 && package.entries.empty()) {
+        throw Stop{2, path + " holds no entry"};
+    }
     side.entries = OwnEntries(package);
     for (const Entry* entry : side.entries) {
         side.digests[entry] = entry->bodyFits ? Sha256(package, entry->body, entry->bodySize) : "";
@@ -324,8 +328,9 @@ void Print(const Json& report, const Layout& layout) {
 int Diff(const std::string& oldFile, const std::string& newFile, bool asJson) {
     const Side before = Read(oldFile), after = Read(newFile);
     const Package &one = before.package, &other = after.package;
-    Require(before.entries.empty() || after.entries.empty() || one.layout == other.layout, 2,
-            "one package is for eMMC, the other one for UFS");
+    if (!before.entries.empty() && !after.entries.empty() && one.layout != other.layout) {
+        throw Stop{2, "one package is for eMMC, the other one for UFS"};
+    }
     const std::vector<Pair> pairs = PairsOf(before, after);
     const bool isSame =
         one.size == other.size && memcmp(one.bytes.get(), other.bytes.get(), one.size) == 0;

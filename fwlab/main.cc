@@ -88,8 +88,9 @@ std::string Bytes(const std::string& text) {
         const char next = text[p + 1]; // a zero byte at the end
         const size_t hexEnd = text.find_first_not_of("0123456789abcdefABCDEF", p + 2);
         const bool isHex = next == 'x' && p + 4 <= std::min(text.size(), hexEnd);
-        Require(next == 'n' || next == '\\' || isHex, 2,
-                text + R"(: a backslash begins \n, \\ or \xHH)");
+        if (next != 'n' && next != '\\' && !isHex) {
+            throw Stop{2, text + R"(: a backslash begins \n, \\ or \xHH)"};
+        }
     }
     return Unescaped(text);
 }
@@ -97,9 +98,10 @@ std::string Bytes(const std::string& text) {
 // The bytes that an option gives for a field.
 std::string BytesOf(const char* option, const std::string& text, const Field& field, bool isExact) {
     std::string bytes = Bytes(text);
-    Require(bytes.size() <= field.size && (!isExact || bytes.size() == field.size), 2,
-            fmt::format("{} has {} bytes, not {}{}", option, bytes.size(),
-                        isExact ? "" : "at most ", field.size));
+    if (bytes.size() > field.size || (isExact && bytes.size() != field.size)) {
+        throw Stop{2, fmt::format("{} has {} bytes, not {}{}", option, bytes.size(),
+                                  isExact ? "" : "at most ", field.size)};
+    }
     return bytes;
 }
 
@@ -244,8 +246,9 @@ void RequireCommand(const CLI::App& app, int argc, char** argv) {
         nearest =
             nearest.empty() || Distance(word, name) < Distance(word, nearest) ? name : nearest;
     }
-    Require(word[0] == '-' || word == nearest, 2,
-            fmt::format("{} is no command; the nearest is {}", Quoted(word), nearest));
+    if (word[0] != '-' && word != nearest) {
+        throw Stop{2, fmt::format("{} is no command; the nearest is {}", Quoted(word), nearest)};
+    }
 }
 
 void AddCapture(CLI::App& app, Arguments& args) {

@@ -10,21 +10,28 @@
 #include "simphone/files.h"
 
 #include <cerrno>
-#include <cstring>
 #include <filesystem>
 #include <fmt/format.h>
 
 namespace {
 
 std::string ReadImage(const std::string& path) {
+    const std::string title = "image " + path;
     std::string image;
     std::error_code error;
-    Require(path.find('\0') == std::string::npos, 2, "image has a zero byte in its name");
+    if (path.find('\0') != std::string::npos) {
+        throw Stop{2, "image has a zero byte in its name"};
+    }
     const size_t size = std::filesystem::file_size(path, error); // of a regular file only
-    Require(!error, 2, "image " + path + ": " + error.message());
-    Require(size <= PACKAGE_SIZE_MAX, 1, "image " + path + ": 2 GiB or larger");
-    const bool isRead = ReadWholeFile(path, image);
-    Require(isRead, 2, "image " + path + ": " + strerror(errno));
+    if (error) {
+        throw Stop{2, title + ": " + error.message()};
+    }
+    if (size > PACKAGE_SIZE_MAX) {
+        throw Stop{1, title + ": 2 GiB or larger"};
+    }
+    if (!ReadWholeFile(path, image)) {
+        throw FailureAt(title, errno);
+    }
     return image;
 }
 
@@ -57,11 +64,14 @@ ManifestEntry ReadEntry(Keys keys, const Layout& layout, const std::filesystem::
     const std::string imageFile = folder / TakeText(keys, "image");
     const std::string wanted = TakeDigest(keys);
     RefuseTheRest(keys);
-    Require(keys.error.empty(), 2, keys.error);
+    if (!keys.error.empty()) {
+        throw Stop{2, keys.error};
+    }
     const std::string image = ReadImage(imageFile);
     const std::string digest = Sha256(image);
-    Require(wanted.empty() || wanted == digest, 1,
-            fmt::format("image {}: its sha256 is {}, not {}", imageFile, digest, wanted));
+    if (!wanted.empty() && wanted != digest) {
+        throw Stop{1, fmt::format("image {}: its sha256 is {}, not {}", imageFile, digest, wanted)};
+    }
     return {identity, image, imageFile};
 }
 
@@ -95,10 +105,13 @@ std::string ManifestText(const Layout& layout, const std::vector<ManifestEntry>&
 std::vector<ManifestEntry> ReadManifest(const std::string& path) {
     toml::table table;
     std::string error;
-    Require(ReadTable(path, table, error), 2, error);
+    if (!ReadTable(path, table, error)) {
+        throw Stop{2, error};
+    }
     const std::string technology = TakeText({table, error}, "technology");
-    Require(technology == "emmc" || technology == "ufs" || !error.empty(), 2,
-            path + ": technology is not \"emmc\" or \"ufs\"");
+    if (technology != "emmc" && technology != "ufs" && error.empty()) {
+        throw Stop{2, path + ": technology is not \"emmc\" or \"ufs\""};
+    }
     std::vector<ManifestEntry> entries;
     Take({table, error}, "entry", kRequired, "[[entry]] tables", [&](toml::node& node) {
         bool isRight = node.is_array_of_tables();
@@ -114,6 +127,8 @@ std::vector<ManifestEntry> ReadManifest(const std::string& path) {
         return isRight;
     });
     RefuseTheRest({table, error});
-    Require(error.empty(), 2, path + ": " + error);
+    if (!error.empty()) {
+        throw Stop{2, path + ": " + error};
+    }
     return entries;
 }

@@ -64,7 +64,9 @@ Device TakeDevice(Keys keys, const std::filesystem::path& folder) {
 std::vector<Model> ReadModels(const std::string& path) {
     toml::table table;
     std::string error;
-    Require(ReadTable(path, table, error), 2, error);
+    if (!ReadTable(path, table, error)) {
+        throw Stop{2, error};
+    }
     std::vector<Model> fleet;
     Take({table, error}, "model", kRequired, "[[model]] tables", [&](toml::node& node) {
         const bool isRight = node.is_array_of_tables();
@@ -75,7 +77,9 @@ std::vector<Model> ReadModels(const std::string& path) {
                 Device device = TakeDevice(keys, std::filesystem::path(path).parent_path());
                 const auto running = TakeRunning(keys, device.identity.layout->revision);
                 RefuseTheRest(keys);
-                Require(error.empty(), 2, error);
+                if (!error.empty()) {
+                    throw Stop{2, error};
+                }
                 fleet.push_back({device, running});
             } catch (const Stop& stop) {
                 throw Stop{2, where + stop.text};
@@ -84,6 +88,8 @@ std::vector<Model> ReadModels(const std::string& path) {
         return isRight;
     });
     RefuseTheRest({table, error});
-    Require(error.empty(), 2, path + ": " + error);
+    if (!error.empty()) {
+        throw Stop{2, path + ": " + error};
+    }
     return fleet;
 }

@@ -49,7 +49,9 @@ std::string ReadTail(int fd, off_t size) {
     }
     const int reason = errno;
     close(fd);
-    Require(count >= 0, 2, strerror(reason));
+    if (count < 0) {
+        throw Stop{2, strerror(reason)};
+    }
     tail.resize(done);
     if (size > TAIL_SIZE) { // from the begin of a line on
         const size_t lineEnd = tail.find('\n');
@@ -62,16 +64,18 @@ StateFile ReadStateFile(int directory, const char* phonePath) {
     const std::string name = FileName(phonePath);
     struct stat status = {};
     if (fstatat(directory, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
-        const int reason = errno;
-        Require(reason == ENOENT, 2, name + ": " + strerror(reason));
+        if (errno != ENOENT) {
+            throw FailureAt(name, errno);
+        }
         return {};
     }
     StateFile file = {true, S_ISREG(status.st_mode), ""};
     if (file.isRegular && status.st_size > 0) {
         const int flags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
         const int fd = openat(directory, name.c_str(), flags);
-        const int reason = errno;
-        Require(fd >= 0, 2, name + ": " + strerror(reason));
+        if (fd < 0) {
+            throw FailureAt(name, errno);
+        }
         file.content = ReadTail(fd, status.st_size);
     }
     return file;
@@ -79,8 +83,9 @@ StateFile ReadStateFile(int directory, const char* phonePath) {
 
 StateFiles ReadStateFiles(const std::string& directory) {
     const std::unique_ptr<DIR, int (*)(DIR*)> opened(opendir(directory.c_str()), closedir);
-    const int reason = errno;
-    Require(opened != nullptr, 2, strerror(reason));
+    if (opened == nullptr) {
+        throw Stop{2, strerror(errno)};
+    }
     const auto read = [&](const char* path) { return ReadStateFile(dirfd(opened.get()), path); };
     StateFiles files = {read(BEGIN_FLAG), read(END_FLAG),    read(OK_FLAG),
                         read(FAIL_FLAG),  read(RESULT_FILE), {}};

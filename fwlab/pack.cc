@@ -48,7 +48,9 @@ Built BuildPackage(const std::string& manifestFile, bool withLargeEmmc) {
         Set(entry.identity, layout->bodySize, size);
         offsets.push_back(bytes.size());
         bytes += entry.identity.header + entry.image;
-        Require(bytes.size() <= PACKAGE_SIZE_MAX, 1, manifestFile + ": more than a phone reads");
+        if (bytes.size() > PACKAGE_SIZE_MAX) {
+            throw Stop{1, manifestFile + ": more than a phone reads"};
+        }
     }
     const PackageBytes borrowed(PackageBytes(), reinterpret_cast<const uint8_t*>(bytes.data()));
     CheckEntries(LookInto(manifestFile, borrowed, bytes.size(), layout), offsets, withLargeEmmc);

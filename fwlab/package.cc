@@ -4,7 +4,6 @@
 #include "fwlab/stop.h"
 
 #include <cerrno>
-#include <cstring>
 #include <fcntl.h>
 #include <filesystem>
 #include <fmt/format.h>
@@ -17,13 +16,17 @@ constexpr size_t ENTRIES_MAX = 1024;
 Package OpenPackage(const std::string& path, const Layout* layout) {
     std::error_code error;
     const size_t size = std::filesystem::file_size(path, error); // of a regular file only
-    Require(!error, 2, path + ": " + error.message());
+    if (error) {
+        throw Stop{2, path + ": " + error.message()};
+    }
     const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
     const size_t mapped = size == 0 ? 1 : size; // nothing cannot be mapped
     void* bytes = fd < 0 ? MAP_FAILED : mmap(nullptr, mapped, PROT_READ, MAP_PRIVATE, fd, 0);
-    const std::string reason = path + ": " + strerror(errno);
+    const int reason = errno;
     close(fd);
-    Require(bytes != MAP_FAILED, 2, reason);
+    if (bytes == MAP_FAILED) {
+        throw FailureAt(path, reason);
+    }
     const auto unmap = [bytes, mapped](const uint8_t*) { munmap(bytes, mapped); };
     return LookInto(path, {static_cast<const uint8_t*>(bytes), unmap}, size, layout);
 }
@@ -45,9 +48,10 @@ Package LookInto(const std::string& path, const PackageBytes& bytes, size_t size
     const auto find = package.layout == &UFS ? FindUfsEntry : FindEmmcEntry;
     for (size_t p = find(first, size, 0); p < size; p = find(first, size, p + 1)) {
         const size_t number = package.entries.size() + 1;
-        Require(number <= ENTRIES_MAX, 2,
-                fmt::format("{}: more than {} entries, which fwlab does not look into", path,
-                            ENTRIES_MAX));
+        if (number > ENTRIES_MAX) {
+            throw Stop{2, fmt::format("{}: more than {} entries, which fwlab does not look into",
+                                      path, ENTRIES_MAX)};
+        }
         const uint32_t bodySize = ReadBigEndian32(first + p + package.layout->bodySize.offset);
         const Identity identity = {package.layout, {first + p, first + p + headerSize}};
         package.entries.push_back({number, p, p + headerSize, bodySize,

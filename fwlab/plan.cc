@@ -176,11 +176,14 @@ int Plan(const PlanOptions& options) {
     std::vector<Package> packages;
     for (const std::string& path : options.packages) {
         packages.push_back(OpenPackage(path));
-        Require(packages.back().flaw.empty(), 1, path + " " + packages.back().flaw);
+        if (!packages.back().flaw.empty()) {
+            throw Stop{1, path + " " + packages.back().flaw};
+        }
         for (size_t i = 0; i + 1 < packages.size(); i++) {
-            Require(packages[i].layout != packages.back().layout, 2,
-                    fmt::format("{} and {} are both {} packages: a phone has one", packages[i].path,
-                                path, packages[i].layout->title));
+            if (packages[i].layout == packages.back().layout) {
+                throw Stop{2, fmt::format("{} and {} are both {} packages: a phone has one",
+                                          packages[i].path, path, packages[i].layout->title)};
+            }
         }
     }
     const std::vector<Model> models = ReadModels(options.fleet);

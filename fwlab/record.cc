@@ -41,7 +41,9 @@ Record ParseRecord(const std::string& content) {
     const std::unique_ptr<FILE, int (*)(FILE*)> file(
         bytes.empty() ? fopen("/dev/null", "r") : fmemopen(bytes.data(), bytes.size(), "r"),
         fclose);
-    Require(file != nullptr, 2, "no memory to read a record");
+    if (file == nullptr) {
+        throw Stop{2, "no memory to read a record"};
+    }
     LastAttempt last = {};
     ReadLastLine(file.get(), line);
     const bool isReadable = ParseAttempt(line.data(), last) == 0;
@@ -58,11 +60,13 @@ Record ParseRecord(const std::string& content) {
 
 Record ReadRecord(const std::string& path) {
     std::error_code error;
-    const bool isRegular = std::filesystem::is_regular_file(path, error);
-    Require(isRegular, 2, path + ": " + (error ? error.message() : "is no regular file"));
+    if (!std::filesystem::is_regular_file(path, error)) {
+        throw Stop{2, path + ": " + (error ? error.message() : "is no regular file")};
+    }
     std::string content;
-    const bool isRead = ReadWholeFile(path, content);
-    Require(isRead, 2, path + ": " + strerror(errno));
+    if (!ReadWholeFile(path, content)) {
+        throw FailureAt(path, errno);
+    }
     return ParseRecord(content);
 }
 

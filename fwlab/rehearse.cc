@@ -60,7 +60,9 @@ void TellTimeLine(const RunResult& run, Report& report) {
 void TellPhone(const std::string& phone, const Report& report) {
     std::string shown;
     std::string error;
-    Require(ShowPhone(phone, shown, error), 2, error);
+    if (!ShowPhone(phone, shown, error)) {
+        throw Stop{2, error};
+    }
     report.Say("{}", shown);
 }
 
@@ -70,14 +72,17 @@ bool Run(const Texts& faults, const std::string& phone, Report& report) {
     options.faults = faults;
     const RunResult run = RunTool(phone, Companion("ffu"), options);
     StopIfInterrupted();
-    Require(run.error.empty(), 2, run.error);
+    if (!run.error.empty()) {
+        throw Stop{2, run.error};
+    }
     report.json["runs"].push_back({{"faults", faults},
                                    {"exit_status", run.exitStatus},
                                    {"signal", run.signal},
                                    {"timed_out", run.timedOut}});
     TellTimeLine(run, report);
-    Require(run.unmetFaults.empty(), 2,
-            fmt::format("no call of the run met: {}", fmt::join(run.unmetFaults, "; ")));
+    if (!run.unmetFaults.empty()) {
+        throw Stop{2, fmt::format("no call of the run met: {}", fmt::join(run.unmetFaults, "; "))};
+    }
     report.Say("\nThe run ended with {} {}{}.\n", run.signal != 0 ? "signal" : "exit status",
                run.signal != 0 ? run.signal : run.exitStatus,
                run.timedOut ? ": it took too long" : "");
@@ -129,24 +134,34 @@ int Rehearse(const RehearseOptions& options) {
     std::string error;
     Fault fault;
     for (const std::string& text : options.faults) { // before anything is made
-        Require(ParseFault(text, fault, error), 2, error);
+        if (!ParseFault(text, fault, error)) {
+            throw Stop{2, error};
+        }
     }
     const Device device = DeviceOf(ReadPhone(options.phone));
     const Package package = OpenPackage(options.package, device.identity.layout);
-    Require(package.size <= PACKAGE_SIZE_MAX, 1, options.package + " " + package.flaw);
+    if (package.size > PACKAGE_SIZE_MAX) {
+        throw Stop{1, options.package + " " + package.flaw};
+    }
     const Decision decision = Decide(package, device);
     // What the phone is to get: what the pre-check saw, or that entry's like for this very device.
     const Entry* entry = decision.verdict == Verdict::UPDATE ? decision.sent : decision.PreCheck();
 
     const WorkFolder folder;
     const std::string phone = options.keep.empty() ? folder.path + "/phone" : options.keep;
-    Require(MakePhone(options.phone, phone, error), 2, error);
-    Require(PutPackage(options.package, phone, error), 2, error);
+    if (!MakePhone(options.phone, phone, error)) {
+        throw Stop{2, error};
+    }
+    if (!PutPackage(options.package, phone, error)) {
+        throw Stop{2, error};
+    }
     Report report = {options, {{"runs", Json::array()}}};
     TellPhone(phone, report);
     report.Say("\n");
     bool isUpdated = Run(options.faults, phone, report);
-    Require(RebootPhone(phone, error), 2, error);
+    if (!RebootPhone(phone, error)) {
+        throw Stop{2, error};
+    }
     isUpdated = Runs(phone, package, entry, report) && isUpdated;
     if (options.runAgain) {
         isUpdated = FindsNothingToDo(phone, report) && isUpdated;

@@ -9,9 +9,6 @@ struct Stop {
     int status;
     std::string text;
 };
-// A text with errno needs the call to be a statement of its own: arguments have no order.
-inline void Require(bool isSo, int status, const std::string& text) {
-    if (!isSo) {
-        throw Stop{status, text};
-    }
-}
+
+// For a system call that has failed at path with this errno.
+Stop FailureAt(const std::string& path, int error);

@@ -95,7 +95,9 @@ void Print(const SweepRequest& request, const SweepResult& result) {
 std::string PhoneTitle(const std::string& description) {
     Description phone;
     std::string error;
-    Require(ReadDescription(description, phone, error), 2, error);
+    if (!ReadDescription(description, phone, error)) {
+        throw Stop{2, error};
+    }
     return fmt::format("{} {}, runs {}",
                        phone.ufs   ? "UFS"
                        : phone.gki ? "eMMC (GKI mode)"

@@ -219,8 +219,9 @@ void RemoveDeviceFiles(const std::string& phone) {
 }
 
 void PutState(const std::string& phone, const StateDirectory& state) {
-    const bool isPut = WriteStateDirectory(phone, state);
-    Require(isPut, 2, phone + ": its state directory cannot be written");
+    if (!WriteStateDirectory(phone, state)) {
+        throw Stop{2, phone + ": its state directory cannot be written"};
+    }
 }
 
 // Brings the worker's phone into the state before the scenario's run.
@@ -230,8 +231,12 @@ void Prepare(Worker& worker, size_t scenario) {
         fs::remove_all(phone);
         std::string error;
         const std::string description = fmt::format("{}/{}.toml", worker.plan.directory, scenario);
-        Require(MakePhone(description, phone, error), 2, error);
-        Require(PutPackage(worker.plan.scenarios[scenario].package, phone, error), 2, error);
+        if (!MakePhone(description, phone, error)) {
+            throw Stop{2, error};
+        }
+        if (!PutPackage(worker.plan.scenarios[scenario].package, phone, error)) {
+            throw Stop{2, error};
+        }
         worker.prepared = scenario;
     }
     RemoveDeviceFiles(phone);
@@ -252,7 +257,9 @@ SweepRun Run(Worker& worker, SweepRun::Kind kind, size_t scenario, const SweepJo
     SweepRun run = {kind, &plan.scenarios[scenario], nullptr, job, {}, {}, {}, worker.phone};
     run.before = ReadStateDirectory(worker.phone);
     run.run = RunTool(worker.phone, plan.options.tool, options);
-    Require(run.run.error.empty(), 2, run.run.error);
+    if (!run.run.error.empty()) {
+        throw Stop{2, run.run.error};
+    }
     run.after = ReadStateDirectory(worker.phone);
     run.base = kind == SweepRun::BASE ? &run.run : &plan.result.bases[scenario];
     plan.shared.runs++;
@@ -539,7 +546,9 @@ void ShareOut(const Plan& plan, size_t processes, const sigset_t& signals) {
         if (worker == 0) {
             StartWorker(plan, i, signals);
         }
-        Require(worker > 0 || !workers.empty(), 2, "no process can be started");
+        if (worker <= 0 && workers.empty()) {
+            throw Stop{2, "no process can be started"};
+        }
         if (worker > 0) {
             setpgid(worker, worker); // whoever comes first
             workers.insert(worker);
@@ -568,10 +577,14 @@ void ShareOut(const Plan& plan, size_t processes, const sigset_t& signals) {
     for (size_t i = 0; i < processes && isBroken; i++) {
         std::ifstream findings(FindingsFile(plan, i));
         for (std::string line; std::getline(findings, line);) {
-            Require(line[0] != 'E', 2, line.substr(std::min<size_t>(2, line.size())));
+            if (line[0] == 'E') {
+                throw Stop{2, line.substr(std::min<size_t>(2, line.size()))};
+            }
         }
     }
-    Require(!isBroken, 2, "a process of the sweep has died");
+    if (isBroken) {
+        throw Stop{2, "a process of the sweep has died"};
+    }
 }
 
 // ---- Together ----
@@ -668,10 +681,16 @@ void PutDescription(const Plan& plan, size_t scenario) {
     Description phone;
     std::string error;
     std::string text;
-    Require(ReadDescription(file, phone, error), 2, error);
-    Require(ReadWholeFile(file, text), 2, file + ": cannot be read");
+    if (!ReadDescription(file, phone, error)) {
+        throw Stop{2, error};
+    }
+    if (!ReadWholeFile(file, text)) {
+        throw Stop{2, file + ": cannot be read"};
+    }
     text = (phone.clockFixed ? "" : CLOCK) + text;
-    Require(WriteWholeFile(copy, text.data(), text.size()), 2, copy + ": cannot be written");
+    if (!WriteWholeFile(copy, text.data(), text.size())) {
+        throw Stop{2, copy + ": cannot be written"};
+    }
 }
 
 // The base run of each scenario, and what follows it, in this process.
@@ -724,7 +743,9 @@ SweepResult RunSweep(const std::vector<SweepScenario>& scenarios, const SweepOpt
     const std::string& directory = folder.path;
     void* memory =
         mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    Require(memory != MAP_FAILED, 2, "no memory for the processes to share");
+    if (memory == MAP_FAILED) {
+        throw Stop{2, "no memory for the processes to share"};
+    }
     const auto unmap = [](void* shared) { munmap(shared, sizeof(Shared)); };
     const std::unique_ptr<void, decltype(unmap)> mapped(memory, unmap);
     fs::create_directory(directory + "/claims");

@@ -57,7 +57,9 @@ int Unpack(const std::string& packageFile, const std::string& folder, bool asJso
     const Package package = OpenPackage(packageFile);
     const std::vector<const Entry*> entries = OwnEntries(package);
     const std::string flaw = FlawOf(package, entries);
-    Require(flaw.empty(), 1, packageFile + ": pack makes no such package: " + flaw);
+    if (!flaw.empty()) {
+        throw Stop{1, packageFile + ": pack makes no such package: " + flaw};
+    }
     std::vector<ManifestEntry> parts;
     for (const Entry* entry : entries) {
         const uint8_t* body = package.bytes.get() + entry->body;
