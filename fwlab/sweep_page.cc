@@ -58,27 +58,14 @@ pre .as { color: #56606a; font-style: italic; }
 // For element content and attribute values of HTML and XML. The text is one printable line: what is
 // not comes Escaped.
 std::string Markup(const std::string& text) {
+    static const std::map<char, std::string> entities = {
+        {'&', "&amp;"}, {'<', "&lt;"}, {'>', "&gt;"}, {'"', "&quot;"}, {'\'', "&#39;"}};
     std::string safe;
     for (const char c : text) {
-        switch (c) {
-        case '&':
-            safe += "&amp;";
-            break;
-        case '<':
-            safe += "&lt;";
-            break;
-        case '>':
-            safe += "&gt;";
-            break;
-        case '"':
-            safe += "&quot;";
-            break;
-        case '\'':
-            safe += "&#39;";
-            break;
-        default:
-            safe += c >= ' ' && c <= '~' ? c : '?';
-        }
+        const auto entity = entities.find(c);
+        safe += entity != entities.end() ? entity->second
+                : c >= ' ' && c <= '~'   ? std::string(1, c)
+                                         : "?";
     }
     return safe;
 }
@@ -98,7 +85,7 @@ std::string Result(const CallEntry& call) {
 struct Chip {
     std::string label;
     Fate fate;
-    size_t timeLine, nextTimeLine;
+    std::string timeLine, nextTimeLine;
     bool isPowerCut, isWrong;
 };
 bool operator==(const Chip& one, const Chip& other) { // but for the time lines
@@ -271,16 +258,8 @@ Texts Lines(const std::string& text) {
     return lines;
 }
 
-Texts BaseLines(const RunResult& base) {
-    Texts lines;
-    for (const TimeLineEntry& entry : TimeLine(base)) {
-        lines.push_back(std::string(entry.source) + "\t" + entry.text);
-    }
-    return lines;
-}
-
 // The lines from one on, which are printable; equal ones in a row once.
-std::string TimeLineText(const Texts& lines, size_t from) {
+std::string TimeLineMarkup(const Texts& lines, size_t from) {
     std::string html;
     for (size_t i = from; i < lines.size(); i++) {
         const size_t first = i;
@@ -307,7 +286,7 @@ std::string TimeLineSection(const std::string& id, const std::string& title,
 
 // Each distinct time line; what it has in common with the base run's is left out.
 std::string TimeLines(const SweepResult& result) {
-    std::map<size_t, size_t> owners; // the scenario of each time line
+    std::map<std::string, size_t> owners; // the scenario of each time line
     for (size_t i = 0; i < result.jobs.size(); i++) {
         owners.emplace(result.results[i].timeLine, result.jobs[i].scenario);
         for (const SweepLeft& left : result.results[i].left) {
@@ -317,12 +296,12 @@ std::string TimeLines(const SweepResult& result) {
     std::vector<Texts> bases;
     std::string html;
     for (const RunResult& base : result.bases) {
-        bases.push_back(BaseLines(base));
+        bases.push_back(Lines(TimeLineText(base)));
         html += TimeLineSection(fmt::format("b{}", bases.size() - 1), "The run without a fault",
-                                TimeLineText(bases.back(), 0));
+                                TimeLineMarkup(bases.back(), 0));
     }
-    for (const auto& [number, scenario] : owners) {
-        const Texts lines = Lines(result.timeLines[number]);
+    for (const auto& [key, scenario] : owners) {
+        const Texts lines = Lines(result.timeLines.at(key));
         const Texts& base = bases[scenario];
         const auto [here, there] =
             std::mismatch(lines.begin(), lines.end(), base.begin(), base.end());
@@ -331,8 +310,8 @@ std::string TimeLines(const SweepResult& result) {
         const std::string as = fmt::format("<a class=\"as\" href=\"#b{}\">{} lines as in the run "
                                            "without a fault</a>\n",
                                            scenario, from);
-        html += TimeLineSection(fmt::format("t{}", number), fmt::format("Time line {}", number),
-                                (from > 0 ? as : "") + TimeLineText(lines, from));
+        html += TimeLineSection("t" + key, "Time line",
+                                (from > 0 ? as : "") + TimeLineMarkup(lines, from));
     }
     return html;
 }
