@@ -2,7 +2,7 @@
 // Stop.
 #pragma once
 
-#include "fwlab/layout.h"
+#include "fwlab/package.h"
 #include "fwlab/stop.h"
 #include "fwlab/text.h"
 #include "simphone/description.h"
@@ -16,8 +16,8 @@ int Pack(const std::string& manifestFile, const std::string& output, bool withLa
 
 // The same package in memory.
 struct Built {
-    std::string bytes;
-    const Layout* layout;
+    std::shared_ptr<const std::string> bytes;
+    Package package; // of these bytes
     size_t entries;
     Texts inputs; // the files that it was made from
 };

@@ -6,7 +6,6 @@
 #include "simphone/files.h"
 
 #include <algorithm>
-#include <cstring>
 #include <fmt/format.h>
 #include <map>
 #include <set>
@@ -332,8 +331,7 @@ int Diff(const std::string& oldFile, const std::string& newFile, bool asJson) {
         throw Stop{2, "one package is for eMMC, the other one for UFS"};
     }
     const std::vector<Pair> pairs = PairsOf(before, after);
-    const bool isSame =
-        one.size == other.size && memcmp(one.bytes.get(), other.bytes.get(), one.size) == 0;
+    const bool isSame = IsSame(one, other);
     Json report = {{"old", Describe(before)},
                    {"new", Describe(after)},
                    {"same", isSame},
@@ -342,10 +340,8 @@ int Diff(const std::string& oldFile, const std::string& newFile, bool asJson) {
     for (const Pair& pair : pairs) {
         report["entries"].push_back(Describe(pair, pairs, before, after));
     }
-    if (asJson) {
-        fmt::print("{}\n", report.dump(2));
-    } else {
-        Print(report, after.entries.empty() && one.layout != nullptr ? *one.layout : *other.layout);
-    }
+    const Layout& layout =
+        after.entries.empty() && one.layout != nullptr ? *one.layout : *other.layout;
+    Show(asJson, report, [&] { Print(report, layout); });
     return isSame ? 0 : 1;
 }

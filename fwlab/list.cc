@@ -78,10 +78,6 @@ bool IsFlawless(const Json& report) {
 
 int List(const std::string& packageFile, bool asJson) {
     const Json report = Describe(OpenPackage(packageFile));
-    if (asJson) {
-        fmt::print("{}\n", report.dump(2));
-    } else {
-        Print(report, "");
-    }
+    Show(asJson, report, [&] { Print(report, ""); });
     return IsFlawless(report) ? 0 : 1;
 }

@@ -55,18 +55,13 @@ ManifestEntry ReadEntry(Keys keys, const Layout& layout, const std::filesystem::
     };
     take(layout.manufacturer, kRequired);
     take(layout.name, kRequired);
-    if (layout.extCsdRev.size > 0) {
-        take(layout.extCsdRev, kRequired);
-    }
+    take(layout.extCsdRev, kRequired);
     take(layout.revision, kRequired);
     take(layout.baseRevs, kOptional);
     take(layout.marketName, kOptional);
     const std::string imageFile = folder / TakeText(keys, "image");
     const std::string wanted = TakeDigest(keys);
-    RefuseTheRest(keys);
-    if (!keys.error.empty()) {
-        throw Stop{2, keys.error};
-    }
+    FinishTable(keys);
     const std::string image = ReadImage(imageFile);
     const std::string digest = Sha256(image);
     if (!wanted.empty() && wanted != digest) {
@@ -103,32 +98,13 @@ std::string ManifestText(const Layout& layout, const std::vector<ManifestEntry>&
 }
 
 std::vector<ManifestEntry> ReadManifest(const std::string& path) {
-    toml::table table;
-    std::string error;
-    if (!ReadTable(path, table, error)) {
-        throw Stop{2, error};
-    }
-    const std::string technology = TakeText({table, error}, "technology");
-    if (technology != "emmc" && technology != "ufs" && error.empty()) {
-        throw Stop{2, path + ": technology is not \"emmc\" or \"ufs\""};
-    }
     std::vector<ManifestEntry> entries;
-    Take({table, error}, "entry", kRequired, "[[entry]] tables", [&](toml::node& node) {
-        bool isRight = node.is_array_of_tables();
-        for (size_t i = 0; isRight && i < node.as_array()->size(); i++) {
-            try {
-                entries.push_back(ReadEntry({*(*node.as_array())[i].as_table(), error},
-                                            technology == "ufs" ? UFS : EMMC,
-                                            std::filesystem::path(path).parent_path()));
-            } catch (const Stop& stop) {
-                throw Stop{stop.status, fmt::format("{}: entry {}: {}", path, i + 1, stop.text)};
-            }
-        }
-        return isRight;
+    ReadToml(path, [&](Keys keys) {
+        const Layout& layout = TakeChoice(keys, "technology", "emmc", "ufs") ? EMMC : UFS;
+        TakeTables(keys, "entry", "[[entry]] tables", [&](Keys entry) {
+            const auto folder = std::filesystem::path(path).parent_path();
+            entries.push_back(ReadEntry(entry, layout, folder));
+        });
     });
-    RefuseTheRest({table, error});
-    if (!error.empty()) {
-        throw Stop{2, path + ": " + error};
-    }
     return entries;
 }

@@ -55,6 +55,18 @@ std::string Sentence(const Decision& decision) {
     return "Used up: " + decision.why + ". " + remedy;
 }
 
+void Print(const Identity& device, const Decision& decision) {
+    fmt::print("device: {} {}, runs {}\n", Quoted(Get(device, device.layout->manufacturer)),
+               Quoted(Get(device, device.layout->name)), Quoted(RevisionOf(device)));
+    for (const Step& step : decision.steps) {
+        Print(step);
+    }
+    fmt::print("{}\n", Sentence(decision));
+    for (const std::string& note : decision.sent == nullptr ? Texts() : NotesOf(*decision.sent)) {
+        fmt::print("Note: {}.\n", note);
+    }
+}
+
 } // namespace
 
 int Match(const std::string& packageFile, const Description& phone, const std::string& recordFile,
@@ -66,20 +78,6 @@ int Match(const std::string& packageFile, const Description& phone, const std::s
     }
     const Record record = recordFile.empty() ? Record() : ReadRecord(recordFile);
     const Decision decision = Decide(package, device, recordFile.empty() ? nullptr : &record);
-    if (asJson) {
-        fmt::print("{}\n", Describe(decision).dump(2));
-    } else {
-        const Layout& layout = *device.identity.layout;
-        fmt::print("device: {} {}, runs {}\n", Quoted(Get(device.identity, layout.manufacturer)),
-                   Quoted(Get(device.identity, layout.name)), Quoted(RevisionOf(device.identity)));
-        for (const Step& step : decision.steps) {
-            Print(step);
-        }
-        fmt::print("{}\n", Sentence(decision));
-        for (const std::string& note :
-             decision.sent == nullptr ? Texts() : NotesOf(*decision.sent)) {
-            fmt::print("Note: {}.\n", note);
-        }
-    }
+    Show(asJson, Describe(decision), [&] { Print(device.identity, decision); });
     return decision.verdict == Verdict::UPDATE ? 0 : 1;
 }

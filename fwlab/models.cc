@@ -6,29 +6,18 @@
 
 #include <climits>
 #include <filesystem>
-#include <fmt/format.h>
 
 namespace {
 
-std::vector<Running> TakeRunning(Keys keys, const Field& revision) {
+// What runs on devices of this identity.
+std::vector<Running> TakeRunning(Keys keys, Identity identity) {
     std::vector<Running> running;
-    Take(keys, "running", kRequired, "a list of tables such as { revision = \"0800\", phones = 9 }",
-         [&](toml::node& node) {
-             bool isRight = node.is_array() && !node.as_array()->empty();
-             for (size_t i = 0; isRight && i < node.as_array()->size(); i++) {
-                 toml::table* table = (*node.as_array())[i].as_table();
-                 isRight = table != nullptr;
-                 if (isRight) {
-                     std::string bytes;
-                     const Keys inner = {*table, keys.error};
-                     Take(inner, "revision", kRequired, "a text or a list of bytes",
-                          [&](const toml::node& text) { return ReadBytes(text, revision, bytes); });
-                     running.push_back({bytes, TakeNumber(inner, "phones", UINT32_MAX)});
-                     RefuseTheRest(inner);
-                 }
-             }
-             return isRight;
-         });
+    const char wanted[] = "a list of tables such as { revision = \"0800\", phones = 9 }";
+    TakeTables(keys, "running", wanted, [&](Keys inner) {
+        TakeField(inner, identity.layout->revision, kRequired, identity);
+        running.push_back(
+            {Get(identity, identity.layout->revision), TakeNumber(inner, "phones", UINT32_MAX)});
+    });
     return running;
 }
 
@@ -37,24 +26,16 @@ Device TakeDevice(Keys keys, const std::filesystem::path& folder) {
     if (keys.table.contains("phone")) {
         return DeviceOf(ReadPhone(folder / TakeText(keys, "phone")));
     }
-    const std::string technology = TakeText(keys, "technology");
-    const bool isUfs = technology == "ufs";
-    if (keys.error.empty() && !isUfs && technology != "emmc") {
-        keys.error = "technology is not \"emmc\" or \"ufs\"";
-    }
-    const Layout& layout = isUfs ? UFS : EMMC;
+    const bool isEmmc = TakeChoice(keys, "technology", "emmc", "ufs");
+    const Layout& layout = isEmmc ? EMMC : UFS;
     Device device = {NewIdentity(layout), false, 0};
-    TakeField(keys, layout.manufacturer, kRequired, device.identity);
-    TakeField(keys, layout.name, kRequired, device.identity);
-    if (isUfs) {
-        device.maxHwSectorsKb = TakeNumber(keys, "max_hw_sectors_kb", INT_MAX / 1024, kOptional);
-        return device;
+    for (const Field* field : {&layout.manufacturer, &layout.name, &layout.extCsdRev}) {
+        TakeField(keys, *field, kRequired, device.identity);
     }
-    TakeField(keys, layout.extCsdRev, kRequired, device.identity);
-    const std::string mode = TakeText(keys, "mode");
-    device.gki = mode == "gki";
-    if (keys.error.empty() && !device.gki && mode != "normal") {
-        keys.error = "mode is not \"gki\" or \"normal\"";
+    if (isEmmc) {
+        device.gki = TakeChoice(keys, "mode", "gki", "normal");
+    } else {
+        device.maxHwSectorsKb = TakeNumber(keys, "max_hw_sectors_kb", INT_MAX / 1024, kOptional);
     }
     return device;
 }
@@ -62,34 +43,17 @@ Device TakeDevice(Keys keys, const std::filesystem::path& folder) {
 } // namespace
 
 std::vector<Model> ReadModels(const std::string& path) {
-    toml::table table;
-    std::string error;
-    if (!ReadTable(path, table, error)) {
-        throw Stop{2, error};
-    }
     std::vector<Model> fleet;
-    Take({table, error}, "model", kRequired, "[[model]] tables", [&](toml::node& node) {
-        const bool isRight = node.is_array_of_tables();
-        for (size_t i = 0; isRight && i < node.as_array()->size(); i++) {
-            const std::string where = fmt::format("{}: model {}: ", path, i + 1);
-            try {
-                const Keys keys = {*(*node.as_array())[i].as_table(), error};
-                Device device = TakeDevice(keys, std::filesystem::path(path).parent_path());
-                const auto running = TakeRunning(keys, device.identity.layout->revision);
-                RefuseTheRest(keys);
-                if (!error.empty()) {
-                    throw Stop{2, error};
-                }
-                fleet.push_back({device, running});
-            } catch (const Stop& stop) {
-                throw Stop{2, where + stop.text};
-            }
-        }
-        return isRight;
-    });
-    RefuseTheRest({table, error});
-    if (!error.empty()) {
-        throw Stop{2, path + ": " + error};
+    const auto folder = std::filesystem::path(path).parent_path();
+    try {
+        ReadToml(path, [&](Keys keys) {
+            TakeTables(keys, "model", "[[model]] tables", [&](Keys model) {
+                const Device device = TakeDevice(model, folder);
+                fleet.push_back({device, TakeRunning(model, device.identity)});
+            });
+        });
+    } catch (const Stop& stop) { // a refused value, too, is wrong input here
+        throw Stop{2, stop.text};
     }
     return fleet;
 }

@@ -4,6 +4,7 @@
 #include "fwlab/stop.h"
 
 #include <cerrno>
+#include <cstring>
 #include <fcntl.h>
 #include <filesystem>
 #include <fmt/format.h>
@@ -58,6 +59,10 @@ Package LookInto(const std::string& path, const PackageBytes& bytes, size_t size
                                    BodyFits(size, p, headerSize, bodySize), identity});
     }
     return package;
+}
+
+bool IsSame(const Package& one, const Package& other) {
+    return one.size == other.size && memcmp(one.bytes.get(), other.bytes.get(), one.size) == 0;
 }
 
 std::string Title(const Entry& entry) {

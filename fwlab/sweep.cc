@@ -185,11 +185,7 @@ int Sweep(const SweepRequest& request) {
     if (result.interruptedBy != 0) {
         throw Stop{128 + result.interruptedBy, "interrupted"};
     }
-    if (request.asJson) {
-        fmt::print("{}\n", Describe(request, result).dump(2));
-    } else {
-        Print(request, result);
-    }
+    Show(request.asJson, Describe(request, result), [&] { Print(request, result); });
     if (!request.junit.empty()) {
         WriteOutput(request.junit, SweepJunit(request, result));
     }

@@ -14,6 +14,42 @@ bool IsFreeSlot(const std::string& slot) {
     return slot[0] == '\0' || slot == std::string(slot.size(), '\xFF');
 }
 
+// A text or a list of bytes, or for a field of one byte a number, brought to the size of the field.
+// False if the node is neither; Stop if the bytes are none that a device can have there.
+bool ReadBytes(const toml::node& node, const Field& field, std::string& bytes) {
+    const bool isText = node.is_string();
+    const bool isExact = field.filling == Field::EXACT || (field.filling == Field::NODE && !isText);
+    if (field.size == 1 ? !AppendBytes(toml::array{node}, bytes) : !AppendBytes(node, bytes)) {
+        return false;
+    }
+    if (bytes.size() > field.size || (isExact && bytes.size() != field.size)) {
+        throw Stop{1, fmt::format("{} has {} bytes, not {}{}", field.key, bytes.size(),
+                                  isExact ? "" : "at most ", field.size)};
+    }
+    if (field.filling == Field::NODE && bytes.empty()) {
+        throw Stop{1, std::string(field.key) + " is empty: no device has it"};
+    }
+    if (&field == &UFS.manufacturer && isText) {
+        const bool isRight = bytes.size() == field.size && bytes.rfind("0x", 0) == 0 &&
+                             bytes.find_first_not_of("0123456789abcdef", 2) == std::string::npos;
+        if (!isRight) {
+            throw Stop{1, Quoted(bytes) +
+                              " is no manfid as kernels print it, such as \"0x0001ce\": 0x and "
+                              "six digits, letters in lower case; write a list of 8 numbers "
+                              "where a kernel prints another one"};
+        }
+    }
+    if (field.filling == Field::NODE && isText) {
+        if (bytes.find('\n') != std::string::npos) {
+            throw Stop{1, std::string(field.key) +
+                              " has a line feed: fwlab adds it, as phones read one"};
+        }
+        bytes += '\n';
+    }
+    bytes.resize(field.size);
+    return true;
+}
+
 // Free slots repeat the last revision, so that they admit nothing else.
 bool ReadBaseRevs(const toml::node& node, const Field& revision, std::string& bytes) {
     const size_t slots = BASE_REVS_SIZE / revision.size;
@@ -80,41 +116,56 @@ std::string BaseRevsOf(const Identity& identity) {
 
 } // namespace
 
-bool ReadBytes(const toml::node& node, const Field& field, std::string& bytes) {
-    const bool isText = node.is_string();
-    const bool isExact = field.filling == Field::EXACT || (field.filling == Field::NODE && !isText);
-    if (field.size == 1 ? !AppendBytes(toml::array{node}, bytes) : !AppendBytes(node, bytes)) {
-        return false;
+void ReadToml(const std::string& path, const std::function<void(Keys)>& use) {
+    toml::table table;
+    std::string error;
+    if (!ReadTable(path, table, error)) {
+        throw Stop{2, error};
     }
-    if (bytes.size() > field.size || (isExact && bytes.size() != field.size)) {
-        throw Stop{1, fmt::format("{} has {} bytes, not {}{}", field.key, bytes.size(),
-                                  isExact ? "" : "at most ", field.size)};
+    try {
+        use({table, error});
+        FinishTable({table, error});
+    } catch (const Stop& stop) {
+        throw Stop{stop.status, path + ": " + stop.text};
     }
-    if (field.filling == Field::NODE && bytes.empty()) {
-        throw Stop{1, std::string(field.key) + " is empty: no device has it"};
-    }
-    if (&field == &UFS.manufacturer && isText) {
-        const bool isRight = bytes.size() == field.size && bytes.rfind("0x", 0) == 0 &&
-                             bytes.find_first_not_of("0123456789abcdef", 2) == std::string::npos;
-        if (!isRight) {
-            throw Stop{1, Quoted(bytes) +
-                              " is no manfid as kernels print it, such as \"0x0001ce\": 0x and "
-                              "six digits, letters in lower case; write a list of 8 numbers "
-                              "where a kernel prints another one"};
+}
+
+void TakeTables(Keys keys, const char* key, const char* wanted,
+                const std::function<void(Keys)>& use) {
+    Take(keys, key, kRequired, wanted, [&](toml::node& node) {
+        const size_t count = node.is_array_of_tables() ? node.as_array()->size() : 0;
+        for (size_t i = 0; i < count; i++) {
+            const Keys inner = {*(*node.as_array())[i].as_table(), keys.error};
+            try {
+                use(inner);
+                FinishTable(inner);
+            } catch (const Stop& stop) {
+                throw Stop{stop.status, fmt::format("{} {}: {}", key, i + 1, stop.text)};
+            }
         }
+        return count > 0;
+    });
+}
+
+void FinishTable(Keys keys) {
+    RefuseTheRest(keys);
+    if (!keys.error.empty()) {
+        throw Stop{2, keys.error};
     }
-    if (field.filling == Field::NODE && isText) {
-        if (bytes.find('\n') != std::string::npos) {
-            throw Stop{1, std::string(field.key) +
-                              " has a line feed: fwlab adds it, as phones read one"};
-        }
-        bytes += '\n';
+}
+
+bool TakeChoice(Keys keys, const char* key, const std::string& first, const std::string& second) {
+    const std::string text = TakeText(keys, key);
+    if (keys.error.empty() && text != first && text != second) {
+        keys.error = fmt::format("{} is not \"{}\" or \"{}\"", key, first, second);
     }
-    bytes.resize(field.size);
-    return true;
+    return text == first;
 }
 
 void TakeField(Keys keys, const Field& field, Need need, Identity& identity) {
+    if (field.size == 0) {
+        return;
+    }
     Take(keys, field.key, need,
          field.size == 1                        ? "a number from 0 to 255"
          : &field == &identity.layout->baseRevs ? "a list of revisions"

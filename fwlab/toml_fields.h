@@ -5,11 +5,23 @@
 #include "fwlab/layout.h"
 #include "simphone/keys.h"
 
-// A text or a list of bytes, or for a field of one byte a number, brought to the size of the field.
-// False if the node is neither; Stop if the bytes are none that a device can have there.
-[[nodiscard]] bool ReadBytes(const toml::node& node, const Field& field, std::string& bytes);
+#include <functional>
 
-// Takes the key of the field, into identity.
+// Lets `use` take the keys of a file. Stop, with the file's name, if it is no TOML, if a key is
+// missing or wrong, or if one is left that nothing took.
+void ReadToml(const std::string& path, const std::function<void(Keys)>& use);
+
+// The same for each table of the key's list; Stop names the key and the number of the table.
+void TakeTables(Keys keys, const char* key, const char* wanted,
+                const std::function<void(Keys)>& use);
+
+// Stop if there was an error, or if a key is left.
+void FinishTable(Keys keys);
+
+// A text that must be one of the two; true for the first one.
+bool TakeChoice(Keys keys, const char* key, const std::string& first, const std::string& second);
+
+// Takes the key of the field, into identity; nothing for a field that the layout does not have.
 void TakeField(Keys keys, const Field& field, Need need, Identity& identity);
 
 // The value of the field as a TOML text: TakeField reads the same bytes from it.

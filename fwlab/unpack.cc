@@ -8,7 +8,6 @@
 #include "simphone/files.h"
 
 #include <algorithm>
-#include <cstring>
 #include <filesystem>
 #include <fmt/format.h>
 
@@ -35,14 +34,10 @@ std::string FlawOf(const Package& package, const std::vector<const Entry*>& entr
 
 // Whether pack makes these bytes of the manifest; Stop if not.
 void RequireSame(const std::string& manifest, const Package& package) {
-    const Built built = BuildPackage(manifest, true);
-    if (built.bytes.size() == package.size &&
-        memcmp(built.bytes.data(), package.bytes.get(), package.size) == 0) {
+    const Package made = BuildPackage(manifest, true).package;
+    if (IsSame(made, package)) {
         return;
     }
-    const PackageBytes borrowed(PackageBytes(),
-                                reinterpret_cast<const uint8_t*>(built.bytes.data()));
-    const Package made = LookInto(manifest, borrowed, built.bytes.size(), package.layout);
     const std::vector<Difference> found = DifferencesOf(package, made);
     throw Stop{1, found.empty()
                       ? package.path + ": pack does not make it again"
@@ -77,17 +72,14 @@ int Unpack(const std::string& packageFile, const std::string& folder, bool asJso
     const bool needsGki = std::any_of(entries.begin(), entries.end(),
                                       [](const Entry* entry) { return NeedsGkiMode(*entry); });
     const std::string manifest = std::filesystem::path(folder) / MANIFEST;
-    if (asJson) {
-        fmt::print("{}\n", Json({{"package", Escaped(packageFile)},
-                                 {"manifest", Escaped(manifest)},
-                                 {"entries", entries.size()},
-                                 {"gki_only", needsGki}})
-                               .dump(2));
-        return 0;
-    }
-    fmt::print("{}: entries: {}\n", Escaped(manifest), entries.size());
-    if (needsGki) {
-        fmt::print("An eMMC image is larger than 1 MiB: pack it with --gki-only.\n");
-    }
+    const Json report = {{"package", Escaped(packageFile)},
+                         {"manifest", Escaped(manifest)},
+                         {"entries", entries.size()},
+                         {"gki_only", needsGki}};
+    Show(asJson, report, [&] {
+        fmt::print("{}: entries: {}\n{}", Escaped(manifest), entries.size(),
+                   needsGki ? "An eMMC image is larger than 1 MiB: pack it with --gki-only.\n"
+                            : "");
+    });
     return 0;
 }

@@ -4,7 +4,6 @@
 #include "fwlab/spans.h"
 #include "simphone/files.h"
 
-#include <cstring>
 #include <fmt/format.h>
 
 namespace {
@@ -37,14 +36,13 @@ std::string TextOf(const Difference& difference, const std::vector<const Entry*>
 
 int Verify(const std::string& packageFile, const std::string& manifestFile, bool asJson) {
     const Built built = BuildPackage(manifestFile, true);
-    const PackageBytes borrowed(PackageBytes(),
-                                reinterpret_cast<const uint8_t*>(built.bytes.data()));
-    const Package wanted = LookInto(manifestFile, borrowed, built.bytes.size(), built.layout);
-    const Package package = OpenPackage(packageFile, built.layout);
+    const Package& wanted = built.package;
+    const Package package = OpenPackage(packageFile, wanted.layout);
+    const bool isSame = IsSame(package, wanted);
     const std::vector<const Entry*> entries = OwnEntries(wanted);
     Json report = {{"package", Escaped(packageFile)},
                    {"manifest", Escaped(manifestFile)},
-                   {"same", true},
+                   {"same", isSame},
                    {"differences", Json::array()}};
     for (const Difference& difference : DifferencesOf(wanted, package)) {
         report["differences"].push_back(
@@ -55,17 +53,12 @@ int Verify(const std::string& packageFile, const std::string& manifestFile, bool
              {"package", difference.second},
              {"text", TextOf(difference, entries)}});
     }
-    const bool isSame = package.size == wanted.size &&
-                        memcmp(package.bytes.get(), wanted.bytes.get(), wanted.size) == 0;
-    report["same"] = isSame;
-    if (asJson) {
-        fmt::print("{}\n", report.dump(2));
-        return isSame ? 0 : 1;
-    }
-    for (const Json& difference : report["differences"]) {
-        fmt::print("{}\n", difference["text"].get<std::string>());
-    }
-    fmt::print("{}: {} what {} makes\n", Escaped(packageFile), isSame ? "is" : "is NOT",
-               Escaped(manifestFile));
+    Show(asJson, report, [&] {
+        for (const Json& difference : report["differences"]) {
+            fmt::print("{}\n", difference["text"].get<std::string>());
+        }
+        fmt::print("{}: {} what {} makes\n", Escaped(packageFile), isSame ? "is" : "is NOT",
+                   Escaped(manifestFile));
+    });
     return isSame ? 0 : 1;
 }
