@@ -20,7 +20,7 @@ Device DeviceOf(const Description& phone) {
 Description ReadPhone(const std::string& descriptionFile) {
     Description phone;
     std::string error;
-    if (!ReadDescription(descriptionFile, phone, error)) {
+    if (!ReadDescription(descriptionFile, {}, phone, error)) {
         throw Stop{2, error};
     }
     return phone;

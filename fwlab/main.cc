@@ -84,15 +84,11 @@ void AddVerify(CLI::App& app, Arguments& args) {
 }
 
 std::string Bytes(const std::string& text) {
-    for (size_t p = text.find('\\'); p != std::string::npos; p = text.find('\\', p + 2)) {
-        const char next = text[p + 1]; // a zero byte at the end
-        const size_t hexEnd = text.find_first_not_of("0123456789abcdefABCDEF", p + 2);
-        const bool isHex = next == 'x' && p + 4 <= std::min(text.size(), hexEnd);
-        if (next != 'n' && next != '\\' && !isHex) {
-            throw Stop{2, text + R"(: a backslash begins \n, \\ or \xHH)"};
-        }
+    std::string bytes;
+    if (!Unescape(text, bytes)) {
+        throw Stop{2, text + R"(: a backslash begins \n, \\ or \xHH)"};
     }
-    return Unescaped(text);
+    return bytes;
 }
 
 // The bytes that an option gives for a field.

@@ -39,7 +39,7 @@ std::string ReadImage(const std::string& path) {
 std::string TakeDigest(Keys keys) {
     std::string digest;
     const char wanted[] = "64 hexadecimal digits in lower case";
-    Take(keys, "image_sha256", kOptional, wanted, [&](const toml::node& node) {
+    Take(keys, "image_sha256", OPTIONAL, wanted, [&](const toml::node& node) {
         digest = node.value_exact<std::string>().value_or("");
         return digest.size() == 64 &&
                digest.find_first_not_of("0123456789abcdef") == std::string::npos;
@@ -53,12 +53,12 @@ ManifestEntry ReadEntry(Keys keys, const Layout& layout, const std::filesystem::
     const auto take = [&](const Field& field, Need need) {
         TakeField(keys, field, need, identity);
     };
-    take(layout.manufacturer, kRequired);
-    take(layout.name, kRequired);
-    take(layout.extCsdRev, kRequired);
-    take(layout.revision, kRequired);
-    take(layout.baseRevs, kOptional);
-    take(layout.marketName, kOptional);
+    take(layout.manufacturer, REQUIRED);
+    take(layout.name, REQUIRED);
+    take(layout.extCsdRev, REQUIRED);
+    take(layout.revision, REQUIRED);
+    take(layout.baseRevs, OPTIONAL);
+    take(layout.marketName, OPTIONAL);
     const std::string imageFile = folder / TakeText(keys, "image");
     const std::string wanted = TakeDigest(keys);
     FinishTable(keys);

@@ -14,7 +14,7 @@ std::vector<Running> TakeRunning(Keys keys, Identity identity) {
     std::vector<Running> running;
     const char wanted[] = "a list of tables such as { revision = \"0800\", phones = 9 }";
     TakeTables(keys, "running", wanted, [&](Keys inner) {
-        TakeField(inner, identity.layout->revision, kRequired, identity);
+        TakeField(inner, identity.layout->revision, REQUIRED, identity);
         running.push_back(
             {Get(identity, identity.layout->revision), TakeNumber(inner, "phones", UINT32_MAX)});
     });
@@ -30,12 +30,12 @@ Device TakeDevice(Keys keys, const std::filesystem::path& folder) {
     const Layout& layout = isEmmc ? EMMC : UFS;
     Device device = {NewIdentity(layout), false, 0};
     for (const Field* field : {&layout.manufacturer, &layout.name, &layout.extCsdRev}) {
-        TakeField(keys, *field, kRequired, device.identity);
+        TakeField(keys, *field, REQUIRED, device.identity);
     }
     if (isEmmc) {
         device.gki = TakeChoice(keys, "mode", "gki", "normal");
     } else {
-        device.maxHwSectorsKb = TakeNumber(keys, "max_hw_sectors_kb", INT_MAX / 1024, kOptional);
+        device.maxHwSectorsKb = TakeNumber(keys, "max_hw_sectors_kb", INT_MAX / 1024, OPTIONAL);
     }
     return device;
 }

@@ -12,6 +12,7 @@
 #include "run/state_flags.h"
 #include "simphone/files.h"
 #include "simphone/phone.h"
+#include "simphone/tool_run.h"
 
 #include <cstring>
 #include <filesystem>
@@ -149,7 +150,7 @@ int Rehearse(const RehearseOptions& options) {
 
     const WorkFolder folder;
     const std::string phone = options.keep.empty() ? folder.path + "/phone" : options.keep;
-    if (!MakePhone(options.phone, phone, error)) {
+    if (!MakePhone(options.phone, {}, phone, error)) {
         throw Stop{2, error};
     }
     if (!PutPackage(options.package, phone, error)) {

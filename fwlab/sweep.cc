@@ -95,7 +95,7 @@ void Print(const SweepRequest& request, const SweepResult& result) {
 std::string PhoneTitle(const std::string& description) {
     Description phone;
     std::string error;
-    if (!ReadDescription(description, phone, error)) {
+    if (!ReadDescription(description, {}, phone, error)) {
         throw Stop{2, error};
     }
     return fmt::format("{} {}, runs {}",
@@ -138,7 +138,7 @@ SweepSummary Summarize(const SweepResult& result, size_t scenario) {
                 continue;
             }
             sum.states[fate]++;
-            Fate& worst = cuts[job.call + (job.way == "end-after" ? 1 : 0)];
+            Fate& worst = cuts[job.call];
             worst = std::max(worst, left.fate);
         }
     }

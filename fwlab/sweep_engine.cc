@@ -8,6 +8,8 @@
 #include "fwlab/sweep_judgement.h"
 #include "fwlab/work_folder.h"
 #include "simphone/description.h"
+#include "simphone/files.h"
+#include "simphone/phone.h"
 
 #include <algorithm>
 #include <atomic>
@@ -87,16 +89,14 @@ void Prepare(Worker& worker, size_t scenario) {
         fs::remove_all(phone);
         std::string error;
         const std::string description = fmt::format("{}/{}.toml", worker.plan.directory, scenario);
-        if (!MakePhone(description, phone, error) ||
+        if (!MakePhone(description, {}, phone, error) ||
             !PutPackage(worker.plan.scenarios[scenario].package, phone, error)) {
             throw Stop{2, error};
         }
         worker.prepared = scenario;
     }
     RemoveDeviceFiles(phone);
-    for (const char* file : {"/splash2/test_ffu_trigger.tmp", "/requests.log"}) {
-        fs::remove(phone + file);
-    }
+    fs::remove(phone + "/splash2/test_ffu_trigger.tmp");
     PutState(phone, worker.plan.scenarios[scenario].before);
 }
 
@@ -452,7 +452,7 @@ void PutDescription(const Plan& plan, size_t scenario) {
     const std::string copy = fmt::format("{}/{}.toml", plan.directory, scenario);
     Description phone;
     std::string error, text;
-    if (!ReadDescription(file, phone, error)) {
+    if (!ReadDescription(file, {}, phone, error)) {
         throw Stop{2, error};
     }
     if (!ReadWholeFile(file, text)) {

@@ -4,8 +4,8 @@
 #pragma once
 
 #include "fwlab/text.h"
-#include "simphone/phone.h"
 #include "simphone/power_loss.h"
+#include "simphone/tool_run.h"
 
 #include <functional>
 #include <map>

@@ -21,7 +21,7 @@ long Moved(const CallEntry& call) {
 
 // The ways in which a call can fail.
 Texts Failures(const CallEntry& call) {
-    if (IsAmong({"free", "sleep", "__android_log_print"}, call.function)) {
+    if (IsAmong({"sleep", LOG_FUNCTION}, call.function)) {
         return {};
     }
     if (IsAmong({"read", "write"}, call.function)) {
@@ -31,20 +31,17 @@ Texts Failures(const CallEntry& call) {
         return call.path == UFS_BLOCK_NODE ? Texts{"EIO", "EINTR"}
                                            : Texts{"EIO", "EINTR", "returns=1"};
     }
-    return {"EIO"}; // or a null pointer
+    return {"EIO"};
 }
 
 // The power fails before a call that changes the phone, which is also after the one before it, and
 // after the last of them. In a write to a flag or the record it fails after each byte as well,
 // unless a write like it was torn before.
-Texts PowerCuts(const CallEntry& call, bool isLast, bool hadState, const SweepOptions& options,
+Texts PowerCuts(const CallEntry& call, bool isAfterLast, bool hadState, const SweepOptions& options,
                 Tried& tried) {
     Texts ways;
-    if (options.cutsEverywhere || ChangesThePhone(call)) {
+    if (options.cutsEverywhere || ChangesThePhone(call) || isAfterLast) {
         ways.emplace_back("end");
-    }
-    if (options.cutsEverywhere || isLast) {
-        ways.emplace_back("end-after");
     }
     const std::string kind = call.path + " " + call.result + (hadState ? "+" : "");
     const bool tears = call.function == "write" &&
@@ -59,11 +56,9 @@ Texts PowerCuts(const CallEntry& call, bool isLast, bool hadState, const SweepOp
 } // namespace
 
 bool ChangesThePhone(const CallEntry& call) {
-    const size_t flags = call.arguments.find("flags=");
     return IsAmong({"creat", "fsync", "ioctl", "mkdir", "remove", "unlink", "write"},
                    call.function) ||
-           (call.function == "open" &&
-            std::stoul(call.arguments.substr(flags + 6), nullptr, 0) & O_CREAT);
+           (call.function == "open" && std::stoul(Argument(call, "flags"), nullptr, 0) & O_CREAT);
 }
 
 std::vector<size_t> ChangingCalls(const RunResult& run) {
@@ -109,8 +104,8 @@ std::vector<SweepJob> JobsOf(const RunResult& base, size_t scenario, bool hadSta
                 jobs.push_back({scenario, i, way, place + way, false});
             }
         }
-        const bool isLast = !changing.empty() && i == changing.back();
-        for (const std::string& way : PowerCuts(call, isLast, hadState, options, tried)) {
+        const bool isAfterLast = !changing.empty() && i == changing.back() + 1;
+        for (const std::string& way : PowerCuts(call, isAfterLast, hadState, options, tried)) {
             jobs.push_back({scenario, i, way, alone + way, true});
         }
     }

@@ -42,10 +42,10 @@ char Letter(const std::string& request) {
 
 std::string Updates(const RunResult& run, long last) {
     std::string letters;
-    for (const DeviceRequest& request : run.requests) {
-        const bool isCounted = last < 0 || request.number <= last;
-        if (isCounted && !Contains(request.text, "opcode=8 ")) { // a register is read
-            letters += Letter(request.text);
+    for (const CallEntry& call : run.calls) {
+        const bool isCounted = call.IsRequest() && (last < 0 || call.number <= last);
+        if (isCounted && !Contains(call.text, "opcode=8 ")) { // a register is read
+            letters += Letter(call.text);
         }
     }
     return letters;
@@ -121,10 +121,10 @@ Fate FateOf(const std::string& updates, const std::string& taken, const SweepRun
     if (!image.empty() && image != wanted) {
         return Fate::OTHER_IMAGE;
     }
-    const auto& log = next.run.systemLog;
-    if (std::any_of(log.begin(), log.end(), [](const SystemLogEntry& message) {
-            return Contains(message.text, "CheckResultFile: ParseResultFile error");
-        })) {
+    const auto isStuck = [](const CallEntry& call) {
+        return call.IsMessage() && Contains(call.text, "CheckResultFile: ParseResultFile error");
+    };
+    if (std::any_of(next.run.calls.begin(), next.run.calls.end(), isStuck)) {
         return Fate::STUCK;
     }
     const bool isAttempted = IsAttempt(updates + Updates(next.run)) ||

@@ -100,10 +100,9 @@ std::string Label(const SweepJob& job, const SweepLeft& left) {
         const bool hasPath = job.fault.find(" /") != std::string::npos;
         return job.way + (isAlone ? "" : hasPath ? ", later ones on the path" : ", all later ones");
     }
-    const std::string after = job.way == "end-after" ? "after it: " : "";
-    return job.way.rfind("torn=", 0) == 0
-               ? job.way
-               : after + (left.losses.empty() ? "all survives" : left.losses);
+    return job.way.rfind("torn=", 0) == 0 ? job.way
+           : left.losses.empty()          ? "all survives"
+                                          : left.losses;
 }
 
 // Torn writes that leave the same become one chip, "torn=1 to 114".

@@ -132,7 +132,7 @@ void ReadToml(const std::string& path, const std::function<void(Keys)>& use) {
 
 void TakeTables(Keys keys, const char* key, const char* wanted,
                 const std::function<void(Keys)>& use) {
-    Take(keys, key, kRequired, wanted, [&](toml::node& node) {
+    Take(keys, key, REQUIRED, wanted, [&](toml::node& node) {
         const size_t count = node.is_array_of_tables() ? node.as_array()->size() : 0;
         for (size_t i = 0; i < count; i++) {
             const Keys inner = {*(*node.as_array())[i].as_table(), keys.error};

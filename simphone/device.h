@@ -5,7 +5,7 @@
 // nothing.
 #pragma once
 
-#include "description.h"
+#include "simphone/description.h"
 
 #include <linux/mmc/ioctl.h>
 #include <scsi/sg.h>

@@ -1,7 +1,8 @@
 // The eMMC side of the device: the requests that its driver takes through MMC_IOC_CMD and the GKI
 // node.
-#include "device.h"
-#include "files.h"
+#include "simphone/device.h"
+
+#include "simphone/files.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -9,29 +10,17 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-static const uint32_t kSendExtCsd = 8;
-static const uint32_t kDownload = 302; // the driver's own
-static const uint32_t kInstall = 303;  // the driver's own
-static const unsigned kFlags = 0xB5; // linux/mmc/core.h: MMC_RSP_SPI_R1 | MMC_RSP_R1 | MMC_CMD_ADTC
-static const uint32_t kReady = 0x900; // R1: ready for data, transfer state
+namespace {
 
-std::string DescribeMmc(const mmc_ioc_cmd& command) {
-    char text[160];
-    snprintf(text, sizeof(text),
-             "MMC_IOC_CMD opcode=%u write=%d arg=%u flags=0x%x blksz=%u blocks=%u%s",
-             command.opcode, command.write_flag, command.arg, command.flags, command.blksz,
-             command.blocks, command.data_ptr ? "" : " no data");
-    return text;
-}
+constexpr uint32_t SEND_EXT_CSD = 8;   // JEDEC
+constexpr uint32_t FFU_DOWNLOAD = 302; // the driver's own
+constexpr uint32_t FFU_INSTALL = 303;  // the driver's own
+// linux/mmc/core.h: MMC_RSP_SPI_R1 | MMC_RSP_R1 | MMC_CMD_ADTC
+constexpr unsigned R1_DATA_FLAGS = 0xB5;
+constexpr uint32_t R1_READY = 0x900; // ready for data, transfer state
+constexpr size_t EXT_CSD_SIZE = 512;
 
-const char* MmcRequestName(uint32_t opcode) {
-    return opcode == kSendExtCsd ? "SEND_EXT_CSD"
-           : opcode == kDownload ? "FFU_DOWNLOAD"
-           : opcode == kInstall  ? "FFU_INSTALL"
-                                 : "";
-}
-
-static int Install(const std::string& directory) {
+int Install(const std::string& directory) {
     // The bootloader's answer to an install without a download: nothing to install.
     if (access((directory + "/device/downloaded.bin").c_str(), F_OK) != 0) {
         return EINVAL;
@@ -39,19 +28,20 @@ static int Install(const std::string& directory) {
     return WriteWholeFile(directory + "/device/pending", "", 0) ? 0 : EIO;
 }
 
-static int SendExtCsd(const std::string& directory, const mmc_ioc_cmd& command) {
+int SendExtCsd(const std::string& directory, const mmc_ioc_cmd& command) {
     std::string extCsd;
     if (command.write_flag != 0 || command.blocks != 1) {
         return EINVAL;
     }
-    if (!ReadWholeFile(directory + "/device/ext_csd.bin", extCsd) || extCsd.size() != 512) {
+    if (!ReadWholeFile(directory + "/device/ext_csd.bin", extCsd) ||
+        extCsd.size() != EXT_CSD_SIZE) {
         return ETIMEDOUT;
     }
-    memcpy(reinterpret_cast<void*>(command.data_ptr), extCsd.data(), extCsd.size());
+    memcpy(reinterpret_cast<void*>(command.data_ptr), extCsd.data(), EXT_CSD_SIZE);
     return 0;
 }
 
-static int Download(const std::string& directory, const mmc_ioc_cmd& command) {
+int Download(const std::string& directory, const mmc_ioc_cmd& command) {
     if (command.write_flag != 1 || command.blocks == 0) {
         return EINVAL;
     }
@@ -60,28 +50,46 @@ static int Download(const std::string& directory, const mmc_ioc_cmd& command) {
     return WriteWholeFile(directory + "/device/downloaded.bin", data, size) ? 0 : EIO;
 }
 
+} // namespace
+
+std::string DescribeMmc(const mmc_ioc_cmd& command) {
+    char text[160];
+    snprintf(text, sizeof(text),
+             "MMC_IOC_CMD opcode=%u write=%d arg=%u flags=0x%x blksz=%u blocks=%u%s",
+             command.opcode, command.write_flag, command.arg, command.flags, command.blksz,
+             command.blocks, command.data_ptr == 0 ? " no data" : "");
+    return text;
+}
+
+const char* MmcRequestName(uint32_t opcode) {
+    return opcode == SEND_EXT_CSD   ? "SEND_EXT_CSD"
+           : opcode == FFU_DOWNLOAD ? "FFU_DOWNLOAD"
+           : opcode == FFU_INSTALL  ? "FFU_INSTALL"
+                                    : "";
+}
+
 int AnswerMmc(const std::string& directory, bool gki, int openFlags, mmc_ioc_cmd& command) {
-    const bool install = command.opcode == kInstall;
+    const bool isInstall = command.opcode == FFU_INSTALL;
     if ((openFlags & O_ACCMODE) != O_RDWR) {
         return EPERM;
     }
-    if (command.is_acmd || command.arg || command.__pad || command.flags != kFlags ||
-        command.blksz != 512) {
+    if (command.is_acmd != 0 || command.arg != 0 || command.__pad != 0 ||
+        command.flags != R1_DATA_FLAGS || command.blksz != 512) {
         return EINVAL;
     }
-    if (!command.data_ptr != install) {
-        return install ? EINVAL : EFAULT;
+    if ((command.data_ptr == 0) != isInstall) {
+        return isInstall ? EINVAL : EFAULT;
     }
     int status = EINVAL;
-    if (command.opcode == kSendExtCsd) {
+    if (command.opcode == SEND_EXT_CSD) {
         status = SendExtCsd(directory, command);
-    } else if (command.opcode == kDownload && !gki) {
+    } else if (command.opcode == FFU_DOWNLOAD && !gki) {
         status = Download(directory, command);
-    } else if (install && !gki && command.write_flag == 0 && command.blocks == 0) {
+    } else if (isInstall && !gki && command.write_flag == 0 && command.blocks == 0) {
         status = Install(directory);
     }
     if (status == 0) {
-        command.response[0] = kReady;
+        command.response[0] = R1_READY;
     }
     return status;
 }

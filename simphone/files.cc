@@ -1,11 +1,16 @@
 // Whole files and their texts. Called by everything in this folder; a failed write leaves what got
 // written, as on a phone.
-#include "files.h"
+#include "simphone/files.h"
 
+#include <charconv>
 #include <fcntl.h>
 #include <unistd.h>
 
-static const char kDigits[] = "0123456789abcdef";
+namespace {
+
+constexpr char DIGITS[] = "0123456789abcdef";
+
+} // namespace
 
 bool ReadWholeFile(const std::string& path, std::string& content) {
     const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
@@ -40,53 +45,50 @@ bool WriteWholeFile(const std::string& path, const void* data, size_t size) {
     return close(fd) == 0;
 }
 
-std::string Escaped(const std::string& text) {
-    std::string line;
-    for (const char c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (c == '\n') {
-            line += "\\n";
-        } else if (c == '\\') {
-            line += "\\\\";
-        } else if (byte < 0x20 || byte > 0x7E) {
-            line += "\\x" + Hex(&c, 1);
-        } else {
-            line += c;
-        }
-    }
-    return line;
-}
-
 std::string Displayed(const std::string& text) {
     std::string line;
     for (const char c : text) {
         const bool isPrintable = c >= 0x20 && c < 0x7F;
-        line += isPrintable ? std::string(1, c) : "\\x" + Hex(&c, 1);
+        line += c == '\n' ? "\\n" : isPrintable ? std::string(1, c) : "\\x" + Hex(&c, 1);
     }
     return line;
 }
 
-std::string Unescaped(const std::string& line) {
-    std::string text;
+std::string Escaped(const std::string& text) {
+    std::string doubled;
+    for (const char c : text) {
+        doubled.append(c == '\\' ? 2 : 1, c);
+    }
+    return Displayed(doubled);
+}
+
+bool Unescape(const std::string& line, std::string& text) {
+    text.clear();
     for (size_t i = 0; i < line.size(); i++) {
-        if (line[i] != '\\' || i + 1 == line.size()) {
+        const char next = i + 1 < line.size() ? line[i + 1] : '\0';
+        unsigned byte = 0;
+        if (line[i] != '\\') {
             text += line[i];
-        } else if (line[++i] == 'x') {
-            text += static_cast<char>(std::stoi(line.substr(i + 1, 2), nullptr, 16));
-            i += 2;
+        } else if (next == 'n' || next == '\\') {
+            text += next == 'n' ? '\n' : '\\';
+            i++;
+        } else if (next == 'x' && i + 4 <= line.size() &&
+                   std::from_chars(&line[i + 2], &line[i] + 4, byte, 16).ptr == &line[i] + 4) {
+            text += static_cast<char>(byte);
+            i += 3;
         } else {
-            text += line[i] == 'n' ? '\n' : line[i];
+            return false;
         }
     }
-    return text;
+    return true;
 }
 
 std::string Hex(const void* data, size_t size) {
     std::string text;
     for (size_t i = 0; i < size; i++) {
         const auto byte = static_cast<const unsigned char*>(data)[i];
-        text += kDigits[byte >> 4];
-        text += kDigits[byte & 0xF];
+        text += DIGITS[byte >> 4];
+        text += DIGITS[byte & 0xF];
     }
     return text;
 }

@@ -10,11 +10,12 @@
 // Creates or replaces a file; false if it cannot be written whole (errno tells why).
 [[nodiscard]] bool WriteWholeFile(const std::string& path, const void* data, size_t size);
 
-// One line of printable characters: a backslash and every other byte become \n, \\ or \xHH.
+// One line of printable characters: line feeds become \n, backslashes \\, every other byte \xHH.
 std::string Escaped(const std::string& text);
 // The same for a text with such forms in it already: its backslashes stay.
 std::string Displayed(const std::string& text);
-std::string Unescaped(const std::string& line);
+// The bytes of a text with such forms; false if a backslash begins none of them.
+[[nodiscard]] bool Unescape(const std::string& line, std::string& text);
 
 // Two lower-case digits a byte.
 std::string Hex(const void* data, size_t size);

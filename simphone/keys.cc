@@ -1,20 +1,22 @@
 // Reads TOML tables. Nothing here ends the program; the TOML library's own code is compiled here,
 // once.
 #define TOML_IMPLEMENTATION
-#include "keys.h"
+#include "simphone/keys.h"
 
-#include "files.h"
+#include "simphone/files.h"
 
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
 
-static const size_t DOTS_MAX = 64;
-static const size_t FILE_SIZE_MAX = 16 << 20;
+namespace {
+
+constexpr size_t DOTS_MAX = 64;
+constexpr size_t FILE_SIZE_MAX = 16 << 20;
 
 // The first line with a key of so many parts that the TOML library's recursion does not bear the
 // tables in each other; 0 if there is none. Dots count that stand outside of texts and comments.
-static size_t DeepLine(const std::string& text) {
+size_t DeepLine(const std::string& text) {
     size_t line = 1, dots = 0;
     char quote = 0; // in which a text stands; '#' in a comment
     for (const char c : text) {
@@ -34,6 +36,24 @@ static size_t DeepLine(const std::string& text) {
     }
     return 0;
 }
+
+// A text, or a list of numbers where TOML has no text of these bytes.
+void Assign(toml::table& table, const std::string& key, const std::string& bytes) {
+    toml::array numbers;
+    bool isText = true;
+    for (const char c : bytes) {
+        const auto byte = static_cast<unsigned char>(c);
+        isText = isText && byte < 0x80;
+        numbers.push_back(int64_t{byte});
+    }
+    if (isText) {
+        table.insert_or_assign(key, bytes);
+    } else {
+        table.insert_or_assign(key, numbers);
+    }
+}
+
+} // namespace
 
 bool ReadTable(const std::string& file, toml::table& table, std::string& error) {
     std::string text;
@@ -63,9 +83,45 @@ bool ReadTable(const std::string& file, toml::table& table, std::string& error) 
     return true;
 }
 
+bool SetKey(toml::table& table, const std::string& setting, std::string& error) {
+    const size_t equals = setting.find('=');
+    const std::string path = setting.substr(0, equals), key = path.substr(path.rfind('.') + 1);
+    const std::string value = equals == std::string::npos ? "" : setting.substr(equals + 1);
+    toml::table* parent = &table;
+    if (key.size() < path.size()) {
+        parent = table.at_path(path.substr(0, path.size() - key.size() - 1)).as_table();
+    }
+    if (equals == std::string::npos || key.empty() || parent == nullptr) {
+        error = Escaped(setting) + ": is not KEY=VALUE, with a key that the description can have";
+        return false;
+    }
+    const toml::node* old = parent->get(key);
+    const bool isBare = old != nullptr && (old->is_string() || old->is_array()) &&
+                        (value.empty() || strchr("\"'[", value[0]) == nullptr);
+    if (isBare) {
+        std::string bytes;
+        const std::string text = old->value_exact<std::string>().value_or("");
+        if (!Unescape(value, bytes)) {
+            error = Escaped(setting) + R"(: a backslash begins \n, \\ or \xHH)";
+            return false;
+        }
+        const bool isLine = !text.empty() && text.back() == '\n';
+        Assign(*parent, key,
+               bytes + (isLine && (bytes.empty() || bytes.back() != '\n') ? "\n" : ""));
+        return true;
+    }
+    const toml::parse_result parsed = toml::parse("value = " + value);
+    if (!parsed || parsed.table().size() != 1) {
+        error = Escaped(setting) + ": the value is not TOML";
+        return false;
+    }
+    parent->insert_or_assign(key, *parsed.table().get("value"));
+    return true;
+}
+
 std::string TakeText(Keys keys, const char* key) {
     std::string text;
-    Take(keys, key, kRequired, "a text", [&](const toml::node& node) {
+    Take(keys, key, REQUIRED, "a text", [&](const toml::node& node) {
         text = node.value_exact<std::string>().value_or("");
         return node.is_string();
     });
@@ -83,14 +139,14 @@ uint32_t TakeNumber(Keys keys, const char* key, uint32_t most, Need need) {
 
 std::string TakeBytes(Keys keys, const char* key, size_t most) {
     std::string bytes;
-    Take(keys, key, kRequired, "a text or a list of bytes that fits",
+    Take(keys, key, REQUIRED, "a text or a list of bytes that fits",
          [&](const toml::node& node) { return AppendBytes(node, bytes) && bytes.size() <= most; });
     return bytes;
 }
 
 std::vector<std::string> TakeTexts(Keys keys, const char* key) {
     std::vector<std::string> texts;
-    Take(keys, key, kOptional, "a text or a list of texts", [&](toml::node& node) {
+    Take(keys, key, OPTIONAL, "a text or a list of texts", [&](toml::node& node) {
         const toml::array list = node.is_array() ? *node.as_array() : toml::array{node};
         for (const toml::node& element : list) {
             texts.push_back(element.value_exact<std::string>().value_or(""));

@@ -1,12 +1,16 @@
 // The simphone command: makes a simulated phone, runs the tool on it, restarts it and shows it.
 // Started by hand and by the demo; exit status 0 fine, 2 an error, and for `run` the tool's own
 // (128 + n for a signal), unless a fault of the command line was never met.
-#include "phone.h"
+#include "simphone/files.h"
+#include "simphone/phone.h"
+#include "simphone/tool_run.h"
 
 #include <CLI/CLI.hpp>
 #include <iostream>
 
-static int Finish(bool right, const std::string& error) {
+namespace {
+
+int Finish(bool right, const std::string& error) {
     if (!right) {
         std::cerr << "simphone: " << Displayed(error) << "\n";
     } else if (!std::cout.flush()) {
@@ -15,7 +19,7 @@ static int Finish(bool right, const std::string& error) {
     return right && std::cout ? 0 : 2;
 }
 
-static int Run(const std::string& directory, const std::string& tool, const RunOptions& options) {
+int Run(const std::string& directory, const std::string& tool, const RunOptions& options) {
     const RunResult result = RunTool(directory, tool, options);
     if (!result.error.empty()) {
         return Finish(false, result.error);
@@ -24,7 +28,7 @@ static int Run(const std::string& directory, const std::string& tool, const RunO
     std::cerr << result.errors;
     if (result.timedOut) {
         std::cerr << "simphone: " << Escaped(tool) << " did not end in time\n";
-    } else if (result.signal) {
+    } else if (result.signal != 0) {
         std::cerr << "simphone: " << Escaped(tool) << " was ended by signal " << result.signal
                   << "\n";
     }
@@ -34,8 +38,10 @@ static int Run(const std::string& directory, const std::string& tool, const RunO
     if (!result.unmetFaults.empty()) {
         return 2;
     }
-    return result.signal ? 128 + result.signal : result.exitStatus;
+    return result.signal != 0 ? 128 + result.signal : result.exitStatus;
 }
+
+} // namespace
 
 // An exception ends the command with its text, as it should.
 // NOLINTNEXTLINE(bugprone-exception-escape)
@@ -47,10 +53,13 @@ int main(int argc, char** argv) {
     std::string description, directory, package, launcher, error, text;
     std::string tool = Companion("ffu");
     RunOptions options;
+    std::vector<std::string> settings;
 
     CLI::App* make = app.add_subcommand("make", "Make a phone after a description");
     make->add_option("PHONE.toml", description, "its description")->required();
     make->add_option("DIR", directory, "a missing or empty directory")->required();
+    make->add_option("--set", settings, "KEY=VALUE: another value for a key of the description")
+        ->type_size(1);
     make->add_option("--package", package, "the firmware package that the phone has");
 
     CLI::App* run = app.add_subcommand("run", "Run an unmodified tool on a phone");
@@ -75,7 +84,7 @@ int main(int argc, char** argv) {
     }
 
     if (*make) {
-        const bool made = MakePhone(description, directory, error) &&
+        const bool made = MakePhone(description, settings, directory, error) &&
                           (package.empty() || PutPackage(package, directory, error));
         return Finish(made, error);
     }

@@ -1,8 +1,8 @@
 // What survives a power cut, worked out from the calls of the run. Called when the tool has ended;
 // a state that cannot be written leaves the directory as far as it got.
-#include "power_loss.h"
+#include "simphone/power_loss.h"
 
-#include "files.h"
+#include "simphone/files.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -33,15 +33,13 @@ struct History {
     std::map<std::string, Changes> files;
 };
 
-unsigned long OpenFlags(const CallEntry& call) {
-    const size_t flags = call.arguments.find("flags=");
-    return flags == std::string::npos ? 0
-                                      : std::stoul(call.arguments.substr(flags + 6), nullptr, 0);
+bool Truncates(const CallEntry& call) {
+    return (strtoul(Argument(call, "flags").c_str(), nullptr, 0) & O_TRUNC) != 0;
 }
 
 void Note(const CallEntry& call, Changes& file) {
     const bool opens = call.function == "open" || call.function == "creat";
-    if (opens && (!file.isThere || OpenFlags(call) & O_TRUNC)) {
+    if (opens && (!file.isThere || Truncates(call))) {
         file.isRemade = file.isRemade || file.isSynced;
         file.isThere = file.isMade = true;
         file.size = 0;
@@ -95,18 +93,18 @@ Fates FatesOf(const Changes& file, const Content& before, const Content& after) 
     Fates fates = {{std::nullopt, after}};
     const Content old = file.isSynced ? after.value_or("").substr(0, file.syncedSize) : before;
     if ((file.isMade || file.isRemoved || file.isWritten) && !file.isRemade) {
-        fates.emplace_back(Loss::kLost, old);
+        fates.emplace_back(Loss::LOST, old);
     }
     if (file.isMade) {
-        fates.emplace_back(Loss::kEmpty, "");
+        fates.emplace_back(Loss::EMPTY, "");
     }
     if (file.isRemoved && file.isThere && (old || file.isRemade)) {
-        fates.emplace_back(Loss::kGone, Content());
+        fates.emplace_back(Loss::GONE, Content());
     }
     return fates;
 }
 
-void Set(StateDirectory& state, const std::string& name, const Content& content) {
+void Put(StateDirectory& state, const std::string& name, const Content& content) {
     if (content) {
         state.files[name] = *content;
     } else {
@@ -116,6 +114,35 @@ void Set(StateDirectory& state, const std::string& name, const Content& content)
 
 bool IsPlain(const fs::path& file) {
     return fs::is_regular_file(fs::symlink_status(file));
+}
+
+// Every state that the cut can leave; of those that are the same only the first, if asked to.
+std::vector<Survival> AllSurvivals(const StateDirectory& before, const StateDirectory& after,
+                                   const std::vector<CallEntry>& calls, bool onlyDistinct) {
+    const History history = HistoryOf(before, calls);
+    std::vector<Survival> survivals = {{{}, after}};
+    for (const auto& [name, file] : history.files) {
+        std::vector<Content> seen;
+        std::vector<Survival> more;
+        for (const auto& [loss, content] : FatesOf(file, Find(before, name), Find(after, name))) {
+            if (onlyDistinct && std::find(seen.begin(), seen.end(), content) != seen.end()) {
+                continue;
+            }
+            seen.push_back(content);
+            for (Survival survival : survivals) {
+                if (loss) {
+                    survival.losses[name] = *loss;
+                    Put(survival.state, name, content);
+                }
+                more.push_back(survival);
+            }
+        }
+        survivals = more;
+    }
+    if (history.isDirectoryMade) {
+        survivals.push_back({{{".", Loss::LOST}}, {false, {}}});
+    }
+    return survivals;
 }
 
 } // namespace
@@ -158,57 +185,18 @@ bool WriteStateDirectory(const std::string& phone, const StateDirectory& state) 
 
 std::vector<Survival> Survivals(const StateDirectory& before, const StateDirectory& after,
                                 const std::vector<CallEntry>& calls) {
-    const History history = HistoryOf(before, calls);
-    std::vector<Survival> survivals = {{{}, after}};
-    for (const auto& [name, file] : history.files) {
-        std::vector<Content> seen;
-        std::vector<Survival> more;
-        for (const auto& [loss, content] : FatesOf(file, Find(before, name), Find(after, name))) {
-            if (std::find(seen.begin(), seen.end(), content) != seen.end()) {
-                continue;
-            }
-            seen.push_back(content);
-            for (Survival survival : survivals) {
-                if (loss) {
-                    survival.losses[name] = *loss;
-                    Set(survival.state, name, content);
-                }
-                more.push_back(survival);
-            }
-        }
-        survivals = more;
-    }
-    if (history.isDirectoryMade) {
-        survivals.push_back({{{".", Loss::kLost}}, {false, {}}});
-    }
-    return survivals;
+    return AllSurvivals(before, after, calls, true);
 }
 
 bool Lose(const StateDirectory& before, const StateDirectory& after,
           const std::vector<CallEntry>& calls, const Losses& losses, StateDirectory& state,
           std::string& error) {
-    const History history = HistoryOf(before, calls);
-    state = after;
-    for (const auto& [name, loss] : losses) {
-        if (name == ".") {
-            if (loss != Loss::kLost || !history.isDirectoryMade || losses.size() > 1) {
-                error = "the directory was there before the run, or synced, or is not lost alone";
-                return false;
-            }
-            state = {false, {}};
-            continue;
+    for (const Survival& survival : AllSurvivals(before, after, calls, false)) {
+        if (survival.losses == losses) {
+            state = survival.state;
+            return true;
         }
-        const auto file = history.files.find(name);
-        const Fates fates = file == history.files.end()
-                                ? Fates()
-                                : FatesOf(file->second, Find(before, name), Find(after, name));
-        const auto fate = std::find_if(fates.begin(), fates.end(),
-                                       [&, loss = loss](const auto& f) { return f.first == loss; });
-        if (fate == fates.end()) {
-            error = LossText({{name, loss}}) + ": the cut cannot leave that";
-            return false;
-        }
-        Set(state, name, fate->second);
     }
-    return true;
+    error = LossText(losses) + ": the cut cannot leave that";
+    return false;
 }

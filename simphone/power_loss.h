@@ -4,8 +4,8 @@
 // lost, and by whoever wants all that a cut can leave.
 #pragma once
 
-#include "description.h"
-#include "phone.h"
+#include "simphone/fault.h"
+#include "simphone/journal.h"
 
 #include <map>
 #include <string>

@@ -1,8 +1,9 @@
 // A run of the tool on a phone, from the library's side: which calls are the tool's, which of them
-// fail, and the three logs. Used by interpose.cc only, on the tool's one thread.
+// fail, and the journal. Used by interpose.cc only, on the tool's one thread.
 #pragma once
 
-#include "description.h"
+#include "simphone/description.h"
+#include "simphone/journal.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -12,11 +13,17 @@
 #include <type_traits>
 
 // A descriptor that the tool holds. `node` is set if it leads to the storage device.
-enum class Node { kNone, kMmc, kScsi, kGki };
+enum class Node { NONE, MMC, SCSI, GKI };
 struct OpenFile {
     std::string path;
     int flags;
     Node node;
+};
+
+struct ActiveFault {
+    Fault fault;
+    long seen; // matching calls
+    bool isMet;
 };
 
 struct Session {
@@ -27,27 +34,29 @@ struct Session {
     std::map<const void*, std::string> streams;
     size_t scsiRequests;
     long calls;
-    long long consoleBytes; // at the start of the call under way
-    int callsLog, systemLog, requestsLog, faultsLog;
+    std::vector<ActiveFault> faults; // those of the command line before those of the phone
+    int journal;
 };
 
 // One call of the tool, as it is matched against the faults and written down.
 struct Call {
     const char* function;
-    std::string path;          // "-" without one
-    std::string arguments;     // for calls.log
-    const char* alias = "";    // the name of a device request
-    std::string request = {};  // for requests.log; empty: no device request
-    std::string response = {}; // filled by the device; empty: the call's result is the answer
-    size_t* count = nullptr;   // what a read or write moves; a fault may lower it
-    bool releases = false;     // the resource is given back even if the call fails
+    std::string path;                      // "-" without one
+    std::string arguments;                 // for the journal
+    const char* alias = "";                // the name of a device request
+    std::string message = {};              // to the system log
+    std::string request = {};              // to the device; empty: none
+    const std::string* response = nullptr; // of the device; empty: the result is the answer
+    long long consoleBytes = 0;            // on the standard output before a message or request
+    size_t* count = nullptr;               // what a read or write moves; a fault may lower it
+    bool releases = false;                 // the resource is given back even if the call fails
 };
 
 extern Session* session; // null while no phone is attached
 
-// True if the return address lies in the tool or in libsgutils2, a phone is attached, and no call
+// Whether the return address lies in the tool or in libsgutils2, a phone is attached, and no call
 // of the tool is under way (so that what this library itself calls is never counted).
-bool OfTheTool(const void* caller);
+bool IsOfTheTool(const void* caller);
 
 // The place of a phone's path in its directory; every other path as it is.
 bool IsPhonePath(const std::string& path);
@@ -59,14 +68,11 @@ const Fault* BeginCall(Call& call);
 std::string ResultText(long long number);
 std::string ResultText(const void* pointer);
 
-// True if nothing is done, as the fault stands in for the call.
+// Whether nothing is done, as the fault stands in for the call.
 bool Replaces(const Fault* fault);
 
 // Writes the call down; `error` is 0 unless it failed. Does not return from the end of power.
 void EndCall(const Call& call, const Fault* fault, const std::string& result, int error);
-
-// Appends "<call number> <console bytes> <text>" to the system log.
-void LogSystemMessage(int priority, const char* tag, const std::string& text);
 
 // Carries out one call of the tool, or the fault that it meets. `failed` is the result of a failing
 // call. errno afterwards is what the call left.
@@ -74,23 +80,21 @@ template <typename Result, typename Perform>
 Result Counted(Call call, Result failed, Perform perform) {
     const int errnoBefore = errno;
     const Fault* fault = BeginCall(call);
-    const bool replaced = Replaces(fault);
     Result result = failed;
-    errno = 0;
-    if (!replaced) {
-        result = perform(call);
-    } else if (call.releases) {
-        (void)perform(call);
+    int error = 0;
+    if (!Replaces(fault) || call.releases) {
+        errno = 0;
+        result = perform();
+        error = errno;
     }
-    const int error = !replaced                        ? errno
-                      : fault->effect == Fault::kErrno ? static_cast<int>(fault->value)
-                                                       : 0;
-    if constexpr (std::is_integral_v<Result>) {
-        if (replaced && fault->effect == Fault::kReturns) {
-            result = static_cast<Result>(fault->value);
+    if (Replaces(fault)) {
+        error = fault->effect == Effect::FAILS ? static_cast<int>(fault->value) : 0;
+        result = failed;
+        if constexpr (std::is_integral_v<Result>) {
+            result = error == 0 ? static_cast<Result>(fault->value) : failed;
         }
     }
     EndCall(call, fault, ResultText(result), result == failed ? error : 0);
-    errno = error ? error : errnoBefore;
+    errno = error != 0 ? error : errnoBefore;
     return result;
 }

@@ -194,7 +194,7 @@ protected:
         Put(STATE + "/fw_result", made.record);
         std::string error;
         Description description;
-        ASSERT_TRUE(ReadDescription(Path("/phone.toml"), description, error)) << error;
+        ASSERT_TRUE(ReadDescription(Path("/phone.toml"), {}, description, error)) << error;
         const Device device = DeviceOf(description);
         const Package package = OpenPackage(Path(path), device.identity.layout);
         const ::Record record =

@@ -163,7 +163,7 @@ TEST_F(FwlabSweepTest, AnInterruptionLeavesNothing) {
     Put("/page", "as it was");
     const Answer answer =
         Shell(FWLAB_PATH " sweep package --phone phone.toml --html page & "
-                         "while kill -0 $! && ! ls tmp/*/phone-0/calls.log; do "
+                         "while kill -0 $! && ! ls tmp/*/phone-0/journal.log; do "
                          "sleep 0.01; done >tmp.log 2>&1; kill -TERM $!; wait $!");
     EXPECT_EQ(answer.status, 128 + SIGTERM) << answer.text;
     EXPECT_EQ(Get("/page"), "as it was");

@@ -33,13 +33,6 @@ Texts Split(const std::string& text, char end) {
     return parts;
 }
 
-// The value of "name=value" in a call's arguments.
-std::string Argument(const CallEntry& call, const std::string& name) {
-    const std::string arguments = " " + call.arguments + " ", begin = " " + name + "=";
-    const size_t at = arguments.find(begin), from = at + begin.size();
-    return at == std::string::npos ? "" : arguments.substr(from, arguments.find(' ', from) - from);
-}
-
 // What the kernel and the vendor provide is looked at, not changed; but the node that updates.
 void ExpectOnlyRead(const RunResult& result) {
     for (const CallEntry& call : result.calls) {
@@ -60,19 +53,15 @@ void ExpectOnlyRead(const RunResult& result) {
 } // namespace
 
 void ExpectAllGivenBack(const RunResult& result) {
-    const std::set<std::string> acquiring = {"open",   "creat",    "fopen",         "mmap",
-                                             "calloc", "memalign", "posix_memalign"};
-    const std::set<std::string> giving = {"close", "fclose", "munmap", "free"};
+    const std::set<std::string> acquiring = {"open", "creat", "fopen", "mmap"};
+    const std::set<std::string> giving = {"close", "fclose", "munmap"};
     std::set<std::string> held; // numbers of descriptors, and places
     for (const CallEntry& call : result.calls) {
-        const std::string pointer = Argument(call, "pointer");
-        const bool failed = !call.error.empty() || call.result == "(nil)";
-        if (acquiring.count(call.function) && !failed) {
-            const std::string what = pointer.empty() ? call.result : pointer;
-            EXPECT_TRUE(held.insert(what).second) << what << " at call " << call.number;
+        if (acquiring.count(call.function) && call.error.empty()) {
+            EXPECT_TRUE(held.insert(call.result).second) << call.result << " at " << call.number;
         }
-        if (giving.count(call.function) && pointer != "(nil)") {
-            const std::string what = Argument(call, "fd") + pointer;
+        if (giving.count(call.function)) {
+            const std::string what = Argument(call, "fd") + Argument(call, "pointer");
             EXPECT_EQ(held.erase(what), 1U) << what << " at call " << call.number;
         }
     }
@@ -158,7 +147,7 @@ void PhoneTest::Make(const std::string& description, const Files& files) {
     const std::string file = directory + ".toml";
     std::string error;
     ASSERT_TRUE(WriteWholeFile(file, description.data(), description.size()));
-    ASSERT_TRUE(MakePhone(file, directory, error)) << error;
+    ASSERT_TRUE(MakePhone(file, {}, directory, error)) << error;
     for (const auto& [path, content] : files) {
         Put(path, content);
     }
@@ -233,18 +222,21 @@ Texts Console(const RunResult& result) {
 
 Texts SystemLog(const RunResult& result) {
     Texts texts;
-    for (const SystemLogEntry& entry : result.systemLog) {
-        EXPECT_EQ(entry.priority, 6) << entry.text;
-        EXPECT_EQ(entry.tag, "-") << entry.text;
-        texts.push_back(entry.text);
+    for (const CallEntry& call : result.calls) {
+        if (call.IsMessage()) {
+            EXPECT_EQ(call.arguments, "priority=6 tag=-") << call.text;
+            texts.push_back(call.text);
+        }
     }
     return texts;
 }
 
 Texts Requests(const RunResult& result) {
     Texts texts;
-    for (const DeviceRequest& request : result.requests) {
-        texts.push_back(request.text);
+    for (const CallEntry& call : result.calls) {
+        if (call.IsRequest()) {
+            texts.push_back(call.text);
+        }
     }
     return texts;
 }

@@ -3,7 +3,9 @@
 // is removed with its test.
 #pragma once
 
+#include "simphone/files.h"
 #include "simphone/phone.h"
+#include "simphone/tool_run.h"
 
 #include <gtest/gtest.h>
 #include <map>
@@ -80,7 +82,8 @@ protected:
     std::string directory;
 };
 
-// Every descriptor, stream, mapping and allocation of the run was given back, exactly once.
+// Every descriptor, stream and mapping of the run was given back, exactly once. Memory is
+// LeakSanitizer's.
 void ExpectAllGivenBack(const RunResult& result);
 
 // The console without any time stamp, whole and line by line.

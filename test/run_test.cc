@@ -215,7 +215,7 @@ TEST_F(RunTest, WholeUpdateInEitherMode) {
 
 TEST_F(RunTest, StampTruncatesToMillisecondsAndMayBeMissing) {
     Make(GkiPhone({{"clock", "2026-01-31T23:59:59.999999"}}), {{EMMC_PACKAGE, EmmcEntry()}});
-    const RunResult result = Run({"localtime #2 null", "ctime null"});
+    const RunResult result = Run({"localtime #2 EOVERFLOW", "ctime EOVERFLOW"});
     EXPECT_EQ(result.console.substr(0, 39), "[2026-01-31 23:59:59 999] EmmcGetExtCsd");
     EXPECT_EQ(Console(result)[1], "ffu_print,line:42,NULL == ptm");
     EXPECT_EQ(Console(result)[2], "PrintCid,line=154: cidHex[0] = 0x31");

@@ -76,12 +76,12 @@ TEST_F(SimphoneTest, PowerCutLeavesWhatWasSynced) {
         {"fsync end lost=.,ffu.bgn", {}, {}},
         {"fsync end lost=ffu.fail", {}, {}},
         {"fsync end gone=fw_result", {}, {}},
-        {"fsync end-after lost=.", {}, {}},
-        {"fsync end-after lost=fw_result", {}, {}},
-        {"fsync end-after empty=fw_result", {}, {}},
-        {"fsync end-after lost=ffu.bgn", {}, {{"fw_result", ATTEMPT}}},
+        {"close /data/vendor/fw/fw_result end lost=.", {}, {}},
+        {"close /data/vendor/fw/fw_result end lost=fw_result", {}, {}},
+        {"close /data/vendor/fw/fw_result end empty=fw_result", {}, {}},
+        {"close /data/vendor/fw/fw_result end lost=ffu.bgn", {}, {{"fw_result", ATTEMPT}}},
         {"write /data/vendor/fw/fw_result torn=3 lost=ffu.bgn", {}, {{"fw_result", "Sat"}}},
-        {"remove /data/vendor/fw/ffu.bgn end-after empty=ffu.bgn,ffu.ok",
+        {"open /data/vendor/fw/ffu.end end empty=ffu.bgn,ffu.ok",
          {},
          {{"ffu.bgn", ""}, {"ffu.ok", ""}, {"fw_result", ATTEMPT}}},
         {"fsync end lost=fw_result,ffu.end",
@@ -89,7 +89,7 @@ TEST_F(SimphoneTest, PowerCutLeavesWhatWasSynced) {
          {{"ffu.bgn", ""}, {"ffu.end", ""}, {"ffu.ok", "passed"}, {"fw_result", EARLIER}}},
         {"fsync end empty=fw_result", OLD, {}},
         {"fsync end lost=.", OLD, {}},
-        {"remove /data/vendor/fw/ffu.ok end-after lost=ffu.ok",
+        {"remove /data/vendor/fw/ffu.fail end lost=ffu.ok",
          OLD,
          {{"ffu.bgn", ""}, {"ffu.ok", "passed"}, {"fw_result", EARLIER + ATTEMPT}}},
         {"close /data/vendor/fw/ffu.ok end lost=ffu.ok,ffu.bgn",
@@ -122,7 +122,7 @@ TEST_F(SimphoneTest, EachStateAfterAPowerCutCanBeMade) {
         {"fsync end", {}, 1 + 2 * 3},
         {"fsync end", OLD, 2 * 2 * 2},
         {"close /data/vendor/fw/ffu.ok end", {}, 1 + 2 * 3 * 3},
-        {"open /data/vendor/fw/ffu.end end-after", OLD, 2 * 2 * 2 * 4},
+        {"close /data/vendor/fw/ffu.end end", OLD, 2 * 2 * 2 * 4},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.cut);
@@ -156,7 +156,7 @@ TEST_F(SimphoneTest, ToolNeverRunsWithoutItsPhone) {
     EXPECT_NE(RunTool(directory, FFU_PATH, {{}, launcher, Path("/damaged.so")}).error, "");
     EXPECT_NE(RunTool(directory, FFU_PATH, {{}, launcher, tool}).error, "");
     std::string error;
-    EXPECT_FALSE(MakePhone(Path("/phone.toml"), directory, error)); // one is there
+    EXPECT_FALSE(MakePhone(Path("/phone.toml"), {}, directory, error)); // one is there
 }
 
 TEST_F(SimphoneTest, FaultsThatNoCallMetAreTold) {

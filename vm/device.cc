@@ -61,7 +61,7 @@ void EndPower(const Device& device) {
 Description ReadPhone(const Device& device) {
     Description phone;
     std::string error;
-    if (!ReadDescription(device.phone + "/phone.toml", phone, error)) {
+    if (!ReadDescription(device.phone + "/phone.toml", {}, phone, error)) {
         Stop(error);
     }
     if (!phone.ufs || !phone.faults.empty()) {
@@ -71,7 +71,7 @@ Description ReadPhone(const Device& device) {
         Stop("this machine's host takes 1024 KiB in one request: max_hw_sectors_kb");
     }
     for (const Answer& answer : phone.answers) {
-        if (answer.kind == Answer::kHost || answer.kind == Answer::kDriver) {
+        if (answer.kind == Answer::Kind::HOST_STATUS || answer.kind == Answer::Kind::DRIVER_STATUS) {
             Stop("write_buffer: only the kernel can give a host or driver status");
         }
     }

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "simphone/attach.h"
+#include "simphone/files.h"
 #include "simphone/phone.h"
 
 #include <cstdio>
@@ -27,7 +28,7 @@ struct FuzzPhone {
         directory += "/phone";
         Put(".toml", description);
         std::string error;
-        Require(MakePhone(directory + ".toml", directory, error), error.c_str());
+        Require(MakePhone(directory + ".toml", {}, directory, error), error.c_str());
         std::filesystem::create_directories(directory + "/data/vendor/fw");
     }
     ~FuzzPhone() {

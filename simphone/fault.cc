@@ -1,0 +1,163 @@
+// Reads the texts of faults. What no call can have is refused before a run.
+#include "simphone/fault.h"
+
+#include "simphone/files.h"
+
+#include <algorithm>
+#include <charconv>
+#include <climits>
+#include <cstring>
+#include <iterator>
+#include <sstream>
+#include <utility>
+
+namespace {
+
+// Which calls can have which effects, besides the end of power: e an error, r a result, s fewer
+// bytes.
+constexpr struct {
+    const char* effects;
+    const char* calls; // a blank around each name
+} CALLS[] = {
+    {"ers", " any read write "},
+    {"er", " open creat access lseek fsync close fstat munmap remove unlink mkdir fclose time "
+           "gettimeofday posix_memalign ioctl SG_IO SG_SCSI_RESET SEND_EXT_CSD FFU_DOWNLOAD "
+           "FFU_INSTALL "},
+    {"e", " realpath calloc memalign localtime ctime fopen fgets mmap "},
+    {"r", " sleep "},
+    {"", " __android_log_print "},
+};
+
+const char* EffectsOf(const std::string& call) {
+    for (const auto& row : CALLS) {
+        if (strstr(row.calls, (" " + call + " ").c_str()) != nullptr) {
+            return row.effects;
+        }
+    }
+    return nullptr;
+}
+
+bool ParseNumber(const std::string& text, long& number) {
+    const char* end = text.data() + text.size();
+    const auto [stop, status] = std::from_chars(text.data(), end, number);
+    return status == std::errc() && stop == end && number >= 0;
+}
+
+bool ParseEffect(const std::string& word, Fault& fault) {
+    const size_t equals = word.find('=');
+    if (equals != std::string::npos) {
+        const std::string name = word.substr(0, equals);
+        fault.effect = name == "short"  ? Effect::SHORT
+                       : name == "torn" ? Effect::TORN
+                                        : Effect::RETURNS;
+        return (fault.effect != Effect::RETURNS || name == "returns") &&
+               ParseNumber(word.substr(equals + 1), fault.value);
+    }
+    if (word == "end") {
+        fault.effect = Effect::ENDS;
+        return true;
+    }
+    fault.effect = Effect::FAILS;
+    for (fault.value = 1; fault.value < 256; fault.value++) {
+        const char* known = strerrorname_np(static_cast<int>(fault.value));
+        if (known != nullptr && word == known) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// "#N", "#N-M" or "#N+".
+bool ParseRange(const std::string& word, Fault& fault) {
+    const size_t end = word.find_first_of("-+");
+    if (!ParseNumber(word.substr(1, end - 1), fault.first) || fault.first == 0) {
+        return false;
+    }
+    fault.last = end == std::string::npos ? fault.first : LONG_MAX;
+    return end == std::string::npos || word.substr(end) == "+" ||
+           (word[end] == '-' && ParseNumber(word.substr(end + 1), fault.last) &&
+            fault.last >= fault.first);
+}
+
+constexpr const char* LOSS_WORDS[] = {"lost", "empty", "gone"}; // in the order of Loss
+
+// One word, such as "lost=fw_result,ffu.bgn"; a file has one fate.
+bool ParseLosses(const std::string& word, Losses& losses) {
+    const size_t equals = word.find('=');
+    const auto* found =
+        std::find(std::begin(LOSS_WORDS), std::end(LOSS_WORDS), word.substr(0, equals));
+    if (equals == std::string::npos || found == std::end(LOSS_WORDS)) {
+        return false;
+    }
+    std::istringstream names(word.substr(equals + 1));
+    bool right = names.peek() != EOF && word.back() != ',';
+    for (std::string name; right && std::getline(names, name, ',');) {
+        right = !name.empty() && name.find('/') == std::string::npos &&
+                losses.emplace(name, static_cast<Loss>(found - LOSS_WORDS)).second;
+    }
+    return right;
+}
+
+} // namespace
+
+bool CanHave(const std::string& call, Effect effect) {
+    const char letters[] = {'e', 'r', 's', 's'}; // in the order of Effect
+    const char* effects = EffectsOf(call);
+    return effect == Effect::ENDS ||
+           (effects != nullptr && strchr(effects, letters[static_cast<size_t>(effect)]) != nullptr);
+}
+
+std::string LossText(const Losses& losses) {
+    std::string text;
+    for (const Loss loss : {Loss::LOST, Loss::EMPTY, Loss::GONE}) {
+        std::string names;
+        for (const auto& [name, fate] : losses) {
+            names += fate != loss ? "" : (names.empty() ? "" : ",") + name;
+        }
+        if (!names.empty()) {
+            text +=
+                (text.empty() ? "" : " ") + (LOSS_WORDS[static_cast<size_t>(loss)] + ("=" + names));
+        }
+    }
+    return text;
+}
+
+bool ParseFault(const std::string& text, Fault& fault, std::string& error) {
+    const auto refuse = [&](const std::string& why) {
+        error = "fault \"" + Escaped(text) + "\": " + why;
+        return false;
+    };
+    std::istringstream words(text);
+    std::string word;
+    fault = {};
+    fault.text = text;
+    fault.first = 1;
+    fault.last = LONG_MAX;
+    if (text.find('\n') != std::string::npos) { // one a line, on their way to the library
+        return refuse("has a line feed");
+    }
+    words >> fault.call >> word;
+    if (EffectsOf(fault.call) == nullptr) {
+        return refuse("no such call: " + fault.call);
+    }
+    if (word[0] == '/') {
+        fault.path = std::exchange(word, "");
+        words >> word;
+    }
+    if (word[0] == '#') {
+        if (!ParseRange(word, fault)) {
+            return refuse(word + " is not #N, #N-M or #N+");
+        }
+        word.clear();
+        words >> word;
+    }
+    if (!ParseEffect(word, fault) || !CanHave(fault.call, fault.effect)) {
+        return refuse("not an effect that the call can have: " + word);
+    }
+    while (words >> word) {
+        if (fault.effect < Effect::TORN || !ParseLosses(word, fault.losses)) {
+            return refuse("not what a power cut can do: " + word);
+        }
+    }
+    return true;
+}

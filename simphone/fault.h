@@ -1,0 +1,35 @@
+// A call that fails, or at which the power fails, as a text names it: "write /dev/x #2 EIO".
+// emmc.toml explains the texts.
+#pragma once
+
+#include <map>
+#include <string>
+
+// What becomes of a file of /data/vendor/fw in a power cut, where not all survives that was done to
+// it: what was not synced is lost; or it is there without a byte; or it is gone, as its removal
+// survives and its new making does not.
+enum class Loss { LOST, EMPTY, GONE };
+using Losses = std::map<std::string, Loss>; // by name; "." is the directory
+
+// FAILS and RETURNS stand in for the call, SHORT and TORN make it move fewer bytes. TORN ends the
+// power after the call, ENDS before it.
+enum class Effect { FAILS, RETURNS, SHORT, TORN, ENDS };
+
+struct Fault {
+    std::string call; // a function, a device request, or "any"
+    std::string path; // empty: on any path
+    long first, last; // numbers among the matching calls, from 1
+    Effect effect;
+    long value;    // the error number, the result or the count of bytes
+    Losses losses; // of a power cut
+    std::string text;
+};
+
+// Returns false with a text for the user, which has the fault's.
+[[nodiscard]] bool ParseFault(const std::string& text, Fault& fault, std::string& error);
+
+// The words of a fault, such as "lost=fw_result,ffu.bgn empty=ffu.ok".
+std::string LossText(const Losses& losses);
+
+// Whether the call can have the effect; `any` can have every one.
+[[nodiscard]] bool CanHave(const std::string& call, Effect effect);

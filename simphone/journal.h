@@ -1,0 +1,50 @@
+// The journal of a run: a line for each call that the tool made, with what it logged or asked the
+// device by it, and a line for each fault, before the first call that it has met. Written by the
+// library, read by the workstation side.
+//   12 open /data/vendor/fw/ffu.bgn flags=0x241 = 3
+//   fault SG_IO #1 EIO
+//   13 ioctl /dev/block/sdc fd=3 request=SG_IO = -1 EIO fault @214 SG_IO WRITE BUFFER ... -> -1 EIO
+#pragma once
+
+#include <string>
+#include <vector>
+
+constexpr char JOURNAL_FILE[] = "/journal.log"; // in the phone's directory
+constexpr char LOG_FUNCTION[] = "__android_log_print";
+
+// A call that the tool (or libsgutils2 for it) made.
+struct CallEntry {
+    long number;           // 1 for the first call of the run
+    std::string function;  // plain name: "open" for open, open64 and their checked variants
+    std::string path;      // as the tool named it; for a descriptor, as it was opened; "-" without
+    std::string arguments; // "fd=3 count=512"
+    std::string result;    // decimal, or 0x... for a pointer
+    std::string error;     // "ENOENT" where the call failed, else empty
+    bool replaced;         // by a fault: nothing was done
+    // What LOG_FUNCTION was given, or a request to the storage device and its answer:
+    // "SG_IO WRITE BUFFER cdb=3b0e... data=1024 timeout=300000ms -> GOOD". Empty for other calls.
+    std::string text;
+    long long consoleBytes; // with a text: bytes on the standard output before it
+
+    bool IsMessage() const {
+        return function == LOG_FUNCTION;
+    }
+    bool IsRequest() const {
+        return !text.empty() && !IsMessage();
+    }
+};
+
+// The value of name=value among the arguments of a call; empty without one.
+std::string Argument(const CallEntry& call, const std::string& name);
+
+struct Journal {
+    std::vector<CallEntry> calls;
+    std::vector<std::string> faults; // the texts of those that the run met, in order
+};
+
+// The lines of a journal, each with its line feed.
+std::string CallLine(const CallEntry& call);
+std::string FaultLine(const std::string& fault);
+
+// The journal of the last run on the phone; empty if there is none.
+Journal ReadJournal(const std::string& phone);
