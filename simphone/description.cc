@@ -170,7 +170,12 @@ bool ReadDescriptionText(const std::string& file, const std::vector<std::string>
         return isRead;
     }
     std::ostringstream stream;
-    stream << table << "\n";
+    // The TOML library writes texts with line feeds in other forms than one line so that it cannot
+    // read them back.
+    constexpr auto flags =
+        toml::toml_formatter::default_flags &
+        ~(toml::format_flags::allow_multi_line_strings | toml::format_flags::allow_literal_strings);
+    stream << toml::toml_formatter(table, flags) << "\n";
     text = stream.str();
     return true;
 }

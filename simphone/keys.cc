@@ -37,16 +37,18 @@ size_t DeepLine(const std::string& text) {
     return 0;
 }
 
-// A text, or a list of numbers where TOML has no text of these bytes.
+// A text if it is one of printable characters, perhaps with a line feed at its end; else a list of
+// numbers.
 void Assign(toml::table& table, const std::string& key, const std::string& bytes) {
     toml::array numbers;
-    bool isText = true;
+    size_t printable = 0;
     for (const char c : bytes) {
         const auto byte = static_cast<unsigned char>(c);
-        isText = isText && byte < 0x80;
+        printable += byte >= 0x20 && byte < 0x7F ? 1 : 0;
         numbers.push_back(int64_t{byte});
     }
-    if (isText) {
+    const bool isLine = printable > 0 && bytes.back() == '\n';
+    if (printable + (isLine ? 1 : 0) == bytes.size()) {
         table.insert_or_assign(key, bytes);
     } else {
         table.insert_or_assign(key, numbers);

@@ -159,6 +159,40 @@ TEST_F(SimphoneTest, ToolNeverRunsWithoutItsPhone) {
     EXPECT_FALSE(MakePhone(Path("/phone.toml"), {}, directory, error)); // one is there
 }
 
+// What settings make of a description is read as they say, and all else as it was.
+TEST_F(SimphoneTest, SettingsReplaceKeys) {
+    const std::string odd = "\nA'''\\\x01\xC2\x85\n"; // hard to write down again
+    const struct {
+        Texts settings;
+        std::string name, mid, error; // in the nodes; a part of the error
+    } rows[] = {
+        {{}, odd, "0x0001ce\n", ""},
+        {{"revision=1000", "max_hw_sectors_kb=0x400"}, odd, "0x0001ce\n", ""},
+        {{"product_name=B", "manfid=\"C\""}, "B\n", "C", ""},
+        {{R"(product_name=\xFF\\\n)", "manfid=[67, 0]"}, "\xFF\\\n", std::string("C\0", 2), ""},
+        {{R"(product_name=\q)"}, "", "", R"(product_name=\\q: a backslash begins)"},
+        {{"revision"}, "", "", "revision: is not KEY=VALUE"},
+        {{"revision.x=1"}, "", "", "revision.x=1: is not KEY=VALUE"},
+        {{"revison=1000"}, "", "", "unknown key: revison"},
+        {{"max_hw_sectors_kb=1\nmode=2"}, "", "", "is not TOML"},
+        {{"firmware.revision=toolong"}, "", "", "revision is not"},
+    };
+    Make(UfsPhone({{"product_name", R"("\nA'''\\\u0001\u0085\n")"}}));
+    for (const auto& row : rows) {
+        std::string error;
+        const bool isRight = row.error.empty();
+        Put("/first", MISSING);
+        Put("/again", MISSING);
+        EXPECT_EQ(MakePhone(Path("/phone.toml"), row.settings, Path("/first"), error), isRight);
+        EXPECT_NE(error.find(row.error), std::string::npos) << error;
+        if (isRight) {
+            EXPECT_TRUE(MakePhone(Path("/first/phone.toml"), {}, Path("/again"), error)) << error;
+            EXPECT_EQ(Get("/again/proc/bootdevice/product_name"), row.name);
+            EXPECT_EQ(Get("/again/proc/bootdevice/manfid"), row.mid);
+        }
+    }
+}
+
 TEST_F(SimphoneTest, FaultsThatNoCallMetAreTold) {
     Make(GkiPhone({{"faults", "['FFU_DOWNLOAD EIO']"}}), {{EMMC_PACKAGE, EmmcEntry()}});
     EXPECT_EQ(Run({"FFU_INSTALL EIO", "fsync EIO", "fsync #2+ EIO", "any #1 EIO", "sleep end"})
