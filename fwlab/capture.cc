@@ -200,7 +200,7 @@ std::string RecordOf(const std::string& folder) {
 
 } // namespace
 
-int Capture(const CaptureOptions& options) {
+int Capture(const CaptureOptions& options, bool asJson) {
     std::error_code error;
     if (!fs::is_directory(options.folder, error)) {
         throw Stop{2, options.folder + ": " + (error ? error.message() : "is no folder")};
@@ -210,7 +210,11 @@ int Capture(const CaptureOptions& options) {
     if (isUfs && !options.mode.empty()) {
         throw Stop{2, "--mode: a UFS phone has none"};
     }
-    const std::string& next = options.firmwareRevision;
+    std::string next;
+    if (!Unescape(options.firmwareRevision, next)) {
+        throw Stop{2, "--firmware-revision " + options.firmwareRevision +
+                          R"(: a backslash begins \n, \\ or \xHH)"};
+    }
     if (!(isUfs ? next.size() == UFS_REV_SIZE : !next.empty() && next.size() <= EMMC_REV_SIZE)) {
         throw Stop{2, fmt::format("--firmware-revision has {} bytes, not {}", next.size(),
                                   isUfs ? "4" : "1 to 8")};
@@ -231,7 +235,7 @@ int Capture(const CaptureOptions& options) {
                                     "[firmware]\n" +
                                     Line("revision", TomlBytes(next)));
     const Description phone = ReadPhone(options.output);
-    if (options.asJson) {
+    if (asJson) {
         const Json answer = {{"phone", Escaped(options.output)},
                              {"technology", isUfs ? "ufs" : "emmc"},
                              {"mode", isUfs ? Json() : Json(phone.gki ? "gki" : "normal")},

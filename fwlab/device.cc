@@ -17,10 +17,10 @@ Device DeviceOf(const Description& phone) {
     return {identity, phone.gki, phone.maxHwSectorsKb};
 }
 
-Description ReadPhone(const std::string& descriptionFile) {
+Description ReadPhone(const std::string& descriptionFile, const Texts& settings) {
     Description phone;
     std::string error;
-    if (!ReadDescription(descriptionFile, {}, phone, error)) {
+    if (!ReadDescription(descriptionFile, settings, phone, error)) {
         throw Stop{2, error};
     }
     return phone;

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "fwlab/layout.h"
+#include "fwlab/text.h"
 #include "simphone/description.h"
 
 // A device, with what decides whether it takes an image.
@@ -13,5 +14,6 @@ struct Device {
 // Stop if no run can read its revision.
 Device DeviceOf(const Description& phone);
 
-// Stop if the file cannot be read or is no description of a phone.
-Description ReadPhone(const std::string& descriptionFile);
+// The settings (KEY=VALUE, see SetKey in keys.h) replace keys of the description. Stop if the file
+// cannot be read or is no description of a phone with them.
+Description ReadPhone(const std::string& descriptionFile, const Texts& settings = {});

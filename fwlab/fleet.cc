@@ -118,7 +118,7 @@ Texts StateDirectoriesIn(const std::string& directory) {
     return found;
 }
 
-int Outcome(const OutcomeOptions& options) {
+int Outcome(const OutcomeOptions& options, bool asJson) {
     Texts directories;
     for (const std::string& directory : options.directories) {
         const Texts found = StateDirectoriesIn(directory);
@@ -129,7 +129,7 @@ int Outcome(const OutcomeOptions& options) {
     for (const std::string& directory : directories) {
         const StateReport report = DescribeState(directory);
         counts[report.state]++;
-        if (options.asJson) {
+        if (asJson) {
             fmt::print("{}\n", Describe(directory, report).dump());
         } else if (directories.size() == 1) {
             fmt::print("{}\n", report.text);

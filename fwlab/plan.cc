@@ -172,7 +172,7 @@ void Print(const std::vector<Line>& lines) {
 
 } // namespace
 
-int Plan(const PlanOptions& options) {
+int Plan(const PlanOptions& options, bool asJson) {
     std::vector<Package> packages;
     for (const std::string& path : options.packages) {
         packages.push_back(OpenPackage(path));
@@ -211,7 +211,7 @@ int Plan(const PlanOptions& options) {
     const bool isReleasable =
         findings.empty() && std::none_of(lines.begin(), lines.end(),
                                          [](const Line& line) { return IsBad(line.verdict); });
-    if (options.asJson) {
+    if (asJson) {
         Json answer = {{"lines", Json::array()},
                        {"totals", Json::object()},
                        {"findings", findings},

@@ -37,11 +37,11 @@ bool IsOfOneCharacter(const TimeLineEntry& entry) {
 
 // The steps of a rehearsal, as they are told to people, or kept for programs.
 struct Report {
-    const RehearseOptions& options;
+    bool asJson, quiet;
     Json json;
 
     template <typename... Values> void Say(const char* format, const Values&... values) const {
-        if (!options.asJson) {
+        if (!asJson) {
             fmt::print(fmt::runtime(format), values...);
         }
     }
@@ -51,7 +51,7 @@ struct Report {
 void TellTimeLine(const RunResult& run, Report& report) {
     Json& lines = report.json["runs"].back()["time_line"] = Json::array();
     for (const TimeLineEntry& entry : TimeLine(run)) {
-        if (!report.options.quiet || !IsOfOneCharacter(entry)) {
+        if (!report.quiet || !IsOfOneCharacter(entry)) {
             lines.push_back({{"source", entry.source}, {"text", entry.text}});
             report.Say("{:<8}| {}\n", entry.source, entry.text);
         }
@@ -131,7 +131,7 @@ bool FindsNothingToDo(const std::string& phone, Report& report) {
 
 } // namespace
 
-int Rehearse(const RehearseOptions& options) {
+int Rehearse(const RehearseOptions& options, bool asJson) {
     std::string error;
     Fault fault;
     for (const std::string& text : options.faults) { // before anything is made
@@ -139,7 +139,7 @@ int Rehearse(const RehearseOptions& options) {
             throw Stop{2, error};
         }
     }
-    const Device device = DeviceOf(ReadPhone(options.phone));
+    const Device device = DeviceOf(ReadPhone(options.phone, options.settings));
     const Package package = OpenPackage(options.package, device.identity.layout);
     if (package.size > PACKAGE_SIZE_MAX) {
         throw Stop{1, options.package + " " + package.flaw};
@@ -150,13 +150,13 @@ int Rehearse(const RehearseOptions& options) {
 
     const WorkFolder folder;
     const std::string phone = options.keep.empty() ? folder.path + "/phone" : options.keep;
-    if (!MakePhone(options.phone, {}, phone, error)) {
+    if (!MakePhone(options.phone, options.settings, phone, error)) {
         throw Stop{2, error};
     }
     if (!PutPackage(options.package, phone, error)) {
         throw Stop{2, error};
     }
-    Report report = {options, {{"runs", Json::array()}}};
+    Report report = {asJson, options.quiet, {{"runs", Json::array()}}};
     TellPhone(phone, report);
     report.Say("\n");
     bool isUpdated = Run(options.faults, phone, report);
@@ -169,7 +169,7 @@ int Rehearse(const RehearseOptions& options) {
     }
     report.json["updated"] = isUpdated;
     report.Say("The phone is {}updated as meant.\n", isUpdated ? "" : "NOT ");
-    if (options.asJson) {
+    if (asJson) {
         fmt::print("{}\n", report.json.dump(2));
     }
     return isUpdated ? 0 : 1;

@@ -155,7 +155,7 @@ std::string RehearseCommand(const SweepRequest& request, const SweepViolation& w
                        wrong.fault.empty() ? "" : ShellWord(wrong.fault));
 }
 
-int Sweep(const SweepRequest& request) {
+int Sweep(const SweepRequest& request, bool asJson) {
     std::vector<SweepScenario> scenarios;
     for (const std::string& phone : request.phones) {
         (void)PhoneTitle(phone);
@@ -185,7 +185,7 @@ int Sweep(const SweepRequest& request) {
     if (result.interruptedBy != 0) {
         throw Stop{128 + result.interruptedBy, "interrupted"};
     }
-    Show(request.asJson, Describe(request, result), [&] { Print(request, result); });
+    Show(asJson, Describe(request, result), [&] { Print(request, result); });
     if (!request.junit.empty()) {
         WriteOutput(request.junit, SweepJunit(request, result));
     }

@@ -303,14 +303,111 @@ TEST_F(FwlabTest, MatchTellsBothDecisions) {
         Expect(Fwlab("match package --phone phone.toml" + option), row.status, row.texts);
     }
     Put("/package", With(EmmcEntry(), EMMC_BASE_FIELD, std::string("\5\0\0\0\0\0\0\0\6", 9)));
-    const std::string emmc = "match package --manufacturer-id 0x13 --ext-csd-rev 8 --product ";
-    Expect(Fwlab(emmc + "SIM064 --revision '\\x05'"), 0, "runs \"\\x05\\x00");
-    Expect(Fwlab(emmc + "SIM064 --revision '\\x05\\x01'"), 1, "none of its base revisions");
-    Expect(Fwlab(emmc + "SIM064 --revision '\\x5'"), 2, "a backslash begins");
-    Expect(Fwlab(emmc + "SIM06 --revision 1"), 2, "--product has 5 bytes, not 6");
-    Put("/package", With(ufs, UFS_PNM_FIELD, "SIM\n"));
-    Expect(Fwlab("match package --manfid 0x0001ce --product SIM --revision 0800"), 0);
-    Expect(Fwlab("match package --manfid 0x0001ce --product SIM"), 2, "revision");
+    Put("/phone.toml", GkiPhone());
+    const std::string emmc = "match package --phone phone.toml --set ";
+    Expect(Fwlab(emmc + "'revision=\\x05'"), 0, "runs \"\\x05\\x00");
+    Expect(Fwlab(emmc + "'revision=\\x05\\x01'"), 1, "none of its base revisions");
+}
+
+namespace {
+
+struct Setting {
+    std::string key, value; // as --set has it
+    std::string toml;       // the same value in a description
+};
+
+std::string Options(const std::vector<Setting>& settings) {
+    std::string options;
+    for (const Setting& setting : settings) {
+        options += " --set '" + setting.key + "=" + setting.value + "'";
+    }
+    return options;
+}
+
+Keys Overrides(const std::vector<Setting>& settings) {
+    Keys keys;
+    for (const Setting& setting : settings) {
+        keys[setting.key] = setting.toml;
+    }
+    return keys;
+}
+
+} // namespace
+
+// Every key that decides an answer, each alone and all together.
+TEST_F(FwlabTest, SettingsMakeThePhoneThatADescriptionMakes) {
+    const std::vector<Setting> ufs = {
+        {"manfid", "0x0001ad", "\"0x0001ad\\n\""},
+        {"product_name", "SIMUFS128G", "\"SIMUFS128G\\n\""},
+        {"revision", "07\\x00\\x01", "[48, 55, 0, 1]"},
+        {"max_hw_sectors_kb", "4", "4"},
+        {"firmware.revision", "1000", "'1000'"},
+    };
+    const std::vector<Setting> emmc = {
+        {"cid.product_name", "SI\\n\\\\=4", "\"SI\\n\\\\=4\""},
+        {"cid.manufacturer_id", "0x11", "17"},
+        {"ext_csd_rev", "7", "7"},
+        {"revision", "\\x05\\xff", "[5, 255]"},
+        {"mode", "normal", "'normal'"},
+        {"firmware.revision", "FW000003", "'FW000003'"},
+    };
+    Put("/ufs", With(UfsEntry(UFS_NEW_REV, Body(5000)), UFS_BASE_FIELD, "0800080008000800"));
+    Put("/emmc",
+        With(EmmcEntry(EMMC_NEW_REV, Body(0x100001)), EMMC_BASE_FIELD, EMMC_REV + EMMC_REV));
+    for (const bool isUfs : {true, false}) {
+        const auto make = isUfs ? UfsPhone : GkiPhone;
+        const std::vector<Setting>& all = isUfs ? ufs : emmc;
+        std::vector<std::vector<Setting>> cases = {all};
+        for (const Setting& setting : all) {
+            cases.push_back({setting});
+        }
+        const std::string package = isUfs ? "ufs" : "emmc";
+        Put("/phone.toml", make({}));
+        for (const std::vector<Setting>& settings : cases) {
+            SCOPED_TRACE(Options(settings));
+            Put("/set.toml", make(Overrides(settings)));
+            for (const std::string command : {"match --json ", "rehearse --json "}) {
+                const Answer plain = Fwlab(command + package + " --phone phone.toml");
+                const Answer set =
+                    Fwlab(command + package + " --phone phone.toml" + Options(settings));
+                const Answer file = Fwlab(command + package + " --phone set.toml");
+                EXPECT_EQ(set.status, file.status);
+                EXPECT_EQ(set.text, file.text);
+                const bool isDecided = settings[0].key != "firmware.revision";
+                EXPECT_EQ(set.text != plain.text, isDecided || command[0] == 'r');
+            }
+        }
+    }
+}
+
+TEST_F(FwlabTest, SettingsThatNoDescriptionCanHaveAreRefused) {
+    const struct {
+        std::string text, setting;
+    } rows[] = {
+        {"phone.toml: unknown key: colour", "colour=1"},
+        {"phone.toml: *revision is not", "revision=08000"},
+        {"revision=*backslash", "revision=\\x5"},
+        {"max_hw_sectors_kb=many", "max_hw_sectors_kb=many"},
+        {"phone.toml: max_hw_sectors_kb is not", "max_hw_sectors_kb=-1"},
+        {"phone.toml: write_buffer: ", "write_buffer=\"perhaps\""},
+        {"revision: is not KEY=VALUE", "revision"},
+        {"=1: is not KEY=VALUE", "=1"},
+        {"cid.product_name=SIM064", "cid.product_name=SIM064"}, // of an eMMC phone
+    };
+    Put("/package", UfsEntry());
+    Put("/phone.toml", UfsPhone());
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.setting);
+        for (const std::string command : {"match", "rehearse --keep kept"}) {
+            Expect(Fwlab(command + " package --phone phone.toml --set '" + row.setting + "'"), 2,
+                   "fwlab: *" + row.text);
+            EXPECT_FALSE(fs::exists(directory + "/kept"));
+        }
+    }
+    Put("/phone.toml", GkiPhone());
+    const std::string emmc = "match package --phone phone.toml --set ";
+    Expect(Fwlab(emmc + "cid.product_name=SIM06"), 2, "product_name is not 6 characters");
+    Expect(Fwlab(emmc + "cid.manufacturer_id=256"), 2, "manufacturer_id is not a number");
 }
 
 TEST_F(FwlabTest, RehearseEndsWithZeroOnlyForAnUpdatedPhone) {
@@ -365,13 +462,11 @@ TEST_F(FwlabTest, InterruptedRehearsalLeavesNoPhone) {
 TEST_F(FwlabTest, WrongUsageEndsWithTwo) {
     Put("/package", UfsEntry());
     Put("/phone.toml", "technology = 'ufs'");
-    Put("/ok.toml", UfsPhone());
     for (const char* arguments :
          {"", "unpack", "list", "list gone", "list .", "list package more", "pack gone -o package",
           "match package", "match package --phone phone.toml", "match package --phone gone",
-          "match package --phone phone.toml --manfid 0x0001ce",
-          "match package --phone ok.toml --revision 0800", "rehearse package --phone gone",
-          "outcome gone", "outcome package"}) {
+          "match package --set revision=0800", "rehearse package --phone gone", "outcome gone",
+          "outcome package"}) {
         SCOPED_TRACE(arguments);
         Expect(Fwlab(arguments), 2);
     }
