@@ -198,6 +198,33 @@ std::string RecordOf(const std::string& folder) {
     return isThere ? record : "";
 }
 
+// The bytes of the option --firmware-revision.
+std::string FirmwareRevision(const std::string& option, bool isUfs) {
+    std::string revision;
+    if (!Unescape(option, revision)) {
+        throw Stop{2, "--firmware-revision " + option + R"(: a backslash begins \n, \\ or \xHH)"};
+    }
+    const size_t least = isUfs ? UFS_REV_SIZE : 1, most = isUfs ? UFS_REV_SIZE : EMMC_REV_SIZE;
+    if (revision.size() < least || revision.size() > most) {
+        throw Stop{2, fmt::format("--firmware-revision has {} bytes, not {}", revision.size(),
+                                  isUfs ? "4" : "1 to 8")};
+    }
+    return revision;
+}
+
+// Stop if the output would replace something that was pulled.
+void CheckIsNotPulled(const std::string& output, const Nodes& nodes) {
+    for (const std::string& place : nodes.places) {
+        RequireOther(output, place);
+    }
+    std::error_code error;
+    const fs::path folder = fs::canonical(nodes.folder, error);
+    const fs::path place = fs::canonical(output, error); // none if it is not there
+    if (!error && place.string().rfind(folder.string() + "/", 0) == 0) {
+        throw Stop{2, output + ": was there before, among what was pulled"};
+    }
+}
+
 } // namespace
 
 int Capture(const CaptureOptions& options, bool asJson) {
@@ -210,50 +237,27 @@ int Capture(const CaptureOptions& options, bool asJson) {
     if (isUfs && !options.mode.empty()) {
         throw Stop{2, "--mode: a UFS phone has none"};
     }
-    std::string next;
-    if (!Unescape(options.firmwareRevision, next)) {
-        throw Stop{2, "--firmware-revision " + options.firmwareRevision +
-                          R"(: a backslash begins \n, \\ or \xHH)"};
-    }
-    if (!(isUfs ? next.size() == UFS_REV_SIZE : !next.empty() && next.size() <= EMMC_REV_SIZE)) {
-        throw Stop{2, fmt::format("--firmware-revision has {} bytes, not {}", next.size(),
-                                  isUfs ? "4" : "1 to 8")};
-    }
+    const std::string next = FirmwareRevision(options.firmwareRevision, isUfs);
     const std::string described = isUfs ? DescribeUfs(nodes) : DescribeEmmc(nodes, options.mode);
     const std::string record = RecordOf(options.folder);
-    for (const std::string& place : nodes.places) {
-        RequireOther(options.output, place);
-    }
-    const fs::path folder = fs::canonical(options.folder, error);
-    const fs::path place = fs::canonical(options.output, error); // none if it is not there
-    const bool isPulled = !error && place.string().rfind(folder.string() + "/", 0) == 0;
-    if (isPulled) {
-        throw Stop{2, options.output + ": was there before, among what was pulled"};
-    }
+    CheckIsNotPulled(options.output, nodes);
     WriteOutput(options.output, "# A phone, made by `fwlab capture` from its nodes.\n" + described +
                                     "\n# Not of the phone: what it is to report after an update.\n"
                                     "[firmware]\n" +
                                     Line("revision", TomlBytes(next)));
     const Description phone = ReadPhone(options.output);
-    if (asJson) {
-        const Json answer = {{"phone", Escaped(options.output)},
-                             {"technology", isUfs ? "ufs" : "emmc"},
-                             {"mode", isUfs ? Json() : Json(phone.gki ? "gki" : "normal")},
-                             {"product_name", Escaped(phone.productName)},
-                             {"revision", Escaped(phone.revision)},
-                             {"record", record.empty() ? Json() : Json(Escaped(record))}};
-        fmt::print("{}\n", answer.dump(2));
-        return 0;
-    }
-    fmt::print("{}: {} phone{}, {}, runs {}\n", Escaped(options.output),
-               isUfs ? "a UFS" : "an eMMC",
-               isUfs       ? ""
-               : phone.gki ? " in GKI mode"
-                           : " in normal mode",
-               Quoted(phone.productName), Quoted(phone.revision));
-    if (!record.empty()) {
-        fmt::print("Its record: fwlab match PACKAGE --phone {} --record {}\n",
-                   Quoted(options.output, "'"), Quoted(record, "'"));
-    }
+    const Json report = {{"phone", Escaped(options.output)},
+                         {"technology", isUfs ? "ufs" : "emmc"},
+                         {"mode", isUfs ? Json() : Json(phone.gki ? "gki" : "normal")},
+                         {"product_name", Escaped(phone.productName)},
+                         {"revision", Escaped(phone.revision)},
+                         {"record", record.empty() ? Json() : Json(Escaped(record))}};
+    Show(asJson, report, [&] {
+        fmt::print("{}: {}\n", Escaped(options.output), Title(phone));
+        if (!record.empty()) {
+            fmt::print("Its record: fwlab match PACKAGE --phone {} --record {}\n",
+                       ShellWord(options.output), ShellWord(record));
+        }
+    });
     return 0;
 }

@@ -14,6 +14,12 @@ struct Device {
 // Stop if no run can read its revision.
 Device DeviceOf(const Description& phone);
 
+// The device by what an update knows it by: "0x13 "SIM064" EXT_CSD_REV 8".
+std::string Title(const Identity& device);
+
+// A phone by its description: "eMMC (GKI mode) "SIM064", runs "FW000001"".
+std::string Title(const Description& phone);
+
 // The settings (KEY=VALUE, see SetKey in keys.h) replace keys of the description. Stop if the file
 // cannot be read or is no description of a phone with them.
 Description ReadPhone(const std::string& descriptionFile, const Texts& settings = {});

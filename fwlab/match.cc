@@ -56,8 +56,7 @@ std::string Sentence(const Decision& decision) {
 }
 
 void Print(const Identity& device, const Decision& decision) {
-    fmt::print("device: {} {}, runs {}\n", Quoted(Get(device, device.layout->manufacturer)),
-               Quoted(Get(device, device.layout->name)), Quoted(RevisionOf(device)));
+    fmt::print("device: {}, runs {}\n", Title(device), Quoted(RevisionOf(device)));
     for (const Step& step : decision.steps) {
         Print(step);
     }

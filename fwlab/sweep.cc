@@ -15,22 +15,6 @@
 
 namespace {
 
-// A word for a shell, printable whatever it holds.
-std::string ShellWord(const std::string& text) {
-    const char* plain = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_./,=+-";
-    if (!text.empty() && text.find_first_not_of(plain) == std::string::npos) {
-        return text;
-    }
-    if (Escaped(text) == text && text.find('\'') == std::string::npos) {
-        return "'" + text + "'";
-    }
-    std::string word;
-    for (const char c : Escaped(text)) {
-        word.append(c == '\'' ? "\\" : "").append(1, c);
-    }
-    return "$'" + word + "'"; // bash: with \n, \\, \' and \xHH
-}
-
 void ShowProgress(size_t done, size_t all) {
     fmt::print(stderr, "\r{} of {} faults", done, all);
     fflush(stderr);
@@ -69,7 +53,7 @@ Json Describe(const SweepRequest& request, const SweepResult& result) {
 void Print(const SweepRequest& request, const SweepResult& result) {
     for (size_t i = 0; i < result.bases.size(); i++) {
         const SweepSummary sum = Summarize(result, i);
-        fmt::print("{}: {}\n", Escaped(request.phones[i]), PhoneTitle(request.phones[i]));
+        fmt::print("{}: {}\n", Escaped(request.phones[i]), Title(ReadPhone(request.phones[i])));
         fmt::print("  without a fault: {}, in {} calls\n", FateText(result.baseFates[i]),
                    result.bases[i].calls.size());
         fmt::print("  {} failing calls: {}\n", Sum(sum.failingCalls),
@@ -91,19 +75,6 @@ void Print(const SweepRequest& request, const SweepResult& result) {
 }
 
 } // namespace
-
-std::string PhoneTitle(const std::string& description) {
-    Description phone;
-    std::string error;
-    if (!ReadDescription(description, {}, phone, error)) {
-        throw Stop{2, error};
-    }
-    return fmt::format("{} {}, runs {}",
-                       phone.ufs   ? "UFS"
-                       : phone.gki ? "eMMC (GKI mode)"
-                                   : "eMMC (normal mode)",
-                       Quoted(phone.productName), Quoted(phone.revision));
-}
 
 const char* FateText(Fate fate) {
     static const char* const texts[] = {"updated",        "updated by the next run",
@@ -158,7 +129,7 @@ std::string RehearseCommand(const SweepRequest& request, const SweepViolation& w
 int Sweep(const SweepRequest& request, bool asJson) {
     std::vector<SweepScenario> scenarios;
     for (const std::string& phone : request.phones) {
-        (void)PhoneTitle(phone);
+        (void)ReadPhone(phone); // it can be read
         scenarios.push_back({phone, phone, request.package, {false, {}}});
     }
     (void)OpenPackage(request.package); // it can be read

@@ -2,6 +2,8 @@
 // runs is made printable and escaped on its way in.
 #include "fwlab/sweep_report.h"
 
+#include "fwlab/device.h"
+#include "fwlab/sweep_style.h"
 #include "simphone/files.h"
 
 #include <algorithm>
@@ -13,47 +15,6 @@ namespace {
 
 constexpr size_t CALLS_PER_LINE = 64;
 constexpr size_t CONTEXT_LINES = 3; // before a time line differs from the base run's
-
-const char STYLE[] = R"(
-body { font: 14px/1.45 system-ui, sans-serif; margin: 2em auto; max-width: 90em; padding: 0 1.5em;
-       color: #1d2329; }
-h1 { font-size: 1.5em; } h2 { font-size: 1.2em; margin-top: 2.2em; border-top: 1px solid #ccd2d8;
-     padding-top: .8em; } h3 { font-size: 1em; margin: 1.4em 0 .4em; }
-code, pre, .course, td:first-child { font-family: ui-monospace, monospace; font-size: 12px; }
-.f0 { background: #b7e1c0; } .f1 { background: #bcd7f2; } .f2 { background: #e3e6e9; }
-.f3 { background: #f6d58b; } .f4 { background: #ef8a80; } .f5 { background: #c9a6e4; }
-.wrong { outline: 2px solid #a1007a; }
-.key span, a.run { padding: 0 .35em; border-radius: 3px; color: inherit; white-space: nowrap; }
-.key span { margin-right: .8em; }
-a.run { text-decoration: none; display: inline-block; margin: 1px 0 1px 3px; }
-td span { white-space: nowrap; }
-a.next { text-decoration: none; color: #56606a; padding: 0 .15em; }
-a:hover, .course a:hover { outline: 1px solid #1d2329; }
-.line { display: flex; align-items: flex-end; margin-bottom: 7px; }
-.line b { width: 3.6em; font-weight: normal; color: #56606a; text-align: right;
-          padding-right: .7em; }
-.course a { width: 12px; margin-right: 2px; text-decoration: none; color: inherit; }
-.course i { display: block; height: 13px; margin-top: 2px; }
-.course u { display: block; height: 14px; line-height: 14px; font-size: 10px; text-align: center;
-            text-decoration: none; font-weight: bold; }
-.course i.none { background: none; border-bottom: 1px solid #e3e6e9; height: 12px; }
-table { border-collapse: collapse; width: 100%; }
-td, th { text-align: left; vertical-align: top; padding: .25em .8em .25em 0;
-         border-bottom: 1px solid #e3e6e9; }
-th { position: sticky; top: 0; background: #fff; }
-td:first-child { white-space: nowrap; color: #56606a; }
-td:nth-child(2), td:nth-child(3) { white-space: nowrap; }
-tr:target td { background: #fdf6d8; }
-.wrongs li { margin-bottom: .5em; } .wrongs code { display: block; overflow-wrap: anywhere; }
-section.timeline { display: none; position: fixed; right: 0; top: 0; bottom: 0; width: 62%;
-    overflow: auto; background: #fff; border-left: 1px solid #8a949e; padding: .6em 1.2em;
-    box-shadow: -6px 0 18px #0003; }
-section.timeline:target { display: block; }
-section.timeline .close { float: right; }
-pre { white-space: pre-wrap; overflow-wrap: anywhere; }
-pre .device { background: #fff1c4; font-weight: bold; } pre .log { color: #0b4f8a; }
-pre .as { color: #56606a; font-style: italic; }
-)";
 
 // For element content and attribute values of HTML and XML. The text is one printable line: what is
 // not comes Escaped.
@@ -332,8 +293,8 @@ std::string SweepPage(const SweepRequest& request, const SweepResult& result) {
                     "<meta name=\"viewport\" content=\"width=device-width\">\n"
                     "<title>Sweep of {0}</title>\n<style>{1}</style></head>\n<body>\n"
                     "<h1>Sweep of <code>{0}</code></h1>\n<p>{2} runs, {3} violations.</p>\n{4}{5}",
-                    Markup(Escaped(request.package)), STYLE, result.runs, result.violations.size(),
-                    Wrongs(request, result), Key());
+                    Markup(Escaped(request.package)), SWEEP_STYLE, result.runs,
+                    result.violations.size(), Wrongs(request, result), Key());
     for (size_t i = 0; i < result.bases.size(); i++) {
         const SweepSummary sum = Summarize(result, i);
         const auto chips = ChipsOf(result, i);
@@ -345,7 +306,7 @@ std::string SweepPage(const SweepRequest& request, const SweepResult& result) {
             "of all ways. D: the device is asked to change; S: a file is synced.</p>\n{}"
             "<h3>Calls</h3>\n<p>A way to fail leads to the time line of its run, &#9656; to that "
             "of the run after it.</p>\n{}",
-            Markup(Escaped(request.phones[i])), Markup(PhoneTitle(request.phones[i])), i,
+            Markup(Escaped(request.phones[i])), Markup(Title(ReadPhone(request.phones[i]))), i,
             FateText(result.baseFates[i]), result.bases[i].calls.size(),
             FateCountsText(sum.failingCalls), FateCountsText(sum.powerCuts),
             FateCountsText(sum.states), Course(result, i, chips), Table(result, i, chips));

@@ -7,4 +7,7 @@
 using Texts = std::vector<std::string>;
 
 // Printable (see Escaped), in quotation marks.
-std::string Quoted(const std::string& bytes, const char* mark = "\"");
+std::string Quoted(const std::string& bytes);
+
+// A word for a shell, printable whatever it holds.
+std::string ShellWord(const std::string& text);

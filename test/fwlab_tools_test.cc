@@ -374,10 +374,9 @@ TEST_F(FwlabTest, CaptureOfAPhoneThatAttempted) {
     Put("/phone.toml", UfsPhone());
     Expect(Fwlab("rehearse package --phone phone.toml --keep pulled"), 0);
     Put("/pulled/proc/bootdevice/rev", "0800\n"); // as if the update had not lasted
-    Expect(
-        Fwlab("capture pulled -o made.toml --firmware-revision 0900"), 0,
-        "made.toml: a UFS phone, \"SIMUFS128G-B0B1 \\n\", runs \"0800\"\nIts record: fwlab match "
-        "PACKAGE --phone 'made.toml' --record 'pulled/data/vendor/fw/fw_result'\n");
+    Expect(Fwlab("capture pulled -o made.toml --firmware-revision 0900"), 0,
+           "made.toml: UFS \"SIMUFS128G-B0B1 \\n\", runs \"0800\"\nIts record: fwlab match "
+           "PACKAGE --phone made.toml --record pulled/data/vendor/fw/fw_result\n");
     Expect(Fwlab("match package --phone made.toml --record pulled/data/vendor/fw/fw_result"), 1,
            "it was attempted already");
     Expect(Fwlab("match package --phone made.toml"), 0, "An update to \"0900\"");
@@ -405,10 +404,10 @@ TEST_F(FwlabTest, CaptureRefusesWhatIsNoPhone) {
         Files nodes, others; // changed
         std::string options = "";
     } rows[] = {
-        {0, "an eMMC phone in GKI mode", emmc, {}},
-        {0, "an eMMC phone in normal mode", emmc, {}, "--mode normal"},
-        {0, "an eMMC phone in GKI mode", emmc, {{"ext_csd", ExtCsd("FW1")}}, "--mode gki"},
-        {0, "a UFS phone", ufs, {{"cid", cid}}, "--technology ufs"},
+        {0, "eMMC (GKI mode)", emmc, {}},
+        {0, "eMMC (normal mode)", emmc, {}, "--mode normal"},
+        {0, "eMMC (GKI mode)", emmc, {{"ext_csd", ExtCsd("FW1")}}, "--mode gki"},
+        {0, "UFS \"SIM\\n\"", ufs, {{"cid", cid}}, "--technology ufs"},
         {1, "give --mode", emmc, {{"ext_csd", ExtCsd("FW1")}}},
         {1, "give --technology", {{"product_name", "SIM\n"}}, {}},
         {1, "give --technology", ufs, {{"manfid", MISSING}}},
