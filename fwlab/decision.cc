@@ -221,9 +221,10 @@ std::string WhyNotSent(const Package& package, const Entry& entry, const Device&
         return fmt::format("the pre-check takes {}: {}", Title(*seen), decision.why);
     }
     const Entry* sent = decision.sent;
-    if (!(sent == nullptr || sent == &entry ||
-          (UpdateName(device.identity) != Get(device.identity, name) &&
-           Get(sent->identity, revision) == own))) {
+    const bool isRenamed = UpdateName(device.identity) != Get(device.identity, name);
+    const bool isRight =
+        sent == nullptr || sent == &entry || (isRenamed && Get(sent->identity, revision) == own);
+    if (!isRight) {
         return Get(sent->identity, name) == Get(entry.identity, name)
                    ? fmt::format("{} comes first and is for the same devices", Title(*sent))
                    : fmt::format("the update takes {}, as a blank in one product name agrees with "
@@ -231,6 +232,39 @@ std::string WhyNotSent(const Package& package, const Entry& entry, const Device&
                                  Title(*sent));
     }
     return decision.verdict == Verdict::UPDATE ? "" : "uses up its attempt: " + decision.why;
+}
+
+Step CheckRecord(const Record& record, const std::string& target) {
+    const std::string last = fmt::format("the last attempt was from {} to {}", Quoted(record.base),
+                                         Quoted(record.target));
+    return {"record", record.isReadable && !IsOnRecord(record, target), nullptr,
+            record.isReadable ? last : UNREADABLE_RECORD, record.messages};
+}
+
+// Sets the verdict of a decision whose steps were all taken.
+void JudgeUpdate(const Package& package, const Identity& device, Decision& decision) {
+    const Entry *seen = decision.PreCheck(), *sent = decision.sent;
+    const Field& revision = device.layout->revision;
+    const bool isRight = sent == nullptr ||
+                         (sent == seen && OuterEntry(package, *seen) == nullptr) ||
+                         (IsFor(package, *sent, device) &&
+                          Get(sent->identity, revision) == Get(seen->identity, revision));
+    const DeviceInfo info = InfoOf(device);
+    if (!isRight) {
+        decision.verdict = Verdict::WRONG_IMAGE;
+        decision.why = sent == seen ? fmt::format("{} lies inside the image of {}", Title(*seen),
+                                                  Title(*OuterEntry(package, *sent)))
+                                    : fmt::format("the pre-check sees {}, the update takes {}",
+                                                  Title(*seen), Title(*sent));
+    } else if (!decision.steps.back().goesOn) {
+        decision.verdict = Verdict::USED_UP;
+        decision.why = decision.steps.back().reason;
+    } else if (!ParseRecord(RecordText(info.pnm, info.localFwRev, decision.recorded)).isReadable) {
+        decision.verdict = Verdict::STUCK;
+        decision.why = UNREADABLE_REVISION;
+    } else {
+        decision.verdict = Verdict::UPDATE;
+    }
 }
 
 } // namespace
@@ -262,59 +296,35 @@ Decision Decide(const Package& package, const Device& device, const Record* reco
     PackageRevs revs = {};
     Decision decision = {Verdict::NOTHING, "", {PreCheck(package, device.identity, revs)}, "",
                          nullptr,          0};
-    const auto end = [&](Verdict verdict, const std::string& why) {
+    const auto end = [&](Verdict verdict) {
         decision.verdict = verdict;
-        decision.why = why;
+        decision.why = decision.steps.back().reason;
         return decision;
     };
-    const Entry* seen = decision.PreCheck();
     if (!decision.steps.back().goesOn) {
-        const std::string why = decision.steps.back().reason;
-        return end(why == NO_BASE ? Verdict::REFUSED : Verdict::NOTHING, why);
+        const bool isRefused = decision.steps.back().reason == NO_BASE;
+        return end(isRefused ? Verdict::REFUSED : Verdict::NOTHING);
     }
-    const std::string target = revs.fwFileRev;
     if (record != nullptr) {
-        const bool isAttempted = IsOnRecord(*record, target);
-        const std::string last = fmt::format("the last attempt was from {} to {}",
-                                             Quoted(record->base), Quoted(record->target));
-        decision.steps.push_back({"record", record->isReadable && !isAttempted, nullptr,
-                                  record->isReadable ? last : UNREADABLE_RECORD, record->messages});
+        decision.steps.push_back(CheckRecord(*record, revs.fwFileRev));
         if (!decision.steps.back().goesOn) {
-            return end(isAttempted ? Verdict::ATTEMPTED : Verdict::STOPS,
-                       decision.steps.back().reason);
+            return end(record->isReadable ? Verdict::ATTEMPTED : Verdict::STOPS);
         }
     }
-    decision.recorded = target;
     const bool isUfs = device.identity.layout == &UFS;
     (void)TakePhoneMessages();
-    decision.steps.push_back((isUfs ? UpdateUfs : UpdateEmmc)(package, device, *seen));
+    decision.recorded = revs.fwFileRev;
+    decision.steps.push_back(
+        (isUfs ? UpdateUfs : UpdateEmmc)(package, device, *decision.PreCheck()));
     const Step& update = decision.steps.back();
     if (update.goesOn || update.reason == LARGE_UFS_BODY) {
         decision.sent = update.entry;
         decision.sentSize =
             std::min<size_t>(update.entry->bodySize, isUfs ? TRANSFER_SIZE : PACKAGE_SIZE_MAX);
     }
-    const Field& revision = device.identity.layout->revision;
-    const bool isMeant = decision.sent == nullptr ||
-                         (decision.sent == seen && OuterEntry(package, *seen) == nullptr) ||
-                         (IsFor(package, *decision.sent, device.identity) &&
-                          Get(decision.sent->identity, revision) == Get(seen->identity, revision));
+    JudgeUpdate(package, device.identity, decision);
     (void)TakePhoneMessages();
-    if (!isMeant) {
-        const Entry* outer = OuterEntry(package, *decision.sent);
-        return end(Verdict::WRONG_IMAGE,
-                   decision.sent == seen
-                       ? fmt::format("{} lies inside the image of {}", Title(*seen), Title(*outer))
-                       : fmt::format("the pre-check sees {}, the update takes {}", Title(*seen),
-                                     Title(*decision.sent)));
-    }
-    if (!update.goesOn) {
-        return end(Verdict::USED_UP, update.reason);
-    }
-    const DeviceInfo info = InfoOf(device.identity);
-    const std::string written = RecordText(info.pnm, info.localFwRev, target);
-    return ParseRecord(written).isReadable ? end(Verdict::UPDATE, "")
-                                           : end(Verdict::STUCK, UNREADABLE_REVISION);
+    return decision;
 }
 
 Texts FindingsOf(const Package& package, const Entry& entry) {
