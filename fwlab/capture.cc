@@ -1,4 +1,4 @@
-// Describes a real phone by what was pulled of its nodes, so that it can be matched and rehearsed.
+// Describes a real phone by the nodes that were pulled from it, for match, plan and rehearse.
 #include "fwlab/commands.h"
 #include "fwlab/device.h"
 #include "fwlab/json.h"
@@ -38,7 +38,7 @@ std::string PlaceOf(const std::string& folder, const std::string& path) {
     };
     const bool isFlat = isThere(flat), isFull = isThere(full);
     if (isFlat && isFull) {
-        throw Stop{2, flat + " and " + full + ": which one?"};
+        throw Stop{2, flat + " and " + full + ": keep only one"};
     }
     return isFlat ? flat : isFull ? full : "";
 }
@@ -49,7 +49,7 @@ std::string Content(const std::string& place) {
         throw Stop{2, place + ": is no regular file"};
     }
     if (fs::file_size(place, error) > NODE_SIZE_MAX || error) {
-        throw Stop{2, place + ": is larger than a node"};
+        throw Stop{2, place + ": is larger than any node"};
     }
     std::string content;
     if (!ReadWholeFile(place, content)) {
@@ -106,9 +106,10 @@ bool IsUfs(const Nodes& nodes, const std::string& technology) {
     }
     const bool isEmmc = nodes.Has(EXT_CSD) || nodes.Has(CID);
     if (!isEmmc && !(nodes.Has(MANFID) && nodes.Has(REV))) {
-        throw Stop{1, nodes.folder +
-                          ": has neither ext_csd nor cid of an eMMC phone, nor manfid and rev of a "
-                          "UFS phone: give --technology if it is to be one of these"};
+        throw Stop{1,
+                   nodes.folder +
+                       ": has neither ext_csd nor cid (eMMC), nor both manfid and rev (UFS): give "
+                       "--technology to have the missing ones named"};
     }
     return !isEmmc;
 }
@@ -129,8 +130,8 @@ std::string DescribeEmmc(Nodes& nodes, const std::string& mode) {
         throw Stop{1, "ext_csd is neither 1024 hexadecimal digits nor 512 bytes"};
     }
     if (isRaw && mode.empty()) {
-        throw Stop{
-            1, "ext_csd is no text and so not from the node that only GKI mode has: give --mode"};
+        throw Stop{1,
+                   "ext_csd is binary, so it is not from the node that GKI mode has: give --mode"};
     }
     const std::string cid = Unhex(nodes.Read(CID), CID_SIZE);
     if (cid.empty()) {
@@ -221,7 +222,7 @@ void CheckIsNotPulled(const std::string& output, const Nodes& nodes) {
     const fs::path folder = fs::canonical(nodes.folder, error);
     const fs::path place = fs::canonical(output, error); // none if it is not there
     if (!error && place.string().rfind(folder.string() + "/", 0) == 0) {
-        throw Stop{2, output + ": was there before, among what was pulled"};
+        throw Stop{2, output + ": exists already, among the files that were pulled"};
     }
 }
 
@@ -241,10 +242,11 @@ int Capture(const CaptureOptions& options, bool asJson) {
     const std::string described = isUfs ? DescribeUfs(nodes) : DescribeEmmc(nodes, options.mode);
     const std::string record = RecordOf(options.folder);
     CheckIsNotPulled(options.output, nodes);
-    WriteOutput(options.output, "# A phone, made by `fwlab capture` from its nodes.\n" + described +
-                                    "\n# Not of the phone: what it is to report after an update.\n"
-                                    "[firmware]\n" +
-                                    Line("revision", TomlBytes(next)));
+    WriteOutput(options.output,
+                "# A phone, made by `fwlab capture` from its nodes.\n" + described +
+                    "\n# What the phone reports after an update; its nodes do not tell.\n"
+                    "[firmware]\n" +
+                    Line("revision", TomlBytes(next)));
     const Description phone = ReadPhone(options.output);
     const Json report = {{"phone", Escaped(options.output)},
                          {"technology", isUfs ? "ufs" : "emmc"},

@@ -8,8 +8,8 @@
 
 #include <optional>
 
-// The revisions that a device can have and that the entry admits; none: any. Free slots are left
-// out.
+// The base revisions of an entry, without free slots and what no device can have; nothing if it
+// applies to any revision.
 std::optional<Texts> BaseRevisionsOf(const Identity& identity);
 
 enum class Verdict {

@@ -1,4 +1,4 @@
-// Tells two packages apart: by their entries, and by what devices get of them.
+// Compares two packages: by their entries, and by what devices get from them.
 #include "fwlab/commands.h"
 #include "fwlab/decision.h"
 #include "fwlab/difference.h"
@@ -81,8 +81,8 @@ std::vector<Pair> PairsOf(const Side& before, const Side& after) {
     return pairs;
 }
 
-// The place of an entry among those that both packages have, from 1: what comes and goes around it
-// moves nothing.
+// The place of an entry among those that are in both packages, from 1: entries that were added or
+// removed do not count.
 size_t PlaceOf(const Entry* entry, const std::vector<Pair>& pairs, const Entry* Pair::*side) {
     return 1 + static_cast<size_t>(std::count_if(pairs.begin(), pairs.end(), [&](const Pair& pair) {
                return pair.before != nullptr && pair.after != nullptr &&
@@ -171,7 +171,7 @@ std::vector<Model> ModelsOf(const Side& before, const Side& after) {
     return models;
 }
 
-// A revision that is older than texts are, and none of these.
+// A revision that is none of the model's, and older than any printable one.
 std::string OtherRevision(const Model& model) {
     const size_t size = model.identity.layout->revision.size;
     std::string other;

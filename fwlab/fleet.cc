@@ -47,7 +47,7 @@ bool Search(const std::string& directory, int depth, Texts& found) {
             others.push_back(folder);
         }
     }
-    if (depth == 0 && !isState && !isWholePhone) { // phones whose pull has brought nothing
+    if (depth == 0 && !isState && !isWholePhone) { // phones from which nothing was pulled
         found.insert(found.end(), others.begin(), others.end());
     }
     return found.size() > foundBefore;

@@ -15,7 +15,7 @@ Json Describe(const Package& package, const Entry& entry, const Entry* outer) {
     shown.update(Describe(entry.identity));
     shown["body_offset"] = entry.body;
     shown["body_size"] = entry.bodySize;
-    if (outer != nullptr) { // of the image; no digest of what no device takes
+    if (outer != nullptr) { // a part of the image, which no device takes
         shown["findings"] = Json::array();
         shown["notes"] = {"a magic inside " + Title(*outer)};
         return shown;
@@ -34,10 +34,10 @@ Json Describe(const Package& package) {
                    {"sha256", Sha256(package, 0, package.size)},
                    {"findings", Json::array()}};
     for (const Span& span : Uncovered(package)) {
-        report["findings"].push_back(
-            fmt::format("{} bytes from {:#x} belong to no entry: damaged, or not meant to be there "
-                        "(sha256 {})",
-                        span.size, span.offset, Sha256(package, span.offset, span.size)));
+        report["findings"].push_back(fmt::format(
+            "{} bytes from {:#x} belong to no entry: the package is damaged, or they are junk "
+            "(sha256 {})",
+            span.size, span.offset, Sha256(package, span.offset, span.size)));
     }
     Json& entries = report["entries"] = Json::array();
     for (const Entry& entry : package.entries) {

@@ -32,7 +32,7 @@ struct Arguments {
 CLI::App* AddCommand(CLI::App& app, Arguments& args, const char* name, const char* summary,
                      const std::function<int()>& run, const char* footer) {
     CLI::App* command = app.add_subcommand(name, summary);
-    command->add_flag("--json", args.json, "for programs");
+    command->add_flag("--json", args.json, "print JSON, for programs");
     command->callback([&args, run] { args.status = run(); });
     command->footer(footer);
     return command;
@@ -43,11 +43,11 @@ void AddPack(CLI::App& app, Arguments& args) {
         app, args, "pack", "Build a package from a manifest",
         [&] { return Pack(args.manifest, args.output, args.gkiOnly, args.json); },
         "fwlab/emmc-package.toml and fwlab/ufs-package.toml explain manifests. Exit status 1: "
-        "refused, as a phone would not treat it as meant. A device that an entry describes must "
-        "get this very entry from each of its base revisions.");
+        "refused. A device that an entry describes must get exactly this entry, from each of the "
+        "entry's base revisions.");
     pack->add_option("MANIFEST.toml", args.manifest, "what goes into it")->required();
     pack->add_option("-o,--output", args.output, "the package")->required();
-    pack->add_flag("--gki-only", args.gkiOnly, "admit eMMC images above 1 MiB");
+    pack->add_flag("--gki-only", args.gkiOnly, "allow eMMC images above 1 MiB");
 }
 
 void AddList(CLI::App& app, Arguments& args) {
@@ -63,9 +63,9 @@ void AddDiff(CLI::App& app, Arguments& args) {
     CLI::App* diff = AddCommand(
         app, args, "diff", "Tell two packages apart, by entry and by device",
         [&] { return Diff(args.package, args.newPackage, args.json); },
-        "The devices are those that an entry names, with each revision that an entry brings or "
-        "admits, and without a record of attempts. Exit status 0: the same bytes. 1: they differ. "
-        "2: trouble.");
+        "The devices are those that an entry describes, without a record of attempts. Each runs, "
+        "in turn, every revision that an entry installs or has as a base revision. Exit status 0: "
+        "the same bytes. 1: they differ. 2: trouble.");
     diff->add_option("OLD", args.package, "a package")->required();
     diff->add_option("NEW", args.newPackage, "the one that is to follow it")->required();
 }
@@ -74,8 +74,9 @@ void AddUnpack(CLI::App& app, Arguments& args) {
     CLI::App* unpack = AddCommand(
         app, args, "unpack", "Take a package apart: a manifest and images",
         [&] { return Unpack(args.package, args.output, args.json); },
-        "Of package.toml there, pack makes the same bytes again. Exit status 1: refused, as pack "
-        "makes no such package; nothing is left.");
+        "pack makes the same bytes again from the package.toml there. Exit status 1: refused, as "
+        "pack "
+        "would not make this package; nothing is left behind.");
     unpack->add_option("PACKAGE", args.package, "the package")->required();
     unpack->add_option("-o,--output", args.output, "a new folder")->required();
 }
@@ -108,8 +109,8 @@ void AddMatch(CLI::App& app, Arguments& args) {
             const Description phone = ReadPhone(args.phone, args.settings);
             return Match(args.package, phone, args.record, args.json);
         },
-        "Exit status 0: the device is sent the entry that the pre-check saw. 1: no update, or one "
-        "attempt \"used up\" in vain: on record, and never made again.");
+        "Exit status 0: the device is sent the entry that the pre-check saw. 1: no update, or the "
+        "attempt is \"used up\": it is on record and never made again, but the update fails.");
     match->add_option("PACKAGE", args.package, "the package")->required();
     AddPhone(*match, args.phone, args.settings);
     match->add_option("--record", args.record, "its fw_result")->check(CLI::ExistingFile);
@@ -129,7 +130,7 @@ void AddRehearse(CLI::App& app, Arguments& args) {
     rehearse->add_option("--keep", options.keep, "make the phone in this directory and keep it");
     rehearse->add_flag("--reboot-and-run-again", options.runAgain,
                        "run again after the restart: that run must find nothing to do");
-    rehearse->add_flag("--quiet", options.quiet, "without console lines of one character each");
+    rehearse->add_flag("--quiet", options.quiet, "leave out console lines of one character each");
 }
 
 void AddSweep(CLI::App& app, Arguments& args) {
@@ -137,9 +138,10 @@ void AddSweep(CLI::App& app, Arguments& args) {
     CLI::App* sweep = AddCommand(
         app, args, "sweep", "Rehearse every failing call and power cut",
         [&] { return Sweep(request, args.json); },
-        "Each call of the run fails, in each way, once and for good, and the power fails before "
-        "each call that changes the phone, with all that may be lost as it was not synced. Exit "
-        "status 1: a run did what it must not.");
+        "Each call of the run fails, in each way, once and for good. The power fails before each "
+        "call "
+        "that changes the phone, with each loss of what was not synced. Exit status 1: a run did "
+        "what it must not.");
     sweep->add_option("PACKAGE", request.package, "the package")->required();
     sweep->add_option("--phone", request.phones, "descriptions of phones")->required();
     sweep->add_option("--jobs", request.jobs, "processes; without it one for each processor")
@@ -154,14 +156,16 @@ void AddOutcome(CLI::App& app, Arguments& args) {
         app, args, "outcome", "Explain what runs left in /data/vendor/fw",
         [&] { return Outcome(options, args.json); },
         "States: updated; nothing: nothing to do, never attempted; failed; interrupted; unknown: "
-        "attempted, nothing downloaded or unknown; stopped: outside of an attempt; damaged: no "
-        "run can read the record; foreign: no state directory; unreadable. Exit status 0: all "
+        "attempted, perhaps without a download; stopped: a run ended early, outside of an attempt; "
+        "damaged: no run can read the record; foreign: no state directory; unreadable. Exit status "
+        "0: all "
         "are updated or nothing. 2: none is a state directory that can be read.");
     outcome
         ->add_option("DIR", options.directories,
                      "that directory, pulled from a phone, or a folder of many: FOLDER/SERIAL/...")
         ->required();
-    outcome->get_option("--json")->description("one line for each directory, for programs");
+    outcome->get_option("--json")->description(
+        "print a line of JSON for each directory, for programs");
     outcome
         ->add_option("--fail-above", options.failAbove,
                      "exit status 1 only if more than this share (percent) is not updated, of all "
@@ -195,16 +199,17 @@ void AddCapture(CLI::App& app, Arguments& args) {
     CLI::App* capture = AddCommand(
         app, args, "capture", "Describe a phone by nodes pulled from it",
         [&] { return Capture(options, args.json); },
-        "DIR has /proc/bootdevice/product_name, of UFS with manfid, rev and, if known, "
-        "/sys/block/sdc/queue/max_hw_sectors_kb, of eMMC with ext_csd and "
-        "/sys/class/mmc_host/mmc0/mmc0:0001/cid: under their names alone or under their paths, as "
-        "`adb exec-out cat` gives them. Where it has the phone's /data/vendor/fw, too, capture "
-        "shows how match takes its record. Exit status 1: the nodes do not describe a phone.");
+        "DIR holds the nodes as `adb exec-out cat` gives them, under their names alone or under "
+        "their paths. All phones: /proc/bootdevice/product_name. UFS: manfid and rev beside it "
+        "and, if known, /sys/block/sdc/queue/max_hw_sectors_kb. eMMC: ext_csd beside it and "
+        "/sys/class/mmc_host/mmc0/mmc0:0001/cid. If the phone's /data/vendor/fw is there too, "
+        "capture shows how to give its record to match. Exit status 1: the nodes do not describe "
+        "a phone.");
     capture->add_option("DIR", options.folder, "where they are")->required();
     capture->add_option("-o,--output", options.output, "the description")->required();
     capture
         ->add_option("--firmware-revision", options.firmwareRevision,
-                     "what the phone is to report after an update (bytes: \\xHH)")
+                     "the revision that the phone reports after an update (bytes: \\xHH)")
         ->required();
     capture->add_option("--technology", options.technology, "where the nodes do not tell")
         ->check(CLI::IsMember({"emmc", "ufs"}));
@@ -227,7 +232,7 @@ size_t Distance(const std::string& from, const std::string& to) {
     return row[to.size()];
 }
 
-// A first word that is no command gets the nearest one.
+// Stop, with the nearest command, if the first word is none.
 void RequireCommand(const CLI::App& app, int argc, char** argv) {
     const std::string word = argc < 2 ? "-" : argv[1];
     std::string nearest;
@@ -274,7 +279,7 @@ int Run(int argc, char** argv) {
 } // namespace
 
 int main(int argc, char** argv) {
-    signal(SIGPIPE, SIG_IGN); // a rehearsal tidies up when nobody reads on
+    signal(SIGPIPE, SIG_IGN); // a rehearsal removes its phone even if nobody reads its output
     Stop stop = {2, ""};
     try {
         stop.status = Run(argc, argv);

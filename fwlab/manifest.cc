@@ -1,5 +1,5 @@
 // Reads and writes manifests. Whatever is unknown, missing or of the wrong type is input that
-// cannot be read; a value that a phone would not treat as meant is refused.
+// cannot be read; a value that would not work on a phone is refused.
 #include "fwlab/manifest.h"
 
 #include "fwlab/decision.h"

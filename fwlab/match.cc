@@ -27,11 +27,11 @@ void Print(const Step& step) {
 // The answer in words, and what to change.
 std::string Sentence(const Decision& decision) {
     const std::string recorded = Quoted(decision.recorded);
-    const std::string remedy =
-        fmt::format("The phone writes the attempt for {} on record and makes no other one for it. "
-                    "Correct this before phones get the package; afterwards only another revision "
-                    "reaches them.",
-                    recorded);
+    const std::string remedy = fmt::format(
+        "The phone puts the attempt for {} on record and never makes another one for it. "
+        "Correct the package before phones get it; afterwards only another revision "
+        "reaches them.",
+        recorded);
     switch (decision.verdict) {
     case Verdict::UPDATE:
         return fmt::format("An update to {}: {} bytes of {}.",

@@ -119,8 +119,9 @@ std::string TimeIn(const StateFile& flag) {
 
 enum class Whose { LAST, EARLIER, UNTOLD };
 
-// Of which attempt an outcome flag is. An update clears the flags right behind its record, so that
-// one that is left from before is older than the record, unless the clock went back in between.
+// Which attempt an outcome flag belongs to. An update clears the flags right after it has written
+// its record, so a flag that is older than the record belongs to an earlier attempt, unless the
+// clock went back in between.
 Whose WhoseIs(const StateFile& flag, const Record& record) {
     constexpr time_t LONGEST_UPDATE = 3600; // far above a download's time limit of 300 seconds
     constexpr time_t FIRST_YEAR_END = 365 * 86400; // of 1970: the clock had not been set
@@ -128,7 +129,7 @@ Whose WhoseIs(const StateFile& flag, const Record& record) {
     if (!ended || !began) {
         return Whose::UNTOLD;
     }
-    if (record.isOnly) { // no earlier one is known that it could be of
+    if (record.isOnly) { // it cannot belong to an earlier attempt
         return *ended >= *began ? Whose::LAST : Whose::UNTOLD;
     }
     const auto before = SecondsOf(record.timeBefore);
@@ -214,7 +215,7 @@ Judgement JudgeAttempt(const StateFiles& files, const Record& record) {
         fmt::format("{} (\"{}\")", files.ok.isThere ? "ffu.ok" : "ffu.fail", Escaped(TimeIn(flag)));
     const Whose whose = WhoseIs(flag, record);
     if (whose == Whose::UNTOLD) {
-        return {State::UNKNOWN, "the times contradict each other or are none: whether " + title +
+        return {State::UNKNOWN, "the times contradict each other or are missing: whether " + title +
                                     " is the outcome of " + attempt + " cannot be told"};
     }
     if (whose == Whose::EARLIER) {

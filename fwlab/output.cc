@@ -15,7 +15,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// Less what the user's mask takes away: temporary files are made for their owner only.
+// The mode that the umask leaves. Temporary files are made for their owner only.
 mode_t Permitted(mode_t mode) {
     const mode_t mask = umask(0);
     (void)umask(mask);
@@ -28,7 +28,7 @@ void CheckOutput(const std::string& path) {
     std::error_code error;
     const fs::file_status there = fs::symlink_status(path, error);
     if (fs::exists(there) && !fs::is_regular_file(there)) {
-        throw Stop{2, path + ": is there and no regular file"};
+        throw Stop{2, path + ": is no regular file"};
     }
     const std::string folder = fs::path(path).parent_path();
     if (access(folder.empty() ? "." : folder.c_str(), W_OK) != 0) {
@@ -66,7 +66,7 @@ void MakeFolder(const std::string& path, const std::function<void(const std::str
     const std::string folder = path.substr(0, path.find_last_not_of('/') + 1);
     std::error_code error;
     if (folder.empty() || fs::exists(fs::symlink_status(folder, error))) {
-        throw Stop{2, path + ": is there already"};
+        throw Stop{2, path + ": exists already"};
     }
     const HeldSignals held;
     std::string temporary = folder + ".XXXXXX";
@@ -90,6 +90,6 @@ void RequireOther(const std::string& path, const std::string& input) {
     std::error_code error;
     const bool isSame = fs::equivalent(path, input, error);
     if (isSame && !error) {
-        throw Stop{2, path + ": is read by this command, too"};
+        throw Stop{2, path + ": is an input of this command"};
     }
 }

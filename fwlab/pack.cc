@@ -49,7 +49,7 @@ Built BuildPackage(const std::string& manifestFile, bool withLargeEmmc) {
         offsets.push_back(bytes->size());
         *bytes += entry.identity.header + entry.image;
         if (bytes->size() > PACKAGE_SIZE_MAX) {
-            throw Stop{1, manifestFile + ": more than a phone reads"};
+            throw Stop{1, manifestFile + ": the package is 2 GiB or larger: phones refuse it"};
         }
     }
     const PackageBytes owned(bytes, reinterpret_cast<const uint8_t*>(bytes->data()));

@@ -11,7 +11,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-// More magics than any package has: that is some other file.
+// No package has more entries: a file with more is something else.
 constexpr size_t ENTRIES_MAX = 1024;
 
 Package OpenPackage(const std::string& path, const Layout* layout) {

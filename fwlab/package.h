@@ -1,4 +1,4 @@
-// A firmware package on a desk, with every place in it that a reader on the phone visits.
+// A firmware package, with every entry in it that the phone's scan visits.
 #pragma once
 
 #include "fwlab/layout.h"

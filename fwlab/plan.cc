@@ -43,8 +43,8 @@ std::string UpToZero(const std::string& bytes) {
     return bytes.substr(0, bytes.find('\0'));
 }
 
-// The lines of one model and revision: of phones that have made no attempt from it, and of those
-// whose record is there.
+// Adds the lines of one model and revision: for phones without a record, and for those whose record
+// is there.
 void AddLines(const Model& model, const Running& running, const Package* package,
               std::vector<Record>& records, std::vector<Line>& lines) {
     const Layout& layout = *model.device.identity.layout;
@@ -88,7 +88,7 @@ struct Report {
     bool isReleasable;
 };
 
-// Entries of the packages' maker that no phone of the fleet gets.
+// The entries that no phone of the fleet gets. A magic inside an image is no entry.
 Texts UnusedEntries(const std::vector<Package>& packages, const std::vector<Line>& lines) {
     std::set<const Entry*> used;
     for (const Line& line : lines) {
@@ -126,7 +126,7 @@ void ReadRecords(const std::string& folder, std::vector<Record>& records, Texts&
     }
     if (others > 0) {
         findings.push_back(
-            fmt::format("{} folders are no state directory that can be read", others));
+            fmt::format("{} folders are not state directories, or cannot be read", others));
     }
 }
 
@@ -227,7 +227,7 @@ void Print(const Report& report) {
     }
     fmt::print("\n");
     if (report.otherRecords > 0) {
-        fmt::print("Note: {} records are of no phone of the fleet.\n", report.otherRecords);
+        fmt::print("Note: {} records belong to no phone of the fleet.\n", report.otherRecords);
     }
     for (const std::string& text : report.findings) {
         fmt::print("FINDING: {}\n", text);

@@ -13,9 +13,9 @@ namespace {
 
 constexpr char PRODUCT_KEY[] = "product name:";
 
-// Takes the last attempt's lines off content and puts their parts into time and product; both stay
-// empty where they are not as a run writes them. A product name may hold line feeds: the key at the
-// begin of a line, not the last but one line end, begins it.
+// Removes the last attempt from content and puts its parts into time and product; both are empty if
+// its lines are not as a run writes them. A product name may hold line feeds, so its line is found
+// by the key at the begin of a line.
 void TakeAttempt(std::string& content, std::string& time, std::string& product) {
     const size_t line = content.rfind(std::string("\n") + PRODUCT_KEY);
     const size_t key = line == std::string::npos ? 0 : line + 1;

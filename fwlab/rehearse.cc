@@ -1,5 +1,5 @@
-// Runs the unmodified tool on a simulated phone with a package and judges what came of it. All that
-// happens lies in the phone's directory, which is removed unless it is to be kept.
+// Runs the unmodified tool on a simulated phone with a package and checks the result. The phone is
+// a directory, which is removed unless the user keeps it.
 #include "emmc/emmc_command.h"
 #include "emmc/emmc_device.h"
 #include "emmc/emmc_register.h"
@@ -35,7 +35,7 @@ bool IsOfOneCharacter(const TimeLineEntry& entry) {
     return std::regex_search(entry.text, messages);
 }
 
-// The steps of a rehearsal, as they are told to people, or kept for programs.
+// The steps of a rehearsal: printed as they come for people, or kept for programs.
 struct Report {
     bool asJson, quiet;
     Json json;
@@ -67,7 +67,7 @@ void TellPhone(const std::string& phone, const Report& report) {
     report.Say("{}", shown);
 }
 
-// Whether the run left a state without complaint.
+// Returns whether the state that the run has left is fine.
 bool Run(const Texts& faults, const std::string& phone, Report& report) {
     RunOptions options;
     options.faults = faults;
@@ -145,7 +145,7 @@ int Rehearse(const RehearseOptions& options, bool asJson) {
         throw Stop{1, options.package + " " + package.flaw};
     }
     const Decision decision = Decide(package, device);
-    // What the phone is to get: what the pre-check saw, or that entry's like for this very device.
+    // The phone is to get what the pre-check saw, or the entry that Decide accepts in its place.
     const Entry* entry = decision.verdict == Verdict::UPDATE ? decision.sent : decision.PreCheck();
 
     const WorkFolder folder;
@@ -168,7 +168,7 @@ int Rehearse(const RehearseOptions& options, bool asJson) {
         isUpdated = FindsNothingToDo(phone, report) && isUpdated;
     }
     report.json["updated"] = isUpdated;
-    report.Say("The phone is {}updated as meant.\n", isUpdated ? "" : "NOT ");
+    report.Say("The phone is {}updated.\n", isUpdated ? "" : "NOT ");
     if (asJson) {
         fmt::print("{}\n", report.json.dump(2));
     }

@@ -1,5 +1,6 @@
-// Rehearses every failing call and every power cut of a package on phones, and says what is left of
-// them. Called by hand and by CI systems; nothing stays but the files that are asked for.
+// Rehearses every failing call and every power cut of a package on phones, and tells what the
+// phones are left with. Called by hand and by CI systems; leaves only the files that were asked
+// for.
 #include "fwlab/json.h"
 #include "fwlab/output.h"
 #include "fwlab/sweep_report.h"
@@ -69,8 +70,9 @@ void Print(const SweepRequest& request, const SweepResult& result) {
     fmt::print("{} runs, {} violations{}\n", result.runs, result.violations.size(),
                result.violations.empty()
                    ? ": the device was asked for each revision in one run at most, never after a "
-                     "failure that must stop it, and never before the attempt was on record; the "
-                     "record only grew; no run was stuck but by a cut before the record was synced."
+                     "failure that must stop the run, and never before the attempt was on record; "
+                     "the record only grew; a run was stuck only after a power cut before the "
+                     "record was synced."
                    : ".");
 }
 
@@ -129,10 +131,10 @@ std::string RehearseCommand(const SweepRequest& request, const SweepViolation& w
 int Sweep(const SweepRequest& request, bool asJson) {
     std::vector<SweepScenario> scenarios;
     for (const std::string& phone : request.phones) {
-        (void)ReadPhone(phone); // it can be read
+        (void)ReadPhone(phone); // Stop if it cannot be read
         scenarios.push_back({phone, phone, request.package, {false, {}}});
     }
-    (void)OpenPackage(request.package); // it can be read
+    (void)OpenPackage(request.package); // likewise
     for (const std::string& output : {request.junit, request.html}) {
         if (!output.empty()) {
             CheckOutput(output); // before it takes long

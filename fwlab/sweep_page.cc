@@ -302,9 +302,10 @@ std::string SweepPage(const SweepRequest& request, const SweepResult& result) {
             "<h2><code>{}</code>: {}</h2>\n<p><a href=\"#b{}\">Without a fault</a>: {}, in {} "
             "calls.<br>Failing calls: {}.<br>Power cuts: {}; by the states that they can leave: "
             "{}.</p>\n<h3>The course of the run</h3>\n<p>A column for each call, in order. Upper "
-            "bar: what is left when it fails, lower bar: when the power fails before it; the worst "
-            "of all ways. D: the device is asked to change; S: a file is synced.</p>\n{}"
-            "<h3>Calls</h3>\n<p>A way to fail leads to the time line of its run, &#9656; to that "
+            "bar: what the phone is left with when the call fails. Lower bar: when the power fails "
+            "before it. Each shows the worst case. D: the device is asked to change; S: a file is "
+            "synced.</p>\n{}"
+            "<h3>Calls</h3>\n<p>Click a way to fail for the time line of its run, &#9656; for that "
             "of the run after it.</p>\n{}",
             Markup(Escaped(request.phones[i])), Markup(Title(ReadPhone(request.phones[i]))), i,
             FateText(result.baseFates[i]), result.bases[i].calls.size(),

@@ -27,7 +27,7 @@ bool ReadBytes(const toml::node& node, const Field& field, std::string& bytes) {
                                   isExact ? "" : "at most ", field.size)};
     }
     if (field.filling == Field::NODE && bytes.empty()) {
-        throw Stop{1, std::string(field.key) + " is empty: no device has it"};
+        throw Stop{1, std::string(field.key) + " is empty: no device has an empty one"};
     }
     if (&field == &UFS.manufacturer && isText) {
         const bool isRight = bytes.size() == field.size && bytes.rfind("0x", 0) == 0 &&
@@ -35,14 +35,15 @@ bool ReadBytes(const toml::node& node, const Field& field, std::string& bytes) {
         if (!isRight) {
             throw Stop{1, Quoted(bytes) +
                               " is no manfid as kernels print it, such as \"0x0001ce\": 0x and "
-                              "six digits, letters in lower case; write a list of 8 numbers "
-                              "where a kernel prints another one"};
+                              "six digits, letters in lower case; if a kernel prints another "
+                              "one, write it as a list of 8 numbers"};
         }
     }
     if (field.filling == Field::NODE && isText) {
         if (bytes.find('\n') != std::string::npos) {
-            throw Stop{1, std::string(field.key) +
-                              " has a line feed: fwlab adds it, as phones read one"};
+            throw Stop{1,
+                       std::string(field.key) +
+                           " has a line feed: leave it out, fwlab adds the one that phones read"};
         }
         bytes += '\n';
     }

@@ -39,11 +39,13 @@ void RequireSame(const std::string& manifest, const Package& package) {
         return;
     }
     const std::vector<Difference> found = DifferencesOf(package, made);
-    throw Stop{1, found.empty()
-                      ? package.path + ": pack does not make it again"
-                      : fmt::format("{}: pack does not make it again: entry {}: {} is {}, not {}",
-                                    package.path, found[0].entry, found[0].field,
-                                    Shown(found[0].second), Shown(found[0].first))};
+    throw Stop{
+        1,
+        found.empty()
+            ? package.path + ": pack does not make the same bytes again"
+            : fmt::format("{}: pack does not make the same bytes again: entry {}: {} is {}, not {}",
+                          package.path, found[0].entry, found[0].field, Shown(found[0].second),
+                          Shown(found[0].first))};
 }
 
 } // namespace
@@ -53,7 +55,7 @@ int Unpack(const std::string& packageFile, const std::string& folder, bool asJso
     const std::vector<const Entry*> entries = OwnEntries(package);
     const std::string flaw = FlawOf(package, entries);
     if (!flaw.empty()) {
-        throw Stop{1, packageFile + ": pack makes no such package: " + flaw};
+        throw Stop{1, packageFile + ": pack would not make this package: " + flaw};
     }
     std::vector<ManifestEntry> parts;
     for (const Entry* entry : entries) {

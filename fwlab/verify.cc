@@ -22,7 +22,7 @@ std::string TextOf(const Difference& difference, const std::vector<const Entry*>
                            difference.first.get<size_t>() - difference.second.get<size_t>());
     }
     if (difference.field == "body") {
-        return fmt::format("{}: body: another one from its byte {} on (at {:#x})", title,
+        return fmt::format("{}: body: differs from its byte {} on (at {:#x})", title,
                            difference.offset - entry.body, difference.offset);
     }
     return fmt::format(
