@@ -1,9 +1,9 @@
 // The release gate: what each phone of a fleet gets from the packages, before any phone has them.
 #include "fwlab/commands.h"
+#include "fwlab/fleet.h"
 #include "fwlab/json.h"
-#include "fwlab/models.h"
-#include "fwlab/outcome.h"
 #include "fwlab/spans.h"
+#include "fwlab/state_directory.h"
 #include "simphone/files.h"
 
 #include <algorithm>
@@ -241,7 +241,7 @@ void Print(const Report& report) {
 
 int Plan(const PlanOptions& options, bool asJson) {
     const std::vector<Package> packages = ReadPackages(options.packages);
-    const std::vector<Model> models = ReadModels(options.fleet);
+    const std::vector<Model> models = ReadFleet(options.fleet);
     const Report report = MakeReport(packages, models, options.records);
     Show(asJson, Describe(report), [&] { Print(report); });
     return report.isReleasable ? 0 : 1;

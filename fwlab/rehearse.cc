@@ -6,7 +6,7 @@
 #include "fwlab/commands.h"
 #include "fwlab/device.h"
 #include "fwlab/json.h"
-#include "fwlab/outcome.h"
+#include "fwlab/state_directory.h"
 #include "fwlab/work_folder.h"
 #include "run/result_record.h"
 #include "run/state_flags.h"

@@ -15,4 +15,4 @@ struct Model {
 };
 
 // fleet.toml explains the file. Stop if it cannot be read or names no phone.
-std::vector<Model> ReadModels(const std::string& path);
+std::vector<Model> ReadFleet(const std::string& path);
