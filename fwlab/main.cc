@@ -110,7 +110,8 @@ void AddMatch(CLI::App& app, Arguments& args) {
             return Match(args.package, phone, args.record, args.json);
         },
         "Exit status 0: the device is sent the entry that the pre-check saw. 1: no update, or the "
-        "attempt is \"used up\": it is on record and never made again, but the update fails.");
+        "attempt is \"used up\": on record and never made again, but the device does not get the "
+        "entry.");
     match->add_option("PACKAGE", args.package, "the package")->required();
     AddPhone(*match, args.phone, args.settings);
     match->add_option("--record", args.record, "its fw_result")->check(CLI::ExistingFile);
