@@ -53,7 +53,7 @@ using SweepCheck = std::function<Texts(const SweepRun& run)>;
 struct SweepOptions {
     std::string tool, phoneLibrary; // the latter empty: beside the tool
     unsigned processes = 0;         // 0: one for each processor
-    bool skipsRepeats = false;      // runs that would hardly differ from others, see the source
+    bool skipsRepeats = false;      // runs that would hardly differ from others, see JobsOf
     bool cutsEverywhere = false;    // also at calls that change nothing
     size_t everyNth = 1;            // only each Nth job
     bool stopsAtFirst = false;      // violation
