@@ -22,8 +22,7 @@ constexpr unsigned SEND_EXT_CSD = 8; // CMD8
 constexpr int CID_HEX_SIZE = 2 * CID_SIZE;
 constexpr int EXT_CSD_HEX_SIZE = 2 * EXT_CSD_SIZE;
 
-// The routines for which steps of their work speak in messages.
-constexpr char EMMC_GET_CID_FROM_SYSFS[] = "EmmcGetCidFromSysfs";
+// The routine for which steps of its work speak in messages.
 constexpr char EMMC_GET_EXT_CSD[] = "EmmcGetExtCsd";
 
 // The position of the first character that is no hexadecimal digit; size when there is none. A
@@ -43,26 +42,16 @@ void PrintCid(const char* cidHex) {
     }
 }
 
-[[nodiscard]] int ReadCidHex(char* cidHex) {
-    const int fd = open(EMMC_CID_NODE, O_RDONLY | O_LARGEFILE);
+[[nodiscard]] int GetExtCsdFromNode(uint8_t* extCsd) {
+    ffu_print("%s,line=%d: %s, emmc firmware GKI mode \n", EMMC_GET_EXT_CSD, 255, EMMC_GET_EXT_CSD);
+    const int fd = open(EMMC_EXT_CSD_NODE, O_RDONLY);
     if (fd < 0) {
-        ffu_print("%s,line=%d: Couldn't open %s fd = %d O_RDONLY  | O_LARGEFILE\n",
-                  EMMC_GET_CID_FROM_SYSFS, 171, EMMC_CID_NODE, fd);
+        ffu_print("%s,line=%d: Could not open %s\n", EMMC_GET_EXT_CSD, 258, EMMC_EXT_CSD_NODE);
         return -1;
     }
-    const auto count = static_cast<int>(read(fd, cidHex, CID_HEX_SIZE));
-    close(fd);
-    if (count != CID_HEX_SIZE) {
-        ffu_print("%s,line=%d: Error cid buffRead = %d less than total_read = %d\n",
-                  EMMC_GET_CID_FROM_SYSFS, 176, count, CID_HEX_SIZE);
-        return -1;
-    }
-    return 0;
-}
-
-[[nodiscard]] int ReadExtCsdHex(int fd, uint8_t* extCsd) {
     char hex[EXT_CSD_HEX_SIZE] = {};
     const auto count = static_cast<int>(read(fd, hex, sizeof(hex)));
+    close(fd);
     if (count != EXT_CSD_HEX_SIZE) {
         ffu_print("%s,line=%d: %s: get proc/bootdevice/rev %d\n", EMMC_GET_EXT_CSD, 263,
                   EMMC_GET_EXT_CSD, count);
@@ -84,18 +73,6 @@ void PrintCid(const char* cidHex) {
         extCsd[i] = static_cast<uint8_t>(strtol(digits, nullptr, 16));
     }
     return 0;
-}
-
-[[nodiscard]] int GetExtCsdFromNode(uint8_t* extCsd) {
-    ffu_print("%s,line=%d: %s, emmc firmware GKI mode \n", EMMC_GET_EXT_CSD, 255, EMMC_GET_EXT_CSD);
-    const int fd = open(EMMC_EXT_CSD_NODE, O_RDONLY);
-    if (fd < 0) {
-        ffu_print("%s,line=%d: Could not open %s\n", EMMC_GET_EXT_CSD, 258, EMMC_EXT_CSD_NODE);
-        return -1;
-    }
-    const int status = ReadExtCsdHex(fd, extCsd);
-    close(fd);
-    return status;
 }
 
 // Sends one command that reads a single block of MMC_BLOCK_SIZE bytes into data.
@@ -139,8 +116,18 @@ int EmmcGetCidFromSysfs(uint8_t* cid) {
         ffu_print("%s,line=%d: %s args have NULL\n", __func__, 165, __func__);
         return -1;
     }
+    const int fd = open(EMMC_CID_NODE, O_RDONLY | O_LARGEFILE);
+    if (fd < 0) {
+        ffu_print("%s,line=%d: Couldn't open %s fd = %d O_RDONLY  | O_LARGEFILE\n", __func__, 171,
+                  EMMC_CID_NODE, fd);
+        return -1;
+    }
     char cidHex[CID_HEX_SIZE] = {};
-    if (ReadCidHex(cidHex) != 0) {
+    const auto count = static_cast<int>(read(fd, cidHex, CID_HEX_SIZE));
+    close(fd);
+    if (count != CID_HEX_SIZE) {
+        ffu_print("%s,line=%d: Error cid buffRead = %d less than total_read = %d\n", __func__, 176,
+                  count, CID_HEX_SIZE);
         return -1;
     }
     PrintCid(cidHex);

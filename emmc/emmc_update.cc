@@ -17,10 +17,6 @@
 
 namespace {
 
-// The routines for which steps of their work speak in messages.
-constexpr char EMMC_FFU[] = "EmmcFfu";
-constexpr char EMMC_FW_READ[] = "EmmcFwRead";
-
 // Returns the package's size in bytes, above 0; -1 on failure, a package of 2 GiB or more included.
 [[nodiscard]] int32_t EmmcFwGetSize(const char* path) {
     const int fd = open(path, O_RDONLY);
@@ -39,19 +35,6 @@ constexpr char EMMC_FW_READ[] = "EmmcFwRead";
     return size;
 }
 
-[[nodiscard]] int ReadFromStart(int fd, uint8_t* buffer, int32_t size) {
-    if (lseek(fd, 0, SEEK_SET) < 0) {
-        ffu_print("%s,line=%d: %s lseek failed\n", EMMC_FW_READ, 110, EMMC_FW_READ);
-        return -1;
-    }
-    const auto count = static_cast<int>(read(fd, buffer, static_cast<size_t>(size)));
-    if (count != size) {
-        ffu_print("%s,line=%d: firmware file read error (status=%d)\n", EMMC_FW_READ, 118, count);
-        return -1;
-    }
-    return 0;
-}
-
 [[nodiscard]] int EmmcFwRead(const char* path, uint8_t* buffer, int32_t size) {
     const int fd = open(path, O_RDONLY);
     if (fd < 0) {
@@ -59,9 +42,19 @@ constexpr char EMMC_FW_READ[] = "EmmcFwRead";
                   fd);
         return -1;
     }
-    const int status = ReadFromStart(fd, buffer, size);
+    const off_t start = lseek(fd, 0, SEEK_SET);
+    const auto count =
+        static_cast<int>(start < 0 ? -1 : read(fd, buffer, static_cast<size_t>(size)));
     close(fd);
-    return status;
+    if (start < 0) {
+        ffu_print("%s,line=%d: %s lseek failed\n", __func__, 110, __func__);
+        return -1;
+    }
+    if (count != size) {
+        ffu_print("%s,line=%d: firmware file read error (status=%d)\n", __func__, 118, count);
+        return -1;
+    }
+    return 0;
 }
 
 // Builds the device record from the two registers.
@@ -99,30 +92,6 @@ constexpr char EMMC_FW_READ[] = "EmmcFwRead";
     return 0;
 }
 
-// Selects the device's entry from the package and downloads it.
-[[nodiscard]] int UpdateFromPackage(EmmcFwHeader& fwHeader, const uint8_t* fwFileBuffer,
-                                    int32_t size, int downloadOnly) {
-    if (GetEmmcHeader(fwHeader) != 0) {
-        ffu_print("%s,line=%d: get emmc device header fail...\n", EMMC_FFU, 263);
-        return -1;
-    }
-    ffu_print("%s,line=%d: get emmc device header success...\n", EMMC_FFU, 267);
-    const uint8_t* fwBody = nullptr;
-    uint32_t fwBodySize = 0;
-    int status = EmmcFwhdrCheck(fwHeader, fwFileBuffer, size, fwBody, fwBodySize);
-    if (status != 0) {
-        return status;
-    }
-    ffu_print("%s,line=%d: emmc need update...\n", EMMC_FFU, 273);
-    status = DoEmmcFfu(fwHeader.emmcRev, fwBody, fwBodySize, downloadOnly);
-    if (status == 0) {
-        ffu_print("%s,line=%d: emmc firmware update sucess...\n", EMMC_FFU, 277);
-    } else {
-        ffu_print("%s,line=%d: emmc firmware update fail...\n", EMMC_FFU, 279);
-    }
-    return status;
-}
-
 } // namespace
 
 int EmmcFfu(const char* emmcFwFile, const char* emmcFwBackupFile, int downloadOnly,
@@ -157,7 +126,25 @@ int EmmcFfu(const char* emmcFwFile, const char* emmcFwBackupFile, int downloadOn
         return -1;
     }
     ffu_print("%s,line=%d: %s read\n", __func__, 260, path);
-    return UpdateFromPackage(fwHeader, fwFileBuffer.get(), size, downloadOnly);
+    if (GetEmmcHeader(fwHeader) != 0) {
+        ffu_print("%s,line=%d: get emmc device header fail...\n", __func__, 263);
+        return -1;
+    }
+    ffu_print("%s,line=%d: get emmc device header success...\n", __func__, 267);
+    const uint8_t* fwBody = nullptr;
+    uint32_t fwBodySize = 0;
+    int status = EmmcFwhdrCheck(fwHeader, fwFileBuffer.get(), size, fwBody, fwBodySize);
+    if (status != 0) {
+        return status;
+    }
+    ffu_print("%s,line=%d: emmc need update...\n", __func__, 273);
+    status = DoEmmcFfu(fwHeader.emmcRev, fwBody, fwBodySize, downloadOnly);
+    if (status == 0) {
+        ffu_print("%s,line=%d: emmc firmware update sucess...\n", __func__, 277);
+    } else {
+        ffu_print("%s,line=%d: emmc firmware update fail...\n", __func__, 279);
+    }
+    return status;
 }
 
 bool EmmcEntryMatches(const EmmcFwHeader& device, const EmmcFwHeader& entry) {

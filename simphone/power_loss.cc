@@ -112,20 +112,46 @@ void Put(StateDirectory& state, const std::string& name, const Content& content)
     }
 }
 
-bool IsPlain(const fs::path& file) {
-    return fs::is_regular_file(fs::symlink_status(file));
+} // namespace
+
+StateDirectory ReadStateDirectory(const std::string& phone) {
+    std::error_code status;
+    StateDirectory state = {fs::is_directory(phone + STATE_DIR, status), {}};
+    for (const auto& entry : fs::directory_iterator(phone + STATE_DIR, status)) {
+        std::string content;
+        if (fs::is_regular_file(entry.symlink_status()) && ReadWholeFile(entry.path(), content)) {
+            state.files[entry.path().filename()] = content;
+        }
+    }
+    return state;
 }
 
-// Every state that the cut can leave; of those that are the same only the first, if asked to.
-std::vector<Survival> AllSurvivals(const StateDirectory& before, const StateDirectory& after,
-                                   const std::vector<CallEntry>& calls, bool onlyDistinct) {
+bool WriteStateDirectory(const std::string& phone, const StateDirectory& state) {
+    const fs::path directory = phone + STATE_DIR;
+    std::error_code status;
+    for (const auto& [name, content] : ReadStateDirectory(phone).files) {
+        fs::remove(directory / name, status);
+    }
+    if (!state.isThere) {
+        fs::remove_all(directory, status);
+    } else {
+        fs::create_directories(directory, status);
+    }
+    errno = status.value();
+    return !status && std::all_of(state.files.begin(), state.files.end(), [&](const auto& file) {
+        return WriteWholeFile(directory / file.first, file.second.data(), file.second.size());
+    });
+}
+
+std::vector<Survival> Survivals(const StateDirectory& before, const StateDirectory& after,
+                                const std::vector<CallEntry>& calls, bool isDistinct) {
     const History history = HistoryOf(before, calls);
     std::vector<Survival> survivals = {{{}, after}};
     for (const auto& [name, file] : history.files) {
         std::vector<Content> seen;
         std::vector<Survival> more;
         for (const auto& [loss, content] : FatesOf(file, Find(before, name), Find(after, name))) {
-            if (onlyDistinct && std::find(seen.begin(), seen.end(), content) != seen.end()) {
+            if (isDistinct && std::find(seen.begin(), seen.end(), content) != seen.end()) {
                 continue;
             }
             seen.push_back(content);
@@ -145,58 +171,14 @@ std::vector<Survival> AllSurvivals(const StateDirectory& before, const StateDire
     return survivals;
 }
 
-} // namespace
-
-StateDirectory ReadStateDirectory(const std::string& phone) {
-    std::error_code status;
-    StateDirectory state = {fs::is_directory(phone + STATE_DIR, status), {}};
-    for (const auto& entry : fs::directory_iterator(phone + STATE_DIR, status)) {
-        std::string content;
-        if (IsPlain(entry.path()) && ReadWholeFile(entry.path(), content)) {
-            state.files[entry.path().filename()] = content;
-        }
-    }
-    return state;
-}
-
-bool WriteStateDirectory(const std::string& phone, const StateDirectory& state) {
-    const fs::path directory = phone + STATE_DIR;
-    const StateDirectory is = ReadStateDirectory(phone);
-    std::error_code status;
-    if (!state.isThere) {
-        fs::remove_all(directory, status);
-    } else {
-        fs::create_directories(directory, status);
-    }
-    for (const auto& [name, content] : is.files) {
-        if (!status && state.isThere && state.files.count(name) == 0) {
-            fs::remove(directory / name, status);
-        }
-    }
-    if (status) {
-        errno = status.value();
-        return false;
-    }
-    return std::all_of(state.files.begin(), state.files.end(), [&](const auto& file) {
-        return Find(is, file.first) == file.second ||
-               WriteWholeFile(directory / file.first, file.second.data(), file.second.size());
-    });
-}
-
-std::vector<Survival> Survivals(const StateDirectory& before, const StateDirectory& after,
-                                const std::vector<CallEntry>& calls) {
-    return AllSurvivals(before, after, calls, true);
-}
-
 bool Lose(const StateDirectory& before, const StateDirectory& after,
-          const std::vector<CallEntry>& calls, const Losses& losses, StateDirectory& state,
-          std::string& error) {
-    for (const Survival& survival : AllSurvivals(before, after, calls, false)) {
-        if (survival.losses == losses) {
-            state = survival.state;
-            return true;
-        }
+          const std::vector<CallEntry>& calls, const Losses& losses, StateDirectory& state) {
+    const std::vector<Survival> survivals = Survivals(before, after, calls, false);
+    const auto found =
+        std::find_if(survivals.begin(), survivals.end(),
+                     [&](const Survival& survival) { return survival.losses == losses; });
+    if (found != survivals.end()) {
+        state = found->state;
     }
-    error = LossText(losses) + ": the cut cannot leave that";
-    return false;
+    return found != survivals.end();
 }

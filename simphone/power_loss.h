@@ -29,8 +29,9 @@ struct Survival {
     StateDirectory state;
 };
 
-// Every distinct state that the cut can leave; the first one has lost nothing. `after` is what lies
-// there when the tool has ended, `calls` are those of its run.
+// Every state that the cut can leave; the first one has lost nothing, and of those that are the
+// same it is the only one, if `isDistinct`. `after` is what lies there when the tool has ended,
+// `calls` are those of its run.
 //   - A file that was made and not synced is missing, empty or whole. So is one that was removed
 //     before it was made anew, or is what it was before.
 //   - A file that was appended to is whole or what it was; one that was removed is back or not. One
@@ -38,9 +39,9 @@ struct Survival {
 //     kept.
 //   - A directory that the run has made is there for sure once a file in it was synced.
 std::vector<Survival> Survivals(const StateDirectory& before, const StateDirectory& after,
-                                const std::vector<CallEntry>& calls);
+                                const std::vector<CallEntry>& calls, bool isDistinct = true);
 
-// The state with these losses; false with a text for the user if the cut cannot leave it.
+// The state with these losses; false if the cut cannot leave it.
 [[nodiscard]] bool Lose(const StateDirectory& before, const StateDirectory& after,
                         const std::vector<CallEntry>& calls, const Losses& losses,
-                        StateDirectory& state, std::string& error);
+                        StateDirectory& state);

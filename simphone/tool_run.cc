@@ -196,8 +196,8 @@ void LoseUnsynced(const std::string& directory, const StateDirectory& before,
     if (!ParseFault(cutText, cut, error) || cut.losses.empty()) {
         return;
     }
-    if (!Lose(before, ReadStateDirectory(directory), result.calls, cut.losses, left, error)) {
-        result.error = "fault \"" + cut.text + "\": " + error;
+    if (!Lose(before, ReadStateDirectory(directory), result.calls, cut.losses, left)) {
+        result.error = "fault \"" + cut.text + "\": the cut cannot leave that";
     } else if (!WriteStateDirectory(directory, left)) {
         result.error = directory + ": the state after the power cut: " + strerror(errno);
     }

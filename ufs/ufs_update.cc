@@ -68,11 +68,12 @@ constexpr unsigned TRIGGER_PAUSE = 5; // seconds
         return -1;
     }
     const auto got = static_cast<int>(read(fd, package, static_cast<size_t>(size)));
+    close(fd);
     if (got != size) {
         ffu_print("%s,line=%d: firmware file read error (ret=%d)\n", __func__, 139, got);
+        return -1;
     }
-    close(fd);
-    return got == size ? 0 : -1;
+    return 0;
 }
 
 void FileWriteForTrigger(uint8_t* testBufTrigger) {

@@ -70,22 +70,22 @@ int LookUpManufacturer(const uint8_t* ufsMid) {
 [[nodiscard]] int ReadBody(const char* fileName, uint8_t* buffer, int& length) {
     char errorText[256] = {};
     const int fd = open(fileName, O_RDONLY);
+    int error = errno; // formatting and closing may set another
     if (fd < 0) {
-        const int openError = errno; // formatting may set another
         (void)snprintf_s(errorText, sizeof(errorText), sizeof(errorText) - 1,
                          "sg_write_buffer: could not open %s for reading", fileName);
-        errno = openError;
+        errno = error;
         perror(errorText);
         return -1;
     }
     const auto got = static_cast<int>(read(fd, buffer, TRANSFER_SIZE));
+    error = errno;
+    close(fd);
     if (got < 0) {
-        const int readError = errno;
         (void)snprintf_s(errorText, sizeof(errorText), sizeof(errorText) - 1,
                          "sg_write_buffer: couldn't read from %s", fileName);
-        errno = readError;
+        errno = error;
         perror(errorText);
-        close(fd);
         return -1;
     }
     if (got < static_cast<int>(TRANSFER_SIZE)) {
@@ -94,7 +94,6 @@ int LookUpManufacturer(const uint8_t* ufsMid) {
         ffu_print("%s,line=%d: will write %d bytes\n", UFS_FFU_WRITE_BUFFER, 373, got);
         ffu_print("%s,line=%d: \n", UFS_FFU_WRITE_BUFFER, 378);
     }
-    close(fd);
     length = got;
     return 0;
 }
@@ -169,9 +168,9 @@ void ReportFailure(int deviceFd, int status, int resetType) {
     if (ReadBody(fileName, buffer.get(), length) != 0) {
         return SG_LIB_FILE_ERROR;
     }
-    ffu_print("%s,line=%d: sending single write buffer, mode=0x%x, mpsec=%d, id=%d, offset=%d, "
-              "len=%d\n",
-              UFS_FFU_WRITE_BUFFER, 414, MODE_DOWNLOAD_DEFER_ACTIVATE, 0, 0, 0, length);
+    ffu_print(
+        "%s,line=%d: sending single write buffer, mode=0x%x, mpsec=%d, id=%d, offset=%d, len=%d\n",
+        UFS_FFU_WRITE_BUFFER, 414, MODE_DOWNLOAD_DEFER_ACTIVATE, 0, 0, 0, length);
     const int status =
         sg_ll_write_buffer_v2(deviceFd, MODE_DOWNLOAD_DEFER_ACTIVATE, 0, 0, 0, buffer.get(), length,
                               WRITE_BUFFER_TIMEOUT, true, VERBOSITY);
