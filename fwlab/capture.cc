@@ -1,14 +1,13 @@
-// Describes a real phone by what was pulled of its nodes, so that it can be matched and rehearsed.
+// Describes a real phone by the nodes that were pulled from it, for match, plan and rehearse.
 #include "fwlab/commands.h"
+#include "fwlab/device.h"
 #include "fwlab/json.h"
-#include "fwlab/manifest.h"
 #include "fwlab/output.h"
 #include "fwlab/toml_text.h"
 #include "simphone/files.h"
 
 #include <cerrno>
 #include <climits>
-#include <cstring>
 #include <filesystem>
 #include <fmt/format.h>
 
@@ -32,29 +31,39 @@ std::string PlaceOf(const std::string& folder, const std::string& path) {
     const auto isThere = [](const std::string& place) {
         std::error_code error;
         const fs::file_status status = fs::symlink_status(place, error);
-        Require(status.type() != fs::file_type::none, 2, place + ": " + error.message());
+        if (status.type() == fs::file_type::none) {
+            throw Stop{2, place + ": " + error.message()};
+        }
         return fs::exists(status);
     };
     const bool isFlat = isThere(flat), isFull = isThere(full);
-    Require(!isFlat || !isFull, 2, flat + " and " + full + ": which one?");
+    if (isFlat && isFull) {
+        throw Stop{2, flat + " and " + full + ": keep only one"};
+    }
     return isFlat ? flat : isFull ? full : "";
 }
 
 std::string Content(const std::string& place) {
     std::error_code error;
-    const bool isRegular = fs::is_regular_file(fs::symlink_status(place, error));
-    Require(isRegular, 2, place + ": is no regular file");
-    Require(fs::file_size(place, error) <= NODE_SIZE_MAX && !error, 2,
-            place + ": is larger than a node");
+    if (!fs::is_regular_file(fs::symlink_status(place, error))) {
+        throw Stop{2, place + ": is no regular file"};
+    }
+    if (fs::file_size(place, error) > NODE_SIZE_MAX || error) {
+        throw Stop{2, place + ": is larger than any node"};
+    }
     std::string content;
-    const bool isRead = ReadWholeFile(place, content);
-    Require(isRead, 2, place + ": " + strerror(errno));
+    if (!ReadWholeFile(place, content)) {
+        throw FailureAt(place, errno);
+    }
     const char* exact = ": take it by `adb exec-out cat`, which keeps every byte";
-    Require(!content.empty(), 1, place + ": is empty" + exact);
+    if (content.empty()) {
+        throw Stop{1, place + ": is empty" + exact};
+    }
     const bool hasCarriageReturn =
         content.size() > 1 && content.compare(content.size() - 2, 2, "\r\n") == 0;
-    Require(!hasCarriageReturn, 1,
-            place + ": ends with a carriage return, which no node has" + exact);
+    if (hasCarriageReturn) {
+        throw Stop{1, place + ": ends with a carriage return, which no node has" + exact};
+    }
     return content;
 }
 
@@ -67,9 +76,10 @@ struct Nodes {
     }
     std::string Read(const std::string& path) {
         const std::string place = PlaceOf(folder, path);
-        Require(!place.empty(), 1,
-                folder + ": has no " + path.substr(path.rfind('/') + 1) + " (the phone's " + path +
-                    ")");
+        if (place.empty()) {
+            throw Stop{1, folder + ": has no " + path.substr(path.rfind('/') + 1) +
+                              " (the phone's " + path + ")"};
+        }
         places.push_back(place);
         return Content(place);
     }
@@ -95,10 +105,12 @@ bool IsUfs(const Nodes& nodes, const std::string& technology) {
         return technology == "ufs";
     }
     const bool isEmmc = nodes.Has(EXT_CSD) || nodes.Has(CID);
-    Require(isEmmc || (nodes.Has(MANFID) && nodes.Has(REV)), 1,
-            nodes.folder +
-                ": has neither ext_csd nor cid of an eMMC phone, nor manfid and rev of a "
-                "UFS phone: give --technology if it is to be one of these");
+    if (!isEmmc && !(nodes.Has(MANFID) && nodes.Has(REV))) {
+        throw Stop{1,
+                   nodes.folder +
+                       ": has neither ext_csd nor cid (eMMC), nor both manfid and rev (UFS): give "
+                       "--technology to have the missing ones named"};
+    }
     return !isEmmc;
 }
 
@@ -114,16 +126,24 @@ std::string DescribeEmmc(Nodes& nodes, const std::string& mode) {
     const std::string text = nodes.Read(EXT_CSD);
     const bool isRaw = text.size() == EXT_CSD_SIZE;
     const std::string extCsd = isRaw ? text : Unhex(text, EXT_CSD_SIZE);
-    Require(!extCsd.empty(), 1, "ext_csd is neither 1024 hexadecimal digits nor 512 bytes");
-    Require(!isRaw || !mode.empty(), 1,
-            "ext_csd is no text and so not from the node that only GKI mode has: give --mode");
+    if (extCsd.empty()) {
+        throw Stop{1, "ext_csd is neither 1024 hexadecimal digits nor 512 bytes"};
+    }
+    if (isRaw && mode.empty()) {
+        throw Stop{1,
+                   "ext_csd is binary, so it is not from the node that GKI mode has: give --mode"};
+    }
     const std::string cid = Unhex(nodes.Read(CID), CID_SIZE);
-    Require(!cid.empty(), 1, "cid is not 32 hexadecimal digits");
+    if (cid.empty()) {
+        throw Stop{1, "cid is not 32 hexadecimal digits"};
+    }
     // The phone reads as many bytes of the node as the register has.
     const std::string own = cid.substr(3, 6), name = nodes.Read(PRODUCT_NAME).substr(0, own.size());
-    Require(name == own, 1,
-            fmt::format("product_name is {}, but the CID has {}: no description can have both",
-                        Quoted(name), Quoted(own)));
+    if (name != own) {
+        throw Stop{
+            1, fmt::format("product_name is {}, but the CID has {}: no description can have both",
+                           Quoted(name), Quoted(own))};
+    }
     std::string revision = extCsd.substr(EXT_CSD_FIRMWARE_VERSION, EMMC_REV_SIZE);
     revision.resize(revision.find_last_not_of('\0') + 1); // zero bytes fill it up
     std::string serial;
@@ -143,8 +163,10 @@ std::string DescribeEmmc(Nodes& nodes, const std::string& mode) {
 std::string DescribeUfs(Nodes& nodes) {
     const std::string manfid = nodes.Read(MANFID), name = nodes.Read(PRODUCT_NAME);
     const std::string rev = nodes.Read(REV);
-    Require(rev.size() >= UFS_REV_SIZE, 1,
-            fmt::format("rev has {} bytes: the phone reads 4, and stops without them", rev.size()));
+    if (rev.size() < UFS_REV_SIZE) {
+        throw Stop{1, fmt::format("rev has {} bytes: the phone reads 4, and stops without them",
+                                  rev.size())};
+    }
     // A simulated phone's node has a line feed behind the revision.
     std::string revision = rev.substr(0, UFS_REV_SIZE);
     revision.resize(revision.back() == '\n' ? revision.size() - 1 : revision.size());
@@ -157,7 +179,9 @@ std::string DescribeUfs(Nodes& nodes) {
         const bool isNumber = !number.empty() && number.size() < 10 && number[0] != '0' &&
                               number.find_first_not_of("0123456789") == std::string::npos &&
                               std::stol(number) <= INT_MAX / 1024;
-        Require(isNumber, 1, "max_hw_sectors_kb is no number of KiB: " + Quoted(number));
+        if (!isNumber) {
+            throw Stop{1, "max_hw_sectors_kb is no number of KiB: " + Quoted(number)};
+        }
         text += Line("max_hw_sectors_kb", number);
     }
     return text;
@@ -169,57 +193,73 @@ std::string RecordOf(const std::string& folder) {
     std::error_code error;
     const std::string record = state + "/fw_result";
     const bool isThere = !state.empty() && fs::exists(fs::symlink_status(record, error));
-    Require(!isThere || fs::is_regular_file(fs::symlink_status(record, error)), 2,
-            record + ": is no regular file");
+    if (isThere && !fs::is_regular_file(fs::symlink_status(record, error))) {
+        throw Stop{2, record + ": is no regular file"};
+    }
     return isThere ? record : "";
+}
+
+// The bytes of the option --firmware-revision.
+std::string FirmwareRevision(const std::string& option, bool isUfs) {
+    std::string revision;
+    if (!Unescape(option, revision)) {
+        throw Stop{2, "--firmware-revision " + option + R"(: a backslash begins \n, \\ or \xHH)"};
+    }
+    const size_t least = isUfs ? UFS_REV_SIZE : 1, most = isUfs ? UFS_REV_SIZE : EMMC_REV_SIZE;
+    if (revision.size() < least || revision.size() > most) {
+        throw Stop{2, fmt::format("--firmware-revision has {} bytes, not {}", revision.size(),
+                                  isUfs ? "4" : "1 to 8")};
+    }
+    return revision;
+}
+
+// Stop if the output would replace something that was pulled.
+void CheckIsNotPulled(const std::string& output, const Nodes& nodes) {
+    for (const std::string& place : nodes.places) {
+        RequireOther(output, place);
+    }
+    std::error_code error;
+    const fs::path folder = fs::canonical(nodes.folder, error);
+    const fs::path place = fs::canonical(output, error); // none if it is not there
+    if (!error && place.string().rfind(folder.string() + "/", 0) == 0) {
+        throw Stop{2, output + ": exists already, among the files that were pulled"};
+    }
 }
 
 } // namespace
 
-int Capture(const CaptureOptions& options) {
+int Capture(const CaptureOptions& options, bool asJson) {
     std::error_code error;
-    const bool isFolder = fs::is_directory(options.folder, error);
-    Require(isFolder, 2, options.folder + ": " + (error ? error.message() : "is no folder"));
+    if (!fs::is_directory(options.folder, error)) {
+        throw Stop{2, options.folder + ": " + (error ? error.message() : "is no folder")};
+    }
     Nodes nodes = {options.folder, {}};
     const bool isUfs = IsUfs(nodes, options.technology);
-    Require(!isUfs || options.mode.empty(), 2, "--mode: a UFS phone has none");
-    const std::string& next = options.firmwareRevision;
-    Require(isUfs ? next.size() == UFS_REV_SIZE : !next.empty() && next.size() <= EMMC_REV_SIZE, 2,
-            fmt::format("--firmware-revision has {} bytes, not {}", next.size(),
-                        isUfs ? "4" : "1 to 8"));
+    if (isUfs && !options.mode.empty()) {
+        throw Stop{2, "--mode: a UFS phone has none"};
+    }
+    const std::string next = FirmwareRevision(options.firmwareRevision, isUfs);
     const std::string described = isUfs ? DescribeUfs(nodes) : DescribeEmmc(nodes, options.mode);
     const std::string record = RecordOf(options.folder);
-    for (const std::string& place : nodes.places) {
-        RequireOther(options.output, place);
-    }
-    const fs::path folder = fs::canonical(options.folder, error);
-    const fs::path place = fs::canonical(options.output, error); // none if it is not there
-    const bool isPulled = !error && place.string().rfind(folder.string() + "/", 0) == 0;
-    Require(!isPulled, 2, options.output + ": was there before, among what was pulled");
-    WriteOutput(options.output, "# A phone, made by `fwlab capture` from its nodes.\n" + described +
-                                    "\n# Not of the phone: what it is to report after an update.\n"
-                                    "[firmware]\n" +
-                                    Line("revision", TomlBytes(next)));
+    CheckIsNotPulled(options.output, nodes);
+    WriteOutput(options.output,
+                "# A phone, made by `fwlab capture` from its nodes.\n" + described +
+                    "\n# What the phone reports after an update; its nodes do not tell.\n"
+                    "[firmware]\n" +
+                    Line("revision", TomlBytes(next)));
     const Description phone = ReadPhone(options.output);
-    if (options.asJson) {
-        const Json answer = {{"phone", Quoted(options.output, "")},
-                             {"technology", isUfs ? "ufs" : "emmc"},
-                             {"mode", isUfs ? Json() : Json(phone.gki ? "gki" : "normal")},
-                             {"product_name", Escaped(phone.productName)},
-                             {"revision", Escaped(phone.revision)},
-                             {"record", record.empty() ? Json() : Json(Quoted(record, ""))}};
-        fmt::print("{}\n", answer.dump(2));
-        return 0;
-    }
-    fmt::print("{}: {} phone{}, {}, runs {}\n", Quoted(options.output, ""),
-               isUfs ? "a UFS" : "an eMMC",
-               isUfs       ? ""
-               : phone.gki ? " in GKI mode"
-                           : " in normal mode",
-               Quoted(phone.productName), Quoted(phone.revision));
-    if (!record.empty()) {
-        fmt::print("Its record: fwlab match PACKAGE --phone {} --record {}\n",
-                   Quoted(options.output, "'"), Quoted(record, "'"));
-    }
+    const Json report = {{"phone", Escaped(options.output)},
+                         {"technology", isUfs ? "ufs" : "emmc"},
+                         {"mode", isUfs ? Json() : Json(phone.gki ? "gki" : "normal")},
+                         {"product_name", Escaped(phone.productName)},
+                         {"revision", Escaped(phone.revision)},
+                         {"record", record.empty() ? Json() : Json(Escaped(record))}};
+    Show(asJson, report, [&] {
+        fmt::print("{}: {}\n", Escaped(options.output), Title(phone));
+        if (!record.empty()) {
+            fmt::print("Its record: fwlab match PACKAGE --phone {} --record {}\n",
+                       ShellWord(options.output), ShellWord(record));
+        }
+    });
     return 0;
 }

@@ -3,6 +3,8 @@
 #pragma once
 
 #include "fwlab/package.h"
+#include "fwlab/stop.h"
+#include "fwlab/text.h"
 #include "simphone/description.h"
 
 #include <optional>
@@ -14,8 +16,8 @@ int Pack(const std::string& manifestFile, const std::string& output, bool withLa
 
 // The same package in memory.
 struct Built {
-    std::string bytes;
-    const Layout* layout;
+    std::shared_ptr<const std::string> bytes;
+    Package package; // of these bytes
     size_t entries;
     Texts inputs; // the files that it was made from
 };
@@ -40,46 +42,43 @@ int Match(const std::string& packageFile, const Description& phone, const std::s
 
 struct RehearseOptions {
     std::string package, phone; // the package and the phone's description
+    Texts settings;             // that replace keys of the description
     std::string keep;           // the phone's directory, which stays; empty for a temporary one
     Texts faults;
     bool runAgain;
     bool quiet; // without the console's lines of one character each
-    bool asJson;
 };
 // Runs the ffu that lies beside this program.
-int Rehearse(const RehearseOptions& options);
+int Rehearse(const RehearseOptions& options, bool asJson);
 
 struct PlanOptions {
     Texts packages; // one of each technology at most
     std::string fleet;
     std::string records; // a folder of state directories; empty: no phone has made an attempt
-    bool asJson;
 };
-int Plan(const PlanOptions& options);
+int Plan(const PlanOptions& options, bool asJson);
 
 struct OutcomeOptions {
-    Texts directories; // state directories, or folders with such below them
-    bool asJson;
+    Texts directories;               // state directories, or folders with such below them
     std::optional<double> failAbove; // percent; none: not one may fail
 };
-int Outcome(const OutcomeOptions& options);
+int Outcome(const OutcomeOptions& options, bool asJson);
 
 struct CaptureOptions {
     std::string folder, output;
     std::string technology, mode; // empty: told by the nodes
-    std::string firmwareRevision; // bytes that the phone reports after an update
-    bool asJson;
+    std::string
+        firmwareRevision; // that the phone reports after an update; bytes as Escaped has them
 };
 // Writes the description of the phone whose nodes lie in the folder.
-int Capture(const CaptureOptions& options);
+int Capture(const CaptureOptions& options, bool asJson);
 
 struct SweepRequest {
     std::string package;
     Texts phones;            // their descriptions
     unsigned jobs;           // processes; 0: one for each processor
     std::string junit, html; // files to write, if not empty: whole, or as they were
-    bool asJson;
 };
 // Runs the ffu that lies beside this program, some thousand times for each phone.
 // Interrupted by a signal it ends with 128 and the signal's number.
-int Sweep(const SweepRequest& request);
+int Sweep(const SweepRequest& request, bool asJson);

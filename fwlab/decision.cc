@@ -3,6 +3,7 @@
 #include "fwlab/decision.h"
 
 #include "fwlab/spans.h"
+#include "fwlab/text.h"
 
 #include "emmc/emmc_command.h"
 #include "emmc/emmc_update.h"
@@ -22,10 +23,10 @@ constexpr char EMPTY_BODY[] = "its body is empty: the device is sent nothing";
 constexpr char LARGE_EMMC_BODY[] = "the body is larger than 1 MiB: only GKI mode takes it";
 constexpr char LARGE_UFS_BODY[] =
     "the body is larger than 8 MiB: the device is sent its beginning only";
-constexpr char NO_BASE[] = "the revision that runs is none of its base revisions";
+constexpr char NO_BASE[] = "the running revision is not among its base revisions";
 constexpr char UNREADABLE_RECORD[] = "it cannot be read back, the run stops";
 constexpr char UNREADABLE_REVISION[] =
-    "a revision with a line feed: the phone cannot read the record of the attempt back";
+    "the revision has a line feed: the phone cannot read the record of the attempt";
 constexpr char EXT_CSD_REV_5_1 = 8;                     // JEDEC, the last one
 constexpr size_t LINUX_UFS_TRANSFER_SIZE = 1024 * 1024; // ufshcd, since 5.19
 
@@ -56,7 +57,7 @@ UfsFwHeader UfsDevice(const Identity& identity) {
     return device;
 }
 
-// The product name that the update goes by: not always the device's own.
+// The product name that the update uses: it renames some devices.
 std::string UpdateName(const Identity& device) {
     if (device.layout != &UFS) {
         return Get(device, device.layout->name);
@@ -65,7 +66,7 @@ std::string UpdateName(const Identity& device) {
     return {reinterpret_cast<const char*>(header.ufsPnm), sizeof(header.ufsPnm)};
 }
 
-// Without what the update takes for blanks at the end.
+// Without the bytes at the end that the update takes for blanks.
 std::string Trimmed(std::string name) {
     name.resize(name.find_last_not_of(std::string(" \r\n\0", 4)) + 1);
     return name;
@@ -81,15 +82,15 @@ std::string InCapitals(std::string name) {
 std::string WhyNoName(const Package& package, const Identity& device) {
     const Field& field = device.layout->name;
     const std::string name = Get(device, field);
-    const std::string why = "no entry has the product name " + Quoted(name);
+    const std::string named = "entry has the product name " + Quoted(name), why = "no " + named;
     for (const Entry& entry : package.entries) {
         const std::string other = Get(entry.identity, field);
         if (other == name) {
-            return fmt::format("{} that a reader takes: {} has no body inside the package", why,
+            return fmt::format("no usable {}: {} has no body inside the package", named,
                                Title(entry));
         }
         if (InCapitals(Trimmed(other)) == InCapitals(Trimmed(name))) {
-            return fmt::format("{}: that of {} is {}, which differs in blanks, zero bytes or case",
+            return fmt::format("{}: {} has {}, which differs only in blanks, zero bytes or case",
                                why, Title(entry), Quoted(other));
         }
     }
@@ -113,16 +114,16 @@ Step PreCheck(const Package& package, const Identity& device, PackageRevs& revs)
     if (entry == nullptr) {
         step.reason = WhyNoName(package, device);
     } else if (step.goesOn) {
-        step.reason = "its revision is another, to be applied from the one that runs";
+        step.reason = "its revision differs from the running one, from which it may be applied";
     } else if (IsSameRev(info.localFwRev, revs.fwFileRev)) {
-        step.reason = "its revision begins like the one that runs: taken for equal";
+        step.reason = "the phone takes its revision for the running one: they begin alike";
     } else {
         step.reason = CheckBaseRev(info, revs.legalBaseRev) ? step.messages.back() : NO_BASE;
     }
     return step;
 }
 
-// Where entry and device, of one product name, differ.
+// How the entry and the device, which have the same product name, differ.
 std::string Difference(const Entry& entry, const Identity& device) {
     for (const Field& field : {device.layout->manufacturer, device.layout->extCsdRev}) {
         const std::string here = Get(device, field), there = Get(entry.identity, field);
@@ -133,7 +134,7 @@ std::string Difference(const Entry& entry, const Identity& device) {
                 field.size == 1 ? fmt::format("{}", static_cast<uint8_t>(here[0])) : Quoted(here));
         }
     }
-    return fmt::format("the update knows the device as {}, which no entry names",
+    return fmt::format("the update uses the product name {} for the device, and no entry has it",
                        Quoted(Trimmed(UpdateName(device))));
 }
 
@@ -151,7 +152,7 @@ Step UpdateEmmc(const Package& package, const Device& device, const Entry& seen)
     }
     step.entry = EntryAt(package, static_cast<size_t>(body - package.bytes.get()) - sizeof(header));
     const bool isTooLarge = !device.gki && !FitsOneDownload(bodySize);
-    step.reason = status != 0                        ? "its revision is the one that runs"
+    step.reason = status != 0                        ? "its revision is running already"
                   : !IsEmmc50OrLater(header.emmcRev) ? "the device is older than eMMC 5.0"
                   : isTooLarge                       ? LARGE_EMMC_BODY
                   : bodySize == 0                    ? EMPTY_BODY
@@ -173,7 +174,7 @@ Step UpdateUfs(const Package& package, const Device& device, const Entry& seen) 
     step.entry = EntryAt(package, selection.ufsCurrentFwOffset - sizeof(header));
     const uint32_t size = selection.ufsCurrentFwSize;
     const bool isRefused = device.maxHwSectorsKb > 0 && size > device.maxHwSectorsKb * 1024;
-    step.reason = selection.verdict != 0 ? "its revision is not newer than the one that runs"
+    step.reason = selection.verdict != 0 ? "its revision is not newer than the running one"
                   : isRefused ? fmt::format("its body is larger than the {} KiB that the "
                                             "phone's host takes in one request",
                                             device.maxHwSectorsKb)
@@ -184,8 +185,8 @@ Step UpdateUfs(const Package& package, const Device& device, const Entry& seen) 
     return step;
 }
 
-// Whether the entry is for this very device, by the name that the update goes by, and admits the
-// revision that runs. The update asks for neither: this is what the entry's maker meant.
+// Whether the entry describes exactly this device, under the product name that the update uses, and
+// may be applied from the running revision. The update itself does not check that.
 bool IsFor(const Package& package, const Entry& entry, const Identity& device) {
     const Layout& layout = *device.layout;
     const auto same = [&](const Field& field) {
@@ -211,26 +212,61 @@ std::string WhyNotSent(const Package& package, const Entry& entry, const Device&
         return decision.why;
     }
     if (Get(seen->identity, revision) != own) {
-        return fmt::format(
-            "{} comes first and has the same product name, so that the phone goes by "
-            "its revision: give each a package of its own",
-            Title(*seen));
+        return fmt::format("{} comes first and has the same product name, so the phone looks at "
+                           "its revision only: "
+                           "put them into separate packages",
+                           Title(*seen));
     }
     if (!decision.steps.front().goesOn) {
         return fmt::format("the pre-check takes {}: {}", Title(*seen), decision.why);
     }
     const Entry* sent = decision.sent;
-    const bool isMeant = sent == nullptr || sent == &entry ||
-                         (UpdateName(device.identity) != Get(device.identity, name) &&
-                          Get(sent->identity, revision) == own);
-    if (!isMeant) {
+    const bool isRenamed = UpdateName(device.identity) != Get(device.identity, name);
+    const bool isRight =
+        sent == nullptr || sent == &entry || (isRenamed && Get(sent->identity, revision) == own);
+    if (!isRight) {
         return Get(sent->identity, name) == Get(entry.identity, name)
                    ? fmt::format("{} comes first and is for the same devices", Title(*sent))
-                   : fmt::format("the update takes {}, as a blank in one product name agrees with "
-                                 "anything in the other: they cannot share a package",
+                   : fmt::format("the update takes {}, as a blank in one product name matches any "
+                                 "character of the other: they cannot share a package",
                                  Title(*sent));
     }
-    return decision.verdict == Verdict::UPDATE ? "" : "uses up its attempt: " + decision.why;
+    return decision.verdict == Verdict::UPDATE
+               ? ""
+               : "a phone would use up its attempt: " + decision.why;
+}
+
+Step CheckRecord(const Record& record, const std::string& target) {
+    const std::string last = fmt::format("the last attempt was from {} to {}", Quoted(record.base),
+                                         Quoted(record.target));
+    return {"record", record.isReadable && !IsOnRecord(record, target), nullptr,
+            record.isReadable ? last : UNREADABLE_RECORD, record.messages};
+}
+
+// Sets the verdict of a decision whose steps were all taken.
+void JudgeUpdate(const Package& package, const Identity& device, Decision& decision) {
+    const Entry *seen = decision.PreCheck(), *sent = decision.sent;
+    const Field& revision = device.layout->revision;
+    const bool isRight = sent == nullptr ||
+                         (sent == seen && OuterEntry(package, *seen) == nullptr) ||
+                         (IsFor(package, *sent, device) &&
+                          Get(sent->identity, revision) == Get(seen->identity, revision));
+    const DeviceInfo info = InfoOf(device);
+    if (!isRight) {
+        decision.verdict = Verdict::WRONG_IMAGE;
+        decision.why = sent == seen ? fmt::format("{} lies inside the image of {}", Title(*seen),
+                                                  Title(*OuterEntry(package, *sent)))
+                                    : fmt::format("the pre-check sees {}, the update takes {}",
+                                                  Title(*seen), Title(*sent));
+    } else if (!decision.steps.back().goesOn) {
+        decision.verdict = Verdict::USED_UP;
+        decision.why = decision.steps.back().reason;
+    } else if (!ParseRecord(RecordText(info.pnm, info.localFwRev, decision.recorded)).isReadable) {
+        decision.verdict = Verdict::STUCK;
+        decision.why = UNREADABLE_REVISION;
+    } else {
+        decision.verdict = Verdict::UPDATE;
+    }
 }
 
 } // namespace
@@ -239,19 +275,6 @@ const char* NameOf(Verdict verdict) {
     const char* const names[] = {"update", "nothing-to-do", "refused",     "attempted",
                                  "stops",  "used-up",       "wrong-image", "stuck"};
     return names[static_cast<size_t>(verdict)];
-}
-
-Device DeviceOf(const Description& phone) {
-    Require(!phone.ufs || phone.revision.size() + 1 >= UFS_REV_SIZE, 1,
-            "the phone's revision is too short for a run");
-    const Layout& layout = phone.ufs ? UFS : EMMC;
-    const std::string mid(1, static_cast<char>(phone.cid[0]));
-    Identity identity = NewIdentity(layout);
-    Set(identity, layout.manufacturer, phone.ufs ? phone.manfid : mid);
-    Set(identity, layout.name, phone.productName);
-    Set(identity, layout.extCsdRev, std::string(1, static_cast<char>(phone.extCsdRev)));
-    Set(identity, layout.revision, phone.revision + (phone.ufs ? "\n" : ""));
-    return {identity, phone.gki, phone.maxHwSectorsKb};
 }
 
 std::optional<Texts> BaseRevisionsOf(const Identity& identity) {
@@ -275,59 +298,35 @@ Decision Decide(const Package& package, const Device& device, const Record* reco
     PackageRevs revs = {};
     Decision decision = {Verdict::NOTHING, "", {PreCheck(package, device.identity, revs)}, "",
                          nullptr,          0};
-    const auto end = [&](Verdict verdict, const std::string& why) {
+    const auto end = [&](Verdict verdict) {
         decision.verdict = verdict;
-        decision.why = why;
+        decision.why = decision.steps.back().reason;
         return decision;
     };
-    const Entry* seen = decision.PreCheck();
     if (!decision.steps.back().goesOn) {
-        const std::string why = decision.steps.back().reason;
-        return end(why == NO_BASE ? Verdict::REFUSED : Verdict::NOTHING, why);
+        const bool isRefused = decision.steps.back().reason == NO_BASE;
+        return end(isRefused ? Verdict::REFUSED : Verdict::NOTHING);
     }
-    const std::string target = revs.fwFileRev;
     if (record != nullptr) {
-        const bool isAttempted = IsOnRecord(*record, target);
-        const std::string last = fmt::format("the last attempt was from {} to {}",
-                                             Quoted(record->base), Quoted(record->target));
-        decision.steps.push_back({"record", record->isReadable && !isAttempted, nullptr,
-                                  record->isReadable ? last : UNREADABLE_RECORD, record->messages});
+        decision.steps.push_back(CheckRecord(*record, revs.fwFileRev));
         if (!decision.steps.back().goesOn) {
-            return end(isAttempted ? Verdict::ATTEMPTED : Verdict::STOPS,
-                       decision.steps.back().reason);
+            return end(record->isReadable ? Verdict::ATTEMPTED : Verdict::STOPS);
         }
     }
-    decision.recorded = target;
     const bool isUfs = device.identity.layout == &UFS;
     (void)TakePhoneMessages();
-    decision.steps.push_back((isUfs ? UpdateUfs : UpdateEmmc)(package, device, *seen));
+    decision.recorded = revs.fwFileRev;
+    decision.steps.push_back(
+        (isUfs ? UpdateUfs : UpdateEmmc)(package, device, *decision.PreCheck()));
     const Step& update = decision.steps.back();
     if (update.goesOn || update.reason == LARGE_UFS_BODY) {
         decision.sent = update.entry;
         decision.sentSize =
             std::min<size_t>(update.entry->bodySize, isUfs ? TRANSFER_SIZE : PACKAGE_SIZE_MAX);
     }
-    const Field& revision = device.identity.layout->revision;
-    const bool isMeant = decision.sent == nullptr ||
-                         (decision.sent == seen && OuterEntry(package, *seen) == nullptr) ||
-                         (IsFor(package, *decision.sent, device.identity) &&
-                          Get(decision.sent->identity, revision) == Get(seen->identity, revision));
+    JudgeUpdate(package, device.identity, decision);
     (void)TakePhoneMessages();
-    if (!isMeant) {
-        const Entry* outer = OuterEntry(package, *decision.sent);
-        return end(Verdict::WRONG_IMAGE,
-                   decision.sent == seen
-                       ? fmt::format("{} lies inside the image of {}", Title(*seen), Title(*outer))
-                       : fmt::format("the pre-check sees {}, the update takes {}", Title(*seen),
-                                     Title(*decision.sent)));
-    }
-    if (!update.goesOn) {
-        return end(Verdict::USED_UP, update.reason);
-    }
-    const DeviceInfo info = InfoOf(device.identity);
-    const std::string written = RecordText(info.pnm, info.localFwRev, target);
-    return ParseRecord(written).isReadable ? end(Verdict::UPDATE, "")
-                                           : end(Verdict::STUCK, UNREADABLE_REVISION);
+    return decision;
 }
 
 Texts FindingsOf(const Package& package, const Entry& entry) {
@@ -336,22 +335,22 @@ Texts FindingsOf(const Package& package, const Entry& entry) {
     const auto add = [&](bool isFound, const std::string& text) {
         findings.insert(findings.end(), isFound ? 1 : 0, text);
     };
-    add(!entry.bodyFits, "the body reaches past the end: every reader passes over the entry");
+    add(!entry.bodyFits, "the body reaches past the end of the package: phones ignore the entry");
     add(layout.extCsdRev.size > 0 && Get(entry.identity, layout.extCsdRev)[0] > EXT_CSD_REV_5_1,
-        "ext_csd_rev is none of an eMMC: 7 is eMMC 5.0, 8 is eMMC 5.1");
+        "no eMMC has this ext_csd_rev: 7 is eMMC 5.0, 8 is eMMC 5.1");
     add(Trimmed(Get(entry.identity, layout.name)).empty(), "the product name is empty");
     const std::string revision = Get(entry.identity, layout.revision);
-    add(revision[0] == '\0', "a revision that begins with a zero byte: once an attempt is on "
-                             "record, the phone takes it for attempted");
+    add(revision[0] == '\0', "the revision begins with a zero byte: after any attempt on record "
+                             "the phone takes it for attempted");
     const uint8_t* body = package.bytes.get() + entry.body;
     for (const Layout* inner : {&EMMC, &UFS}) {
         add(entry.bodyFits && entry.bodySize >= inner->headerSize &&
                 memcmp(body, inner->magic, MAGIC_SIZE) == 0,
-            fmt::format("the body begins with an entry of the {} kind: is it the image?",
+            fmt::format("the body begins with an entry header ({}): is it a package?",
                         inner->title));
     }
     const auto base = BaseRevisionsOf(entry.identity);
-    add(base && base->empty(), "no device can have one of its base revisions");
+    add(base && base->empty(), "no device can have any of its base revisions");
     if (!findings.empty()) {
         return findings;
     }
@@ -401,8 +400,8 @@ Texts NotesForAnyPhone(const Entry& entry) {
     Texts notes = NotesOf(entry);
     if (entry.identity.layout == &UFS && !BaseRevisionsOf(entry.identity)) {
         notes.emplace_back(
-            "from any revision: a phone that runs a newer one uses up its attempt, as "
-            "the update does not go back; base_revisions keeps it from that");
+            "it applies to any revision: a phone that runs a newer one uses up its attempt, as the "
+            "update does not go back; base_revisions can keep such phones out");
     }
     return notes;
 }

@@ -2,22 +2,14 @@
 // command that says something about a phone asks here.
 #pragma once
 
+#include "fwlab/device.h"
 #include "fwlab/package.h"
 #include "fwlab/record.h"
-#include "simphone/description.h"
 
 #include <optional>
 
-// A device, with what decides whether it takes an image.
-struct Device {
-    Identity identity;       // as its nodes and registers show it
-    bool gki;                // eMMC: updated by the kernel, without a limit
-    uint32_t maxHwSectorsKb; // UFS: the most KiB that its host takes in one request; 0: not known
-};
-Device DeviceOf(const Description& phone);
-
-// The revisions that a device can have and that the entry admits; none: any. Free slots are left
-// out.
+// The base revisions of an entry, without free slots and what no device can have; nothing if it
+// applies to any revision.
 std::optional<Texts> BaseRevisionsOf(const Identity& identity);
 
 enum class Verdict {

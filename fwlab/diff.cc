@@ -1,4 +1,4 @@
-// Tells two packages apart: by their entries, and by what devices get of them.
+// Compares two packages: by their entries, and by what devices get from them.
 #include "fwlab/commands.h"
 #include "fwlab/decision.h"
 #include "fwlab/difference.h"
@@ -6,7 +6,6 @@
 #include "simphone/files.h"
 
 #include <algorithm>
-#include <cstring>
 #include <fmt/format.h>
 #include <map>
 #include <set>
@@ -22,8 +21,12 @@ struct Side {
 Side Read(const std::string& path) {
     Side side = {OpenPackage(path), {}, {}};
     const Package& package = side.package;
-    Require(package.size <= PACKAGE_SIZE_MAX, 2, path + " " + package.flaw);
-    Require(package.size == 0 || !package.entries.empty(), 2, path + " holds no entry");
+    if (package.size > PACKAGE_SIZE_MAX) {
+        throw Stop{2, path + " " + package.flaw};
+    }
+    if (package.size != 0 && package.entries.empty()) {
+        throw Stop{2, path + " holds no entry"};
+    }
     side.entries = OwnEntries(package);
     for (const Entry* entry : side.entries) {
         side.digests[entry] = entry->bodyFits ? Sha256(package, entry->body, entry->bodySize) : "";
@@ -78,8 +81,8 @@ std::vector<Pair> PairsOf(const Side& before, const Side& after) {
     return pairs;
 }
 
-// The place of an entry among those that both packages have, from 1: what comes and goes around it
-// moves nothing.
+// The place of an entry among those that are in both packages, from 1: entries that were added or
+// removed do not count.
 size_t PlaceOf(const Entry* entry, const std::vector<Pair>& pairs, const Entry* Pair::*side) {
     return 1 + static_cast<size_t>(std::count_if(pairs.begin(), pairs.end(), [&](const Pair& pair) {
                return pair.before != nullptr && pair.after != nullptr &&
@@ -168,7 +171,7 @@ std::vector<Model> ModelsOf(const Side& before, const Side& after) {
     return models;
 }
 
-// A revision that is older than texts are, and none of these.
+// A revision that is none of the model's, and older than any printable one.
 std::string OtherRevision(const Model& model) {
     const size_t size = model.identity.layout->revision.size;
     std::string other;
@@ -248,7 +251,7 @@ Json Describe(const Side& side) {
                           {"size", span.size},
                           {"sha256", Sha256(package, span.offset, span.size)}});
     }
-    return {{"package", Quoted(package.path, "")},
+    return {{"package", Escaped(package.path)},
             {"size", package.size},
             {"sha256", Sha256(package, 0, package.size)},
             {"entries", side.entries.size()},
@@ -324,11 +327,11 @@ void Print(const Json& report, const Layout& layout) {
 int Diff(const std::string& oldFile, const std::string& newFile, bool asJson) {
     const Side before = Read(oldFile), after = Read(newFile);
     const Package &one = before.package, &other = after.package;
-    Require(before.entries.empty() || after.entries.empty() || one.layout == other.layout, 2,
-            "one package is for eMMC, the other one for UFS");
+    if (!before.entries.empty() && !after.entries.empty() && one.layout != other.layout) {
+        throw Stop{2, "one package is for eMMC, the other one for UFS"};
+    }
     const std::vector<Pair> pairs = PairsOf(before, after);
-    const bool isSame =
-        one.size == other.size && memcmp(one.bytes.get(), other.bytes.get(), one.size) == 0;
+    const bool isSame = IsSame(one, other);
     Json report = {{"old", Describe(before)},
                    {"new", Describe(after)},
                    {"same", isSame},
@@ -337,10 +340,8 @@ int Diff(const std::string& oldFile, const std::string& newFile, bool asJson) {
     for (const Pair& pair : pairs) {
         report["entries"].push_back(Describe(pair, pairs, before, after));
     }
-    if (asJson) {
-        fmt::print("{}\n", report.dump(2));
-    } else {
-        Print(report, after.entries.empty() && one.layout != nullptr ? *one.layout : *other.layout);
-    }
+    const Layout& layout =
+        after.entries.empty() && one.layout != nullptr ? *one.layout : *other.layout;
+    Show(asJson, report, [&] { Print(report, layout); });
     return isSame ? 0 : 1;
 }

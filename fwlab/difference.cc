@@ -8,7 +8,7 @@
 
 namespace {
 
-// Of an eMMC header, what no manifest gives: pack leaves it zero, and no reader takes it.
+// Fields of an eMMC header that no manifest has: pack leaves them zero, and no phone looks at them.
 constexpr Field PRV_AND_PSN = {"prv_and_psn", offsetof(EmmcFwHeader, emmcPrv),
                                sizeof(EmmcFwHeader::emmcPrv) + sizeof(EmmcFwHeader::emmcPsn),
                                Field::EXACT};
@@ -37,7 +37,7 @@ Json ValueOf(const Identity& identity, const Field& field) {
     return shown.contains(field.key) ? shown[field.key] : Json(Escaped(bytes));
 }
 
-// The first byte of the entry's body that second has otherwise; size if it has none.
+// The first byte of the entry's body that differs in second; size if none does.
 size_t FirstOther(const Package& first, const Entry& entry, const Package& second, size_t size) {
     const uint8_t* body = first.bytes.get() + entry.body;
     return static_cast<size_t>(

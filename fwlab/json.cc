@@ -3,6 +3,7 @@
 #include "simphone/files.h"
 
 #include <algorithm>
+#include <fmt/format.h>
 
 namespace {
 
@@ -56,6 +57,14 @@ Json Describe(const Decision& decision) {
             {"sent", NumberOf(decision.sent)},
             {"sent_bytes", decision.sentSize},
             {"steps", steps}};
+}
+
+void Show(bool asJson, const Json& report, const std::function<void()>& print) {
+    if (asJson) {
+        fmt::print("{}\n", report.dump(2));
+    } else {
+        print();
+    }
 }
 
 std::string Shown(const Json& value) {

@@ -2,6 +2,7 @@
 #include "fwlab/commands.h"
 #include "fwlab/json.h"
 #include "fwlab/spans.h"
+#include "simphone/files.h"
 
 #include <algorithm>
 #include <fmt/format.h>
@@ -14,7 +15,7 @@ Json Describe(const Package& package, const Entry& entry, const Entry* outer) {
     shown.update(Describe(entry.identity));
     shown["body_offset"] = entry.body;
     shown["body_size"] = entry.bodySize;
-    if (outer != nullptr) { // of the image; no digest of what no device takes
+    if (outer != nullptr) { // a part of the image, which no device takes
         shown["findings"] = Json::array();
         shown["notes"] = {"a magic inside " + Title(*outer)};
         return shown;
@@ -28,15 +29,15 @@ Json Describe(const Package& package, const Entry& entry, const Entry* outer) {
 }
 
 Json Describe(const Package& package) {
-    Json report = {{"package", Quoted(package.path, "")},
+    Json report = {{"package", Escaped(package.path)},
                    {"size", package.size},
                    {"sha256", Sha256(package, 0, package.size)},
                    {"findings", Json::array()}};
     for (const Span& span : Uncovered(package)) {
-        report["findings"].push_back(
-            fmt::format("{} bytes from {:#x} belong to no entry: damaged, or not meant to be there "
-                        "(sha256 {})",
-                        span.size, span.offset, Sha256(package, span.offset, span.size)));
+        report["findings"].push_back(fmt::format(
+            "{} bytes from {:#x} belong to no entry: the package is damaged, or they are junk "
+            "(sha256 {})",
+            span.size, span.offset, Sha256(package, span.offset, span.size)));
     }
     Json& entries = report["entries"] = Json::array();
     for (const Entry& entry : package.entries) {
@@ -77,10 +78,6 @@ bool IsFlawless(const Json& report) {
 
 int List(const std::string& packageFile, bool asJson) {
     const Json report = Describe(OpenPackage(packageFile));
-    if (asJson) {
-        fmt::print("{}\n", report.dump(2));
-    } else {
-        Print(report, "");
-    }
+    Show(asJson, report, [&] { Print(report, ""); });
     return IsFlawless(report) ? 0 : 1;
 }

@@ -1,14 +1,15 @@
 // The workstation tool: builds firmware packages, looks into them, tells what a phone would do with
 // them, tries that on a simulated phone, and explains what runs have left on phones.
 #include "fwlab/commands.h"
+#include "fwlab/device.h"
 #include "fwlab/json.h"
-#include "fwlab/manifest.h"
 #include "simphone/files.h"
 
 #include <algorithm>
 #include <CLI/CLI.hpp>
 #include <csignal>
 #include <fmt/format.h>
+#include <functional>
 #include <iostream>
 #include <numeric>
 
@@ -17,8 +18,8 @@ namespace {
 // What the command line says; the parser runs the command that it names.
 struct Arguments {
     std::string manifest, package, newPackage, output, phone, record;
+    Texts settings;
     bool gkiOnly, json;
-    Description device; // by hand
     RehearseOptions rehearsal;
     PlanOptions plan;
     OutcomeOptions outcome;
@@ -27,160 +28,145 @@ struct Arguments {
     int status; // of the command
 };
 
+// A command without its own options. `run` returns its exit status.
+CLI::App* AddCommand(CLI::App& app, Arguments& args, const char* name, const char* summary,
+                     const std::function<int()>& run, const char* footer) {
+    CLI::App* command = app.add_subcommand(name, summary);
+    command->add_flag("--json", args.json, "print JSON, for programs");
+    command->callback([&args, run] { args.status = run(); });
+    command->footer(footer);
+    return command;
+}
+
 void AddPack(CLI::App& app, Arguments& args) {
-    CLI::App* pack = app.add_subcommand("pack", "Build a package from a manifest");
+    CLI::App* pack = AddCommand(
+        app, args, "pack", "Build a package from a manifest",
+        [&] { return Pack(args.manifest, args.output, args.gkiOnly, args.json); },
+        "fwlab/emmc-package.toml and fwlab/ufs-package.toml explain manifests. Exit status 1: "
+        "refused. A device that an entry describes must get exactly this entry, from each of the "
+        "entry's base revisions.");
     pack->add_option("MANIFEST.toml", args.manifest, "what goes into it")->required();
     pack->add_option("-o,--output", args.output, "the package")->required();
-    pack->add_flag("--gki-only", args.gkiOnly, "admit eMMC images above 1 MiB");
-    pack->add_flag("--json", args.json, "for programs");
-    pack->footer("fwlab/emmc-package.toml and fwlab/ufs-package.toml explain manifests. Exit "
-                 "status 1: refused, as a phone would not treat it as meant. A device that an "
-                 "entry describes must get this very entry from each of its base revisions.");
-    pack->callback(
-        [&] { args.status = Pack(args.manifest, args.output, args.gkiOnly, args.json); });
+    pack->add_flag("--gki-only", args.gkiOnly, "allow eMMC images above 1 MiB");
 }
 
 void AddList(CLI::App& app, Arguments& args) {
-    CLI::App* list = app.add_subcommand("list", "Show the entries of a package and its flaws");
+    CLI::App* list = AddCommand(
+        app, args, "list", "Show the entries of a package and its flaws",
+        [&] { return List(args.package, args.json); },
+        "Exit status 1: there are findings. Bytes that are not printable are shown as \\n, \\\\ "
+        "and \\xHH.");
     list->add_option("PACKAGE", args.package, "the package")->required();
-    list->add_flag("--json", args.json, "for programs");
-    list->footer("Exit status 1: there are findings. Bytes that are not printable are shown as "
-                 "\\n, \\\\ and \\xHH.");
-    list->callback([&] { args.status = List(args.package, args.json); });
 }
 
 void AddDiff(CLI::App& app, Arguments& args) {
-    CLI::App* diff = app.add_subcommand("diff", "Tell two packages apart, by entry and by device");
+    CLI::App* diff = AddCommand(
+        app, args, "diff", "Tell two packages apart, by entry and by device",
+        [&] { return Diff(args.package, args.newPackage, args.json); },
+        "The devices are those that an entry describes, without a record of attempts. Each runs, "
+        "in turn, every revision that an entry installs or has as a base revision. Exit status 0: "
+        "the same bytes. 1: they differ. 2: trouble.");
     diff->add_option("OLD", args.package, "a package")->required();
     diff->add_option("NEW", args.newPackage, "the one that is to follow it")->required();
-    diff->add_flag("--json", args.json, "for programs");
-    diff->footer("The devices are those that an entry names, with each revision that an entry "
-                 "brings or admits, and without a record of attempts. Exit status 0: the same "
-                 "bytes. 1: they differ. 2: trouble.");
-    diff->callback([&] { args.status = Diff(args.package, args.newPackage, args.json); });
 }
 
 void AddUnpack(CLI::App& app, Arguments& args) {
-    CLI::App* unpack = app.add_subcommand("unpack", "Take a package apart: a manifest and images");
+    CLI::App* unpack = AddCommand(
+        app, args, "unpack", "Take a package apart: a manifest and images",
+        [&] { return Unpack(args.package, args.output, args.json); },
+        "pack makes the same bytes again from the package.toml there. Exit status 1: refused, as "
+        "pack "
+        "would not make this package; nothing is left behind.");
     unpack->add_option("PACKAGE", args.package, "the package")->required();
     unpack->add_option("-o,--output", args.output, "a new folder")->required();
-    unpack->add_flag("--json", args.json, "for programs");
-    unpack->footer(
-        "Of package.toml there, pack makes the same bytes again. Exit status 1: refused, "
-        "as pack makes no such package; nothing is left.");
-    unpack->callback([&] { args.status = Unpack(args.package, args.output, args.json); });
 }
 
 void AddVerify(CLI::App& app, Arguments& args) {
-    CLI::App* verify =
-        app.add_subcommand("verify", "Tell whether a package is what a manifest makes");
+    CLI::App* verify = AddCommand(
+        app, args, "verify", "Tell whether a package is what a manifest makes",
+        [&] { return Verify(args.package, args.manifest, args.json); },
+        "The package is made again in memory, nothing is written. Exit status 0: the same bytes. "
+        "1: they differ, and where.");
     verify->add_option("PACKAGE", args.package, "the package")->required();
     verify->add_option("--manifest", args.manifest, "what it was made from")->required();
-    verify->add_flag("--json", args.json, "for programs");
-    verify->footer(
-        "The package is made again in memory, nothing is written. Exit status 0: the same "
-        "bytes. 1: they differ, and where.");
-    verify->callback([&] { args.status = Verify(args.package, args.manifest, args.json); });
 }
 
-std::string Bytes(const std::string& text) {
-    std::string bytes;
-    Require(Unescape(text, bytes), 2, text + R"(: a backslash begins \n, \\ or \xHH)");
-    return bytes;
-}
-
-// The bytes that an option gives for a field.
-std::string BytesOf(const char* option, const std::string& text, const Field& field, bool isExact) {
-    std::string bytes = Bytes(text);
-    Require(bytes.size() <= field.size && (!isExact || bytes.size() == field.size), 2,
-            fmt::format("{} has {} bytes, not {}{}", option, bytes.size(),
-                        isExact ? "" : "at most ", field.size));
-    return bytes;
-}
-
-// The device that the options describe, as its nodes and registers have it.
-Description ByHand(Description device) {
-    const Layout& layout = device.ufs ? UFS : EMMC;
-    const char* end = device.ufs ? "\n" : "";
-    device.manfid = BytesOf("--manfid", device.manfid, UFS.manufacturer, false) + end;
-    device.productName = BytesOf("--product", device.productName, layout.name, !device.ufs) + end;
-    device.revision = BytesOf("--revision", device.revision, layout.revision, device.ufs);
-    return device;
+// The phone of a command, which settings may change.
+void AddPhone(CLI::App& command, std::string& phone, Texts& settings) {
+    command.add_option("--phone", phone, "the phone's description")->required();
+    command
+        .add_option("--set", settings,
+                    "another value for a key of the description, such as "
+                    "cid.product_name=SIM065; bytes are \\n, \\\\ and \\xHH")
+        ->type_name("KEY=VALUE")
+        ->type_size(1);
 }
 
 void AddMatch(CLI::App& app, Arguments& args) {
-    Description& device = args.device;
-    CLI::App* match = app.add_subcommand("match", "Tell what a phone would do with a package");
+    CLI::App* match = AddCommand(
+        app, args, "match", "Tell what a phone would do with a package",
+        [&] {
+            const Description phone = ReadPhone(args.phone, args.settings);
+            return Match(args.package, phone, args.record, args.json);
+        },
+        "Exit status 0: the device is sent the entry that the pre-check saw. 1: no update, or the "
+        "attempt is \"used up\": on record and never made again, but the device does not get the "
+        "entry.");
     match->add_option("PACKAGE", args.package, "the package")->required();
+    AddPhone(*match, args.phone, args.settings);
     match->add_option("--record", args.record, "its fw_result")->check(CLI::ExistingFile);
-    match->add_flag("--json", args.json, "for programs");
-    CLI::App* which = match->add_option_group("device", "a simulated phone, or one by hand");
-    auto* name = match->add_option("--product", device.productName, "product name");
-    auto* rev = match->add_option("--revision", device.revision, "running revision (bytes: \\xHH)");
-    auto* csd = match->add_option("--ext-csd-rev", device.extCsdRev, "eMMC: 7 for 5.0, 8 for 5.1");
-    auto* gki =
-        match->add_flag("--gki", device.gki, "eMMC: updated by the kernel; else by requests");
-    auto* most = match->add_option("--max-hw-sectors-kb", device.maxHwSectorsKb,
-                                   "UFS: the most KiB of one request (0: any)");
-    auto* phone = which->add_option("--phone", args.phone, "its description");
-    auto* manfid = which->add_option("--manfid", device.manfid, "UFS: as the node prints it");
-    phone->excludes(name, rev, csd, gki, most);
-    manfid->needs(name, rev)->excludes(csd, gki);
-    which->add_option("--manufacturer-id", device.cid[0], "eMMC: MID")
-        ->needs(name, rev, csd)
-        ->excludes(most);
-    which->require_option(1);
-    match->footer("Exit status 0: the device is sent the entry that the pre-check saw. 1: no "
-                  "update, or one attempt \"used up\" in vain: on record, and never made again.");
-    match->callback([=, &args] {
-        args.device.ufs = manfid->count() > 0;
-        const bool isByHand = phone->count() == 0;
-        args.status = Match(args.package, isByHand ? ByHand(args.device) : ReadPhone(args.phone),
-                            args.record, args.json);
-    });
 }
 
 void AddRehearse(CLI::App& app, Arguments& args) {
     RehearseOptions& options = args.rehearsal;
-    CLI::App* rehearse = app.add_subcommand("rehearse", "Run ffu on a simulated phone");
+    CLI::App* rehearse = AddCommand(
+        app, args, "rehearse", "Run ffu on a simulated phone",
+        [&] { return Rehearse(options, args.json); },
+        "Exit status 0: the device took the entry's body, and the phone runs its revision after a "
+        "restart.");
     rehearse->add_option("PACKAGE", options.package, "the package")->required();
-    rehearse->add_option("--phone", options.phone, "the phone's description")->required();
+    AddPhone(*rehearse, options.phone, options.settings);
     rehearse->add_option("--fault", options.faults, "a call that fails (see simphone/emmc.toml)")
         ->type_size(1);
     rehearse->add_option("--keep", options.keep, "make the phone in this directory and keep it");
     rehearse->add_flag("--reboot-and-run-again", options.runAgain,
                        "run again after the restart: that run must find nothing to do");
-    rehearse->add_flag("--quiet", options.quiet, "without console lines of one character each");
-    rehearse->add_flag("--json", options.asJson, "for programs");
-    rehearse->footer("Exit status 0: the device took the entry's body, and the phone runs its "
-                     "revision after a restart.");
-    rehearse->callback([&] { args.status = Rehearse(options); });
+    rehearse->add_flag("--quiet", options.quiet, "leave out console lines of one character each");
 }
 
 void AddSweep(CLI::App& app, Arguments& args) {
     SweepRequest& request = args.sweep;
-    CLI::App* sweep = app.add_subcommand("sweep", "Rehearse every failing call and power cut");
+    CLI::App* sweep = AddCommand(
+        app, args, "sweep", "Rehearse every failing call and power cut",
+        [&] { return Sweep(request, args.json); },
+        "Each call of the run fails, in each way, once and for good. The power fails before each "
+        "call "
+        "that changes the phone, with each loss of what was not synced. Exit status 1: a run did "
+        "what it must not.");
     sweep->add_option("PACKAGE", request.package, "the package")->required();
     sweep->add_option("--phone", request.phones, "descriptions of phones")->required();
     sweep->add_option("--jobs", request.jobs, "processes; without it one for each processor")
         ->check(CLI::Range(1, 1024));
     sweep->add_option("--junit", request.junit, "write a JUnit report: a test case for each call");
     sweep->add_option("--html", request.html, "write a page with the runs and their time lines");
-    sweep->add_flag("--json", request.asJson, "for programs");
-    sweep->footer("Each call of the run fails, in each way, once and for good, and the power fails "
-                  "before each call that changes the phone, with all that may be lost as it was "
-                  "not synced. Exit status 1: a run did what it must not.");
-    sweep->callback([&] { args.status = Sweep(request); });
 }
 
 void AddOutcome(CLI::App& app, Arguments& args) {
     OutcomeOptions& options = args.outcome;
-    CLI::App* outcome = app.add_subcommand("outcome", "Explain what runs left in /data/vendor/fw");
+    CLI::App* outcome = AddCommand(
+        app, args, "outcome", "Explain what runs left in /data/vendor/fw",
+        [&] { return Outcome(options, args.json); },
+        "States: updated; nothing: nothing to do, never attempted; failed; interrupted; unknown: "
+        "attempted, perhaps without a download; stopped: a run ended early, outside of an attempt; "
+        "damaged: no run can read the record; foreign: no state directory; unreadable. Exit status "
+        "0: all "
+        "are updated or nothing. 2: none is a state directory that can be read.");
     outcome
         ->add_option("DIR", options.directories,
                      "that directory, pulled from a phone, or a folder of many: FOLDER/SERIAL/...")
         ->required();
-    outcome->add_flag("--json", options.asJson, "one line for each directory, for programs");
+    outcome->get_option("--json")->description(
+        "print a line of JSON for each directory, for programs");
     outcome
         ->add_option("--fail-above", options.failAbove,
                      "exit status 1 only if more than this share (percent) is not updated, of all "
@@ -191,17 +177,15 @@ void AddOutcome(CLI::App& app, Arguments& args) {
                 return text.find_first_not_of("0123456789.") == text.npos ? "" : "no percentage";
             },
             "", ""));
-    outcome->footer(
-        "States: updated; nothing: nothing to do, never attempted; failed; interrupted; unknown: "
-        "attempted, nothing downloaded or unknown; stopped: outside of an attempt; damaged: no "
-        "run can read the record; foreign: no state directory; unreadable. Exit status 0: all "
-        "are updated or nothing. 2: none is a state directory that can be read.");
-    outcome->callback([&] { args.status = Outcome(options); });
 }
 
 void AddPlan(CLI::App& app, Arguments& args) {
     PlanOptions& options = args.plan;
-    CLI::App* plan = app.add_subcommand("plan", "Tell what each phone of a fleet would get");
+    CLI::App* plan = AddCommand(
+        app, args, "plan", "Tell what each phone of a fleet would get",
+        [&] { return Plan(options, args.json); },
+        "Exit status 0: no phone would use up its attempt or get a wrong image, and each entry is "
+        "for a phone of the fleet.");
     plan->add_option("PACKAGE", options.packages, "the packages, one of each technology")
         ->required();
     plan->add_option("--fleet", options.fleet, "the device models (see fwlab/fleet.toml)")
@@ -209,10 +193,29 @@ void AddPlan(CLI::App& app, Arguments& args) {
     plan->add_option("--records", options.records,
                      "a folder of state directories: phones that have made an attempt")
         ->check(CLI::ExistingDirectory);
-    plan->add_flag("--json", options.asJson, "for programs");
-    plan->footer("Exit status 0: no phone would use up its attempt or get a wrong image, and each "
-                 "entry is for a phone of the fleet.");
-    plan->callback([&] { args.status = Plan(options); });
+}
+
+void AddCapture(CLI::App& app, Arguments& args) {
+    CaptureOptions& options = args.capture;
+    CLI::App* capture = AddCommand(
+        app, args, "capture", "Describe a phone by nodes pulled from it",
+        [&] { return Capture(options, args.json); },
+        "DIR holds the nodes as `adb exec-out cat` gives them, under their names alone or under "
+        "their paths. All phones: /proc/bootdevice/product_name. UFS: manfid and rev beside it "
+        "and, if known, /sys/block/sdc/queue/max_hw_sectors_kb. eMMC: ext_csd beside it and "
+        "/sys/class/mmc_host/mmc0/mmc0:0001/cid. If the phone's /data/vendor/fw is there too, "
+        "capture shows how to give its record to match. Exit status 1: the nodes do not describe "
+        "a phone.");
+    capture->add_option("DIR", options.folder, "where they are")->required();
+    capture->add_option("-o,--output", options.output, "the description")->required();
+    capture
+        ->add_option("--firmware-revision", options.firmwareRevision,
+                     "the revision that the phone reports after an update (bytes: \\xHH)")
+        ->required();
+    capture->add_option("--technology", options.technology, "where the nodes do not tell")
+        ->check(CLI::IsMember({"emmc", "ufs"}));
+    capture->add_option("--mode", options.mode, "of an eMMC phone, where ext_csd does not tell")
+        ->check(CLI::IsMember({"gki", "normal"}));
 }
 
 // How many characters have to be added, taken away or replaced to make one word of the other.
@@ -230,7 +233,7 @@ size_t Distance(const std::string& from, const std::string& to) {
     return row[to.size()];
 }
 
-// A first word that is no command gets the nearest one.
+// Stop, with the nearest command, if the first word is none.
 void RequireCommand(const CLI::App& app, int argc, char** argv) {
     const std::string word = argc < 2 ? "-" : argv[1];
     std::string nearest;
@@ -239,34 +242,9 @@ void RequireCommand(const CLI::App& app, int argc, char** argv) {
         nearest =
             nearest.empty() || Distance(word, name) < Distance(word, nearest) ? name : nearest;
     }
-    Require(word[0] == '-' || word == nearest, 2,
-            fmt::format("{} is no command; the nearest is {}", Quoted(word), nearest));
-}
-
-void AddCapture(CLI::App& app, Arguments& args) {
-    CaptureOptions& options = args.capture;
-    CLI::App* capture = app.add_subcommand("capture", "Describe a phone by nodes pulled from it");
-    capture->add_option("DIR", options.folder, "where they are")->required();
-    capture->add_option("-o,--output", options.output, "the description")->required();
-    capture
-        ->add_option("--firmware-revision", options.firmwareRevision,
-                     "what the phone is to report after an update (bytes: \\xHH)")
-        ->required();
-    capture->add_option("--technology", options.technology, "where the nodes do not tell")
-        ->check(CLI::IsMember({"emmc", "ufs"}));
-    capture->add_option("--mode", options.mode, "of an eMMC phone, where ext_csd does not tell")
-        ->check(CLI::IsMember({"gki", "normal"}));
-    capture->add_flag("--json", options.asJson, "for programs");
-    capture->footer(
-        "DIR has /proc/bootdevice/product_name, of UFS with manfid, rev and, if known, "
-        "/sys/block/sdc/queue/max_hw_sectors_kb, of eMMC with ext_csd and "
-        "/sys/class/mmc_host/mmc0/mmc0:0001/cid: under their names alone or under their paths, as "
-        "`adb exec-out cat` gives them. Where it has the phone's /data/vendor/fw, too, capture "
-        "shows how match takes its record. Exit status 1: the nodes do not describe a phone.");
-    capture->callback([&] {
-        options.firmwareRevision = Bytes(options.firmwareRevision);
-        args.status = Capture(options);
-    });
+    if (word[0] != '-' && word != nearest) {
+        throw Stop{2, fmt::format("{} is no command; the nearest is {}", Quoted(word), nearest)};
+    }
 }
 
 int Run(int argc, char** argv) {
@@ -302,7 +280,7 @@ int Run(int argc, char** argv) {
 } // namespace
 
 int main(int argc, char** argv) {
-    signal(SIGPIPE, SIG_IGN); // a rehearsal tidies up when nobody reads on
+    signal(SIGPIPE, SIG_IGN); // a rehearsal removes its phone even if nobody reads its output
     Stop stop = {2, ""};
     try {
         stop.status = Run(argc, argv);

@@ -27,11 +27,11 @@ void Print(const Step& step) {
 // The answer in words, and what to change.
 std::string Sentence(const Decision& decision) {
     const std::string recorded = Quoted(decision.recorded);
-    const std::string remedy =
-        fmt::format("The phone writes the attempt for {} on record and makes no other one for it. "
-                    "Correct this before phones get the package; afterwards only another revision "
-                    "reaches them.",
-                    recorded);
+    const std::string remedy = fmt::format(
+        "The phone puts the attempt for {} on record and never makes another one for it. "
+        "Correct the package before phones get it; afterwards only another revision "
+        "reaches them.",
+        recorded);
     switch (decision.verdict) {
     case Verdict::UPDATE:
         return fmt::format("An update to {}: {} bytes of {}.",
@@ -55,29 +55,28 @@ std::string Sentence(const Decision& decision) {
     return "Used up: " + decision.why + ". " + remedy;
 }
 
+void Print(const Identity& device, const Decision& decision) {
+    fmt::print("device: {}, runs {}\n", Title(device), Quoted(RevisionOf(device)));
+    for (const Step& step : decision.steps) {
+        Print(step);
+    }
+    fmt::print("{}\n", Sentence(decision));
+    for (const std::string& note : decision.sent == nullptr ? Texts() : NotesOf(*decision.sent)) {
+        fmt::print("Note: {}.\n", note);
+    }
+}
+
 } // namespace
 
 int Match(const std::string& packageFile, const Description& phone, const std::string& recordFile,
           bool asJson) {
     const Device device = DeviceOf(phone);
     const Package package = OpenPackage(packageFile, device.identity.layout);
-    Require(package.flaw.empty(), 1, packageFile + " " + package.flaw);
+    if (!package.flaw.empty()) {
+        throw Stop{1, packageFile + " " + package.flaw};
+    }
     const Record record = recordFile.empty() ? Record() : ReadRecord(recordFile);
     const Decision decision = Decide(package, device, recordFile.empty() ? nullptr : &record);
-    if (asJson) {
-        fmt::print("{}\n", Describe(decision).dump(2));
-    } else {
-        const Layout& layout = *device.identity.layout;
-        fmt::print("device: {} {}, runs {}\n", Quoted(Get(device.identity, layout.manufacturer)),
-                   Quoted(Get(device.identity, layout.name)), Quoted(RevisionOf(device.identity)));
-        for (const Step& step : decision.steps) {
-            Print(step);
-        }
-        fmt::print("{}\n", Sentence(decision));
-        for (const std::string& note :
-             decision.sent == nullptr ? Texts() : NotesOf(*decision.sent)) {
-            fmt::print("Note: {}.\n", note);
-        }
-    }
+    Show(asJson, Describe(decision), [&] { Print(device.identity, decision); });
     return decision.verdict == Verdict::UPDATE ? 0 : 1;
 }

@@ -1,311 +1,159 @@
-// Explains a phone's state directory, from the flags and the record that a run can leave there, and
-// from their times. Called for `outcome` and after a rehearsal; only reads.
-#include "fwlab/outcome.h"
-
-#include "run/result_record.h"
-#include "run/state_flags.h"
+// Answers for one state directory or for those of a whole fleet, as they were pulled from phones.
+// One that is damaged, foreign or unreadable is counted like any other.
+#include "fwlab/commands.h"
+#include "fwlab/json.h"
+#include "fwlab/state_directory.h"
 #include "simphone/files.h"
-#include "ufs/ufs_selection.h"
 
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
-#include <ctime>
-#include <dirent.h>
-#include <fcntl.h>
 #include <filesystem>
 #include <fmt/format.h>
-#include <memory>
-#include <optional>
-#include <sys/stat.h>
-#include <unistd.h>
+#include <map>
+#include <tuple>
+
+namespace fs = std::filesystem;
 
 namespace {
 
-constexpr off_t TAIL_SIZE = 65536; // of a file, as much as is looked at: hundreds of records
+constexpr int DEPTH_MAX = 6; // REGION/DAY/SERIAL/data/vendor/fw
+constexpr int SCHEMA = 1;    // of the JSON lines; counts up when a key changes its meaning
 
-struct StateFile {
-    bool isThere, isRegular;
-    std::string content; // its end
-};
-
-struct StateFiles {
-    StateFile begin, end, ok, fail, record, body;
-};
-
-std::string FileName(const char* phonePath) {
-    return std::filesystem::path(phonePath).filename();
-}
-
-std::string ReadTail(int fd, off_t size) {
-    std::string tail(static_cast<size_t>(std::min(size, TAIL_SIZE)), '\0');
-    size_t done = 0;
-    ssize_t count = 1;
-    while (done < tail.size() && count > 0) {
-        const off_t from = size - static_cast<off_t>(tail.size() - done);
-        count = pread(fd, &tail[done], tail.size() - done, from);
-        done += count > 0 ? static_cast<size_t>(count) : 0;
-    }
-    const int reason = errno;
-    close(fd);
-    Require(count >= 0, 2, strerror(reason));
-    tail.resize(done);
-    if (size > TAIL_SIZE) { // from the begin of a line on
-        const size_t lineEnd = tail.find('\n');
-        tail.erase(0, lineEnd == std::string::npos ? lineEnd : lineEnd + 1);
-    }
-    return tail;
-}
-
-StateFile ReadStateFile(int directory, const char* phonePath) {
-    const std::string name = FileName(phonePath);
-    struct stat status = {};
-    if (fstatat(directory, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
-        const int reason = errno;
-        Require(reason == ENOENT, 2, name + ": " + strerror(reason));
-        return {};
-    }
-    StateFile file = {true, S_ISREG(status.st_mode), ""};
-    if (file.isRegular && status.st_size > 0) {
-        const int flags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
-        const int fd = openat(directory, name.c_str(), flags);
-        const int reason = errno;
-        Require(fd >= 0, 2, name + ": " + strerror(reason));
-        file.content = ReadTail(fd, status.st_size);
-    }
-    return file;
-}
-
-StateFiles ReadStateFiles(const std::string& directory) {
-    const std::unique_ptr<DIR, int (*)(DIR*)> opened(opendir(directory.c_str()), closedir);
-    const int reason = errno;
-    Require(opened != nullptr, 2, strerror(reason));
-    const auto read = [&](const char* path) { return ReadStateFile(dirfd(opened.get()), path); };
-    StateFiles files = {read(BEGIN_FLAG), read(END_FLAG),    read(OK_FLAG),
-                        read(FAIL_FLAG),  read(RESULT_FILE), {}};
-    struct stat status = {};
-    files.body.isThere = fstatat(dirfd(opened.get()), FileName(UfsFwBodyPath(1)).c_str(), &status,
-                                 AT_SYMLINK_NOFOLLOW) == 0;
-    return files;
-}
-
-// The seconds of a text that ctime made, without its line end; nothing for any other text. They are
-// local time: good for differences only.
-std::optional<time_t> SecondsOf(const std::string& text) {
-    constexpr char CTIME_FORMAT[] = "%a %b %e %H:%M:%S %Y";
-    tm parts = {};
-    if (strptime(text.c_str(), CTIME_FORMAT, &parts) == nullptr) {
-        return {};
-    }
-    const time_t seconds = timegm(&parts);
-    char again[64] = {};
-    (void)strftime(again, sizeof(again), CTIME_FORMAT, &parts);
-    return again == text ? std::optional(seconds) : std::nullopt;
-}
-
-// The last line: where a flag could not be removed, the next time stands behind the old one.
-std::string TimeIn(const StateFile& flag) {
-    std::string text = flag.content;
-    text.resize(text.size() - (!text.empty() && text.back() == '\n' ? 1 : 0));
-    const size_t lineEnd = text.rfind('\n');
-    return lineEnd == std::string::npos ? text : text.substr(lineEnd + 1);
-}
-
-enum class Whose { LAST, EARLIER, UNTOLD };
-
-// Of which attempt an outcome flag is. An update clears the flags right behind its record, so that
-// one that is left from before is older than the record, unless the clock went back in between.
-Whose WhoseIs(const StateFile& flag, const Record& record) {
-    constexpr time_t LONGEST_UPDATE = 3600; // far above a download's time limit of 300 seconds
-    constexpr time_t FIRST_YEAR_END = 365 * 86400; // of 1970: the clock had not been set
-    const auto ended = SecondsOf(TimeIn(flag)), began = SecondsOf(record.time);
-    if (!ended || !began) {
-        return Whose::UNTOLD;
-    }
-    if (record.isOnly) { // no earlier one is known that it could be of
-        return *ended >= *began ? Whose::LAST : Whose::UNTOLD;
-    }
-    const auto before = SecondsOf(record.timeBefore);
-    if (!before || *before > *began || *before > *ended || *began < FIRST_YEAR_END) {
-        return Whose::UNTOLD;
-    }
-    if (*ended < *began) {
-        return Whose::EARLIER;
-    }
-    return *ended - *began <= LONGEST_UPDATE ? Whose::LAST : Whose::UNTOLD;
-}
-
-struct Judgement {
-    State state;
-    std::string why;
-};
-
-std::string LastRun(const StateFiles& files) {
-    if (files.begin.isThere && files.end.isThere) {
-        return "both run flags are there, as one could not be removed: how the last run ended "
-               "cannot be told";
-    }
-    if (files.begin.isThere) {
-        return "the last run stopped before its regular end (or is under way): the power failed, "
-               "or it could not use the device's nodes, the package or the record";
-    }
-    return files.end.isThere ? "the last run came to its regular end"
-                             : "the last run could not create its begin flag or its end flag";
-}
-
-Judgement JudgeWithoutRecord(const StateFiles& files) {
-    if (!files.begin.isThere && !files.end.isThere && !files.ok.isThere && !files.fail.isThere &&
-        !files.body.isThere) {
-        return {State::FOREIGN, "no trace of a run: this is no state directory, or the tool never "
-                                "ran there, or it could not create its flags"};
-    }
-    if (files.ok.isThere || files.fail.isThere || files.body.isThere) {
-        return {State::UNKNOWN, "an attempt has left files, but no attempt is on record"};
-    }
-    if (files.begin.isThere && files.end.isThere) {
-        return {State::UNKNOWN, LastRun(files) + "; no attempt is on record"};
-    }
-    return files.end.isThere
-               ? Judgement{State::NOTHING, "no attempt is on record, and " + LastRun(files)}
-               : Judgement{State::STOPPED, "no attempt is on record; " + LastRun(files) +
-                                               ", or there is no storage device"};
-}
-
-// The last attempt has left no outcome.
-Judgement JudgeWithoutOutcome(const StateFiles& files, const std::string& attempt) {
-    const std::string unknown =
-        " Whether the device was sent a firmware cannot be told from here: see the revision that "
-        "it runs after a restart";
-    if (files.begin.isThere && !files.end.isThere) {
-        return {State::INTERRUPTED,
-                attempt +
-                    " has no outcome, and the begin flag is there: the power failed during "
-                    "its update, or the run is under way, or it could not leave ffu.fail, or "
-                    "it ended without a download and a later run stopped early." +
-                    unknown};
-    }
-    return {State::UNKNOWN, attempt +
-                                " has no outcome: nothing was downloaded (the update found "
-                                "nothing to do, or lacked memory, space or a node), or the "
-                                "power failed and a later start has hidden that, or the "
-                                "outcome could not be written." +
-                                unknown};
-}
-
-Judgement JudgeAttempt(const StateFiles& files, const Record& record) {
-    const std::string attempt =
-        fmt::format("the last attempt, from {} to {} ({}),", Quoted(record.base),
-                    Quoted(record.target), record.time.empty() ? "no time" : Escaped(record.time));
-    if (files.ok.isThere && files.fail.isThere) {
-        return {State::UNKNOWN,
-                "both outcome flags are there: whether " + attempt + " passed cannot be told"};
-    }
-    if (!files.ok.isThere && !files.fail.isThere) {
-        return JudgeWithoutOutcome(files, attempt);
-    }
-    const StateFile& flag = files.ok.isThere ? files.ok : files.fail;
-    const std::string title =
-        fmt::format("{} (\"{}\")", files.ok.isThere ? "ffu.ok" : "ffu.fail", Escaped(TimeIn(flag)));
-    const Whose whose = WhoseIs(flag, record);
-    if (whose == Whose::UNTOLD) {
-        return {State::UNKNOWN, "the times contradict each other or are none: whether " + title +
-                                    " is the outcome of " + attempt + " cannot be told"};
-    }
-    if (whose == Whose::EARLIER) {
-        Judgement judgement = JudgeWithoutOutcome(files, attempt);
-        judgement.why += "; " + title + " is older: of an earlier attempt, if the clock is right";
-        return judgement;
-    }
-    const bool isUntold = files.begin.isThere && files.end.isThere;
-    if (files.fail.isThere) { // a run whose update fails leaves its begin flag
-        const bool isOfThatRun = files.begin.isThere && !isUntold;
-        return {State::FAILED,
-                attempt + " failed: " + title + (isOfThatRun ? "" : "; " + LastRun(files))};
-    }
-    const State state = isUntold            ? State::UNKNOWN
-                        : files.end.isThere ? State::UPDATED
-                                            : State::STOPPED;
-    return {state, attempt + " passed: " + title + "; " + LastRun(files)};
-}
-
-std::string NextRun(const Record& record) {
-    if (!record.isReadable) { // there is none
-        return "The next run will attempt the update that its package has for the device, if any.";
-    }
-    return fmt::format("The next run will not attempt {} again; it will attempt any other that its "
-                       "package has for the device, unless {} begins with it.",
-                       Quoted(record.target), Quoted(record.target));
-}
-
-Judgement Damaged(const std::string& why) {
-    return {State::DAMAGED,
-            "fw_result cannot be read back: " + why +
-                ". Every later run that has an update to attempt stops there. Keep this directory. "
-                "Restart the phone, so that no download is pending, and see which revision it "
-                "runs. Remove fw_result, ffu.ok and ffu.fail from it only if it runs the package's "
-                "revision, or if that may be attempted once more: without the record the next run "
-                "attempts it."};
-}
-
-std::string Irregular(const StateFiles& files) {
-    const std::pair<const StateFile&, const char*> flags[] = {{files.begin, BEGIN_FLAG},
-                                                              {files.end, END_FLAG},
-                                                              {files.ok, OK_FLAG},
-                                                              {files.fail, FAIL_FLAG}};
-    for (const auto& [flag, path] : flags) {
-        if (flag.isThere && !flag.isRegular) {
-            return FileName(path);
+// Adds the state directories that are at directory or below it to found, in the order of their
+// names, and each folder that cannot be read. Returns whether there is any. Links are not followed.
+bool Search(const std::string& directory, int depth, Texts& found) {
+    const Texts& names = StateFileNames();
+    Texts folders;
+    bool isState = false;
+    std::error_code error;
+    for (fs::directory_iterator entry(directory, error), end; !error && entry != end;
+         entry.increment(error)) {
+        isState |= std::count(names.begin(), names.end(), entry->path().filename()) > 0;
+        std::error_code gone;
+        if (depth < DEPTH_MAX && entry->symlink_status(gone).type() == fs::file_type::directory) {
+            folders.push_back(entry->path());
         }
     }
-    return "";
-}
-
-Judgement Judge(const StateFiles& files, Record& record) {
-    const std::string irregular = Irregular(files);
-    if (files.record.isThere && !files.record.isRegular) {
-        return Damaged("it is no regular file");
+    const size_t foundBefore = found.size();
+    if (isState || error) {
+        found.push_back(directory);
     }
-    if (files.record.isThere) {
-        record = ParseRecord(files.record.content);
-        if (!record.isReadable) {
-            return Damaged(fmt::format("{}", fmt::join(record.messages, "; ")));
+    std::sort(folders.begin(), folders.end());
+    Texts others;
+    bool isWholePhone = false; // pulled from its root on: data is one of many folders
+    for (const std::string& folder : folders) {
+        const bool isFound = Search(folder, depth + 1, found);
+        isWholePhone |= isFound && fs::path(folder).filename() == "data";
+        if (!isFound) {
+            others.push_back(folder);
         }
     }
-    if (!irregular.empty()) {
-        return {State::UNKNOWN, irregular + " is no regular file: no run leaves that"};
+    if (depth == 0 && !isState && !isWholePhone) { // phones from which nothing was pulled
+        found.insert(found.end(), others.begin(), others.end());
     }
-    return files.record.isThere ? JudgeAttempt(files, record) : JudgeWithoutRecord(files);
+    return found.size() > foundBefore;
+}
+
+Json Describe(const std::string& directory, const StateReport& report) {
+    const Record& record = report.record;
+    const auto text = [&](const std::string& bytes) {
+        return record.isReadable ? Json(Escaped(bytes)) : Json();
+    };
+    return {{"schema", SCHEMA},
+            {"directory", Escaped(directory)},
+            {"state", NameOf(report.state)},
+            {"product", text(record.product)},
+            {"from", text(record.base)},
+            {"to", text(record.target)},
+            {"time", text(record.time)},
+            {"text", report.text}};
+}
+
+using Group = std::tuple<std::string, std::string, std::string, State>; // product, from, to
+struct Members {
+    size_t count;
+    Texts examples;
+};
+using Table = std::map<Group, Members>;
+
+void Count(const std::string& directory, const StateReport& report, Table& table) {
+    const Record& record = report.record;
+    const auto text = [&](const std::string& bytes) {
+        return record.isReadable ? Quoted(bytes) : "-";
+    };
+    Members& members =
+        table[{text(record.product), text(record.base), text(record.target), report.state}];
+    members.count++;
+    if (members.examples.size() < 3) {
+        members.examples.push_back(Escaped(directory));
+    }
+}
+
+void Print(const Table& table) {
+    std::vector<std::array<std::string, 6>> rows = {
+        {"product", "from", "to", "state", "count", "such as"}};
+    for (const auto& [group, members] : table) {
+        const auto& [product, from, to, state] = group;
+        rows.push_back({product, from, to, NameOf(state), std::to_string(members.count),
+                        fmt::format("{}", fmt::join(members.examples, ", "))});
+    }
+    std::array<size_t, 5> widths = {};
+    for (const auto& row : rows) {
+        for (size_t i = 0; i < widths.size(); i++) {
+            widths[i] = std::max(widths[i], row[i].size());
+        }
+    }
+    for (const auto& row : rows) {
+        fmt::print("{:{}}  {:{}}  {:{}}  {:{}}  {:>{}}  {}\n", row[0], widths[0], row[1], widths[1],
+                   row[2], widths[2], row[3], widths[3], row[4], widths[4], row[5]);
+    }
 }
 
 } // namespace
 
-const char* NameOf(State state) {
-    constexpr const char* NAMES[] = {"updated", "nothing", "failed",  "interrupted", "unknown",
-                                     "stopped", "damaged", "foreign", "unreadable"};
-    return NAMES[static_cast<size_t>(state)];
-}
-
-const Texts& StateFileNames() {
-    static const Texts names = {FileName(BEGIN_FLAG),  FileName(END_FLAG),
-                                FileName(OK_FLAG),     FileName(FAIL_FLAG),
-                                FileName(RESULT_FILE), FileName(UfsFwBodyPath(1))};
-    return names;
-}
-
-StateReport DescribeState(const std::string& directory) {
-    StateReport report = {State::UNREADABLE, false, "", {}};
-    std::string why;
-    try {
-        const StateFiles files = ReadStateFiles(directory);
-        const auto judgement = Judge(files, report.record);
-        report.state = judgement.state;
-        why = judgement.why;
-        const bool isUsable = report.record.isReadable || !files.record.isThere;
-        why += isUsable && report.state != State::FOREIGN ? ". " + NextRun(report.record) : "";
-    } catch (const Stop& stop) {
-        why = stop.text;
+Texts StateDirectoriesIn(const std::string& directory) {
+    Texts found;
+    if (!Search(directory, 0, found)) {
+        found.push_back(directory);
     }
-    report.isFine = report.state == State::UPDATED || report.state == State::NOTHING;
-    report.text = fmt::format("{}: {}", NameOf(report.state), why);
-    return report;
+    return found;
+}
+
+int Outcome(const OutcomeOptions& options, bool asJson) {
+    Texts directories;
+    for (const std::string& directory : options.directories) {
+        const Texts found = StateDirectoriesIn(directory);
+        directories.insert(directories.end(), found.begin(), found.end());
+    }
+    Table table;
+    std::map<State, size_t> counts;
+    for (const std::string& directory : directories) {
+        const StateReport report = DescribeState(directory);
+        counts[report.state]++;
+        if (asJson) {
+            fmt::print("{}\n", Describe(directory, report).dump());
+        } else if (directories.size() == 1) {
+            fmt::print("{}\n", report.text);
+        } else {
+            Count(directory, report, table);
+        }
+    }
+    const size_t all = directories.size(), foreign = counts[State::FOREIGN];
+    const size_t good = counts[State::UPDATED], nothing = counts[State::NOTHING];
+    const size_t tried = all - foreign - nothing;
+    const double share =
+        tried == 0 ? 0 : 100 * static_cast<double>(tried - good) / static_cast<double>(tried);
+    if (!table.empty()) {
+        Print(table);
+        fmt::print("{} directories", all);
+        for (const auto& [state, count] : counts) {
+            fmt::print(count > 0 ? ", {} {}" : "", count, NameOf(state));
+        }
+        fmt::print(". Not updated: {:.4g} % of the {} that are neither \"nothing\" nor "
+                   "\"foreign\".\n",
+                   share, tried);
+    }
+    if (foreign + counts[State::UNREADABLE] == all) {
+        return 2;
+    }
+    return options.failAbove ? share > *options.failAbove : good + nothing < all;
 }

@@ -1,12 +1,11 @@
 #include "fwlab/output.h"
 
-#include "fwlab/package.h"
+#include "fwlab/stop.h"
 #include "fwlab/work_folder.h"
 #include "simphone/files.h"
 
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <fcntl.h>
 #include <filesystem>
 #include <sys/stat.h>
@@ -16,7 +15,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// Less what the user's mask takes away: temporary files are made for their owner only.
+// The mode that the umask leaves. Temporary files are made for their owner only.
 mode_t Permitted(mode_t mode) {
     const mode_t mask = umask(0);
     (void)umask(mask);
@@ -28,18 +27,22 @@ mode_t Permitted(mode_t mode) {
 void CheckOutput(const std::string& path) {
     std::error_code error;
     const fs::file_status there = fs::symlink_status(path, error);
-    Require(!fs::exists(there) || fs::is_regular_file(there), 2,
-            path + ": is there and no regular file");
+    if (fs::exists(there) && !fs::is_regular_file(there)) {
+        throw Stop{2, path + ": is no regular file"};
+    }
     const std::string folder = fs::path(path).parent_path();
-    const bool isWritable = access(folder.empty() ? "." : folder.c_str(), W_OK) == 0;
-    Require(isWritable, 2, path + ": " + strerror(errno));
+    if (access(folder.empty() ? "." : folder.c_str(), W_OK) != 0) {
+        throw FailureAt(path, errno);
+    }
 }
 
 void WriteOutput(const std::string& path, const std::string& bytes) {
     CheckOutput(path);
     std::string temporary = path + ".XXXXXX";
     const int fd = mkostemp(temporary.data(), O_CLOEXEC);
-    Require(fd >= 0, 2, path + ": " + strerror(errno));
+    if (fd < 0) {
+        throw FailureAt(path, errno);
+    }
     size_t done = 0;
     ssize_t count = 1;
     while (done < bytes.size() && count > 0) {
@@ -55,27 +58,28 @@ void WriteOutput(const std::string& path, const std::string& bytes) {
     }
     if (reason != 0) {
         unlink(temporary.c_str());
-        throw Stop{2, path + ": " + strerror(reason)};
+        throw FailureAt(path, reason);
     }
 }
 
 void MakeFolder(const std::string& path, const std::function<void(const std::string&)>& fill) {
     const std::string folder = path.substr(0, path.find_last_not_of('/') + 1);
     std::error_code error;
-    const bool isThere = fs::exists(fs::symlink_status(folder, error));
-    Require(!folder.empty() && !isThere, 2, path + ": is there already");
+    if (folder.empty() || fs::exists(fs::symlink_status(folder, error))) {
+        throw Stop{2, path + ": exists already"};
+    }
     const HeldSignals held;
     std::string temporary = folder + ".XXXXXX";
     if (mkdtemp(temporary.data()) == nullptr) {
-        throw Stop{2, path + ": " + strerror(errno)};
+        throw FailureAt(path, errno);
     }
     try {
         fill(temporary);
         StopIfInterrupted();
-        const bool isMade = chmod(temporary.c_str(), Permitted(0777)) == 0 &&
-                            rename(temporary.c_str(), folder.c_str()) == 0;
-        const int reason = errno;
-        Require(isMade, 2, path + ": " + strerror(reason));
+        if (chmod(temporary.c_str(), Permitted(0777)) != 0 ||
+            rename(temporary.c_str(), folder.c_str()) != 0) {
+            throw FailureAt(path, errno);
+        }
     } catch (...) {
         fs::remove_all(temporary, error);
         throw;
@@ -85,5 +89,7 @@ void MakeFolder(const std::string& path, const std::function<void(const std::str
 void RequireOther(const std::string& path, const std::string& input) {
     std::error_code error;
     const bool isSame = fs::equivalent(path, input, error);
-    Require(!isSame || error, 2, path + ": is read by this command, too");
+    if (isSame && !error) {
+        throw Stop{2, path + ": is an input of this command"};
+    }
 }

@@ -1,4 +1,4 @@
-// Writes results: whole files that replace nothing but files, or nothing at all.
+// Writes results: each whole or not at all, and only regular files are replaced.
 #pragma once
 
 #include <functional>

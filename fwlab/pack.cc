@@ -34,26 +34,28 @@ void CheckEntries(const Package& package, const std::vector<size_t>& offsets, bo
 } // namespace
 
 Built BuildPackage(const std::string& manifestFile, bool withLargeEmmc) {
-    Built built = {"", nullptr, 0, {manifestFile}};
-    std::string& bytes = built.bytes;
+    const auto bytes = std::make_shared<std::string>();
     std::vector<size_t> offsets;
-    const Layout*& layout = built.layout;
+    const Layout* layout = nullptr;
+    Texts inputs = {manifestFile};
     for (ManifestEntry& entry : ReadManifest(manifestFile)) {
-        built.inputs.push_back(entry.imageFile);
+        inputs.push_back(entry.imageFile);
         layout = entry.identity.layout;
         std::string size;
         for (const int shift : {24, 16, 8, 0}) {
             size += static_cast<char>(entry.image.size() >> shift);
         }
         Set(entry.identity, layout->bodySize, size);
-        offsets.push_back(bytes.size());
-        bytes += entry.identity.header + entry.image;
-        Require(bytes.size() <= PACKAGE_SIZE_MAX, 1, manifestFile + ": more than a phone reads");
+        offsets.push_back(bytes->size());
+        *bytes += entry.identity.header + entry.image;
+        if (bytes->size() > PACKAGE_SIZE_MAX) {
+            throw Stop{1, manifestFile + ": the package is 2 GiB or larger: phones refuse it"};
+        }
     }
-    const PackageBytes borrowed(PackageBytes(), reinterpret_cast<const uint8_t*>(bytes.data()));
-    CheckEntries(LookInto(manifestFile, borrowed, bytes.size(), layout), offsets, withLargeEmmc);
-    built.entries = offsets.size();
-    return built;
+    const PackageBytes owned(bytes, reinterpret_cast<const uint8_t*>(bytes->data()));
+    const Package package = LookInto(manifestFile, owned, bytes->size(), layout);
+    CheckEntries(package, offsets, withLargeEmmc);
+    return {bytes, package, offsets.size(), inputs};
 }
 
 int Pack(const std::string& manifestFile, const std::string& output, bool withLargeEmmc,
@@ -62,16 +64,14 @@ int Pack(const std::string& manifestFile, const std::string& output, bool withLa
     for (const std::string& input : built.inputs) {
         RequireOther(output, input);
     }
-    WriteOutput(output, built.bytes);
-    if (asJson) {
-        const Json answer = {{"package", Escaped(output)},
-                             {"size", built.bytes.size()},
-                             {"entries", built.entries},
-                             {"sha256", Sha256(built.bytes)}};
-        fmt::print("{}\n", answer.dump(2));
-        return 0;
-    }
-    fmt::print("{}: {} bytes, entries: {}\n", Quoted(output, ""), built.bytes.size(),
-               built.entries);
+    WriteOutput(output, *built.bytes);
+    const Json report = {{"package", Escaped(output)},
+                         {"size", built.bytes->size()},
+                         {"entries", built.entries},
+                         {"sha256", Sha256(*built.bytes)}};
+    Show(asJson, report, [&] {
+        fmt::print("{}: {} bytes, entries: {}\n", Escaped(output), built.bytes->size(),
+                   built.entries);
+    });
     return 0;
 }

@@ -1,7 +1,7 @@
 // Finds the entries of packages, for every command. A file that cannot be read ends the command.
 #include "fwlab/package.h"
 
-#include "simphone/files.h"
+#include "fwlab/stop.h"
 
 #include <cerrno>
 #include <cstring>
@@ -11,68 +11,23 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-// More magics than any package has: that is some other file.
+// No package has more entries: a file with more is something else.
 constexpr size_t ENTRIES_MAX = 1024;
-
-#define PLACE(record, member) offsetof(record, member), sizeof(record::member)
-const Layout EMMC = {
-    "eMMC",
-    EMMC_MAGIC,
-    sizeof(EmmcFwHeader),
-    {"manufacturer_id", PLACE(EmmcFwHeader, emmcMid), Field::EXACT},
-    {"product_name", PLACE(EmmcFwHeader, emmcPnm), Field::EXACT},
-    {"ext_csd_rev", PLACE(EmmcFwHeader, emmcRev), Field::EXACT},
-    {"revision", PLACE(EmmcFwHeader, emmcFwRev), Field::ZEROS},
-    {"body_size", PLACE(EmmcFwHeader, emmcFwSize), Field::EXACT},
-    {"market_name", PLACE(EmmcFwHeader, legalMarketName), Field::ZEROS},
-    {"base_revisions", PLACE(EmmcFwHeader, legalBaseRev), Field::EXACT},
-};
-const Layout UFS = {
-    "UFS",
-    UFS_MAGIC,
-    sizeof(UfsFwHeader),
-    {"manfid", PLACE(UfsFwHeader, ufsMid), Field::NODE},
-    {"product_name", PLACE(UfsFwHeader, ufsPnm), Field::NODE},
-    {"", 0, 0, Field::EXACT},
-    {"revision", PLACE(UfsFwHeader, ufsProductRevisionLevel), Field::EXACT},
-    {"body_size", PLACE(UfsFwHeader, ufsFwSize), Field::EXACT},
-    {"market_name", PLACE(UfsFwHeader, legalMarketName), Field::ZEROS},
-    {"base_revisions", PLACE(UfsFwHeader, legalBaseRev), Field::EXACT},
-};
-#undef PLACE
-
-void Require(bool isSo, int status, const std::string& text) {
-    if (!isSo) {
-        throw Stop{status, text};
-    }
-}
-
-Identity NewIdentity(const Layout& layout) {
-    Identity identity = {&layout, layout.magic};
-    identity.header.resize(layout.headerSize);
-    return identity;
-}
-
-std::string Get(const Identity& identity, const Field& field) {
-    return identity.header.substr(field.offset, field.size);
-}
-
-void Set(Identity& identity, const Field& field, const std::string& bytes) {
-    std::string whole = bytes;
-    whole.resize(field.size);
-    identity.header.replace(field.offset, field.size, whole);
-}
 
 Package OpenPackage(const std::string& path, const Layout* layout) {
     std::error_code error;
     const size_t size = std::filesystem::file_size(path, error); // of a regular file only
-    Require(!error, 2, path + ": " + error.message());
+    if (error) {
+        throw Stop{2, path + ": " + error.message()};
+    }
     const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
     const size_t mapped = size == 0 ? 1 : size; // nothing cannot be mapped
     void* bytes = fd < 0 ? MAP_FAILED : mmap(nullptr, mapped, PROT_READ, MAP_PRIVATE, fd, 0);
-    const std::string reason = path + ": " + strerror(errno);
+    const int reason = errno;
     close(fd);
-    Require(bytes != MAP_FAILED, 2, reason);
+    if (bytes == MAP_FAILED) {
+        throw FailureAt(path, reason);
+    }
     const auto unmap = [bytes, mapped](const uint8_t*) { munmap(bytes, mapped); };
     return LookInto(path, {static_cast<const uint8_t*>(bytes), unmap}, size, layout);
 }
@@ -94,9 +49,10 @@ Package LookInto(const std::string& path, const PackageBytes& bytes, size_t size
     const auto find = package.layout == &UFS ? FindUfsEntry : FindEmmcEntry;
     for (size_t p = find(first, size, 0); p < size; p = find(first, size, p + 1)) {
         const size_t number = package.entries.size() + 1;
-        Require(number <= ENTRIES_MAX, 2,
-                fmt::format("{}: more than {} entries, which fwlab does not look into", path,
-                            ENTRIES_MAX));
+        if (number > ENTRIES_MAX) {
+            throw Stop{2, fmt::format("{}: more than {} entries, which fwlab does not look into",
+                                      path, ENTRIES_MAX)};
+        }
         const uint32_t bodySize = ReadBigEndian32(first + p + package.layout->bodySize.offset);
         const Identity identity = {package.layout, {first + p, first + p + headerSize}};
         package.entries.push_back({number, p, p + headerSize, bodySize,
@@ -105,10 +61,10 @@ Package LookInto(const std::string& path, const PackageBytes& bytes, size_t size
     return package;
 }
 
-std::string Title(const Entry& entry) {
-    return fmt::format("entry {} at {:#x}", entry.number, entry.offset);
+bool IsSame(const Package& one, const Package& other) {
+    return one.size == other.size && memcmp(one.bytes.get(), other.bytes.get(), one.size) == 0;
 }
 
-std::string Quoted(const std::string& bytes, const char* mark) {
-    return mark + Escaped(bytes) + mark;
+std::string Title(const Entry& entry) {
+    return fmt::format("entry {} at {:#x}", entry.number, entry.offset);
 }

@@ -1,9 +1,9 @@
 // The release gate: what each phone of a fleet gets from the packages, before any phone has them.
 #include "fwlab/commands.h"
+#include "fwlab/fleet.h"
 #include "fwlab/json.h"
-#include "fwlab/models.h"
-#include "fwlab/outcome.h"
 #include "fwlab/spans.h"
+#include "fwlab/state_directory.h"
 #include "simphone/files.h"
 
 #include <algorithm>
@@ -18,10 +18,8 @@ struct Line {
     const Model* model;
     std::string revision;
     uint64_t phones;
-    Verdict verdict;
-    std::string gets; // for people
-    const Package* package;
-    const Entry* sent;
+    const Package* package; // null: there is none for them
+    Decision decision;
 };
 
 bool IsBad(Verdict verdict) {
@@ -29,83 +27,72 @@ bool IsBad(Verdict verdict) {
            verdict == Verdict::STUCK;
 }
 
-std::string Gets(const Decision& decision) {
-    return decision.verdict == Verdict::UPDATE
-               ? fmt::format("gets entry {}, {}", decision.sent->number, Quoted(decision.recorded))
-               : InWords(NameOf(decision.verdict), decision.why);
+// The entry that the phones get; null for none.
+const Entry* Received(const Line& line) {
+    return line.decision.verdict == Verdict::UPDATE ? line.decision.sent : nullptr;
 }
 
-Line MakeLine(const Model& model, const Running& running, uint64_t phones, const Package* package,
-              const Decision& decision) {
-    return {&model,
-            running.revision,
-            phones,
-            decision.verdict,
-            Gets(decision),
-            package,
-            decision.verdict == Verdict::UPDATE ? decision.sent : nullptr};
+std::string Gets(const Line& line) {
+    const Entry* entry = Received(line);
+    return entry != nullptr
+               ? fmt::format("gets entry {}, {}", entry->number, Quoted(line.decision.recorded))
+               : InWords(NameOf(line.decision.verdict), line.decision.why);
 }
 
 std::string UpToZero(const std::string& bytes) {
     return bytes.substr(0, bytes.find('\0'));
 }
 
-// The lines of one model and revision: of phones that have made no attempt from it, and of those
-// whose record is there.
+// Adds the lines of one model and revision: for phones without a record, and for those whose record
+// is there.
 void AddLines(const Model& model, const Running& running, const Package* package,
               std::vector<Record>& records, std::vector<Line>& lines) {
     const Layout& layout = *model.device.identity.layout;
     Device device = model.device;
     Set(device.identity, layout.revision, running.revision);
+    const auto add = [&](uint64_t phones, const Decision& decision) {
+        lines.push_back({&model, running.revision, phones, package, decision});
+    };
     if (package == nullptr) {
-        lines.push_back({&model, running.revision, running.phones, Verdict::NOTHING,
-                         fmt::format("nothing to do: there is no {} package", layout.title),
-                         nullptr, nullptr});
+        const std::string why = fmt::format("there is no {} package", layout.title);
+        add(running.phones, {Verdict::NOTHING, why, {}, "", nullptr, 0});
         return;
     }
-    std::map<Verdict, Line> recorded;
-    uint64_t others = running.phones;
     const auto isOther = [&](const Record& record) {
         return record.product != UpToZero(Get(device.identity, layout.name)) ||
                record.base != UpToZero(running.revision);
     };
     const auto own = std::stable_partition(records.begin(), records.end(), isOther);
-    const auto end = records.end() - own > static_cast<ptrdiff_t>(others)
-                         ? own + static_cast<ptrdiff_t>(others)
-                         : records.end();
+    const auto count = std::min<uint64_t>(running.phones, static_cast<size_t>(records.end() - own));
+    const auto end = own + static_cast<ptrdiff_t>(count);
+    std::map<Verdict, std::pair<Decision, uint64_t>> recorded;
     for (auto record = own; record != end; ++record) { // each is of one phone
         const Decision decision = Decide(*package, device, &*record);
-        const auto line =
-            recorded.try_emplace(decision.verdict, MakeLine(model, running, 0, package, decision));
-        line.first->second.phones++;
-        others--;
+        recorded.try_emplace(decision.verdict, decision, 0).first->second.second++;
     }
     records.erase(own, end);
-    if (others > 0 || recorded.empty()) {
-        lines.push_back(MakeLine(model, running, others, package, Decide(*package, device)));
+    if (running.phones > count || recorded.empty()) {
+        add(running.phones - count, Decide(*package, device));
     }
-    for (const auto& [verdict, line] : recorded) {
-        lines.push_back(line);
+    for (const auto& [verdict, group] : recorded) {
+        add(group.second, group.first);
     }
 }
 
-Json Describe(const Line& line) {
-    const Layout& layout = *line.model->device.identity.layout;
-    return {{"product_name", Escaped(Get(line.model->device.identity, layout.name))},
-            {"manufacturer", Escaped(Get(line.model->device.identity, layout.manufacturer))},
-            {"revision", Escaped(line.revision)},
-            {"phones", line.phones},
-            {"answer", NameOf(line.verdict)},
-            {"gets", line.gets},
-            {"package", line.package == nullptr ? Json() : Json(Escaped(line.package->path))},
-            {"entry", line.sent == nullptr ? Json() : Json(line.sent->number)}};
-}
+// What is to be said before the packages are released.
+struct Report {
+    std::vector<Line> lines;
+    std::map<Verdict, uint64_t> totals; // phones
+    Texts findings;
+    size_t otherRecords; // of no phone of the fleet
+    bool isReleasable;
+};
 
-// Entries of the packages' maker that no phone of the fleet gets.
+// The entries that no phone of the fleet gets. A magic inside an image is no entry.
 Texts UnusedEntries(const std::vector<Package>& packages, const std::vector<Line>& lines) {
     std::set<const Entry*> used;
     for (const Line& line : lines) {
-        used.insert(line.sent);
+        used.insert(Received(line));
     }
     Texts unused;
     for (const Package& package : packages) {
@@ -139,103 +126,123 @@ void ReadRecords(const std::string& folder, std::vector<Record>& records, Texts&
     }
     if (others > 0) {
         findings.push_back(
-            fmt::format("{} folders are no state directory that can be read", others));
+            fmt::format("{} folders are not state directories, or cannot be read", others));
     }
 }
 
-// The model, by what the update knows it by.
-std::string NameOf(const Model& model) {
-    const Identity& identity = model.device.identity;
-    const Layout& layout = *identity.layout;
-    const std::string manufacturer = Get(identity, layout.manufacturer);
-    return layout.extCsdRev.size == 0
-               ? Quoted(manufacturer) + " " + Quoted(Get(identity, layout.name))
-               : fmt::format("{:#04x} {} EXT_CSD_REV {}", static_cast<uint8_t>(manufacturer[0]),
-                             Quoted(Get(identity, layout.name)),
-                             static_cast<uint8_t>(Get(identity, layout.extCsdRev)[0]));
-}
-
-void Print(const std::vector<Line>& lines) {
-    size_t width = 0;
-    for (const Line& line : lines) {
-        width = std::max(width, NameOf(*line.model).size());
-    }
-    fmt::print("{:<{}}  {:<12} {:>10}\n", "MODEL", width, "RUNS", "PHONES");
-    for (const Line& line : lines) {
-        fmt::print("{:<{}}  {:<12} {:>10}  {}\n", NameOf(*line.model), width, Quoted(line.revision),
-                   line.phones, line.gets);
-        for (const std::string& note : line.sent == nullptr ? Texts() : NotesOf(*line.sent)) {
-            fmt::print("    note: {}\n", note);
-        }
-    }
-}
-
-} // namespace
-
-int Plan(const PlanOptions& options) {
+std::vector<Package> ReadPackages(const Texts& paths) {
     std::vector<Package> packages;
-    for (const std::string& path : options.packages) {
-        packages.push_back(OpenPackage(path));
-        Require(packages.back().flaw.empty(), 1, path + " " + packages.back().flaw);
-        for (size_t i = 0; i + 1 < packages.size(); i++) {
-            Require(packages[i].layout != packages.back().layout, 2,
-                    fmt::format("{} and {} are both {} packages: a phone has one", packages[i].path,
-                                path, packages[i].layout->title));
+    for (const std::string& path : paths) {
+        const Package package = OpenPackage(path);
+        if (!package.flaw.empty()) {
+            throw Stop{1, path + " " + package.flaw};
         }
+        for (const Package& other : packages) {
+            if (other.layout == package.layout) {
+                throw Stop{2, fmt::format("{} and {} are both {} packages: a phone has one",
+                                          other.path, path, package.layout->title)};
+            }
+        }
+        packages.push_back(package);
     }
-    const std::vector<Model> models = ReadModels(options.fleet);
+    return packages;
+}
+
+// Both are borrowed by the report.
+Report MakeReport(const std::vector<Package>& packages, const std::vector<Model>& models,
+                  const std::string& recordsFolder) {
+    Report report = {};
     std::vector<Record> records;
-    Texts findings;
-    if (!options.records.empty()) {
-        ReadRecords(options.records, records, findings);
+    if (!recordsFolder.empty()) {
+        ReadRecords(recordsFolder, records, report.findings);
     }
-    std::vector<Line> lines;
     for (const Model& model : models) {
         const auto package = std::find_if(packages.begin(), packages.end(), [&](const Package& p) {
             return p.layout == model.device.identity.layout;
         });
         for (const Running& running : model.running) {
             AddLines(model, running, package == packages.end() ? nullptr : &*package, records,
-                     lines);
+                     report.lines);
         }
     }
-    std::map<Verdict, uint64_t> totals;
+    report.otherRecords = records.size();
+    const Texts unused = UnusedEntries(packages, report.lines);
+    report.findings.insert(report.findings.end(), unused.begin(), unused.end());
+    report.isReleasable = report.findings.empty();
+    for (const Line& line : report.lines) {
+        report.totals[line.decision.verdict] += line.phones;
+        report.isReleasable = report.isReleasable && !IsBad(line.decision.verdict);
+    }
+    return report;
+}
+
+Json Describe(const Line& line) {
+    const Identity& identity = line.model->device.identity;
+    const Entry* entry = Received(line);
+    return {{"product_name", Escaped(Get(identity, identity.layout->name))},
+            {"manufacturer", Escaped(Get(identity, identity.layout->manufacturer))},
+            {"revision", Escaped(line.revision)},
+            {"phones", line.phones},
+            {"answer", NameOf(line.decision.verdict)},
+            {"gets", Gets(line)},
+            {"package", line.package == nullptr ? Json() : Json(Escaped(line.package->path))},
+            {"entry", entry == nullptr ? Json() : Json(entry->number)}};
+}
+
+Json Describe(const Report& report) {
+    Json lines = Json::array(), totals = Json::object();
+    for (const Line& line : report.lines) {
+        lines.push_back(Describe(line));
+    }
+    for (const auto& [verdict, phones] : report.totals) {
+        totals[NameOf(verdict)] = phones;
+    }
+    return {{"lines", lines},
+            {"totals", totals},
+            {"findings", report.findings},
+            {"records_of_no_phone", report.otherRecords}};
+}
+
+void Print(const std::vector<Line>& lines) {
+    size_t width = 0;
     for (const Line& line : lines) {
-        totals[line.verdict] += line.phones;
+        width = std::max(width, Title(line.model->device.identity).size());
     }
-    const Texts unused = UnusedEntries(packages, lines);
-    findings.insert(findings.end(), unused.begin(), unused.end());
-    const bool isReleasable =
-        findings.empty() && std::none_of(lines.begin(), lines.end(),
-                                         [](const Line& line) { return IsBad(line.verdict); });
-    if (options.asJson) {
-        Json answer = {{"lines", Json::array()},
-                       {"totals", Json::object()},
-                       {"findings", findings},
-                       {"records_of_no_phone", records.size()}};
-        for (const Line& line : lines) {
-            answer["lines"].push_back(Describe(line));
+    fmt::print("{:<{}}  {:<12} {:>10}\n", "MODEL", width, "RUNS", "PHONES");
+    for (const Line& line : lines) {
+        fmt::print("{:<{}}  {:<12} {:>10}  {}\n", Title(line.model->device.identity), width,
+                   Quoted(line.revision), line.phones, Gets(line));
+        const Entry* entry = Received(line);
+        for (const std::string& note : entry == nullptr ? Texts() : NotesOf(*entry)) {
+            fmt::print("    note: {}\n", note);
         }
-        for (const auto& [verdict, phones] : totals) {
-            answer["totals"][NameOf(verdict)] = phones;
-        }
-        fmt::print("{}\n", answer.dump(2));
-        return isReleasable ? 0 : 1;
     }
-    Print(lines);
+}
+
+void Print(const Report& report) {
+    Print(report.lines);
     fmt::print("\nPhones:");
-    for (const auto& [verdict, phones] : totals) {
+    for (const auto& [verdict, phones] : report.totals) {
         fmt::print(" {} {}", phones, NameOf(verdict));
     }
     fmt::print("\n");
-    if (!records.empty()) {
-        fmt::print("Note: {} records are of no phone of the fleet.\n", records.size());
+    if (report.otherRecords > 0) {
+        fmt::print("Note: {} records belong to no phone of the fleet.\n", report.otherRecords);
     }
-    for (const std::string& text : findings) {
+    for (const std::string& text : report.findings) {
         fmt::print("FINDING: {}\n", text);
     }
-    fmt::print("{}\n", isReleasable
+    fmt::print("{}\n", report.isReleasable
                            ? "No phone of this fleet would use up its attempt or get a wrong image."
                            : "NOT to be released to this fleet.");
-    return isReleasable ? 0 : 1;
+}
+
+} // namespace
+
+int Plan(const PlanOptions& options, bool asJson) {
+    const std::vector<Package> packages = ReadPackages(options.packages);
+    const std::vector<Model> models = ReadFleet(options.fleet);
+    const Report report = MakeReport(packages, models, options.records);
+    Show(asJson, Describe(report), [&] { Print(report); });
+    return report.isReleasable ? 0 : 1;
 }

@@ -1,6 +1,7 @@
 // Reads and makes records of attempts by the phone's own routines.
 #include "fwlab/record.h"
 
+#include "fwlab/stop.h"
 #include "run/result_record.h"
 #include "simphone/files.h"
 
@@ -12,9 +13,9 @@ namespace {
 
 constexpr char PRODUCT_KEY[] = "product name:";
 
-// Takes the last attempt's lines off content and puts their parts into time and product; both stay
-// empty where they are not as a run writes them. A product name may hold line feeds: the key at the
-// begin of a line, not the last but one line end, begins it.
+// Removes the last attempt from content and puts its parts into time and product; both are empty if
+// its lines are not as a run writes them. A product name may hold line feeds, so its line is found
+// by the key at the begin of a line.
 void TakeAttempt(std::string& content, std::string& time, std::string& product) {
     const size_t line = content.rfind(std::string("\n") + PRODUCT_KEY);
     const size_t key = line == std::string::npos ? 0 : line + 1;
@@ -40,7 +41,9 @@ Record ParseRecord(const std::string& content) {
     const std::unique_ptr<FILE, int (*)(FILE*)> file(
         bytes.empty() ? fopen("/dev/null", "r") : fmemopen(bytes.data(), bytes.size(), "r"),
         fclose);
-    Require(file != nullptr, 2, "no memory to read a record");
+    if (file == nullptr) {
+        throw Stop{2, "no memory to read a record"};
+    }
     LastAttempt last = {};
     ReadLastLine(file.get(), line);
     const bool isReadable = ParseAttempt(line.data(), last) == 0;
@@ -57,11 +60,13 @@ Record ParseRecord(const std::string& content) {
 
 Record ReadRecord(const std::string& path) {
     std::error_code error;
-    const bool isRegular = std::filesystem::is_regular_file(path, error);
-    Require(isRegular, 2, path + ": " + (error ? error.message() : "is no regular file"));
+    if (!std::filesystem::is_regular_file(path, error)) {
+        throw Stop{2, path + ": " + (error ? error.message() : "is no regular file")};
+    }
     std::string content;
-    const bool isRead = ReadWholeFile(path, content);
-    Require(isRead, 2, path + ": " + strerror(errno));
+    if (!ReadWholeFile(path, content)) {
+        throw FailureAt(path, errno);
+    }
     return ParseRecord(content);
 }
 

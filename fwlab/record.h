@@ -1,7 +1,7 @@
 // The record of attempts, read as the phone reads it.
 #pragma once
 
-#include "fwlab/package.h"
+#include "fwlab/text.h"
 
 struct Record {
     bool isReadable;
@@ -9,14 +9,14 @@ struct Record {
     std::string time;         // of the last attempt, as the record has it; empty without one
     std::string product;      // of the last attempt
     Texts messages;           // why it cannot be read
-    bool isOnly;              // no attempt stands in front of it
-    std::string timeBefore;   // of the attempt in front of it
+    bool isOnly;              // it is the first attempt on record
+    std::string timeBefore;   // of the attempt before it
 };
 // content may be the end of a long record, from the begin of a line on.
 Record ParseRecord(const std::string& content);
 Record ReadRecord(const std::string& path); // of a regular file; Stop if it cannot be read
 
-// Whether the phone takes revision for the one that the last attempt was for.
+// Whether the phone takes the last attempt on record for one at this revision.
 bool IsOnRecord(const Record& record, const std::string& revision);
 
 // The record that a run makes of this attempt, behind a time. Values end at a zero byte.

@@ -1,12 +1,12 @@
-// Runs the unmodified tool on a simulated phone with a package and judges what came of it. All that
-// happens lies in the phone's directory, which is removed unless it is to be kept.
+// Runs the unmodified tool on a simulated phone with a package and checks the result. The phone is
+// a directory, which is removed unless the user keeps it.
 #include "emmc/emmc_command.h"
 #include "emmc/emmc_device.h"
 #include "emmc/emmc_register.h"
 #include "fwlab/commands.h"
+#include "fwlab/device.h"
 #include "fwlab/json.h"
-#include "fwlab/manifest.h"
-#include "fwlab/outcome.h"
+#include "fwlab/state_directory.h"
 #include "fwlab/work_folder.h"
 #include "run/result_record.h"
 #include "run/state_flags.h"
@@ -35,13 +35,13 @@ bool IsOfOneCharacter(const TimeLineEntry& entry) {
     return std::regex_search(entry.text, messages);
 }
 
-// The steps of a rehearsal, as they are told to people, or kept for programs.
+// The steps of a rehearsal: printed as they come for people, or kept for programs.
 struct Report {
-    const RehearseOptions& options;
+    bool asJson, quiet;
     Json json;
 
     template <typename... Values> void Say(const char* format, const Values&... values) const {
-        if (!options.asJson) {
+        if (!asJson) {
             fmt::print(fmt::runtime(format), values...);
         }
     }
@@ -51,7 +51,7 @@ struct Report {
 void TellTimeLine(const RunResult& run, Report& report) {
     Json& lines = report.json["runs"].back()["time_line"] = Json::array();
     for (const TimeLineEntry& entry : TimeLine(run)) {
-        if (!report.options.quiet || !IsOfOneCharacter(entry)) {
+        if (!report.quiet || !IsOfOneCharacter(entry)) {
             lines.push_back({{"source", entry.source}, {"text", entry.text}});
             report.Say("{:<8}| {}\n", entry.source, entry.text);
         }
@@ -61,24 +61,29 @@ void TellTimeLine(const RunResult& run, Report& report) {
 void TellPhone(const std::string& phone, const Report& report) {
     std::string shown;
     std::string error;
-    Require(ShowPhone(phone, shown, error), 2, error);
+    if (!ShowPhone(phone, shown, error)) {
+        throw Stop{2, error};
+    }
     report.Say("{}", shown);
 }
 
-// Whether the run left a state without complaint.
+// Returns whether the state that the run has left is fine.
 bool Run(const Texts& faults, const std::string& phone, Report& report) {
     RunOptions options;
     options.faults = faults;
     const RunResult run = RunTool(phone, Companion("ffu"), options);
     StopIfInterrupted();
-    Require(run.error.empty(), 2, run.error);
+    if (!run.error.empty()) {
+        throw Stop{2, run.error};
+    }
     report.json["runs"].push_back({{"faults", faults},
                                    {"exit_status", run.exitStatus},
                                    {"signal", run.signal},
                                    {"timed_out", run.timedOut}});
     TellTimeLine(run, report);
-    Require(run.unmetFaults.empty(), 2,
-            fmt::format("no call of the run met: {}", fmt::join(run.unmetFaults, "; ")));
+    if (!run.unmetFaults.empty()) {
+        throw Stop{2, fmt::format("no call of the run met: {}", fmt::join(run.unmetFaults, "; "))};
+    }
     report.Say("\nThe run ended with {} {}{}.\n", run.signal != 0 ? "signal" : "exit status",
                run.signal != 0 ? run.signal : run.exitStatus,
                run.timedOut ? ": it took too long" : "");
@@ -126,35 +131,45 @@ bool FindsNothingToDo(const std::string& phone, Report& report) {
 
 } // namespace
 
-int Rehearse(const RehearseOptions& options) {
+int Rehearse(const RehearseOptions& options, bool asJson) {
     std::string error;
     Fault fault;
     for (const std::string& text : options.faults) { // before anything is made
-        Require(ParseFault(text, fault, error), 2, error);
+        if (!ParseFault(text, fault, error)) {
+            throw Stop{2, error};
+        }
     }
-    const Device device = DeviceOf(ReadPhone(options.phone));
+    const Device device = DeviceOf(ReadPhone(options.phone, options.settings));
     const Package package = OpenPackage(options.package, device.identity.layout);
-    Require(package.size <= PACKAGE_SIZE_MAX, 1, options.package + " " + package.flaw);
+    if (package.size > PACKAGE_SIZE_MAX) {
+        throw Stop{1, options.package + " " + package.flaw};
+    }
     const Decision decision = Decide(package, device);
-    // What the phone is to get: what the pre-check saw, or that entry's like for this very device.
+    // The phone is to get what the pre-check saw, or the entry that Decide accepts in its place.
     const Entry* entry = decision.verdict == Verdict::UPDATE ? decision.sent : decision.PreCheck();
 
     const WorkFolder folder;
     const std::string phone = options.keep.empty() ? folder.path + "/phone" : options.keep;
-    Require(MakePhone(options.phone, {}, phone, error), 2, error);
-    Require(PutPackage(options.package, phone, error), 2, error);
-    Report report = {options, {{"runs", Json::array()}}};
+    if (!MakePhone(options.phone, options.settings, phone, error)) {
+        throw Stop{2, error};
+    }
+    if (!PutPackage(options.package, phone, error)) {
+        throw Stop{2, error};
+    }
+    Report report = {asJson, options.quiet, {{"runs", Json::array()}}};
     TellPhone(phone, report);
     report.Say("\n");
     bool isUpdated = Run(options.faults, phone, report);
-    Require(RebootPhone(phone, error), 2, error);
+    if (!RebootPhone(phone, error)) {
+        throw Stop{2, error};
+    }
     isUpdated = Runs(phone, package, entry, report) && isUpdated;
     if (options.runAgain) {
         isUpdated = FindsNothingToDo(phone, report) && isUpdated;
     }
     report.json["updated"] = isUpdated;
-    report.Say("The phone is {}updated as meant.\n", isUpdated ? "" : "NOT ");
-    if (options.asJson) {
+    report.Say("The phone is {}updated.\n", isUpdated ? "" : "NOT ");
+    if (asJson) {
         fmt::print("{}\n", report.json.dump(2));
     }
     return isUpdated ? 0 : 1;

@@ -1,5 +1,6 @@
 #include "fwlab/spans.h"
 
+#include "fwlab/stop.h"
 #include "simphone/files.h"
 
 #include <openssl/evp.h>
@@ -13,8 +14,9 @@ size_t EndOf(const Entry& entry) {
 std::string Digest(const uint8_t* bytes, size_t size) {
     uint8_t digest[EVP_MAX_MD_SIZE];
     unsigned length = 0;
-    const bool isDigested = EVP_Digest(bytes, size, digest, &length, EVP_sha256(), nullptr) == 1;
-    Require(isDigested, 2, "libcrypto has no SHA-256");
+    if (EVP_Digest(bytes, size, digest, &length, EVP_sha256(), nullptr) != 1) {
+        throw Stop{2, "libcrypto has no SHA-256"};
+    }
     return Hex(digest, length);
 }
 

@@ -7,9 +7,8 @@ struct Span {
     size_t offset, size;
 };
 
-// The entries that the package's maker put there: of those that begin inside an entry, each is a
-// magic that stands in an image, whatever size it seems to have. An entry whose body does not fit
-// has its header only.
+// The entries that were packed. What begins inside an entry is a magic in its image, whatever size
+// it seems to have. An entry whose body does not fit ends with its header.
 std::vector<const Entry*> OwnEntries(const Package& package);
 
 // The bytes that belong to no own entry, by offset; none if there is no entry.

@@ -1,5 +1,6 @@
-// Rehearses every failing call and every power cut of a package on phones, and says what is left of
-// them. Called by hand and by CI systems; nothing stays but the files that are asked for.
+// Rehearses every failing call and every power cut of a package on phones, and tells what the
+// phones are left with. Called by hand and by CI systems; leaves only the files that were asked
+// for.
 #include "fwlab/json.h"
 #include "fwlab/output.h"
 #include "fwlab/sweep_report.h"
@@ -14,22 +15,6 @@
 #include <unistd.h>
 
 namespace {
-
-// A word for a shell, printable whatever it holds.
-std::string ShellWord(const std::string& text) {
-    const char* plain = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_./,=+-";
-    if (!text.empty() && text.find_first_not_of(plain) == std::string::npos) {
-        return text;
-    }
-    if (Escaped(text) == text && text.find('\'') == std::string::npos) {
-        return "'" + text + "'";
-    }
-    std::string word;
-    for (const char c : Escaped(text)) {
-        word.append(c == '\'' ? "\\" : "").append(1, c);
-    }
-    return "$'" + word + "'"; // bash: with \n, \\, \' and \xHH
-}
 
 void ShowProgress(size_t done, size_t all) {
     fmt::print(stderr, "\r{} of {} faults", done, all);
@@ -69,7 +54,7 @@ Json Describe(const SweepRequest& request, const SweepResult& result) {
 void Print(const SweepRequest& request, const SweepResult& result) {
     for (size_t i = 0; i < result.bases.size(); i++) {
         const SweepSummary sum = Summarize(result, i);
-        fmt::print("{}: {}\n", Escaped(request.phones[i]), PhoneTitle(request.phones[i]));
+        fmt::print("{}: {}\n", Escaped(request.phones[i]), Title(ReadPhone(request.phones[i])));
         fmt::print("  without a fault: {}, in {} calls\n", FateText(result.baseFates[i]),
                    result.bases[i].calls.size());
         fmt::print("  {} failing calls: {}\n", Sum(sum.failingCalls),
@@ -85,23 +70,13 @@ void Print(const SweepRequest& request, const SweepResult& result) {
     fmt::print("{} runs, {} violations{}\n", result.runs, result.violations.size(),
                result.violations.empty()
                    ? ": the device was asked for each revision in one run at most, never after a "
-                     "failure that must stop it, and never before the attempt was on record; the "
-                     "record only grew; no run was stuck but by a cut before the record was synced."
+                     "failure that must stop the run, and never before the attempt was on record; "
+                     "the record only grew; a run was stuck only after a power cut before the "
+                     "record was synced."
                    : ".");
 }
 
 } // namespace
-
-std::string PhoneTitle(const std::string& description) {
-    Description phone;
-    std::string error;
-    Require(ReadDescription(description, {}, phone, error), 2, error);
-    return fmt::format("{} {}, runs {}",
-                       phone.ufs   ? "UFS"
-                       : phone.gki ? "eMMC (GKI mode)"
-                                   : "eMMC (normal mode)",
-                       Quoted(phone.productName), Quoted(phone.revision));
-}
 
 const char* FateText(Fate fate) {
     static const char* const texts[] = {"updated",        "updated by the next run",
@@ -153,13 +128,13 @@ std::string RehearseCommand(const SweepRequest& request, const SweepViolation& w
                        wrong.fault.empty() ? "" : ShellWord(wrong.fault));
 }
 
-int Sweep(const SweepRequest& request) {
+int Sweep(const SweepRequest& request, bool asJson) {
     std::vector<SweepScenario> scenarios;
     for (const std::string& phone : request.phones) {
-        (void)PhoneTitle(phone);
+        (void)ReadPhone(phone); // Stop if it cannot be read
         scenarios.push_back({phone, phone, request.package, {false, {}}});
     }
-    (void)OpenPackage(request.package); // it can be read
+    (void)OpenPackage(request.package); // likewise
     for (const std::string& output : {request.junit, request.html}) {
         if (!output.empty()) {
             CheckOutput(output); // before it takes long
@@ -183,11 +158,7 @@ int Sweep(const SweepRequest& request) {
     if (result.interruptedBy != 0) {
         throw Stop{128 + result.interruptedBy, "interrupted"};
     }
-    if (request.asJson) {
-        fmt::print("{}\n", Describe(request, result).dump(2));
-    } else {
-        Print(request, result);
-    }
+    Show(asJson, Describe(request, result), [&] { Print(request, result); });
     if (!request.junit.empty()) {
         WriteOutput(request.junit, SweepJunit(request, result));
     }

@@ -3,14 +3,14 @@
 // Everything happens in a temporary directory that is removed, after an interruption too.
 #pragma once
 
+#include "fwlab/text.h"
 #include "simphone/power_loss.h"
 #include "simphone/tool_run.h"
 
 #include <functional>
+#include <map>
 #include <string>
 #include <vector>
-
-using Texts = std::vector<std::string>;
 
 struct SweepScenario {
     std::string name, phone, package; // the files of the description and of the package
@@ -53,7 +53,7 @@ using SweepCheck = std::function<Texts(const SweepRun& run)>;
 struct SweepOptions {
     std::string tool, phoneLibrary; // the latter empty: beside the tool
     unsigned processes = 0;         // 0: one for each processor
-    bool skipsRepeats = false;      // runs that would hardly differ from others, see the source
+    bool skipsRepeats = false;      // runs that would hardly differ from others, see JobsOf
     bool cutsEverywhere = false;    // also at calls that change nothing
     size_t everyNth = 1;            // only each Nth job
     bool stopsAtFirst = false;      // violation
@@ -62,16 +62,16 @@ struct SweepOptions {
     std::function<void(size_t done, size_t all)> progress = {}; // of the jobs
 };
 
-// What is left after a job, by what a power cut may lose; nothing where the job was not done.
+// What is left after a job, by what a power cut may lose; nothing where the job was not done. Time
+// lines by their keys in SweepResult.
 struct SweepLeft {
     std::string losses; // the words behind the fault
     Fate fate;
-    size_t nextTimeLine; // of the run that followed
+    std::string nextTimeLine; // of the run that followed
 };
 struct SweepJobResult {
-    bool isRecordOpen = false; // a power cut between the record's opening and its sync
     std::vector<SweepLeft> left;
-    size_t timeLine = 0;
+    std::string timeLine;
 };
 struct SweepViolation {
     size_t scenario;
@@ -86,12 +86,15 @@ struct SweepResult {
     std::vector<SweepJob> jobs;
     std::vector<SweepJobResult> results; // of each job
     std::vector<SweepViolation> violations;
-    size_t runs = 0, states = 0;        // all runs made; distinct states that a normal run followed
-    std::vector<std::string> timeLines; // distinct ones, "source\ttext\n" a line; number 0 is empty
+    size_t runs = 0, states = 0; // all runs made; distinct states that a normal run followed
+    std::map<std::string, std::string> timeLines; // distinct ones, see TimeLineText; if kept
 };
 
 // Throws Stop if a phone cannot be made or run. SIGINT, SIGTERM and SIGHUP end it early.
 SweepResult RunSweep(const std::vector<SweepScenario>& scenarios, const SweepOptions& options);
+
+// Both logs and the device's requests, "source\ttext\n" a line; printable.
+std::string TimeLineText(const RunResult& run);
 
 // The requests of a run that change the device, or those up to a call, as a letter each, a capital
 // one if the device took it: G for a write to the GKI node (s: a part was taken), D and I for the

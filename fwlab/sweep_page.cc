@@ -2,6 +2,8 @@
 // runs is made printable and escaped on its way in.
 #include "fwlab/sweep_report.h"
 
+#include "fwlab/device.h"
+#include "fwlab/sweep_style.h"
 #include "simphone/files.h"
 
 #include <algorithm>
@@ -14,71 +16,17 @@ namespace {
 constexpr size_t CALLS_PER_LINE = 64;
 constexpr size_t CONTEXT_LINES = 3; // before a time line differs from the base run's
 
-const char STYLE[] = R"(
-body { font: 14px/1.45 system-ui, sans-serif; margin: 2em auto; max-width: 90em; padding: 0 1.5em;
-       color: #1d2329; }
-h1 { font-size: 1.5em; } h2 { font-size: 1.2em; margin-top: 2.2em; border-top: 1px solid #ccd2d8;
-     padding-top: .8em; } h3 { font-size: 1em; margin: 1.4em 0 .4em; }
-code, pre, .course, td:first-child { font-family: ui-monospace, monospace; font-size: 12px; }
-.f0 { background: #b7e1c0; } .f1 { background: #bcd7f2; } .f2 { background: #e3e6e9; }
-.f3 { background: #f6d58b; } .f4 { background: #ef8a80; } .f5 { background: #c9a6e4; }
-.wrong { outline: 2px solid #a1007a; }
-.key span, a.run { padding: 0 .35em; border-radius: 3px; color: inherit; white-space: nowrap; }
-.key span { margin-right: .8em; }
-a.run { text-decoration: none; display: inline-block; margin: 1px 0 1px 3px; }
-td span { white-space: nowrap; }
-a.next { text-decoration: none; color: #56606a; padding: 0 .15em; }
-a:hover, .course a:hover { outline: 1px solid #1d2329; }
-.line { display: flex; align-items: flex-end; margin-bottom: 7px; }
-.line b { width: 3.6em; font-weight: normal; color: #56606a; text-align: right;
-          padding-right: .7em; }
-.course a { width: 12px; margin-right: 2px; text-decoration: none; color: inherit; }
-.course i { display: block; height: 13px; margin-top: 2px; }
-.course u { display: block; height: 14px; line-height: 14px; font-size: 10px; text-align: center;
-            text-decoration: none; font-weight: bold; }
-.course i.none { background: none; border-bottom: 1px solid #e3e6e9; height: 12px; }
-table { border-collapse: collapse; width: 100%; }
-td, th { text-align: left; vertical-align: top; padding: .25em .8em .25em 0;
-         border-bottom: 1px solid #e3e6e9; }
-th { position: sticky; top: 0; background: #fff; }
-td:first-child { white-space: nowrap; color: #56606a; }
-td:nth-child(2), td:nth-child(3) { white-space: nowrap; }
-tr:target td { background: #fdf6d8; }
-.wrongs li { margin-bottom: .5em; } .wrongs code { display: block; overflow-wrap: anywhere; }
-section.timeline { display: none; position: fixed; right: 0; top: 0; bottom: 0; width: 62%;
-    overflow: auto; background: #fff; border-left: 1px solid #8a949e; padding: .6em 1.2em;
-    box-shadow: -6px 0 18px #0003; }
-section.timeline:target { display: block; }
-section.timeline .close { float: right; }
-pre { white-space: pre-wrap; overflow-wrap: anywhere; }
-pre .device { background: #fff1c4; font-weight: bold; } pre .log { color: #0b4f8a; }
-pre .as { color: #56606a; font-style: italic; }
-)";
-
 // For element content and attribute values of HTML and XML. The text is one printable line: what is
 // not comes Escaped.
 std::string Markup(const std::string& text) {
+    static const std::map<char, std::string> entities = {
+        {'&', "&amp;"}, {'<', "&lt;"}, {'>', "&gt;"}, {'"', "&quot;"}, {'\'', "&#39;"}};
     std::string safe;
     for (const char c : text) {
-        switch (c) {
-        case '&':
-            safe += "&amp;";
-            break;
-        case '<':
-            safe += "&lt;";
-            break;
-        case '>':
-            safe += "&gt;";
-            break;
-        case '"':
-            safe += "&quot;";
-            break;
-        case '\'':
-            safe += "&#39;";
-            break;
-        default:
-            safe += c >= ' ' && c <= '~' ? c : '?';
-        }
+        const auto entity = entities.find(c);
+        safe += entity != entities.end() ? entity->second
+                : c >= ' ' && c <= '~'   ? std::string(1, c)
+                                         : "?";
     }
     return safe;
 }
@@ -98,7 +46,7 @@ std::string Result(const CallEntry& call) {
 struct Chip {
     std::string label;
     Fate fate;
-    size_t timeLine, nextTimeLine;
+    std::string timeLine, nextTimeLine;
     bool isPowerCut, isWrong;
 };
 bool operator==(const Chip& one, const Chip& other) { // but for the time lines
@@ -270,16 +218,8 @@ Texts Lines(const std::string& text) {
     return lines;
 }
 
-Texts BaseLines(const RunResult& base) {
-    Texts lines;
-    for (const TimeLineEntry& entry : TimeLine(base)) {
-        lines.push_back(std::string(entry.source) + "\t" + entry.text);
-    }
-    return lines;
-}
-
 // The lines from one on, which are printable; equal ones in a row once.
-std::string TimeLineText(const Texts& lines, size_t from) {
+std::string TimeLineMarkup(const Texts& lines, size_t from) {
     std::string html;
     for (size_t i = from; i < lines.size(); i++) {
         const size_t first = i;
@@ -306,7 +246,7 @@ std::string TimeLineSection(const std::string& id, const std::string& title,
 
 // Each distinct time line; what it has in common with the base run's is left out.
 std::string TimeLines(const SweepResult& result) {
-    std::map<size_t, size_t> owners; // the scenario of each time line
+    std::map<std::string, size_t> owners; // the scenario of each time line
     for (size_t i = 0; i < result.jobs.size(); i++) {
         owners.emplace(result.results[i].timeLine, result.jobs[i].scenario);
         for (const SweepLeft& left : result.results[i].left) {
@@ -316,12 +256,12 @@ std::string TimeLines(const SweepResult& result) {
     std::vector<Texts> bases;
     std::string html;
     for (const RunResult& base : result.bases) {
-        bases.push_back(BaseLines(base));
+        bases.push_back(Lines(TimeLineText(base)));
         html += TimeLineSection(fmt::format("b{}", bases.size() - 1), "The run without a fault",
-                                TimeLineText(bases.back(), 0));
+                                TimeLineMarkup(bases.back(), 0));
     }
-    for (const auto& [number, scenario] : owners) {
-        const Texts lines = Lines(result.timeLines[number]);
+    for (const auto& [key, scenario] : owners) {
+        const Texts lines = Lines(result.timeLines.at(key));
         const Texts& base = bases[scenario];
         const auto [here, there] =
             std::mismatch(lines.begin(), lines.end(), base.begin(), base.end());
@@ -330,8 +270,8 @@ std::string TimeLines(const SweepResult& result) {
         const std::string as = fmt::format("<a class=\"as\" href=\"#b{}\">{} lines as in the run "
                                            "without a fault</a>\n",
                                            scenario, from);
-        html += TimeLineSection(fmt::format("t{}", number), fmt::format("Time line {}", number),
-                                (from > 0 ? as : "") + TimeLineText(lines, from));
+        html += TimeLineSection("t" + key, "Time line",
+                                (from > 0 ? as : "") + TimeLineMarkup(lines, from));
     }
     return html;
 }
@@ -353,8 +293,8 @@ std::string SweepPage(const SweepRequest& request, const SweepResult& result) {
                     "<meta name=\"viewport\" content=\"width=device-width\">\n"
                     "<title>Sweep of {0}</title>\n<style>{1}</style></head>\n<body>\n"
                     "<h1>Sweep of <code>{0}</code></h1>\n<p>{2} runs, {3} violations.</p>\n{4}{5}",
-                    Markup(Escaped(request.package)), STYLE, result.runs, result.violations.size(),
-                    Wrongs(request, result), Key());
+                    Markup(Escaped(request.package)), SWEEP_STYLE, result.runs,
+                    result.violations.size(), Wrongs(request, result), Key());
     for (size_t i = 0; i < result.bases.size(); i++) {
         const SweepSummary sum = Summarize(result, i);
         const auto chips = ChipsOf(result, i);
@@ -362,11 +302,12 @@ std::string SweepPage(const SweepRequest& request, const SweepResult& result) {
             "<h2><code>{}</code>: {}</h2>\n<p><a href=\"#b{}\">Without a fault</a>: {}, in {} "
             "calls.<br>Failing calls: {}.<br>Power cuts: {}; by the states that they can leave: "
             "{}.</p>\n<h3>The course of the run</h3>\n<p>A column for each call, in order. Upper "
-            "bar: what is left when it fails, lower bar: when the power fails before it; the worst "
-            "of all ways. D: the device is asked to change; S: a file is synced.</p>\n{}"
-            "<h3>Calls</h3>\n<p>A way to fail leads to the time line of its run, &#9656; to that "
+            "bar: what the phone is left with when the call fails. Lower bar: when the power fails "
+            "before it. Each shows the worst case. D: the device is asked to change; S: a file is "
+            "synced.</p>\n{}"
+            "<h3>Calls</h3>\n<p>Click a way to fail for the time line of its run, &#9656; for that "
             "of the run after it.</p>\n{}",
-            Markup(Escaped(request.phones[i])), Markup(PhoneTitle(request.phones[i])), i,
+            Markup(Escaped(request.phones[i])), Markup(Title(ReadPhone(request.phones[i]))), i,
             FateText(result.baseFates[i]), result.bases[i].calls.size(),
             FateCountsText(sum.failingCalls), FateCountsText(sum.powerCuts),
             FateCountsText(sum.states), Course(result, i, chips), Table(result, i, chips));

@@ -23,8 +23,6 @@ struct SweepSummary {
 };
 SweepSummary Summarize(const SweepResult& result, size_t scenario);
 
-std::string PhoneTitle(const std::string& description); // its device, on one line
-
 // The command that shows what is wrong, for a shell.
 std::string RehearseCommand(const SweepRequest& request, const SweepViolation& wrong);
 

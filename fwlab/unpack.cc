@@ -5,9 +5,9 @@
 #include "fwlab/manifest.h"
 #include "fwlab/output.h"
 #include "fwlab/spans.h"
+#include "simphone/files.h"
 
 #include <algorithm>
-#include <cstring>
 #include <filesystem>
 #include <fmt/format.h>
 
@@ -34,20 +34,18 @@ std::string FlawOf(const Package& package, const std::vector<const Entry*>& entr
 
 // Whether pack makes these bytes of the manifest; Stop if not.
 void RequireSame(const std::string& manifest, const Package& package) {
-    const Built built = BuildPackage(manifest, true);
-    if (built.bytes.size() == package.size &&
-        memcmp(built.bytes.data(), package.bytes.get(), package.size) == 0) {
+    const Package made = BuildPackage(manifest, true).package;
+    if (IsSame(made, package)) {
         return;
     }
-    const PackageBytes borrowed(PackageBytes(),
-                                reinterpret_cast<const uint8_t*>(built.bytes.data()));
-    const Package made = LookInto(manifest, borrowed, built.bytes.size(), package.layout);
     const std::vector<Difference> found = DifferencesOf(package, made);
-    throw Stop{1, found.empty()
-                      ? package.path + ": pack does not make it again"
-                      : fmt::format("{}: pack does not make it again: entry {}: {} is {}, not {}",
-                                    package.path, found[0].entry, found[0].field,
-                                    Shown(found[0].second), Shown(found[0].first))};
+    throw Stop{
+        1,
+        found.empty()
+            ? package.path + ": pack does not make the same bytes again"
+            : fmt::format("{}: pack does not make the same bytes again: entry {}: {} is {}, not {}",
+                          package.path, found[0].entry, found[0].field, Shown(found[0].second),
+                          Shown(found[0].first))};
 }
 
 } // namespace
@@ -56,7 +54,9 @@ int Unpack(const std::string& packageFile, const std::string& folder, bool asJso
     const Package package = OpenPackage(packageFile);
     const std::vector<const Entry*> entries = OwnEntries(package);
     const std::string flaw = FlawOf(package, entries);
-    Require(flaw.empty(), 1, packageFile + ": pack makes no such package: " + flaw);
+    if (!flaw.empty()) {
+        throw Stop{1, packageFile + ": pack would not make this package: " + flaw};
+    }
     std::vector<ManifestEntry> parts;
     for (const Entry* entry : entries) {
         const uint8_t* body = package.bytes.get() + entry->body;
@@ -74,17 +74,14 @@ int Unpack(const std::string& packageFile, const std::string& folder, bool asJso
     const bool needsGki = std::any_of(entries.begin(), entries.end(),
                                       [](const Entry* entry) { return NeedsGkiMode(*entry); });
     const std::string manifest = std::filesystem::path(folder) / MANIFEST;
-    if (asJson) {
-        fmt::print("{}\n", Json({{"package", Quoted(packageFile, "")},
-                                 {"manifest", Quoted(manifest, "")},
-                                 {"entries", entries.size()},
-                                 {"gki_only", needsGki}})
-                               .dump(2));
-        return 0;
-    }
-    fmt::print("{}: entries: {}\n", Quoted(manifest, ""), entries.size());
-    if (needsGki) {
-        fmt::print("An eMMC image is larger than 1 MiB: pack it with --gki-only.\n");
-    }
+    const Json report = {{"package", Escaped(packageFile)},
+                         {"manifest", Escaped(manifest)},
+                         {"entries", entries.size()},
+                         {"gki_only", needsGki}};
+    Show(asJson, report, [&] {
+        fmt::print("{}: entries: {}\n{}", Escaped(manifest), entries.size(),
+                   needsGki ? "An eMMC image is larger than 1 MiB: pack it with --gki-only.\n"
+                            : "");
+    });
     return 0;
 }

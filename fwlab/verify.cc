@@ -2,8 +2,8 @@
 #include "fwlab/commands.h"
 #include "fwlab/difference.h"
 #include "fwlab/spans.h"
+#include "simphone/files.h"
 
-#include <cstring>
 #include <fmt/format.h>
 
 namespace {
@@ -22,7 +22,7 @@ std::string TextOf(const Difference& difference, const std::vector<const Entry*>
                            difference.first.get<size_t>() - difference.second.get<size_t>());
     }
     if (difference.field == "body") {
-        return fmt::format("{}: body: another one from its byte {} on (at {:#x})", title,
+        return fmt::format("{}: body: differs from its byte {} on (at {:#x})", title,
                            difference.offset - entry.body, difference.offset);
     }
     return fmt::format(
@@ -36,14 +36,13 @@ std::string TextOf(const Difference& difference, const std::vector<const Entry*>
 
 int Verify(const std::string& packageFile, const std::string& manifestFile, bool asJson) {
     const Built built = BuildPackage(manifestFile, true);
-    const PackageBytes borrowed(PackageBytes(),
-                                reinterpret_cast<const uint8_t*>(built.bytes.data()));
-    const Package wanted = LookInto(manifestFile, borrowed, built.bytes.size(), built.layout);
-    const Package package = OpenPackage(packageFile, built.layout);
+    const Package& wanted = built.package;
+    const Package package = OpenPackage(packageFile, wanted.layout);
+    const bool isSame = IsSame(package, wanted);
     const std::vector<const Entry*> entries = OwnEntries(wanted);
-    Json report = {{"package", Quoted(packageFile, "")},
-                   {"manifest", Quoted(manifestFile, "")},
-                   {"same", true},
+    Json report = {{"package", Escaped(packageFile)},
+                   {"manifest", Escaped(manifestFile)},
+                   {"same", isSame},
                    {"differences", Json::array()}};
     for (const Difference& difference : DifferencesOf(wanted, package)) {
         report["differences"].push_back(
@@ -54,17 +53,12 @@ int Verify(const std::string& packageFile, const std::string& manifestFile, bool
              {"package", difference.second},
              {"text", TextOf(difference, entries)}});
     }
-    const bool isSame = package.size == wanted.size &&
-                        memcmp(package.bytes.get(), wanted.bytes.get(), wanted.size) == 0;
-    report["same"] = isSame;
-    if (asJson) {
-        fmt::print("{}\n", report.dump(2));
-        return isSame ? 0 : 1;
-    }
-    for (const Json& difference : report["differences"]) {
-        fmt::print("{}\n", difference["text"].get<std::string>());
-    }
-    fmt::print("{}: {} what {} makes\n", Quoted(packageFile, ""), isSame ? "is" : "is NOT",
-               Quoted(manifestFile, ""));
+    Show(asJson, report, [&] {
+        for (const Json& difference : report["differences"]) {
+            fmt::print("{}\n", difference["text"].get<std::string>());
+        }
+        fmt::print("{}: {} what {} makes\n", Escaped(packageFile), isSame ? "is" : "is NOT",
+                   Escaped(manifestFile));
+    });
     return isSame ? 0 : 1;
 }

@@ -1,6 +1,6 @@
 #include "fwlab/work_folder.h"
 
-#include "fwlab/package.h"
+#include "fwlab/stop.h"
 
 #include <algorithm>
 #include <ctime>
@@ -33,8 +33,9 @@ HeldSignals::~HeldSignals() {
 WorkFolder::WorkFolder() {
     std::error_code error;
     path = fs::temp_directory_path(error) / "fwlab-XXXXXX";
-    Require(!error && mkdtemp(path.data()) != nullptr, 2,
-            "no folder for temporary phones can be made: does TMPDIR name one?");
+    if (error || mkdtemp(path.data()) == nullptr) {
+        throw Stop{2, "no folder for temporary phones can be made: does TMPDIR name one?"};
+    }
 }
 
 WorkFolder::~WorkFolder() {

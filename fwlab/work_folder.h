@@ -1,10 +1,10 @@
-// Leaves nothing behind an interruption: a temporary folder for simulated phones, and the signals.
+// Leaves nothing behind after an interruption: a temporary folder, and the signals that end fwlab.
 #pragma once
 
 #include <csignal>
 #include <string>
 
-// SIGINT, SIGTERM, SIGQUIT and SIGHUP are held back while it is there: whoever works asks for them.
+// SIGINT, SIGTERM, SIGQUIT and SIGHUP are held back while it exists: ask TakeSignal for them.
 class HeldSignals {
 public:
     HeldSignals();
@@ -15,7 +15,7 @@ public:
     sigset_t mask; // of the signals that were held back before, for processes that are started
 };
 
-// A folder that is removed in the end.
+// A temporary folder; the destructor removes it.
 class WorkFolder {
 public:
     WorkFolder(); // Stop if it cannot be made

@@ -24,8 +24,9 @@ TEST_F(FwlabTest, PlanTellsWhatEachPhoneGets) {
         std::string texts, fleet, package = UfsEntry();
     } rows[] = {
         {0,
-         "\"0800\"*70  gets entry 1, \"0900\"\n*\"0700\"*4  refused: the revision that runs is none"
-         "*\"0900\"*5  nothing to do: *Phones: 70 update 5 nothing-to-do 4 refused\nNo phone",
+         "\"0800\"*70  gets entry 1, \"0900\"\n*\"0700\"*4  refused: the running revision is not "
+         "among its base revisions*\"0900\"*5  nothing to do: *Phones: 70 update 5 nothing-to-do 4 "
+         "refused\nNo phone",
          Model(NAMED, OLD + "{ revision = '0700', phones = 4 }, { revision = [48, 57, 48, 48], "
                             "phones = 5 }"),
          ufs},
@@ -48,10 +49,12 @@ TEST_F(FwlabTest, PlanTellsWhatEachPhoneGets) {
         {2, "model 1: running is not", Model(NAMED, "")},
         {2, "model 1: running is missing", "[[model]]\n" + NAMED},
         {2, "model 1: unknown key: colour", Model(NAMED + "colour = 1\n", OLD)},
-        {2, "model 1: unknown key: x", Model(NAMED, "{ revision = '0800', phones = 1, x = 1 }")},
-        {2, "model 1: revision has 3 bytes, not 4",
+        {2, "model 1: running 1: unknown key: x",
+         Model(NAMED, "{ revision = '0800', phones = 1, x = 1 }")},
+        {2, "model 1: running 1: revision has 3 bytes, not 4",
          Model(NAMED, "{ revision = '080', phones = 1 }")},
-        {2, "model 1: phones is not", Model(NAMED, "{ revision = '0800', phones = -1 }")},
+        {2, "model 1: running 1: phones is not",
+         Model(NAMED, "{ revision = '0800', phones = -1 }")},
         {2, "model 1: mode is missing",
          Model("technology = 'emmc'\nmanufacturer_id = 1\n"
                "product_name = 'SIM064'\next_csd_rev = 8\n",
@@ -88,8 +91,8 @@ TEST_F(FwlabTest, PlanKnowsAttemptsOnRecord) {
     Put("/pulled/E/fw_result", "damaged");
     Expect(Fwlab("plan package --fleet fleet.toml --records pulled"), 1,
            "67  gets entry 1*1  gets entry 1*2  attempted: the last attempt was from*"
-           "Phones: 68 update 2 attempted\nNote: 1 records are of no phone of the fleet.\n"
+           "Phones: 68 update 2 attempted\nNote: 1 records belong to no phone of the fleet.\n"
            "FINDING: 1 phones have a record that no run can read back*NOT to be released");
     fs::create_directory(directory + "/empty");
-    Expect(Fwlab("plan package --fleet fleet.toml --records empty"), 1, "no state directory");
+    Expect(Fwlab("plan package --fleet fleet.toml --records empty"), 1, "not state directories");
 }

@@ -58,7 +58,7 @@ TEST_F(FwlabTest, FromManifestToUpdatedPhone) {
                "device  | *log     | FFU process UpdateResultFlag: update to *exit status 0*"
                "from 10?? bytes that were downloaded: entry 1 at 0x0.*"
                "The second run:*is as new as fwBin*"
-               "The second run found nothing to do.*The phone is updated as meant.");
+               "The second run found nothing to do.*The phone is updated.");
     }
 }
 
@@ -101,7 +101,9 @@ TEST_F(FwlabTest, PackRefuses) {
         {2, "gone: No such file", UfsManifest({"image = 'gone'"})},
         {2, "mem: Input/output error", UfsManifest({"image = '/proc/self/mem'"})},
         {2, "\\x1bgone: No such file", UfsManifest({"image = \"\\u001Bgone\""})},
-        {1, "entry 1 (in the package entry 1 at 0x0): uses up its attempt: its body is empty",
+        {1,
+         "entry 1 (in the package entry 1 at 0x0): a phone would use up its attempt: its body is "
+         "empty",
          UfsManifest(), ""},
         {1, "\"0x1ce\" is no manfid", UfsManifest({"manfid = '0x1ce'"})},
         {1, "\"0x0001CE\" is no manfid", UfsManifest({"manfid = '0x0001CE'"})},
@@ -109,8 +111,8 @@ TEST_F(FwlabTest, PackRefuses) {
         {1, "product_name is empty", UfsManifest({"product_name = ''"})},
         {1, "8 is eMMC 5.1", EmmcManifest({"ext_csd_rev = 51"})},
         {1, "older than eMMC 5.0", EmmcManifest({"ext_csd_rev = 6"})},
-        {1, "begins with an entry of the eMMC kind", UfsManifest(), EmmcEntry()},
-        {1, "begins with an entry of the UFS kind", UfsManifest(), UfsEntry()},
+        {1, "begins with an entry header (eMMC)", UfsManifest(), EmmcEntry()},
+        {1, "begins with an entry header (UFS)", UfsManifest(), UfsEntry()},
         {1, "product_name has 5 bytes, not 6", EmmcManifest({"product_name = 'SIM06'"})},
         {1, "revision has 9 bytes, not at most 8", EmmcManifest({"revision = 'FW0000002'"})},
         {1, "has 17 bytes", UfsManifest({"product_name = 'SIMUFS128G-B0B1  '"})},
@@ -121,10 +123,11 @@ TEST_F(FwlabTest, PackRefuses) {
         {1, "no device can have", UfsManifest({"base_revisions = ['0800', [255, 255, 255, 255]]"})},
         {1, "zero byte", EmmcManifest({"revision = [0, 1]"})},
         {1, "line feed", EmmcManifest({"revision = [0x46, 0x0A]"})},
-        {1, "from \"1000\": uses up its attempt: its revision is not newer",
+        {1, "from \"1000\": a phone would use up its attempt: its revision is not newer",
          UfsManifest({"base_revisions = ['0800', '1000']"})},
-        {1, "taken for equal", EmmcManifest({"revision = [5, 1]", "base_revisions = [[4], [5]]"})},
-        {1, "the update knows the device as \"KLUEG8U1EM-REWK\"", UfsManifest(original)},
+        {1, "for the running one: they begin alike",
+         EmmcManifest({"revision = [5, 1]", "base_revisions = [[4], [5]]"})},
+        {1, "the update uses the product name \"KLUEG8U1EM-REWK\"", UfsManifest(original)},
         {1, "entry 2 at 0x41): entry 1 at 0x0 comes first and is for the same",
          UfsManifest() + Ufs()},
         {1, "entry 2 at 0x41): entry 1 at 0x0 comes first and has the same product name",
@@ -178,7 +181,7 @@ TEST_F(FwlabTest, ListFindsWhatPhonesPassOver) {
         {"3 bytes from 0x0*3 bytes from 0x47*3 bytes from 0x8e",
          "pad" + ufs + "pad" + With(ufs, UFS_PNM_FIELD, "B") + "pad"},
         {"63 bytes from 0x44", ufs + ufs.substr(0, 63)}, // cut in a header
-        {"that a reader takes: entry 1 at 0x0 has no body", EmmcEntry(EMMC_NEW_REV, "")},
+        {"no usable entry has*: entry 1 at 0x0 has no body", EmmcEntry(EMMC_NEW_REV, "")},
         {"its body is empty", UfsEntry(UFS_NEW_REV, "")},
         {"8 is eMMC 5.1", With(EmmcEntry(), EMMC_REV_FIELD, "3")},
         {"the product name is empty", With(ufs, UFS_PNM_FIELD, "\n")},
@@ -240,16 +243,16 @@ TEST_F(FwlabTest, MatchTellsBothDecisions) {
         int status;
         std::string texts, phone, package, record = "";
     } rows[] = {
-        {1, "pre-check: ends here: no entry*has no body inside the package*No update.", UfsPhone(),
-         With(ufs, UFS_SIZE_FIELD, BigEndian32(5))},
-        {1, "ends here: no entry*No update.", GkiPhone(), EmmcEntry(EMMC_NEW_REV, "")},
+        {1, "pre-check: ends here: no usable entry*has no body inside the package*No update.",
+         UfsPhone(), With(ufs, UFS_SIZE_FIELD, BigEndian32(5))},
+        {1, "ends here: no usable entry*No update.", GkiPhone(), EmmcEntry(EMMC_NEW_REV, "")},
         {1, "ends here: takes entry 1 at 0x0, revision \"0800\"*No update.", UfsPhone(),
          UfsEntry("0800")},
         {1,
-         "none of its base revisions*would log: FFU process CheckBaseRev: Revision validity*"
+         "not among its base revisions*would log: FFU process CheckBaseRev: Revision validity*"
          "would log: FFU process CheckFwBin: local fw rev is not valid*No update.",
          UfsPhone(), With(ufs, UFS_BASE_FIELD, "0700")},
-        {1, "entry 1 at 0x0 is \"SIMUFS128G-B0B1\\x00\", which differs in blanks", UfsPhone(),
+        {1, "entry 1 at 0x0 has \"SIMUFS128G-B0B1\\x00\", which differs only in blanks", UfsPhone(),
          With(ufs, UFS_PNM_FIELD, "SIMUFS128G-B0B1")},
         {1, "the package holds eMMC entries", UfsPhone(), EmmcEntry()},
         {1,
@@ -303,14 +306,111 @@ TEST_F(FwlabTest, MatchTellsBothDecisions) {
         Expect(Fwlab("match package --phone phone.toml" + option), row.status, row.texts);
     }
     Put("/package", With(EmmcEntry(), EMMC_BASE_FIELD, std::string("\5\0\0\0\0\0\0\0\6", 9)));
-    const std::string emmc = "match package --manufacturer-id 0x13 --ext-csd-rev 8 --product ";
-    Expect(Fwlab(emmc + "SIM064 --revision '\\x05'"), 0, "runs \"\\x05\\x00");
-    Expect(Fwlab(emmc + "SIM064 --revision '\\x05\\x01'"), 1, "none of its base revisions");
-    Expect(Fwlab(emmc + "SIM064 --revision '\\x5'"), 2, "a backslash begins");
-    Expect(Fwlab(emmc + "SIM06 --revision 1"), 2, "--product has 5 bytes, not 6");
-    Put("/package", With(ufs, UFS_PNM_FIELD, "SIM\n"));
-    Expect(Fwlab("match package --manfid 0x0001ce --product SIM --revision 0800"), 0);
-    Expect(Fwlab("match package --manfid 0x0001ce --product SIM"), 2, "revision");
+    Put("/phone.toml", GkiPhone());
+    const std::string emmc = "match package --phone phone.toml --set ";
+    Expect(Fwlab(emmc + "'revision=\\x05'"), 0, "runs \"\\x05\\x00");
+    Expect(Fwlab(emmc + "'revision=\\x05\\x01'"), 1, "not among its base revisions");
+}
+
+namespace {
+
+struct Setting {
+    std::string key, value; // as --set has it
+    std::string toml;       // the same value in a description
+};
+
+std::string Options(const std::vector<Setting>& settings) {
+    std::string options;
+    for (const Setting& setting : settings) {
+        options += " --set '" + setting.key + "=" + setting.value + "'";
+    }
+    return options;
+}
+
+Keys Overrides(const std::vector<Setting>& settings) {
+    Keys keys;
+    for (const Setting& setting : settings) {
+        keys[setting.key] = setting.toml;
+    }
+    return keys;
+}
+
+} // namespace
+
+// Every key that decides an answer, each alone and all together.
+TEST_F(FwlabTest, SettingsMakeThePhoneThatADescriptionMakes) {
+    const std::vector<Setting> ufs = {
+        {"manfid", "0x0001ad", "\"0x0001ad\\n\""},
+        {"product_name", "SIMUFS128G", "\"SIMUFS128G\\n\""},
+        {"revision", "07\\x00\\x01", "[48, 55, 0, 1]"},
+        {"max_hw_sectors_kb", "4", "4"},
+        {"firmware.revision", "1000", "'1000'"},
+    };
+    const std::vector<Setting> emmc = {
+        {"cid.product_name", "SI\\n\\\\=4", "\"SI\\n\\\\=4\""},
+        {"cid.manufacturer_id", "0x11", "17"},
+        {"ext_csd_rev", "7", "7"},
+        {"revision", "\\x05\\xff", "[5, 255]"},
+        {"mode", "normal", "'normal'"},
+        {"firmware.revision", "FW000003", "'FW000003'"},
+    };
+    Put("/ufs", With(UfsEntry(UFS_NEW_REV, Body(5000)), UFS_BASE_FIELD, "0800080008000800"));
+    Put("/emmc",
+        With(EmmcEntry(EMMC_NEW_REV, Body(0x100001)), EMMC_BASE_FIELD, EMMC_REV + EMMC_REV));
+    for (const bool isUfs : {true, false}) {
+        const auto make = isUfs ? UfsPhone : GkiPhone;
+        const std::vector<Setting>& all = isUfs ? ufs : emmc;
+        std::vector<std::vector<Setting>> cases = {all};
+        for (const Setting& setting : all) {
+            cases.push_back({setting});
+        }
+        const std::string package = isUfs ? "ufs" : "emmc";
+        Put("/phone.toml", make({}));
+        for (const std::vector<Setting>& settings : cases) {
+            SCOPED_TRACE(Options(settings));
+            Put("/set.toml", make(Overrides(settings)));
+            for (const std::string command : {"match --json ", "rehearse --json "}) {
+                const Answer plain = Fwlab(command + package + " --phone phone.toml");
+                const Answer set =
+                    Fwlab(command + package + " --phone phone.toml" + Options(settings));
+                const Answer file = Fwlab(command + package + " --phone set.toml");
+                EXPECT_EQ(set.status, file.status);
+                EXPECT_EQ(set.text, file.text);
+                const bool isDecided = settings[0].key != "firmware.revision";
+                EXPECT_EQ(set.text != plain.text, isDecided || command[0] == 'r');
+            }
+        }
+    }
+}
+
+TEST_F(FwlabTest, SettingsThatNoDescriptionCanHaveAreRefused) {
+    const struct {
+        std::string text, setting;
+    } rows[] = {
+        {"phone.toml: unknown key: colour", "colour=1"},
+        {"phone.toml: *revision is not", "revision=08000"},
+        {"revision=*backslash", "revision=\\x5"},
+        {"max_hw_sectors_kb=many", "max_hw_sectors_kb=many"},
+        {"phone.toml: max_hw_sectors_kb is not", "max_hw_sectors_kb=-1"},
+        {"phone.toml: write_buffer: ", "write_buffer=\"perhaps\""},
+        {"revision: is not KEY=VALUE", "revision"},
+        {"=1: is not KEY=VALUE", "=1"},
+        {"cid.product_name=SIM064", "cid.product_name=SIM064"}, // of an eMMC phone
+    };
+    Put("/package", UfsEntry());
+    Put("/phone.toml", UfsPhone());
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.setting);
+        for (const std::string command : {"match", "rehearse --keep kept"}) {
+            Expect(Fwlab(command + " package --phone phone.toml --set '" + row.setting + "'"), 2,
+                   "fwlab: *" + row.text);
+            EXPECT_FALSE(fs::exists(directory + "/kept"));
+        }
+    }
+    Put("/phone.toml", GkiPhone());
+    const std::string emmc = "match package --phone phone.toml --set ";
+    Expect(Fwlab(emmc + "cid.product_name=SIM06"), 2, "product_name is not 6 characters");
+    Expect(Fwlab(emmc + "cid.manufacturer_id=256"), 2, "manufacturer_id is not a number");
 }
 
 TEST_F(FwlabTest, RehearseEndsWithZeroOnlyForAnUpdatedPhone) {
@@ -340,7 +440,7 @@ TEST_F(FwlabTest, RehearseEndsWithZeroOnlyForAnUpdatedPhone) {
         Put("/phone.toml", row.phone);
         Put("/package", row.package);
         Expect(Fwlab("rehearse package --phone phone.toml --keep kept " + row.options), 1,
-               row.texts + "*The phone is NOT updated as meant.");
+               row.texts + "*The phone is NOT updated.");
         EXPECT_TRUE(fs::remove_all(directory + "/kept") > 0);
     }
     const std::string wrong = "rehearse package --phone phone.toml --keep kept --fault ";
@@ -365,13 +465,11 @@ TEST_F(FwlabTest, InterruptedRehearsalLeavesNoPhone) {
 TEST_F(FwlabTest, WrongUsageEndsWithTwo) {
     Put("/package", UfsEntry());
     Put("/phone.toml", "technology = 'ufs'");
-    Put("/ok.toml", UfsPhone());
     for (const char* arguments :
          {"", "unpack", "list", "list gone", "list .", "list package more", "pack gone -o package",
           "match package", "match package --phone phone.toml", "match package --phone gone",
-          "match package --phone phone.toml --manfid 0x0001ce",
-          "match package --phone ok.toml --revision 0800", "rehearse package --phone gone",
-          "outcome gone", "outcome package"}) {
+          "match package --set revision=0800", "rehearse package --phone gone", "outcome gone",
+          "outcome package"}) {
         SCOPED_TRACE(arguments);
         Expect(Fwlab(arguments), 2);
     }

@@ -51,7 +51,7 @@ TEST_F(FwlabTest, VerifyNamesTheFieldThatDiffers) {
          With(both, UFS_BASE_FIELD, "0800080008000800")},
         {"base_revisions (at 0x30): *makes \"08000800080008*has \"0800\\x00", fromOld,
          With(both, UFS_BASE_FIELD, "0800")},
-        {"entry 2 at 0x43: body: another one from its byte 4 on (at 0x87)", ufs,
+        {"entry 2 at 0x43: body: differs from its byte 4 on (at 0x87)", ufs,
          one + OtherUfs(UFS_NEW_REV, "otheR")},
         {"entry 1 at 0x0: body_size*makes 3, the package has 4; what follows is not compared", ufs,
          UfsEntry(UFS_NEW_REV, "abcd") + OtherUfs()},
@@ -185,7 +185,7 @@ TEST_F(FwlabTest, UnpackAndPackGiveTheSameBytes) {
             Put(image, random.Image());
         }
         if (Pack(manifest).status != 0) {
-            continue; // a package that no phone would treat as meant
+            continue; // pack refuses what would not work on a phone
         }
         packed[ufs]++;
         fs::remove_all(directory + "/parts");
@@ -210,7 +210,8 @@ TEST_F(FwlabTest, UnpackRefusesWhatPackDoesNotMake) {
         {"entry 1 at 0x0: the body reaches past the end", ufs.substr(0, 67)},
         {"entry 1 at 0x0: no device can have", With(ufs, UFS_BASE_FIELD, "")},
         {"entry 2 at 0x44: entry 1 at 0x0 comes first", ufs + ufs},
-        {"pack does not make it again: entry 1: prv_and_psn is \"\\x00\\x00\\x00\\x00\\x00\", not "
+        {"pack does not make the same bytes again: entry 1: prv_and_psn is "
+         "\"\\x00\\x00\\x00\\x00\\x00\", not "
          "\"\\x01\\x00\\x00\\x00\\x00\"",
          With(EmmcEntry(), EMMC_PRV_FIELD, "\1")},
     };
@@ -374,14 +375,13 @@ TEST_F(FwlabTest, CaptureOfAPhoneThatAttempted) {
     Put("/phone.toml", UfsPhone());
     Expect(Fwlab("rehearse package --phone phone.toml --keep pulled"), 0);
     Put("/pulled/proc/bootdevice/rev", "0800\n"); // as if the update had not lasted
-    Expect(
-        Fwlab("capture pulled -o made.toml --firmware-revision 0900"), 0,
-        "made.toml: a UFS phone, \"SIMUFS128G-B0B1 \\n\", runs \"0800\"\nIts record: fwlab match "
-        "PACKAGE --phone 'made.toml' --record 'pulled/data/vendor/fw/fw_result'\n");
+    Expect(Fwlab("capture pulled -o made.toml --firmware-revision 0900"), 0,
+           "made.toml: UFS \"SIMUFS128G-B0B1 \\n\", runs \"0800\"\nIts record: fwlab match "
+           "PACKAGE --phone made.toml --record pulled/data/vendor/fw/fw_result\n");
     Expect(Fwlab("match package --phone made.toml --record pulled/data/vendor/fw/fw_result"), 1,
            "it was attempted already");
     Expect(Fwlab("match package --phone made.toml"), 0, "An update to \"0900\"");
-    Expect(Fwlab("rehearse package --phone made.toml"), 0, "updated as meant");
+    Expect(Fwlab("rehearse package --phone made.toml"), 0, "updated");
     Expect(
         Fwlab("capture --json pulled -o made.toml --firmware-revision 0900"), 0,
         "\"technology\": \"ufs\",*\"mode\": null,*\"record\": \"pulled/data/vendor/fw/fw_result\"");
@@ -405,10 +405,10 @@ TEST_F(FwlabTest, CaptureRefusesWhatIsNoPhone) {
         Files nodes, others; // changed
         std::string options = "";
     } rows[] = {
-        {0, "an eMMC phone in GKI mode", emmc, {}},
-        {0, "an eMMC phone in normal mode", emmc, {}, "--mode normal"},
-        {0, "an eMMC phone in GKI mode", emmc, {{"ext_csd", ExtCsd("FW1")}}, "--mode gki"},
-        {0, "a UFS phone", ufs, {{"cid", cid}}, "--technology ufs"},
+        {0, "eMMC (GKI mode)", emmc, {}},
+        {0, "eMMC (normal mode)", emmc, {}, "--mode normal"},
+        {0, "eMMC (GKI mode)", emmc, {{"ext_csd", ExtCsd("FW1")}}, "--mode gki"},
+        {0, "UFS \"SIM\\n\"", ufs, {{"cid", cid}}, "--technology ufs"},
         {1, "give --mode", emmc, {{"ext_csd", ExtCsd("FW1")}}},
         {1, "give --technology", {{"product_name", "SIM\n"}}, {}},
         {1, "give --technology", ufs, {{"manfid", MISSING}}},
@@ -428,11 +428,11 @@ TEST_F(FwlabTest, CaptureRefusesWhatIsNoPhone) {
         {1, "max_hw_sectors_kb is no number of KiB: \"0\"", ufs, {{"max_hw_sectors_kb", "0\n"}}},
         {1, "no number", ufs, {{"max_hw_sectors_kb", "9999999\n"}}},
         {2,
-         "rev and pulled/proc/bootdevice/rev: which one?",
+         "rev and pulled/proc/bootdevice/rev: keep only one",
          ufs,
          {{"proc/bootdevice/rev", "0900"}}},
         {2, "rev: is no regular file", ufs, {{"rev", MISSING}, {"rev/file", ""}}},
-        {2, "rev: is larger than a node", ufs, {{"rev", std::string(4097, '0')}}},
+        {2, "rev: is larger than any node", ufs, {{"rev", std::string(4097, '0')}}},
         {2, "fw_result: is no regular file", ufs, {{"fw/fw_result/file", ""}}},
         {2, "--firmware-revision has 3 bytes, not 4", ufs, {}, "--firmware-revision 090"},
         {2, "a UFS phone has none", ufs, {}, "--mode gki"},
@@ -460,7 +460,7 @@ TEST_F(FwlabTest, CaptureRefusesWhatIsNoPhone) {
     fs::remove(directory + "/pulled/rev");
     Put("/pulled/rev", "0800\n");
     Expect(Fwlab("capture pulled -o pulled/rev --firmware-revision 0900"), 2,
-           "is read by this command, too");
+           "is an input of this command");
     EXPECT_EQ(Get("/pulled/rev"), "0800\n");
     Expect(Fwlab("capture gone -o phone.toml --firmware-revision 0900"), 2, "gone: ");
 }

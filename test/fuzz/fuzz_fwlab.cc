@@ -2,7 +2,7 @@
 // matched; a state directory's record; a manifest.
 #include "fuzz_phone.h"
 #include "fwlab/commands.h"
-#include "fwlab/manifest.h"
+#include "fwlab/device.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static const FuzzPhone phone(UFS_PHONE);
@@ -19,7 +19,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             Match(file, ReadPhone(phone.directory + "/phone.toml"), "", (data[0] & 4) != 0);
         } else if (reader == 2) {
             std::filesystem::rename(file, phone.directory + "/data/vendor/fw/fw_result");
-            Outcome({{phone.directory + "/data/vendor/fw"}, (data[0] & 4) != 0, {}});
+            Outcome({{phone.directory + "/data/vendor/fw"}, {}}, (data[0] & 4) != 0);
         } else {
             Pack(file, phone.directory + "/package", false, (data[0] & 4) != 0);
         }

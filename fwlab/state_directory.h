@@ -21,7 +21,7 @@ const char* NameOf(State state); // one word
 struct StateReport {
     State state;
     bool isFine;      // UPDATED or NOTHING
-    std::string text; // printable: the state, why it is taken for that, what the next run will do
+    std::string text; // printable: the state, the reason, what the next run will do
     Record record;    // without an attempt all its texts are empty
 };
 

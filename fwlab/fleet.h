@@ -1,7 +1,9 @@
 // The phones that a package is released to: device models, and which revisions run on how many.
 #pragma once
 
-#include "fwlab/decision.h"
+#include "fwlab/device.h"
+
+#include <vector>
 
 struct Running {
     std::string revision; // bytes, of the field's size
@@ -13,4 +15,4 @@ struct Model {
 };
 
 // fleet.toml explains the file. Stop if it cannot be read or names no phone.
-std::vector<Model> ReadModels(const std::string& path);
+std::vector<Model> ReadFleet(const std::string& path);

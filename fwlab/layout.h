@@ -1,0 +1,31 @@
+// The header of an entry in a firmware package: its fields by name, for both technologies.
+#pragma once
+
+#include "fwpkg/firmware_package.h"
+
+#include <string>
+
+// A field of a header, by the name that manifests and reports give it.
+struct Field {
+    enum Filling { EXACT, ZEROS, NODE }; // behind a short text: none, zeros, line feed and zeros
+    const char* key;
+    size_t offset, size;
+    Filling filling;
+};
+
+struct Layout {
+    const char* title;
+    const char* magic;
+    size_t headerSize;
+    Field manufacturer, name, extCsdRev, revision, bodySize, marketName, baseRevs;
+};
+extern const Layout EMMC, UFS; // a UFS header has no extCsdRev: size 0
+
+// What an entry is for, or what a device is: the bytes of a header.
+struct Identity {
+    const Layout* layout;
+    std::string header;
+};
+Identity NewIdentity(const Layout& layout); // with the magic, else zeros
+std::string Get(const Identity& identity, const Field& field);
+void Set(Identity& identity, const Field& field, const std::string& bytes); // zeros behind them
