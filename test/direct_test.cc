@@ -55,7 +55,7 @@ TEST_F(DirectTest, OtherFolderTypeAndResult) {
 TEST_F(DirectTest, RefusedCopiesFailTheirStep) {
     // A device that was reworked keeps its name, and is another entry's then.
     const std::string model = "KLUEG8U1EM-B0B1";
-    const Keys named = {{"product_name", "'" + model + "'"}, {"revision", "'0900'"}};
+    const Overrides named = {{"product_name", "'" + model + "'"}, {"revision", "'0900'"}};
     const Files packages = {
         {EMMC_PACKAGE, EmmcEntry()},
         {UFS_PACKAGE, UfsEntry() + With(UfsEntry("1000"), UFS_PNM_FIELD, model)}};

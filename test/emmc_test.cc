@@ -15,8 +15,6 @@ class EmmcTest : public PhoneTest {};
 
 const std::string UPDATED = "EmmcFfu,line=277: emmc firmware update sucess...\n";
 const std::string UPDATE_FAIL = "EmmcFfu,line=279: emmc firmware update fail...\n";
-const std::string NOT_OPENED =
-    "could not open emmc firmware file /vendor/firmware/emmc_emer_fw.bin (fd=-1)\n";
 const std::string NO_SIZE =
     "EmmcFwGetSize,line=90: EmmcFwGetSize lseek /vendor/firmware/emmc_emer_fw.bin size fail ";
 const std::string READ_FAIL = "EmmcFfu,line=255: read emmc firmware fail...\n";
@@ -56,7 +54,9 @@ const struct {
     // The package, as the update reads it after the pre-check.
     {"access /vendor/firmware/emmc_emer_fw.bin #2 ENOENT",
      "EmmcFfu,line=239: emmc firmware not exist, no need to update...\n", NOTHING},
-    {"open /vendor/firmware/emmc_emer_fw.bin #2 EACCES", "EmmcFwGetSize,line=84: " + NOT_OPENED},
+    {"open /vendor/firmware/emmc_emer_fw.bin #2 EACCES",
+     "EmmcFwGetSize,line=84: could not open emmc firmware file "
+     "/vendor/firmware/emmc_emer_fw.bin (fd=-1)\n"},
     {"lseek #1 returns=0", NO_SIZE + "0...\n"},
     {"lseek #1 returns=2147483647", "EmmcFfu,line=250: calloc fwFileBuffer fail...\n", FAIL,
      GkiPhone({{"faults", "['calloc ENOMEM']"}})},
@@ -64,7 +64,9 @@ const struct {
     {"lseek #1 returns=4294967297", NO_SIZE + "1...\n"},
     {"calloc ENOMEM", "EmmcFfu,line=250: calloc fwFileBuffer fail...\n"},
     {"open /vendor/firmware/emmc_emer_fw.bin #3 EACCES",
-     "EmmcFwRead,line=105: " + NOT_OPENED + READ_FAIL},
+     "EmmcFwRead,line=105: could not open emmc firmware file "
+     "/vendor/firmware/emmc_emer_fw.bin (fd=-1)\n" +
+         READ_FAIL},
     {"lseek #2 EIO", "EmmcFwRead,line=110: EmmcFwRead lseek failed\n" + READ_FAIL},
     {"read /vendor/firmware/emmc_emer_fw.bin short=51",
      "EmmcFwRead,line=118: firmware file read error (status=51)\n" + READ_FAIL},

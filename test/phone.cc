@@ -15,7 +15,7 @@ namespace {
 
 const char CLOCK[] = "2026-03-07T09:05:02.041";
 
-std::string Description(Keys keys, const Keys& defaults) {
+std::string Description(Overrides keys, const Overrides& defaults) {
     keys.insert(defaults.begin(), defaults.end()); // where there is none
     std::string text;
     for (const auto& [key, value] : keys) {
@@ -68,33 +68,33 @@ void ExpectAllGivenBack(const RunResult& result) {
     EXPECT_TRUE(held.empty()) << *held.begin() << " is not given back";
 }
 
-std::string GkiPhone(const Keys& overrides) {
-    const Keys keys = {{"technology", "'emmc'"},
-                       {"mode", "'gki'"},
-                       {"revision", "'FW000001'"},
-                       {"ext_csd_rev", "8"},
-                       {"firmware.revision", "'FW000002'"},
-                       {"clock", CLOCK},
-                       {"cid.manufacturer_id", "0x13"},
-                       {"cid.product_name", "'SIM064'"},
-                       {"cid.product_revision", "0x10"},
-                       {"cid.serial_number", "0x1234ABCD"}};
+std::string GkiPhone(const Overrides& overrides) {
+    const Overrides keys = {{"technology", "'emmc'"},
+                            {"mode", "'gki'"},
+                            {"revision", "'FW000001'"},
+                            {"ext_csd_rev", "8"},
+                            {"firmware.revision", "'FW000002'"},
+                            {"clock", CLOCK},
+                            {"cid.manufacturer_id", "0x13"},
+                            {"cid.product_name", "'SIM064'"},
+                            {"cid.product_revision", "0x10"},
+                            {"cid.serial_number", "0x1234ABCD"}};
     return Description(overrides, keys);
 }
 
-std::string NormalPhone(const Keys& overrides) {
-    Keys keys = overrides;
+std::string NormalPhone(const Overrides& overrides) {
+    Overrides keys = overrides;
     keys["mode"] = "'normal'";
     return GkiPhone(keys);
 }
 
-std::string UfsPhone(const Keys& overrides) {
-    const Keys keys = {{"technology", "'ufs'"},
-                       {"manfid", "\"0x0001ce\\n\""},
-                       {"product_name", "\"SIMUFS128G-B0B1 \\n\""},
-                       {"revision", "'0800'"},
-                       {"firmware.revision", "'0900'"},
-                       {"clock", CLOCK}};
+std::string UfsPhone(const Overrides& overrides) {
+    const Overrides keys = {{"technology", "'ufs'"},
+                            {"manfid", "\"0x0001ce\\n\""},
+                            {"product_name", "\"SIMUFS128G-B0B1 \\n\""},
+                            {"revision", "'0800'"},
+                            {"firmware.revision", "'0900'"},
+                            {"clock", CLOCK}};
     return Description(overrides, keys);
 }
 

@@ -13,9 +13,9 @@
 #include <vector>
 
 using Texts = std::vector<std::string>;
-using Keys = std::map<std::string, std::string>;  // of a description; the values as TOML has them
-using Files = std::map<std::string, std::string>; // path on the phone and content
-inline const std::string MISSING = "<missing>";   // the content of a file that is not there
+using Overrides = std::map<std::string, std::string>; // keys of a description, values in TOML
+using Files = std::map<std::string, std::string>;     // path on the phone and content
+inline const std::string MISSING = "<missing>";       // the content of a file that is not there
 
 // The two phones of the tests, and the firmware that they run.
 inline const std::string EMMC_PNM = "SIM064";
@@ -33,9 +33,9 @@ inline const std::string STATE = "/data/vendor/fw";
 inline const std::string CLOCK_TEXT = "Sat Mar  7 09:05:02 2026\n";
 
 // Descriptions; `overrides` replaces or adds keys, such as {{"ext_csd_rev", "6"}}.
-std::string GkiPhone(const Keys& overrides = {});
-std::string NormalPhone(const Keys& overrides = {});
-std::string UfsPhone(const Keys& overrides = {});
+std::string GkiPhone(const Overrides& overrides = {});
+std::string NormalPhone(const Overrides& overrides = {});
+std::string UfsPhone(const Overrides& overrides = {});
 
 // The bytes of package entries, put together from the format's offsets.
 struct Place {
