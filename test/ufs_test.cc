@@ -1,10 +1,11 @@
 // The UFS update: identity, selection, download, trigger test, verdict. A failure here means a
 // phone that gets a firmware not meant for it, gets it in part, or is told a false outcome.
-#include "test/phone.h"
+#include "test/in_process.h"
 
 #include "ufs/ufs_identity.h"
 #include "ufs/ufs_selection.h"
 #include "ufs/ufs_update.h"
+#include "ufs/ufs_write_buffer.h"
 
 #include <algorithm>
 #include <cstring>
@@ -280,6 +281,27 @@ TEST_F(UfsTest, OneCommandCarriesTheBodyUpTo8MiB) {
     }
 }
 
+UfsFwHeader Header(const std::string& mid, const std::string& pnm, const std::string& rev) {
+    const std::string entry = With(With(UfsEntry(rev), UFS_MID_FIELD, mid), UFS_PNM_FIELD, pnm);
+    UfsFwHeader header;
+    memcpy(&header, entry.data(), sizeof(header));
+    return header;
+}
+
+// What the library keeps of an answer is freed with its object.
+TEST_F(UfsTest, PassThroughObjectLivesUntilItsAnswerIsRead) {
+    for (const std::string answer : {"good", "sense 5/24/00", "status 0x10"}) {
+        SCOPED_TRACE(answer);
+        Make(UfsPhone({{"write_buffer", "'" + answer + "'"}}), {{BODY_FILE, "body"}});
+        passThroughCalls.clear();
+        const UfsFwHeader device = Header(UFS_MID, UFS_PNM, UFS_REV);
+        int status = 0;
+        (void)RunInProcess(directory, [&] { status = ufs_ffu_write_buffer(1, device.ufsMid); });
+        EXPECT_EQ(status, answer == "good" ? 0 : answer == "status 0x10" ? 99 : 5);
+        EXPECT_EQ(passThroughCalls, "construct process_resp destruct ");
+    }
+}
+
 // A host that takes no more than 4 KiB in one request.
 TEST_F(UfsTest, HostRefusesATransferBeyondItsLargest) {
     for (const size_t size : {4096UL, 4097UL}) {
@@ -380,13 +402,6 @@ TEST_F(UfsTest, NothingIsAppliedAfterAnEarlyFailure) {
         ExpectEnd(ConsoleText(Run({fault, told == noMemory ? "calloc ENOMEM" : ""})), told);
         EXPECT_EQ(Left(), NOTHING);
     }
-}
-
-UfsFwHeader Header(const std::string& mid, const std::string& pnm, const std::string& rev) {
-    const std::string entry = With(With(UfsEntry(rev), UFS_MID_FIELD, mid), UFS_PNM_FIELD, pnm);
-    UfsFwHeader header;
-    memcpy(&header, entry.data(), sizeof(header));
-    return header;
 }
 
 TEST_F(UfsTest, IdentityIsWhatTheNodesYield) {
