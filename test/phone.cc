@@ -1,6 +1,8 @@
 // The fixture's side of phone.h. A phone that cannot be made fails its test at once.
 #include "test/phone.h"
 
+#include "simphone/description.h"
+
 #include <algorithm>
 #include <endian.h>
 #include <fcntl.h>
@@ -8,18 +10,20 @@
 #include <regex>
 #include <set>
 #include <sstream>
+#include <stdexcept>
 
 namespace fs = std::filesystem;
 
 namespace {
 
-const char CLOCK[] = "2026-03-07T09:05:02.041";
-
-std::string Description(Overrides keys, const Overrides& defaults) {
-    keys.insert(defaults.begin(), defaults.end()); // where there is none
-    std::string text;
-    for (const auto& [key, value] : keys) {
-        text.append(key).append(" = ").append(value).append("\n");
+std::string ShippedDescription(const char* file, const Overrides& overrides) {
+    Texts settings;
+    for (const auto& [key, value] : overrides) {
+        settings.push_back(std::string(key).append("=").append(value));
+    }
+    std::string text, error;
+    if (!ReadDescriptionText(std::string(DESCRIPTIONS).append(file), settings, text, error)) {
+        throw std::invalid_argument(error);
     }
     return text;
 }
@@ -69,33 +73,16 @@ void ExpectAllGivenBack(const RunResult& result) {
 }
 
 std::string GkiPhone(const Overrides& overrides) {
-    const Overrides keys = {{"technology", "'emmc'"},
-                            {"mode", "'gki'"},
-                            {"revision", "'FW000001'"},
-                            {"ext_csd_rev", "8"},
-                            {"firmware.revision", "'FW000002'"},
-                            {"clock", CLOCK},
-                            {"cid.manufacturer_id", "0x13"},
-                            {"cid.product_name", "'SIM064'"},
-                            {"cid.product_revision", "0x10"},
-                            {"cid.serial_number", "0x1234ABCD"}};
-    return Description(overrides, keys);
+    return ShippedDescription("/emmc.toml", overrides);
 }
 
-std::string NormalPhone(const Overrides& overrides) {
-    Overrides keys = overrides;
-    keys["mode"] = "'normal'";
-    return GkiPhone(keys);
+std::string NormalPhone(Overrides overrides) {
+    overrides["mode"] = "'normal'";
+    return GkiPhone(overrides);
 }
 
 std::string UfsPhone(const Overrides& overrides) {
-    const Overrides keys = {{"technology", "'ufs'"},
-                            {"manfid", "\"0x0001ce\\n\""},
-                            {"product_name", "\"SIMUFS128G-B0B1 \\n\""},
-                            {"revision", "'0800'"},
-                            {"firmware.revision", "'0900'"},
-                            {"clock", CLOCK}};
-    return Description(overrides, keys);
+    return ShippedDescription("/ufs.toml", overrides);
 }
 
 std::string With(std::string entry, Place field, const std::string& value) {

@@ -32,9 +32,9 @@ inline const std::string STATE = "/data/vendor/fw";
 // The phones' clock, in the state files.
 inline const std::string CLOCK_TEXT = "Sat Mar  7 09:05:02 2026\n";
 
-// Descriptions; `overrides` replaces or adds keys, such as {{"ext_csd_rev", "6"}}.
+// The shipped descriptions; `overrides` replaces or adds keys, such as {{"ext_csd_rev", "6"}}.
 std::string GkiPhone(const Overrides& overrides = {});
-std::string NormalPhone(const Overrides& overrides = {});
+std::string NormalPhone(Overrides overrides = {});
 std::string UfsPhone(const Overrides& overrides = {});
 
 // The bytes of package entries, put together from the format's offsets.
