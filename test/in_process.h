@@ -1,15 +1,17 @@
-// The product's routines called by the test program itself, on a phone that is attached to it. What
-// no run of the tool reaches is tested so.
+// The product's routines called by the test program itself, on a phone that is attached to it: what
+// no run of the tool reaches. Some of their calls to libraries come here first, by the linker.
 #pragma once
 
 #include "test/phone.h"
 
 #include <functional>
 
-// Attaches the phone in `directory` while `calls` calls the product's routines. Everything must be
+// Attaches the phone in `directory` while `calls` calls routines. Each bounded function that
+// `refused` names ("memcpy_s 3": its third call) is refused, as if a size were wrong. All must be
 // given back, as after a run of the tool; there is no exit status.
-RunResult RunInProcess(const std::string& directory, const std::function<void()>& calls);
+RunResult RunInProcess(const std::string& directory, const std::function<void()>& calls,
+                       const Texts& refused = {});
 
-// The calls on pass-through objects of the SCSI library since it was cleared, each with a blank:
-// "construct process_resp destruct ".
-extern std::string passThroughCalls;
+// What the last run did with pass-through objects of the SCSI library: "construct", "process_resp"
+// and "destruct".
+extern Texts passThroughCalls;

@@ -290,15 +290,31 @@ UfsFwHeader Header(const std::string& mid, const std::string& pnm, const std::st
 
 // What the library keeps of an answer is freed with its object.
 TEST_F(UfsTest, PassThroughObjectLivesUntilItsAnswerIsRead) {
-    for (const std::string answer : {"good", "sense 5/24/00", "status 0x10"}) {
+    const std::map<std::string, int> codes = {{"good", 0}, {"sense 5/24/00", 5}, {"host 3", 99}};
+    for (const auto& [answer, code] : codes) {
         SCOPED_TRACE(answer);
         Make(UfsPhone({{"write_buffer", "'" + answer + "'"}}), {{BODY_FILE, "body"}});
-        passThroughCalls.clear();
-        const UfsFwHeader device = Header(UFS_MID, UFS_PNM, UFS_REV);
+        int status = 1;
+        const RunResult run =
+            RunInProcess(directory, [&] { status = DoUfsFfu(Header(UFS_MID, "", ""), 1); });
+        EXPECT_EQ(status, code == 0 ? 0 : -1);
+        ExpectEnd(ConsoleText(run), Verdict(code));
+        EXPECT_EQ(passThroughCalls, (Texts{"construct", "process_resp", "destruct"}));
+    }
+}
+
+// The text that is told with an error is formatted first, by a function that may set errno.
+TEST_F(UfsTest, ErrorsToldAreThoseOfTheirCalls) {
+    const std::map<std::string, std::string> rows = {
+        {"open /data/vendor/fw/ufs_fw_body.bin EACCES", "for reading: Permission denied\n"},
+        {"read /data/vendor/fw/ufs_fw_body.bin EIO", "ufs_fw_body.bin: Input/output error\n"}};
+    for (const auto& [fault, errors] : rows) {
+        Make(UfsPhone({{"faults", "'" + fault + "'"}}), {{BODY_FILE, "body"}});
         int status = 0;
-        (void)RunInProcess(directory, [&] { status = ufs_ffu_write_buffer(1, device.ufsMid); });
-        EXPECT_EQ(status, answer == "good" ? 0 : answer == "status 0x10" ? 99 : 5);
-        EXPECT_EQ(passThroughCalls, "construct process_resp destruct ");
+        const RunResult run =
+            RunInProcess(directory, [&] { status = DoUfsFfu(Header(UFS_MID, "", ""), 1); });
+        EXPECT_EQ(status, -1);
+        ExpectEnd(run.errors, errors);
     }
 }
 
@@ -516,28 +532,6 @@ TEST_F(UfsTest, FirstEntryForTheDeviceIsSavedAndJudged) {
     umask(mask);
     // The body file of the last run is a new one.
     EXPECT_EQ(static_cast<int>(std::filesystem::status(Path(BODY_FILE)).permissions()), 0777);
-}
-
-// Arguments that no run has; a workstation has none of the identity nodes.
-TEST_F(UfsTest, CalledDirectly) {
-    Put("/package", UfsEntry());
-    const std::string package = Path("/package"), missing = Path("/missing");
-    const UfsFwHeader device = {};
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(GetUfsFwFromFwBin(device, device.ufsMagic, -1, 1), -1);
-    EXPECT_EQ(UfsFfu(nullptr, package.c_str(), 1, 1), -2);
-    EXPECT_EQ(UfsFfu(package.c_str(), nullptr, 1, 0), -2);
-    EXPECT_EQ(UfsFfu(missing.c_str(), package.c_str(), 1, 0), -2);
-    EXPECT_EQ(UfsFfu(missing.c_str(), package.c_str(), 1, 1), -2);
-    RunResult said = {};
-    said.console = testing::internal::GetCapturedStdout();
-    const std::string noPath = "UfsFfu,line=455: Error: ufsFwFile or ufsBackupFile is NULL\n";
-    const std::string noFile = "GetFwSize,line=100: get real path fail\n" + NO_SIZE;
-    const std::string noNode = "GetFwSize,line=118: ufsFwSize=0x44\n"
-                               "ReadUfsInfo,line=166: UFS_MID fd fail!\n" +
-                               NO_MID;
-    ExpectEnd(ConsoleText(said), noPath + noPath + noFile + noNode);
-    EXPECT_STREQ(UfsFwBodyPath(0), "/tmp/ufs_fw_body.bin");
 }
 
 } // namespace
