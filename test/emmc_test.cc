@@ -1,7 +1,10 @@
 // The eMMC update: registers, selection, download. A failure here means a phone that gets a
 // firmware not meant for it, gets it in part, or is told a false outcome.
+#include "emmc/emmc_update.h"
 #include "test/phone.h"
 
+#include <cerrno>
+#include <cstring>
 #include <filesystem>
 
 namespace {
@@ -90,6 +93,8 @@ const struct {
     {"", NO_MATCH, NOTHING, GKI, With(ENTRY, EMMC_REV_FIELD, "\x07")},
     {"", MATCH + EQUAL, NOTHING, GKI, OTHER_MID + EmmcEntry(EMMC_REV) + ENTRY},
     {"", UPDATED, PASS, GKI, EmmcEntry("FW000000")},
+    {"", UPDATED, PASS, GKI,
+     With(OTHER_MID, EMMC_BASE_FIELD, "FW000001....EMMC").substr(0, 48) + ENTRY.substr(4)},
     {"", "(emmc fw) emmcFwSize= 00000038\n" + ADMITTED + GKI_MODE + DONE, PASS, GKI,
      BehindBody(56)},
     {"", "(emmc fw) emmcFwSize= 00000004\n" + ADMITTED + GKI_MODE + DONE, PASS, GKI,
@@ -170,12 +175,32 @@ TEST_F(EmmcTest, RegistersAreTakenInEitherCaseAndNeverGarbled) {
               "EmmcGetExtCsd,line=267: ext_csd character 1023 is no hexadecimal digit\n");
     EXPECT_EQ(Left(), STOP);
     Put(extCsdNode, extCsd.replace(1022, 2, "00").replace(2 * 260, 4, "aBCd"));
-    Put(cidNode, Get(cidNode).replace(31, 1, " "));
+    Put(cidNode, Get(cidNode).replace(31, 1, "z"));
     const RunResult run = Run();
     EXPECT_EQ(Count(SystemLog(run), "pnm:SIM064 current:FW0000\xAB\xCD, "), 1);
     ExpectEnd(ConsoleText(run),
-              "EmmcGetCidFromSysfs,line=180: cid character 31 is no hexadecimal digit\n" + NO_CID);
+              "PrintCid,line=154: cidHex[31] = 0x7a\n"
+              "EmmcGetCidFromSysfs,line=180: cid character 31 is no hexadecimal digit\n" +
+                  NO_CID);
     EXPECT_EQ(Left(), FAIL);
+}
+
+// The body of the first entry for the device is told, whatever its revision; no other one's is.
+TEST(EmmcSelection, BodyIsTheFirstMatchingEntrys) {
+    const std::string others = OTHER_MID + With(ENTRY, EMMC_SIZE_FIELD, "\x7F");
+    EmmcFwHeader device;
+    memcpy(&device, EmmcEntry(EMMC_REV).data(), sizeof(device));
+    const auto select = [&](const std::string& package, const std::string& body, int status) {
+        const uint8_t* fwBody = nullptr;
+        uint32_t size = 0;
+        const auto* bytes = reinterpret_cast<const uint8_t*>(package.data());
+        EXPECT_EQ(EmmcFwhdrCheck(device, bytes, static_cast<int>(package.size()), fwBody, size),
+                  status);
+        EXPECT_EQ(std::string(fwBody, fwBody + size), body);
+    };
+    select(others, "", -ENOENT);
+    select(others + EmmcEntry(EMMC_REV, "same") + ENTRY, "same", -ENOENT);
+    select(others + EmmcEntry(EMMC_NEW_REV, "newer") + EmmcEntry(EMMC_REV), "newer", 0);
 }
 
 } // namespace

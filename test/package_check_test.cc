@@ -48,6 +48,11 @@ const struct {
     {"body of one byte", EmmcEntry(EMMC_NEW_REV, "b"), FOUND + ANY_BASE},
     {"lower of two, runs already", EmmcEntry(EMMC_REV) + ENTRY, AsNew(EMMC_REV)},
     {"in another's body", With(EmmcEntry("9", ENTRY), EMMC_PNM_FIELD, "SIM06X"), FOUND + ANY_BASE},
+    {"in another's header",
+     With(With(ENTRY, EMMC_PNM_FIELD, "OTHER1"), EMMC_BASE_FIELD, "............EMMC")
+             .substr(0, 48) +
+         ENTRY.substr(4),
+     FOUND + ANY_BASE},
     {"body a byte too long", With(ENTRY, EMMC_SIZE_FIELD, BigEndian32(5)), NOT_FOUND},
     {"behind a cut one", With(ENTRY, EMMC_SIZE_FIELD, "\xFF\xFF\xFF\xFF") + EmmcEntry("FW000003"),
      Found("FW000003") + ANY_BASE},
@@ -67,6 +72,10 @@ const struct {
     {"UFS, a byte of it missing", UfsEntry(UFS_NEW_REV, "").substr(0, 63), NOT_FOUND, UFS},
     {"UFS, name without blank", With(UFS_ENTRY, UFS_PNM_FIELD, "SIMUFS128G-B0B1"), NOT_FOUND, UFS},
     {"UFS, in another's body", With(UfsEntry("9", UFS_ENTRY), UFS_PNM_FIELD, ""),
+     UFS_FOUND + ANY_BASE, UFS},
+    {"UFS, in another's header",
+     With(With(UFS_ENTRY, UFS_PNM_FIELD, ""), UFS_BASE_FIELD, "............UFSM").substr(0, 64) +
+         UFS_ENTRY.substr(4),
      UFS_FOUND + ANY_BASE, UFS},
     {"UFS, runs already", UfsEntry(UFS_REV), AsNew(UFS_REV), UFS},
     {"UFS, body a byte too long", With(UFS_ENTRY, UFS_SIZE_FIELD, BigEndian32(5)), NOT_FOUND, UFS},

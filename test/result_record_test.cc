@@ -84,6 +84,7 @@ const struct {
     {"1023 bytes: one piece", LongLine(1023), ReadBack("A", "FW000002") + APPLIED},
     {"1024 bytes: the last piece is the line end", LongLine(1024), NO_PARSE},
     {"keys in the last of two pieces", LongLine(1023 + 73), ReadBack("A", "FW000002") + APPLIED},
+    {"comma in its target", Record("A", "B,C"), ReadBack("A", "B,C") + NOT_YET},
     {"longer target", Record("A", "FW2more"), ReadBack("A", "FW2more", "FW2") + APPLIED, "FW2"},
     {"package's revision empty", Record("A", "B"), ReadBack("A", "B", "") + APPLIED, ""},
 };

@@ -140,12 +140,12 @@ const std::string SELECTION =
     HeaderDump("emmc device", {"45 4D 4D 43", "13", "53 49 4D 30 36 34", "FA", "12 34 AB CD", "08",
                                "46 57 30 30 30 30 30 31", "00000000"}) +
     "| EmmcFfu,line=267: get emmc device header success...\n"
-    "| EmmcFwhdrCheck,line=179: emmc fw find, fwNum=1, fwSize=65584\n" +
+    "| EmmcFwhdrCheck,line=179: emmc fw find, fwNum=1, fwSize=65072\n" +
     HeaderDump("emmc fw", {"45 4D 4D 43", "13", "4F 54 48 45 52 31", "A0", "01 02 03 04", "08",
-                           "FF 01 00 00 00 00 00 00", "00010030"}) +
-    "| EmmcFwhdrCheck,line=179: emmc fw find, fwNum=2, fwSize=65536\n" +
+                           "FF 01 00 00 00 00 00 00", "0000FE30"}) +
+    "| EmmcFwhdrCheck,line=179: emmc fw find, fwNum=2, fwSize=65024\n" +
     HeaderDump("emmc fw", {"45 4D 4D 43", "13", "53 49 4D 30 36 34", "00", "00 00 00 00", "08",
-                           "46 57 30 30 30 30 30 32", "00010000"}) +
+                           "46 57 30 30 30 30 30 32", "0000FE00"}) +
     "| EmmcFwhdrCheck,line=184: fwbin file have fwinfo match current device\n"
     "| EmmcFfu,line=273: emmc need update...\n"
     "| DoEmmcFfu,line=207: emmc 5.0 or higher do firmware update\n";
@@ -155,10 +155,10 @@ const std::string GKI_EXT_CSD =
 const std::string EXT_CSD = "| EmmcGetExtCsd,line=241: EmmcGetExtCsd, emmc firmware normal mode \n";
 const std::string READ_REGISTER =
     "MMC_IOC_CMD opcode=8 write=0 arg=0 flags=0xb5 blksz=512 blocks=1 -> 0";
-const Texts GKI_REQUESTS = {"GKI write 65536 -> 65536"};
+const Texts GKI_REQUESTS = {"GKI write 65024 -> 65024"};
 const Texts NORMAL_REQUESTS = {
     READ_REGISTER, READ_REGISTER,
-    "MMC_IOC_CMD opcode=302 write=1 arg=0 flags=0xb5 blksz=512 blocks=128 -> 0",
+    "MMC_IOC_CMD opcode=302 write=1 arg=0 flags=0xb5 blksz=512 blocks=127 -> 0",
     "MMC_IOC_CMD opcode=303 write=0 arg=0 flags=0xb5 blksz=512 blocks=0 no data -> 0"};
 
 const struct {
@@ -178,7 +178,7 @@ const struct {
 };
 
 TEST_F(RunTest, WholeUpdateInEitherMode) {
-    std::string other = EmmcEntry("\xFF\x01", EmmcEntry(EMMC_NEW_REV, Body(65536)));
+    std::string other = EmmcEntry("\xFF\x01", EmmcEntry(EMMC_NEW_REV, Body(65024)));
     other = With(With(other, EMMC_PNM_FIELD, "OTHER1"), EMMC_PRV_FIELD, "\xA0");
     const Files files = {{EMMC_PACKAGE, With(other, EMMC_PSN_FIELD, "\x01\x02\x03\x04")},
                          {"/sys/class/mmc_host/mmc0/mmc0:0001/cid", CID},
@@ -197,7 +197,7 @@ TEST_F(RunTest, WholeUpdateInEitherMode) {
                       cidDump + mode.extCsd + SELECTION + mode.update +
                       "| EmmcFfu,line=277: emmc firmware update sucess...\n");
         EXPECT_EQ(Requests(run), mode.requests);
-        EXPECT_TRUE(Get("/device/downloaded.bin") == Body(65536));
+        EXPECT_TRUE(Get("/device/downloaded.bin") == Body(65024));
         EXPECT_EQ(Steps(run), FIRST + FOUND + PASSED);
         const Files left = {
             {"ffu.end", ""}, {"ffu.ok", CLOCK_TEXT}, {"fw_result", Record("FW000002")}};
