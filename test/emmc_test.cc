@@ -9,9 +9,6 @@
 
 namespace {
 
-const std::string PASS = "ffu.end ffu.ok fw_result";
-const std::string FAIL = "ffu.bgn ffu.fail fw_result";
-const std::string NOTHING = "ffu.end fw_result";
 const std::string STOP = "ffu.bgn"; // before an update was attempted
 
 class EmmcTest : public PhoneTest {};
@@ -131,7 +128,7 @@ TEST_F(EmmcTest, EveryStepHasItsMessagesAndVerdict) {
     for (const auto& row : CASES) {
         SCOPED_TRACE(row.fault + ": " + row.console);
         Make(row.phone, {{EMMC_PACKAGE, row.package}});
-        ExpectEnd(ConsoleText(Run({row.fault})), row.console);
+        ExpectEnd(Console(Run({row.fault})), row.console);
         EXPECT_EQ(Left(), row.left);
         EXPECT_EQ(Get("/device/pending"), row.left == PASS ? "" : MISSING);
     }
@@ -147,9 +144,10 @@ TEST_F(EmmcTest, WholeImageReachesTheDevice) {
         if (size <= 1048576) { // whole blocks, with zeros beyond the end of the package
             Make(NORMAL, {{EMMC_PACKAGE, entry}});
             const size_t blocks = (size + 511) / 512;
-            EXPECT_EQ(Requests(Run()).at(2),
-                      "MMC_IOC_CMD opcode=302 write=1 arg=0 flags=0xb5 blksz=512 blocks=" +
-                          std::to_string(blocks) + " -> 0");
+            EXPECT_EQ(Count(Requests(Run()),
+                            "MMC_IOC_CMD opcode=302 write=1 arg=0 flags=0xb5 blksz=512 blocks=" +
+                                std::to_string(blocks) + " -> 0\n"),
+                      1);
             EXPECT_TRUE(Get("/device/downloaded.bin") ==
                         body + std::string(blocks * 512 - size, '\0'));
         }
@@ -159,9 +157,9 @@ TEST_F(EmmcTest, WholeImageReachesTheDevice) {
 TEST_F(EmmcTest, NodeIsOpenedWhereItsLinkLeads) {
     Make(NORMAL, {{EMMC_PACKAGE, ENTRY}, {"/dev/block/mmcblk0", MISSING}, {"/dev/block/real", ""}});
     std::filesystem::create_symlink("real", Path("/dev/block/mmcblk0"));
-    ExpectEnd(ConsoleText(Run({"open /dev/block/real #3 EACCES"})),
+    ExpectEnd(Console(Run({"open /dev/block/real #3 EACCES"})),
               "DoEmmc50Ffu,line=384: Could open /dev/block/mmcblk0\n" + UPDATE_FAIL);
-    ExpectEnd(ConsoleText(Run({"open /dev/block/real EACCES"})),
+    ExpectEnd(Console(Run({"open /dev/block/real EACCES"})),
               "EmmcGetExtCsd,line=249: Could not open /dev/block/real\n");
 }
 
@@ -171,14 +169,14 @@ TEST_F(EmmcTest, RegistersAreTakenInEitherCaseAndNeverGarbled) {
     Make(GKI, {{EMMC_PACKAGE, ENTRY}});
     std::string extCsd = Get(extCsdNode);
     Put(extCsdNode, extCsd.replace(1022, 2, "0x"));
-    ExpectEnd(ConsoleText(Run()),
+    ExpectEnd(Console(Run()),
               "EmmcGetExtCsd,line=267: ext_csd character 1023 is no hexadecimal digit\n");
     EXPECT_EQ(Left(), STOP);
     Put(extCsdNode, extCsd.replace(1022, 2, "00").replace(2 * 260, 4, "aBCd"));
     Put(cidNode, Get(cidNode).replace(31, 1, "z"));
     const RunResult run = Run();
-    EXPECT_EQ(Count(SystemLog(run), "pnm:SIM064 current:FW0000\xAB\xCD, "), 1);
-    ExpectEnd(ConsoleText(run),
+    EXPECT_EQ(Count(Steps(run), "pnm:SIM064 current:FW0000\xAB\xCD, "), 1);
+    ExpectEnd(Console(run),
               "PrintCid,line=154: cidHex[31] = 0x7a\n"
               "EmmcGetCidFromSysfs,line=180: cid character 31 is no hexadecimal digit\n" +
                   NO_CID);

@@ -96,7 +96,7 @@ TEST_F(PackageCheckTest, OnlyAnEntryForTheDeviceIsAttempted) {
                          {STATE + "/ffu.end", ""}});
         const std::string steps = Steps(Run({"open /data/vendor/fw/fw_result EROFS"}));
         EXPECT_EQ(steps, row.steps);
-        EXPECT_EQ(Left(), Count({steps}, ATTEMPTED) == 0 ? "ffu.end" : "ffu.bgn");
+        EXPECT_EQ(Left(), Count(steps, ATTEMPTED) == 0 ? "ffu.end" : "ffu.bgn");
     }
 }
 
@@ -110,7 +110,7 @@ TEST_F(PackageCheckTest, UfsNeedsItsRevision) {
         {"read /proc/bootdevice/rev short=3", "GetCurrentRevUfs: Read UFS product rev fail! "}};
     for (const auto& [fault, told] : rows) {
         const std::string steps = Steps(Run({fault}));
-        EXPECT_EQ(Count({steps}, told), 1) << steps;
+        EXPECT_EQ(Count(steps, told), 1) << steps;
         ExpectEnd(steps, "GetDeviceInfo: Get local fw rev failed!\n");
         EXPECT_EQ(Left(), "ffu.bgn");
     }

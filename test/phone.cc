@@ -7,6 +7,7 @@
 #include <endian.h>
 #include <fcntl.h>
 #include <filesystem>
+#include <iterator>
 #include <regex>
 #include <set>
 #include <sstream>
@@ -26,15 +27,6 @@ std::string ShippedDescription(const char* file, const Overrides& overrides) {
         throw std::invalid_argument(error);
     }
     return text;
-}
-
-Texts Split(const std::string& text, char end) {
-    std::istringstream stream(text);
-    Texts parts;
-    for (std::string part; std::getline(stream, part, end);) {
-        parts.push_back(part);
-    }
-    return parts;
 }
 
 // What the kernel and the vendor provide is looked at, not changed; but the node that updates.
@@ -119,6 +111,11 @@ std::string UfsEntry(const std::string& rev, const std::string& body) {
     return entry + std::string(16, '\xFF') + body;
 }
 
+std::string Record(const std::string& base, const std::string& target, const std::string& pnm) {
+    return CLOCK_TEXT + "product name:" + pnm + ", current fw version:" + base +
+           ", upgrading to version:" + target + "\n";
+}
+
 void PhoneTest::SetUp() {
     directory = (fs::temp_directory_path() / "ffu-test-XXXXXX").string();
     ASSERT_NE(mkdtemp(directory.data()), nullptr);
@@ -176,17 +173,24 @@ std::string PhoneTest::Left() const {
     return names;
 }
 
-RunResult PhoneTest::RunAnyhow(const Texts& faults, const std::string& tool) const {
-    RunOptions options = {{}, Split(FFU_LAUNCHER, ' '), SIMPHONE_LIBRARY};
+RunResult PhoneTest::TryRun(const Texts& faults, const std::string& tool,
+                            const std::string& library) const {
+    std::istringstream words(FFU_LAUNCHER);
+    const Texts launcher(std::istream_iterator<std::string>(words), {});
+    RunOptions options = {{}, launcher, library};
     std::remove_copy(faults.begin(), faults.end(), std::back_inserter(options.faults), "");
-    RunResult result = RunTool(directory, tool, options);
+    return RunTool(directory, tool, options);
+}
+
+RunResult PhoneTest::RunAnyhow(const Texts& faults) const {
+    RunResult result = TryRun(faults);
     EXPECT_EQ(result.error, "");
     EXPECT_FALSE(result.timedOut);
     return result;
 }
 
-RunResult PhoneTest::Run(const Texts& faults, const std::string& tool) const {
-    RunResult result = RunAnyhow(faults, tool);
+RunResult PhoneTest::Run(const Texts& faults) const {
+    RunResult result = RunAnyhow(faults);
     EXPECT_EQ(result.signal, 0) << result.errors;
     ExpectAllGivenBack(result);
     ExpectOnlyRead(result);
@@ -198,42 +202,28 @@ void PhoneTest::Reboot() const {
     ASSERT_TRUE(RebootPhone(directory, error)) << error;
 }
 
-std::string ConsoleText(const RunResult& result) {
+std::string Console(const RunResult& result) {
     static const std::regex stamp(R"(\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d \d{3}\] )");
     return std::regex_replace(result.console, stamp, "");
 }
 
-Texts Console(const RunResult& result) {
-    return Split(ConsoleText(result), '\n');
-}
-
-Texts SystemLog(const RunResult& result) {
-    Texts texts;
+std::string Requests(const RunResult& result) {
+    std::string requests;
     for (const CallEntry& call : result.calls) {
-        if (call.IsMessage()) {
-            EXPECT_EQ(call.arguments, "priority=6 tag=-") << call.text;
-            texts.push_back(call.text);
-        }
+        requests += call.IsRequest() ? call.text + "\n" : "";
     }
-    return texts;
-}
-
-Texts Requests(const RunResult& result) {
-    Texts texts;
-    for (const CallEntry& call : result.calls) {
-        if (call.IsRequest()) {
-            texts.push_back(call.text);
-        }
-    }
-    return texts;
+    return requests;
 }
 
 std::string Steps(const RunResult& result) {
     const std::string start = "FFU process ";
     std::string steps;
-    for (const std::string& text : SystemLog(result)) {
-        EXPECT_EQ(text.substr(0, start.size()), start);
-        steps += text.substr(std::min(start.size(), text.size()));
+    for (const CallEntry& call : result.calls) {
+        if (call.IsMessage()) {
+            EXPECT_EQ(call.arguments, "priority=6 tag=-") << call.text;
+            EXPECT_EQ(call.text.rfind(start, 0), 0U) << call.text;
+            steps += call.text.substr(std::min(start.size(), call.text.size()));
+        }
     }
     return steps;
 }
@@ -242,8 +232,10 @@ void ExpectEnd(const std::string& text, const std::string& end) {
     EXPECT_EQ(text.substr(text.size() - std::min(text.size(), end.size())), end);
 }
 
-long Count(const Texts& log, const std::string& text) {
-    return std::count_if(log.begin(), log.end(), [&](const std::string& entry) {
-        return entry.find(text) != std::string::npos;
-    });
+long Count(const std::string& text, const std::string& part) {
+    long count = 0;
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
+        count++;
+    }
+    return count;
 }

@@ -12,11 +12,6 @@ class RunTest : public PhoneTest {};
 
 const std::string FFU_NODE = "/proc/bootdevice/ffu";
 
-std::string Record(const std::string& rev) {
-    return CLOCK_TEXT +
-           "product name:SIM064, current fw version:FW000001, upgrading to version:" + rev + "\n";
-}
-
 // Messages of run control, without their common start.
 const std::string FIRST = "BeginFlag: remove /data/vendor/fw/ffu.end: -1\n";
 const std::string FOUND = "CheckFwBin: pnm:SIM064 current:FW000001, fwBinRev:FW000002\n"
@@ -76,7 +71,7 @@ TEST_F(RunTest, EveryEndingLeavesItsFlagsAndMessages) {
         SCOPED_TRACE(ending.fault);
         Make(GkiPhone(), {{EMMC_PACKAGE, EmmcEntry()},
                           {STATE + "/ffu.end", ""},
-                          {STATE + "/fw_result", Record("FW000009")}});
+                          {STATE + "/fw_result", Record(EMMC_REV, "FW000009")}});
         const RunResult result = Run({ending.fault});
         EXPECT_EQ(result.exitStatus, ending.exitStatus);
         EXPECT_EQ(Left(), ending.left);
@@ -119,7 +114,7 @@ TEST_F(RunTest, FlagsAreClearedButNeverTruncated) {
     EXPECT_EQ(State(), (Files{{"ffu.bgn", "begun"},
                               {"ffu.end", ""},
                               {"ffu.ok", "old" + CLOCK_TEXT},
-                              {"fw_result", Record("FW000002")}}));
+                              {"fw_result", Record(EMMC_REV, "FW000002")}}));
 }
 
 const std::string CID = "13010053494d303634fA1234aBCd0000";
@@ -154,21 +149,19 @@ const std::string GKI_EXT_CSD =
     "| EmmcGetExtCsd,line=255: EmmcGetExtCsd, emmc firmware GKI mode \n";
 const std::string EXT_CSD = "| EmmcGetExtCsd,line=241: EmmcGetExtCsd, emmc firmware normal mode \n";
 const std::string READ_REGISTER =
-    "MMC_IOC_CMD opcode=8 write=0 arg=0 flags=0xb5 blksz=512 blocks=1 -> 0";
-const Texts GKI_REQUESTS = {"GKI write 65024 -> 65024"};
-const Texts NORMAL_REQUESTS = {
-    READ_REGISTER, READ_REGISTER,
-    "MMC_IOC_CMD opcode=302 write=1 arg=0 flags=0xb5 blksz=512 blocks=127 -> 0",
-    "MMC_IOC_CMD opcode=303 write=0 arg=0 flags=0xb5 blksz=512 blocks=0 no data -> 0"};
+    "MMC_IOC_CMD opcode=8 write=0 arg=0 flags=0xb5 blksz=512 blocks=1 -> 0\n";
+const std::string NORMAL_REQUESTS =
+    READ_REGISTER + READ_REGISTER +
+    "MMC_IOC_CMD opcode=302 write=1 arg=0 flags=0xb5 blksz=512 blocks=127 -> 0\n"
+    "MMC_IOC_CMD opcode=303 write=0 arg=0 flags=0xb5 blksz=512 blocks=0 no data -> 0\n";
 
 const struct {
-    std::string phone, fault, extCsd, update;
-    Texts requests;
+    std::string phone, fault, extCsd, update, requests;
 } MODES[] = {
     {GkiPhone(), "", GKI_EXT_CSD,
      "| DoEmmc50Ffu,line=408: emmc firmware GKI mode \n"
      "| DoEmmc50Ffu,line=418: eMMC5.0 ffu sucessful\n",
-     GKI_REQUESTS},
+     "GKI write 65024 -> 65024\n"},
     {NormalPhone(), "access /proc/bootdevice/ffu EACCES", // the node is there, but not writable
      EXT_CSD,
      "| DoEmmc50Ffu,line=389: emmc firmware normal mode \n"
@@ -200,7 +193,7 @@ TEST_F(RunTest, WholeUpdateInEitherMode) {
         EXPECT_TRUE(Get("/device/downloaded.bin") == Body(65024));
         EXPECT_EQ(Steps(run), FIRST + FOUND + PASSED);
         const Files left = {
-            {"ffu.end", ""}, {"ffu.ok", CLOCK_TEXT}, {"fw_result", Record("FW000002")}};
+            {"ffu.end", ""}, {"ffu.ok", CLOCK_TEXT}, {"fw_result", Record(EMMC_REV, "FW000002")}};
         EXPECT_EQ(State(), left);
         for (const CallEntry& call : run.calls) {
             EXPECT_TRUE(call.function != "access" || call.path != FFU_NODE ||
@@ -217,9 +210,10 @@ TEST_F(RunTest, StampTruncatesToMillisecondsAndMayBeMissing) {
     Make(GkiPhone({{"clock", "2026-01-31T23:59:59.999999"}}), {{EMMC_PACKAGE, EmmcEntry()}});
     const RunResult result = Run({"localtime #2 EOVERFLOW", "ctime EOVERFLOW"});
     EXPECT_EQ(result.console.substr(0, 39), "[2026-01-31 23:59:59 999] EmmcGetExtCsd");
-    EXPECT_EQ(Console(result)[1], "ffu_print,line:42,NULL == ptm");
-    EXPECT_EQ(Console(result)[2], "PrintCid,line=154: cidHex[0] = 0x31");
-    const std::string untimed = Record("FW000002").substr(CLOCK_TEXT.size());
+    EXPECT_EQ(Count(Console(result), "mode \nffu_print,line:42,NULL == ptm\n"
+                                     "PrintCid,line=154: cidHex[0] = 0x31\n"),
+              1);
+    const std::string untimed = Record(EMMC_REV, "FW000002").substr(CLOCK_TEXT.size());
     EXPECT_EQ(State(), (Files{{"ffu.end", ""}, {"ffu.ok", ""}, {"fw_result", untimed}}));
 }
 

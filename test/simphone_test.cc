@@ -8,8 +8,6 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <filesystem>
-#include <iterator>
-#include <sstream>
 
 namespace {
 
@@ -20,9 +18,7 @@ protected:
         for (const auto& [name, content] : before) {
             Put(STATE + "/" + name, content);
         }
-        std::istringstream words(FFU_LAUNCHER);
-        const Texts launcher(std::istream_iterator<std::string>(words), {});
-        return RunTool(directory, FFU_PATH, {faults, launcher, SIMPHONE_LIBRARY});
+        return TryRun(faults);
     }
 };
 
@@ -115,8 +111,7 @@ TEST_F(SimphoneTest, UfsDeviceRefusesOddCommands) {
     }
 }
 
-const std::string ATTEMPT = CLOCK_TEXT + "product name:SIM064, current fw version:FW000001, "
-                                         "upgrading to version:FW000002\n";
+const std::string ATTEMPT = Record(EMMC_REV, EMMC_NEW_REV);
 const std::string EARLIER = "current fw version:A, upgrading to version:B\n";
 const Files OLD = {{"fw_result", EARLIER}, {"ffu.ok", "passed"}, {"ffu.end", ""}};
 const Files NO_DIRECTORY = {{"no", "directory"}};
@@ -200,19 +195,17 @@ TEST_F(SimphoneTest, EachStateAfterAPowerCutCanBeMade) {
 // A tool whose calls did not reach the phone would work on this machine instead.
 TEST_F(SimphoneTest, ToolNeverRunsWithoutItsPhone) {
     Make(GkiPhone(), {{EMMC_PACKAGE, EmmcEntry()}, {"/tool", "#!/bin/sh\ntouch \"$0.ran\"\n"}});
-    std::istringstream words(FFU_LAUNCHER);
-    const Texts launcher(std::istream_iterator<std::string>(words), {});
     const std::string library = Path("/a b:c/libsimphone.so"), tool = Path("/tool");
     std::filesystem::create_directory(Path("/a b:c"));
     std::filesystem::copy_file(SIMPHONE_LIBRARY, library);
-    EXPECT_EQ(Requests(RunTool(directory, FFU_PATH, {{}, launcher, library})).size(), 1U);
+    EXPECT_EQ(Requests(TryRun({}, FFU_PATH, library)), "GKI write 4 -> 4\n");
 
     std::filesystem::permissions(tool, std::filesystem::perms::owner_all);
-    EXPECT_NE(RunTool(directory, tool, {{}, launcher, SIMPHONE_LIBRARY}).error, "");
+    EXPECT_NE(TryRun({}, tool).error, "");
     EXPECT_EQ(Get("/tool.ran"), MISSING);
     Put("/damaged.so", "simphone_attach");
-    EXPECT_NE(RunTool(directory, FFU_PATH, {{}, launcher, Path("/damaged.so")}).error, "");
-    EXPECT_NE(RunTool(directory, FFU_PATH, {{}, launcher, tool}).error, "");
+    EXPECT_NE(TryRun({}, FFU_PATH, Path("/damaged.so")).error, "");
+    EXPECT_NE(TryRun({}, FFU_PATH, tool).error, "");
     std::string error;
     EXPECT_FALSE(MakePhone(Path("/phone.toml"), {}, directory, error)); // one is there
 }
