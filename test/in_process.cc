@@ -5,7 +5,6 @@
 #include "platform/bounded.h"
 #include "simphone/attach.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <scsi/sg_cmds_basic.h>
 #include <scsi/sg_pt.h>
@@ -14,19 +13,20 @@ Texts passThroughCalls;
 
 namespace {
 
-Texts refusedCalls;
+std::string refusedCalls;
 std::map<std::string, int> boundedCalls;
 
 // Counts a call of a bounded function.
 bool IsRefused(const std::string& function) {
-    const std::string call = function + " " + std::to_string(++boundedCalls[function]);
-    return std::find(refusedCalls.begin(), refusedCalls.end(), call) != refusedCalls.end();
+    const int number = ++boundedCalls[function];
+    const std::string call = "," + function + " " + std::to_string(number) + ",";
+    return ("," + refusedCalls + ",").find(call) != std::string::npos;
 }
 
 } // namespace
 
 RunResult RunInProcess(const std::string& directory, const std::function<void()>& calls,
-                       const Texts& refused) {
+                       const std::string& refused) {
     RunResult result = {};
     refusedCalls = refused;
     boundedCalls.clear();

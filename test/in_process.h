@@ -6,11 +6,11 @@
 
 #include <functional>
 
-// Attaches the phone in `directory` while `calls` calls routines. Each bounded function that
-// `refused` names ("memcpy_s 3": its third call) is refused, as if a size were wrong. All must be
-// given back, as after a run of the tool; there is no exit status.
+// Attaches the phone in `directory` while `calls` calls routines. `refused` names calls of bounded
+// functions that fail, as if a size were wrong: "memset_s 2,strncpy_s 1" is the second of the one
+// and the first of the other. All must be given back, as after a run; there is no exit status.
 RunResult RunInProcess(const std::string& directory, const std::function<void()>& calls,
-                       const Texts& refused = {});
+                       const std::string& refused = "");
 
 // What the last run did with pass-through objects of the SCSI library: "construct", "process_resp"
 // and "destruct".

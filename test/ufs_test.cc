@@ -29,12 +29,11 @@ Texts Course(const RunResult& run) {
     std::string path;
     for (const CallEntry& call : run.calls) {
         const bool isDirect = call.function == "open" &&
-                              (std::stoi(call.arguments.substr(6), nullptr, 16) & O_DIRECT) != 0;
+                              (std::stoi(Argument(call, "flags"), nullptr, 0) & O_DIRECT) != 0;
         const std::string name = call.path.substr(call.path.rfind('/') + 1);
         const std::string step = " " + call.function + (isDirect ? "-direct" : "");
         if (call.function == "sleep" || call.function.find("memalign") != std::string::npos) {
-            course.push_back(step + " " +
-                             call.arguments.substr(0, call.arguments.find(" pointer")));
+            course.push_back(step + " " + call.arguments);
         } else if (name == "-" || name == "devices" || call.function == "fstat") {
             continue;
         } else if (call.path == path) {
