@@ -5,7 +5,6 @@
 #include "ufs/ufs_identity.h"
 #include "ufs/ufs_selection.h"
 #include "ufs/ufs_update.h"
-#include "ufs/ufs_write_buffer.h"
 
 #include <algorithm>
 #include <cstring>
@@ -72,7 +71,6 @@ std::string Identity(const std::string& mid = UFS_MID, const std::string& pnm = 
 const std::string NO_SIZE = "UfsFfu,line=461: Get fw size error!\n";
 const std::string NO_DEVICE = "UfsFfu,line=475: get ufs local device info fail!\n";
 const std::string NO_MID = "GetUfsLocalDevInfo,line=187: read manufacture ID error!\n" + NO_DEVICE;
-const std::string FIND = "GetUfsFwFromFwBin,line=316: ufs fw find, fwNum=";
 const std::string PASS_OVER = "GetUfsFwFromFwBin,line=326: firmware not match\n";
 const std::string NOT_NEEDED = "UfsFfu,line=481: ufs not need update...\n";
 const std::string BEGIN =
@@ -99,7 +97,7 @@ std::string Verdict(int code, const std::string& trigger = TRIGGER) {
 
 TEST_F(UfsTest, OneTypicalRunInItsNineSteps) {
     const std::string body = Body(0x1A2B4);
-    const std::string earlier = Record("0700", "0800", UFS_PNM);
+    const std::string earlier = RecordText("0700", "0800", UFS_PNM);
     const std::string other = With(UfsEntry("1000", "x"), UFS_PNM_FIELD, "OTHER");
     Make(UfsPhone(), {{UFS_PACKAGE, other + UfsEntry("0900", body)},
                       {STATE + "/fw_result", earlier},
@@ -173,7 +171,7 @@ DoUfsFfu,line=433: ufs firmware update success...
     EXPECT_EQ(std::regex_replace(run.errors, copy, ""), "");
     const Files state = {{"ffu.end", ""},
                          {"ffu.ok", CLOCK_TEXT},
-                         {"fw_result", earlier + Record("0800", "0900", UFS_PNM)}};
+                         {"fw_result", earlier + RecordText("0800", "0900", UFS_PNM)}};
     EXPECT_EQ(State(), state);
     EXPECT_TRUE(Get("/device/downloaded.bin") == body);
     EXPECT_EQ(Get(TRIGGER_FILE), MISSING);
