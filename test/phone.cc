@@ -111,7 +111,8 @@ std::string UfsEntry(const std::string& rev, const std::string& body) {
     return entry + std::string(16, '\xFF') + body;
 }
 
-std::string RecordText(const std::string& base, const std::string& target, const std::string& pnm) {
+std::string AttemptRecord(const std::string& base, const std::string& target,
+                          const std::string& pnm) {
     return CLOCK_TEXT + "product name:" + pnm + ", current fw version:" + base +
            ", upgrading to version:" + target + "\n";
 }

@@ -58,8 +58,8 @@ std::string UfsEntry(const std::string& rev = UFS_NEW_REV, const std::string& bo
 std::string With(std::string entry, Place field, const std::string& value);
 std::string BigEndian32(uint32_t number);
 // A record of an attempt.
-std::string RecordText(const std::string& base, const std::string& target,
-                       const std::string& pnm = EMMC_PNM);
+std::string AttemptRecord(const std::string& base, const std::string& target,
+                          const std::string& pnm = EMMC_PNM);
 // `size` bytes in which no two blocks are alike and no magic occurs.
 std::string Body(size_t size);
 

@@ -22,8 +22,8 @@ const std::string NOT_APPLIED =
 
 TEST_F(ResultRecordTest, EachRevisionIsAttemptedOnce) {
     Make(GkiPhone(), {{EMMC_PACKAGE, EmmcEntry()}});
-    const std::string second = RecordText(EMMC_REV, "FW000002");
-    const std::string third = RecordText(EMMC_REV, "FW000003");
+    const std::string second = AttemptRecord(EMMC_REV, "FW000002");
+    const std::string third = AttemptRecord(EMMC_REV, "FW000003");
     (void)Run({"write /proc/bootdevice/ffu EIO"});
     EXPECT_EQ(State(), (Files{{"ffu.bgn", ""}, {"ffu.fail", CLOCK_TEXT}, {"fw_result", second}}));
 
@@ -45,9 +45,9 @@ TEST_F(ResultRecordTest, EachRevisionIsAttemptedOnce) {
     // An attempt that finds nothing to do clears what the one before it left, and stands on record.
     Put(EMMC_PACKAGE, With(EmmcEntry("FW000004"), EMMC_MID_FIELD, "\x14"));
     (void)Run();
-    EXPECT_EQ(State(),
-              (Files{{"ffu.end", ""},
-                     {"fw_result", second + third + second + RecordText(EMMC_REV, "FW000004")}}));
+    EXPECT_EQ(State(), (Files{{"ffu.end", ""},
+                              {"fw_result",
+                               second + third + second + AttemptRecord(EMMC_REV, "FW000004")}}));
 }
 
 const std::string PARSE_ERROR = "CheckResultFile: ParseResultFile error\n";
@@ -58,7 +58,7 @@ const std::string NOT_YET =
 const std::string KEYS = "current fw version:, upgrading to version:";
 
 std::string LongLine(size_t size) {
-    const std::string line = RecordText("A", EMMC_NEW_REV).substr(CLOCK_TEXT.size());
+    const std::string line = AttemptRecord("A", EMMC_NEW_REV).substr(CLOCK_TEXT.size());
     return std::string(size - line.size(), 'x') + line;
 }
 
@@ -71,17 +71,18 @@ const struct {
     {"empty", "", NO_PARSE},
     {"cut off in its target", CLOCK_TEXT + KEYS + "FW0000", NO_PARSE},
     {"cut off before its target", CLOCK_TEXT + "current fw version:FW000001, upg", NO_PARSE},
-    {"cut off behind its time", RecordText("A", "B") + CLOCK_TEXT, NO_PARSE},
+    {"cut off behind its time", AttemptRecord("A", "B") + CLOCK_TEXT, NO_PARSE},
     {"values empty", KEYS + "\n", ReadBack("", "") + NOT_YET},
-    {"base of eight bytes", RecordText("12345678", "B"), ReadBack("12345678", "B") + NOT_YET},
-    {"base of nine bytes", RecordText("123456789", "B"), TOO_LONG},
-    {"shorter target", RecordText("A", "FW00000"), ReadBack("A", "FW00000") + NOT_YET},
+    {"base of eight bytes", AttemptRecord("12345678", "B"), ReadBack("12345678", "B") + NOT_YET},
+    {"base of nine bytes", AttemptRecord("123456789", "B"), TOO_LONG},
+    {"shorter target", AttemptRecord("A", "FW00000"), ReadBack("A", "FW00000") + NOT_YET},
     {"1023 bytes: one piece", LongLine(1023), ReadBack("A", "FW000002") + APPLIED},
     {"1024 bytes: the last piece is the line end", LongLine(1024), NO_PARSE},
     {"keys in the last of two pieces", LongLine(1023 + 73), ReadBack("A", "FW000002") + APPLIED},
-    {"comma in its target", RecordText("A", "B,C"), ReadBack("A", "B,C") + NOT_YET},
-    {"longer target", RecordText("A", "FW2more"), ReadBack("A", "FW2more", "FW2") + APPLIED, "FW2"},
-    {"package's revision empty", RecordText("A", "B"), ReadBack("A", "B", "") + APPLIED, ""},
+    {"comma in its target", AttemptRecord("A", "B,C"), ReadBack("A", "B,C") + NOT_YET},
+    {"longer target", AttemptRecord("A", "FW2more"), ReadBack("A", "FW2more", "FW2") + APPLIED,
+     "FW2"},
+    {"package's revision empty", AttemptRecord("A", "B"), ReadBack("A", "B", "") + APPLIED, ""},
 };
 
 TEST_F(ResultRecordTest, OnlyTheLastLineIsRead) {

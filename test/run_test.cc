@@ -71,7 +71,7 @@ TEST_F(RunTest, EveryEndingLeavesItsFlagsAndMessages) {
         SCOPED_TRACE(ending.fault);
         Make(GkiPhone(), {{EMMC_PACKAGE, EmmcEntry()},
                           {STATE + "/ffu.end", ""},
-                          {STATE + "/fw_result", RecordText(EMMC_REV, "FW000009")}});
+                          {STATE + "/fw_result", AttemptRecord(EMMC_REV, "FW000009")}});
         const RunResult result = Run({ending.fault});
         EXPECT_EQ(result.exitStatus, ending.exitStatus);
         EXPECT_EQ(Left(), ending.left);
@@ -104,7 +104,7 @@ TEST_F(RunTest, FlagsAreClearedButNeverTruncated) {
     EXPECT_EQ(State(), (Files{{"ffu.bgn", "begun"},
                               {"ffu.end", ""},
                               {"ffu.ok", "old" + CLOCK_TEXT},
-                              {"fw_result", RecordText(EMMC_REV, "FW000002")}}));
+                              {"fw_result", AttemptRecord(EMMC_REV, "FW000002")}}));
 }
 
 const std::string CID = "13010053494d303634fA1234aBCd0000";
@@ -184,7 +184,7 @@ TEST_F(RunTest, WholeUpdateInEitherMode) {
         EXPECT_EQ(Steps(run), FIRST + FOUND + PASSED);
         const Files left = {{"ffu.end", ""},
                             {"ffu.ok", CLOCK_TEXT},
-                            {"fw_result", RecordText(EMMC_REV, "FW000002")}};
+                            {"fw_result", AttemptRecord(EMMC_REV, "FW000002")}};
         EXPECT_EQ(State(), left);
         for (const CallEntry& call : run.calls) {
             EXPECT_TRUE(call.function != "access" || call.path != FFU_NODE ||
@@ -204,7 +204,7 @@ TEST_F(RunTest, StampTruncatesToMillisecondsAndMayBeMissing) {
     EXPECT_EQ(Count(Console(result), "mode \nffu_print,line:42,NULL == ptm\n"
                                      "PrintCid,line=154: cidHex[0] = 0x31\n"),
               1);
-    const std::string untimed = RecordText(EMMC_REV, "FW000002").substr(CLOCK_TEXT.size());
+    const std::string untimed = AttemptRecord(EMMC_REV, "FW000002").substr(CLOCK_TEXT.size());
     EXPECT_EQ(State(), (Files{{"ffu.end", ""}, {"ffu.ok", ""}, {"fw_result", untimed}}));
 }
 

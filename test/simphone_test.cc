@@ -111,7 +111,7 @@ TEST_F(SimphoneTest, UfsDeviceRefusesOddCommands) {
     }
 }
 
-const std::string ATTEMPT = RecordText(EMMC_REV, EMMC_NEW_REV);
+const std::string ATTEMPT = AttemptRecord(EMMC_REV, EMMC_NEW_REV);
 const std::string EARLIER = "current fw version:A, upgrading to version:B\n";
 const Files OLD = {{"fw_result", EARLIER}, {"ffu.ok", "passed"}, {"ffu.end", ""}};
 const Files NO_DIRECTORY = {{"no", "directory"}};

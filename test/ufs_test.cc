@@ -97,7 +97,7 @@ std::string Verdict(int code, const std::string& trigger = TRIGGER) {
 
 TEST_F(UfsTest, OneTypicalRunInItsNineSteps) {
     const std::string body = Body(0x1A2B4);
-    const std::string earlier = RecordText("0700", "0800", UFS_PNM);
+    const std::string earlier = AttemptRecord("0700", "0800", UFS_PNM);
     const std::string other = With(UfsEntry("1000", "x"), UFS_PNM_FIELD, "OTHER");
     Make(UfsPhone(), {{UFS_PACKAGE, other + UfsEntry("0900", body)},
                       {STATE + "/fw_result", earlier},
@@ -171,7 +171,7 @@ DoUfsFfu,line=433: ufs firmware update success...
     EXPECT_EQ(std::regex_replace(run.errors, copy, ""), "");
     const Files state = {{"ffu.end", ""},
                          {"ffu.ok", CLOCK_TEXT},
-                         {"fw_result", earlier + RecordText("0800", "0900", UFS_PNM)}};
+                         {"fw_result", earlier + AttemptRecord("0800", "0900", UFS_PNM)}};
     EXPECT_EQ(State(), state);
     EXPECT_TRUE(Get("/device/downloaded.bin") == body);
     EXPECT_EQ(Get(TRIGGER_FILE), MISSING);
