@@ -45,7 +45,7 @@ RunResult RunInProcess(const std::string& directory, const std::function<void()>
 
 extern "C" {
 // The names are the linker's, and the sanitizers'.
-// NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
+
 // Their runtime stands behind the simulated phone on purpose.
 const char* __asan_default_options() {
     return "verify_asan_link_order=0";
@@ -98,5 +98,4 @@ void __wrap_destruct_scsi_pt_obj(sg_pt_base* request) {
     passThroughCalls.push_back("destruct");
     __real_destruct_scsi_pt_obj(request);
 }
-// NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 }

@@ -70,7 +70,6 @@ std::string Identity(const std::string& mid = UFS_MID, const std::string& pnm = 
 // Messages that more than one test expects.
 const std::string NO_SIZE = "UfsFfu,line=461: Get fw size error!\n";
 const std::string NO_DEVICE = "UfsFfu,line=475: get ufs local device info fail!\n";
-const std::string NO_MID = "GetUfsLocalDevInfo,line=187: read manufacture ID error!\n" + NO_DEVICE;
 const std::string PASS_OVER = "GetUfsFwFromFwBin,line=326: firmware not match\n";
 const std::string NOT_NEEDED = "UfsFfu,line=481: ufs not need update...\n";
 const std::string BEGIN =
@@ -367,46 +366,47 @@ TEST_F(UfsTest, TriggerTestGoesItsWay) {
 TEST_F(UfsTest, NothingIsAppliedAfterAnEarlyFailure) {
     const std::string noMemory = "UfsFfu,line=466: could calloc buffer (ufsFwSize=2147483647)\n";
     const std::string noRead = "UfsFfu,line=470: Read ufs fw error!\n";
-    const std::map<std::string, std::string> rows = {
-        {"realpath #1 EACCES", "GetFwSize,line=100: get real path fail\n" + NO_SIZE},
-        {"access /vendor/firmware/real.bin ENOENT",
-         "GetFwSize,line=104: ufsFwFilePath not exist!\n" + NO_SIZE},
-        {"open /vendor/firmware/real.bin #1 EACCES",
+    const struct {
+        std::string fault, end; // the last message
+        const char* told = "";  // before it
+    } rows[] = {
+        {"realpath #1 EACCES", NO_SIZE, "GetFwSize,line=100: get real path fail\n"},
+        {"access /vendor/firmware/real.bin ENOENT", NO_SIZE,
+         "GetFwSize,line=104: ufsFwFilePath not exist!\n"},
+        {"open /vendor/firmware/real.bin #1 EACCES", NO_SIZE,
          "GetFwSize,line=109: could not open ufs firmware file /vendor/firmware/real.bin "
-         "(fd=-1)\n" +
-             NO_SIZE},
+         "(fd=-1)\n"},
         {"lseek EIO", NO_SIZE},
         {"lseek returns=0", NO_SIZE},
         {"lseek returns=2147483647", noMemory},
         {"lseek returns=2147483648", NO_SIZE},
         {"lseek returns=4294967364", NO_SIZE}, // 4 GiB and the size
-        {"realpath #2 EACCES", "UfsFwRead,line=129: get real path fail\n" + noRead},
-        {"open /vendor/firmware/real.bin #2 EACCES",
+        {"realpath #2 EACCES", noRead, "UfsFwRead,line=129: get real path fail\n"},
+        {"open /vendor/firmware/real.bin #2 EACCES", noRead,
          "UfsFwRead,line=134: could not open ufs firmware file "
-         "/vendor/firmware/ufs_emer_fw.bin (fd=-1)\n" +
-             noRead},
-        {"read /vendor/firmware/real.bin short=67",
-         "UfsFwRead,line=139: firmware file read error (ret=67)\n" + noRead},
-        {"read /proc/bootdevice/manfid EIO",
-         "ReadUfsInfo,line=172: read_ufs_info UFS_MID read error!\n" + NO_MID},
-        {"open /proc/bootdevice/product_name #2 ENOENT",
+         "/vendor/firmware/ufs_emer_fw.bin (fd=-1)\n"},
+        {"read /vendor/firmware/real.bin short=67", noRead,
+         "UfsFwRead,line=139: firmware file read error (ret=67)\n"},
+        {"read /proc/bootdevice/manfid EIO", NO_DEVICE,
+         "ReadUfsInfo,line=172: read_ufs_info UFS_MID read error!\n"
+         "GetUfsLocalDevInfo,line=187: read manufacture ID error!\n"},
+        {"open /proc/bootdevice/product_name #2 ENOENT", NO_DEVICE,
          "ReadUfsInfo,line=166: UFS_PNM fd fail!\n"
-         "GetUfsLocalDevInfo,line=192: read product name error!\n" +
-             NO_DEVICE},
-        {"open /proc/bootdevice/rev #2 ENOENT",
+         "GetUfsLocalDevInfo,line=192: read product name error!\n"},
+        {"open /proc/bootdevice/rev #2 ENOENT", NO_DEVICE,
          "ReadUfsInfo,line=166: UFS_PRODUCT_REV_PATH fd fail!\n"
-         "GetUfsLocalDevInfo,line=199: read_ufs_info read error!\n" +
-             NO_DEVICE},
-        {"creat ENOSPC",
-         "SaveFwBodyToFile,line=273: can't create /data/vendor/fw/ufs_fw_body.bin\n" + NOT_NEEDED},
-        {"write /data/vendor/fw/ufs_fw_body.bin short=3",
-         "SaveFwBodyToFile,line=279: wirte UFS_FW_BODY_TMP fail\n" + NOT_NEEDED},
+         "GetUfsLocalDevInfo,line=199: read_ufs_info read error!\n"},
+        {"creat ENOSPC", NOT_NEEDED,
+         "SaveFwBodyToFile,line=273: can't create /data/vendor/fw/ufs_fw_body.bin\n"},
+        {"write /data/vendor/fw/ufs_fw_body.bin short=3", NOT_NEEDED,
+         "SaveFwBodyToFile,line=279: wirte UFS_FW_BODY_TMP fail\n"},
     };
-    for (const auto& [fault, told] : rows) {
-        SCOPED_TRACE(fault);
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.fault);
         Make(UfsPhone(), {{"/vendor/firmware/real.bin", UfsEntry()}});
         std::filesystem::create_symlink("real.bin", Path(UFS_PACKAGE));
-        ExpectEnd(Console(Run({fault, told == noMemory ? "calloc ENOMEM" : ""})), told);
+        const RunResult run = Run({row.fault, row.end == noMemory ? "calloc ENOMEM" : ""});
+        ExpectEnd(Console(run), row.told + row.end);
         EXPECT_EQ(Left(), NOTHING);
     }
 }
