@@ -33,9 +33,12 @@ RunResult RunInProcess(const std::string& directory, const std::function<void()>
     passThroughCalls.clear();
     testing::internal::CaptureStdout();
     testing::internal::CaptureStderr();
-    EXPECT_EQ(simphone_attach(directory.c_str(), nullptr), 0);
-    calls();
-    simphone_detach();
+    const int attached = simphone_attach(directory.c_str(), nullptr);
+    if (attached == 0) { // else the calls would reach this machine
+        calls();
+        simphone_detach();
+    }
+    EXPECT_EQ(attached, 0);
     result.console = testing::internal::GetCapturedStdout();
     result.errors = testing::internal::GetCapturedStderr();
     result.calls = ReadJournal(directory).calls;
