@@ -139,6 +139,7 @@ TEST_F(DirectTest, RefusedCopiesFailTheirStep) {
     const std::string code15 = "DoUfsFfu,line=431: ufs firmware update ret code = 15\n";
     struct Row {
         std::string refused, phone, console, left, steps; // the steps at the end
+        std::string errors = "";                          // on the standard error, at its end
     };
     const Row rows[] = {
         {"memcpy_s 512", gki, noHex, begun,
@@ -163,7 +164,8 @@ TEST_F(DirectTest, RefusedCopiesFailTheirStep) {
         {"memcpy_s 5", named, "UpdateProductName,line=152: update product name failed!\n", PASS,
          "UpdateResultFlag: update to 1000 pass"},
         {"memset_s 2,strncpy_s 1", ufs, noNode, FAIL, ufsFail},
-        {"memset_s 3,strncpy_s 2", ufs, code15, FAIL, ufsFail},
+        {"memset_s 3,strncpy_s 2", ufs, code15, FAIL, ufsFail,
+         "sg_write_buffer: could not open  for reading: No such file or directory\n"},
     };
     const auto check = [&](const Row& row) {
         SCOPED_TRACE(row.refused + ": " + row.console + row.steps);
@@ -174,6 +176,7 @@ TEST_F(DirectTest, RefusedCopiesFailTheirStep) {
         EXPECT_EQ(status, 0);
         EXPECT_TRUE(row.console.empty() || Count(Console(run), row.console) == 1) << Console(run);
         ExpectEnd(Steps(run), row.steps);
+        ExpectEnd(run.errors, row.errors);
         EXPECT_EQ(Left(), row.left);
         EXPECT_EQ(Get("/device/pending") == MISSING, row.left != PASS);
         const bool installs = row.left == PASS && row.phone == normal;
