@@ -22,7 +22,7 @@ unsigned FromEnvironment(const char* name, unsigned otherwise) {
 
 struct Case {
     bool isUfs;
-    Keys phone;
+    Overrides phone;
     std::string package, record; // the record may be MISSING
 };
 

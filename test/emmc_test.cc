@@ -1,22 +1,20 @@
 // The eMMC update: registers, selection, download. A failure here means a phone that gets a
 // firmware not meant for it, gets it in part, or is told a false outcome.
+#include "emmc/emmc_update.h"
 #include "test/phone.h"
 
+#include <cerrno>
+#include <cstring>
 #include <filesystem>
 
 namespace {
 
-const std::string PASS = "ffu.end ffu.ok fw_result";
-const std::string FAIL = "ffu.bgn ffu.fail fw_result";
-const std::string NOTHING = "ffu.end fw_result";
 const std::string STOP = "ffu.bgn"; // before an update was attempted
 
 class EmmcTest : public PhoneTest {};
 
 const std::string UPDATED = "EmmcFfu,line=277: emmc firmware update sucess...\n";
 const std::string UPDATE_FAIL = "EmmcFfu,line=279: emmc firmware update fail...\n";
-const std::string NOT_OPENED =
-    "could not open emmc firmware file /vendor/firmware/emmc_emer_fw.bin (fd=-1)\n";
 const std::string NO_SIZE =
     "EmmcFwGetSize,line=90: EmmcFwGetSize lseek /vendor/firmware/emmc_emer_fw.bin size fail ";
 const std::string READ_FAIL = "EmmcFfu,line=255: read emmc firmware fail...\n";
@@ -56,7 +54,9 @@ const struct {
     // The package, as the update reads it after the pre-check.
     {"access /vendor/firmware/emmc_emer_fw.bin #2 ENOENT",
      "EmmcFfu,line=239: emmc firmware not exist, no need to update...\n", NOTHING},
-    {"open /vendor/firmware/emmc_emer_fw.bin #2 EACCES", "EmmcFwGetSize,line=84: " + NOT_OPENED},
+    {"open /vendor/firmware/emmc_emer_fw.bin #2 EACCES",
+     "EmmcFwGetSize,line=84: could not open emmc firmware file "
+     "/vendor/firmware/emmc_emer_fw.bin (fd=-1)\n"},
     {"lseek #1 returns=0", NO_SIZE + "0...\n"},
     {"lseek #1 returns=2147483647", "EmmcFfu,line=250: calloc fwFileBuffer fail...\n", FAIL,
      GkiPhone({{"faults", "['calloc ENOMEM']"}})},
@@ -64,7 +64,9 @@ const struct {
     {"lseek #1 returns=4294967297", NO_SIZE + "1...\n"},
     {"calloc ENOMEM", "EmmcFfu,line=250: calloc fwFileBuffer fail...\n"},
     {"open /vendor/firmware/emmc_emer_fw.bin #3 EACCES",
-     "EmmcFwRead,line=105: " + NOT_OPENED + READ_FAIL},
+     "EmmcFwRead,line=105: could not open emmc firmware file "
+     "/vendor/firmware/emmc_emer_fw.bin (fd=-1)\n" +
+         READ_FAIL},
     {"lseek #2 EIO", "EmmcFwRead,line=110: EmmcFwRead lseek failed\n" + READ_FAIL},
     {"read /vendor/firmware/emmc_emer_fw.bin short=51",
      "EmmcFwRead,line=118: firmware file read error (status=51)\n" + READ_FAIL},
@@ -88,6 +90,8 @@ const struct {
     {"", NO_MATCH, NOTHING, GKI, With(ENTRY, EMMC_REV_FIELD, "\x07")},
     {"", MATCH + EQUAL, NOTHING, GKI, OTHER_MID + EmmcEntry(EMMC_REV) + ENTRY},
     {"", UPDATED, PASS, GKI, EmmcEntry("FW000000")},
+    {"", UPDATED, PASS, GKI,
+     With(OTHER_MID, EMMC_BASE_FIELD, "FW000001....EMMC").substr(0, 48) + ENTRY.substr(4)},
     {"", "(emmc fw) emmcFwSize= 00000038\n" + ADMITTED + GKI_MODE + DONE, PASS, GKI,
      BehindBody(56)},
     {"", "(emmc fw) emmcFwSize= 00000004\n" + ADMITTED + GKI_MODE + DONE, PASS, GKI,
@@ -124,7 +128,7 @@ TEST_F(EmmcTest, EveryStepHasItsMessagesAndVerdict) {
     for (const auto& row : CASES) {
         SCOPED_TRACE(row.fault + ": " + row.console);
         Make(row.phone, {{EMMC_PACKAGE, row.package}});
-        ExpectEnd(ConsoleText(Run({row.fault})), row.console);
+        ExpectEnd(Console(Run({row.fault})), row.console);
         EXPECT_EQ(Left(), row.left);
         EXPECT_EQ(Get("/device/pending"), row.left == PASS ? "" : MISSING);
     }
@@ -140,9 +144,10 @@ TEST_F(EmmcTest, WholeImageReachesTheDevice) {
         if (size <= 1048576) { // whole blocks, with zeros beyond the end of the package
             Make(NORMAL, {{EMMC_PACKAGE, entry}});
             const size_t blocks = (size + 511) / 512;
-            EXPECT_EQ(Requests(Run()).at(2),
-                      "MMC_IOC_CMD opcode=302 write=1 arg=0 flags=0xb5 blksz=512 blocks=" +
-                          std::to_string(blocks) + " -> 0");
+            EXPECT_EQ(Count(Requests(Run()),
+                            "MMC_IOC_CMD opcode=302 write=1 arg=0 flags=0xb5 blksz=512 blocks=" +
+                                std::to_string(blocks) + " -> 0\n"),
+                      1);
             EXPECT_TRUE(Get("/device/downloaded.bin") ==
                         body + std::string(blocks * 512 - size, '\0'));
         }
@@ -152,9 +157,9 @@ TEST_F(EmmcTest, WholeImageReachesTheDevice) {
 TEST_F(EmmcTest, NodeIsOpenedWhereItsLinkLeads) {
     Make(NORMAL, {{EMMC_PACKAGE, ENTRY}, {"/dev/block/mmcblk0", MISSING}, {"/dev/block/real", ""}});
     std::filesystem::create_symlink("real", Path("/dev/block/mmcblk0"));
-    ExpectEnd(ConsoleText(Run({"open /dev/block/real #3 EACCES"})),
+    ExpectEnd(Console(Run({"open /dev/block/real #3 EACCES"})),
               "DoEmmc50Ffu,line=384: Could open /dev/block/mmcblk0\n" + UPDATE_FAIL);
-    ExpectEnd(ConsoleText(Run({"open /dev/block/real EACCES"})),
+    ExpectEnd(Console(Run({"open /dev/block/real EACCES"})),
               "EmmcGetExtCsd,line=249: Could not open /dev/block/real\n");
 }
 
@@ -164,16 +169,36 @@ TEST_F(EmmcTest, RegistersAreTakenInEitherCaseAndNeverGarbled) {
     Make(GKI, {{EMMC_PACKAGE, ENTRY}});
     std::string extCsd = Get(extCsdNode);
     Put(extCsdNode, extCsd.replace(1022, 2, "0x"));
-    ExpectEnd(ConsoleText(Run()),
+    ExpectEnd(Console(Run()),
               "EmmcGetExtCsd,line=267: ext_csd character 1023 is no hexadecimal digit\n");
     EXPECT_EQ(Left(), STOP);
     Put(extCsdNode, extCsd.replace(1022, 2, "00").replace(2 * 260, 4, "aBCd"));
-    Put(cidNode, Get(cidNode).replace(31, 1, " "));
+    Put(cidNode, Get(cidNode).replace(31, 1, "z"));
     const RunResult run = Run();
-    EXPECT_EQ(Count(SystemLog(run), "pnm:SIM064 current:FW0000\xAB\xCD, "), 1);
-    ExpectEnd(ConsoleText(run),
-              "EmmcGetCidFromSysfs,line=180: cid character 31 is no hexadecimal digit\n" + NO_CID);
+    EXPECT_EQ(Count(Steps(run), "pnm:SIM064 current:FW0000\xAB\xCD, "), 1);
+    ExpectEnd(Console(run),
+              "PrintCid,line=154: cidHex[31] = 0x7a\n"
+              "EmmcGetCidFromSysfs,line=180: cid character 31 is no hexadecimal digit\n" +
+                  NO_CID);
     EXPECT_EQ(Left(), FAIL);
+}
+
+// The body of the first entry for the device is told, whatever its revision; no other one's is.
+TEST(EmmcSelection, BodyIsTheFirstMatchingEntrys) {
+    const std::string others = OTHER_MID + With(ENTRY, EMMC_SIZE_FIELD, "\x7F");
+    EmmcFwHeader device;
+    memcpy(&device, EmmcEntry(EMMC_REV).data(), sizeof(device));
+    const auto select = [&](const std::string& package, const std::string& body, int status) {
+        const uint8_t* fwBody = nullptr;
+        uint32_t size = 0;
+        const auto* bytes = reinterpret_cast<const uint8_t*>(package.data());
+        EXPECT_EQ(EmmcFwhdrCheck(device, bytes, static_cast<int>(package.size()), fwBody, size),
+                  status);
+        EXPECT_EQ(std::string(fwBody, fwBody + size), body);
+    };
+    select(others, "", -ENOENT);
+    select(others + EmmcEntry(EMMC_REV, "same") + ENTRY, "same", -ENOENT);
+    select(others + EmmcEntry(EMMC_NEW_REV, "newer") + EmmcEntry(EMMC_REV), "newer", 0);
 }
 
 } // namespace

@@ -238,7 +238,7 @@ TEST_F(FwlabTest, MatchTellsBothDecisions) {
     const std::string oldName = With(UfsEntry("1000"), UFS_PNM_FIELD, "KLUEG8U1EM-B0B1\n");
     const std::string newName = With(UfsEntry("1000"), UFS_PNM_FIELD, "KLUEG8U1EM-REWK");
     const std::string large = EmmcEntry(EMMC_NEW_REV, Body(0x100001));
-    const Keys renamed = {{"product_name", "\"KLUEG8U1EM-B0B1\\n\""}, {"revision", "'0900'"}};
+    const Overrides renamed = {{"product_name", "\"KLUEG8U1EM-B0B1\\n\""}, {"revision", "'0900'"}};
     const struct {
         int status;
         std::string texts, phone, package, record = "";

@@ -48,6 +48,11 @@ const struct {
     {"body of one byte", EmmcEntry(EMMC_NEW_REV, "b"), FOUND + ANY_BASE},
     {"lower of two, runs already", EmmcEntry(EMMC_REV) + ENTRY, AsNew(EMMC_REV)},
     {"in another's body", With(EmmcEntry("9", ENTRY), EMMC_PNM_FIELD, "SIM06X"), FOUND + ANY_BASE},
+    {"in another's header",
+     With(With(ENTRY, EMMC_PNM_FIELD, "OTHER1"), EMMC_BASE_FIELD, "............EMMC")
+             .substr(0, 48) +
+         ENTRY.substr(4),
+     FOUND + ANY_BASE},
     {"body a byte too long", With(ENTRY, EMMC_SIZE_FIELD, BigEndian32(5)), NOT_FOUND},
     {"behind a cut one", With(ENTRY, EMMC_SIZE_FIELD, "\xFF\xFF\xFF\xFF") + EmmcEntry("FW000003"),
      Found("FW000003") + ANY_BASE},
@@ -68,6 +73,10 @@ const struct {
     {"UFS, name without blank", With(UFS_ENTRY, UFS_PNM_FIELD, "SIMUFS128G-B0B1"), NOT_FOUND, UFS},
     {"UFS, in another's body", With(UfsEntry("9", UFS_ENTRY), UFS_PNM_FIELD, ""),
      UFS_FOUND + ANY_BASE, UFS},
+    {"UFS, in another's header",
+     With(With(UFS_ENTRY, UFS_PNM_FIELD, ""), UFS_BASE_FIELD, "............UFSM").substr(0, 64) +
+         UFS_ENTRY.substr(4),
+     UFS_FOUND + ANY_BASE, UFS},
     {"UFS, runs already", UfsEntry(UFS_REV), AsNew(UFS_REV), UFS},
     {"UFS, body a byte too long", With(UFS_ENTRY, UFS_SIZE_FIELD, BigEndian32(5)), NOT_FOUND, UFS},
     {"UFS, last base", With(UFS_ENTRY, UFS_BASE_FIELD, "0500060007000800"), UFS_FOUND + ADMITTED,
@@ -87,19 +96,21 @@ TEST_F(PackageCheckTest, OnlyAnEntryForTheDeviceIsAttempted) {
                          {STATE + "/ffu.end", ""}});
         const std::string steps = Steps(Run({"open /data/vendor/fw/fw_result EROFS"}));
         EXPECT_EQ(steps, row.steps);
-        EXPECT_EQ(Left(), Count({steps}, ATTEMPTED) == 0 ? "ffu.end" : "ffu.bgn");
+        EXPECT_EQ(Left(), Count(steps, ATTEMPTED) == 0 ? "ffu.end" : "ffu.bgn");
     }
 }
 
 TEST_F(PackageCheckTest, UfsNeedsItsRevision) {
     Make(UFS);
-    for (const auto& [fault, told] :
-         Keys{{"open /proc/bootdevice/rev EACCES",
-               "Open UFS product rev node fail! Permission denied\n"},
-              {"read /proc/bootdevice/rev EIO", "Read UFS product rev fail! Input/output error\n"},
-              {"read /proc/bootdevice/rev short=3", "Read UFS product rev fail! "}}) {
+    const std::map<std::string, std::string> rows = {
+        {"open /proc/bootdevice/rev EACCES",
+         "GetCurrentRevUfs: Open UFS product rev node fail! Permission denied\n"},
+        {"read /proc/bootdevice/rev EIO",
+         "GetCurrentRevUfs: Read UFS product rev fail! Input/output error\n"},
+        {"read /proc/bootdevice/rev short=3", "GetCurrentRevUfs: Read UFS product rev fail! "}};
+    for (const auto& [fault, told] : rows) {
         const std::string steps = Steps(Run({fault}));
-        EXPECT_EQ(Count({steps}, "GetCurrentRevUfs: " + told), 1) << steps;
+        EXPECT_EQ(Count(steps, told), 1) << steps;
         ExpectEnd(steps, "GetDeviceInfo: Get local fw rev failed!\n");
         EXPECT_EQ(Left(), "ffu.bgn");
     }

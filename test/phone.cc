@@ -1,36 +1,32 @@
 // The fixture's side of phone.h. A phone that cannot be made fails its test at once.
 #include "test/phone.h"
 
+#include "simphone/description.h"
+
 #include <algorithm>
 #include <endian.h>
 #include <fcntl.h>
 #include <filesystem>
+#include <iterator>
 #include <regex>
 #include <set>
 #include <sstream>
+#include <stdexcept>
 
 namespace fs = std::filesystem;
 
 namespace {
 
-const char CLOCK[] = "2026-03-07T09:05:02.041";
-
-std::string Description(Keys keys, const Keys& defaults) {
-    keys.insert(defaults.begin(), defaults.end()); // where there is none
-    std::string text;
-    for (const auto& [key, value] : keys) {
-        text.append(key).append(" = ").append(value).append("\n");
+std::string ShippedDescription(const char* file, const Overrides& overrides) {
+    Texts settings;
+    for (const auto& [key, value] : overrides) {
+        settings.push_back(std::string(key).append("=").append(value));
+    }
+    std::string text, error;
+    if (!ReadDescriptionText(std::string(DESCRIPTIONS).append(file), settings, text, error)) {
+        throw std::invalid_argument(error);
     }
     return text;
-}
-
-Texts Split(const std::string& text, char end) {
-    std::istringstream stream(text);
-    Texts parts;
-    for (std::string part; std::getline(stream, part, end);) {
-        parts.push_back(part);
-    }
-    return parts;
 }
 
 // What the kernel and the vendor provide is looked at, not changed; but the node that updates.
@@ -68,34 +64,17 @@ void ExpectAllGivenBack(const RunResult& result) {
     EXPECT_TRUE(held.empty()) << *held.begin() << " is not given back";
 }
 
-std::string GkiPhone(const Keys& overrides) {
-    const Keys keys = {{"technology", "'emmc'"},
-                       {"mode", "'gki'"},
-                       {"revision", "'FW000001'"},
-                       {"ext_csd_rev", "8"},
-                       {"firmware.revision", "'FW000002'"},
-                       {"clock", CLOCK},
-                       {"cid.manufacturer_id", "0x13"},
-                       {"cid.product_name", "'SIM064'"},
-                       {"cid.product_revision", "0x10"},
-                       {"cid.serial_number", "0x1234ABCD"}};
-    return Description(overrides, keys);
+std::string GkiPhone(const Overrides& overrides) {
+    return ShippedDescription("/emmc.toml", overrides);
 }
 
-std::string NormalPhone(const Keys& overrides) {
-    Keys keys = overrides;
-    keys["mode"] = "'normal'";
-    return GkiPhone(keys);
+std::string NormalPhone(Overrides overrides) {
+    overrides["mode"] = "'normal'";
+    return GkiPhone(overrides);
 }
 
-std::string UfsPhone(const Keys& overrides) {
-    const Keys keys = {{"technology", "'ufs'"},
-                       {"manfid", "\"0x0001ce\\n\""},
-                       {"product_name", "\"SIMUFS128G-B0B1 \\n\""},
-                       {"revision", "'0800'"},
-                       {"firmware.revision", "'0900'"},
-                       {"clock", CLOCK}};
-    return Description(overrides, keys);
+std::string UfsPhone(const Overrides& overrides) {
+    return ShippedDescription("/ufs.toml", overrides);
 }
 
 std::string With(std::string entry, Place field, const std::string& value) {
@@ -130,6 +109,12 @@ std::string UfsEntry(const std::string& rev, const std::string& body) {
     entry = With(entry, UFS_REV_FIELD, rev);
     entry = With(entry, UFS_SIZE_FIELD, BigEndian32(static_cast<uint32_t>(body.size())));
     return entry + std::string(16, '\xFF') + body;
+}
+
+std::string AttemptRecord(const std::string& base, const std::string& target,
+                          const std::string& pnm) {
+    return CLOCK_TEXT + "product name:" + pnm + ", current fw version:" + base +
+           ", upgrading to version:" + target + "\n";
 }
 
 void PhoneTest::SetUp() {
@@ -189,17 +174,24 @@ std::string PhoneTest::Left() const {
     return names;
 }
 
-RunResult PhoneTest::RunAnyhow(const Texts& faults, const std::string& tool) const {
-    RunOptions options = {{}, Split(FFU_LAUNCHER, ' '), SIMPHONE_LIBRARY};
+RunResult PhoneTest::TryRun(const Texts& faults, const std::string& tool,
+                            const std::string& library) const {
+    std::istringstream words(FFU_LAUNCHER);
+    const Texts launcher(std::istream_iterator<std::string>(words), {});
+    RunOptions options = {{}, launcher, library};
     std::remove_copy(faults.begin(), faults.end(), std::back_inserter(options.faults), "");
-    RunResult result = RunTool(directory, tool, options);
+    return RunTool(directory, tool, options);
+}
+
+RunResult PhoneTest::RunAnyhow(const Texts& faults) const {
+    RunResult result = TryRun(faults);
     EXPECT_EQ(result.error, "");
     EXPECT_FALSE(result.timedOut);
     return result;
 }
 
-RunResult PhoneTest::Run(const Texts& faults, const std::string& tool) const {
-    RunResult result = RunAnyhow(faults, tool);
+RunResult PhoneTest::Run(const Texts& faults) const {
+    RunResult result = RunAnyhow(faults);
     EXPECT_EQ(result.signal, 0) << result.errors;
     ExpectAllGivenBack(result);
     ExpectOnlyRead(result);
@@ -211,42 +203,28 @@ void PhoneTest::Reboot() const {
     ASSERT_TRUE(RebootPhone(directory, error)) << error;
 }
 
-std::string ConsoleText(const RunResult& result) {
+std::string Console(const RunResult& result) {
     static const std::regex stamp(R"(\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d \d{3}\] )");
     return std::regex_replace(result.console, stamp, "");
 }
 
-Texts Console(const RunResult& result) {
-    return Split(ConsoleText(result), '\n');
-}
-
-Texts SystemLog(const RunResult& result) {
-    Texts texts;
+std::string Requests(const RunResult& result) {
+    std::string requests;
     for (const CallEntry& call : result.calls) {
-        if (call.IsMessage()) {
-            EXPECT_EQ(call.arguments, "priority=6 tag=-") << call.text;
-            texts.push_back(call.text);
-        }
+        requests += call.IsRequest() ? call.text + "\n" : "";
     }
-    return texts;
-}
-
-Texts Requests(const RunResult& result) {
-    Texts texts;
-    for (const CallEntry& call : result.calls) {
-        if (call.IsRequest()) {
-            texts.push_back(call.text);
-        }
-    }
-    return texts;
+    return requests;
 }
 
 std::string Steps(const RunResult& result) {
     const std::string start = "FFU process ";
     std::string steps;
-    for (const std::string& text : SystemLog(result)) {
-        EXPECT_EQ(text.substr(0, start.size()), start);
-        steps += text.substr(std::min(start.size(), text.size()));
+    for (const CallEntry& call : result.calls) {
+        if (call.IsMessage()) {
+            EXPECT_EQ(call.arguments, "priority=6 tag=-") << call.text;
+            EXPECT_EQ(call.text.rfind(start, 0), 0U) << call.text;
+            steps += call.text.substr(std::min(start.size(), call.text.size()));
+        }
     }
     return steps;
 }
@@ -255,8 +233,10 @@ void ExpectEnd(const std::string& text, const std::string& end) {
     EXPECT_EQ(text.substr(text.size() - std::min(text.size(), end.size())), end);
 }
 
-long Count(const Texts& log, const std::string& text) {
-    return std::count_if(log.begin(), log.end(), [&](const std::string& entry) {
-        return entry.find(text) != std::string::npos;
-    });
+long Count(const std::string& text, const std::string& part) {
+    long count = 0;
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
+        count++;
+    }
+    return count;
 }

@@ -13,9 +13,9 @@
 #include <vector>
 
 using Texts = std::vector<std::string>;
-using Keys = std::map<std::string, std::string>;  // of a description; the values as TOML has them
-using Files = std::map<std::string, std::string>; // path on the phone and content
-inline const std::string MISSING = "<missing>";   // the content of a file that is not there
+using Overrides = std::map<std::string, std::string>; // keys of a description, values in TOML
+using Files = std::map<std::string, std::string>;     // path on the phone and content
+inline const std::string MISSING = "<missing>";       // the content of a file that is not there
 
 // The two phones of the tests, and the firmware that they run.
 inline const std::string EMMC_PNM = "SIM064";
@@ -29,13 +29,17 @@ inline const std::string UFS_NEW_REV = "0900";
 inline const std::string EMMC_PACKAGE = "/vendor/firmware/emmc_emer_fw.bin";
 inline const std::string UFS_PACKAGE = "/vendor/firmware/ufs_emer_fw.bin";
 inline const std::string STATE = "/data/vendor/fw";
+// What is left there by a run that passed, that failed, and that found nothing to do.
+inline const std::string PASS = "ffu.end ffu.ok fw_result";
+inline const std::string FAIL = "ffu.bgn ffu.fail fw_result";
+inline const std::string NOTHING = "ffu.end fw_result";
 // The phones' clock, in the state files.
 inline const std::string CLOCK_TEXT = "Sat Mar  7 09:05:02 2026\n";
 
-// Descriptions; `overrides` replaces or adds keys, such as {{"ext_csd_rev", "6"}}.
-std::string GkiPhone(const Keys& overrides = {});
-std::string NormalPhone(const Keys& overrides = {});
-std::string UfsPhone(const Keys& overrides = {});
+// The shipped descriptions; `overrides` replaces or adds keys, such as {{"ext_csd_rev", "6"}}.
+std::string GkiPhone(const Overrides& overrides = {});
+std::string NormalPhone(Overrides overrides = {});
+std::string UfsPhone(const Overrides& overrides = {});
 
 // The bytes of package entries, put together from the format's offsets.
 struct Place {
@@ -53,6 +57,9 @@ std::string UfsEntry(const std::string& rev = UFS_NEW_REV, const std::string& bo
 // `entry` with another value in one field, zeros behind it.
 std::string With(std::string entry, Place field, const std::string& value);
 std::string BigEndian32(uint32_t number);
+// A record of an attempt.
+std::string AttemptRecord(const std::string& base, const std::string& target,
+                          const std::string& pnm = EMMC_PNM);
 // `size` bytes in which no two blocks are alike and no magic occurs.
 std::string Body(size_t size);
 
@@ -74,9 +81,11 @@ protected:
 
     // One run of the tool; it must end by itself and give back what it acquired. An empty text is
     // no fault.
-    RunResult Run(const Texts& faults = {}, const std::string& tool = FFU_PATH) const;
-    // One run that may end in any way, such as by a power cut.
-    RunResult RunAnyhow(const Texts& faults, const std::string& tool = FFU_PATH) const;
+    RunResult Run(const Texts& faults = {}) const;
+    // One run that may end in any way, such as by a power cut; one that may not even start.
+    RunResult RunAnyhow(const Texts& faults) const;
+    RunResult TryRun(const Texts& faults, const std::string& tool = FFU_PATH,
+                     const std::string& library = SIMPHONE_LIBRARY) const;
     void Reboot() const;
 
     std::string directory;
@@ -86,14 +95,10 @@ protected:
 // LeakSanitizer's.
 void ExpectAllGivenBack(const RunResult& result);
 
-// The console without any time stamp, whole and line by line.
-std::string ConsoleText(const RunResult& result);
-Texts Console(const RunResult& result);
-// The texts, line ends included; each must have come untagged at error priority.
-Texts SystemLog(const RunResult& result);
-Texts Requests(const RunResult& result);
-
-// The system log as one text, without the "FFU process " that each message must begin with.
+// The console without any time stamp; the device's requests, a line each; the system log without
+// the "FFU process " that each message must begin with, untagged and at error priority.
+std::string Console(const RunResult& result);
+std::string Requests(const RunResult& result);
 std::string Steps(const RunResult& result);
 void ExpectEnd(const std::string& text, const std::string& end);
-long Count(const Texts& log, const std::string& text); // of the entries that contain it
+long Count(const std::string& text, const std::string& part);

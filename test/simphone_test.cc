@@ -1,11 +1,13 @@
 // The simulated device refuses what a device would refuse: a tool that sends it cannot pass its
 // rehearsal. A power cut leaves what a file system may leave, and a fault that did nothing is told.
+#include "simphone/device.h"
 #include "simphone/power_loss.h"
 #include "test/phone.h"
 
+#include <array>
+#include <cerrno>
+#include <fcntl.h>
 #include <filesystem>
-#include <iterator>
-#include <sstream>
 
 namespace {
 
@@ -16,49 +18,100 @@ protected:
         for (const auto& [name, content] : before) {
             Put(STATE + "/" + name, content);
         }
-        std::istringstream words(FFU_LAUNCHER);
-        const Texts launcher(std::istream_iterator<std::string>(words), {});
-        return RunTool(directory, FFU_PATH, {faults, launcher, SIMPHONE_LIBRARY});
+        return TryRun(faults);
     }
 };
 
 TEST_F(SimphoneTest, EmmcDriverRefusesOddRequests) {
+    static uint8_t data[512];
+    mmc_ioc_cmd download = {};
+    download.write_flag = 1;
+    download.opcode = 302;
+    download.flags = 0xB5;
+    download.blksz = 512;
+    download.blocks = 1;
+    mmc_ioc_cmd_set_data(download, data);
+    mmc_ioc_cmd install = {};
+    install.opcode = 303;
+    install.flags = 0xB5;
+    install.blksz = 512;
+    const struct {
+        const char* name;
+        int error;
+        mmc_ioc_cmd request;
+        void (*change)(mmc_ioc_cmd& request);
+        int openFlags = O_RDWR;
+    } rows[] = {
+        {"install before download", EINVAL, install, [](auto&) {}},
+        {"download as a read", EINVAL, download, [](auto& request) { request.write_flag = 0; }},
+        {"download of no block", EINVAL, download, [](auto& request) { request.blocks = 0; }},
+        {"download without data", EFAULT, download, [](auto& request) { request.data_ptr = 0; }},
+        {"block size", EINVAL, download, [](auto& request) { request.blksz = 4096; }},
+        {"flags", EINVAL, download, [](auto& request) { request.flags = 0x35; }},
+        {"argument", EINVAL, download, [](auto& request) { request.arg = 1; }},
+        {"application command", EINVAL, download, [](auto& request) { request.is_acmd = 1; }},
+        {"SWITCH", EINVAL, download, [](auto& request) { request.opcode = 6; }},
+        {"EXT_CSD as a write", EINVAL, download, [](auto& request) { request.opcode = 8; }},
+        {"read-only descriptor", EPERM, download, [](auto&) {}, O_RDONLY},
+        {"download", 0, download, [](auto&) {}},
+        {"install with data", EINVAL, install,
+         [](auto& request) { mmc_ioc_cmd_set_data(request, data); }},
+        {"install", 0, install, [](auto&) {}},
+    };
     Make(NormalPhone());
-    EXPECT_EQ(Run({}, ODD_REQUESTS_PATH).console, "install before download: EINVAL\n"
-                                                  "download as a read: EINVAL\n"
-                                                  "download of no block: EINVAL\n"
-                                                  "download without data: EFAULT\n"
-                                                  "block size: EINVAL\n"
-                                                  "flags: EINVAL\n"
-                                                  "argument: EINVAL\n"
-                                                  "application command: EINVAL\n"
-                                                  "SWITCH: EINVAL\n"
-                                                  "EXT_CSD as a write: EINVAL\n"
-                                                  "download on a read-only descriptor: EPERM\n"
-                                                  "download: taken\n"
-                                                  "install with data: EINVAL\n"
-                                                  "install: taken\n");
+    for (const auto& row : rows) {
+        mmc_ioc_cmd request = row.request;
+        row.change(request);
+        EXPECT_EQ(AnswerMmc(directory, false, row.openFlags, request), row.error) << row.name;
+    }
 }
 
 // SPC: key 5 is ILLEGAL REQUEST; ASC 20 operation code, 24 field in CDB, 1A parameter list length.
 TEST_F(SimphoneTest, UfsDeviceRefusesOddCommands) {
+    const struct {
+        const char* name;
+        int error, status, key, asc;
+        void (*change)(sg_io_hdr& request, uint8_t* cdb);
+    } rows[] = {
+        {"operation code", 0, 2, 5, 0x20, [](auto&, uint8_t* cdb) { cdb[0] = 0x3C; }},
+        {"mode", 0, 2, 5, 0x24, [](auto&, uint8_t* cdb) { cdb[1] = 0x0F; }},
+        {"mode specific", 0, 2, 5, 0x24, [](auto&, uint8_t* cdb) { cdb[1] = 0x2E; }},
+        {"buffer ID", 0, 2, 5, 0x24, [](auto&, uint8_t* cdb) { cdb[2] = 1; }},
+        {"buffer offset", 0, 2, 5, 0x24, [](auto&, uint8_t* cdb) { cdb[5] = 1; }},
+        {"control", 0, 2, 5, 0x24, [](auto&, uint8_t* cdb) { cdb[9] = 4; }},
+        {"command length", 0, 2, 5, 0x24, [](auto& request, uint8_t*) { request.cmd_len = 12; }},
+        {"parameter list length", 0, 2, 5, 0x1A, [](auto&, uint8_t* cdb) { cdb[8] = 1; }},
+        {"direction", 0, 2, 5, 0x1A,
+         [](auto& request, uint8_t*) { request.dxfer_direction = SG_DXFER_FROM_DEV; }},
+        {"no data", EFAULT, 0, 0, 0, [](auto& request, uint8_t*) { request.dxferp = nullptr; }},
+        {"interface", EINVAL, 0, 0, 0, [](auto& request, uint8_t*) { request.interface_id = 'Q'; }},
+        {"in order", 0, 0, 0, 0, [](auto&, uint8_t*) {}},
+    };
     Make(UfsPhone());
-    EXPECT_EQ(Run({}, ODD_REQUESTS_PATH).console, "operation code: status 2 key 5 ASC 20\n"
-                                                  "mode: status 2 key 5 ASC 24\n"
-                                                  "mode specific: status 2 key 5 ASC 24\n"
-                                                  "buffer ID: status 2 key 5 ASC 24\n"
-                                                  "buffer offset: status 2 key 5 ASC 24\n"
-                                                  "control: status 2 key 5 ASC 24\n"
-                                                  "command length: status 2 key 5 ASC 24\n"
-                                                  "parameter list length: status 2 key 5 ASC 1a\n"
-                                                  "direction: status 2 key 5 ASC 1a\n"
-                                                  "no data: EFAULT\n"
-                                                  "interface: EINVAL\n"
-                                                  "in order: status 0 key 0 ASC 00\n");
+    for (const auto& row : rows) {
+        uint8_t data[512] = {}, sense[32] = {};
+        uint8_t cdb[16] = {0x3B, 0x0E, 0, 0, 0, 0, 0, 2, 0, 0};
+        sg_io_hdr request = {};
+        request.interface_id = 'S';
+        request.dxfer_direction = SG_DXFER_TO_DEV;
+        request.cmd_len = 10;
+        request.mx_sb_len = sizeof(sense);
+        request.dxfer_len = sizeof(data);
+        request.dxferp = data;
+        request.cmdp = cdb;
+        request.sbp = sense;
+        row.change(request, cdb);
+        std::string response;
+        const int error = AnswerScsi(directory, {}, 0, O_RDWR, request, response);
+        EXPECT_EQ(error, row.error) << row.name;
+        EXPECT_EQ((std::array<int, 3>{request.status, sense[2], sense[12]}),
+                  (std::array<int, 3>{row.status, row.key, row.asc}))
+            << row.name;
+        EXPECT_EQ(Get("/device/pending") == MISSING, &row != std::end(rows) - 1) << row.name;
+    }
 }
 
-const std::string ATTEMPT = CLOCK_TEXT + "product name:SIM064, current fw version:FW000001, "
-                                         "upgrading to version:FW000002\n";
+const std::string ATTEMPT = AttemptRecord(EMMC_REV, EMMC_NEW_REV);
 const std::string EARLIER = "current fw version:A, upgrading to version:B\n";
 const Files OLD = {{"fw_result", EARLIER}, {"ffu.ok", "passed"}, {"ffu.end", ""}};
 const Files NO_DIRECTORY = {{"no", "directory"}};
@@ -142,19 +195,17 @@ TEST_F(SimphoneTest, EachStateAfterAPowerCutCanBeMade) {
 // A tool whose calls did not reach the phone would work on this machine instead.
 TEST_F(SimphoneTest, ToolNeverRunsWithoutItsPhone) {
     Make(GkiPhone(), {{EMMC_PACKAGE, EmmcEntry()}, {"/tool", "#!/bin/sh\ntouch \"$0.ran\"\n"}});
-    std::istringstream words(FFU_LAUNCHER);
-    const Texts launcher(std::istream_iterator<std::string>(words), {});
     const std::string library = Path("/a b:c/libsimphone.so"), tool = Path("/tool");
     std::filesystem::create_directory(Path("/a b:c"));
     std::filesystem::copy_file(SIMPHONE_LIBRARY, library);
-    EXPECT_EQ(Requests(RunTool(directory, FFU_PATH, {{}, launcher, library})).size(), 1U);
+    EXPECT_EQ(Requests(TryRun({}, FFU_PATH, library)), "GKI write 4 -> 4\n");
 
     std::filesystem::permissions(tool, std::filesystem::perms::owner_all);
-    EXPECT_NE(RunTool(directory, tool, {{}, launcher, SIMPHONE_LIBRARY}).error, "");
+    EXPECT_NE(TryRun({}, tool).error, "");
     EXPECT_EQ(Get("/tool.ran"), MISSING);
     Put("/damaged.so", "simphone_attach");
-    EXPECT_NE(RunTool(directory, FFU_PATH, {{}, launcher, Path("/damaged.so")}).error, "");
-    EXPECT_NE(RunTool(directory, FFU_PATH, {{}, launcher, tool}).error, "");
+    EXPECT_NE(TryRun({}, FFU_PATH, Path("/damaged.so")).error, "");
+    EXPECT_NE(TryRun({}, FFU_PATH, tool).error, "");
     std::string error;
     EXPECT_FALSE(MakePhone(Path("/phone.toml"), {}, directory, error)); // one is there
 }

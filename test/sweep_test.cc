@@ -55,9 +55,9 @@ const std::regex NOTHING_TO_DO("CheckFwBin: (fw file|pnm) not found|CheckFwBin: 
 // Each on a first run, and after an attempt at another revision.
 std::vector<Scenario> Scenarios() {
     const std::string emmc = EmmcEntry(EMMC_NEW_REV, BODY), ufs = UfsEntry(UFS_NEW_REV, BODY);
-    const Keys gkiRefused = {{"faults", "['write /proc/bootdevice/ffu EIO']"}},
-               noDownload = {{"faults", "['FFU_DOWNLOAD EIO']"}},
-               noInstall = {{"faults", "['FFU_INSTALL EIO']"}};
+    const Overrides gkiRefused = {{"faults", "['write /proc/bootdevice/ffu EIO']"}},
+                    noDownload = {{"faults", "['FFU_DOWNLOAD EIO']"}},
+                    noInstall = {{"faults", "['FFU_INSTALL EIO']"}};
     std::vector<Scenario> scenarios = {
         {"GKI", GkiPhone(), emmc, "G"},
         {"GKI, refused", GkiPhone(gkiRefused), emmc, "gggg"},

@@ -1,6 +1,6 @@
 // The UFS update: identity, selection, download, trigger test, verdict. A failure here means a
 // phone that gets a firmware not meant for it, gets it in part, or is told a false outcome.
-#include "test/phone.h"
+#include "test/in_process.h"
 
 #include "ufs/ufs_identity.h"
 #include "ufs/ufs_selection.h"
@@ -18,8 +18,6 @@ namespace {
 
 class UfsTest : public PhoneTest {};
 
-const std::string PASS = "ffu.end ffu.ok fw_result", FAIL = "ffu.bgn ffu.fail fw_result";
-const std::string NOTHING = "ffu.end fw_result";
 const std::string BODY_FILE = "/data/vendor/fw/ufs_fw_body.bin";
 const std::string TRIGGER_FILE = "/splash2/test_ffu_trigger.tmp";
 
@@ -30,12 +28,11 @@ Texts Course(const RunResult& run) {
     std::string path;
     for (const CallEntry& call : run.calls) {
         const bool isDirect = call.function == "open" &&
-                              (std::stoi(call.arguments.substr(6), nullptr, 16) & O_DIRECT) != 0;
+                              (std::stoi(Argument(call, "flags"), nullptr, 0) & O_DIRECT) != 0;
         const std::string name = call.path.substr(call.path.rfind('/') + 1);
         const std::string step = " " + call.function + (isDirect ? "-direct" : "");
-        if (Count({"memalign", "posix_memalign", "sleep"}, call.function) > 0) {
-            course.push_back(step + " " +
-                             call.arguments.substr(0, call.arguments.find(" pointer")));
+        if (call.function == "sleep" || call.function.find("memalign") != std::string::npos) {
+            course.push_back(step + " " + call.arguments);
         } else if (name == "-" || name == "devices" || call.function == "fstat") {
             continue;
         } else if (call.path == path) {
@@ -73,16 +70,12 @@ std::string Identity(const std::string& mid = UFS_MID, const std::string& pnm = 
 // Messages that more than one test expects.
 const std::string NO_SIZE = "UfsFfu,line=461: Get fw size error!\n";
 const std::string NO_DEVICE = "UfsFfu,line=475: get ufs local device info fail!\n";
-const std::string NO_MID = "187: read manufacture ID error!\n" + NO_DEVICE;
-const std::string FIND = "GetUfsFwFromFwBin,line=316: ufs fw find, fwNum=";
 const std::string PASS_OVER = "GetUfsFwFromFwBin,line=326: firmware not match\n";
-const std::string NO_OLD_BODY = "SaveFwBodyToFile,line=268: SaveFwBodyToFile unlink " + BODY_FILE +
-                                " failed, maybe not exist\n";
 const std::string NOT_NEEDED = "UfsFfu,line=481: ufs not need update...\n";
-const std::string WB = "ufs_ffu_write_buffer,line=";
-const std::string BEGIN = WB + "288: UFS_FFU_WRITE_BUFFER_FIX_ARGUMENT begin to execute!\n";
-const std::string BEGIN_S = WB + "260: device: S******\n" + BEGIN;
-const std::string END = WB + "428: UFS_FFU_WRITE_BUFFER_FIX_ARGUMENT done!\n";
+const std::string BEGIN =
+    "ufs_ffu_write_buffer,line=288: UFS_FFU_WRITE_BUFFER_FIX_ARGUMENT begin to execute!\n";
+const std::string BEGIN_S = "ufs_ffu_write_buffer,line=260: device: S******\n" + BEGIN;
+const std::string END = "ufs_ffu_write_buffer,line=428: UFS_FFU_WRITE_BUFFER_FIX_ARGUMENT done!\n";
 const std::string RESET = "scsi_reset,line=204: reset after ffu fail, reset type = 3\n";
 const std::string SENT = "sg_ll_write_buffer_v2,line=160: \n"; // the last before the command
 
@@ -90,7 +83,7 @@ const std::string SENT = "sg_ll_write_buffer_v2,line=160: \n"; // the last befor
 std::string Refused(int category) {
     char words[80] = {};
     sg_get_category_sense_str(category, sizeof(words), words, 1);
-    return WB + "424: Write buffer failed: " + words + "\n";
+    return std::string("ufs_ffu_write_buffer,line=424: Write buffer failed: ") + words + "\n";
 }
 
 // The verdict, with or without the trigger test before it.
@@ -103,8 +96,7 @@ std::string Verdict(int code, const std::string& trigger = TRIGGER) {
 
 TEST_F(UfsTest, OneTypicalRunInItsNineSteps) {
     const std::string body = Body(0x1A2B4);
-    const std::string attempt = "product name:SIMUFS128G-B0B1 , current fw version:";
-    const std::string earlier = CLOCK_TEXT + attempt + "0700, upgrading to version:0800\n";
+    const std::string earlier = AttemptRecord("0700", "0800", UFS_PNM);
     const std::string other = With(UfsEntry("1000", "x"), UFS_PNM_FIELD, "OTHER");
     Make(UfsPhone(), {{UFS_PACKAGE, other + UfsEntry("0900", body)},
                       {STATE + "/fw_result", earlier},
@@ -138,34 +130,47 @@ TEST_F(UfsTest, OneTypicalRunInItsNineSteps) {
         "ffu.bgn remove", "ffu.end open close"};
     EXPECT_EQ(Course(run), course);
     EXPECT_EQ(run.exitStatus, 0);
-    std::string cdb;
-    for (const std::string byte : {"3b", "0e", "00", "00", "00", "00", "01", "a2", "b4", "00"}) {
-        cdb += "sg_ll_write_buffer_v2,line=159: " + byte + " \n";
-    }
-    EXPECT_EQ(
-        ConsoleText(run),
-        "GetFwSize,line=118: ufsFwSize=0x1a335\n" + Identity() + FIND + "1, fwSize=0x1\n" +
-            PASS_OVER + FIND +
-            "2, fwSize=0x1a2b4\n"
-            "GetUfsFwFromFwBin,line=320: ufsCurrentFwOffset=0x81\n"
-            "GetUfsFwFromFwBin,line=321: ufsCurrentFwSize=0x1a2b4\n"
-            "GetUfsFwFromFwBin,line=322: firmware file match\n"
-            "FwVerCheck,line=256: firmware match, but ufs_fw_rev not equal\n"
-            "GetUfsFwFromFwBin,line=335: Save fw body to file ...\n" +
-            NO_OLD_BODY + "SaveFwBodyToFile,line=282: wirte UFS_FW_BODY_TMP success\n" + BEGIN_S +
-            WB + "372: tried to read 8388608 bytes from " + BODY_FILE + ", got 107188 bytes\n" +
-            WB + "373: will write 107188 bytes\n" + WB + "378: \n" + WB +
-            "414: sending single write buffer, mode=0xe, mpsec=0, id=0, offset=0, len=107188\n"
-            "sg_ll_write_buffer_v2,line=157:     Write buffer cmd: \n" +
-            cdb + SENT + END + Verdict(0));
-    EXPECT_EQ(Requests(run), Texts{"SG_IO WRITE BUFFER cdb=3b0e0000000001a2b400 data=107188 "
-                                   "timeout=300000ms -> GOOD"});
+    EXPECT_EQ(Console(run), "GetFwSize,line=118: ufsFwSize=0x1a335\n" + Identity() +
+                                R"(GetUfsFwFromFwBin,line=316: ufs fw find, fwNum=1, fwSize=0x1
+GetUfsFwFromFwBin,line=326: firmware not match
+GetUfsFwFromFwBin,line=316: ufs fw find, fwNum=2, fwSize=0x1a2b4
+GetUfsFwFromFwBin,line=320: ufsCurrentFwOffset=0x81
+GetUfsFwFromFwBin,line=321: ufsCurrentFwSize=0x1a2b4
+GetUfsFwFromFwBin,line=322: firmware file match
+FwVerCheck,line=256: firmware match, but ufs_fw_rev not equal
+GetUfsFwFromFwBin,line=335: Save fw body to file ...
+SaveFwBodyToFile,line=268: SaveFwBodyToFile unlink /data/vendor/fw/ufs_fw_body.bin failed, maybe not exist
+SaveFwBodyToFile,line=282: wirte UFS_FW_BODY_TMP success
+ufs_ffu_write_buffer,line=260: device: S******
+ufs_ffu_write_buffer,line=288: UFS_FFU_WRITE_BUFFER_FIX_ARGUMENT begin to execute!
+ufs_ffu_write_buffer,line=372: tried to read 8388608 bytes from /data/vendor/fw/ufs_fw_body.bin, got 107188 bytes
+ufs_ffu_write_buffer,line=373: will write 107188 bytes
+ufs_ffu_write_buffer,line=378: 
+ufs_ffu_write_buffer,line=414: sending single write buffer, mode=0xe, mpsec=0, id=0, offset=0, len=107188
+sg_ll_write_buffer_v2,line=157:     Write buffer cmd: 
+sg_ll_write_buffer_v2,line=159: 3b 
+sg_ll_write_buffer_v2,line=159: 0e 
+sg_ll_write_buffer_v2,line=159: 00 
+sg_ll_write_buffer_v2,line=159: 00 
+sg_ll_write_buffer_v2,line=159: 00 
+sg_ll_write_buffer_v2,line=159: 00 
+sg_ll_write_buffer_v2,line=159: 01 
+sg_ll_write_buffer_v2,line=159: a2 
+sg_ll_write_buffer_v2,line=159: b4 
+sg_ll_write_buffer_v2,line=159: 00 
+sg_ll_write_buffer_v2,line=160: 
+ufs_ffu_write_buffer,line=428: UFS_FFU_WRITE_BUFFER_FIX_ARGUMENT done!
+FileWriteForTrigger,line=361: trigger test begin
+DoUfsFfu,line=431: ufs firmware update ret code = 0
+DoUfsFfu,line=433: ufs firmware update success...
+)");
+    EXPECT_EQ(Requests(run), "SG_IO WRITE BUFFER cdb=3b0e0000000001a2b400 data=107188 "
+                             "timeout=300000ms -> GOOD\n");
     const std::regex copy("[^\n]* FFU process [^\n]*\n\n?"); // of the system log, by the host
     EXPECT_EQ(std::regex_replace(run.errors, copy, ""), "");
-    const Files state = {
-        {"ffu.end", ""},
-        {"ffu.ok", CLOCK_TEXT},
-        {"fw_result", earlier + CLOCK_TEXT + attempt + "0800, upgrading to version:0900\n"}};
+    const Files state = {{"ffu.end", ""},
+                         {"ffu.ok", CLOCK_TEXT},
+                         {"fw_result", earlier + AttemptRecord("0800", "0900", UFS_PNM)}};
     EXPECT_EQ(State(), state);
     EXPECT_TRUE(Get("/device/downloaded.bin") == body);
     EXPECT_EQ(Get(TRIGGER_FILE), MISSING);
@@ -178,11 +183,17 @@ std::string Refuse(int category) {
 // Whatever the outcome: at most one command is sent, and the trigger test follows.
 TEST_F(UfsTest, EveryOutcomeOfADownload) {
     const std::string noReset = "scsi_reset,line=207: sg_reset fail, ret = -1\n" + END;
-    const std::string noNode = "open error: /dev/block/sdc: No such device or address\n";
-    const std::string notClosed = WB + "435: close error: Input/output error\n";
-    const std::string noObject = "sg_ll_write_buffer_v2: out of memory\n" + Refused(-1) + RESET;
-    const std::string notOpened = "could not open " + BODY_FILE + " for reading: Permission denied";
-    const std::string notRead = "couldn't read from " + BODY_FILE + ": Input/output error\n";
+    const std::string noNode = "ufs_ffu_write_buffer,line=313: sg_write_buffer: open error: "
+                               "/dev/block/sdc: No such device or address\n";
+    const std::string notClosed =
+        "ufs_ffu_write_buffer,line=435: close error: Input/output error\n";
+    const std::string noMemory = "ufs_ffu_write_buffer,line=320: sg_write_buffer: out of memory\n";
+    const std::string noObject =
+        "sg_ll_write_buffer_v2,line=171: sg_ll_write_buffer_v2: out of memory\n";
+    const std::string notOpened = "sg_write_buffer: could not open "
+                                  "/data/vendor/fw/ufs_fw_body.bin for reading: Permission denied";
+    const std::string notRead = "sg_write_buffer: couldn't read from "
+                                "/data/vendor/fw/ufs_fw_body.bin: Input/output error\n";
     const struct {
         std::string answer, fault; // of the device, to the one command
         std::string told;          // up to the trigger test
@@ -201,11 +212,11 @@ TEST_F(UfsTest, EveryOutcomeOfADownload) {
         {"host 3", "", Refuse(-1), 99, "Write buffer:"},
         {"driver 6", "", Refuse(-1), 99, "Write buffer:"},
         {"good", "SG_IO ENODEV", Refuse(-1), 99, "Write buffer"},
-        {"good", "calloc #2 ENOMEM", "sg_ll_write_buffer_v2,line=171: " + noObject + END, 99},
-        {"good", "memalign ENOMEM", BEGIN_S + WB + "320: sg_write_buffer: out of memory\n", 1},
-        {"good", "open /dev/block/sdc ENXIO", BEGIN_S + WB + "313: sg_write_buffer: " + noNode, 15},
-        {"good", "open " + BODY_FILE + " EACCES", BEGIN_S, 15, "sg_write_buffer: " + notOpened},
-        {"good", "read " + BODY_FILE + " EIO", BEGIN_S, 15, "sg_write_buffer: " + notRead},
+        {"good", "calloc #2 ENOMEM", noObject + Refused(-1) + RESET + END, 99},
+        {"good", "memalign ENOMEM", BEGIN_S + noMemory, 1},
+        {"good", "open /dev/block/sdc ENXIO", BEGIN_S + noNode, 15},
+        {"good", "open " + BODY_FILE + " EACCES", BEGIN_S, 15, notOpened},
+        {"good", "read " + BODY_FILE + " EIO", BEGIN_S, 15, notRead},
         {"good", "close /dev/block/sdc EIO", SENT + END + notClosed, 15},
         {"status 0x08", "close /dev/block/sdc EIO", Refuse(26) + notClosed, 26},
         {"status 0x08", "SG_SCSI_RESET EBUSY", Refused(26) + RESET + noReset, 26},
@@ -215,33 +226,34 @@ TEST_F(UfsTest, EveryOutcomeOfADownload) {
         Make(UfsPhone({{"write_buffer", "'" + row.answer + "'"}}), {{UFS_PACKAGE, UfsEntry()}});
         const RunResult run = Run({row.fault});
         EXPECT_EQ(run.exitStatus, 0);
-        ExpectEnd(ConsoleText(run), row.told + Verdict(row.code));
+        ExpectEnd(Console(run), row.told + Verdict(row.code));
         EXPECT_LE(Count(Requests(run), "SG_IO"), 1);
-        EXPECT_EQ(Count(Requests(run), "SG_SCSI_RESET type=3 "), Count({row.told}, RESET));
+        EXPECT_EQ(Count(Requests(run), "SG_SCSI_RESET type=3 "), Count(row.told, RESET));
         EXPECT_NE(run.errors.find(row.errors), std::string::npos) << run.errors;
         EXPECT_EQ(Left(), row.code == 0 ? PASS : FAIL);
     }
 }
 
 TEST_F(UfsTest, OneManufacturersHostIsResetAfterAFailure) {
-    const std::string unknown = "281: UFS_FFU_WRITE_BUFFER_FIX_ARGUMENT MID_UNKNOWN, use default !";
-    const Keys makers = {{"0x0001ad", "250: device: H****"},
-                         {"0x000198", "255: device: T******"},
-                         {"0x0001ce", "260: device: S******"},
-                         {"0x00012c", "266: device: M*****"},
-                         {"0x0008b6", "271: device: KQ****"},
-                         {"0x000145", "276: device: SAN****"},
-                         {"0x0001CE", unknown},
-                         {"0x0001cf", unknown}};
+    const std::string unknown =
+        R"(ufs_ffu_write_buffer,line=281: UFS_FFU_WRITE_BUFFER_FIX_ARGUMENT MID_UNKNOWN, use default !)";
+    const std::map<std::string, std::string> makers = {
+        {"0x0001ad", "ufs_ffu_write_buffer,line=250: device: H****"},
+        {"0x000198", "ufs_ffu_write_buffer,line=255: device: T******"},
+        {"0x0001ce", "ufs_ffu_write_buffer,line=260: device: S******"},
+        {"0x00012c", "ufs_ffu_write_buffer,line=266: device: M*****"},
+        {"0x0008b6", "ufs_ffu_write_buffer,line=271: device: KQ****"},
+        {"0x000145", "ufs_ffu_write_buffer,line=276: device: SAN****"},
+        {"0x0001CE", unknown},
+        {"0x0001cf", unknown}};
     for (const auto& [mid, message] : makers) {
         SCOPED_TRACE(mid);
         Make(UfsPhone({{"manfid", "'''" + mid + "'''"}, {"write_buffer", "'status 0x08'"}}),
              {{UFS_PACKAGE, With(UfsEntry(), UFS_MID_FIELD, mid)}});
         const RunResult run = Run();
-        EXPECT_EQ(Count({ConsoleText(run)}, "\n" + WB + message + "\n" + BEGIN), 1);
+        EXPECT_EQ(Count(Console(run), "\n" + message + "\n" + BEGIN), 1);
         EXPECT_EQ(Count(Requests(run), "SG_SCSI_RESET"), mid == UFS_MID ? 1 : 0);
-        ExpectEnd(ConsoleText(run),
-                  Refused(26) + (mid == UFS_MID ? RESET : "") + END + Verdict(26));
+        ExpectEnd(Console(run), Refused(26) + (mid == UFS_MID ? RESET : "") + END + Verdict(26));
     }
 }
 
@@ -253,8 +265,47 @@ TEST_F(UfsTest, OneCommandCarriesTheBodyUpTo8MiB) {
         Make(UfsPhone(), {{UFS_PACKAGE, UfsEntry(UFS_NEW_REV, body)}});
         const RunResult run = Run();
         EXPECT_EQ(Count(Requests(run), data), 1);
-        EXPECT_EQ(Count(Console(run), WB + "372: tried to read"), sent == body ? 1 : 0);
+        EXPECT_EQ(
+            Count(Console(run), "ufs_ffu_write_buffer,line=372: tried to read 8388608 bytes from "),
+            sent == body ? 1 : 0);
         EXPECT_TRUE(Get("/device/downloaded.bin") == (size == 0 ? MISSING : sent));
+    }
+}
+
+UfsFwHeader Header(const std::string& mid, const std::string& pnm, const std::string& rev) {
+    const std::string entry = With(With(UfsEntry(rev), UFS_MID_FIELD, mid), UFS_PNM_FIELD, pnm);
+    UfsFwHeader header;
+    memcpy(&header, entry.data(), sizeof(header));
+    return header;
+}
+
+// What the library keeps of an answer is freed with its object.
+TEST_F(UfsTest, PassThroughObjectLivesUntilItsAnswerIsRead) {
+    const std::map<std::string, int> codes = {{"good", 0}, {"sense 5/24/00", 5}, {"host 3", 99}};
+    for (const auto& [answer, code] : codes) {
+        SCOPED_TRACE(answer);
+        Make(UfsPhone({{"write_buffer", "'" + answer + "'"}}), {{BODY_FILE, "body"}});
+        int status = 1;
+        const RunResult run =
+            RunInProcess(directory, [&] { status = DoUfsFfu(Header(UFS_MID, "", ""), 1); });
+        EXPECT_EQ(status, code == 0 ? 0 : -1);
+        ExpectEnd(Console(run), Verdict(code));
+        EXPECT_EQ(passThroughCalls, (Texts{"construct", "process_resp", "destruct"}));
+    }
+}
+
+// The text that is told with an error is formatted first, by a function that may set errno.
+TEST_F(UfsTest, ErrorsToldAreThoseOfTheirCalls) {
+    const std::map<std::string, std::string> rows = {
+        {"open /data/vendor/fw/ufs_fw_body.bin EACCES", "for reading: Permission denied\n"},
+        {"read /data/vendor/fw/ufs_fw_body.bin EIO", "ufs_fw_body.bin: Input/output error\n"}};
+    for (const auto& [fault, errors] : rows) {
+        Make(UfsPhone({{"faults", "'" + fault + "'"}}), {{BODY_FILE, "body"}});
+        int status = 0;
+        const RunResult run =
+            RunInProcess(directory, [&] { status = DoUfsFfu(Header(UFS_MID, "", ""), 1); });
+        EXPECT_EQ(status, -1);
+        ExpectEnd(run.errors, errors);
     }
 }
 
@@ -264,32 +315,36 @@ TEST_F(UfsTest, HostRefusesATransferBeyondItsLargest) {
         SCOPED_TRACE(size);
         Make(UfsPhone({{"max_hw_sectors_kb", "4"}}),
              {{UFS_PACKAGE, UfsEntry(UFS_NEW_REV, Body(size))}});
-        ExpectEnd(ConsoleText(Run()), Verdict(size == 4096 ? 0 : 99));
+        ExpectEnd(Console(Run()), Verdict(size == 4096 ? 0 : 99));
         EXPECT_EQ(Left(), size == 4096 ? PASS : FAIL);
     }
 }
 
 // No step of the trigger test keeps another one from its turn, or changes the verdict.
 TEST_F(UfsTest, TriggerTestGoesItsWay) {
-    const std::string open = "open " + TRIGGER_FILE, write = "write " + TRIGGER_FILE;
-    const std::string noBuffer = "FfuFlashFileForTrigger,line=411: memalign testBufTrigger fail";
-    const std::string opening = "Open " + TRIGGER_FILE, end = " fail,Test Fail Exit!";
-    const std::string notWritten = "FileWriteForTrigger,line=369: trigger write error! ret = ";
-    const std::string notRead = "FileReadForTrigger,line=390: trigger read error! ret = ";
-    const std::string noRemoval = "RemoveTriggerFile,line=400: remove trigger file error ";
-    const std::string removal = "remove " + TRIGGER_FILE + " EROFS";
+    const std::string removal = "remove /splash2/test_ffu_trigger.tmp EROFS";
     const struct {
-        std::string fault, message;
-        long messages, pauses;
+        std::string fault;
+        long pauses, messages;
+        std::string message;
     } rows[] = {
-        {"posix_memalign ENOMEM", noBuffer, 1, 0},
-        {open + " #1 EROFS", "FileWriteForTrigger,line=358: " + opening + " WR" + end, 1, 1},
-        {open + " #1 EROFS", notRead + "0", 128, 1}, // the file is empty then
-        {open + " #2 EROFS", "FileReadForTrigger,line=384: " + opening + " RD" + end, 1, 0},
-        {write + " #128 short=4096", notWritten + "4096", 1, 1},
-        {write + " ENOSPC", notWritten + "-1", 128, 1},
-        {"read " + TRIGGER_FILE + " EIO", notRead + "-1", 128, 1},
-        {removal, noRemoval + TRIGGER_FILE, 1, 1},
+        {"posix_memalign ENOMEM", 0, 1,
+         "FfuFlashFileForTrigger,line=411: memalign testBufTrigger fail"},
+        {"open /splash2/test_ffu_trigger.tmp #1 EROFS", 1, 1,
+         "FileWriteForTrigger,line=358: Open /splash2/test_ffu_trigger.tmp WR fail,Test Fail "
+         "Exit!"},
+        {"open /splash2/test_ffu_trigger.tmp #1 EROFS", 1, 128, // the file is empty then
+         "FileReadForTrigger,line=390: trigger read error! ret = 0"},
+        {"open /splash2/test_ffu_trigger.tmp #2 EROFS", 0, 1,
+         "FileReadForTrigger,line=384: Open /splash2/test_ffu_trigger.tmp RD fail,Test Fail Exit!"},
+        {"write /splash2/test_ffu_trigger.tmp #128 short=4096", 1, 1,
+         "FileWriteForTrigger,line=369: trigger write error! ret = 4096"},
+        {"write /splash2/test_ffu_trigger.tmp ENOSPC", 1, 128,
+         "FileWriteForTrigger,line=369: trigger write error! ret = -1"},
+        {"read /splash2/test_ffu_trigger.tmp EIO", 1, 128,
+         "FileReadForTrigger,line=390: trigger read error! ret = -1"},
+        {removal, 1, 1,
+         "RemoveTriggerFile,line=400: remove trigger file error /splash2/test_ffu_trigger.tmp"},
     };
     const auto isPause = [](const CallEntry& call) { return call.function == "sleep"; };
     const mode_t mask = umask(0);
@@ -297,11 +352,10 @@ TEST_F(UfsTest, TriggerTestGoesItsWay) {
         SCOPED_TRACE(row.fault);
         Make(UfsPhone(), {{UFS_PACKAGE, UfsEntry()}});
         const RunResult run = Run({row.fault});
-        const Texts console = Console(run);
-        EXPECT_EQ(std::count(console.begin(), console.end(), row.message), row.messages);
+        EXPECT_EQ(Count(Console(run), row.message + "\n"), row.messages);
         EXPECT_EQ(std::count_if(run.calls.begin(), run.calls.end(), isPause), row.pauses);
         EXPECT_EQ(Get(TRIGGER_FILE) == MISSING, row.fault != removal);
-        ExpectEnd(ConsoleText(run), Verdict(0, ""));
+        ExpectEnd(Console(run), Verdict(0, ""));
     }
     umask(mask);
     // The last run could not remove its file.
@@ -310,49 +364,51 @@ TEST_F(UfsTest, TriggerTestGoesItsWay) {
 }
 
 TEST_F(UfsTest, NothingIsAppliedAfterAnEarlyFailure) {
-    const std::string real = "/vendor/firmware/real.bin", node = "/proc/bootdevice/";
-    const std::string noOpen = "could not open ufs firmware file ", fd = " (fd=-1)\n";
-    // Messages begin with the names of their routines.
-    const std::string size = "GetFwSize,line=", info = "ReadUfsInfo,line=";
-    const std::string save = "SaveFwBodyToFile,line=", local = "GetUfsLocalDevInfo,line=";
     const std::string noMemory = "UfsFfu,line=466: could calloc buffer (ufsFwSize=2147483647)\n";
-    const std::string noRead = "UfsFfu,line=470: Read ufs fw error!\n", read = "UfsFwRead,line=";
-    const std::string noPnm = "\n" + local + "192: read product name error!\n" + NO_DEVICE;
-    const std::string noRev = "\n" + local + "199: read_ufs_info read error!\n" + NO_DEVICE;
-    const Keys rows = {
-        {"realpath #1 EACCES", size + "100: get real path fail\n" + NO_SIZE},
-        {"access " + real + " ENOENT", size + "104: ufsFwFilePath not exist!\n" + NO_SIZE},
-        {"open " + real + " #1 EACCES", size + "109: " + noOpen + real + fd + NO_SIZE},
+    const std::string noRead = "UfsFfu,line=470: Read ufs fw error!\n";
+    const struct {
+        std::string fault, end; // the last message
+        const char* told = "";  // before it
+    } rows[] = {
+        {"realpath #1 EACCES", NO_SIZE, "GetFwSize,line=100: get real path fail\n"},
+        {"access /vendor/firmware/real.bin ENOENT", NO_SIZE,
+         "GetFwSize,line=104: ufsFwFilePath not exist!\n"},
+        {"open /vendor/firmware/real.bin #1 EACCES", NO_SIZE,
+         "GetFwSize,line=109: could not open ufs firmware file /vendor/firmware/real.bin "
+         "(fd=-1)\n"},
         {"lseek EIO", NO_SIZE},
         {"lseek returns=0", NO_SIZE},
         {"lseek returns=2147483647", noMemory},
         {"lseek returns=2147483648", NO_SIZE},
         {"lseek returns=4294967364", NO_SIZE}, // 4 GiB and the size
-        {"realpath #2 EACCES", read + "129: get real path fail\n" + noRead},
-        {"open " + real + " #2 EACCES", read + "134: " + noOpen + UFS_PACKAGE + fd + noRead},
-        {"read " + real + " short=67", read + "139: firmware file read error (ret=67)\n" + noRead},
-        {"read " + node + "manfid EIO",
-         info + "172: read_ufs_info UFS_MID read error!\n" + local + NO_MID},
-        {"open " + node + "product_name #2 ENOENT", info + "166: UFS_PNM fd fail!" + noPnm},
-        {"open " + node + "rev #2 ENOENT", info + "166: UFS_PRODUCT_REV_PATH fd fail!" + noRev},
-        {"creat ENOSPC", save + "273: can't create " + BODY_FILE + "\n" + NOT_NEEDED},
-        {"write " + BODY_FILE + " short=3",
-         save + "279: wirte UFS_FW_BODY_TMP fail\n" + NOT_NEEDED},
+        {"realpath #2 EACCES", noRead, "UfsFwRead,line=129: get real path fail\n"},
+        {"open /vendor/firmware/real.bin #2 EACCES", noRead,
+         "UfsFwRead,line=134: could not open ufs firmware file "
+         "/vendor/firmware/ufs_emer_fw.bin (fd=-1)\n"},
+        {"read /vendor/firmware/real.bin short=67", noRead,
+         "UfsFwRead,line=139: firmware file read error (ret=67)\n"},
+        {"read /proc/bootdevice/manfid EIO", NO_DEVICE,
+         "ReadUfsInfo,line=172: read_ufs_info UFS_MID read error!\n"
+         "GetUfsLocalDevInfo,line=187: read manufacture ID error!\n"},
+        {"open /proc/bootdevice/product_name #2 ENOENT", NO_DEVICE,
+         "ReadUfsInfo,line=166: UFS_PNM fd fail!\n"
+         "GetUfsLocalDevInfo,line=192: read product name error!\n"},
+        {"open /proc/bootdevice/rev #2 ENOENT", NO_DEVICE,
+         "ReadUfsInfo,line=166: UFS_PRODUCT_REV_PATH fd fail!\n"
+         "GetUfsLocalDevInfo,line=199: read_ufs_info read error!\n"},
+        {"creat ENOSPC", NOT_NEEDED,
+         "SaveFwBodyToFile,line=273: can't create /data/vendor/fw/ufs_fw_body.bin\n"},
+        {"write /data/vendor/fw/ufs_fw_body.bin short=3", NOT_NEEDED,
+         "SaveFwBodyToFile,line=279: wirte UFS_FW_BODY_TMP fail\n"},
     };
-    for (const auto& [fault, told] : rows) {
-        SCOPED_TRACE(fault);
-        Make(UfsPhone(), {{real, UfsEntry()}});
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.fault);
+        Make(UfsPhone(), {{"/vendor/firmware/real.bin", UfsEntry()}});
         std::filesystem::create_symlink("real.bin", Path(UFS_PACKAGE));
-        ExpectEnd(ConsoleText(Run({fault, told == noMemory ? "calloc ENOMEM" : ""})), told);
+        const RunResult run = Run({row.fault, row.end == noMemory ? "calloc ENOMEM" : ""});
+        ExpectEnd(Console(run), row.told + row.end);
         EXPECT_EQ(Left(), NOTHING);
     }
-}
-
-UfsFwHeader Header(const std::string& mid, const std::string& pnm, const std::string& rev) {
-    const std::string entry = With(With(UfsEntry(rev), UFS_MID_FIELD, mid), UFS_PNM_FIELD, pnm);
-    UfsFwHeader header;
-    memcpy(&header, entry.data(), sizeof(header));
-    return header;
 }
 
 TEST_F(UfsTest, IdentityIsWhatTheNodesYield) {
@@ -364,7 +420,7 @@ TEST_F(UfsTest, IdentityIsWhatTheNodesYield) {
                                 With(UfsEntry("1000", "rework"), UFS_PNM_FIELD, reworked) +
                                 With(UfsEntry(), UFS_PNM_FIELD, "SIM\n") + UfsEntry();
     const struct {
-        Keys phone;
+        Overrides phone;
         std::string fault, identity, left = PASS;
     } rows[] = {
         {{{"manfid", "''"}}, "", Identity(""), NOTHING},
@@ -378,7 +434,7 @@ TEST_F(UfsTest, IdentityIsWhatTheNodesYield) {
     };
     for (const auto& row : rows) {
         Make(UfsPhone(row.phone), {{UFS_PACKAGE, package}});
-        EXPECT_EQ(Count({ConsoleText(Run({row.fault}))}, size + row.identity), 1);
+        EXPECT_EQ(Count(Console(Run({row.fault})), size + row.identity), 1);
         EXPECT_EQ(Left(), row.left);
     }
     EXPECT_EQ(Get("/device/downloaded.bin"), "rework");
@@ -460,36 +516,13 @@ TEST_F(UfsTest, FirstEntryForTheDeviceIsSavedAndJudged) {
         SCOPED_TRACE(row.name);
         Make(UfsPhone(), {{UFS_PACKAGE, row.package}, {BODY_FILE, old}});
         const RunResult run = Run({"remove " + BODY_FILE + " EROFS"}); // neither before nor after
-        EXPECT_EQ(Count({ConsoleText(run)}, row.told), 1);
-        ExpectEnd(ConsoleText(run), row.told == newer ? Verdict(0) : NOT_NEEDED);
+        EXPECT_EQ(Count(Console(run), row.told), 1);
+        ExpectEnd(Console(run), row.told == newer ? Verdict(0) : NOT_NEEDED);
         EXPECT_EQ(Get(BODY_FILE), row.saved);
     }
     umask(mask);
     // The body file of the last run is a new one.
     EXPECT_EQ(static_cast<int>(std::filesystem::status(Path(BODY_FILE)).permissions()), 0777);
-}
-
-// Arguments that no run has; a workstation has none of the identity nodes.
-TEST_F(UfsTest, CalledDirectly) {
-    Put("/package", UfsEntry());
-    const std::string package = Path("/package"), missing = Path("/missing");
-    const UfsFwHeader device = {};
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(GetUfsFwFromFwBin(device, device.ufsMagic, -1, 1), -1);
-    EXPECT_EQ(UfsFfu(nullptr, package.c_str(), 1, 1), -2);
-    EXPECT_EQ(UfsFfu(package.c_str(), nullptr, 1, 0), -2);
-    EXPECT_EQ(UfsFfu(missing.c_str(), package.c_str(), 1, 0), -2);
-    EXPECT_EQ(UfsFfu(missing.c_str(), package.c_str(), 1, 1), -2);
-    RunResult said = {};
-    said.console = testing::internal::GetCapturedStdout();
-    const std::string noPath = "UfsFfu,line=455: Error: ufsFwFile or ufsBackupFile is NULL\n";
-    const std::string noFile = "GetFwSize,line=100: get real path fail\n" + NO_SIZE;
-    const std::string noNode = "GetFwSize,line=118: ufsFwSize=0x44\n"
-                               "ReadUfsInfo,line=166: UFS_MID fd fail!\n"
-                               "GetUfsLocalDevInfo,line=" +
-                               NO_MID;
-    ExpectEnd(ConsoleText(said), noPath + noPath + noFile + noNode);
-    EXPECT_STREQ(UfsFwBodyPath(0), "/tmp/ufs_fw_body.bin");
 }
 
 } // namespace

@@ -19,6 +19,10 @@ inline void Require(bool condition, const char* what) {
     }
 }
 
+// The descriptions that ship.
+constexpr char EMMC_PHONE[] = DESCRIPTIONS "/emmc.toml";
+constexpr char UFS_PHONE[] = DESCRIPTIONS "/ufs.toml";
+
 struct FuzzPhone {
     std::string directory;
 
@@ -26,9 +30,8 @@ struct FuzzPhone {
         directory = std::filesystem::temp_directory_path() / "ffu-fuzz-XXXXXX";
         Require(mkdtemp(directory.data()) != nullptr, "a directory for the phone");
         directory += "/phone";
-        Put(".toml", description);
         std::string error;
-        Require(MakePhone(directory + ".toml", {}, directory, error), error.c_str());
+        Require(MakePhone(description, {}, directory, error), error.c_str());
         std::filesystem::create_directories(directory + "/data/vendor/fw");
     }
     ~FuzzPhone() {
@@ -58,17 +61,3 @@ inline std::string_view Take(std::string_view& input) {
     input.remove_prefix(1 + taken.size());
     return taken;
 }
-
-constexpr char EMMC_PHONE[] = R"(technology = "emmc"
-mode = "gki"
-revision = "FW000001"
-ext_csd_rev = 8
-cid = { manufacturer_id = 0x13, product_name = "SIM064", product_revision = 1, serial_number = 1 }
-firmware = { revision = "FW000002" }
-)";
-constexpr char UFS_PHONE[] = R"(technology = "ufs"
-manfid = "0x0001ce"
-product_name = "SIMUFS128G-B0B1 "
-revision = "0800"
-firmware = { revision = "0900" }
-)";

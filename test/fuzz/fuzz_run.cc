@@ -36,7 +36,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     simphone_detach();
     Require(status == 0, "the run ends with 0");
     const Journal journal = ReadJournal(phone.directory);
-    Require(!journal.calls.empty(), "calls are written down");
+    // Not so where another library, such as a sanitizer's, takes the calls before the phone.
+    const auto isRead = [](const CallEntry& call) { return call.function == "read"; };
+    Require(std::any_of(journal.calls.begin(), journal.calls.end(), isRead),
+            "the product name is read from the phone");
     const auto isDownload = [ufs](const CallEntry& call) {
         return call.text.rfind(ufs ? "SG_IO" : "GKI write", 0) == 0;
     };
