@@ -327,8 +327,8 @@ std::string Options(const std::vector<Setting>& settings) {
     return options;
 }
 
-Keys Overrides(const std::vector<Setting>& settings) {
-    Keys keys;
+Overrides KeysOf(const std::vector<Setting>& settings) {
+    Overrides keys;
     for (const Setting& setting : settings) {
         keys[setting.key] = setting.toml;
     }
@@ -368,7 +368,7 @@ TEST_F(FwlabTest, SettingsMakeThePhoneThatADescriptionMakes) {
         Put("/phone.toml", make({}));
         for (const std::vector<Setting>& settings : cases) {
             SCOPED_TRACE(Options(settings));
-            Put("/set.toml", make(Overrides(settings)));
+            Put("/set.toml", make(KeysOf(settings)));
             for (const std::string command : {"match --json ", "rehearse --json "}) {
                 const Answer plain = Fwlab(command + package + " --phone phone.toml");
                 const Answer set =
