@@ -669,7 +669,7 @@ void PutDescription(const Plan& plan, size_t scenario) {
     std::string text;
     Require(ReadDescription(file, {}, phone, error), 2, error);
     Require(ReadWholeFile(file, text), 2, file + ": cannot be read");
-    text = (phone.clockFixed ? "" : CLOCK) + text;
+    text = (phone.clock ? "" : CLOCK) + text;
     Require(WriteWholeFile(copy, text.data(), text.size()), 2, copy + ": cannot be written");
 }
 

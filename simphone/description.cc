@@ -53,15 +53,15 @@ void TakeClock(Keys keys, Description& phone) {
     const char wanted[] = "a local time such as 2026-03-07T09:05:02.041";
     Take(keys, "clock", OPTIONAL, wanted, [&](const toml::node& node) {
         const auto clock = node.value_exact<toml::date_time>().value_or(toml::date_time{});
-        phone.clockFixed = true;
-        phone.clock.tm_year = clock.date.year - 1900;
-        phone.clock.tm_mon = clock.date.month - 1;
-        phone.clock.tm_mday = clock.date.day;
-        phone.clock.tm_hour = clock.time.hour;
-        phone.clock.tm_min = clock.time.minute;
-        phone.clock.tm_sec = clock.time.second;
-        phone.clock.tm_isdst = -1;
-        phone.clockMicroseconds = static_cast<int>(clock.time.nanosecond / 1000);
+        tm local = {};
+        local.tm_year = clock.date.year - 1900;
+        local.tm_mon = clock.date.month - 1;
+        local.tm_mday = clock.date.day;
+        local.tm_hour = clock.time.hour;
+        local.tm_min = clock.time.minute;
+        local.tm_sec = clock.time.second;
+        local.tm_isdst = -1;
+        phone.clock = timeval{mktime(&local), clock.time.nanosecond / 1000};
         return node.is_date_time() && !clock.offset;
     });
 }

@@ -6,8 +6,9 @@
 #include "simphone/fault.h"
 
 #include <cstdint>
-#include <ctime>
+#include <optional>
 #include <string>
+#include <sys/time.h>
 #include <vector>
 
 // How the UFS device answers a WRITE BUFFER that is in order.
@@ -26,9 +27,7 @@ struct Description {
     std::string manfid, productName; // UFS, as the nodes read; eMMC: productName without line feed
     std::vector<Answer> answers;     // UFS; the last one stays
     uint32_t maxHwSectorsKb;         // UFS: KiB in one request of the host; 0 without a limit
-    bool clockFixed;
-    tm clock; // local time; tm_sec and the microseconds below
-    int clockMicroseconds;
+    std::optional<timeval> clock;    // where it stands still
     std::vector<Fault> faults;
 };
 

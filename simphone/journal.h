@@ -11,12 +11,15 @@
 
 constexpr char JOURNAL_FILE[] = "/journal.log"; // in the phone's directory
 constexpr char LOG_FUNCTION[] = "__android_log_print";
+// The exit status of a tool that the library ends, as it has no phone or no place for the journal.
+constexpr int EXIT_NO_PHONE = 125;
 
 // A call that the tool (or libsgutils2 for it) made.
 struct CallEntry {
     long number;           // 1 for the first call of the run
     std::string function;  // plain name: "open" for open, open64 and their checked variants
-    std::string path;      // as the tool named it; for a descriptor, as it was opened; "-" without
+    std::string path;      // as the tool named it (a Word in its line); for a descriptor or stream,
+                           // as it was opened; "-" without
     std::string arguments; // "fd=3 count=512"
     std::string result;    // decimal, or 0x... for a pointer
     std::string error;     // "ENOENT" where the call failed, else empty

@@ -12,6 +12,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <link.h>
+#include <memory>
 #include <sstream>
 #include <unistd.h>
 
@@ -56,8 +57,13 @@ int OpenJournal(const std::string& path) {
     return high;
 }
 
+// A run whose journal has holes would pass for a shorter one: it ends here.
 void Append(const std::string& line) {
-    (void)!write(session->journal, line.data(), line.size());
+    const ssize_t count = write(session->journal, line.data(), line.size());
+    if (count != static_cast<ssize_t>(line.size())) {
+        fprintf(stderr, "simphone: a line of the journal could not be written\n");
+        _exit(EXIT_NO_PHONE);
+    }
 }
 
 [[noreturn]] void EndPower() {
@@ -93,10 +99,11 @@ const Fault* MeetFault(const Call& call) {
     return &met->fault;
 }
 
-// What has been printed so far, the C library's buffer included; it is emptied on the way.
+// What has been printed so far, the C library's buffer included; it is emptied on the way. 0 when
+// the tool has closed its standard output.
 long long ConsoleBytes() {
     fflush(stdout);
-    return lseek(STDOUT_FILENO, 0, SEEK_CUR);
+    return std::max<long long>(lseek(STDOUT_FILENO, 0, SEEK_CUR), 0);
 }
 
 // Reads the phone's description, and the faults before its own.
@@ -121,14 +128,18 @@ bool Prepare(const std::string& phone, const char* faults, Session& run, std::st
     for (const Fault& fault : run.phone.faults) {
         run.faults.push_back({fault, 0, false});
     }
-    run.now = {mktime(&run.phone.clock), run.phone.clockMicroseconds};
+    run.journal = OpenJournal(run.directory + JOURNAL_FILE);
+    if (run.journal < 0) {
+        error = run.directory + JOURNAL_FILE + ": " + strerror(errno);
+        return false;
+    }
     return true;
 }
 
 __attribute__((constructor)) void AttachAtStart() {
     const char* directory = getenv("SIMPHONE");
     if (directory != nullptr && simphone_attach(directory, getenv("SIMPHONE_FAULTS")) != 0) {
-        _exit(125);
+        _exit(EXIT_NO_PHONE);
     }
 }
 
@@ -162,9 +173,7 @@ const Fault* BeginCall(Call& call) {
     isCallUnderWay = true;
     session->calls++;
     const Fault* fault = MeetFault(call);
-    if (!call.message.empty() || !call.request.empty()) {
-        call.consoleBytes = ConsoleBytes();
-    }
+    call.consoleBytes = call.text.empty() ? 0 : ConsoleBytes();
     if (fault != nullptr && fault->effect == Effect::ENDS) {
         EndPower();
     }
@@ -176,28 +185,16 @@ const Fault* BeginCall(Call& call) {
     return fault;
 }
 
-std::string ResultText(long long number) {
-    return std::to_string(number);
-}
-
-std::string ResultText(const void* pointer) {
-    char text[32];
-    snprintf(text, sizeof(text), "%p", pointer);
-    return text;
-}
-
 void EndCall(const Call& call, const Fault* fault, const std::string& result, int error) {
     const std::string name = error != 0 ? strerrorname_np(error) : "";
-    std::string text = call.message;
-    if (!call.request.empty()) {
-        const bool isAnswered = call.response != nullptr && !call.response->empty();
-        text = call.request + " -> " +
-               (error != 0   ? result + " " + name
-                : isAnswered ? *call.response
-                             : result);
+    CallEntry entry = {session->calls, call.function,   call.path, call.arguments,   result,
+                       name,           Replaces(fault), call.text, call.consoleBytes};
+    if (entry.IsRequest()) {
+        const bool isAnswered = error == 0 && call.answer != nullptr && !call.answer->empty();
+        entry.text +=
+            " -> " + (isAnswered ? *call.answer : result + (error != 0 ? " " + name : ""));
     }
-    Append(CallLine({session->calls, call.function, call.path, call.arguments, result, name,
-                     Replaces(fault), text, call.consoleBytes}));
+    Append(CallLine(entry));
     if (fault != nullptr && fault->effect == Effect::TORN) {
         EndPower();
     }
@@ -215,17 +212,15 @@ void simphone_detach() {
 
 int simphone_attach(const char* directory, const char* faults) {
     simphone_detach();
-    auto* run = new Session{};
+    auto run = std::make_unique<Session>();
     std::string error;
     if (!Prepare(directory, faults, *run, error)) {
         fprintf(stderr, "simphone: %s\n", error.c_str());
-        delete run;
         return -1;
     }
-    run->journal = OpenJournal(run->directory + JOURNAL_FILE);
     segmentCount = 0;
     bool isProgram = true;
     dl_iterate_phdr(NoteSegments, &isProgram);
-    session = run;
+    session = run.release();
     return 0;
 }
