@@ -5,7 +5,6 @@
 #include "simphone/files.h"
 #include "simphone/keys.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstring>
@@ -27,26 +26,24 @@ bool ParseAnswer(const std::string& text, Answer& answer) {
     std::string kind, rest;
     words >> kind;
     const auto found = kinds.find(kind);
-    if (found == kinds.end()) {
+    bool isRight = found != kinds.end();
+    if (!isRight) {
         return false;
     }
-    answer = {};
-    answer.kind = found->second;
-    bool right = true;
-    if (answer.kind == Answer::Kind::SENSE || answer.kind == Answer::Kind::DESCRIPTOR_SENSE) {
+    answer = {found->second, 0, 0, 0, 0};
+    if (answer.IsSense()) {
         unsigned key = 0, asc = 0, ascq = 0;
-        char slashes[2] = {};
-        words >> std::hex >> key >> slashes[0] >> asc >> slashes[1] >> ascq;
+        char slash = 0, secondSlash = 0;
+        words >> std::hex >> key >> slash >> asc >> secondSlash >> ascq;
         answer.key = static_cast<uint8_t>(key);
         answer.asc = static_cast<uint8_t>(asc);
         answer.ascq = static_cast<uint8_t>(ascq);
-        right =
-            words && slashes[0] == '/' && slashes[1] == '/' && key < 16 && asc < 256 && ascq < 256;
+        isRight = words && slash == '/' && secondSlash == '/' && key < 16 && (asc | ascq) < 256;
     } else if (answer.kind != Answer::Kind::ACCEPTED) {
         words >> std::setbase(0) >> answer.value;
-        right = words && answer.value > 0 && answer.value < 256;
+        isRight = words && answer.value > 0 && answer.value < 256;
     }
-    return right && !(words >> rest);
+    return isRight && !(words >> rest);
 }
 
 void TakeClock(Keys keys, Description& phone) {
@@ -136,46 +133,37 @@ void TakePhone(Keys keys, Description& phone) {
     RefuseTheRest(keys);
 }
 
-bool ReadTableWith(const std::string& file, const std::vector<std::string>& settings,
-                   toml::table& table, std::string& error) {
-    return ReadTable(file, table, error) &&
-           std::all_of(settings.begin(), settings.end(),
-                       [&](const std::string& setting) { return SetKey(table, setting, error); });
-}
+// The TOML library writes texts with line feeds in other forms than one line so that it cannot read
+// them back.
+constexpr auto TEXT_FLAGS =
+    toml::toml_formatter::default_flags &
+    ~(toml::format_flags::allow_multi_line_strings | toml::format_flags::allow_literal_strings);
 
 } // namespace
 
 bool ReadDescription(const std::string& file, const std::vector<std::string>& settings,
-                     Description& description, std::string& error) {
+                     Description& description, std::string& error, std::string* text) {
     toml::table table;
-    if (!ReadTableWith(file, settings, table, error)) {
+    if (!ReadTable(file, table, error)) {
         return false;
+    }
+    for (const std::string& setting : settings) {
+        if (!SetKey(table, setting, error)) {
+            return false;
+        }
+    }
+    if (text != nullptr && settings.empty() && !ReadWholeFile(file, *text)) {
+        error = file + ": " + strerror(errno);
+        return false;
+    }
+    if (text != nullptr && !settings.empty()) {
+        std::ostringstream stream;
+        stream << toml::toml_formatter(table, TEXT_FLAGS) << "\n";
+        *text = stream.str();
     }
     std::string wrong;
     description = {};
     TakePhone({table, wrong}, description);
     error = wrong.empty() ? "" : file + ": " + wrong;
     return wrong.empty();
-}
-
-bool ReadDescriptionText(const std::string& file, const std::vector<std::string>& settings,
-                         std::string& text, std::string& error) {
-    toml::table table;
-    if (!ReadTableWith(file, settings, table, error)) {
-        return false;
-    }
-    if (settings.empty()) {
-        const bool isRead = ReadWholeFile(file, text);
-        error = isRead ? "" : file + ": " + strerror(errno);
-        return isRead;
-    }
-    std::ostringstream stream;
-    // The TOML library writes texts with line feeds in other forms than one line so that it cannot
-    // read them back.
-    constexpr auto flags =
-        toml::toml_formatter::default_flags &
-        ~(toml::format_flags::allow_multi_line_strings | toml::format_flags::allow_literal_strings);
-    stream << toml::toml_formatter(table, flags) << "\n";
-    text = stream.str();
-    return true;
 }

@@ -17,6 +17,10 @@ struct Answer {
     Kind kind;
     unsigned value; // of a SCSI, host or driver status
     uint8_t key, asc, ascq;
+
+    bool IsSense() const {
+        return kind == Kind::SENSE || kind == Kind::DESCRIPTOR_SENSE;
+    }
 };
 
 struct Description {
@@ -32,13 +36,10 @@ struct Description {
 };
 
 // Reads a description, with other values for the keys that the settings name (KEY=VALUE, see SetKey
-// in keys.h). Returns false with a text for the user, which names the file, and the key or the
-// setting.
+// in keys.h). `text`, if it is given, becomes that of a description in which the settings stand;
+// without settings it is the file's own. Returns false with a text for the user, which names the
+// file, and the key or the setting.
 [[nodiscard]] bool ReadDescription(const std::string& file,
                                    const std::vector<std::string>& settings,
-                                   Description& description, std::string& error);
-
-// The text of a description in which the settings stand; without settings it is the file's own.
-[[nodiscard]] bool ReadDescriptionText(const std::string& file,
-                                       const std::vector<std::string>& settings, std::string& text,
-                                       std::string& error);
+                                   Description& description, std::string& error,
+                                   std::string* text = nullptr);
