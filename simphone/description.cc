@@ -79,17 +79,13 @@ void TakeCid(Keys keys, Description& phone) {
     for (int i = 0; i < 4; i++) {
         phone.cid[10 + i] = static_cast<uint8_t>(serial >> (24 - 8 * i));
     }
-    if (keys.error.empty() && phone.productName.size() != 6) {
-        keys.error = "product_name is not 6 characters";
-    }
+    Demand(keys, phone.productName.size() == 6, "product_name is not 6 characters");
 }
 
 void TakeEmmc(Keys keys, Description& phone) {
     const std::string mode = TakeText(keys, "mode");
     phone.gki = mode == "gki";
-    if (keys.error.empty() && !phone.gki && mode != "normal") {
-        keys.error = "mode is not \"gki\" or \"normal\"";
-    }
+    Demand(keys, phone.gki || mode == "normal", "mode is not \"gki\" or \"normal\"");
     phone.revision = TakeBytes(keys, "revision", 8);
     phone.extCsdRev = static_cast<uint8_t>(TakeNumber(keys, "ext_csd_rev", 0xFF));
     TakeTable(keys, "cid", [&](Keys cid) { TakeCid(cid, phone); });
@@ -104,9 +100,8 @@ void TakeUfs(Keys keys, Description& phone) {
     phone.maxHwSectorsKb = TakeNumber(keys, "max_hw_sectors_kb", INT_MAX / 1024, OPTIONAL);
     for (const std::string& text : TakeTexts(keys, "write_buffer")) {
         phone.answers.emplace_back();
-        if (!ParseAnswer(text, phone.answers.back()) && keys.error.empty()) {
-            keys.error = "write_buffer: not an answer: " + text;
-        }
+        const bool isAnswer = ParseAnswer(text, phone.answers.back());
+        Demand(keys, isAnswer, "write_buffer: not an answer: " + text);
     }
     if (phone.answers.empty()) {
         phone.answers.emplace_back();
@@ -116,9 +111,7 @@ void TakeUfs(Keys keys, Description& phone) {
 void TakePhone(Keys keys, Description& phone) {
     const std::string technology = TakeText(keys, "technology");
     phone.ufs = technology == "ufs";
-    if (keys.error.empty() && !phone.ufs && technology != "emmc") {
-        keys.error = "technology is not \"emmc\" or \"ufs\"";
-    }
+    Demand(keys, phone.ufs || technology == "emmc", "technology is not \"emmc\" or \"ufs\"");
     phone.ufs ? TakeUfs(keys, phone) : TakeEmmc(keys, phone);
     TakeTable(keys, "firmware", [&](Keys firmware) {
         phone.firmwareRevision = TakeBytes(firmware, "revision", phone.ufs ? 4 : 8);

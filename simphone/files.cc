@@ -8,12 +8,6 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-namespace {
-
-constexpr char DIGITS[] = "0123456789abcdef";
-
-} // namespace
-
 bool ReadWholeFile(const std::string& path, std::string& content) {
     const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) {
@@ -87,9 +81,7 @@ bool Unescape(const std::string& line, std::string& text) {
 std::string Hex(const void* data, size_t size) {
     std::string text;
     for (size_t i = 0; i < size; i++) {
-        const auto byte = static_cast<const unsigned char*>(data)[i];
-        text += DIGITS[byte >> 4];
-        text += DIGITS[byte & 0xF];
+        text += Text("%02x", static_cast<const unsigned char*>(data)[i]);
     }
     return text;
 }

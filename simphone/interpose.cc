@@ -56,7 +56,7 @@ Node NodeOf(const char* path) {
 // The host's file system may not take direct I/O; Misaligned checks what a phone's would demand.
 template <typename Perform>
 int OpenCall(const char* function, const char* path, int flags, Perform perform) {
-    return Counted({function, path, Text("flags=0x%x", static_cast<unsigned>(flags))}, [&] {
+    return Counted({{function, path, Text("flags=0x%x", static_cast<unsigned>(flags))}}, [&] {
         const int fd =
             perform(HostPath(path).c_str(), IsPhonePath(path) ? flags & ~O_DIRECT : flags);
         if (fd >= 0) {
@@ -80,7 +80,7 @@ int Failing(int error) {
 
 template <typename Perform> ssize_t ReadCall(int fd, void* data, size_t count, Perform perform) {
     const OpenFile file = Opened(fd);
-    Call call{"read", file.path, Text("fd=%d count=%zu", fd, count)};
+    Call call{{"read", file.path, Text("fd=%d count=%zu", fd, count)}};
     call.count = &count;
     return Counted(call, [&]() -> ssize_t {
         return Misaligned(fd, file, data, count) ? Failing(EINVAL) : perform(count);
@@ -92,8 +92,7 @@ template <typename Perform>
 int DeviceCall(int fd, const OpenFile& file, const char* name, const std::string& request,
                Perform perform) {
     std::string answer;
-    Call call{"ioctl", file.path, Text("fd=%d request=%s", fd, name), name, request};
-    call.answer = &answer;
+    Call call{{"ioctl", file.path, Text("fd=%d request=%s", fd, name), request}, name, &answer};
     return Counted(call, [&] { return Failing(perform(answer)); });
 }
 
@@ -115,7 +114,7 @@ int MmcCall(int fd, const OpenFile& file, mmc_ioc_cmd& command) {
 
 // A phone path resolves to the phone's own path; a link that leads out of the phone leads nowhere.
 template <typename Perform> char* RealPathCall(const char* path, char* resolved, Perform perform) {
-    return Counted({"realpath", path, ""}, [&]() -> char* {
+    return Counted({{"realpath", path, ""}}, [&]() -> char* {
         const size_t root = IsPhonePath(path) ? session->directory.size() : 0;
         char whole[PATH_MAX];
         if (perform(HostPath(path).c_str(), whole) == nullptr) {
@@ -167,7 +166,7 @@ SAME(creat64, creat);
 
 int access(const char* path, int mode) noexcept {
     PASS_OTHERS(access, path, mode);
-    return Counted({"access", path, Text("mode=%d", mode)},
+    return Counted({{"access", path, Text("mode=%d", mode)}},
                    [&] { return next(HostPath(path).c_str(), mode); });
 }
 
@@ -185,7 +184,7 @@ ssize_t write(int fd, const void* data, size_t count) {
     PASS_OTHERS(write, fd, data, count);
     const OpenFile file = Opened(fd);
     const size_t asked = count;
-    Call call{"write", file.path, Text("fd=%d count=%zu", fd, count)};
+    Call call{{"write", file.path, Text("fd=%d count=%zu", fd, count)}};
     call.count = &count;
     call.text = file.node == Node::GKI ? Text("GKI write %zu", asked) : "";
     return Counted(call, [&]() -> ssize_t {
@@ -200,19 +199,19 @@ ssize_t write(int fd, const void* data, size_t count) {
 off_t lseek(int fd, off_t offset, int whence) noexcept {
     PASS_OTHERS(lseek, fd, offset, whence);
     return Counted(
-        {"lseek", Opened(fd).path, Text("fd=%d offset=%ld whence=%d", fd, offset, whence)},
+        {{"lseek", Opened(fd).path, Text("fd=%d offset=%ld whence=%d", fd, offset, whence)}},
         [&] { return next(fd, offset, whence); });
 }
 SAME(lseek64, lseek);
 
 int fsync(int fd) {
     PASS_OTHERS(fsync, fd);
-    return Counted({"fsync", Opened(fd).path, Text("fd=%d", fd)}, [&] { return next(fd); });
+    return Counted({{"fsync", Opened(fd).path, Text("fd=%d", fd)}}, [&] { return next(fd); });
 }
 
 int close(int fd) {
     PASS_OTHERS(close, fd);
-    Call call{"close", Opened(fd).path, Text("fd=%d", fd)};
+    Call call{{"close", Opened(fd).path, Text("fd=%d", fd)}};
     call.releases = true; // Linux gives the descriptor back even if it reports an error
     return Counted(call, [&] {
         session->descriptors.erase(fd);
@@ -223,7 +222,7 @@ int close(int fd) {
 int fstat(int fd, struct stat* status) noexcept {
     PASS_OTHERS(fstat, fd, status);
     const OpenFile file = Opened(fd);
-    return Counted({"fstat", file.path, Text("fd=%d", fd)}, [&] {
+    return Counted({{"fstat", file.path, Text("fd=%d", fd)}}, [&] {
         const int result = next(fd, status);
         if (result == 0 && (file.node == Node::MMC || file.node == Node::SCSI)) {
             status->st_mode = (status->st_mode & 07777) | S_IFBLK;
@@ -237,30 +236,30 @@ SAME(fstat64, fstat);
 void* mmap(void* place, size_t size, int protection, int flags, int fd, off_t offset) noexcept {
     PASS_OTHERS(mmap, place, size, protection, flags, fd, offset);
     return Counted(
-        {"mmap", Opened(fd).path, Text("fd=%d size=%zu offset=%ld", fd, size, offset)},
+        {{"mmap", Opened(fd).path, Text("fd=%d size=%zu offset=%ld", fd, size, offset)}},
         [&] { return next(place, size, protection, flags, fd, offset); }, MAP_FAILED);
 }
 SAME(mmap64, mmap);
 
 int munmap(void* place, size_t size) noexcept {
     PASS_OTHERS(munmap, place, size);
-    return Counted({"munmap", "-", Text("pointer=%p size=%zu", place, size)},
+    return Counted({{"munmap", "-", Text("pointer=%p size=%zu", place, size)}},
                    [&] { return next(place, size); });
 }
 
 int remove(const char* path) noexcept {
     PASS_OTHERS(remove, path);
-    return Counted({"remove", path, ""}, [&] { return next(HostPath(path).c_str()); });
+    return Counted({{"remove", path, ""}}, [&] { return next(HostPath(path).c_str()); });
 }
 
 int unlink(const char* path) noexcept {
     PASS_OTHERS(unlink, path);
-    return Counted({"unlink", path, ""}, [&] { return next(HostPath(path).c_str()); });
+    return Counted({{"unlink", path, ""}}, [&] { return next(HostPath(path).c_str()); });
 }
 
 int mkdir(const char* path, mode_t mode) noexcept {
     PASS_OTHERS(mkdir, path, mode);
-    return Counted({"mkdir", path, Text("mode=%u", mode)},
+    return Counted({{"mkdir", path, Text("mode=%u", mode)}},
                    [&] { return next(HostPath(path).c_str(), mode); });
 }
 
@@ -292,19 +291,19 @@ int ioctl(int fd, unsigned long request, ...) noexcept {
     if (argument != nullptr && file.node == Node::MMC && request == MMC_IOC_CMD) {
         return MmcCall(fd, file, *static_cast<mmc_ioc_cmd*>(argument));
     }
-    return Counted({"ioctl", file.path, Text("fd=%d request=0x%lx", fd, request)},
+    return Counted({{"ioctl", file.path, Text("fd=%d request=0x%lx", fd, request)}},
                    [&] { return next(fd, request, argument); });
 }
 
 void* calloc(size_t count, size_t size) noexcept {
     PASS_OTHERS(calloc, count, size);
-    return Counted({"calloc", "-", Text("count=%zu size=%zu", count, size)},
+    return Counted({{"calloc", "-", Text("count=%zu size=%zu", count, size)}},
                    [&] { return next(count, size); });
 }
 
 void* memalign(size_t alignment, size_t size) noexcept {
     PASS_OTHERS(memalign, alignment, size);
-    return Counted({"memalign", "-", Text("alignment=%zu size=%zu", alignment, size)},
+    return Counted({{"memalign", "-", Text("alignment=%zu size=%zu", alignment, size)}},
                    [&] { return next(alignment, size); });
 }
 
@@ -313,7 +312,7 @@ int posix_memalign(void** place, size_t alignment, size_t size) noexcept {
     PASS_OTHERS(posix_memalign, place, alignment, size);
     const int errnoBefore = errno;
     const int result =
-        Counted({"posix_memalign", "-", Text("alignment=%zu size=%zu", alignment, size)},
+        Counted({{"posix_memalign", "-", Text("alignment=%zu size=%zu", alignment, size)}},
                 [&] { return Failing(next(place, alignment, size)); });
     const int status = result == -1 ? errno : result;
     errno = errnoBefore;
@@ -322,7 +321,7 @@ int posix_memalign(void** place, size_t alignment, size_t size) noexcept {
 
 int gettimeofday(timeval* now, void* zone) noexcept {
     PASS_OTHERS(gettimeofday, now, zone);
-    return Counted({"gettimeofday", "-", ""}, [&] {
+    return Counted({{"gettimeofday", "-", ""}}, [&] {
         const int result = next(now, zone);
         *now = session->phone.clock.value_or(*now);
         return result;
@@ -331,7 +330,7 @@ int gettimeofday(timeval* now, void* zone) noexcept {
 
 time_t time(time_t* now) noexcept {
     PASS_OTHERS(time, now);
-    return Counted({"time", "-", ""}, [&] {
+    return Counted({{"time", "-", ""}}, [&] {
         const auto& clock = session->phone.clock;
         const time_t seconds = clock ? clock->tv_sec : next(nullptr);
         if (now != nullptr) {
@@ -343,23 +342,23 @@ time_t time(time_t* now) noexcept {
 
 tm* localtime(const time_t* seconds) noexcept {
     PASS_OTHERS(localtime, seconds);
-    return Counted({"localtime", "-", Text("seconds=%ld", *seconds)},
+    return Counted({{"localtime", "-", Text("seconds=%ld", *seconds)}},
                    [&] { return next(seconds); });
 }
 
 char* ctime(const time_t* seconds) noexcept {
     PASS_OTHERS(ctime, seconds);
-    return Counted({"ctime", "-", Text("seconds=%ld", *seconds)}, [&] { return next(seconds); });
+    return Counted({{"ctime", "-", Text("seconds=%ld", *seconds)}}, [&] { return next(seconds); });
 }
 
 unsigned sleep(unsigned seconds) {
     PASS_OTHERS(sleep, seconds);
-    return Counted({"sleep", "-", Text("seconds=%u", seconds)}, [] { return 0U; });
+    return Counted({{"sleep", "-", Text("seconds=%u", seconds)}}, [] { return 0U; });
 }
 
 FILE* fopen(const char* path, const char* mode) {
     PASS_OTHERS(fopen, path, mode);
-    return Counted({"fopen", path, "mode=" + Word(mode)}, [&] {
+    return Counted({{"fopen", path, "mode=" + Word(mode)}}, [&] {
         FILE* stream = next(HostPath(path).c_str(), mode);
         if (stream != nullptr) {
             session->descriptors[fileno(stream)] = {path, 0, Node::NONE};
@@ -371,19 +370,19 @@ SAME(fopen64, fopen);
 
 char* fgets(char* line, int size, FILE* stream) {
     PASS_OTHERS(fgets, line, size, stream);
-    return Counted({"fgets", Opened(fileno(stream)).path, ""},
+    return Counted({{"fgets", Opened(fileno(stream)).path, ""}},
                    [&] { return next(line, size, stream); });
 }
 
 char* __fgets_chk(char* line, size_t space, int size, FILE* stream) {
     PASS_OTHERS(__fgets_chk, line, space, size, stream);
-    return Counted({"fgets", Opened(fileno(stream)).path, ""},
+    return Counted({{"fgets", Opened(fileno(stream)).path, ""}},
                    [&] { return next(line, space, size, stream); });
 }
 
 int fclose(FILE* stream) {
     PASS_OTHERS(fclose, stream);
-    Call call{"fclose", Opened(fileno(stream)).path, Text("pointer=%p", stream)};
+    Call call{{"fclose", Opened(fileno(stream)).path, Text("pointer=%p", stream)}};
     call.releases = true;
     return Counted(call, [&] {
         session->descriptors.erase(fileno(stream));
@@ -398,8 +397,8 @@ int __android_log_print(int priority, const char* tag, const char* format, ...) 
     vsnprintf(text, sizeof(text), format, more);
     va_end(more);
     PASS_OTHERS(__android_log_print, priority, tag, "%s", text);
-    Call call{LOG_FUNCTION, "-",
-              Text("priority=%d tag=", priority) + (tag != nullptr ? Word(tag) : "-")};
+    Call call{{LOG_FUNCTION, "-",
+               Text("priority=%d tag=", priority) + (tag != nullptr ? Word(tag) : "-")}};
     call.text = text;
     return Counted(call, [] { return 1; });
 }

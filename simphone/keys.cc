@@ -112,6 +112,10 @@ bool SetKey(toml::table& table, const std::string& setting, std::string& error) 
     return true;
 }
 
+void Demand(Keys keys, bool isRight, const std::string& error) {
+    keys.error = keys.error.empty() && !isRight ? error : keys.error;
+}
+
 std::string TakeText(Keys keys, const char* key) {
     std::string text;
     Take(keys, key, REQUIRED, "a text", [&](const toml::node& node) {

@@ -10,7 +10,9 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <dlfcn.h>
 #include <fcntl.h>
+#include <filesystem>
 #include <link.h>
 #include <memory>
 #include <sstream>
@@ -21,29 +23,6 @@ Session* session = nullptr;
 namespace {
 
 bool isCallUnderWay = false;
-
-// The executable segments of the program and of libsgutils2. An array: this is asked at every call.
-struct Segment {
-    uintptr_t begin, end;
-};
-Segment segments[8];
-size_t segmentCount = 0;
-
-int NoteSegments(dl_phdr_info* object, size_t, void* isProgram) {
-    bool& program = *static_cast<bool*>(isProgram); // the first object is the program
-    if (!program && strstr(object->dlpi_name, "libsgutils2") == nullptr) {
-        return 0;
-    }
-    program = false;
-    for (int i = 0; i < object->dlpi_phnum && segmentCount < std::size(segments); i++) {
-        const ElfW(Phdr)& segment = object->dlpi_phdr[i];
-        if (segment.p_type == PT_LOAD && (segment.p_flags & PF_X) != 0) {
-            const uintptr_t begin = object->dlpi_addr + segment.p_vaddr;
-            segments[segmentCount++] = {begin, begin + segment.p_memsz};
-        }
-    }
-    return 0;
-}
 
 // Stands high, so that the tool meets the numbers that it would meet on a phone.
 int OpenJournal(const std::string& path) {
@@ -115,13 +94,12 @@ bool Prepare(const std::string& phone, const char* faults, Session& run, std::st
             return false;
         }
     }
-    char* resolved = realpath(phone.c_str(), nullptr);
-    if (resolved == nullptr) {
-        error = phone + ": " + strerror(errno);
+    std::error_code status;
+    run.directory = std::filesystem::canonical(phone, status);
+    if (status) {
+        error = phone + ": " + status.message();
         return false;
     }
-    run.directory = resolved;
-    free(resolved);
     if (!ReadDescription(phone + "/phone.toml", {}, run.phone, error)) {
         return false;
     }
@@ -145,12 +123,13 @@ __attribute__((constructor)) void AttachAtStart() {
 
 } // namespace
 
-bool IsOfTheTool(const void* caller) {
-    const auto address = reinterpret_cast<uintptr_t>(caller);
-    return session != nullptr && !isCallUnderWay &&
-           std::any_of(segments, segments + segmentCount, [&](const Segment& segment) {
-               return address >= segment.begin && address < segment.end;
-           });
+bool IsOfTheTool(void* caller) {
+    dl_find_object object;
+    if (session == nullptr || isCallUnderWay || _dl_find_object(caller, &object) != 0) {
+        return false;
+    }
+    const char* name = object.dlfo_link_map->l_name; // the program has none
+    return *name == '\0' || strstr(name, "libsgutils2") != nullptr;
 }
 
 bool IsPhonePath(const std::string& path) {
@@ -185,16 +164,17 @@ const Fault* BeginCall(Call& call) {
     return fault;
 }
 
-void EndCall(const Call& call, const Fault* fault, const std::string& result, int error) {
-    const std::string name = error != 0 ? strerrorname_np(error) : "";
-    CallEntry entry = {session->calls, call.function,   call.path, call.arguments,   result,
-                       name,           Replaces(fault), call.text, call.consoleBytes};
-    if (entry.IsRequest()) {
+void EndCall(Call& call, const Fault* fault, const std::string& result, int error) {
+    call.number = session->calls;
+    call.result = result;
+    call.error = error != 0 ? strerrorname_np(error) : "";
+    call.replaced = Replaces(fault);
+    if (call.IsRequest()) {
         const bool isAnswered = error == 0 && call.answer != nullptr && !call.answer->empty();
-        entry.text +=
-            " -> " + (isAnswered ? *call.answer : result + (error != 0 ? " " + name : ""));
+        call.text += " -> " + (isAnswered ? *call.answer : result);
+        call.text += error != 0 ? " " + call.error : "";
     }
-    Append(CallLine(entry));
+    Append(CallLine(call));
     if (fault != nullptr && fault->effect == Effect::TORN) {
         EndPower();
     }
@@ -218,9 +198,6 @@ int simphone_attach(const char* directory, const char* faults) {
         fprintf(stderr, "simphone: %s\n", error.c_str());
         return -1;
     }
-    segmentCount = 0;
-    bool isProgram = true;
-    dl_iterate_phdr(NoteSegments, &isProgram);
     session = run.release();
     return 0;
 }

@@ -37,14 +37,9 @@ struct Session {
 };
 
 // One call of the tool, as it is matched against the faults and written down.
-struct Call {
-    const char* function;
-    std::string path;                    // "-" without one
-    std::string arguments;               // for the journal
+struct Call : CallEntry {
     const char* alias = "";              // the name of a device request
-    std::string text = {};               // to the system log or the device; empty: none
     const std::string* answer = nullptr; // of the device; null or empty: the call's result is it
-    long long consoleBytes = 0;          // on the standard output before a text
     size_t* count = nullptr;             // what a read or write moves; a fault may lower it
     bool releases = false;               // the resource is given back even if the call fails
 };
@@ -53,7 +48,7 @@ extern Session* session; // null while no phone is attached
 
 // Whether the return address lies in the tool or in libsgutils2, a phone is attached, and no call
 // of the tool is under way (so that what this library itself calls is never counted).
-bool IsOfTheTool(const void* caller);
+bool IsOfTheTool(void* caller);
 
 // The place of a phone's path in its directory; every other path as it is.
 bool IsPhonePath(const std::string& path);
@@ -73,7 +68,7 @@ inline std::string ResultText(const void* pointer) {
 bool Replaces(const Fault* fault);
 
 // Writes the call down; `error` is 0 unless it failed. Does not return from the end of power.
-void EndCall(const Call& call, const Fault* fault, const std::string& result, int error);
+void EndCall(Call& call, const Fault* fault, const std::string& result, int error);
 
 // The result of most calls that fail.
 template <typename Result> constexpr auto FAILED = static_cast<Result>(-1);
