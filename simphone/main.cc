@@ -68,7 +68,8 @@ int main(int argc, char** argv) {
     run->add_option("--fault", options.faults, "a call that fails (see emmc.toml)")->type_size(1);
     run->add_option("--launcher", launcher, "a program that starts the tool: \"qemu-aarch64\"");
     run->add_option("--library", options.libsimphone, "libsimphone.so, if not beside TOOL");
-    run->add_option("--seconds", options.secondsLimit, "end the tool after so many seconds");
+    run->add_option("--seconds", options.secondsLimit,
+                    "end the tool after so many seconds; 0: never");
 
     CLI::App* reboot = app.add_subcommand("reboot", "Restart a phone with its pending firmware");
     reboot->add_option("DIR", directory, "the phone")->required();
