@@ -146,8 +146,7 @@ bool ReadDescription(const std::string& file, const std::vector<std::string>& se
         }
     }
     if (text != nullptr && settings.empty() && !ReadWholeFile(file, *text)) {
-        error = file + ": " + strerror(errno);
-        return false;
+        return Failed(error, file + ": " + strerror(errno));
     }
     if (text != nullptr && !settings.empty()) {
         std::ostringstream stream;

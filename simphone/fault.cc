@@ -121,8 +121,7 @@ std::string LossText(const Losses& losses) {
 
 bool ParseFault(const std::string& text, Fault& fault, std::string& error) {
     const auto refuse = [&](const std::string& why) {
-        error = "fault \"" + Escaped(text) + "\": " + why;
-        return false;
+        return Failed(error, "fault \"" + Escaped(text) + "\": " + why);
     };
     std::istringstream words(text);
     std::string word;

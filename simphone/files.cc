@@ -8,6 +8,11 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+bool Failed(std::string& error, const std::string& text) {
+    error = text;
+    return false;
+}
+
 bool ReadWholeFile(const std::string& path, std::string& content) {
     const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) {

@@ -4,6 +4,9 @@
 #include <cstddef>
 #include <string>
 
+// Leaves a text for the user; false, which the caller returns.
+[[nodiscard]] bool Failed(std::string& error, const std::string& text);
+
 // The whole content; false if the file cannot be read (errno tells why).
 [[nodiscard]] bool ReadWholeFile(const std::string& path, std::string& content);
 

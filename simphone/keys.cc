@@ -55,24 +55,22 @@ bool ReadTable(const std::string& file, toml::table& table, std::string& error) 
     std::error_code status;
     const bool isRegular = std::filesystem::is_regular_file(file, status);
     if (!isRegular || std::filesystem::file_size(file, status) > FILE_SIZE_MAX) {
-        error = file + ": " + (status ? status.message() : "is no regular file of a few kilobytes");
-        return false;
+        return Failed(error,
+                      file + ": " +
+                          (status ? status.message() : "is no regular file of a few kilobytes"));
     }
     if (!ReadWholeFile(file, text)) {
-        error = file + ": " + strerror(errno);
-        return false;
+        return Failed(error, file + ": " + strerror(errno));
     }
     const size_t deep = DeepLine(text);
     if (deep > 0) {
-        error = file + ":" + std::to_string(deep) + ": more than " + std::to_string(DOTS_MAX) +
-                " dots in a line";
-        return false;
+        return Failed(error, file + ":" + std::to_string(deep) + ": more than " +
+                                 std::to_string(DOTS_MAX) + " dots in a line");
     }
     toml::parse_result parsed = toml::parse(text);
     if (!parsed) {
-        error = file + ":" + std::to_string(parsed.error().source().begin.line) + ": " +
-                std::string(parsed.error().description());
-        return false;
+        return Failed(error, file + ":" + std::to_string(parsed.error().source().begin.line) +
+                                 ": " + std::string(parsed.error().description()));
     }
     table = std::move(parsed).table();
     return true;
@@ -87,8 +85,8 @@ bool SetKey(toml::table& table, const std::string& setting, std::string& error) 
         parent = table.at_path(path.substr(0, path.size() - key.size() - 1)).as_table();
     }
     if (equals == std::string::npos || key.empty() || parent == nullptr) {
-        error = Escaped(setting) + ": is not KEY=VALUE, with a key that the description can have";
-        return false;
+        return Failed(error, Escaped(setting) +
+                                 ": is not KEY=VALUE, with a key that the description can have");
     }
     const toml::node* old = parent->get(key);
     const bool isBare = old != nullptr && (old->is_string() || old->is_array()) &&
@@ -96,8 +94,7 @@ bool SetKey(toml::table& table, const std::string& setting, std::string& error) 
     if (isBare) {
         std::string bytes;
         if (!Unescape(value, bytes)) {
-            error = Escaped(setting) + R"(: a backslash begins \n, \\ or \xHH)";
-            return false;
+            return Failed(error, Escaped(setting) + R"(: a backslash begins \n, \\ or \xHH)");
         }
         const bool isLine = EndsLine(old->value_exact<std::string>().value_or(""));
         Assign(*parent, key, bytes + (isLine && !EndsLine(bytes) ? "\n" : ""));
@@ -105,8 +102,7 @@ bool SetKey(toml::table& table, const std::string& setting, std::string& error) 
     }
     const toml::parse_result parsed = toml::parse("value = " + value);
     if (!parsed || parsed.table().size() != 1) {
-        error = Escaped(setting) + ": the value is not TOML";
-        return false;
+        return Failed(error, Escaped(setting) + ": the value is not TOML");
     }
     parent->insert_or_assign(key, *parsed.table().get("value"));
     return true;

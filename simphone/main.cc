@@ -35,7 +35,7 @@ int Run(const std::string& directory, const std::string& tool, const RunOptions&
     for (const std::string& fault : result.unmetFaults) {
         std::cerr << "simphone: fault \"" << Escaped(fault) << "\": no call of the run met it\n";
     }
-    if (!result.unmetFaults.empty()) {
+    if (!result.unmetFaults.empty() || Finish(true, "") != 0) {
         return 2;
     }
     return result.signal != 0 ? 128 + result.signal : result.exitStatus;

@@ -25,8 +25,7 @@ bool Put(const std::string& path, const std::string& content, std::string& error
     std::error_code status;
     fs::create_directories(fs::path(path).parent_path(), status);
     if (!WriteWholeFile(path, content.data(), content.size())) {
-        error = path + ": " + strerror(errno);
-        return false;
+        return Failed(error, path + ": " + strerror(errno));
     }
     return true;
 }
@@ -69,21 +68,18 @@ bool MakePhone(const std::string& descriptionFile, const std::vector<std::string
     }
     std::error_code status;
     if (fs::exists(directory, status) && !fs::is_empty(directory, status)) {
-        error = directory + ": is there and not an empty directory";
-        return false;
+        return Failed(error, directory + ": is there and not an empty directory");
     }
     // Of two that make a phone in one place at one time, one finds this file.
     fs::create_directories(directory, status);
     const int claim = open((directory + "/phone.toml").c_str(), O_WRONLY | O_CREAT | O_EXCL, 0644);
     if (claim < 0) {
-        error = directory + "/phone.toml: " + strerror(errno);
-        return false;
+        return Failed(error, directory + "/phone.toml: " + strerror(errno));
     }
     close(claim);
     for (const char* folder : {"/vendor/firmware", "/data/vendor", "/splash2", "/tmp", "/device"}) {
         if (fs::create_directories(directory + folder, status); status) {
-            error = directory + folder + ": " + status.message();
-            return false;
+            return Failed(error, directory + folder + ": " + status.message());
         }
     }
     std::string extCsd(EXT_CSD_SIZE, '\0');
@@ -117,8 +113,7 @@ bool RebootPhone(const std::string& directory, std::string& error) {
     const bool isPending = fs::exists(device + "/pending", status);
     if (isPending && !phone.ufs &&
         (!ReadWholeFile(device + "/ext_csd.bin", extCsd) || extCsd.size() != EXT_CSD_SIZE)) {
-        error = device + "/ext_csd.bin: is not 512 bytes that can be read";
-        return false;
+        return Failed(error, device + "/ext_csd.bin: is not 512 bytes that can be read");
     }
     if (isPending && !PutRevision(directory, phone, phone.firmwareRevision, extCsd, error)) {
         return false;

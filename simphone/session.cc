@@ -97,8 +97,7 @@ bool Prepare(const std::string& phone, const char* faults, Session& run, std::st
     std::error_code status;
     run.directory = std::filesystem::canonical(phone, status);
     if (status) {
-        error = phone + ": " + status.message();
-        return false;
+        return Failed(error, phone + ": " + status.message());
     }
     if (!ReadDescription(phone + "/phone.toml", {}, run.phone, error)) {
         return false;
@@ -108,8 +107,7 @@ bool Prepare(const std::string& phone, const char* faults, Session& run, std::st
     }
     run.journal = OpenJournal(run.directory + JOURNAL_FILE);
     if (run.journal < 0) {
-        error = run.directory + JOURNAL_FILE + ": " + strerror(errno);
-        return false;
+        return Failed(error, run.directory + JOURNAL_FILE + ": " + strerror(errno));
     }
     return true;
 }

@@ -152,21 +152,21 @@ bool IsLibraryLoaded(const Start& start, std::string& error) {
         return true;
     }
     if (!IsLoadedByGlibc(start.tool)) {
-        error = start.tool + ": is no program that loads the phone's library (dynamically linked "
-                             "to glibc, without more rights than its user's)";
-        return false;
+        return Failed(error,
+                      start.tool +
+                          ": is no program that loads the phone's library (dynamically linked "
+                          "to glibc, without more rights than its user's)");
     }
     RunResult result = {};
     int status = 0;
     if (!Execute(start, true, status, result)) {
-        error = result.error;
-        return false;
+        return Failed(error, result.error);
     }
     const std::string loaded = result.console + result.errors;
     if (loaded.find("/proc/self/fd/") == std::string::npos ||
         loaded.find("cannot be preloaded") != std::string::npos) {
-        error = start.tool + ": does not load " + start.phoneLibrary + ": " + Escaped(loaded);
-        return false;
+        return Failed(error, start.tool + ": does not load " + start.phoneLibrary + ": " +
+                                 Escaped(loaded));
     }
     known.insert(what);
     return true;
@@ -188,18 +188,16 @@ bool Prepare(const std::string& directory, const std::string& tool, const RunOpt
         start.faults += text + "\n";
     }
     if (access(tool.c_str(), X_OK) != 0) {
-        error = tool + ": " + strerror(errno);
-        return false;
+        return Failed(error, tool + ": " + strerror(errno));
     }
     if (start.phoneLibrary.empty()) {
-        error = options.libsimphone.empty() ? "libsimphone.so: not found beside " + tool
-                                            : options.libsimphone + ": is not the phone's library";
-        return false;
+        return Failed(error, options.libsimphone.empty()
+                                 ? "libsimphone.so: not found beside " + tool
+                                 : options.libsimphone + ": is not the phone's library");
     }
     for (const char* log : {CONSOLE_FILE, ERRORS_FILE, JOURNAL_FILE}) {
         if (!WriteWholeFile(directory + log, "", 0)) {
-            error = directory + log + ": " + strerror(errno);
-            return false;
+            return Failed(error, directory + log + ": " + strerror(errno));
         }
     }
     return IsLibraryLoaded(start, error);
