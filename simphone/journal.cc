@@ -4,6 +4,7 @@
 
 #include "simphone/files.h"
 
+#include <cstdlib>
 #include <sstream>
 
 namespace {

@@ -71,8 +71,8 @@ bool Replaces(const Fault* fault);
 void EndCall(Call& call, const Fault* fault, const std::string& result, int error);
 
 // The result of most calls that fail.
-template <typename Result> constexpr auto FAILED = static_cast<Result>(-1);
-template <typename Target> constexpr Target* FAILED<Target*> = nullptr;
+template <typename Result> inline constexpr auto FAILED = static_cast<Result>(-1);
+template <typename Target> inline constexpr Target* FAILED<Target*> = nullptr;
 
 // Carries out one call of the tool, or the fault that it meets. `failed` is the result of a failing
 // call. errno afterwards is what the call left.
