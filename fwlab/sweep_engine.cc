@@ -458,7 +458,7 @@ void PutDescription(const Plan& plan, size_t scenario) {
     if (!ReadWholeFile(file, text)) {
         throw FailureAt(file, errno);
     }
-    text = (phone.clockFixed ? "" : CLOCK) + text;
+    text = (phone.clock ? "" : CLOCK) + text;
     if (!WriteWholeFile(copy, text.data(), text.size())) {
         throw FailureAt(copy, errno);
     }

@@ -5,7 +5,6 @@
 #include "simphone/files.h"
 #include "simphone/keys.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstring>
@@ -27,41 +26,39 @@ bool ParseAnswer(const std::string& text, Answer& answer) {
     std::string kind, rest;
     words >> kind;
     const auto found = kinds.find(kind);
-    if (found == kinds.end()) {
+    bool isRight = found != kinds.end();
+    if (!isRight) {
         return false;
     }
-    answer = {};
-    answer.kind = found->second;
-    bool right = true;
-    if (answer.kind == Answer::Kind::SENSE || answer.kind == Answer::Kind::DESCRIPTOR_SENSE) {
+    answer = {found->second, 0, 0, 0, 0};
+    if (answer.IsSense()) {
         unsigned key = 0, asc = 0, ascq = 0;
-        char slashes[2] = {};
-        words >> std::hex >> key >> slashes[0] >> asc >> slashes[1] >> ascq;
+        char slash = 0, secondSlash = 0;
+        words >> std::hex >> key >> slash >> asc >> secondSlash >> ascq;
         answer.key = static_cast<uint8_t>(key);
         answer.asc = static_cast<uint8_t>(asc);
         answer.ascq = static_cast<uint8_t>(ascq);
-        right =
-            words && slashes[0] == '/' && slashes[1] == '/' && key < 16 && asc < 256 && ascq < 256;
+        isRight = words && slash == '/' && secondSlash == '/' && key < 16 && (asc | ascq) < 256;
     } else if (answer.kind != Answer::Kind::ACCEPTED) {
         words >> std::setbase(0) >> answer.value;
-        right = words && answer.value > 0 && answer.value < 256;
+        isRight = words && answer.value > 0 && answer.value < 256;
     }
-    return right && !(words >> rest);
+    return isRight && !(words >> rest);
 }
 
 void TakeClock(Keys keys, Description& phone) {
     const char wanted[] = "a local time such as 2026-03-07T09:05:02.041";
     Take(keys, "clock", OPTIONAL, wanted, [&](const toml::node& node) {
         const auto clock = node.value_exact<toml::date_time>().value_or(toml::date_time{});
-        phone.clockFixed = true;
-        phone.clock.tm_year = clock.date.year - 1900;
-        phone.clock.tm_mon = clock.date.month - 1;
-        phone.clock.tm_mday = clock.date.day;
-        phone.clock.tm_hour = clock.time.hour;
-        phone.clock.tm_min = clock.time.minute;
-        phone.clock.tm_sec = clock.time.second;
-        phone.clock.tm_isdst = -1;
-        phone.clockMicroseconds = static_cast<int>(clock.time.nanosecond / 1000);
+        tm local = {};
+        local.tm_year = clock.date.year - 1900;
+        local.tm_mon = clock.date.month - 1;
+        local.tm_mday = clock.date.day;
+        local.tm_hour = clock.time.hour;
+        local.tm_min = clock.time.minute;
+        local.tm_sec = clock.time.second;
+        local.tm_isdst = -1;
+        phone.clock = timeval{mktime(&local), clock.time.nanosecond / 1000};
         return node.is_date_time() && !clock.offset;
     });
 }
@@ -82,17 +79,13 @@ void TakeCid(Keys keys, Description& phone) {
     for (int i = 0; i < 4; i++) {
         phone.cid[10 + i] = static_cast<uint8_t>(serial >> (24 - 8 * i));
     }
-    if (keys.error.empty() && phone.productName.size() != 6) {
-        keys.error = "product_name is not 6 characters";
-    }
+    Demand(keys, phone.productName.size() == 6, "product_name is not 6 characters");
 }
 
 void TakeEmmc(Keys keys, Description& phone) {
     const std::string mode = TakeText(keys, "mode");
     phone.gki = mode == "gki";
-    if (keys.error.empty() && !phone.gki && mode != "normal") {
-        keys.error = "mode is not \"gki\" or \"normal\"";
-    }
+    Demand(keys, phone.gki || mode == "normal", "mode is not \"gki\" or \"normal\"");
     phone.revision = TakeBytes(keys, "revision", 8);
     phone.extCsdRev = static_cast<uint8_t>(TakeNumber(keys, "ext_csd_rev", 0xFF));
     TakeTable(keys, "cid", [&](Keys cid) { TakeCid(cid, phone); });
@@ -107,9 +100,8 @@ void TakeUfs(Keys keys, Description& phone) {
     phone.maxHwSectorsKb = TakeNumber(keys, "max_hw_sectors_kb", INT_MAX / 1024, OPTIONAL);
     for (const std::string& text : TakeTexts(keys, "write_buffer")) {
         phone.answers.emplace_back();
-        if (!ParseAnswer(text, phone.answers.back()) && keys.error.empty()) {
-            keys.error = "write_buffer: not an answer: " + text;
-        }
+        const bool isAnswer = ParseAnswer(text, phone.answers.back());
+        Demand(keys, isAnswer, "write_buffer: not an answer: " + text);
     }
     if (phone.answers.empty()) {
         phone.answers.emplace_back();
@@ -119,9 +111,7 @@ void TakeUfs(Keys keys, Description& phone) {
 void TakePhone(Keys keys, Description& phone) {
     const std::string technology = TakeText(keys, "technology");
     phone.ufs = technology == "ufs";
-    if (keys.error.empty() && !phone.ufs && technology != "emmc") {
-        keys.error = "technology is not \"emmc\" or \"ufs\"";
-    }
+    Demand(keys, phone.ufs || technology == "emmc", "technology is not \"emmc\" or \"ufs\"");
     phone.ufs ? TakeUfs(keys, phone) : TakeEmmc(keys, phone);
     TakeTable(keys, "firmware", [&](Keys firmware) {
         phone.firmwareRevision = TakeBytes(firmware, "revision", phone.ufs ? 4 : 8);
@@ -136,46 +126,36 @@ void TakePhone(Keys keys, Description& phone) {
     RefuseTheRest(keys);
 }
 
-bool ReadTableWith(const std::string& file, const std::vector<std::string>& settings,
-                   toml::table& table, std::string& error) {
-    return ReadTable(file, table, error) &&
-           std::all_of(settings.begin(), settings.end(),
-                       [&](const std::string& setting) { return SetKey(table, setting, error); });
-}
+// The TOML library writes texts with line feeds in other forms than one line so that it cannot read
+// them back.
+constexpr auto TEXT_FLAGS =
+    toml::toml_formatter::default_flags &
+    ~(toml::format_flags::allow_multi_line_strings | toml::format_flags::allow_literal_strings);
 
 } // namespace
 
 bool ReadDescription(const std::string& file, const std::vector<std::string>& settings,
-                     Description& description, std::string& error) {
+                     Description& description, std::string& error, std::string* text) {
     toml::table table;
-    if (!ReadTableWith(file, settings, table, error)) {
+    if (!ReadTable(file, table, error)) {
         return false;
+    }
+    for (const std::string& setting : settings) {
+        if (!SetKey(table, setting, error)) {
+            return false;
+        }
+    }
+    if (text != nullptr && settings.empty() && !ReadWholeFile(file, *text)) {
+        return Failed(error, file + ": " + strerror(errno));
+    }
+    if (text != nullptr && !settings.empty()) {
+        std::ostringstream stream;
+        stream << toml::toml_formatter(table, TEXT_FLAGS) << "\n";
+        *text = stream.str();
     }
     std::string wrong;
     description = {};
     TakePhone({table, wrong}, description);
     error = wrong.empty() ? "" : file + ": " + wrong;
     return wrong.empty();
-}
-
-bool ReadDescriptionText(const std::string& file, const std::vector<std::string>& settings,
-                         std::string& text, std::string& error) {
-    toml::table table;
-    if (!ReadTableWith(file, settings, table, error)) {
-        return false;
-    }
-    if (settings.empty()) {
-        const bool isRead = ReadWholeFile(file, text);
-        error = isRead ? "" : file + ": " + strerror(errno);
-        return isRead;
-    }
-    std::ostringstream stream;
-    // The TOML library writes texts with line feeds in other forms than one line so that it cannot
-    // read them back.
-    constexpr auto flags =
-        toml::toml_formatter::default_flags &
-        ~(toml::format_flags::allow_multi_line_strings | toml::format_flags::allow_literal_strings);
-    stream << toml::toml_formatter(table, flags) << "\n";
-    text = stream.str();
-    return true;
 }

@@ -6,8 +6,9 @@
 #include "simphone/fault.h"
 
 #include <cstdint>
-#include <ctime>
+#include <optional>
 #include <string>
+#include <sys/time.h>
 #include <vector>
 
 // How the UFS device answers a WRITE BUFFER that is in order.
@@ -16,6 +17,10 @@ struct Answer {
     Kind kind;
     unsigned value; // of a SCSI, host or driver status
     uint8_t key, asc, ascq;
+
+    bool IsSense() const {
+        return kind == Kind::SENSE || kind == Kind::DESCRIPTOR_SENSE;
+    }
 };
 
 struct Description {
@@ -26,20 +31,15 @@ struct Description {
     std::string manfid, productName; // UFS, as the nodes read; eMMC: productName without line feed
     std::vector<Answer> answers;     // UFS; the last one stays
     uint32_t maxHwSectorsKb;         // UFS: KiB in one request of the host; 0 without a limit
-    bool clockFixed;
-    tm clock; // local time; tm_sec and the microseconds below
-    int clockMicroseconds;
+    std::optional<timeval> clock;    // where it stands still
     std::vector<Fault> faults;
 };
 
 // Reads a description, with other values for the keys that the settings name (KEY=VALUE, see SetKey
-// in keys.h). Returns false with a text for the user, which names the file, and the key or the
-// setting.
+// in keys.h). `text`, if it is given, becomes that of a description in which the settings stand;
+// without settings it is the file's own. Returns false with a text for the user, which names the
+// file, and the key or the setting.
 [[nodiscard]] bool ReadDescription(const std::string& file,
                                    const std::vector<std::string>& settings,
-                                   Description& description, std::string& error);
-
-// The text of a description in which the settings stand; without settings it is the file's own.
-[[nodiscard]] bool ReadDescriptionText(const std::string& file,
-                                       const std::vector<std::string>& settings, std::string& text,
-                                       std::string& error);
+                                   Description& description, std::string& error,
+                                   std::string* text = nullptr);

@@ -1,8 +1,8 @@
 // The storage device of a phone, behind its driver. What survives a run is kept below device/ of
 // the phone's directory: ext_csd.bin (eMMC), downloaded.bin (the image taken last), pending (there
 // is an installed firmware that the next restart activates) and running.bin (the image that was
-// activated). Called by the library for the requests of the tool. A request that is refused changes
-// nothing.
+// activated). Called by the library for the requests of the tool, and by the device of the virtual
+// machine. A request that is refused changes nothing.
 #pragma once
 
 #include "simphone/description.h"
@@ -11,8 +11,7 @@
 #include <scsi/sg.h>
 #include <string>
 
-// The request as requests.log has it, without the answer; also for requests that a fault
-// intercepts.
+// The request as the journal has it, without the answer; also for requests that a fault intercepts.
 std::string DescribeMmc(const mmc_ioc_cmd& command);
 std::string DescribeScsi(const sg_io_hdr& request);
 

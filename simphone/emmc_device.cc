@@ -5,7 +5,6 @@
 #include "simphone/files.h"
 
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <unistd.h>
@@ -53,12 +52,9 @@ int Download(const std::string& directory, const mmc_ioc_cmd& command) {
 } // namespace
 
 std::string DescribeMmc(const mmc_ioc_cmd& command) {
-    char text[160];
-    snprintf(text, sizeof(text),
-             "MMC_IOC_CMD opcode=%u write=%d arg=%u flags=0x%x blksz=%u blocks=%u%s",
-             command.opcode, command.write_flag, command.arg, command.flags, command.blksz,
-             command.blocks, command.data_ptr == 0 ? " no data" : "");
-    return text;
+    return Text("MMC_IOC_CMD opcode=%u write=%d arg=%u flags=0x%x blksz=%u blocks=%u%s",
+                command.opcode, command.write_flag, command.arg, command.flags, command.blksz,
+                command.blocks, command.data_ptr == 0 ? " no data" : "");
 }
 
 const char* MmcRequestName(uint32_t opcode) {

@@ -79,17 +79,17 @@ bool ParseRange(const std::string& word, Fault& fault) {
             fault.last >= fault.first);
 }
 
-constexpr const char* LOSS_WORDS[] = {"lost", "empty", "gone"}; // in the order of Loss
+constexpr const char* LOSS_WORDS[] = {"lost=", "empty=", "gone="}; // in the order of Loss
 
 // One word, such as "lost=fw_result,ffu.bgn"; a file has one fate.
 bool ParseLosses(const std::string& word, Losses& losses) {
-    const size_t equals = word.find('=');
+    const size_t begin = word.find('=') + 1; // 0 without one
     const auto* found =
-        std::find(std::begin(LOSS_WORDS), std::end(LOSS_WORDS), word.substr(0, equals));
-    if (equals == std::string::npos || found == std::end(LOSS_WORDS)) {
+        std::find(std::begin(LOSS_WORDS), std::end(LOSS_WORDS), word.substr(0, begin));
+    if (found == std::end(LOSS_WORDS)) {
         return false;
     }
-    std::istringstream names(word.substr(equals + 1));
+    std::istringstream names(word.substr(begin));
     bool right = names.peek() != EOF && word.back() != ',';
     for (std::string name; right && std::getline(names, name, ',');) {
         right = !name.empty() && name.find('/') == std::string::npos &&
@@ -110,13 +110,10 @@ bool CanHave(const std::string& call, Effect effect) {
 std::string LossText(const Losses& losses) {
     std::string text;
     for (const Loss loss : {Loss::LOST, Loss::EMPTY, Loss::GONE}) {
-        std::string names;
+        std::string begin =
+            std::string(text.empty() ? "" : " ") + LOSS_WORDS[static_cast<int>(loss)];
         for (const auto& [name, fate] : losses) {
-            names += fate != loss ? "" : (names.empty() ? "" : ",") + name;
-        }
-        if (!names.empty()) {
-            text +=
-                (text.empty() ? "" : " ") + (LOSS_WORDS[static_cast<size_t>(loss)] + ("=" + names));
+            text += fate == loss ? std::exchange(begin, ",") + name : "";
         }
     }
     return text;
@@ -124,8 +121,7 @@ std::string LossText(const Losses& losses) {
 
 bool ParseFault(const std::string& text, Fault& fault, std::string& error) {
     const auto refuse = [&](const std::string& why) {
-        error = "fault \"" + Escaped(text) + "\": " + why;
-        return false;
+        return Failed(error, "fault \"" + Escaped(text) + "\": " + why);
     };
     std::istringstream words(text);
     std::string word;

@@ -3,14 +3,15 @@
 #include "simphone/files.h"
 
 #include <charconv>
+#include <cstdarg>
+#include <cstdio>
 #include <fcntl.h>
 #include <unistd.h>
 
-namespace {
-
-constexpr char DIGITS[] = "0123456789abcdef";
-
-} // namespace
+bool Failed(std::string& error, const std::string& text) {
+    error = text;
+    return false;
+}
 
 bool ReadWholeFile(const std::string& path, std::string& content) {
     const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
@@ -28,21 +29,12 @@ bool ReadWholeFile(const std::string& path, std::string& content) {
 }
 
 bool WriteWholeFile(const std::string& path, const void* data, size_t size) {
-    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (fd < 0) {
+    FILE* file = fopen(path.c_str(), "we");
+    if (file == nullptr) {
         return false;
     }
-    const char* rest = static_cast<const char*>(data);
-    while (size > 0) {
-        const ssize_t count = write(fd, rest, size);
-        if (count <= 0) {
-            close(fd);
-            return false;
-        }
-        rest += count;
-        size -= static_cast<size_t>(count);
-    }
-    return close(fd) == 0;
+    const bool isWritten = fwrite(data, 1, size, file) == size;
+    return fclose(file) == 0 && isWritten;
 }
 
 std::string Displayed(const std::string& text) {
@@ -60,6 +52,14 @@ std::string Escaped(const std::string& text) {
         doubled.append(c == '\\' ? 2 : 1, c);
     }
     return Displayed(doubled);
+}
+
+std::string Word(const std::string& text) {
+    std::string word;
+    for (const char c : Escaped(text)) {
+        word += c == ' ' || c == '"' ? "\\x" + Hex(&c, 1) : std::string(1, c);
+    }
+    return word.empty() ? "\"\"" : word;
 }
 
 bool Unescape(const std::string& line, std::string& text) {
@@ -86,9 +86,16 @@ bool Unescape(const std::string& line, std::string& text) {
 std::string Hex(const void* data, size_t size) {
     std::string text;
     for (size_t i = 0; i < size; i++) {
-        const auto byte = static_cast<const unsigned char*>(data)[i];
-        text += DIGITS[byte >> 4];
-        text += DIGITS[byte & 0xF];
+        text += Text("%02x", static_cast<const unsigned char*>(data)[i]);
     }
+    return text;
+}
+
+std::string Text(const char* format, ...) {
+    char text[4096];
+    va_list more;
+    va_start(more, format);
+    vsnprintf(text, sizeof(text), format, more);
+    va_end(more);
     return text;
 }

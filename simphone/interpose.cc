@@ -2,6 +2,7 @@
 // the next definition, the C library's or a sanitizer's; a call of the tool goes through Counted
 // first, with phone paths led into the phone's directory and device requests led to the device.
 #include "simphone/device.h"
+#include "simphone/files.h"
 #include "simphone/session.h"
 
 #include <algorithm>
@@ -13,6 +14,7 @@
 #include <cstring>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <filesystem>
 #include <malloc.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
@@ -31,32 +33,21 @@
 
 namespace {
 
-template <typename Value> std::string Text(const char* name, Value value) {
-    if constexpr (std::is_pointer_v<Value>) {
-        return std::string(name) + "=" + ResultText(value);
-    } else {
-        return std::string(name) + "=" + std::to_string(value);
-    }
-}
-
 OpenFile Opened(int fd) {
     const auto found = session->descriptors.find(fd);
     return found == session->descriptors.end() ? OpenFile{"-", 0, Node::NONE} : found->second;
 }
 
-// Device nodes are known by what the descriptor leads to, so that they may be symbolic links.
-Node NodeOf(int fd) {
-    struct stat here, there;
-    const struct {
-        Node node;
-        const char* path;
-    } nodes[] = {{Node::MMC, "/dev/block/mmcblk0"},
-                 {Node::SCSI, "/dev/block/sdc"},
-                 {Node::GKI, "/proc/bootdevice/ffu"}};
-    for (const auto& candidate : nodes) {
-        if (stat(HostPath(candidate.path).c_str(), &there) == 0 && fstat(fd, &here) == 0 &&
-            here.st_ino == there.st_ino && here.st_dev == there.st_dev) {
-            return candidate.node;
+// Device nodes are known by what the path leads to, so that they may be symbolic links.
+Node NodeOf(const char* path) {
+    const std::pair<Node, const char*> nodes[] = {{Node::MMC, "/dev/block/mmcblk0"},
+                                                  {Node::SCSI, "/dev/block/sdc"},
+                                                  {Node::GKI, "/proc/bootdevice/ffu"}};
+    std::error_code status;
+    for (const auto& [node, place] : nodes) {
+        if (IsPhonePath(path) &&
+            std::filesystem::equivalent(HostPath(path), HostPath(place), status)) {
+            return node;
         }
     }
     return Node::NONE;
@@ -65,13 +56,11 @@ Node NodeOf(int fd) {
 // The host's file system may not take direct I/O; Misaligned checks what a phone's would demand.
 template <typename Perform>
 int OpenCall(const char* function, const char* path, int flags, Perform perform) {
-    char arguments[32];
-    snprintf(arguments, sizeof(arguments), "flags=0x%x", static_cast<unsigned>(flags));
-    return Counted({function, path, arguments}, -1, [&] {
-        const bool direct = IsPhonePath(path) && (flags & O_DIRECT) != 0;
-        const int fd = perform(HostPath(path).c_str(), direct ? flags & ~O_DIRECT : flags);
+    return Counted({{function, path, Text("flags=0x%x", static_cast<unsigned>(flags))}}, [&] {
+        const int fd =
+            perform(HostPath(path).c_str(), IsPhonePath(path) ? flags & ~O_DIRECT : flags);
         if (fd >= 0) {
-            session->descriptors[fd] = {path, flags, IsPhonePath(path) ? NodeOf(fd) : Node::NONE};
+            session->descriptors[fd] = {path, flags, NodeOf(path)};
         }
         return fd;
     });
@@ -91,47 +80,41 @@ int Failing(int error) {
 
 template <typename Perform> ssize_t ReadCall(int fd, void* data, size_t count, Perform perform) {
     const OpenFile file = Opened(fd);
-    Call call{"read", file.path, Text("fd", fd) + Text(" count", count)};
+    Call call{{"read", file.path, Text("fd=%d count=%zu", fd, count)}};
     call.count = &count;
-    return Counted(call, ssize_t{-1}, [&]() -> ssize_t {
+    return Counted(call, [&]() -> ssize_t {
         return Misaligned(fd, file, data, count) ? Failing(EINVAL) : perform(count);
     });
 }
 
-int DeviceCall(int fd, const OpenFile& file, unsigned long request, void* argument) {
-    Call call{"ioctl", file.path, Text("fd", fd)};
-    if (request == SG_SCSI_RESET) {
-        call.alias = "SG_SCSI_RESET";
-        call.request = call.alias + Text(" type", *static_cast<int*>(argument));
-    } else if (request == SG_IO) {
-        call.alias = "SG_IO";
-        call.request = DescribeScsi(*static_cast<sg_io_hdr*>(argument));
-    } else {
-        const auto& command = *static_cast<mmc_ioc_cmd*>(argument);
-        call.alias = MmcRequestName(command.opcode);
-        call.request = DescribeMmc(command);
-    }
-    call.arguments += std::string(" request=") + call.alias;
-    std::string response;
-    call.response = &response;
-    return Counted(call, -1, [&] {
-        if (request == SG_SCSI_RESET) {
-            return 0;
-        }
-        if (request == MMC_IOC_CMD) {
-            return Failing(AnswerMmc(session->directory, session->phone.gki, file.flags,
-                                     *static_cast<mmc_ioc_cmd*>(argument)));
-        }
+// A request to the storage device, which the faults know by `name`.
+template <typename Perform>
+int DeviceCall(int fd, const OpenFile& file, const char* name, const std::string& request,
+               Perform perform) {
+    std::string answer;
+    Call call{{"ioctl", file.path, Text("fd=%d request=%s", fd, name), request}, name, &answer};
+    return Counted(call, [&] { return Failing(perform(answer)); });
+}
+
+int ScsiCall(int fd, const OpenFile& file, sg_io_hdr& request) {
+    return DeviceCall(fd, file, "SG_IO", DescribeScsi(request), [&](std::string& answer) {
         const auto& answers = session->phone.answers;
         const size_t turn = std::min(session->scsiRequests++, answers.size() - 1);
-        return Failing(AnswerScsi(session->directory, answers[turn], session->phone.maxHwSectorsKb,
-                                  file.flags, *static_cast<sg_io_hdr*>(argument), response));
+        return AnswerScsi(session->directory, answers[turn], session->phone.maxHwSectorsKb,
+                          file.flags, request, answer);
+    });
+}
+
+int MmcCall(int fd, const OpenFile& file, mmc_ioc_cmd& command) {
+    const char* name = MmcRequestName(command.opcode);
+    return DeviceCall(fd, file, name, DescribeMmc(command), [&](std::string&) {
+        return AnswerMmc(session->directory, session->phone.gki, file.flags, command);
     });
 }
 
 // A phone path resolves to the phone's own path; a link that leads out of the phone leads nowhere.
 template <typename Perform> char* RealPathCall(const char* path, char* resolved, Perform perform) {
-    return Counted({"realpath", path, ""}, static_cast<char*>(nullptr), [&]() -> char* {
+    return Counted({{"realpath", path, ""}}, [&]() -> char* {
         const size_t root = IsPhonePath(path) ? session->directory.size() : 0;
         char whole[PATH_MAX];
         if (perform(HostPath(path).c_str(), whole) == nullptr) {
@@ -183,7 +166,7 @@ SAME(creat64, creat);
 
 int access(const char* path, int mode) noexcept {
     PASS_OTHERS(access, path, mode);
-    return Counted({"access", path, Text("mode", mode)}, -1,
+    return Counted({{"access", path, Text("mode=%d", mode)}},
                    [&] { return next(HostPath(path).c_str(), mode); });
 }
 
@@ -201,12 +184,10 @@ ssize_t write(int fd, const void* data, size_t count) {
     PASS_OTHERS(write, fd, data, count);
     const OpenFile file = Opened(fd);
     const size_t asked = count;
-    Call call{"write", file.path, Text("fd", fd) + Text(" count", count)};
+    Call call{{"write", file.path, Text("fd=%d count=%zu", fd, count)}};
     call.count = &count;
-    if (file.node == Node::GKI) {
-        call.request = "GKI write " + std::to_string(asked);
-    }
-    return Counted(call, ssize_t{-1}, [&]() -> ssize_t {
+    call.text = file.node == Node::GKI ? Text("GKI write %zu", asked) : "";
+    return Counted(call, [&]() -> ssize_t {
         if (file.node == Node::GKI) {
             const int error = TakeGkiImage(session->directory, data, count, asked);
             return error != 0 ? Failing(error) : static_cast<ssize_t>(count);
@@ -217,23 +198,22 @@ ssize_t write(int fd, const void* data, size_t count) {
 
 off_t lseek(int fd, off_t offset, int whence) noexcept {
     PASS_OTHERS(lseek, fd, offset, whence);
-    const std::string arguments =
-        Text("fd", fd) + Text(" offset", offset) + Text(" whence", whence);
-    return Counted({"lseek", Opened(fd).path, arguments}, off_t{-1},
-                   [&] { return next(fd, offset, whence); });
+    return Counted(
+        {{"lseek", Opened(fd).path, Text("fd=%d offset=%ld whence=%d", fd, offset, whence)}},
+        [&] { return next(fd, offset, whence); });
 }
 SAME(lseek64, lseek);
 
 int fsync(int fd) {
     PASS_OTHERS(fsync, fd);
-    return Counted({"fsync", Opened(fd).path, Text("fd", fd)}, -1, [&] { return next(fd); });
+    return Counted({{"fsync", Opened(fd).path, Text("fd=%d", fd)}}, [&] { return next(fd); });
 }
 
 int close(int fd) {
     PASS_OTHERS(close, fd);
-    Call call{"close", Opened(fd).path, Text("fd", fd)};
+    Call call{{"close", Opened(fd).path, Text("fd=%d", fd)}};
     call.releases = true; // Linux gives the descriptor back even if it reports an error
-    return Counted(call, -1, [&] {
+    return Counted(call, [&] {
         session->descriptors.erase(fd);
         return next(fd);
     });
@@ -242,7 +222,7 @@ int close(int fd) {
 int fstat(int fd, struct stat* status) noexcept {
     PASS_OTHERS(fstat, fd, status);
     const OpenFile file = Opened(fd);
-    return Counted({"fstat", file.path, Text("fd", fd)}, -1, [&] {
+    return Counted({{"fstat", file.path, Text("fd=%d", fd)}}, [&] {
         const int result = next(fd, status);
         if (result == 0 && (file.node == Node::MMC || file.node == Node::SCSI)) {
             status->st_mode = (status->st_mode & 07777) | S_IFBLK;
@@ -255,31 +235,31 @@ SAME(fstat64, fstat);
 
 void* mmap(void* place, size_t size, int protection, int flags, int fd, off_t offset) noexcept {
     PASS_OTHERS(mmap, place, size, protection, flags, fd, offset);
-    const std::string arguments = Text("fd", fd) + Text(" size", size) + Text(" offset", offset);
-    return Counted({"mmap", Opened(fd).path, arguments}, MAP_FAILED,
-                   [&] { return next(place, size, protection, flags, fd, offset); });
+    return Counted(
+        {{"mmap", Opened(fd).path, Text("fd=%d size=%zu offset=%ld", fd, size, offset)}},
+        [&] { return next(place, size, protection, flags, fd, offset); }, MAP_FAILED);
 }
 SAME(mmap64, mmap);
 
 int munmap(void* place, size_t size) noexcept {
     PASS_OTHERS(munmap, place, size);
-    const std::string arguments = Text("pointer", place) + Text(" size", size);
-    return Counted({"munmap", "-", arguments}, -1, [&] { return next(place, size); });
+    return Counted({{"munmap", "-", Text("pointer=%p size=%zu", place, size)}},
+                   [&] { return next(place, size); });
 }
 
 int remove(const char* path) noexcept {
     PASS_OTHERS(remove, path);
-    return Counted({"remove", path, ""}, -1, [&] { return next(HostPath(path).c_str()); });
+    return Counted({{"remove", path, ""}}, [&] { return next(HostPath(path).c_str()); });
 }
 
 int unlink(const char* path) noexcept {
     PASS_OTHERS(unlink, path);
-    return Counted({"unlink", path, ""}, -1, [&] { return next(HostPath(path).c_str()); });
+    return Counted({{"unlink", path, ""}}, [&] { return next(HostPath(path).c_str()); });
 }
 
 int mkdir(const char* path, mode_t mode) noexcept {
     PASS_OTHERS(mkdir, path, mode);
-    return Counted({"mkdir", path, Text("mode", mode)}, -1,
+    return Counted({{"mkdir", path, Text("mode=%u", mode)}},
                    [&] { return next(HostPath(path).c_str(), mode); });
 }
 
@@ -301,28 +281,29 @@ int ioctl(int fd, unsigned long request, ...) noexcept {
     va_end(more);
     PASS_OTHERS(ioctl, fd, request, argument);
     const OpenFile file = Opened(fd);
-    const bool scsi = request == SG_IO || request == SG_SCSI_RESET;
-    if (argument != nullptr &&
-        ((file.node == Node::SCSI && scsi) || (file.node == Node::MMC && request == MMC_IOC_CMD))) {
-        return DeviceCall(fd, file, request, argument);
+    if (argument != nullptr && file.node == Node::SCSI && request == SG_SCSI_RESET) {
+        const std::string reset = Text("SG_SCSI_RESET type=%d", *static_cast<int*>(argument));
+        return DeviceCall(fd, file, "SG_SCSI_RESET", reset, [](std::string&) { return 0; });
     }
-    char arguments[48];
-    snprintf(arguments, sizeof(arguments), "fd=%d request=0x%lx", fd, request);
-    return Counted({"ioctl", file.path, arguments}, -1,
+    if (argument != nullptr && file.node == Node::SCSI && request == SG_IO) {
+        return ScsiCall(fd, file, *static_cast<sg_io_hdr*>(argument));
+    }
+    if (argument != nullptr && file.node == Node::MMC && request == MMC_IOC_CMD) {
+        return MmcCall(fd, file, *static_cast<mmc_ioc_cmd*>(argument));
+    }
+    return Counted({{"ioctl", file.path, Text("fd=%d request=0x%lx", fd, request)}},
                    [&] { return next(fd, request, argument); });
 }
 
 void* calloc(size_t count, size_t size) noexcept {
     PASS_OTHERS(calloc, count, size);
-    const std::string arguments = Text("count", count) + Text(" size", size);
-    return Counted({"calloc", "-", arguments}, static_cast<void*>(nullptr),
+    return Counted({{"calloc", "-", Text("count=%zu size=%zu", count, size)}},
                    [&] { return next(count, size); });
 }
 
 void* memalign(size_t alignment, size_t size) noexcept {
     PASS_OTHERS(memalign, alignment, size);
-    const std::string arguments = Text("alignment", alignment) + Text(" size", size);
-    return Counted({"memalign", "-", arguments}, static_cast<void*>(nullptr),
+    return Counted({{"memalign", "-", Text("alignment=%zu size=%zu", alignment, size)}},
                    [&] { return next(alignment, size); });
 }
 
@@ -330,9 +311,9 @@ void* memalign(size_t alignment, size_t size) noexcept {
 int posix_memalign(void** place, size_t alignment, size_t size) noexcept {
     PASS_OTHERS(posix_memalign, place, alignment, size);
     const int errnoBefore = errno;
-    const std::string arguments = Text("alignment", alignment) + Text(" size", size);
-    const int result = Counted({"posix_memalign", "-", arguments}, -1,
-                               [&] { return Failing(next(place, alignment, size)); });
+    const int result =
+        Counted({{"posix_memalign", "-", Text("alignment=%zu size=%zu", alignment, size)}},
+                [&] { return Failing(next(place, alignment, size)); });
     const int status = result == -1 ? errno : result;
     errno = errnoBefore;
     return status;
@@ -340,19 +321,18 @@ int posix_memalign(void** place, size_t alignment, size_t size) noexcept {
 
 int gettimeofday(timeval* now, void* zone) noexcept {
     PASS_OTHERS(gettimeofday, now, zone);
-    return Counted({"gettimeofday", "-", ""}, -1, [&] {
+    return Counted({{"gettimeofday", "-", ""}}, [&] {
         const int result = next(now, zone);
-        if (session->phone.clockFixed) {
-            *now = session->now;
-        }
+        *now = session->phone.clock.value_or(*now);
         return result;
     });
 }
 
 time_t time(time_t* now) noexcept {
     PASS_OTHERS(time, now);
-    return Counted({"time", "-", ""}, time_t{-1}, [&] {
-        const time_t seconds = session->phone.clockFixed ? session->now.tv_sec : next(nullptr);
+    return Counted({{"time", "-", ""}}, [&] {
+        const auto& clock = session->phone.clock;
+        const time_t seconds = clock ? clock->tv_sec : next(nullptr);
         if (now != nullptr) {
             *now = seconds;
         }
@@ -362,27 +342,26 @@ time_t time(time_t* now) noexcept {
 
 tm* localtime(const time_t* seconds) noexcept {
     PASS_OTHERS(localtime, seconds);
-    return Counted({"localtime", "-", Text("seconds", *seconds)}, static_cast<tm*>(nullptr),
+    return Counted({{"localtime", "-", Text("seconds=%ld", *seconds)}},
                    [&] { return next(seconds); });
 }
 
 char* ctime(const time_t* seconds) noexcept {
     PASS_OTHERS(ctime, seconds);
-    return Counted({"ctime", "-", Text("seconds", *seconds)}, static_cast<char*>(nullptr),
-                   [&] { return next(seconds); });
+    return Counted({{"ctime", "-", Text("seconds=%ld", *seconds)}}, [&] { return next(seconds); });
 }
 
 unsigned sleep(unsigned seconds) {
     PASS_OTHERS(sleep, seconds);
-    return Counted({"sleep", "-", Text("seconds", seconds)}, UINT_MAX, [] { return 0U; });
+    return Counted({{"sleep", "-", Text("seconds=%u", seconds)}}, [] { return 0U; });
 }
 
 FILE* fopen(const char* path, const char* mode) {
     PASS_OTHERS(fopen, path, mode);
-    return Counted({"fopen", path, std::string("mode=") + mode}, static_cast<FILE*>(nullptr), [&] {
+    return Counted({{"fopen", path, "mode=" + Word(mode)}}, [&] {
         FILE* stream = next(HostPath(path).c_str(), mode);
         if (stream != nullptr) {
-            session->streams[stream] = path;
+            session->descriptors[fileno(stream)] = {path, 0, Node::NONE};
         }
         return stream;
     });
@@ -391,22 +370,22 @@ SAME(fopen64, fopen);
 
 char* fgets(char* line, int size, FILE* stream) {
     PASS_OTHERS(fgets, line, size, stream);
-    return Counted({"fgets", session->streams[stream], ""}, static_cast<char*>(nullptr),
+    return Counted({{"fgets", Opened(fileno(stream)).path, ""}},
                    [&] { return next(line, size, stream); });
 }
 
 char* __fgets_chk(char* line, size_t space, int size, FILE* stream) {
     PASS_OTHERS(__fgets_chk, line, space, size, stream);
-    return Counted({"fgets", session->streams[stream], ""}, static_cast<char*>(nullptr),
+    return Counted({{"fgets", Opened(fileno(stream)).path, ""}},
                    [&] { return next(line, space, size, stream); });
 }
 
 int fclose(FILE* stream) {
     PASS_OTHERS(fclose, stream);
-    Call call{"fclose", session->streams[stream], Text("pointer", stream)};
+    Call call{{"fclose", Opened(fileno(stream)).path, Text("pointer=%p", stream)}};
     call.releases = true;
-    return Counted(call, EOF, [&] {
-        session->streams.erase(stream);
+    return Counted(call, [&] {
+        session->descriptors.erase(fileno(stream));
         return next(stream);
     });
 }
@@ -418,10 +397,10 @@ int __android_log_print(int priority, const char* tag, const char* format, ...) 
     vsnprintf(text, sizeof(text), format, more);
     va_end(more);
     PASS_OTHERS(__android_log_print, priority, tag, "%s", text);
-    Call call{LOG_FUNCTION, "-",
-              Text("priority", priority) + " tag=" + (tag != nullptr ? tag : "-")};
-    call.message = text;
-    return Counted(call, -1, [] { return 1; });
+    Call call{{LOG_FUNCTION, "-",
+               Text("priority=%d tag=", priority) + (tag != nullptr ? Word(tag) : "-")}};
+    call.text = text;
+    return Counted(call, [] { return 1; });
 }
 }
 #pragma GCC visibility pop

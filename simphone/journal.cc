@@ -4,6 +4,7 @@
 
 #include "simphone/files.h"
 
+#include <cstdlib>
 #include <sstream>
 
 namespace {
@@ -22,7 +23,9 @@ CallEntry ParseCall(const std::string& line) {
     std::istringstream words(line);
     CallEntry call = {};
     std::string word;
-    words >> call.number >> call.function >> call.path;
+    words >> call.number >> call.function >> word;
+    (void)(word == Word("") || Unescape(word, call.path)); // as CallLine has written it
+    word.clear();
     while (words >> word && word != "=") {
         call.arguments += (call.arguments.empty() ? "" : " ") + word;
     }
@@ -35,7 +38,7 @@ CallEntry ParseCall(const std::string& line) {
         }
     }
     if (words) {
-        call.consoleBytes = std::stoll(word.substr(1));
+        call.consoleBytes = strtoll(word.c_str() + 1, nullptr, 10);
         (void)Unescape(Rest(words), call.text); // as CallLine has escaped it
     }
     return call;
@@ -50,7 +53,7 @@ std::string Argument(const CallEntry& call, const std::string& name) {
 }
 
 std::string CallLine(const CallEntry& call) {
-    std::string line = std::to_string(call.number) + " " + call.function + " " + call.path;
+    std::string line = std::to_string(call.number) + " " + call.function + " " + Word(call.path);
     line += (call.arguments.empty() ? "" : " ") + call.arguments + " = " + call.result;
     line += (call.error.empty() ? "" : " ") + call.error;
     line += call.replaced ? std::string(" ") + FAULT : "";
@@ -69,7 +72,7 @@ Journal ReadJournal(const std::string& phone) {
     (void)ReadWholeFile(phone + JOURNAL_FILE, content); // a run that ended at once has none
     std::istringstream lines(content);
     Journal journal;
-    for (std::string line; std::getline(lines, line);) {
+    for (std::string line; std::getline(lines, line) && !lines.eof();) { // whole ones
         if (line.rfind(FAULT, 0) == 0) {
             journal.faults.push_back(line.substr(sizeof(FAULT)));
         } else {

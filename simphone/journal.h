@@ -11,20 +11,24 @@
 
 constexpr char JOURNAL_FILE[] = "/journal.log"; // in the phone's directory
 constexpr char LOG_FUNCTION[] = "__android_log_print";
+// The exit status of a tool that the library ends, as it has no phone or no place for the journal.
+constexpr int EXIT_NO_PHONE = 125;
 
 // A call that the tool (or libsgutils2 for it) made.
 struct CallEntry {
-    long number;           // 1 for the first call of the run
-    std::string function;  // plain name: "open" for open, open64 and their checked variants
-    std::string path;      // as the tool named it; for a descriptor, as it was opened; "-" without
+    std::string function; // plain name: "open" for open, open64 and their checked variants
+    // As the tool named it (a Word in its line); for a descriptor or stream, as it was opened; "-"
+    // without one.
+    std::string path;
     std::string arguments; // "fd=3 count=512"
-    std::string result;    // decimal, or 0x... for a pointer
-    std::string error;     // "ENOENT" where the call failed, else empty
-    bool replaced;         // by a fault: nothing was done
     // What LOG_FUNCTION was given, or a request to the storage device and its answer:
     // "SG_IO WRITE BUFFER cdb=3b0e... data=1024 timeout=300000ms -> GOOD". Empty for other calls.
-    std::string text;
-    long long consoleBytes; // with a text: bytes on the standard output before it
+    std::string text = {};
+    long number = 0;            // 1 for the first call of the run
+    std::string result = {};    // decimal, or 0x... for a pointer
+    std::string error = {};     // "ENOENT" where the call failed, else empty
+    bool replaced = false;      // by a fault: nothing was done
+    long long consoleBytes = 0; // with a text: bytes on the standard output before it
 
     bool IsMessage() const {
         return function == LOG_FUNCTION;

@@ -15,44 +15,37 @@ constexpr size_t DOTS_MAX = 64;
 constexpr size_t FILE_SIZE_MAX = 16 << 20;
 
 // The first line with a key of so many parts that the TOML library's recursion does not bear the
-// tables in each other; 0 if there is none. Dots count that stand outside of texts and comments.
+// tables in each other; 0 if there is none. Dots in a row are one: no key has them.
 size_t DeepLine(const std::string& text) {
     size_t line = 1, dots = 0;
-    char quote = 0; // in which a text stands; '#' in a comment
-    for (const char c : text) {
-        if (c == '\n') {
+    for (size_t i = 0; i < text.size() && dots <= DOTS_MAX; i++) {
+        if (text[i] == '\n') {
             line++;
             dots = 0;
-            quote = 0;
-        } else if (quote == 0 && (c == '"' || c == '\'' || c == '#')) {
-            quote = c;
-        } else if (c == quote && c != '#') {
-            quote = 0;
-        } else if (quote == 0 && (c == '=' || c == ',')) {
-            dots = 0;
-        } else if (quote == 0 && c == '.' && ++dots > DOTS_MAX) {
-            return line;
+        } else if (text[i] == '.' && i > 0 && text[i - 1] != '.') {
+            dots++;
         }
     }
-    return 0;
+    return dots > DOTS_MAX ? line : 0;
+}
+
+bool EndsLine(const std::string& text) {
+    return !text.empty() && text.back() == '\n';
 }
 
 // A text if it is one of printable characters, perhaps with a line feed at its end; else a list of
 // numbers.
 void Assign(toml::table& table, const std::string& key, const std::string& bytes) {
-    toml::array numbers;
-    size_t printable = 0;
-    for (const char c : bytes) {
-        const auto byte = static_cast<unsigned char>(c);
-        printable += byte >= 0x20 && byte < 0x7F ? 1 : 0;
-        numbers.push_back(int64_t{byte});
-    }
-    const bool isLine = printable > 0 && bytes.back() == '\n';
-    if (printable + (isLine ? 1 : 0) == bytes.size()) {
+    const std::string line = bytes.substr(0, bytes.size() - (EndsLine(bytes) ? 1 : 0));
+    if (Displayed(line) == line) {
         table.insert_or_assign(key, bytes);
-    } else {
-        table.insert_or_assign(key, numbers);
+        return;
     }
+    toml::array numbers;
+    for (const char c : bytes) {
+        numbers.push_back(int64_t{static_cast<unsigned char>(c)});
+    }
+    table.insert_or_assign(key, numbers);
 }
 
 } // namespace
@@ -62,24 +55,22 @@ bool ReadTable(const std::string& file, toml::table& table, std::string& error) 
     std::error_code status;
     const bool isRegular = std::filesystem::is_regular_file(file, status);
     if (!isRegular || std::filesystem::file_size(file, status) > FILE_SIZE_MAX) {
-        error = file + ": " + (status ? status.message() : "is no regular file of a few kilobytes");
-        return false;
+        return Failed(error,
+                      file + ": " +
+                          (status ? status.message() : "is no regular file of a few kilobytes"));
     }
     if (!ReadWholeFile(file, text)) {
-        error = file + ": " + strerror(errno);
-        return false;
+        return Failed(error, file + ": " + strerror(errno));
     }
     const size_t deep = DeepLine(text);
     if (deep > 0) {
-        error = file + ":" + std::to_string(deep) + ": more than " + std::to_string(DOTS_MAX) +
-                " dots in a key";
-        return false;
+        return Failed(error, file + ":" + std::to_string(deep) + ": more than " +
+                                 std::to_string(DOTS_MAX) + " dots in a line");
     }
     toml::parse_result parsed = toml::parse(text);
     if (!parsed) {
-        error = file + ":" + std::to_string(parsed.error().source().begin.line) + ": " +
-                std::string(parsed.error().description());
-        return false;
+        return Failed(error, file + ":" + std::to_string(parsed.error().source().begin.line) +
+                                 ": " + std::string(parsed.error().description()));
     }
     table = std::move(parsed).table();
     return true;
@@ -94,31 +85,31 @@ bool SetKey(toml::table& table, const std::string& setting, std::string& error) 
         parent = table.at_path(path.substr(0, path.size() - key.size() - 1)).as_table();
     }
     if (equals == std::string::npos || key.empty() || parent == nullptr) {
-        error = Escaped(setting) + ": is not KEY=VALUE, with a key that the description can have";
-        return false;
+        return Failed(error, Escaped(setting) +
+                                 ": is not KEY=VALUE, with a key that the description can have");
     }
     const toml::node* old = parent->get(key);
     const bool isBare = old != nullptr && (old->is_string() || old->is_array()) &&
                         (value.empty() || strchr("\"'[", value[0]) == nullptr);
     if (isBare) {
         std::string bytes;
-        const std::string text = old->value_exact<std::string>().value_or("");
         if (!Unescape(value, bytes)) {
-            error = Escaped(setting) + R"(: a backslash begins \n, \\ or \xHH)";
-            return false;
+            return Failed(error, Escaped(setting) + R"(: a backslash begins \n, \\ or \xHH)");
         }
-        const bool isLine = !text.empty() && text.back() == '\n';
-        Assign(*parent, key,
-               bytes + (isLine && (bytes.empty() || bytes.back() != '\n') ? "\n" : ""));
+        const bool isLine = EndsLine(old->value_exact<std::string>().value_or(""));
+        Assign(*parent, key, bytes + (isLine && !EndsLine(bytes) ? "\n" : ""));
         return true;
     }
     const toml::parse_result parsed = toml::parse("value = " + value);
     if (!parsed || parsed.table().size() != 1) {
-        error = Escaped(setting) + ": the value is not TOML";
-        return false;
+        return Failed(error, Escaped(setting) + ": the value is not TOML");
     }
     parent->insert_or_assign(key, *parsed.table().get("value"));
     return true;
+}
+
+void Demand(Keys keys, bool isRight, const std::string& error) {
+    keys.error = keys.error.empty() && !isRight ? error : keys.error;
 }
 
 std::string TakeText(Keys keys, const char* key) {

@@ -41,6 +41,9 @@ void Take(Keys keys, const char* key, Need need, const char* wanted, Use use) {
     keys.table.erase(key);
 }
 
+// Notes the error if it is the first one and `isRight` does not hold.
+void Demand(Keys keys, bool isRight, const std::string& error);
+
 // A required key each, if nothing else is said; empty or 0 after an error and without the key.
 std::string TakeText(Keys keys, const char* key);
 uint32_t TakeNumber(Keys keys, const char* key, uint32_t most, Need need = REQUIRED);

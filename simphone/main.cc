@@ -35,7 +35,7 @@ int Run(const std::string& directory, const std::string& tool, const RunOptions&
     for (const std::string& fault : result.unmetFaults) {
         std::cerr << "simphone: fault \"" << Escaped(fault) << "\": no call of the run met it\n";
     }
-    if (!result.unmetFaults.empty()) {
+    if (!result.unmetFaults.empty() || Finish(true, "") != 0) {
         return 2;
     }
     return result.signal != 0 ? 128 + result.signal : result.exitStatus;
@@ -68,7 +68,8 @@ int main(int argc, char** argv) {
     run->add_option("--fault", options.faults, "a call that fails (see emmc.toml)")->type_size(1);
     run->add_option("--launcher", launcher, "a program that starts the tool: \"qemu-aarch64\"");
     run->add_option("--library", options.libsimphone, "libsimphone.so, if not beside TOOL");
-    run->add_option("--seconds", options.secondsLimit, "end the tool after so many seconds");
+    run->add_option("--seconds", options.secondsLimit,
+                    "end the tool after so many seconds; 0: never");
 
     CLI::App* reboot = app.add_subcommand("reboot", "Restart a phone with its pending firmware");
     reboot->add_option("DIR", directory, "the phone")->required();

@@ -4,11 +4,11 @@
 #include "simphone/description.h"
 #include "simphone/files.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
+#include <set>
 #include <sstream>
 #include <unistd.h>
 
@@ -19,13 +19,13 @@ namespace {
 constexpr char CID_NODE[] = "/sys/class/mmc_host/mmc0/mmc0:0001/cid";
 constexpr size_t FIRMWARE_VERSION = 254; // JEDEC EXT_CSD, 8 bytes
 constexpr size_t EXT_CSD_REV = 192;      // JEDEC EXT_CSD
+constexpr size_t EXT_CSD_SIZE = 512;
 
 bool Put(const std::string& path, const std::string& content, std::string& error) {
     std::error_code status;
     fs::create_directories(fs::path(path).parent_path(), status);
     if (!WriteWholeFile(path, content.data(), content.size())) {
-        error = path + ": " + strerror(errno);
-        return false;
+        return Failed(error, path + ": " + strerror(errno));
     }
     return true;
 }
@@ -63,30 +63,26 @@ bool MakePhone(const std::string& descriptionFile, const std::vector<std::string
                const std::string& directory, std::string& error) {
     Description phone;
     std::string text;
-    if (!ReadDescription(descriptionFile, settings, phone, error) ||
-        !ReadDescriptionText(descriptionFile, settings, text, error)) {
+    if (!ReadDescription(descriptionFile, settings, phone, error, &text)) {
         return false;
     }
     std::error_code status;
     if (fs::exists(directory, status) && !fs::is_empty(directory, status)) {
-        error = directory + ": is there and not an empty directory";
-        return false;
+        return Failed(error, directory + ": is there and not an empty directory");
     }
     // Of two that make a phone in one place at one time, one finds this file.
     fs::create_directories(directory, status);
     const int claim = open((directory + "/phone.toml").c_str(), O_WRONLY | O_CREAT | O_EXCL, 0644);
     if (claim < 0) {
-        error = directory + "/phone.toml: " + strerror(errno);
-        return false;
+        return Failed(error, directory + "/phone.toml: " + strerror(errno));
     }
     close(claim);
     for (const char* folder : {"/vendor/firmware", "/data/vendor", "/splash2", "/tmp", "/device"}) {
         if (fs::create_directories(directory + folder, status); status) {
-            error = directory + folder + ": " + status.message();
-            return false;
+            return Failed(error, directory + folder + ": " + status.message());
         }
     }
-    std::string extCsd(512, '\0');
+    std::string extCsd(EXT_CSD_SIZE, '\0');
     extCsd[EXT_CSD_REV] = static_cast<char>(phone.extCsdRev);
     return Put(directory + "/phone.toml", text, error) &&
            (phone.ufs ? PutUfs : PutEmmc)(directory, phone, error) &&
@@ -114,20 +110,24 @@ bool RebootPhone(const std::string& directory, std::string& error) {
         return false;
     }
     std::error_code status;
-    if (!fs::exists(device + "/pending", status)) {
+    const bool isPending = fs::exists(device + "/pending", status);
+    if (isPending && !phone.ufs &&
+        (!ReadWholeFile(device + "/ext_csd.bin", extCsd) || extCsd.size() != EXT_CSD_SIZE)) {
+        return Failed(error, device + "/ext_csd.bin: is not 512 bytes that can be read");
+    }
+    if (isPending && !PutRevision(directory, phone, phone.firmwareRevision, extCsd, error)) {
+        return false;
+    }
+    if (isPending) {
+        fs::rename(device + "/downloaded.bin", device + "/running.bin", status);
+    } else {
         fs::remove(device + "/downloaded.bin", status);
-        return true;
     }
-    if (!phone.ufs && (!ReadWholeFile(device + "/ext_csd.bin", extCsd) || extCsd.size() != 512)) {
-        error = device + "/ext_csd.bin: is not 512 bytes that can be read";
-        return false;
+    if (!status) {
+        fs::remove(device + "/pending", status);
     }
-    if (!PutRevision(directory, phone, phone.firmwareRevision, extCsd, error)) {
-        return false;
-    }
-    fs::rename(device + "/downloaded.bin", device + "/running.bin", status);
-    fs::remove(device + "/pending", status);
-    return true;
+    error = status ? device + ": " + status.message() : "";
+    return !status;
 }
 
 bool ShowPhone(const std::string& directory, std::string& text, std::string& error) {
@@ -137,28 +137,27 @@ bool ShowPhone(const std::string& directory, std::string& text, std::string& err
         return false;
     }
     text = phone.ufs ? "UFS phone\n" : phone.gki ? "eMMC phone, GKI mode\n" : "eMMC phone\n";
-    for (const std::string node : {"/proc/bootdevice/manfid", "/proc/bootdevice/product_name",
-                                   "/proc/bootdevice/rev", CID_NODE}) {
-        if (ReadWholeFile(directory + node, content)) {
-            text += "  " + node + ": " + Escaped(content) + "\n";
-        }
+    const char* product = "/proc/bootdevice/product_name";
+    const auto nodes = phone.ufs
+                           ? std::vector{"/proc/bootdevice/manfid", product, "/proc/bootdevice/rev"}
+                           : std::vector{product, CID_NODE};
+    for (const std::string node : nodes) {
+        const bool isRead = ReadWholeFile(directory + node, content);
+        text += "  " + node + ": " + (isRead ? Escaped(content) : strerror(errno)) + "\n";
     }
-    if (ReadWholeFile(directory + "/device/ext_csd.bin", content) && content.size() == 512) {
-        text +=
-            "  EXT_CSD FIRMWARE_VERSION: " + Escaped(content.substr(FIRMWARE_VERSION, 8)) + "\n";
+    if (!phone.ufs) {
+        const bool isRead = ReadWholeFile(directory + "/device/ext_csd.bin", content);
+        const bool isWhole = isRead && content.size() == EXT_CSD_SIZE;
+        text += "  EXT_CSD FIRMWARE_VERSION: " +
+                (isWhole ? Escaped(content.substr(FIRMWARE_VERSION, 8)) : "cannot be read") + "\n";
     }
     std::error_code status;
+    const bool isPending = fs::exists(directory + "/device/pending", status);
     text += "  pending at the next restart: " +
-            (fs::exists(directory + "/device/pending", status) ? Escaped(phone.firmwareRevision)
-                                                               : "nothing") +
-            "\n  /data/vendor/fw:\n";
-    std::vector<fs::path> files;
-    for (const auto& entry : fs::directory_iterator(directory + "/data/vendor/fw", status)) {
-        files.push_back(entry.path());
-    }
-    std::sort(files.begin(), files.end());
-    for (const fs::path& file : files) {
-        text += "    " + file.filename().string() + "\n";
+            (isPending ? Escaped(phone.firmwareRevision) : "nothing") + "\n  /data/vendor/fw:\n";
+    const fs::directory_iterator entries(directory + "/data/vendor/fw", status);
+    for (const fs::path& file : std::set<fs::path>(entries, {})) {
+        text += "    " + Escaped(file.filename()) + "\n";
         std::istringstream lines(ReadWholeFile(file, content) ? content : "");
         for (std::string line; std::getline(lines, line);) {
             text += "      " + Escaped(line) + "\n";

@@ -21,5 +21,6 @@
 // not installed is lost, and nothing below data/ changes.
 [[nodiscard]] bool RebootPhone(const std::string& directory, std::string& error);
 
-// What `simphone show` prints: identity nodes, running and pending revision, the state directory.
+// What `simphone show` prints: identity nodes, running and pending revision, the state directory;
+// of what a phone that was made in part lacks, why it cannot be read.
 [[nodiscard]] bool ShowPhone(const std::string& directory, std::string& text, std::string& error);

@@ -56,16 +56,13 @@ void Note(const CallEntry& call, Changes& file) {
 History HistoryOf(const StateDirectory& before, const std::vector<CallEntry>& calls) {
     History history;
     for (const auto& [name, content] : before.files) {
-        history.files[name].isThere = true;
-        history.files[name].size = content.size();
+        history.files[name] = {true, content.size()};
     }
     for (const CallEntry& call : calls) {
         if (!call.error.empty() || call.replaced) {
             continue; // nothing was done
         }
-        if (call.function == "mkdir" && call.path == STATE_DIR) {
-            history.isDirectoryMade = true;
-        }
+        history.isDirectoryMade |= call.function == "mkdir" && call.path == STATE_DIR;
         const fs::path path = call.path;
         if (path.parent_path() != STATE_DIR) {
             continue;

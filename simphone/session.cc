@@ -10,8 +10,11 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <dlfcn.h>
 #include <fcntl.h>
+#include <filesystem>
 #include <link.h>
+#include <memory>
 #include <sstream>
 #include <unistd.h>
 
@@ -20,29 +23,6 @@ Session* session = nullptr;
 namespace {
 
 bool isCallUnderWay = false;
-
-// The executable segments of the program and of libsgutils2. An array: this is asked at every call.
-struct Segment {
-    uintptr_t begin, end;
-};
-Segment segments[8];
-size_t segmentCount = 0;
-
-int NoteSegments(dl_phdr_info* object, size_t, void* isProgram) {
-    bool& program = *static_cast<bool*>(isProgram); // the first object is the program
-    if (!program && strstr(object->dlpi_name, "libsgutils2") == nullptr) {
-        return 0;
-    }
-    program = false;
-    for (int i = 0; i < object->dlpi_phnum && segmentCount < std::size(segments); i++) {
-        const ElfW(Phdr)& segment = object->dlpi_phdr[i];
-        if (segment.p_type == PT_LOAD && (segment.p_flags & PF_X) != 0) {
-            const uintptr_t begin = object->dlpi_addr + segment.p_vaddr;
-            segments[segmentCount++] = {begin, begin + segment.p_memsz};
-        }
-    }
-    return 0;
-}
 
 // Stands high, so that the tool meets the numbers that it would meet on a phone.
 int OpenJournal(const std::string& path) {
@@ -56,8 +36,13 @@ int OpenJournal(const std::string& path) {
     return high;
 }
 
+// A run whose journal has holes would pass for a shorter one: it ends here.
 void Append(const std::string& line) {
-    (void)!write(session->journal, line.data(), line.size());
+    const ssize_t count = write(session->journal, line.data(), line.size());
+    if (count != static_cast<ssize_t>(line.size())) {
+        fprintf(stderr, "simphone: a line of the journal could not be written\n");
+        _exit(EXIT_NO_PHONE);
+    }
 }
 
 [[noreturn]] void EndPower() {
@@ -93,10 +78,11 @@ const Fault* MeetFault(const Call& call) {
     return &met->fault;
 }
 
-// What has been printed so far, the C library's buffer included; it is emptied on the way.
+// What has been printed so far, the C library's buffer included; it is emptied on the way. 0 when
+// the tool has closed its standard output.
 long long ConsoleBytes() {
     fflush(stdout);
-    return lseek(STDOUT_FILENO, 0, SEEK_CUR);
+    return std::max<long long>(lseek(STDOUT_FILENO, 0, SEEK_CUR), 0);
 }
 
 // Reads the phone's description, and the faults before its own.
@@ -108,38 +94,40 @@ bool Prepare(const std::string& phone, const char* faults, Session& run, std::st
             return false;
         }
     }
-    char* resolved = realpath(phone.c_str(), nullptr);
-    if (resolved == nullptr) {
-        error = phone + ": " + strerror(errno);
-        return false;
+    std::error_code status;
+    run.directory = std::filesystem::canonical(phone, status);
+    if (status) {
+        return Failed(error, phone + ": " + status.message());
     }
-    run.directory = resolved;
-    free(resolved);
     if (!ReadDescription(phone + "/phone.toml", {}, run.phone, error)) {
         return false;
     }
     for (const Fault& fault : run.phone.faults) {
         run.faults.push_back({fault, 0, false});
     }
-    run.now = {mktime(&run.phone.clock), run.phone.clockMicroseconds};
+    run.journal = OpenJournal(run.directory + JOURNAL_FILE);
+    if (run.journal < 0) {
+        return Failed(error, run.directory + JOURNAL_FILE + ": " + strerror(errno));
+    }
     return true;
 }
 
 __attribute__((constructor)) void AttachAtStart() {
     const char* directory = getenv("SIMPHONE");
     if (directory != nullptr && simphone_attach(directory, getenv("SIMPHONE_FAULTS")) != 0) {
-        _exit(125);
+        _exit(EXIT_NO_PHONE);
     }
 }
 
 } // namespace
 
-bool IsOfTheTool(const void* caller) {
-    const auto address = reinterpret_cast<uintptr_t>(caller);
-    return session != nullptr && !isCallUnderWay &&
-           std::any_of(segments, segments + segmentCount, [&](const Segment& segment) {
-               return address >= segment.begin && address < segment.end;
-           });
+bool IsOfTheTool(void* caller) {
+    dl_find_object object;
+    if (session == nullptr || isCallUnderWay || _dl_find_object(caller, &object) != 0) {
+        return false;
+    }
+    const char* name = object.dlfo_link_map->l_name; // the program has none
+    return *name == '\0' || strstr(name, "libsgutils2") != nullptr;
 }
 
 bool IsPhonePath(const std::string& path) {
@@ -162,9 +150,7 @@ const Fault* BeginCall(Call& call) {
     isCallUnderWay = true;
     session->calls++;
     const Fault* fault = MeetFault(call);
-    if (!call.message.empty() || !call.request.empty()) {
-        call.consoleBytes = ConsoleBytes();
-    }
+    call.consoleBytes = call.text.empty() ? 0 : ConsoleBytes();
     if (fault != nullptr && fault->effect == Effect::ENDS) {
         EndPower();
     }
@@ -176,28 +162,17 @@ const Fault* BeginCall(Call& call) {
     return fault;
 }
 
-std::string ResultText(long long number) {
-    return std::to_string(number);
-}
-
-std::string ResultText(const void* pointer) {
-    char text[32];
-    snprintf(text, sizeof(text), "%p", pointer);
-    return text;
-}
-
-void EndCall(const Call& call, const Fault* fault, const std::string& result, int error) {
-    const std::string name = error != 0 ? strerrorname_np(error) : "";
-    std::string text = call.message;
-    if (!call.request.empty()) {
-        const bool isAnswered = call.response != nullptr && !call.response->empty();
-        text = call.request + " -> " +
-               (error != 0   ? result + " " + name
-                : isAnswered ? *call.response
-                             : result);
+void EndCall(Call& call, const Fault* fault, const std::string& result, int error) {
+    call.number = session->calls;
+    call.result = result;
+    call.error = error != 0 ? strerrorname_np(error) : "";
+    call.replaced = Replaces(fault);
+    if (call.IsRequest()) {
+        const bool isAnswered = error == 0 && call.answer != nullptr && !call.answer->empty();
+        call.text += " -> " + (isAnswered ? *call.answer : result);
+        call.text += error != 0 ? " " + call.error : "";
     }
-    Append(CallLine({session->calls, call.function, call.path, call.arguments, result, name,
-                     Replaces(fault), text, call.consoleBytes}));
+    Append(CallLine(call));
     if (fault != nullptr && fault->effect == Effect::TORN) {
         EndPower();
     }
@@ -215,17 +190,12 @@ void simphone_detach() {
 
 int simphone_attach(const char* directory, const char* faults) {
     simphone_detach();
-    auto* run = new Session{};
+    auto run = std::make_unique<Session>();
     std::string error;
     if (!Prepare(directory, faults, *run, error)) {
         fprintf(stderr, "simphone: %s\n", error.c_str());
-        delete run;
         return -1;
     }
-    run->journal = OpenJournal(run->directory + JOURNAL_FILE);
-    segmentCount = 0;
-    bool isProgram = true;
-    dl_iterate_phdr(NoteSegments, &isProgram);
-    session = run;
+    session = run.release();
     return 0;
 }

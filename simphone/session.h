@@ -3,13 +3,13 @@
 #pragma once
 
 #include "simphone/description.h"
+#include "simphone/files.h"
 #include "simphone/journal.h"
 
 #include <cerrno>
 #include <cstdio>
 #include <map>
 #include <string>
-#include <sys/time.h>
 #include <type_traits>
 
 // A descriptor that the tool holds. `node` is set if it leads to the storage device.
@@ -29,9 +29,7 @@ struct ActiveFault {
 struct Session {
     std::string directory; // resolved, no slash at the end
     Description phone;
-    timeval now; // the phone's clock, if it is fixed
     std::map<int, OpenFile> descriptors;
-    std::map<const void*, std::string> streams;
     size_t scsiRequests;
     long calls;
     std::vector<ActiveFault> faults; // those of the command line before those of the phone
@@ -39,24 +37,18 @@ struct Session {
 };
 
 // One call of the tool, as it is matched against the faults and written down.
-struct Call {
-    const char* function;
-    std::string path;                      // "-" without one
-    std::string arguments;                 // for the journal
-    const char* alias = "";                // the name of a device request
-    std::string message = {};              // to the system log
-    std::string request = {};              // to the device; empty: none
-    const std::string* response = nullptr; // of the device; empty: the result is the answer
-    long long consoleBytes = 0;            // on the standard output before a message or request
-    size_t* count = nullptr;               // what a read or write moves; a fault may lower it
-    bool releases = false;                 // the resource is given back even if the call fails
+struct Call : CallEntry {
+    const char* alias = "";              // the name of a device request
+    const std::string* answer = nullptr; // of the device; null or empty: the call's result is it
+    size_t* count = nullptr;             // what a read or write moves; a fault may lower it
+    bool releases = false;               // the resource is given back even if the call fails
 };
 
 extern Session* session; // null while no phone is attached
 
 // Whether the return address lies in the tool or in libsgutils2, a phone is attached, and no call
 // of the tool is under way (so that what this library itself calls is never counted).
-bool IsOfTheTool(const void* caller);
+bool IsOfTheTool(void* caller);
 
 // The place of a phone's path in its directory; every other path as it is.
 bool IsPhonePath(const std::string& path);
@@ -65,19 +57,27 @@ std::string HostPath(const char* path);
 // Counts the call and finds the fault that it meets, if any; does not return from the end of power.
 const Fault* BeginCall(Call& call);
 
-std::string ResultText(long long number);
-std::string ResultText(const void* pointer);
+inline std::string ResultText(long long number) {
+    return std::to_string(number);
+}
+inline std::string ResultText(const void* pointer) {
+    return Text("%p", pointer);
+}
 
 // Whether nothing is done, as the fault stands in for the call.
 bool Replaces(const Fault* fault);
 
 // Writes the call down; `error` is 0 unless it failed. Does not return from the end of power.
-void EndCall(const Call& call, const Fault* fault, const std::string& result, int error);
+void EndCall(Call& call, const Fault* fault, const std::string& result, int error);
+
+// The result of most calls that fail.
+template <typename Result> inline constexpr auto FAILED = static_cast<Result>(-1);
+template <typename Target> inline constexpr Target* FAILED<Target*> = nullptr;
 
 // Carries out one call of the tool, or the fault that it meets. `failed` is the result of a failing
 // call. errno afterwards is what the call left.
-template <typename Result, typename Perform>
-Result Counted(Call call, Result failed, Perform perform) {
+template <typename Perform, typename Result = std::invoke_result_t<Perform>>
+Result Counted(Call call, Perform perform, Result failed = FAILED<Result>) {
     const int errnoBefore = errno;
     const Fault* fault = BeginCall(call);
     Result result = failed;

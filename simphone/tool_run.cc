@@ -17,6 +17,8 @@
 #include <filesystem>
 #include <set>
 #include <sstream>
+#include <sys/file.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -24,6 +26,8 @@
 namespace fs = std::filesystem;
 
 namespace {
+
+constexpr char CONSOLE_FILE[] = "/console.log", ERRORS_FILE[] = "/errors.log";
 
 // What a run starts: the tool on a phone, with the library of the phone in it.
 struct Start {
@@ -47,16 +51,6 @@ std::string FindLibrary(const std::string& tool, const std::string& given) {
     return "";
 }
 
-// Gives the program's environment name=value: by itself, or through the launcher.
-void SetVariable(const Start& start, std::vector<std::string>& words, const std::string& name,
-                 const std::string& value) {
-    if (start.options->launcher.empty()) {
-        setenv(name.c_str(), value.c_str(), 1);
-    } else {
-        words.insert(words.end(), {"-E", name + "=" + value});
-    }
-}
-
 // In a new process: becomes the tool, or what its dynamic linker says of it, and never returns. The
 // library is named by a descriptor: LD_PRELOAD takes no path with a blank or a colon. It stands
 // high, so that the tool meets the numbers that it would meet on a phone.
@@ -69,10 +63,23 @@ void SetVariable(const Start& start, std::vector<std::string>& words, const std:
     const int library = open(start.phoneLibrary.c_str(), O_RDONLY | O_CLOEXEC);
     const int high = fcntl(library, F_DUPFD, 800);
     const int inherited = high < 0 ? dup(library) : high;
+    const int flags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC;
+    if (inherited < 0 || dup2(open("/dev/null", O_RDONLY | O_CLOEXEC), STDIN_FILENO) < 0 ||
+        dup2(open((start.directory + CONSOLE_FILE).c_str(), flags, 0644), STDOUT_FILENO) < 0 ||
+        dup2(open((start.directory + ERRORS_FILE).c_str(), flags, 0644), STDERR_FILENO) < 0) {
+        _exit(EXIT_NO_PHONE);
+    }
     std::vector<std::string> words = start.options->launcher;
-    SetVariable(start, words, "LD_PRELOAD", "/proc/self/fd/" + std::to_string(inherited));
+    std::vector<std::string> variables = {"LD_PRELOAD=/proc/self/fd/" + std::to_string(inherited)};
     if (onlyLoad) {
-        SetVariable(start, words, "LD_TRACE_LOADED_OBJECTS", "1");
+        variables.emplace_back("LD_TRACE_LOADED_OBJECTS=1");
+    }
+    for (std::string& variable : variables) {
+        if (words.empty()) {
+            putenv(variable.data());
+        } else {
+            words.insert(words.end(), {"-E", variable});
+        }
     }
     words.push_back(start.tool);
     std::vector<char*> arguments;
@@ -84,17 +91,16 @@ void SetVariable(const Start& start, std::vector<std::string>& words, const std:
     sigset_t none; // that this program holds back does not concern the tool
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
-    const int flags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC;
-    dup2(open("/dev/null", O_RDONLY | O_CLOEXEC), STDIN_FILENO);
-    dup2(open((start.directory + "/console.log").c_str(), flags, 0644), STDOUT_FILENO);
-    dup2(open((start.directory + "/errors.log").c_str(), flags, 0644), STDERR_FILENO);
-    alarm(start.options->secondsLimit); // outlives exec; ends the tool by SIGALRM
+    // These outlive exec: the tool ends by SIGALRM, and with the one who waits for it.
+    alarm(start.options->secondsLimit);
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
     execvp(arguments[0], arguments.data());
     perror(arguments[0]);
     _exit(127);
 }
 
-// Returns when the tool has ended, with its wait status and both outputs; false without a process.
+// Returns when the tool has ended, with its wait status and both outputs; false with an error if
+// there was no process, or it had no phone.
 bool Execute(const Start& start, bool onlyLoad, int& status, RunResult& result) {
     const pid_t child = fork();
     if (child == 0) {
@@ -102,10 +108,16 @@ bool Execute(const Start& start, bool onlyLoad, int& status, RunResult& result) 
     }
     while (child > 0 && waitpid(child, &status, 0) < 0 && errno == EINTR) {
     }
-    result.error = child < 0 ? std::string("fork: ") + strerror(errno) : "";
-    (void)ReadWholeFile(start.directory + "/console.log", result.console);
-    (void)ReadWholeFile(start.directory + "/errors.log", result.errors);
-    return child > 0;
+    if (child < 0) {
+        result.error = std::string("fork: ") + strerror(errno);
+        return false;
+    }
+    (void)ReadWholeFile(start.directory + CONSOLE_FILE, result.console);
+    (void)ReadWholeFile(start.directory + ERRORS_FILE, result.errors);
+    if (WIFEXITED(status) && WEXITSTATUS(status) == EXIT_NO_PHONE) {
+        result.error = start.directory + ": the run could not be kept: " + result.errors;
+    }
+    return result.error.empty();
 }
 
 // Whether the program is loaded by glibc's dynamic linker, which alone does what is asked below.
@@ -140,27 +152,27 @@ bool IsLibraryLoaded(const Start& start, std::string& error) {
         return true;
     }
     if (!IsLoadedByGlibc(start.tool)) {
-        error = start.tool + ": is no program that loads the phone's library (dynamically linked "
-                             "to glibc, without more rights than its user's)";
-        return false;
+        return Failed(error,
+                      start.tool +
+                          ": is no program that loads the phone's library (dynamically linked "
+                          "to glibc, without more rights than its user's)");
     }
     RunResult result = {};
     int status = 0;
     if (!Execute(start, true, status, result)) {
-        error = result.error;
-        return false;
+        return Failed(error, result.error);
     }
     const std::string loaded = result.console + result.errors;
     if (loaded.find("/proc/self/fd/") == std::string::npos ||
         loaded.find("cannot be preloaded") != std::string::npos) {
-        error = start.tool + ": does not load " + start.phoneLibrary + ": " + Escaped(loaded);
-        return false;
+        return Failed(error, start.tool + ": does not load " + start.phoneLibrary + ": " +
+                                 Escaped(loaded));
     }
     known.insert(what);
     return true;
 }
 
-// Checks all that the run needs before anything is started.
+// Checks all that the run needs before anything is started. Nothing of the run before stays.
 bool Prepare(const std::string& directory, const std::string& tool, const RunOptions& options,
              Start& start, std::string& error) {
     Description phone;
@@ -176,13 +188,17 @@ bool Prepare(const std::string& directory, const std::string& tool, const RunOpt
         start.faults += text + "\n";
     }
     if (access(tool.c_str(), X_OK) != 0) {
-        error = tool + ": " + strerror(errno);
-        return false;
+        return Failed(error, tool + ": " + strerror(errno));
     }
     if (start.phoneLibrary.empty()) {
-        error = options.libsimphone.empty() ? "libsimphone.so: not found beside " + tool
-                                            : options.libsimphone + ": is not the phone's library";
-        return false;
+        return Failed(error, options.libsimphone.empty()
+                                 ? "libsimphone.so: not found beside " + tool
+                                 : options.libsimphone + ": is not the phone's library");
+    }
+    for (const char* log : {CONSOLE_FILE, ERRORS_FILE, JOURNAL_FILE}) {
+        if (!WriteWholeFile(directory + log, "", 0)) {
+            return Failed(error, directory + log + ": " + strerror(errno));
+        }
     }
     return IsLibraryLoaded(start, error);
 }
@@ -210,27 +226,17 @@ void AddLines(const char* source, const std::string& text, std::vector<TimeLineE
     }
 }
 
-} // namespace
-
-std::string Companion(const std::string& name) {
-    std::error_code status;
-    const fs::path folder = fs::read_symlink("/proc/self/exe", status).parent_path();
-    const fs::path installed = folder.parent_path() / "libexec/ffu" / name;
-    return fs::exists(folder / name, status) ? folder / name : installed;
-}
-
-RunResult RunTool(const std::string& directory, const std::string& tool,
-                  const RunOptions& options) {
-    RunResult result = {};
+// A run on a phone that no other run is on.
+void RunAlone(const std::string& directory, const std::string& tool, const RunOptions& options,
+              RunResult& result) {
     Start start;
     if (!Prepare(directory, tool, options, start, result.error)) {
-        return result;
+        return;
     }
-    (void)WriteWholeFile(directory + JOURNAL_FILE, "", 0); // nothing of the run before
     const StateDirectory before = ReadStateDirectory(directory);
     int status = 0;
     if (!Execute(start, false, status, result)) {
-        return result;
+        return;
     }
     result.exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     result.signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
@@ -244,6 +250,29 @@ RunResult RunTool(const std::string& directory, const std::string& tool,
     if (result.signal == SIGKILL && !journal.faults.empty()) {
         LoseUnsynced(directory, before, journal.faults.back(), result);
     }
+}
+
+} // namespace
+
+std::string Companion(const std::string& name) {
+    std::error_code status;
+    const fs::path folder = fs::read_symlink("/proc/self/exe", status).parent_path();
+    const fs::path installed = folder.parent_path() / "libexec/ffu" / name;
+    return fs::exists(folder / name, status) ? folder / name : installed;
+}
+
+RunResult RunTool(const std::string& directory, const std::string& tool,
+                  const RunOptions& options) {
+    RunResult result = {};
+    const int phone = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (phone < 0) {
+        result.error = directory + ": " + strerror(errno);
+    } else if (flock(phone, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
+        result.error = directory + ": another run is on this phone";
+    } else {
+        RunAlone(directory, tool, options, result);
+    }
+    close(phone);
     return result;
 }
 
@@ -254,7 +283,8 @@ std::vector<TimeLineEntry> TimeLine(const RunResult& run) {
         if (call.text.empty()) {
             continue;
         }
-        const auto before = static_cast<size_t>(call.consoleBytes);
+        const auto before =
+            std::clamp(static_cast<size_t>(call.consoleBytes), printed, run.console.size());
         AddLines("console", run.console.substr(printed, before - printed), entries);
         printed = before;
         AddLines(call.IsMessage() ? "log" : "device", call.text, entries);

@@ -12,13 +12,13 @@ struct RunOptions {
     // Words before the tool, such as {"qemu-aarch64"}; the launcher must take `-E NAME=VALUE` for
     // the environment of what it starts, as qemu's user emulation and strace do.
     std::vector<std::string> launcher;
-    std::string libsimphone; // its path; empty: beside the tool, else this program's companion
-    unsigned secondsLimit = 60;
+    std::string libsimphone;    // its path; empty: beside the tool, else this program's companion
+    unsigned secondsLimit = 60; // 0: none
 };
 
 struct RunResult {
-    // Why the tool could not be started, or why a power cut cannot have left what its fault says;
-    // empty if it ran.
+    // Why the tool could not be started or its run not be kept, or why a power cut cannot have left
+    // what its fault says; empty if it ran.
     std::string error;
     int exitStatus; // -1 when a signal ended it
     int signal;     // 0 when it ended by itself; 9 for a power cut
@@ -33,9 +33,10 @@ struct RunResult {
 // ../libexec/ffu from there, where an installation has it (whether it is there or not).
 std::string Companion(const std::string& name);
 
-// Runs the tool on the phone until it ends; after a power cut, /data/vendor/fw is as the fault
-// says. Its outputs and the journal of its calls stay in console.log, errors.log and journal.log of
-// the phone's directory.
+// Runs the tool on the phone until it ends, alone: a second run on the phone is refused. After a
+// power cut, /data/vendor/fw is as the fault says. The tool ends with this program. Its outputs and
+// the journal of its calls stay in console.log, errors.log and journal.log of the phone's
+// directory.
 [[nodiscard]] RunResult RunTool(const std::string& directory, const std::string& tool,
                                 const RunOptions& options);
 

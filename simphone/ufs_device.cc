@@ -38,8 +38,7 @@ std::string RespondSense(sg_io_hdr& request, const Answer& answer) {
         memcpy(request.sbp, isFixed ? fixed : descriptor, length);
         request.sb_len_wr = static_cast<unsigned char>(length);
     }
-    return "CHECK CONDITION " + Hex(&answer.key, 1) + "/" + Hex(&answer.asc, 1) + "/" +
-           Hex(&answer.ascq, 1);
+    return Text("CHECK CONDITION %02x/%02x/%02x", answer.key, answer.asc, answer.ascq);
 }
 
 // What is wrong with the command, as ASC (ASCQ is 0): SPC, illegal request. 0 if it is in order.
@@ -48,12 +47,12 @@ uint8_t Illegal(const sg_io_hdr& request) {
     if (cdb[0] != WRITE_BUFFER) {
         return 0x20; // invalid command operation code
     }
-    const uint32_t offset = static_cast<uint32_t>(cdb[3] << 16 | cdb[4] << 8 | cdb[5]);
-    const uint32_t length = static_cast<uint32_t>(cdb[6] << 16 | cdb[7] << 8 | cdb[8]);
-    if (request.cmd_len != 10 || cdb[1] != MODE_DOWNLOAD_DEFER_ACTIVATE || cdb[2] != 0 ||
-        offset != 0 || cdb[9] != 0) {
+    // Mode; buffer ID and offset; behind the length the control byte.
+    const uint8_t head[] = {MODE_DOWNLOAD_DEFER_ACTIVATE, 0, 0, 0, 0};
+    if (request.cmd_len != 10 || memcmp(cdb + 1, head, sizeof(head)) != 0 || cdb[9] != 0) {
         return 0x24; // invalid field in CDB
     }
+    const uint32_t length = static_cast<uint32_t>(cdb[6] << 16 | cdb[7] << 8 | cdb[8]);
     const int direction = length > 0 ? SG_DXFER_TO_DEV : SG_DXFER_NONE;
     return length != request.dxfer_len || request.dxfer_direction != direction
                ? 0x1A // parameter list length error
@@ -61,20 +60,19 @@ uint8_t Illegal(const sg_io_hdr& request) {
 }
 
 std::string RespondAs(sg_io_hdr& request, const Answer& answer) {
-    const std::string value = std::to_string(answer.value);
     switch (answer.kind) {
     case Answer::Kind::ACCEPTED:
         Respond(request, 0, 0, 0);
         return "GOOD";
     case Answer::Kind::STATUS:
         Respond(request, answer.value, 0, 0);
-        return "status " + value;
+        return Text("status %u", answer.value);
     case Answer::Kind::HOST_STATUS:
         Respond(request, 0, answer.value, 0);
-        return "host status " + value;
+        return Text("host status %u", answer.value);
     case Answer::Kind::DRIVER_STATUS:
         Respond(request, 0, 0, answer.value);
-        return "driver status " + value;
+        return Text("driver status %u", answer.value);
     default:
         return RespondSense(request, answer);
     }
@@ -84,11 +82,10 @@ std::string RespondAs(sg_io_hdr& request, const Answer& answer) {
 
 std::string DescribeScsi(const sg_io_hdr& request) {
     const bool hasCdb = request.cmdp != nullptr && request.cmd_len > 0;
-    return std::string("SG_IO ") +
-           (hasCdb && request.cmdp[0] == WRITE_BUFFER ? "WRITE BUFFER" : "other") +
-           " cdb=" + (hasCdb ? Hex(request.cmdp, request.cmd_len) : "null") +
-           " data=" + std::to_string(request.dxfer_len) +
-           " timeout=" + std::to_string(request.timeout) + "ms";
+    return Text("SG_IO %s cdb=%s data=%u timeout=%ums",
+                hasCdb && request.cmdp[0] == WRITE_BUFFER ? "WRITE BUFFER" : "other",
+                hasCdb ? Hex(request.cmdp, request.cmd_len).c_str() : "null", request.dxfer_len,
+                request.timeout);
 }
 
 int AnswerScsi(const std::string& directory, const Answer& answer, uint32_t maxHwSectorsKb,
@@ -110,10 +107,8 @@ int AnswerScsi(const std::string& directory, const Answer& answer, uint32_t maxH
         response = RespondSense(request, {Answer::Kind::SENSE, 0, ILLEGAL_REQUEST, asc, 0});
         return 0;
     }
-    const bool isSense =
-        answer.kind == Answer::Kind::SENSE || answer.kind == Answer::Kind::DESCRIPTOR_SENSE;
-    const bool isTaken =
-        answer.kind == Answer::Kind::ACCEPTED || (isSense && answer.key <= RECOVERED_ERROR);
+    const bool isTaken = answer.kind == Answer::Kind::ACCEPTED ||
+                         (answer.IsSense() && answer.key <= RECOVERED_ERROR);
     if (isTaken && request.dxfer_len > 0 &&
         (!WriteWholeFile(directory + "/device/downloaded.bin", request.dxferp, request.dxfer_len) ||
          !WriteWholeFile(directory + "/device/pending", "", 0))) {

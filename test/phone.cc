@@ -22,8 +22,9 @@ std::string ShippedDescription(const char* file, const Overrides& overrides) {
     for (const auto& [key, value] : overrides) {
         settings.push_back(std::string(key).append("=").append(value));
     }
+    Description phone;
     std::string text, error;
-    if (!ReadDescriptionText(std::string(DESCRIPTIONS).append(file), settings, text, error)) {
+    if (!ReadDescription(std::string(DESCRIPTIONS).append(file), settings, phone, error, &text)) {
         throw std::invalid_argument(error);
     }
     return text;

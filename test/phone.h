@@ -84,7 +84,7 @@ protected:
     RunResult Run(const Texts& faults = {}) const;
     // One run that may end in any way, such as by a power cut; one that may not even start.
     RunResult RunAnyhow(const Texts& faults) const;
-    RunResult TryRun(const Texts& faults, const std::string& tool = FFU_PATH,
+    RunResult TryRun(const Texts& faults = {}, const std::string& tool = FFU_PATH,
                      const std::string& library = SIMPHONE_LIBRARY) const;
     void Reboot() const;
 

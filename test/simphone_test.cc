@@ -8,6 +8,8 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <filesystem>
+#include <sys/file.h>
+#include <unistd.h>
 
 namespace {
 
@@ -210,6 +212,83 @@ TEST_F(SimphoneTest, ToolNeverRunsWithoutItsPhone) {
     EXPECT_FALSE(MakePhone(Path("/phone.toml"), {}, directory, error)); // one is there
 }
 
+// What a run leaves is all of it, and its own.
+TEST_F(SimphoneTest, RunThatCannotBeKeptIsAnError) {
+    const struct {
+        std::string log, target; // a symbolic link in the phone's directory
+        std::string error;
+    } rows[] = {
+        {"/journal.log", "/dev/full", "the run could not be kept"},
+        {"/journal.log", "/", "journal.log: Is a directory"},
+        {"/errors.log", "/nowhere/file", "errors.log: No such file or directory"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.log + row.target);
+        Make(GkiPhone(), {{EMMC_PACKAGE, EmmcEntry()}});
+        std::filesystem::create_symlink(row.target, Path(row.log));
+        EXPECT_NE(TryRun().error.find(row.error), std::string::npos);
+    }
+    Make(GkiPhone(), {{EMMC_PACKAGE, EmmcEntry()}});
+    const int other = open(directory.c_str(), O_RDONLY | O_CLOEXEC);
+    EXPECT_EQ(flock(other, LOCK_EX), 0);
+    EXPECT_NE(TryRun().error.find("another run is on this phone"), std::string::npos);
+    EXPECT_EQ(Left(), "");
+    close(other);
+    EXPECT_EQ(TryRun().error, "");
+}
+
+// Whatever a call names stands in its line of the journal, and no line reads as another one.
+TEST_F(SimphoneTest, JournalKeepsOddNames) {
+    const Texts paths = {"", "-", "/a b/= 3", "/line\n2 open /x = 3\nfault", "\"\"", "\\x20\xFF"};
+    Make(GkiPhone());
+    std::string journal = FaultLine("any #9 EIO");
+    for (const std::string& path : paths) {
+        journal += CallLine({"open", path, "flags=0x0", "", 7, "-1", "ENOENT", true, 0});
+    }
+    const CallEntry message = {LOG_FUNCTION, "-", "tag=-", " @ \n", 8, "1", "", false, 12};
+    journal += CallLine(message);
+    for (size_t cut = 0; cut < CallLine(message).size(); cut++) { // whole, or ended in the middle
+        Put(JOURNAL_FILE, journal.substr(0, journal.size() - cut));
+        const Journal read = ReadJournal(directory);
+        EXPECT_EQ(read.faults, Texts{"any #9 EIO"});
+        ASSERT_EQ(read.calls.size(), paths.size() + (cut == 0 ? 1 : 0));
+        for (size_t i = 0; i < paths.size(); i++) {
+            EXPECT_EQ(read.calls[i].path, paths[i]);
+            EXPECT_EQ(read.calls[i].error + read.calls[i].result, "ENOENT-1");
+            EXPECT_EQ(Argument(read.calls[i], "flags"), "0x0");
+        }
+        EXPECT_EQ(read.calls.back().text, cut == 0 ? message.text : "");
+    }
+}
+
+// A console that ended before the tool did, as its standard output was closed.
+TEST_F(SimphoneTest, TimeLineBearsAClosedConsole) {
+    RunResult run = {};
+    run.console = "one\ntwo\n";
+    for (const long long bytes : {4, 0, 99}) {
+        run.calls.push_back({LOG_FUNCTION, "-", "", "text", 1, "1", "", false, bytes});
+    }
+    std::string order;
+    for (const TimeLineEntry& entry : TimeLine(run)) {
+        order += entry.text + " ";
+    }
+    EXPECT_EQ(order, "one text text two text ");
+}
+
+TEST_F(SimphoneTest, HalfMadePhoneIsShownAndNotRestarted) {
+    std::string shown, error;
+    Make(NormalPhone(), {{"/device/pending", ""}, {STATE + "/a\nb", "c"}});
+    Put("/proc/bootdevice/product_name", MISSING);
+    EXPECT_FALSE(RebootPhone(directory, error)); // nothing was downloaded
+    EXPECT_TRUE(ShowPhone(directory, shown, error)) << error;
+    for (const char* part : {"product_name: No such file", "FW000002\n", "    a\\nb\n"}) {
+        EXPECT_NE(shown.find(part), std::string::npos) << shown;
+    }
+    Put("/phone.toml", ""); // as far as another MakePhone has come
+    EXPECT_FALSE(ShowPhone(directory, shown, error));
+    EXPECT_NE(TryRun().error, "");
+}
+
 // What settings make of a description is read as they say, and all else as it was.
 TEST_F(SimphoneTest, SettingsReplaceKeys) {
     const std::string odd = "\nA'''\\\x01\xC2\x85\n"; // hard to write down again
@@ -222,6 +301,7 @@ TEST_F(SimphoneTest, SettingsReplaceKeys) {
         {{"product_name=B", "manfid=\"C\""}, "B\n", "C", ""},
         {{R"(product_name=\xFF\\\n)", "manfid=[67, 0]"}, "\xFF\\\n", std::string("C\0", 2), ""},
         {{R"(product_name=\q)"}, "", "", R"(product_name=\\q: a backslash begins)"},
+        {{"product_name=" + std::string(99, '.')}, std::string(99, '.') + "\n", "0x0001ce\n", ""},
         {{"revision"}, "", "", "revision: is not KEY=VALUE"},
         {{"revision.x=1"}, "", "", "revision.x=1: is not KEY=VALUE"},
         {{"revison=1000"}, "", "", "unknown key: revison"},

@@ -13,7 +13,6 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
-#include <filesystem>
 #include <fstream>
 #include <linux/types.h>
 #include <scsi/scsi.h>
@@ -33,8 +32,6 @@ const uint32_t BLOCKS = 4096;
 struct Device {
     std::string phone;
     std::string cut;
-    size_t requests = 0;   // of this run, at the one that came last
-    uintmax_t logSize = 0; // of requests.log, after it
     std::string medium = std::string(size_t{BLOCK_SIZE} * BLOCKS, '\0');
 };
 
@@ -71,7 +68,8 @@ Description ReadPhone(const Device& device) {
         Stop("this machine's host takes 1024 KiB in one request: max_hw_sectors_kb");
     }
     for (const Answer& answer : phone.answers) {
-        if (answer.kind == Answer::Kind::HOST_STATUS || answer.kind == Answer::Kind::DRIVER_STATUS) {
+        if (answer.kind == Answer::Kind::HOST_STATUS ||
+            answer.kind == Answer::Kind::DRIVER_STATUS) {
             Stop("write_buffer: only the kernel can give a host or driver status");
         }
     }
@@ -86,15 +84,17 @@ void Refuse(Command& command, uint8_t asc) {
     command.sense[12] = asc;
 }
 
-// Which answer of a list it is: they count from the line "run" in requests.log, which init writes.
-size_t Turn(Device& device, const std::string& log) {
-    std::error_code status;
-    const uintmax_t size = std::filesystem::file_size(log, status);
-    device.requests = size == device.logSize ? device.requests + 1 : 0;
-    return device.requests;
+// How many requests of this run requests.log has: init writes the line "run" ahead of them.
+size_t RequestsBefore(const std::string& log) {
+    size_t requests = 0;
+    std::ifstream lines(log);
+    for (std::string line; std::getline(lines, line);) {
+        requests = line == "run" ? 0 : requests + 1;
+    }
+    return requests;
 }
 
-void WriteBuffer(Device& device, Command& command) {
+void WriteBuffer(const Device& device, Command& command) {
     uint8_t cdb[10];
     memcpy(cdb, command.cdb, sizeof(cdb));
     const std::string log = device.phone + "/requests.log";
@@ -105,7 +105,7 @@ void WriteBuffer(Device& device, Command& command) {
         EndPower(device);
     }
     const Description phone = ReadPhone(device);
-    const size_t turn = std::min(Turn(device, log), phone.answers.size() - 1);
+    const size_t turn = std::min(RequestsBefore(log), phone.answers.size() - 1);
     sg_io_hdr request = {};
     request.interface_id = 'S';
     request.cmdp = cdb;
@@ -122,8 +122,6 @@ void WriteBuffer(Device& device, Command& command) {
     }
     command.status = request.status;
     std::ofstream(log, std::ios::app) << text << response << "\n";
-    std::error_code status;
-    device.logSize = std::filesystem::file_size(log, status);
     if (device.cut == "download") {
         EndPower(device);
     }
@@ -138,7 +136,7 @@ uint32_t BigEndian(const uint8_t* bytes, int count) {
 }
 
 // A field of a standard INQUIRY, filled up with blanks.
-std::string Text(const std::string& text, size_t size) {
+std::string Field(const std::string& text, size_t size) {
     std::string field = text.substr(0, text.find('\n'));
     field.resize(size, ' ');
     return field;
@@ -148,8 +146,8 @@ std::string Inquiry(const Device& device) {
     std::string revision;
     (void)ReadWholeFile(device.phone + "/proc/bootdevice/rev", revision);
     const char head[8] = {0, 0, 6, 2, 31, 0, 0, 2}; // SPC-4 disk, 36 bytes, command queuing
-    return std::string(head, sizeof(head)) + Text("UFS", 8) +
-           Text(ReadPhone(device).productName, 16) + Text(revision, 4);
+    return std::string(head, sizeof(head)) + Field("UFS", 8) +
+           Field(ReadPhone(device).productName, 16) + Field(revision, 4);
 }
 
 std::string ReadCapacity(int size) {
