@@ -1,6 +1,6 @@
-// Sends a firmware image to the eMMC device: one write to the kernel's own updater (GKI mode) or a
+// Sends a firmware image to the eMMC device: one write to the kernel's FFU node (GKI mode), or a
 // download and an install request (normal mode). The eMMC update calls it. After a failed download
-// the device keeps its firmware; after a failed install it holds a firmware that it does not run.
+// no install request is sent. What a failed install leaves depends on the device.
 #include "emmc/emmc_command.h"
 
 #include "emmc/emmc_device.h"
@@ -16,14 +16,14 @@
 
 namespace {
 
-// Opcode values by which the platform's eMMC driver knows the two steps of an update; they are no
-// MMC commands.
+// Opcode values of the platform's eMMC driver for the two steps of an update. They are not MMC
+// commands.
 constexpr unsigned FFU_DOWNLOAD = 302;
 constexpr unsigned FFU_INSTALL = 303;
 
 constexpr int GKI_WRITE_RETRIES = 3;
 
-// The routine for which steps of its work speak in messages.
+// The routine that messages name when one of its helpers logs them.
 constexpr char DO_EMMC50_FFU[] = "DoEmmc50Ffu";
 
 [[nodiscard]] int Ffu50DownloadImage(int fd, const uint8_t* fwBody, uint32_t fwBodySize) {

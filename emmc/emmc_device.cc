@@ -1,5 +1,5 @@
-// Asks for the kernel's mode and builds the records of requests. The register access and the
-// firmware commands call it. Nothing is opened or sent here.
+// Finds out the mode and builds MMC requests. The register access and the firmware commands call
+// it. Nothing is opened or sent here.
 #include "emmc/emmc_device.h"
 
 #include "platform/bounded.h"

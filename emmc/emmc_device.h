@@ -1,21 +1,21 @@
-// How the eMMC device is reached: its nodes, the kernel's mode, and requests to its driver.
+// Access to the eMMC device: its nodes, GKI or normal mode, and requests to its driver.
 #pragma once
 
 #include <cstdint>
 #include <linux/mmc/ioctl.h>
 
-// Where the kernel takes a whole firmware update; writable only where it does so (GKI mode).
+// The kernel updates the device with an image written here. Writable only in GKI mode.
 constexpr char EMMC_FFU_NODE[] = "/proc/bootdevice/ffu";
 constexpr char EMMC_BLOCK_NODE[] = "/dev/block/mmcblk0";
 
 constexpr unsigned MMC_BLOCK_SIZE = 512;
 
-// Whether the kernel does the update itself (GKI mode); otherwise (normal mode) registers and
-// firmware go through MMC requests. Asked anew at every step: no mode outlives a call.
+// Whether the kernel does the update itself (GKI mode). Otherwise (normal mode) EXT_CSD and
+// firmware go through MMC requests. Each step asks again; the mode is not kept.
 [[nodiscard]] bool IsGkiMode();
 
-// Clears request and fills it for MMC_IOC_CMD: an R1 response and a transfer of blocks blocks of
-// MMC_BLOCK_SIZE bytes at data, which may be null without blocks; writeFlag is 1 for data to the
-// device, else 0. Returns 0, or non-zero when the record cannot be cleared.
+// Clears request and fills it for MMC_IOC_CMD, with an R1 response and a data transfer: blocks
+// times MMC_BLOCK_SIZE bytes at data (borrowed; null if blocks is 0). writeFlag is 1 for data to
+// the device, else 0. Returns 0, or non-zero when request cannot be cleared.
 [[nodiscard]] int MakeMmcRequest(int writeFlag, uint32_t opcode, uint32_t blocks,
                                  const uint8_t* data, mmc_ioc_cmd& request);

@@ -1,5 +1,5 @@
 // Dumps eMMC headers for the log of an update: the device's record, and the entries that the
-// selection finds. Output that fails is lost without further effect.
+// selection finds. Output that fails is lost; the update goes on.
 #include "emmc/emmc_print.h"
 
 #include <cstdio>

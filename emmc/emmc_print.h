@@ -1,8 +1,8 @@
-// The dump of an eMMC header on the standard output.
+// Prints eMMC headers.
 #pragma once
 
 #include "fwpkg/firmware_package.h"
 
-// Prints magic to size of header, a field a line, under label. Straight to the standard output,
-// without the logger's stamp.
+// Prints header to the standard output, without the logger's time stamp: the fields from emmcMagic
+// to emmcFwSize, one a line, each with label in front.
 void PrintEmmcFwHeader(const char* label, const EmmcFwHeader& header);

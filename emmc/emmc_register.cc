@@ -1,5 +1,5 @@
 // Reads CID and EXT_CSD, from kernel nodes or from the device itself. The run calls it for the
-// current revision, the eMMC update for the device record. Changes nothing, whatever fails.
+// running revision, the eMMC update for the device record. It changes nothing on the phone.
 #include "emmc/emmc_register.h"
 
 #include "emmc/emmc_device.h"
@@ -22,11 +22,11 @@ constexpr unsigned SEND_EXT_CSD = 8; // CMD8
 constexpr int CID_HEX_SIZE = 2 * CID_SIZE;
 constexpr int EXT_CSD_HEX_SIZE = 2 * EXT_CSD_SIZE;
 
-// The routine for which steps of its work speak in messages.
+// The routine that messages name when one of its helpers logs them.
 constexpr char EMMC_GET_EXT_CSD[] = "EmmcGetExtCsd";
 
-// The position of the first character that is no hexadecimal digit; size when there is none. A
-// garbled register must not pass for an identity.
+// Returns the position of the first character that is not a hexadecimal digit, or size when there
+// is none. A garbled register must not pass for an identity.
 int FindNonHexDigit(const char* text, int size) {
     int i = 0;
     while (i < size && isxdigit(static_cast<unsigned char>(text[i])) != 0) {

@@ -1,5 +1,5 @@
 // The eMMC side of an update: reads the package, describes the device, selects the device's entry
-// and downloads it. The dispatch calls it once a run. Until the download nothing has changed.
+// and downloads it. The dispatch calls it once a run. Before the download it changes nothing.
 #include "emmc/emmc_update.h"
 
 #include "emmc/emmc_command.h"
@@ -17,7 +17,8 @@
 
 namespace {
 
-// Returns the package's size in bytes, above 0; -1 on failure, a package of 2 GiB or more included.
+// Returns the package's size in bytes, 1 or more. Returns -1 on a failure, or when the package is
+// empty or has 2 GiB or more.
 [[nodiscard]] int32_t EmmcFwGetSize(const char* path) {
     const int fd = open(path, O_RDONLY);
     if (fd < 0) {
@@ -114,7 +115,7 @@ int EmmcFfu(const char* emmcFwFile, const char* emmcFwBackupFile, int downloadOn
     if (size < 0) {
         return -1;
     }
-    // The download covers whole blocks: zeros stand where the last one reaches beyond the package.
+    // The download sends whole blocks: the last one may go beyond the package, into zeros.
     const size_t paddedSize = static_cast<size_t>(size) + MMC_BLOCK_SIZE - 1;
     const HeapBuffer fwFileBuffer(static_cast<uint8_t*>(calloc(paddedSize, 1)));
     if (fwFileBuffer == nullptr) {

@@ -1,4 +1,4 @@
-// The phones that a package is released to: device models, and which revisions run on how many.
+// The phones that get a package: device models, and how many phones run which revision.
 #pragma once
 
 #include "fwlab/device.h"
@@ -6,7 +6,7 @@
 #include <vector>
 
 struct Running {
-    std::string revision; // bytes, of the field's size
+    std::string revision; // raw bytes, as in the header
     uint64_t phones;
 };
 struct Model {

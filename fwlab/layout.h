@@ -7,7 +7,7 @@
 
 // A field of a header, by the name that manifests and reports give it.
 struct Field {
-    enum Filling { EXACT, ZEROS, NODE }; // behind a short text: none, zeros, line feed and zeros
+    enum Filling { EXACT, ZEROS, NODE }; // after a short text: nothing, zeros, line feed and zeros
     const char* key;
     size_t offset, size;
     Filling filling;
@@ -21,11 +21,11 @@ struct Layout {
 };
 extern const Layout EMMC, UFS; // a UFS header has no extCsdRev: size 0
 
-// What an entry is for, or what a device is: the bytes of a header.
+// The header of an entry, or a device in the form of a header.
 struct Identity {
     const Layout* layout;
     std::string header;
 };
-Identity NewIdentity(const Layout& layout); // with the magic, else zeros
+Identity NewIdentity(const Layout& layout); // the magic, then zeros
 std::string Get(const Identity& identity, const Field& field);
-void Set(Identity& identity, const Field& field, const std::string& bytes); // zeros behind them
+void Set(Identity& identity, const Field& field, const std::string& bytes); // filled up with zeros

@@ -6,11 +6,11 @@
 #include <vector>
 
 struct ManifestEntry {
-    Identity identity;            // everything but the size of the body
-    std::string image, imageFile; // its content and path
+    Identity identity;            // without the size of the body
+    std::string image, imageFile; // the image's bytes and path
 };
 std::vector<ManifestEntry> ReadManifest(const std::string& path);
 
-// A manifest that gives the same entries, in a folder from which imageFile leads to the image. What
-// no manifest gives is left out: PRV and PSN.
+// The text of a manifest with these entries, for a folder to which imageFile is relative. PRV and
+// PSN are left out: manifests do not have them.
 std::string ManifestText(const Layout& layout, const std::vector<ManifestEntry>& entries);

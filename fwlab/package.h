@@ -7,8 +7,8 @@
 #include <vector>
 
 struct Entry {
-    size_t number; // from 1
-    size_t offset, body;
+    size_t number;       // from 1
+    size_t offset, body; // of the header, of the body
     uint32_t bodySize;
     bool bodyFits;
     Identity identity;
@@ -21,11 +21,11 @@ struct Package {
     const Layout* layout;
     PackageBytes bytes;
     size_t size;
-    std::string flaw;           // why the phone does not look into it
+    std::string flaw;           // why the phone does not read it; empty for none
     std::vector<Entry> entries; // every candidate, by offset; none if there is a flaw
 };
-// Without a layout, that of the first entry is taken. OpenPackage maps the file: a large package
-// costs no memory.
+// Without a layout, they take the first entry's. OpenPackage maps the file: a large package needs
+// no memory.
 Package OpenPackage(const std::string& path, const Layout* layout = nullptr);
 Package LookInto(const std::string& path, const PackageBytes& bytes, size_t size,
                  const Layout* layout);

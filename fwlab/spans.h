@@ -7,14 +7,14 @@ struct Span {
     size_t offset, size;
 };
 
-// The entries that were packed. What begins inside an entry is a magic in its image, whatever size
-// it seems to have. An entry whose body does not fit ends with its header.
+// The own entries: those that were packed. An entry that begins inside another one is only a magic
+// in the image. An entry whose body does not fit counts as a header without a body.
 std::vector<const Entry*> OwnEntries(const Package& package);
 
 // The bytes that belong to no own entry, by offset; none if there is no entry.
 std::vector<Span> Uncovered(const Package& package);
 
-// The own entry inside which this one begins; null without one.
+// The own entry inside which this entry begins; null if there is none.
 const Entry* OuterEntry(const Package& package, const Entry& entry);
 
 // In lower-case hexadecimal digits.

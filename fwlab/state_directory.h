@@ -3,17 +3,16 @@
 
 #include "fwlab/record.h"
 
-// What a state directory tells. Where its files allow more than one course of events, it is
-// UNKNOWN.
+// What a state directory shows. UNKNOWN if its files allow more than one course of events.
 enum class State {
     UPDATED,     // the last attempt on record passed, and the last run ended regularly
-    NOTHING,     // the last run ended regularly; none has made an attempt
+    NOTHING,     // the last run ended regularly; no run has made an attempt
     FAILED,      // the last attempt failed
-    INTERRUPTED, // the last attempt has no outcome, and a run did not come to its end
+    INTERRUPTED, // the last attempt has no outcome, and a run did not end regularly
     UNKNOWN,     // attempted, perhaps without a download; or the files contradict each other
     STOPPED,     // a run stopped early, outside of an attempt
-    DAMAGED,     // the record cannot be read back: every later run stops at it
-    FOREIGN,     // no file of a run
+    DAMAGED,     // no run can read the record: a run that has an update stops there
+    FOREIGN,     // no run has left a file
     UNREADABLE,  // the directory or a file in it cannot be read from here
 };
 const char* NameOf(State state); // one word
@@ -28,8 +27,8 @@ struct StateReport {
 // Reads regular files only, follows no link in the directory, and never waits.
 StateReport DescribeState(const std::string& directory);
 
-// The state directories at directory and below it, in the order of their names, and folders that
-// are in the place of one; directory itself where there is none. Links are not followed.
+// The state directories at directory and below it, sorted by name, with folders that are where a
+// state directory should be; directory itself if there are none. Links are not followed.
 Texts StateDirectoriesIn(const std::string& directory);
 
 // The names of the files that runs leave in their state directory.

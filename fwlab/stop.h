@@ -3,8 +3,8 @@
 
 #include <string>
 
-// Thrown to end the command: the exit status, 1 (the answer is "no") or 2 (wrong usage, unreadable
-// input), and the reason for the user.
+// Thrown to end the command, with its exit status and the reason for the user. Status 1: the answer
+// is "no"; 2: wrong usage or unreadable input; 128 plus a signal's number: interrupted by it.
 struct Stop {
     int status;
     std::string text;

@@ -1,4 +1,4 @@
-// The plan of a sweep: at which calls of a run it lets the call or the power fail, and how.
+// The plan of a sweep: at which calls of a run the call or the power fails, and how.
 #pragma once
 
 #include "fwlab/sweep_engine.h"
@@ -12,10 +12,10 @@ bool IsTorn(const SweepJob& job); // a power cut in the middle of a write
 
 using Tried = std::set<std::string>; // what was tried in this or an earlier scenario
 
-// Each call fails alone and with all later ones like it, and the power fails there. Jobs that
-// options.skipsRepeats leaves out: at calls whose run up to there was the same in an earlier
-// scenario; and of more than eight calls of a function on one path, such as those of the clock or
-// of the UFS trigger test, all but the first, the middle one and the last.
-// hadState: whether the state directory was there before the base run.
+// At each call: it fails alone, it and all later ones like it fail, the power fails.
+// options.skipsRepeats leaves out the jobs at calls up to which an earlier scenario ran the same;
+// of more than eight calls of a function on one path, such as those of the UFS trigger test, it
+// keeps the first, a middle one and the last. hadState: whether the state directory was there
+// before the base run.
 std::vector<SweepJob> JobsOf(const RunResult& base, size_t scenario, bool hadState,
                              const SweepOptions& options, Tried& tried);

@@ -1,4 +1,4 @@
-// What a sweep says about a run: what must hold for any package, and what the run leaves.
+// Judges a run of a sweep: whether what must hold for every package holds, and what the run leaves.
 #pragma once
 
 #include "fwlab/sweep_engine.h"
@@ -11,14 +11,14 @@ bool IsAttempt(const std::string& updates);
 // The image that the device has taken and will run after a restart; empty: none.
 std::string TakenImage(const std::string& phone);
 
-// What must hold and does not.
+// What must hold and does not, a text each.
 Texts Violated(const SweepRun& run);
 
 // Whether the run ended between the record's opening and its sync.
 bool IsRecordOpen(const RunResult& run);
 
-// What the phone of a run is left with. That run made the requests `updates` and left the device
-// with the image `taken`; `next` is the normal run behind it, `wanted` what the device takes
+// What a run leaves the phone with. The run made the requests `updates` and left the device with
+// the image `taken`. `next` is the normal run after it. `wanted` is the image that the device takes
 // without a fault.
 Fate FateOf(const std::string& updates, const std::string& taken, const SweepRun& next,
             const std::string& wanted);

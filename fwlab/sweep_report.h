@@ -1,5 +1,4 @@
-// What a sweep says about its runs, in words for a person and in files for a browser and for a CI
-// system.
+// The reports of a sweep: words for people, a page for a browser, a file for a CI system.
 #pragma once
 
 #include "fwlab/commands.h"
@@ -18,15 +17,15 @@ std::string FateCountsText(const FateCounts& counts);
 
 struct SweepSummary {
     FateCounts failingCalls; // jobs
-    FateCounts powerCuts;    // moments, each by the worst that it can leave
-    FateCounts states;       // that the cuts can leave
+    FateCounts powerCuts;    // each counted once, by the worst state that it can leave
+    FateCounts states;       // all states that the cuts can leave
 };
 SweepSummary Summarize(const SweepResult& result, size_t scenario);
 
-// The command that shows what is wrong, for a shell.
+// The shell command that shows the violation.
 std::string RehearseCommand(const SweepRequest& request, const SweepViolation& wrong);
 
-// One page without anything from elsewhere.
+// One HTML page, which loads nothing from elsewhere.
 std::string SweepPage(const SweepRequest& request, const SweepResult& result);
 // JUnit XML: a suite for each phone, a case for each call.
 std::string SweepJunit(const SweepRequest& request, const SweepResult& result);

@@ -9,5 +9,5 @@ using Texts = std::vector<std::string>;
 // Printable (see Escaped), in quotation marks.
 std::string Quoted(const std::string& bytes);
 
-// A word for a shell, printable whatever it holds.
+// The text as one printable word for a shell.
 std::string ShellWord(const std::string& text);

@@ -7,22 +7,23 @@
 
 #include <functional>
 
-// Lets `use` take the keys of a file. Stop, with the file's name, if it is no TOML, if a key is
-// missing or wrong, or if one is left that nothing took.
+// Calls `use` to take the keys of a file. Stop, with the file's name, if it is not TOML, if a key
+// is missing or wrong, or if `use` leaves a key.
 void ReadToml(const std::string& path, const std::function<void(Keys)>& use);
 
-// The same for each table of the key's list; Stop names the key and the number of the table.
+// The same for each table of the list at `key`; Stop names the key and the table's number. `wanted`
+// is for the message when there is no such list.
 void TakeTables(Keys keys, const char* key, const char* wanted,
                 const std::function<void(Keys)>& use);
 
 // Stop if there was an error, or if a key is left.
 void FinishTable(Keys keys);
 
-// A text that must be one of the two; true for the first one.
+// Takes a text that must be first or second; returns whether it is first.
 bool TakeChoice(Keys keys, const char* key, const std::string& first, const std::string& second);
 
-// Takes the key of the field, into identity; nothing for a field that the layout does not have.
+// Takes the field's key into identity; does nothing if the layout does not have the field.
 void TakeField(Keys keys, const Field& field, Need need, Identity& identity);
 
-// The value of the field as a TOML text: TakeField reads the same bytes from it.
+// The field's value in TOML, from which TakeField reads the same bytes.
 std::string TomlValue(const Identity& identity, const Field& field);

@@ -3,7 +3,7 @@
 
 #include <string>
 
-// A text in quotation marks where all bytes are printable or line feeds, else a list of numbers.
-// The readers of manifests and descriptions take both for the same bytes.
+// A text in quotation marks if all bytes are printable or line feeds, else a list of numbers. The
+// readers of manifests and descriptions accept both forms.
 std::string TomlBytes(const std::string& bytes);
-std::string TomlList(const std::string& bytes); // of numbers, whatever they are
+std::string TomlList(const std::string& bytes); // always a list of numbers

@@ -1,4 +1,4 @@
-// Leaves nothing behind after an interruption: a temporary folder, and the signals that end fwlab.
+// A temporary folder that is removed after an interruption too: signals that end fwlab wait for it.
 #pragma once
 
 #include <csignal>
@@ -12,7 +12,7 @@ public:
     HeldSignals(const HeldSignals&) = delete;
     HeldSignals& operator=(const HeldSignals&) = delete;
 
-    sigset_t mask; // of the signals that were held back before, for processes that are started
+    sigset_t mask; // the signals held back before: for child processes
 };
 
 // A temporary folder; the destructor removes it.
@@ -27,8 +27,8 @@ public:
     std::string path;
 };
 
-// Returns the signal that was held back, 0 if none came within the time.
+// Returns a signal that was held back, and waits for one if there is none. 0 if none came in time.
 int TakeSignal(long milliseconds);
 
-// Stop, with 128 and its number as exit status, if one was held back.
+// Stop with 128 plus the signal's number if one was held back.
 void StopIfInterrupted();

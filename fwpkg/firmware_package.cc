@@ -1,5 +1,5 @@
-// Finds entries in a firmware package that lies whole in memory. Every reader of a package calls
-// it. Nothing here fails: a package without entries is simply one in which none is found.
+// Finds entries in a firmware package that is whole in memory. Every reader of a package calls it.
+// Nothing here can fail; a package may have no entry.
 #include "fwpkg/firmware_package.h"
 
 #include <algorithm>
@@ -7,19 +7,20 @@
 
 namespace {
 
-// Four words side by side: as much as every phone and workstation compares at once.
+// Four words: every phone and workstation can compare 16 bytes at once.
 using Words __attribute__((vector_size(16))) = int32_t;
 constexpr size_t BLOCK_SIZE = 2 * sizeof(Words);
 
-// All ones in each of the four words at bytes that equals magic, zero in the others.
+// Compares the four words at bytes with magic: all bits are set in a word that is equal, none in
+// the others.
 Words WordsEqual(const uint8_t* bytes, int32_t magic) {
     Words words;
     memcpy(&words, bytes, sizeof(words));
     return words == magic;
 }
 
-// Whether magic stands at one of the BLOCK_SIZE offsets from block on: the words at four successive
-// shifts begin at all of them. Reads MAGIC_SIZE - 1 bytes beyond the block.
+// Whether magic begins at one of the BLOCK_SIZE offsets of block. The words at byte shifts 0 to 3
+// cover all of these offsets. Reads MAGIC_SIZE - 1 bytes beyond the block.
 bool BlockHasMagic(const uint8_t* block, int32_t magic) {
     const uint8_t* half = block + sizeof(Words);
     const Words found = WordsEqual(block, magic) | WordsEqual(block + 1, magic) |
@@ -31,11 +32,11 @@ bool BlockHasMagic(const uint8_t* block, int32_t magic) {
     return (bits[0] | bits[1]) != 0;
 }
 
-// Compares the whole magic at every offset, never a part of it first: there are no near misses that
-// could slow it down.
+// Compares the whole magic at every offset. Bytes that agree with only a part of it cost no extra
+// time.
 size_t FindHeader(const uint8_t* package, size_t size, const char* magic, size_t headerSize,
                   size_t from) {
-    // Behind the last offset at which a header fits.
+    // One past the last offset at which a header fits.
     const size_t end = size < headerSize ? 0 : size - headerSize + 1;
     size_t p = std::min(from, end);
     int32_t magicWord;

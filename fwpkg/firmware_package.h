@@ -1,5 +1,5 @@
-// The one definition of the firmware packages' layout, and the scan that finds their entries.
-// Read by the run's pre-check, by the eMMC and UFS selections, and by the workstation tool.
+// The layout of firmware packages, and the scan that finds their entries. Used by the run's
+// pre-check, by the eMMC and UFS selections, and by the workstation tool.
 #pragma once
 
 #include <cstddef>
@@ -16,18 +16,18 @@ constexpr size_t EMMC_REV_SIZE = 8; // EXT_CSD FIRMWARE_VERSION
 constexpr size_t UFS_REV_SIZE = 4;  // SCSI INQUIRY product revision level
 constexpr size_t BASE_REVS_SIZE = 16;
 
-// A package is handled by signed 32-bit counts; anything larger is refused.
+// Package sizes are signed 32-bit numbers: a larger package is refused.
 constexpr int64_t PACKAGE_SIZE_MAX = INT32_MAX;
 
-// Header of an eMMC entry, the body follows it at once. The same record describes the local device;
-// its emmcFwSize, legalMarketName and legalBaseRev are zero then.
+// Header of an eMMC entry. The body follows it directly. The same record describes the local
+// device, with emmcFwSize, legalMarketName and legalBaseRev zero. CID and EXT_CSD: JEDEC JESD84.
 struct EmmcFwHeader {
     uint8_t emmcMagic[MAGIC_SIZE];
     uint8_t emmcMid;                  // CID MID
     uint8_t emmcPnm[6];               // CID PNM, no terminator
     uint8_t emmcPrv;                  // CID PRV
     uint8_t emmcPsn[4];               // CID PSN, most significant byte first
-    uint8_t emmcRev;                  // EXT_CSD_REV: 7 is eMMC 5.0, 8 is eMMC 5.1
+    uint8_t emmcRev;                  // EXT_CSD_REV: 7 for eMMC 5.0, 8 for eMMC 5.1
     uint8_t emmcFwRev[EMMC_REV_SIZE]; // FIRMWARE_VERSION in register order
     uint8_t emmcFwSize[4];            // body length in bytes, big-endian
     uint8_t legalMarketName[3];
@@ -44,8 +44,8 @@ static_assert(offsetof(EmmcFwHeader, emmcFwSize) == 25);
 static_assert(offsetof(EmmcFwHeader, legalMarketName) == 29);
 static_assert(offsetof(EmmcFwHeader, legalBaseRev) == 32);
 
-// Header of a UFS entry, the body follows it at once. The same record describes the local device;
-// its ufsFwSize, legalMarketName and legalBaseRev are zero then.
+// Header of a UFS entry. The body follows it directly. The same record describes the local device,
+// with ufsFwSize, legalMarketName and legalBaseRev zero.
 struct UfsFwHeader {
     uint8_t ufsMagic[MAGIC_SIZE];
     uint8_t ufsMid[8];  // text of the kernel's manfid node
@@ -66,11 +66,11 @@ static_assert(offsetof(UfsFwHeader, legalBaseRev) == 48);
 // The four bytes at field as an unsigned number, most significant byte first.
 [[nodiscard]] uint32_t ReadBigEndian32(const uint8_t* field);
 
-// The next candidate entry: the lowest offset >= from at which the magic of the kind stands and a
-// whole header of it still fits into package. Returns size when there is none.
+// Returns the next candidate entry: the lowest offset >= from where the technology's magic is and a
+// whole header still fits into package (size bytes). Returns size when there is none.
 [[nodiscard]] size_t FindEmmcEntry(const uint8_t* package, size_t size, size_t from);
 [[nodiscard]] size_t FindUfsEntry(const uint8_t* package, size_t size, size_t from);
 
-// Whether the bodySize bytes behind the header at entry lie inside a package of size bytes. The
-// header itself does. An entry whose body does not is no entry: every reader passes over it.
+// Whether the body (bodySize bytes) of the entry at offset entry ends inside a package of size
+// bytes; its header must lie inside. Every reader skips an entry whose body does not.
 [[nodiscard]] bool BodyFits(size_t size, size_t entry, size_t headerSize, uint32_t bodySize);

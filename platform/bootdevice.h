@@ -1,4 +1,4 @@
-// Identity nodes of the boot storage, which the platform's driver has for eMMC and UFS alike.
+// Identity nodes of the boot storage. The platform's driver offers them for eMMC and UFS.
 #pragma once
 
 constexpr char PNM_NODE[] = "/proc/bootdevice/product_name";

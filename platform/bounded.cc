@@ -1,5 +1,5 @@
-// Bounded functions for hosts whose system library has none. Every fixed-size field of the tool is
-// written through them; a refused copy is a failure of the step that asked for it.
+// Bounded functions for hosts whose system library has none. The tool copies and prints into its
+// fixed-size fields through them. A refused copy leaves its destination as it was.
 #include "platform/bounded.h"
 
 #include <algorithm>

@@ -17,8 +17,8 @@ extern "C" {
 [[nodiscard]] int strncpy_s(char* dest, size_t destSize, const char* src, size_t count);
 
 // Format at most count characters and a terminating zero into dest, of destSize bytes. Return the
-// number of characters written, or a negative value when an argument is null, count exceeds
-// destSize or the text had to be truncated; what was written is terminated all the same.
+// number of characters written, or a negative value when an argument is null, destSize is 0, count
+// exceeds destSize or the text was truncated. A truncated text is terminated, too.
 [[nodiscard]] int snprintf_s(char* dest, size_t destSize, size_t count, const char* format, ...)
     __attribute__((format(printf, 4, 5)));
 [[nodiscard]] int vsnprintf_s(char* dest, size_t destSize, size_t count, const char* format,

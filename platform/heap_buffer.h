@@ -1,4 +1,4 @@
-// A buffer from the C library's heap that is released exactly once, on every path.
+// A buffer from the C library's heap. It is freed when the routine that holds it returns.
 #pragma once
 
 #include <cstdint>

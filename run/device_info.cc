@@ -1,5 +1,5 @@
-// Finds the storage device and reads its product name and the revision that it runs. The run calls
-// it behind its begin flag, which stays when a device or its values are not found. It only reads.
+// Finds the storage device and reads its product name and its running revision. The run calls it
+// after setting the begin flag, which stays when this step fails. It only reads.
 #include "run/device_info.h"
 
 #include "emmc/emmc_device.h"

@@ -1,4 +1,4 @@
-// Which storage device this is, and what the run needs to know of it.
+// Finds the phone's storage device and reads what the run needs to know about it.
 #pragma once
 
 #include "fwpkg/firmware_package.h"
@@ -6,21 +6,22 @@
 constexpr char DEVICE_EMMC = '0';
 constexpr char DEVICE_UFS = '1';
 
-constexpr size_t PNM_SIZE = 16;
-constexpr size_t EMMC_PNM_SIZE = sizeof(EmmcFwHeader::emmcPnm); // of an eMMC device's name
+constexpr size_t PNM_SIZE = 16;                                 // the longest product name (UFS)
+constexpr size_t EMMC_PNM_SIZE = sizeof(EmmcFwHeader::emmcPnm); // CID PNM
 constexpr size_t REV_SIZE = 8;
 
-// Names and revisions are raw bytes with a zero byte behind them; a zero byte among them ends the
-// value wherever it is used as text.
+// Names and revisions are raw bytes, terminated by a zero byte. Used as text, a value ends at its
+// first zero byte.
 struct DeviceInfo {
     char type;                     // DEVICE_EMMC or DEVICE_UFS
-    char pnm[PNM_SIZE + 1];        // product name as the kernel's node gives it
-    char localFwRev[REV_SIZE + 1]; // the revision that runs: REV_SIZE bytes (eMMC) or UFS_REV_SIZE
+    char pnm[PNM_SIZE + 1];        // product name, as PNM_NODE gives it
+    char localFwRev[REV_SIZE + 1]; // running revision: EMMC_REV_SIZE or UFS_REV_SIZE bytes
 };
 
-// Whether a storage device was found; type tells which then. UFS is looked for first.
+// Returns whether a storage device was found, and sets type if so. UFS is looked for first.
 [[nodiscard]] bool DetectDevice(char& type);
 
-// Fills device, which is zeroed but for its type, from the kernel's nodes and the EXT_CSD register.
-// Returns 0 or -1.
+// Reads the product name and the running revision into device. The caller has set its type and
+// zeroed the rest. The revision is in EXT_CSD (eMMC) or in REV_NODE (UFS). Returns 0, or -1 when
+// one of the two cannot be read; device must not be used then.
 [[nodiscard]] int GetDeviceInfo(DeviceInfo& device);

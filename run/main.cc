@@ -1,4 +1,5 @@
-// The tool's entry. It reads neither arguments nor environment; one start is one update attempt.
+// The tool's entry. It reads neither arguments nor environment; one start makes one update attempt
+// at most.
 #include "run/update_run.h"
 
 int main() {

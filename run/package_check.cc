@@ -1,5 +1,5 @@
-// The pre-check of the firmware package, by its own rules: the product name alone selects the
-// entry. The run calls it; it only reads, so a failure here leaves nothing behind but its messages.
+// The pre-check of the firmware package. It selects the entry by the product name alone. The run
+// calls it before the update. It only reads: a failure leaves nothing behind but its messages.
 #include "run/package_check.h"
 
 #include "platform/bounded.h"
@@ -16,10 +16,10 @@
 
 namespace {
 
-// The routine for which a step of its work speaks in messages.
+// The routine that messages name when one of its helpers logs them.
 constexpr char PARSE_FW_BIN[] = "ParseFwBin";
 
-// step names the routine that found the entry.
+// step is the routine that messages name.
 [[nodiscard]] int CopyRevs(const char* step, const uint8_t* rev, size_t revSize,
                            const uint8_t* baseRevs, PackageRevs& revs) {
     if (memcpy_s(revs.fwFileRev, REV_SIZE, rev, revSize) != 0) {
@@ -35,7 +35,7 @@ constexpr char PARSE_FW_BIN[] = "ParseFwBin";
 }
 
 [[nodiscard]] size_t FindEmmcEntryByPnm(const uint8_t* package, size_t size, const char* pnm) {
-    // Ends one offset before the last at which a header fits: behind that one there is no body.
+    // The scan leaves out the last offset at which a header fits: no body can follow there.
     const size_t scanned = size == 0 ? 0 : size - 1;
     for (size_t p = FindEmmcEntry(package, scanned, 0); p < scanned;
          p = FindEmmcEntry(package, scanned, p + 1)) {
@@ -71,7 +71,7 @@ constexpr char PARSE_FW_BIN[] = "ParseFwBin";
                     entry.legalBaseRev, revs);
 }
 
-// Maps the package that fd is open on. For ParseFwBin, whose name its messages carry.
+// Maps the package that fd is open on and fills revs. Its messages name ParseFwBin.
 [[nodiscard]] int ParseOpenFwBin(int fd, const DeviceInfo& device, PackageRevs& revs) {
     struct stat status = {};
     if (fstat(fd, &status) != 0) {
@@ -150,7 +150,7 @@ bool CheckBaseRev(const DeviceInfo& device, const uint8_t* legalBaseRev) {
     return false;
 }
 
-// From what was parsed to the verdict of a step.
+// Turns the result of ParseFwBin into the result of a step.
 int CheckFwBin(const DeviceInfo& device, int parsed, const PackageRevs& revs) {
     if (parsed == PACKAGE_NOT_FOUND) {
         SYSTEM_LOG("FFU process %s: fw file not found, exit.\n", __func__);

@@ -1,6 +1,6 @@
-// Keeps the record of attempts, by which each package revision is attempted at most once. The run
-// reads it back before an update and appends to it before it starts one. A failure here ends the
-// run without an update; the record is never shortened, repaired or removed.
+// Keeps the record of attempts, so that no run repeats the last attempt. The run reads it when the
+// package has an update, and appends to it before it starts the update. A failure here ends the run
+// without an update. The record is never shortened, repaired or removed.
 #include "run/result_record.h"
 
 #include "platform/bounded.h"
@@ -17,8 +17,8 @@
 
 namespace {
 
-// Copies the value between key and the next delimiter from line into dest, a revision of
-// REV_SIZE + 1 zeroed bytes. Returns 0, or -1 when key or delimiter is missing or it is too long.
+// Copies the text between key and the next delimiter in line to dest (REV_SIZE + 1 zeroed bytes).
+// Returns 0, or -1 when key or delimiter is missing or the text is longer than REV_SIZE bytes.
 [[nodiscard]] int SubParseResultFile(const char* line, const char* key, char delimiter,
                                      char* dest) {
     const char* found = strstr(line, key);
@@ -74,9 +74,9 @@ int WriteResultFile(const char* pnm, const char* localFwRev, const char* fwFileR
         SYSTEM_LOG("FFU process %s: snprintf_s error!\n", __func__);
     } else {
         isWritten = write(fd, record, static_cast<size_t>(length)) > 0;
-        // The record has to be on the storage before the device gets its first request: after a
-        // power cut it is all that keeps the next run from a second attempt. Where the sync fails
-        // the device still gets its update, which the write decides.
+        // The record must be on the storage before the device gets its first request. After a power
+        // cut, nothing else keeps the next run from a second attempt. A failed sync does not stop
+        // the update; a failed write does.
         (void)fsync(fd);
     }
     close(fd);
@@ -84,7 +84,7 @@ int WriteResultFile(const char* pnm, const char* localFwRev, const char* fwFileR
 }
 
 void ReadLastLine(FILE* file, ResultLine& line) {
-    // Where a read fails in the middle of a line, fgets may yield its beginning: no whole line.
+    // When a read fails inside a line, fgets may return its beginning. That is not a whole line.
     ResultLine next = {};
     while (fgets(next.data(), next.size(), file) != nullptr && ferror(file) == 0) {
         line = next;

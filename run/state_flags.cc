@@ -1,6 +1,6 @@
-// Sets and looks at the flag files. The run brackets itself with two of them and leaves a third one
-// after an update. One that cannot be removed stays, which changes no verdict; a begin or end flag
-// that cannot be set ends the run.
+// Sets, removes and checks the flag files. The run sets the begin flag first and the end flag last,
+// and an outcome flag after an update. A flag that cannot be removed stays, and the run goes on. A
+// begin or end flag that cannot be set ends the run.
 #include "run/state_flags.h"
 
 #include "run/log/system_log.h"
@@ -18,7 +18,7 @@ namespace {
 
 constexpr mode_t STATE_DIR_MODE = 0755;
 
-// step names the routine that moves the flag.
+// step is the routine that messages name.
 void RemoveFlag(const char* step, const char* path) {
     const int status = remove(path);
     if (status != 0) {
@@ -80,7 +80,7 @@ void UpdateResultFlag(int result, const char* fwBinRev) {
         SYSTEM_LOG("FFU process %s: %s open file fail\n", __func__, __func__);
         return;
     }
-    // The flag tells the outcome; the time in it is only for the reader.
+    // The file's presence is the outcome. The time in it is only for people.
     (void)!write(fd, timeText, strlen(timeText));
     close(fd);
 }

@@ -1,4 +1,4 @@
-// Reads the time for the record and for the outcome flags. Both are written without it if need be.
+// Reads the time for the record and the outcome flags. They are written without it if that fails.
 #include "run/time_stamp.h"
 
 #include "platform/bounded.h"

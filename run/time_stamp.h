@@ -1,10 +1,10 @@
-// The time, as records and outcome flags hold it.
+// The time stamp of records and outcome flags.
 #pragma once
 
 #include <cstddef>
 
 constexpr size_t TIME_TEXT_SIZE = 128;
 
-// Writes the local time as ctime's text, with its line end, into timeText (TIME_TEXT_SIZE zeroed
-// bytes). It stays as it is when the time cannot be had or copied; null is told on the log.
+// Writes the local time in ctime's format, line end included, into timeText (TIME_TEXT_SIZE zeroed
+// bytes). On a failure timeText stays as it is.
 void GetTmeStamp(char* timeText);

@@ -1,5 +1,5 @@
 // Removes what the last update left, and runs the update of the detected technology. The run calls
-// it when the attempt is on record; the outcome flag tells of a failure here.
+// it once the attempt is on record, and writes the outcome flag from its result.
 #include "run/update_dispatch.h"
 
 #include "emmc/emmc_update.h"
@@ -28,7 +28,7 @@ int DoFfu(char deviceType) {
             : UfsFfu(UFS_FW_PACKAGE, UFS_FW_PACKAGE, USE_DATA_DIR, USE_PACKAGE);
     (void)remove(bodyFile);
 
-    // From a status of the update to the verdict of a step.
+    // Turns the status of the update into the result of a step.
     if (status == -ENOENT) {
         return STEP_NOTHING_TO_DO;
     }

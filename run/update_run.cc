@@ -1,6 +1,5 @@
 // The course of a run: state directory, begin flag, device, package check, record, update, outcome,
-// end flag. main calls it. A begin flag that stays, without an end flag, tells that a run stopped
-// before its regular end.
+// end flag. main calls it. A begin flag without an end flag shows that a run stopped early.
 #include "run/update_run.h"
 
 #include "run/device_info.h"

@@ -1,6 +1,6 @@
-// Reads who the local UFS device is, in the shape of a package entry. The UFS update calls it
-// before it selects. Changes nothing; after a failure the record is partly filled and nobody may
-// use it.
+// Reads the identity of the local UFS device, in the form of a package entry. The UFS update calls
+// it before it selects an entry. It changes nothing on the phone. After a failure the record is
+// partly filled and must not be used.
 #include "ufs/ufs_identity.h"
 
 #include "platform/bootdevice.h"
@@ -13,19 +13,19 @@
 
 namespace {
 
-// The routine for which a step of its work speaks in messages.
+// The routine that PrintChars names in its own message.
 constexpr char PRINT_CHAR[] = "PrintChar";
 
 constexpr char UFS_MID_NODE[] = "/proc/bootdevice/manfid";
 
-// The model that was reworked, and the name under which packages carry the firmware for it. The
-// reworked name fills ufsPnm together with its terminating zero.
+// The model that was reworked, and its name in packages. That name and its terminating zero fill
+// ufsPnm.
 constexpr char ORIGINAL_PNM[] = "KLUEG8U1EM-B0B1";
 constexpr char REWORKED_PNM[] = "KLUEG8U1EM-REWK";
 static_assert(sizeof(REWORKED_PNM) == sizeof(UfsFwHeader::ufsPnm));
 
-// Fills field, of size bytes, with what one read of the node yields, raw. A short read is a success
-// and leaves the rest of the field as it was. label names the node in messages.
+// Fills field (size bytes) with the raw bytes of one read of the node at path. A short read is a
+// success and leaves the rest of field as it was. Messages name the node label. Returns 0 or -1.
 [[nodiscard]] int ReadUfsInfo(const char* path, size_t size, const char* label, uint8_t* field) {
     const int fd = open(path, O_RDONLY);
     if (fd < 0) {

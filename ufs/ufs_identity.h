@@ -1,4 +1,4 @@
-// The identity of the local UFS device, described as a package entry would describe it.
+// The identity of the local UFS device, in the form of a package entry.
 #pragma once
 
 #include "fwpkg/firmware_package.h"
@@ -8,9 +8,9 @@
 // filled then and must not be used.
 [[nodiscard]] int GetUfsLocalDevInfo(UfsFwHeader& device);
 
-// Replaces the product name of one reworked device model, from the revision on that needs another
-// firmware. Every other device keeps its name.
+// Replaces the product name of one device model that was reworked, from revision "09" on: packages
+// carry its firmware under another name. Every other device keeps its name.
 void UpdateProductName(UfsFwHeader& device);
 
-// Dumps header to the console log; label is the text in parentheses.
+// Prints header to the console log; label is the text in parentheses.
 void PrintUfsFwHdr(const char* label, const UfsFwHeader& header);

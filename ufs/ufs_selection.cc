@@ -1,6 +1,6 @@
-// Picks the package entry for the local UFS device, judges its revision and saves its body. The UFS
-// update calls it before the download. After a failure, and when the entry is not newer, a body
-// file may be left, whole or in part, which nobody downloads.
+// Selects the package entry for the local UFS device, compares revisions and saves the entry's
+// body. The UFS update calls it before the download. After a failure, or when the entry is not
+// newer, a body file may be left, whole or in part. It is not downloaded.
 #include "ufs/ufs_selection.h"
 
 #include "run/log/ffu_print.h"
@@ -13,7 +13,7 @@
 
 namespace {
 
-// The routine for which a step of its work speaks in messages.
+// The routine that messages name when one of its helpers logs them.
 constexpr char GET_UFS_FW_FROM_FW_BIN[] = "GetUfsFwFromFwBin";
 
 bool IsBlank(uint8_t character) {
@@ -24,7 +24,7 @@ bool PnmCharactersAgree(uint8_t device, uint8_t entry) {
     return device == entry || IsBlank(device) || IsBlank(entry);
 }
 
-// Writes the body over whatever lies at the body's path. Not synced: it is read back in this run.
+// Writes the body to the body file and replaces an old one. No sync: the same run reads it back.
 [[nodiscard]] int SaveFwBodyToFile(const uint8_t* package, uint32_t ufsCurrentFwOffset,
                                    uint32_t ufsCurrentFwSize, int useDataDir) {
     const char* path = UfsFwBodyPath(useDataDir);

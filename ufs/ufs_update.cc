@@ -1,6 +1,6 @@
-// The update of a UFS device: package, identity, selection, download, trigger test, verdict. The
-// run's dispatch calls it once. A failure before the download leaves the device untouched; a failed
-// download is told by -1, and the device still gets its trigger test.
+// The update of a UFS device: package, identity, selection, download, trigger test, result. The
+// run's dispatch calls it once. After a failure before the download nothing is sent to the device.
+// After a failed download the trigger test runs all the same.
 #include "ufs/ufs_update.h"
 
 #include "platform/bounded.h"
@@ -19,8 +19,8 @@
 
 namespace {
 
-// The trigger test moves data past the page cache, so that it reaches the storage device: buffer
-// and transfers are whole multiples of what direct I/O asks for.
+// The trigger test bypasses the page cache, so that its data reaches the storage device. Direct I/O
+// needs an aligned buffer and transfers that are multiples of the device's block size.
 constexpr char TRIGGER_FILE[] = "/splash2/test_ffu_trigger.tmp";
 constexpr size_t TRIGGER_SIZE = 8192;
 constexpr size_t TRIGGER_ALIGNMENT = 4096;
@@ -94,7 +94,7 @@ void FileWriteForTrigger(uint8_t* testBufTrigger) {
     close(fd);
 }
 
-// What is read is not compared: the traffic is what the device needs.
+// The data read is not compared: only the traffic matters.
 void FileReadForTrigger(uint8_t* testBufTrigger) {
     const int fd = open(TRIGGER_FILE, O_RDONLY | O_CREAT | O_DIRECT, 0755);
     if (fd < 0) {
@@ -117,7 +117,7 @@ void RemoveTriggerFile() {
     }
 }
 
-// Each half goes its own way and none of them changes the verdict on the update.
+// A failure of one part neither stops the others nor changes the result of the update.
 void FfuFlashFileForTrigger() {
     void* aligned = nullptr;
     if (posix_memalign(&aligned, TRIGGER_ALIGNMENT, TRIGGER_SIZE) != 0) {

@@ -1,15 +1,15 @@
-// The update of a UFS device, from its package to the verdict.
+// The update of a UFS device, from reading the package to the result.
 #pragma once
 
 #include "fwpkg/firmware_package.h"
 
 // Applies the package at ufsFwFile (useBackupFile zero) or ufsBackupFile (non-zero) to the local
-// device; neither path may be null. useDataDir chooses where the body is saved (ufs_selection.h).
-// Returns 0 when firmware was downloaded, -2 (-ENOENT) when nothing was applied, -1 when the
-// download failed or the device record could not be cleared.
+// device; neither path may be null. useDataDir: see UfsFwBodyPath.
+// Returns 0 when firmware was downloaded, -2 (-ENOENT) when nothing was sent to the device, -1 when
+// the download failed or the device record could not be cleared.
 [[nodiscard]] int UfsFfu(const char* ufsFwFile, const char* ufsBackupFile, int useDataDir,
                          int useBackupFile);
 
-// Downloads the saved body into device and puts a burst of direct traffic on its storage, whatever
-// the download gave. Returns 0 when the download succeeded, else -1.
+// Downloads the saved body to device. Then, also after a failed download, writes and reads a file
+// with direct I/O (the trigger test). Returns 0 when the download succeeded, else -1.
 [[nodiscard]] int DoUfsFfu(const UfsFwHeader& device, int useDataDir);

@@ -1,6 +1,6 @@
 // Sends the saved firmware body to the UFS device with one WRITE BUFFER command. The UFS update
-// calls it once, after the selection. A failure leaves the device on its old firmware or, when the
-// command reached it, to its own judgement of what it got; nothing is sent twice.
+// calls it once, after the selection. The command is never repeated. After a failure before the
+// command the device keeps its firmware; after a failed command that depends on the device.
 #include "ufs/ufs_write_buffer.h"
 
 #include "platform/bounded.h"
@@ -25,25 +25,25 @@ namespace {
 
 constexpr uint8_t WRITE_BUFFER_OPCODE = 0x3B; // SPC, 10-byte command
 constexpr int WRITE_BUFFER_CDB_SIZE = 10;
-constexpr int MODE_DOWNLOAD_DEFER_ACTIVATE = 0x0E; // with offsets, save, defer activate
+constexpr int MODE_DOWNLOAD_DEFER_ACTIVATE = 0x0E; // SPC: with offsets, save, defer activate
 constexpr int WRITE_BUFFER_TIMEOUT = 300;          // seconds
 
 constexpr size_t TRANSFER_ALIGNMENT = 4096;
 constexpr int SENSE_SIZE = 64;
 constexpr int VERBOSITY = 1;
 
-// Beside the categories and SG_LIB_FILE_ERROR, which are the library's own numbers.
+// Beside this, statuses are numbers of sg_lib.h: SG_LIB_FILE_ERROR and the SG_LIB_CAT_ categories.
 constexpr int STATUS_NO_MEMORY = 1;
 
-// sg_cmds_process_resp: a failure without a category, and an answer that has one.
+// What sg_cmds_process_resp returns for a failure without a category, and for an answer with one.
 constexpr int RESPONSE_FAILED = -1;
 constexpr int RESPONSE_CATEGORY = -2;
 
-// The routine for which steps of its work speak in messages.
+// The routine that messages name when one of its helpers logs them.
 constexpr char UFS_FFU_WRITE_BUFFER[] = "ufs_ffu_write_buffer";
 
-// Looks the manufacturer up and prints whose device it is. Returns the reset to ask for after a
-// failed download, as SG_SCSI_RESET numbers them, SG_SCSI_RESET_NOTHING for none.
+// Prints which manufacturer's device this is. Returns the reset that a failed download needs: a
+// value of SG_SCSI_RESET (scsi/sg.h), SG_SCSI_RESET_NOTHING for none.
 int LookUpManufacturer(const uint8_t* ufsMid) {
     const std::string_view mid(reinterpret_cast<const char*>(ufsMid), sizeof(UfsFwHeader::ufsMid));
     if (mid == "0x0001ad") {
@@ -66,11 +66,12 @@ int LookUpManufacturer(const uint8_t* ufsMid) {
     return SG_SCSI_RESET_NOTHING;
 }
 
-// Reads the body, or its first TRANSFER_SIZE bytes, into buffer and says how many bytes that were.
+// Reads the body, at most TRANSFER_SIZE bytes of it, into buffer and sets length to the number of
+// bytes read. Returns 0 or -1.
 [[nodiscard]] int ReadBody(const char* fileName, uint8_t* buffer, int& length) {
     char errorText[256] = {};
     const int fd = open(fileName, O_RDONLY);
-    int error = errno; // formatting and closing may set another
+    int error = errno; // formatting and closing may change it
     if (fd < 0) {
         (void)snprintf_s(errorText, sizeof(errorText), sizeof(errorText) - 1,
                          "sg_write_buffer: could not open %s for reading", fileName);
@@ -98,8 +99,8 @@ int LookUpManufacturer(const uint8_t* ufsMid) {
     return 0;
 }
 
-// Builds, prints and executes one WRITE BUFFER command; timeout in seconds. Returns 0, the category
-// of the device's answer, or -1 for a failure without a category.
+// Builds, prints and sends one WRITE BUFFER command; timeout in seconds. Returns 0, the category of
+// the device's answer, or -1 for a failure without a category.
 [[nodiscard]] int sg_ll_write_buffer_v2(int deviceFd, int mode, int modeSpecific, int bufferId,
                                         uint32_t bufferOffset, const uint8_t* data, int length,
                                         int timeout, bool noisy, int verbosity) {
@@ -145,7 +146,7 @@ void scsi_reset(int deviceFd, int resetType) {
     }
 }
 
-// Says why a download failed, and resets the host of devices whose maker wants that.
+// Logs why a download failed, and resets the SCSI host if resetType says so.
 void ReportFailure(int deviceFd, int status, int resetType) {
     char category[80] = {};
     (void)sg_get_category_sense_str(status, sizeof(category), category, VERBOSITY);
@@ -155,7 +156,7 @@ void ReportFailure(int deviceFd, int status, int resetType) {
     }
 }
 
-// Takes the body from its file to the device that deviceFd is open on. Returns the status of
+// Sends the body in fileName to the device that deviceFd is open on. Returns the statuses of
 // ufs_ffu_write_buffer, but -1 for a failure without a category.
 [[nodiscard]] int Download(int deviceFd, const char* fileName, int resetType) {
     const HeapBuffer buffer(static_cast<uint8_t*>(memalign(TRANSFER_ALIGNMENT, TRANSFER_SIZE)));
@@ -184,7 +185,7 @@ void ReportFailure(int deviceFd, int status, int resetType) {
 } // namespace
 
 int ufs_ffu_write_buffer(int useDataDir, const uint8_t* ufsMid) {
-    // Empty even where a phone's own memset_s refuses.
+    // Zeroed here too, as a phone's own memset_s may refuse.
     char deviceName[20] = {};
     char fileName[50] = {};
     (void)memset_s(deviceName, sizeof(deviceName), 0, sizeof(deviceName));

@@ -1,4 +1,4 @@
-// Downloads a firmware body into the UFS device with one SCSI WRITE BUFFER command.
+// Downloads a firmware body to the UFS device with one SCSI WRITE BUFFER command.
 #pragma once
 
 #include <cstddef>
@@ -13,8 +13,9 @@ constexpr size_t TRANSFER_SIZE = 0x800000;
 // deferred activation. ufsMid is the manufacturer text of the device record, exactly 8 bytes; after
 // a failed download it decides whether the SCSI host is reset.
 //
-// Returns 0 when the device took the firmware; 1 without memory for the transfer; 15 when the node
-// or the body cannot be opened or read, or the node does not close after a successful download; 99
-// on a failure of the system or the transport, or on a SCSI status without a category; any other
-// positive value is the category of the device's answer, as sg3_utils numbers them (sg_lib.h).
+// Returns 0 when the device took the firmware; 1 when there is no memory for the transfer; 15
+// (SG_LIB_FILE_ERROR) when the node or the body cannot be opened or read, or when closing the node
+// fails after a successful download; 99 (SG_LIB_CAT_OTHER) on a failure of the system or the
+// transport, or on a SCSI status without a category. Any other positive value is the category of
+// the device's answer (SG_LIB_CAT_, sg_lib.h of sg3_utils).
 [[nodiscard]] int ufs_ffu_write_buffer(int useDataDir, const uint8_t* ufsMid);

@@ -1,5 +1,5 @@
 // The console logger. The eMMC and UFS updates call it; run control writes to the system log
-// instead. A message that cannot be written is lost without further effect.
+// instead. A message that cannot be written is lost; the update goes on.
 #include "run/log/ffu_print.h"
 
 #include "platform/bounded.h"

@@ -2,9 +2,10 @@
 #pragma once
 
 // Writes a local-time stamp with milliseconds, one blank and the formatted message to the standard
-// output. Adds no line end. Returns the number of characters of the message, or 0 when the local
-// time cannot be had (a line that says so then stands in place of the message).
+// output. Adds no line end. Returns the number of characters of the message, or a negative value
+// when it cannot be written. When there is no local time it prints a line that says so, without the
+// message, and returns 0.
 //
-// Every format begins with "%s,line=%d: ": the routine that logs, and a number. The number is the
-// message's fixed identity in field logs, not its place in today's file: nobody renumbers.
+// Every format begins with "%s,line=%d: ": the routine that logs, and a number. The number
+// identifies the message in field logs. It is not today's source line and is never changed.
 int ffu_print(const char* format, ...) __attribute__((format(printf, 1, 2)));
