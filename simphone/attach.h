@@ -2,8 +2,8 @@
 // is started, and the product's routines are called directly.
 //
 // A call counts as the tool's if it comes from the program itself, the test's own calls included.
-// The library must come before a sanitizer's: clang's and g++ -static-libasan link theirs into the
-// program, for g++'s shared one start the program with LD_PRELOAD=libsimphone.so.
+// The library must come before the sanitizers' runtime, which would answer reads and ioctls first:
+// link that runtime as a shared library, behind this one.
 #pragma once
 
 #pragma GCC visibility push(default)

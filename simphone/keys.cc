@@ -100,9 +100,10 @@ bool SetKey(toml::table& table, const std::string& setting, std::string& error) 
         Assign(*parent, key, bytes + (isLine && !EndsLine(bytes) ? "\n" : ""));
         return true;
     }
-    const toml::parse_result parsed = toml::parse("value = " + value);
+    const toml::parse_result parsed = toml::parse(DeepLine(value) > 0 ? "" : "value = " + value);
     if (!parsed || parsed.table().size() != 1) {
-        return Failed(error, Escaped(setting) + ": the value is not TOML");
+        const char* hint = old == nullptr ? " (for a new key a text has quotation marks)" : "";
+        return Failed(error, Escaped(setting) + ": the value is not TOML" + hint);
     }
     parent->insert_or_assign(key, *parsed.table().get("value"));
     return true;
