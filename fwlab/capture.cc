@@ -62,7 +62,8 @@ std::string Content(const std::string& place) {
     const bool hasCarriageReturn =
         content.size() > 1 && content.compare(content.size() - 2, 2, "\r\n") == 0;
     if (hasCarriageReturn) {
-        throw Stop{1, place + ": ends with a carriage return, which no node has" + exact};
+        throw Stop{1,
+                   place + ": ends with a carriage return and a line feed; nodes never do" + exact};
     }
     return content;
 }
@@ -108,8 +109,8 @@ bool IsUfs(const Nodes& nodes, const std::string& technology) {
     if (!isEmmc && !(nodes.Has(MANFID) && nodes.Has(REV))) {
         throw Stop{1,
                    nodes.folder +
-                       ": has neither ext_csd nor cid (eMMC), nor both manfid and rev (UFS): give "
-                       "--technology to have the missing ones named"};
+                       ": has neither ext_csd nor cid (eMMC), nor both manfid and rev (UFS): use "
+                       "--technology to see which node is missing"};
     }
     return !isEmmc;
 }

@@ -19,14 +19,15 @@
 
 namespace {
 
-constexpr char EMPTY_BODY[] = "its body is empty: the device is sent nothing";
+constexpr char EMPTY_BODY[] = "its body is empty: the device gets no firmware";
 constexpr char LARGE_EMMC_BODY[] = "the body is larger than 1 MiB: only GKI mode takes it";
 constexpr char LARGE_UFS_BODY[] =
-    "the body is larger than 8 MiB: the device is sent its beginning only";
+    "the body is larger than 8 MiB: the device gets only its first 8 MiB";
 constexpr char NO_BASE[] = "the running revision is not among its base revisions";
-constexpr char UNREADABLE_RECORD[] = "it cannot be read back, the run stops";
+constexpr char UNREADABLE_RECORD[] = "the phone cannot parse the record, so the run stops";
 constexpr char UNREADABLE_REVISION[] =
-    "the revision has a line feed: the phone cannot read the record of the attempt";
+    "the running or the new revision has a line feed: the phone cannot parse the record of the "
+    "attempt";
 constexpr char EXT_CSD_REV_5_1 = 8;                     // JEDEC, the last one
 constexpr size_t LINUX_UFS_TRANSFER_SIZE = 1024 * 1024; // ufshcd, since 5.19
 
@@ -114,9 +115,11 @@ Step PreCheck(const Package& package, const Identity& device, PackageRevs& revs)
     if (entry == nullptr) {
         step.reason = WhyNoName(package, device);
     } else if (step.goesOn) {
-        step.reason = "its revision differs from the running one, from which it may be applied";
+        step.reason =
+            "its revision is not the running one, and it may be applied to the running one";
     } else if (IsSameRev(info.localFwRev, revs.fwFileRev)) {
-        step.reason = "the phone takes its revision for the running one: they begin alike";
+        step.reason = "the phone finds the entry's revision equal to the running one (it compares "
+                      "only the beginning)";
     } else {
         step.reason = CheckBaseRev(info, revs.legalBaseRev) ? step.messages.back() : NO_BASE;
     }
@@ -218,17 +221,23 @@ std::string WhyNotSent(const Package& package, const Entry& entry, const Device&
                            Title(*seen));
     }
     if (!decision.steps.front().goesOn) {
-        return fmt::format("the pre-check takes {}: {}", Title(*seen), decision.why);
+        return fmt::format("the pre-check selects {}: {}", Title(*seen), decision.why);
     }
     const Entry* sent = decision.sent;
     const bool isRenamed = UpdateName(device.identity) != Get(device.identity, name);
     const bool isRight =
         sent == nullptr || sent == &entry || (isRenamed && Get(sent->identity, revision) == own);
     if (!isRight) {
-        return Get(sent->identity, name) == Get(entry.identity, name)
-                   ? fmt::format("{} comes first and is for the same devices", Title(*sent))
-                   : fmt::format("the update takes {}, as a blank in one product name matches any "
-                                 "character of the other: they cannot share a package",
+        if (Get(sent->identity, name) == Get(entry.identity, name)) {
+            return fmt::format("{} comes first and is for the same devices", Title(*sent));
+        }
+        return isRenamed
+                   ? fmt::format(
+                         "the update selects {}: it uses the product name {} for the device",
+                         Title(*sent), Quoted(Trimmed(UpdateName(device.identity))))
+                   : fmt::format("the update selects {}: a blank in one product name matches any "
+                                 "character in the other, so put the two entries into separate "
+                                 "packages",
                                  Title(*sent));
     }
     return decision.verdict == Verdict::UPDATE
@@ -256,7 +265,7 @@ void JudgeUpdate(const Package& package, const Identity& device, Decision& decis
         decision.verdict = Verdict::WRONG_IMAGE;
         decision.why = sent == seen ? fmt::format("{} lies inside the image of {}", Title(*seen),
                                                   Title(*OuterEntry(package, *sent)))
-                                    : fmt::format("the pre-check sees {}, the update takes {}",
+                                    : fmt::format("the pre-check selects {}, the update selects {}",
                                                   Title(*seen), Title(*sent));
     } else if (!decision.steps.back().goesOn) {
         decision.verdict = Verdict::USED_UP;
@@ -340,8 +349,8 @@ Texts FindingsOf(const Package& package, const Entry& entry) {
         "no eMMC has this ext_csd_rev: 7 is eMMC 5.0, 8 is eMMC 5.1");
     add(Trimmed(Get(entry.identity, layout.name)).empty(), "the product name is empty");
     const std::string revision = Get(entry.identity, layout.revision);
-    add(revision[0] == '\0', "the revision begins with a zero byte: after any attempt on record "
-                             "the phone takes it for attempted");
+    add(revision[0] == '\0', "the revision begins with a zero byte: once the record has any "
+                             "attempt, the phone counts this revision as attempted");
     const uint8_t* body = package.bytes.get() + entry.body;
     for (const Layout* inner : {&EMMC, &UFS}) {
         add(entry.bodyFits && entry.bodySize >= inner->headerSize &&
@@ -401,7 +410,7 @@ Texts NotesForAnyPhone(const Entry& entry) {
     if (entry.identity.layout == &UFS && !BaseRevisionsOf(entry.identity)) {
         notes.emplace_back(
             "it applies to any revision: a phone that runs a newer one uses up its attempt, as the "
-            "update does not go back; base_revisions can keep such phones out");
+            "update refuses an older revision; list base_revisions to exclude such phones");
     }
     return notes;
 }

@@ -7,7 +7,7 @@
 
 Device DeviceOf(const Description& phone) {
     if (phone.ufs && phone.revision.size() + 1 < UFS_REV_SIZE) {
-        throw Stop{1, "the phone's revision is too short for a run"};
+        throw Stop{1, "revision has fewer than 3 bytes: the run on the phone would stop"};
     }
     const Layout& layout = phone.ufs ? UFS : EMMC;
     const std::string mid(1, static_cast<char>(phone.cid[0]));

@@ -42,10 +42,10 @@ void AddPack(CLI::App& app, Arguments& args) {
     CLI::App* pack = AddCommand(
         app, args, "pack", "Build a package from a manifest",
         [&] { return Pack(args.manifest, args.output, args.gkiOnly, args.json); },
-        "fwlab/emmc-package.toml and fwlab/ufs-package.toml explain manifests. Exit status 1: "
-        "refused. A device that an entry describes must get exactly this entry, from each of the "
-        "entry's base revisions.");
-    pack->add_option("MANIFEST.toml", args.manifest, "what goes into it")->required();
+        "fwlab/emmc-package.toml and fwlab/ufs-package.toml explain the format of manifests. Exit "
+        "status 1: refused. A device that an entry describes must get exactly this entry, from "
+        "each of the entry's base revisions.");
+    pack->add_option("MANIFEST.toml", args.manifest, "the manifest")->required();
     pack->add_option("-o,--output", args.output, "the package")->required();
     pack->add_flag("--gki-only", args.gkiOnly, "allow eMMC images above 1 MiB");
 }
@@ -61,13 +61,13 @@ void AddList(CLI::App& app, Arguments& args) {
 
 void AddDiff(CLI::App& app, Arguments& args) {
     CLI::App* diff = AddCommand(
-        app, args, "diff", "Tell two packages apart, by entry and by device",
+        app, args, "diff", "Compare two packages, by entry and by device",
         [&] { return Diff(args.package, args.newPackage, args.json); },
         "The devices are those that an entry describes, without a record of attempts. Each runs, "
         "in turn, every revision that an entry installs or has as a base revision. Exit status 0: "
-        "the same bytes. 1: they differ. 2: trouble.");
-    diff->add_option("OLD", args.package, "a package")->required();
-    diff->add_option("NEW", args.newPackage, "the one that is to follow it")->required();
+        "the same bytes. 1: they differ. 2: they cannot be compared.");
+    diff->add_option("OLD", args.package, "the older package")->required();
+    diff->add_option("NEW", args.newPackage, "the newer package")->required();
 }
 
 void AddUnpack(CLI::App& app, Arguments& args) {
@@ -109,9 +109,9 @@ void AddMatch(CLI::App& app, Arguments& args) {
             const Description phone = ReadPhone(args.phone, args.settings);
             return Match(args.package, phone, args.record, args.json);
         },
-        "Exit status 0: the device is sent the entry that the pre-check saw. 1: no update, or the "
-        "attempt is \"used up\": on record and never made again, but the device does not get the "
-        "entry.");
+        "Exit status 0: the device gets the entry that the pre-check selected, or one for it with "
+        "the same revision. 1: no update, or the attempt is \"used up\": on record and never made "
+        "again, but the device does not get the entry.");
     match->add_option("PACKAGE", args.package, "the package")->required();
     AddPhone(*match, args.phone, args.settings);
     match->add_option("--record", args.record, "its fw_result")->check(CLI::ExistingFile);
@@ -139,10 +139,9 @@ void AddSweep(CLI::App& app, Arguments& args) {
     CLI::App* sweep = AddCommand(
         app, args, "sweep", "Rehearse every failing call and power cut",
         [&] { return Sweep(request, args.json); },
-        "Each call of the run fails, in each way, once and for good. The power fails before each "
-        "call "
-        "that changes the phone, with each loss of what was not synced. Exit status 1: a run did "
-        "what it must not.");
+        "Each call of the run fails, in each way, once and permanently. The power fails before "
+        "each call that changes the phone, with each loss of what was not synced. Exit status 1: "
+        "there are violations.");
     sweep->add_option("PACKAGE", request.package, "the package")->required();
     sweep->add_option("--phone", request.phones, "descriptions of phones")->required();
     sweep->add_option("--jobs", request.jobs, "processes; without it one for each processor")
@@ -212,9 +211,10 @@ void AddCapture(CLI::App& app, Arguments& args) {
         ->add_option("--firmware-revision", options.firmwareRevision,
                      "the revision that the phone reports after an update (bytes: \\xHH)")
         ->required();
-    capture->add_option("--technology", options.technology, "where the nodes do not tell")
+    capture->add_option("--technology", options.technology, "needed if the nodes do not show it")
         ->check(CLI::IsMember({"emmc", "ufs"}));
-    capture->add_option("--mode", options.mode, "of an eMMC phone, where ext_csd does not tell")
+    capture
+        ->add_option("--mode", options.mode, "of an eMMC phone; needed if ext_csd does not show it")
         ->check(CLI::IsMember({"gki", "normal"}));
 }
 

@@ -14,7 +14,7 @@ std::string RevisionOf(const Identity& identity) {
 void Print(const Step& step) {
     const std::string taken = step.entry == nullptr
                                   ? ""
-                                  : fmt::format("takes {}, revision {}{}", Title(*step.entry),
+                                  : fmt::format("selects {}, revision {}{}", Title(*step.entry),
                                                 Quoted(RevisionOf(step.entry->identity)),
                                                 step.reason.empty() ? "" : ": ");
     fmt::print("{}: {}: {}{}\n", step.name, step.goesOn ? "goes on" : "ends here", taken,
@@ -41,14 +41,15 @@ std::string Sentence(const Decision& decision) {
     case Verdict::REFUSED:
         return "No update.";
     case Verdict::ATTEMPTED:
-        return "No update: it was attempted already.";
+        return "No update: the phone counts this revision as attempted.";
     case Verdict::STOPS:
-        return "No update: fw_result cannot be read back, so that this and all later runs stop.";
+        return "No update: the phone cannot parse fw_result. This run stops, and so does every "
+               "later run with an update.";
     case Verdict::WRONG_IMAGE:
         return "Used up, with the WRONG IMAGE: " + decision.why + ". " + remedy;
     case Verdict::STUCK:
         return "Used up: an update to " + recorded + ", but " + decision.why +
-               ", so that all later runs stop.";
+               ". Every later run with an update stops.";
     case Verdict::USED_UP:
         break;
     }

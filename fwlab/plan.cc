@@ -121,7 +121,7 @@ void ReadRecords(const std::string& folder, std::vector<Record>& records, Texts&
     }
     if (damaged > 0) {
         findings.push_back(fmt::format("{} phones have a record that no run can read back: they "
-                                       "stop, whatever the package",
+                                       "stop at every package with an update for them",
                                        damaged));
     }
     if (others > 0) {
@@ -219,7 +219,7 @@ void Print(const std::vector<Line>& lines) {
     }
 }
 
-void Print(const Report& report) {
+void Print(const Report& report, size_t packages) {
     Print(report.lines);
     fmt::print("\nPhones:");
     for (const auto& [verdict, phones] : report.totals) {
@@ -232,9 +232,12 @@ void Print(const Report& report) {
     for (const std::string& text : report.findings) {
         fmt::print("FINDING: {}\n", text);
     }
-    fmt::print("{}\n", report.isReleasable
-                           ? "No phone of this fleet would use up its attempt or get a wrong image."
-                           : "NOT to be released to this fleet.");
+    if (report.isReleasable) {
+        fmt::print("No phone of this fleet would use up its attempt or get a wrong image.\n");
+    } else {
+        fmt::print("Do NOT release {} to this fleet.\n",
+                   packages == 1 ? "this package" : "these packages");
+    }
 }
 
 } // namespace
@@ -243,6 +246,6 @@ int Plan(const PlanOptions& options, bool asJson) {
     const std::vector<Package> packages = ReadPackages(options.packages);
     const std::vector<Model> models = ReadFleet(options.fleet);
     const Report report = MakeReport(packages, models, options.records);
-    Show(asJson, Describe(report), [&] { Print(report); });
+    Show(asJson, Describe(report), [&] { Print(report, packages.size()); });
     return report.isReleasable ? 0 : 1;
 }

@@ -82,7 +82,9 @@ bool Run(const Texts& faults, const std::string& phone, Report& report) {
                                    {"timed_out", run.timedOut}});
     TellTimeLine(run, report);
     if (!run.unmetFaults.empty()) {
-        throw Stop{2, fmt::format("no call of the run met: {}", fmt::join(run.unmetFaults, "; "))};
+        throw Stop{2, fmt::format("{} met no call of the run: {}",
+                                  run.unmetFaults.size() == 1 ? "this fault" : "these faults",
+                                  fmt::join(run.unmetFaults, "; "))};
     }
     report.Say("\nThe run ended with {} {}{}.\n", run.signal != 0 ? "signal" : "exit status",
                run.signal != 0 ? run.signal : run.exitStatus,
@@ -145,7 +147,8 @@ int Rehearse(const RehearseOptions& options, bool asJson) {
         throw Stop{1, options.package + " " + package.flaw};
     }
     const Decision decision = Decide(package, device);
-    // The phone is to get what the pre-check saw, or the entry that Decide accepts in its place.
+    // The phone is to get what the pre-check selected, or the entry that Decide accepts in its
+    // place.
     const Entry* entry = decision.verdict == Verdict::UPDATE ? decision.sent : decision.PreCheck();
 
     const WorkFolder folder;

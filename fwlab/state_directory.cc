@@ -163,8 +163,10 @@ std::string LastRun(const StateFiles& files) {
 Judgement JudgeWithoutRecord(const StateFiles& files) {
     if (!files.begin.isThere && !files.end.isThere && !files.ok.isThere && !files.fail.isThere &&
         !files.body.isThere) {
-        return {State::FOREIGN, "no trace of a run: this is no state directory, or the tool never "
-                                "ran there, or it could not create its flags"};
+        return {
+            State::FOREIGN,
+            "no file of a run is here: this is no state directory, or the tool never ran there, "
+            "or it could not create its flags"};
     }
     if (files.ok.isThere || files.fail.isThere || files.body.isThere) {
         return {State::UNKNOWN, "an attempt has left files, but no attempt is on record"};
@@ -194,7 +196,7 @@ Judgement JudgeWithoutOutcome(const StateFiles& files, const std::string& attemp
     return {State::UNKNOWN, attempt +
                                 " has no outcome: nothing was downloaded (the update found "
                                 "nothing to do, or lacked memory, space or a node), or the "
-                                "power failed and a later start has hidden that, or the "
+                                "power failed and a later run removed the traces, or the "
                                 "outcome could not be written." +
                                 unknown};
 }
@@ -240,7 +242,7 @@ std::string NextRun(const Record& record) {
         return "The next run will attempt the update that its package has for the device, if any.";
     }
     return fmt::format("The next run will not attempt {} again; it will attempt any other that its "
-                       "package has for the device, unless {} begins with it.",
+                       "package has for the device, unless that revision is a prefix of {}.",
                        Quoted(record.target), Quoted(record.target));
 }
 
@@ -270,7 +272,7 @@ std::string Irregular(const StateFiles& files) {
 Judgement Judge(const StateFiles& files, Record& record) {
     const std::string irregular = Irregular(files);
     if (files.record.isThere && !files.record.isRegular) {
-        return Damaged("it is no regular file");
+        return Damaged("it is not a regular file");
     }
     if (files.record.isThere) {
         record = ParseRecord(files.record.content);
@@ -279,7 +281,8 @@ Judgement Judge(const StateFiles& files, Record& record) {
         }
     }
     if (!irregular.empty()) {
-        return {State::UNKNOWN, irregular + " is no regular file: no run leaves that"};
+        return {State::UNKNOWN,
+                irregular + " is not a regular file; runs leave only regular files"};
     }
     return files.record.isThere ? JudgeAttempt(files, record) : JudgeWithoutRecord(files);
 }

@@ -60,7 +60,7 @@ void Print(const SweepRequest& request, const SweepResult& result) {
         fmt::print("  {} failing calls: {}\n", Sum(sum.failingCalls),
                    FateCountsText(sum.failingCalls));
         fmt::print("  {} power cuts: {}\n", Sum(sum.powerCuts), FateCountsText(sum.powerCuts));
-        fmt::print("    {} states that they can leave: {}\n", Sum(sum.states),
+        fmt::print("    {} possible states after these cuts: {}\n", Sum(sum.states),
                    FateCountsText(sum.states));
     }
     for (const SweepViolation& wrong : result.violations) {
@@ -69,10 +69,11 @@ void Print(const SweepRequest& request, const SweepResult& result) {
     }
     fmt::print("{} runs, {} violations{}\n", result.runs, result.violations.size(),
                result.violations.empty()
-                   ? ": the device was asked for each revision in one run at most, never after a "
-                     "failure that must stop the run, and never before the attempt was on record; "
-                     "the record only grew; a run was stuck only after a power cut before the "
-                     "record was synced."
+                   ? ": the device got an update request for each revision in one run at most, "
+                     "never after a failure that must stop the run, and never before the attempt "
+                     "was on record; the record only grew; a power cut in the first run left the "
+                     "phone stuck only before the record was synced. A phone that a failing call "
+                     "left stuck is counted, but is no violation."
                    : ".");
 }
 

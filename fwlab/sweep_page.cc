@@ -300,7 +300,7 @@ std::string SweepPage(const SweepRequest& request, const SweepResult& result) {
         const auto chips = ChipsOf(result, i);
         html += fmt::format(
             "<h2><code>{}</code>: {}</h2>\n<p><a href=\"#b{}\">Without a fault</a>: {}, in {} "
-            "calls.<br>Failing calls: {}.<br>Power cuts: {}; by the states that they can leave: "
+            "calls.<br>Failing calls: {}.<br>Power cuts: {}; possible states after these cuts: "
             "{}.</p>\n<h3>The course of the run</h3>\n<p>A column for each call, in order. Upper "
             "bar: what the phone is left with when the call fails. Lower bar: when the power fails "
             "before it. Each shows the worst case. D: the device is asked to change; S: a file is "

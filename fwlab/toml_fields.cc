@@ -27,7 +27,7 @@ bool ReadBytes(const toml::node& node, const Field& field, std::string& bytes) {
                                   isExact ? "" : "at most ", field.size)};
     }
     if (field.filling == Field::NODE && bytes.empty()) {
-        throw Stop{1, std::string(field.key) + " is empty: no device has an empty one"};
+        throw Stop{1, std::string(field.key) + " must not be empty"};
     }
     if (&field == &UFS.manufacturer && isText) {
         const bool isRight = bytes.size() == field.size && bytes.rfind("0x", 0) == 0 &&

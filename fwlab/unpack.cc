@@ -39,13 +39,13 @@ void RequireSame(const std::string& manifest, const Package& package) {
         return;
     }
     const std::vector<Difference> found = DifferencesOf(package, made);
-    throw Stop{
-        1,
-        found.empty()
-            ? package.path + ": pack does not make the same bytes again"
-            : fmt::format("{}: pack does not make the same bytes again: entry {}: {} is {}, not {}",
-                          package.path, found[0].entry, found[0].field, Shown(found[0].second),
-                          Shown(found[0].first))};
+    throw Stop{1,
+               found.empty()
+                   ? package.path + ": pack cannot reproduce this package"
+                   : fmt::format(
+                         "{}: pack cannot reproduce this package: entry {}: {} would be {}, not {}",
+                         package.path, found[0].entry, found[0].field, Shown(found[0].second),
+                         Shown(found[0].first))};
 }
 
 } // namespace

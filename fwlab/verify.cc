@@ -22,7 +22,7 @@ std::string TextOf(const Difference& difference, const std::vector<const Entry*>
                            difference.first.get<size_t>() - difference.second.get<size_t>());
     }
     if (difference.field == "body") {
-        return fmt::format("{}: body: differs from its byte {} on (at {:#x})", title,
+        return fmt::format("{}: body: first difference at byte {} (at {:#x})", title,
                            difference.offset - entry.body, difference.offset);
     }
     return fmt::format(
@@ -57,8 +57,8 @@ int Verify(const std::string& packageFile, const std::string& manifestFile, bool
         for (const Json& difference : report["differences"]) {
             fmt::print("{}\n", difference["text"].get<std::string>());
         }
-        fmt::print("{}: {} what {} makes\n", Escaped(packageFile), isSame ? "is" : "is NOT",
-                   Escaped(manifestFile));
+        fmt::print("{}: {} identical to the package that {} makes\n", Escaped(packageFile),
+                   isSame ? "is" : "is NOT", Escaped(manifestFile));
     });
     return isSame ? 0 : 1;
 }

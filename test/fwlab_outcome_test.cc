@@ -107,8 +107,8 @@ TEST_F(OutcomeTest, SaysNoMoreThanTheFilesTell) {
         {1, "damaged: ", END + Ok(LAST_END) + Recorded(SECOND.substr(0, SECOND.size() - 1))},
         {1, "damaged: *memcpy_s error!", END + Recorded(Attempt(LAST, "123456789"))},
         {1, "damaged: ", END + Ok(LAST_END) + Recorded(zeros)},
-        {2, "foreign: no trace", {}},
-        {2, "foreign: no trace", {{"ffu", "x"}, {"FW_RESULT", FIRST}}},
+        {2, "foreign: no file of a run", {}},
+        {2, "foreign: no file of a run", {{"ffu", "x"}, {"FW_RESULT", FIRST}}},
         {1, "*\"\\x1b[2J\"*\\x07", END + Recorded(Attempt("\a\n", "\x1b[2J"))},
     };
     for (const auto& row : rows) {
@@ -131,13 +131,13 @@ TEST_F(OutcomeTest, ReadsRegularFilesOnly) {
     const struct {
         std::string name, target, texts; // without a target: a FIFO
     } rows[] = {
-        {"fw_result", "", "damaged: *no regular file"},
-        {"fw_result", "/dev/zero", "damaged: *no regular file"},
-        {"fw_result", "../record", "damaged: *no regular file"},
-        {"fw_result", ".", "damaged: *no regular file"},
-        {"ffu.ok", "", "unknown: ffu.ok is no regular file"},
-        {"ffu.ok", "/dev/zero", "unknown: ffu.ok is no regular file"},
-        {"ffu.end", "gone", "unknown: ffu.end is no regular file"},
+        {"fw_result", "", "damaged: *not a regular file"},
+        {"fw_result", "/dev/zero", "damaged: *not a regular file"},
+        {"fw_result", "../record", "damaged: *not a regular file"},
+        {"fw_result", ".", "damaged: *not a regular file"},
+        {"ffu.ok", "", "unknown: ffu.ok is not a regular file"},
+        {"ffu.ok", "/dev/zero", "unknown: ffu.ok is not a regular file"},
+        {"ffu.end", "gone", "unknown: ffu.end is not a regular file"},
     };
     Put("/record", FIRST);
     for (const auto& row : rows) {

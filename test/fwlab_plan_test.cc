@@ -30,9 +30,9 @@ TEST_F(FwlabTest, PlanTellsWhatEachPhoneGets) {
          Model(NAMED, OLD + "{ revision = '0700', phones = 4 }, { revision = [48, 57, 48, 48], "
                             "phones = 5 }"),
          ufs},
-        {1, "\"1000\"*8  USED UP: its revision is not newer*NOT to be released",
+        {1, "\"1000\"*8  USED UP: its revision is not newer*Do NOT release this package",
          Model(NAMED, OLD + "{ revision = '1000', phones = 8 }"), ufs},
-        {1, "WRONG IMAGE: the pre-check sees entry 2 at 0x44, the update takes entry 1",
+        {1, "WRONG IMAGE: the pre-check selects entry 2 at 0x44, the update selects entry 1",
          Model(NAMED, OLD), With(UfsEntry(), UFS_PNM_FIELD, "SIMUFS128G\n") + UfsEntry()},
         {1, "USED UP: its body is larger than the 4 KiB",
          Model(NAMED + "max_hw_sectors_kb = 4\n", OLD), UfsEntry("0900", Body(5000))},
@@ -92,7 +92,7 @@ TEST_F(FwlabTest, PlanKnowsAttemptsOnRecord) {
     Expect(Fwlab("plan package --fleet fleet.toml --records pulled"), 1,
            "67  gets entry 1*1  gets entry 1*2  attempted: the last attempt was from*"
            "Phones: 68 update 2 attempted\nNote: 1 records belong to no phone of the fleet.\n"
-           "FINDING: 1 phones have a record that no run can read back*NOT to be released");
+           "FINDING: 1 phones have a record that no run can read back*Do NOT release this package");
     fs::create_directory(directory + "/empty");
     Expect(Fwlab("plan package --fleet fleet.toml --records empty"), 1, "not state directories");
 }

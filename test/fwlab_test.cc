@@ -107,8 +107,8 @@ TEST_F(FwlabTest, PackRefuses) {
          UfsManifest(), ""},
         {1, "\"0x1ce\" is no manfid", UfsManifest({"manfid = '0x1ce'"})},
         {1, "\"0x0001CE\" is no manfid", UfsManifest({"manfid = '0x0001CE'"})},
-        {1, "manfid is empty", UfsManifest({"manfid = ''"})},
-        {1, "product_name is empty", UfsManifest({"product_name = ''"})},
+        {1, "manfid must not be empty", UfsManifest({"manfid = ''"})},
+        {1, "product_name must not be empty", UfsManifest({"product_name = ''"})},
         {1, "8 is eMMC 5.1", EmmcManifest({"ext_csd_rev = 51"})},
         {1, "older than eMMC 5.0", EmmcManifest({"ext_csd_rev = 6"})},
         {1, "begins with an entry header (eMMC)", UfsManifest(), EmmcEntry()},
@@ -125,14 +125,16 @@ TEST_F(FwlabTest, PackRefuses) {
         {1, "line feed", EmmcManifest({"revision = [0x46, 0x0A]"})},
         {1, "from \"1000\": a phone would use up its attempt: its revision is not newer",
          UfsManifest({"base_revisions = ['0800', '1000']"})},
-        {1, "for the running one: they begin alike",
+        {1, "equal to the running one (it compares only the beginning)",
          EmmcManifest({"revision = [5, 1]", "base_revisions = [[4], [5]]"})},
         {1, "the update uses the product name \"KLUEG8U1EM-REWK\"", UfsManifest(original)},
         {1, "entry 2 at 0x41): entry 1 at 0x0 comes first and is for the same",
          UfsManifest() + Ufs()},
         {1, "entry 2 at 0x41): entry 1 at 0x0 comes first and has the same product name",
          UfsManifest() + Ufs({"revision = '1000'"})},
-        {1, "the update takes entry 1*cannot share a package", lenient + Ufs()},
+        {1, "the update selects entry 2 at 0x41: it uses the product name \"KLUEG8U1EM-REWK\"",
+         UfsManifest(original) + Ufs({"product_name = 'KLUEG8U1EM-REWK'", "revision = '1100'"})},
+        {1, "the update selects entry 1*a blank*into separate packages", lenient + Ufs()},
         {1, "entry 2 (in the package entry 3 at 0x83): entry 2 at 0x42 comes first", other + Ufs(),
          "xx" + UfsEntry("0850", "x")},
         {1, "1 MiB", EmmcManifest(), Body(0x100001)},
@@ -246,7 +248,7 @@ TEST_F(FwlabTest, MatchTellsBothDecisions) {
         {1, "pre-check: ends here: no usable entry*has no body inside the package*No update.",
          UfsPhone(), With(ufs, UFS_SIZE_FIELD, BigEndian32(5))},
         {1, "ends here: no usable entry*No update.", GkiPhone(), EmmcEntry(EMMC_NEW_REV, "")},
-        {1, "ends here: takes entry 1 at 0x0, revision \"0800\"*No update.", UfsPhone(),
+        {1, "ends here: selects entry 1 at 0x0, revision \"0800\"*No update.", UfsPhone(),
          UfsEntry("0800")},
         {1,
          "not among its base revisions*would log: FFU process CheckBaseRev: Revision validity*"
@@ -265,13 +267,13 @@ TEST_F(FwlabTest, MatchTellsBothDecisions) {
          With(ufs, UFS_MID_FIELD, "0x1ce\n")},
         {1, "Used up: entry 1 at 0x0 has ext_csd_rev 51, the device 8", GkiPhone(),
          With(EmmcEntry(), EMMC_REV_FIELD, "3")},
-        {1, "WRONG IMAGE: the pre-check sees entry 1 at 0x0, the update takes entry 2 at 0x34",
+        {1, "WRONG IMAGE: the pre-check selects entry 1 at 0x0, the update selects entry 2 at 0x34",
          NormalPhone(), strangeOther + EmmcEntry()},
-        {1, "WRONG IMAGE: the pre-check sees entry 2 at 0x44, the update takes entry 1 at 0x0",
+        {1, "WRONG IMAGE: the pre-check selects entry 2 at 0x44, the update selects entry 1 at 0x0",
          UfsPhone(), With(ufs, UFS_PNM_FIELD, "SIMUFS128G\n") + ufs}, // of one revision
-        {1, "WRONG IMAGE: the pre-check sees entry 2 at 0x44, the update takes entry 1 at 0x0",
+        {1, "WRONG IMAGE: the pre-check selects entry 2 at 0x44, the update selects entry 1 at 0x0",
          UfsPhone(), With(ufs, UFS_PNM_FIELD, "SIMUFS128G-B0B1") + ufs}, // but for a blank
-        {1, "WRONG IMAGE: the pre-check sees entry 1 at 0x0, the update takes entry 2 at 0x44",
+        {1, "WRONG IMAGE: the pre-check selects entry 1 at 0x0, the update selects entry 2 at 0x44",
          UfsPhone(), // which does not admit the revision that runs
          With(ufs, UFS_MID_FIELD, "0x0001ad") + With(ufs, UFS_BASE_FIELD, "0700070007000700")},
         {0, "An update to \"0900\": 4 bytes of entry 2", UfsPhone(),
@@ -281,7 +283,7 @@ TEST_F(FwlabTest, MatchTellsBothDecisions) {
         {1, "Used up: the device is older than eMMC 5.0", GkiPhone({{"ext_csd_rev", "6"}}),
          With(EmmcEntry(), EMMC_REV_FIELD, "\6")},
         {0,
-         "takes entry 1*takes entry 2*would log: UpdateProductName,line=155: *"
+         "selects entry 1*selects entry 2*would log: UpdateProductName,line=155: *"
          "An update to \"1000\": 4 bytes of entry 2",
          UfsPhone(renamed), oldName + newName},
         {1, "Used up: the body is larger than 8 MiB", UfsPhone(), UfsEntry("0900", Body(0x800001))},
@@ -290,11 +292,14 @@ TEST_F(FwlabTest, MatchTellsBothDecisions) {
         {1, "Used up: its body is larger than the 4 KiB", UfsPhone({{"max_hw_sectors_kb", "4"}}),
          UfsEntry("0900", Body(4097))},
         {0, "An update to \"FW000002\": 1048577 bytes*Note: *1 MiB", GkiPhone(), large},
-        {1, "Used up: an update to \"FW\\n\", but *later runs stop", GkiPhone(), EmmcEntry("FW\n")},
-        {1, "goes on*record: ends here*\"0800\" to \"0900\"*it was attempted already", UfsPhone(),
-         ufs, record + "0900\n"},
+        {1, "Used up: an update to \"FW\\n\", but *Every later run with an update stops.",
+         GkiPhone(), EmmcEntry("FW\n")},
+        {1, "goes on*record: ends here*\"0800\" to \"0900\"*counts this revision as attempted",
+         UfsPhone(), ufs, record + "0900\n"},
         {0, "record: goes on", UfsPhone(), ufs, record + "0850\n"},
-        {1, "cannot be read back*would log: FFU process SubParseResultFile: Parse base rev failed!",
+        {1,
+         "cannot parse the record*would log: FFU process SubParseResultFile: Parse base rev "
+         "failed!",
          UfsPhone(), ufs, record},
     };
     for (const auto& row : rows) {
@@ -307,9 +312,15 @@ TEST_F(FwlabTest, MatchTellsBothDecisions) {
     }
     Put("/package", With(EmmcEntry(), EMMC_BASE_FIELD, std::string("\5\0\0\0\0\0\0\0\6", 9)));
     Put("/phone.toml", GkiPhone());
-    const std::string emmc = "match package --phone phone.toml --set ";
-    Expect(Fwlab(emmc + "'revision=\\x05'"), 0, "runs \"\\x05\\x00");
-    Expect(Fwlab(emmc + "'revision=\\x05\\x01'"), 1, "not among its base revisions");
+    const std::string match = "match package --phone phone.toml --set ";
+    Expect(Fwlab(match + "'revision=\\x05'"), 0, "runs \"\\x05\\x00");
+    Expect(Fwlab(match + "'revision=\\x05\\x01'"), 1, "not among its base revisions");
+    // A run reads four bytes of the node, and the node has a line feed behind the revision.
+    Put("/package", UfsEntry());
+    Put("/phone.toml", UfsPhone());
+    Expect(Fwlab(match + "revision=08"), 1, "revision has fewer than 3 bytes");
+    Expect(Fwlab(match + "revision=080"), 1,
+           "Used up: an update to \"0900\", but the running or the new revision has a line feed");
 }
 
 namespace {
@@ -445,7 +456,7 @@ TEST_F(FwlabTest, RehearseEndsWithZeroOnlyForAnUpdatedPhone) {
     Expect(Fwlab(wrong + "'open sometimes'"), 2, "sometimes");
     EXPECT_FALSE(fs::exists(directory + "/kept"));
     Expect(Fwlab(wrong + "'SG_IO EIO' --fault 'fsync EIO'"), 2,
-           "no call of the run met: SG_IO EIO");
+           "this fault met no call of the run: SG_IO EIO");
 }
 
 // Whenever it comes: before the phone is made, while the tool runs, or after it all.

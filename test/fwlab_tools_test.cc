@@ -51,7 +51,7 @@ TEST_F(FwlabTest, VerifyNamesTheFieldThatDiffers) {
          With(both, UFS_BASE_FIELD, "0800080008000800")},
         {"base_revisions (at 0x30): *makes \"08000800080008*has \"0800\\x00", fromOld,
          With(both, UFS_BASE_FIELD, "0800")},
-        {"entry 2 at 0x43: body: differs from its byte 4 on (at 0x87)", ufs,
+        {"entry 2 at 0x43: body: first difference at byte 4 (at 0x87)", ufs,
          one + OtherUfs(UFS_NEW_REV, "otheR")},
         {"entry 1 at 0x0: body_size*makes 3, the package has 4; what follows is not compared", ufs,
          UfsEntry(UFS_NEW_REV, "abcd") + OtherUfs()},
@@ -70,7 +70,7 @@ TEST_F(FwlabTest, VerifyNamesTheFieldThatDiffers) {
         Put("/manifest.toml", row.manifest);
         Put("/package", row.package);
         Expect(Fwlab("verify package --manifest manifest.toml"), 1,
-               row.texts + "*package: is NOT what manifest.toml makes");
+               row.texts + "*package: is NOT identical to the package that manifest.toml makes");
     }
     // No byte of a package escapes.
     Put("/manifest.toml", emmc);
@@ -80,7 +80,8 @@ TEST_F(FwlabTest, VerifyNamesTheFieldThatDiffers) {
                "\"same\": false,*\"offset\": ");
     }
     Put("/package", emmcPackage);
-    Expect(Fwlab("verify package --manifest manifest.toml"), 0, "package: is what manifest.toml");
+    Expect(Fwlab("verify package --manifest manifest.toml"), 0,
+           "package: is identical to the package that manifest.toml makes");
     Expect(Fwlab("verify gone --manifest manifest.toml"), 2, "gone: No such file");
     Put("/image", "");
     Expect(Fwlab("verify package --manifest manifest.toml"), 1, "entry 1 at 0x0 has no body");
@@ -210,7 +211,7 @@ TEST_F(FwlabTest, UnpackRefusesWhatPackDoesNotMake) {
         {"entry 1 at 0x0: the body reaches past the end", ufs.substr(0, 67)},
         {"entry 1 at 0x0: no device can have", With(ufs, UFS_BASE_FIELD, "")},
         {"entry 2 at 0x44: entry 1 at 0x0 comes first", ufs + ufs},
-        {"pack does not make the same bytes again: entry 1: prv_and_psn is "
+        {"pack cannot reproduce this package: entry 1: prv_and_psn would be "
          "\"\\x00\\x00\\x00\\x00\\x00\", not "
          "\"\\x01\\x00\\x00\\x00\\x00\"",
          With(EmmcEntry(), EMMC_PRV_FIELD, "\1")},
@@ -379,7 +380,7 @@ TEST_F(FwlabTest, CaptureOfAPhoneThatAttempted) {
            "made.toml: UFS \"SIMUFS128G-B0B1 \\n\", runs \"0800\"\nIts record: fwlab match "
            "PACKAGE --phone made.toml --record pulled/data/vendor/fw/fw_result\n");
     Expect(Fwlab("match package --phone made.toml --record pulled/data/vendor/fw/fw_result"), 1,
-           "it was attempted already");
+           "the phone counts this revision as attempted");
     Expect(Fwlab("match package --phone made.toml"), 0, "An update to \"0900\"");
     Expect(Fwlab("rehearse package --phone made.toml"), 0, "updated");
     Expect(
@@ -410,8 +411,8 @@ TEST_F(FwlabTest, CaptureRefusesWhatIsNoPhone) {
         {0, "eMMC (GKI mode)", emmc, {{"ext_csd", ExtCsd("FW1")}}, "--mode gki"},
         {0, "UFS \"SIM\\n\"", ufs, {{"cid", cid}}, "--technology ufs"},
         {1, "give --mode", emmc, {{"ext_csd", ExtCsd("FW1")}}},
-        {1, "give --technology", {{"product_name", "SIM\n"}}, {}},
-        {1, "give --technology", ufs, {{"manfid", MISSING}}},
+        {1, "--technology to see which node is missing", {{"product_name", "SIM\n"}}, {}},
+        {1, "--technology to see which node is missing", ufs, {{"manfid", MISSING}}},
         {1, "pulled: has no manfid", ufs, {{"manfid", MISSING}}, "--technology ufs"},
         {1, "pulled: has no ext_csd", ufs, {{"cid", cid}}},
         {1, "has no product_name", emmc, {{"product_name", MISSING}}},
@@ -424,7 +425,10 @@ TEST_F(FwlabTest, CaptureRefusesWhatIsNoPhone) {
          {{"product_name", "SIM065\n"}}},
         {1, "rev has 3 bytes", ufs, {{"rev", "08\n"}}},
         {1, "rev: is empty: take it by `adb exec-out cat`", ufs, {{"rev", ""}}},
-        {1, "product_name: ends with a carriage return", ufs, {{"product_name", "SIM\r\n"}}},
+        {1,
+         "product_name: ends with a carriage return and a line feed",
+         ufs,
+         {{"product_name", "SIM\r\n"}}},
         {1, "max_hw_sectors_kb is no number of KiB: \"0\"", ufs, {{"max_hw_sectors_kb", "0\n"}}},
         {1, "no number", ufs, {{"max_hw_sectors_kb", "9999999\n"}}},
         {2,

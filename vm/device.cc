@@ -62,7 +62,7 @@ Description ReadPhone(const Device& device) {
         Stop(error);
     }
     if (!phone.ufs || !phone.faults.empty()) {
-        Stop("only a UFS phone without faults can be this machine");
+        Stop("vm/rehearse supports only UFS phones without faults");
     }
     if (phone.maxHwSectorsKb != 0 && phone.maxHwSectorsKb != 1024) {
         Stop("this machine's host takes 1024 KiB in one request: max_hw_sectors_kb");
