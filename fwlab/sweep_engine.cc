@@ -131,7 +131,8 @@ std::string KeepTimeLine(const Plan& plan, const RunResult& run) {
     if (!plan.options.keepsTimeLines) {
         return "";
     }
-    const std::string text = TimeLineText(run), key = Key(text);
+    const std::string text = TimeLineText(run);
+    std::string key = Key(text);
     const std::string file = plan.directory + "/lines/" + key;
     if (!fs::exists(file)) { // or another process writes the same at the same time
         std::ofstream(file) << text;

@@ -88,7 +88,8 @@ std::vector<SweepJob> JobsOf(const RunResult& base, size_t scenario, bool hadSta
         const CallEntry& call = base.calls[i];
         const std::string kind = call.function + " " + call.path;
         const long ofFunction = ++rank[call.function], ofKind = ++rank[kind], last = count[kind];
-        begin = std::to_string(std::hash<std::string>()(begin + " " + kind + " " + call.error));
+        begin.append(" ").append(kind).append(" ").append(call.error);
+        begin = std::to_string(std::hash<std::string>()(begin));
         const bool isOneOfThree = ofKind == 1 || ofKind == last / 2 || ofKind == last;
         const bool isRepeat = !tried.insert(begin).second || (last > 8 && !isOneOfThree);
         if (isRepeat && options.skipsRepeats) {

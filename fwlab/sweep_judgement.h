@@ -12,7 +12,7 @@ bool IsAttempt(const std::string& updates);
 std::string TakenImage(const std::string& phone);
 
 // What must hold and does not, a text each.
-Texts Violated(const SweepRun& run);
+Texts Violated(const SweepRun& made);
 
 // Whether the run ended between the record's opening and its sync.
 bool IsRecordOpen(const RunResult& run);
