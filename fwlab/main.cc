@@ -75,8 +75,7 @@ void AddUnpack(CLI::App& app, Arguments& args) {
         app, args, "unpack", "Take a package apart: a manifest and images",
         [&] { return Unpack(args.package, args.output, args.json); },
         "pack makes the same bytes again from the package.toml there. Exit status 1: refused, as "
-        "pack "
-        "would not make this package; nothing is left behind.");
+        "pack would not make this package; nothing is left behind.");
     unpack->add_option("PACKAGE", args.package, "the package")->required();
     unpack->add_option("-o,--output", args.output, "a new folder")->required();
 }

@@ -153,10 +153,8 @@ int Rehearse(const RehearseOptions& options, bool asJson) {
 
     const WorkFolder folder;
     const std::string phone = options.keep.empty() ? folder.path + "/phone" : options.keep;
-    if (!MakePhone(options.phone, options.settings, phone, error)) {
-        throw Stop{2, error};
-    }
-    if (!PutPackage(options.package, phone, error)) {
+    if (!MakePhone(options.phone, options.settings, phone, error) ||
+        !PutPackage(options.package, phone, error)) {
         throw Stop{2, error};
     }
     Report report = {asJson, options.quiet, {{"runs", Json::array()}}};

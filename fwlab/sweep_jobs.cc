@@ -58,7 +58,7 @@ Texts PowerCuts(const CallEntry& call, bool isAfterLast, bool hadState, const Sw
 bool ChangesThePhone(const CallEntry& call) {
     return IsAmong({"creat", "fsync", "ioctl", "mkdir", "remove", "unlink", "write"},
                    call.function) ||
-           (call.function == "open" && std::stoul(Argument(call, "flags"), nullptr, 0) & O_CREAT);
+           (call.function == "open" && (OpenFlags(call) & O_CREAT) != 0);
 }
 
 std::vector<size_t> ChangingCalls(const RunResult& run) {

@@ -52,6 +52,10 @@ std::string Argument(const CallEntry& call, const std::string& name) {
     return at == std::string::npos ? "" : arguments.substr(from, arguments.find(' ', from) - from);
 }
 
+unsigned long OpenFlags(const CallEntry& call) {
+    return strtoul(Argument(call, "flags").c_str(), nullptr, 0);
+}
+
 std::string CallLine(const CallEntry& call) {
     std::string line = std::to_string(call.number) + " " + call.function + " " + Word(call.path);
     line += (call.arguments.empty() ? "" : " ") + call.arguments + " = " + call.result;

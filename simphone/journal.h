@@ -41,6 +41,9 @@ struct CallEntry {
 // The value of name=value among the arguments of a call; empty without one.
 std::string Argument(const CallEntry& call, const std::string& name);
 
+// The flags of an open or creat; 0 for other calls.
+unsigned long OpenFlags(const CallEntry& call);
+
 struct Journal {
     std::vector<CallEntry> calls;
     std::vector<std::string> faults; // the texts of those that the run met, in order

@@ -33,13 +33,9 @@ struct History {
     std::map<std::string, Changes> files;
 };
 
-bool Truncates(const CallEntry& call) {
-    return (strtoul(Argument(call, "flags").c_str(), nullptr, 0) & O_TRUNC) != 0;
-}
-
 void Note(const CallEntry& call, Changes& file) {
     const bool opens = call.function == "open" || call.function == "creat";
-    if (opens && (!file.isThere || Truncates(call))) {
+    if (opens && (!file.isThere || (OpenFlags(call) & O_TRUNC) != 0)) {
         file.isRemade = file.isRemade || file.isSynced;
         file.isThere = file.isMade = true;
         file.size = 0;

@@ -40,7 +40,7 @@ void ExpectOnlyRead(const RunResult& result) {
             continue;
         }
         if (call.function == "open") {
-            EXPECT_EQ(std::stoul(Argument(call, "flags"), nullptr, 0) & O_ACCMODE, O_RDONLY);
+            EXPECT_EQ(OpenFlags(call) & O_ACCMODE, O_RDONLY);
         }
         EXPECT_TRUE(call.function != "access" || Argument(call, "mode") == "0") << call.path;
         EXPECT_TRUE(call.function != "creat" && call.function != "remove") << call.path;

@@ -27,8 +27,7 @@ Texts Course(const RunResult& run) {
     Texts course;
     std::string path;
     for (const CallEntry& call : run.calls) {
-        const bool isDirect = call.function == "open" &&
-                              (std::stoi(Argument(call, "flags"), nullptr, 0) & O_DIRECT) != 0;
+        const bool isDirect = call.function == "open" && (OpenFlags(call) & O_DIRECT) != 0;
         const std::string name = call.path.substr(call.path.rfind('/') + 1);
         const std::string step = " " + call.function + (isDirect ? "-direct" : "");
         if (call.function == "sleep" || call.function.find("memalign") != std::string::npos) {
