@@ -1,8 +1,8 @@
 // The workstation tool: builds firmware packages, looks into them, tells what a phone would do with
 // them, tries that on a simulated phone, and explains what runs have left on phones.
-#include "fwlab/commands.h"
-#include "fwlab/device.h"
-#include "fwlab/json.h"
+#include "fwlab/base/json.h"
+#include "fwlab/commands/commands.h"
+#include "fwlab/phone/device.h"
 #include "simphone/files.h"
 
 #include <algorithm>
@@ -42,7 +42,8 @@ void AddPack(CLI::App& app, Arguments& args) {
     CLI::App* pack = AddCommand(
         app, args, "pack", "Build a package from a manifest",
         [&] { return Pack(args.manifest, args.output, args.gkiOnly, args.json); },
-        "fwlab/emmc-package.toml and fwlab/ufs-package.toml explain the format of manifests. Exit "
+        "examples/emmc-package.toml and examples/ufs-package.toml explain the format of manifests. "
+        "Exit "
         "status 1: refused. A device that an entry describes must get exactly this entry, from "
         "each of the entry's base revisions.");
     pack->add_option("MANIFEST.toml", args.manifest, "the manifest")->required();
@@ -125,7 +126,8 @@ void AddRehearse(CLI::App& app, Arguments& args) {
         "restart.");
     rehearse->add_option("PACKAGE", options.package, "the package")->required();
     AddPhone(*rehearse, options.phone, options.settings);
-    rehearse->add_option("--fault", options.faults, "a call that fails (see simphone/emmc.toml)")
+    rehearse
+        ->add_option("--fault", options.faults, "a call that fails (see examples/emmc-phone.toml)")
         ->type_size(1);
     rehearse->add_option("--keep", options.keep, "make the phone in this directory and keep it");
     rehearse->add_flag("--reboot-and-run-again", options.runAgain,
@@ -186,7 +188,7 @@ void AddPlan(CLI::App& app, Arguments& args) {
         "for a phone of the fleet.");
     plan->add_option("PACKAGE", options.packages, "the packages, one of each technology")
         ->required();
-    plan->add_option("--fleet", options.fleet, "the device models (see fwlab/fleet.toml)")
+    plan->add_option("--fleet", options.fleet, "the device models (see examples/fleet.toml)")
         ->required();
     plan->add_option("--records", options.records,
                      "a folder of state directories: phones that have made an attempt")

@@ -1,6 +1,6 @@
 // What phone.toml says: the device, its answers, the clock and the calls that fail. Read by the
-// library at the start of a run and by the workstation side; emmc.toml and ufs.toml explain every
-// key.
+// library at the start of a run and by the workstation side; emmc-phone.toml and ufs-phone.toml
+// explain every key.
 #pragma once
 
 #include "simphone/fault.h"

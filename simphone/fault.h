@@ -1,5 +1,5 @@
 // A call that fails, or at which the power fails, as a text names it: "write /dev/x #2 EIO".
-// emmc.toml explains the texts.
+// examples/emmc-phone.toml explains the texts.
 #pragma once
 
 #include <map>

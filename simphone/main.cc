@@ -65,7 +65,8 @@ int main(int argc, char** argv) {
     CLI::App* run = app.add_subcommand("run", "Run an unmodified tool on a phone");
     run->add_option("DIR", directory, "the phone")->required();
     run->add_option("TOOL", tool, "the program, if not the ffu that comes with simphone");
-    run->add_option("--fault", options.faults, "a call that fails (see emmc.toml)")->type_size(1);
+    run->add_option("--fault", options.faults, "a call that fails (see examples/emmc-phone.toml)")
+        ->type_size(1);
     run->add_option("--launcher", launcher, "a program that starts the tool: \"qemu-aarch64\"");
     run->add_option("--library", options.libsimphone, "libsimphone.so, if not beside TOOL");
     run->add_option("--seconds", options.secondsLimit,

@@ -7,8 +7,8 @@
 #include <vector>
 
 // Makes a phone in `directory`, which must be missing or empty, after the description (see
-// emmc.toml and ufs.toml) with the settings (KEY=VALUE, see SetKey in keys.h). Its text becomes
-// phone.toml there, which may be edited between runs.
+// the examples emmc-phone.toml and ufs-phone.toml) with the settings (KEY=VALUE, see SetKey in
+// keys.h). Its text becomes phone.toml there, which may be edited between runs.
 [[nodiscard]] bool MakePhone(const std::string& descriptionFile,
                              const std::vector<std::string>& settings, const std::string& directory,
                              std::string& error);

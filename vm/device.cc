@@ -4,7 +4,7 @@
 // in the phone's directory, which outlives the machine.
 //   vm_device UIO MAP_SIZE PHONE [CUT]   CUT: the power ends when WRITE BUFFER has come
 //                                        ("command") or the device has carried it out ("download")
-#include "simphone/device.h"
+#include "simphone/device/device.h"
 #include "simphone/files.h"
 
 #include <algorithm>

@@ -1,8 +1,8 @@
 // The workstation tool's readers. The first byte chooses what the rest is: a package, listed or
 // matched; a state directory's record; a manifest.
 #include "fuzz_phone.h"
-#include "fwlab/commands.h"
-#include "fwlab/device.h"
+#include "fwlab/commands/commands.h"
+#include "fwlab/phone/device.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static const FuzzPhone phone(UFS_PHONE);

@@ -2,9 +2,9 @@
 // input into the phone's files.
 #pragma once
 
-#include "simphone/attach.h"
 #include "simphone/files.h"
 #include "simphone/phone.h"
+#include "simphone/preload/attach.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -20,8 +20,8 @@ inline void Require(bool condition, const char* what) {
 }
 
 // The descriptions that ship.
-constexpr char EMMC_PHONE[] = DESCRIPTIONS "/emmc.toml";
-constexpr char UFS_PHONE[] = DESCRIPTIONS "/ufs.toml";
+constexpr char EMMC_PHONE[] = DESCRIPTIONS "/emmc-phone.toml";
+constexpr char UFS_PHONE[] = DESCRIPTIONS "/ufs-phone.toml";
 
 struct FuzzPhone {
     std::string directory;

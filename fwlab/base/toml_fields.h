@@ -1,0 +1,29 @@
+// Fields of headers in the TOML files that users write: manifests and fleets. Values are brought
+// into the form that they have on a phone.
+#pragma once
+
+#include "fwlab/package/layout.h"
+#include "simphone/keys.h"
+
+#include <functional>
+
+// Calls `use` to take the keys of a file. Stop, with the file's name, if it is not TOML, if a key
+// is missing or wrong, or if `use` leaves a key.
+void ReadToml(const std::string& path, const std::function<void(Keys)>& use);
+
+// The same for each table of the list at `key`; Stop names the key and the table's number. `wanted`
+// is for the message when there is no such list.
+void TakeTables(Keys keys, const char* key, const char* wanted,
+                const std::function<void(Keys)>& use);
+
+// Stop if there was an error, or if a key is left.
+void FinishTable(Keys keys);
+
+// Takes a text that must be first or second; returns whether it is first.
+bool TakeChoice(Keys keys, const char* key, const std::string& first, const std::string& second);
+
+// Takes the field's key into identity; does nothing if the layout does not have the field.
+void TakeField(Keys keys, const Field& field, Need need, Identity& identity);
+
+// The field's value in TOML, from which TakeField reads the same bytes.
+std::string TomlValue(const Identity& identity, const Field& field);

@@ -1,0 +1,57 @@
+#include "fwlab/base/work_folder.h"
+
+#include "fwlab/base/stop.h"
+
+#include <algorithm>
+#include <ctime>
+#include <filesystem>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+sigset_t EndingSignals() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (const int number : {SIGINT, SIGTERM, SIGQUIT, SIGHUP}) {
+        sigaddset(&signals, number);
+    }
+    return signals;
+}
+
+} // namespace
+
+HeldSignals::HeldSignals() : mask() {
+    const sigset_t signals = EndingSignals();
+    sigprocmask(SIG_BLOCK, &signals, &mask);
+}
+
+HeldSignals::~HeldSignals() {
+    sigprocmask(SIG_SETMASK, &mask, nullptr);
+}
+
+WorkFolder::WorkFolder() {
+    std::error_code error;
+    path = fs::temp_directory_path(error) / "fwlab-XXXXXX";
+    if (error || mkdtemp(path.data()) == nullptr) {
+        throw Stop{2, "no folder for temporary phones can be made: does TMPDIR name one?"};
+    }
+}
+
+WorkFolder::~WorkFolder() {
+    std::error_code ignored; // what cannot be removed stays
+    fs::remove_all(path, ignored);
+}
+
+int TakeSignal(long milliseconds) {
+    const sigset_t signals = EndingSignals();
+    const timespec time = {0, milliseconds * 1000000};
+    return std::max(sigtimedwait(&signals, nullptr, &time), 0);
+}
+
+void StopIfInterrupted() {
+    const int number = TakeSignal(0);
+    if (number != 0) {
+        throw Stop{128 + number, "interrupted"};
+    }
+}

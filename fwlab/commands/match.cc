@@ -1,0 +1,83 @@
+// Says what a phone would do with a package, step by step, without running anything.
+#include "fwlab/base/json.h"
+#include "fwlab/commands/commands.h"
+#include "fwlab/phone/decision.h"
+
+#include <fmt/format.h>
+
+namespace {
+
+std::string RevisionOf(const Identity& identity) {
+    return Get(identity, identity.layout->revision);
+}
+
+void Print(const Step& step) {
+    const std::string taken = step.entry == nullptr
+                                  ? ""
+                                  : fmt::format("selects {}, revision {}{}", Title(*step.entry),
+                                                Quoted(RevisionOf(step.entry->identity)),
+                                                step.reason.empty() ? "" : ": ");
+    fmt::print("{}: {}: {}{}\n", step.name, step.goesOn ? "goes on" : "ends here", taken,
+               step.reason);
+    for (const std::string& message : step.messages) {
+        fmt::print("    would log: {}\n", message);
+    }
+}
+
+// The answer in words, and what to change.
+std::string Sentence(const Decision& decision) {
+    const std::string recorded = Quoted(decision.recorded);
+    const std::string remedy = fmt::format(
+        "The phone puts the attempt for {} on record and never makes another one for it. "
+        "Correct the package before phones get it; afterwards only another revision "
+        "reaches them.",
+        recorded);
+    switch (decision.verdict) {
+    case Verdict::UPDATE:
+        return fmt::format("An update to {}: {} bytes of {}.",
+                           Quoted(RevisionOf(decision.sent->identity)), decision.sentSize,
+                           Title(*decision.sent));
+    case Verdict::NOTHING:
+    case Verdict::REFUSED:
+        return "No update.";
+    case Verdict::ATTEMPTED:
+        return "No update: the phone counts this revision as attempted.";
+    case Verdict::STOPS:
+        return "No update: the phone cannot parse fw_result. This run stops, and so does every "
+               "later run with an update.";
+    case Verdict::WRONG_IMAGE:
+        return "Used up, with the WRONG IMAGE: " + decision.why + ". " + remedy;
+    case Verdict::STUCK:
+        return "Used up: an update to " + recorded + ", but " + decision.why +
+               ". Every later run with an update stops.";
+    case Verdict::USED_UP:
+        break;
+    }
+    return "Used up: " + decision.why + ". " + remedy;
+}
+
+void Print(const Identity& device, const Decision& decision) {
+    fmt::print("device: {}, runs {}\n", Title(device), Quoted(RevisionOf(device)));
+    for (const Step& step : decision.steps) {
+        Print(step);
+    }
+    fmt::print("{}\n", Sentence(decision));
+    for (const std::string& note : decision.sent == nullptr ? Texts() : NotesOf(*decision.sent)) {
+        fmt::print("Note: {}.\n", note);
+    }
+}
+
+} // namespace
+
+int Match(const std::string& packageFile, const Description& phone, const std::string& recordFile,
+          bool asJson) {
+    const Device device = DeviceOf(phone);
+    const Package package = OpenPackage(packageFile, device.identity.layout);
+    if (!package.flaw.empty()) {
+        throw Stop{1, packageFile + " " + package.flaw};
+    }
+    const Record record = recordFile.empty() ? Record() : ReadRecord(recordFile);
+    const Decision decision = Decide(package, device, recordFile.empty() ? nullptr : &record);
+    Show(asJson, Describe(decision), [&] { Print(device.identity, decision); });
+    return decision.verdict == Verdict::UPDATE ? 0 : 1;
+}

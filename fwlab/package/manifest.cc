@@ -1,0 +1,110 @@
+// Reads and writes manifests. Whatever is unknown, missing or of the wrong type is input that
+// cannot be read; a value that would not work on a phone is refused.
+#include "fwlab/package/manifest.h"
+
+#include "fwlab/base/stop.h"
+#include "fwlab/base/toml_fields.h"
+#include "fwlab/base/toml_text.h"
+#include "fwlab/package/spans.h"
+#include "fwlab/phone/decision.h"
+#include "simphone/files.h"
+
+#include <cerrno>
+#include <filesystem>
+#include <fmt/format.h>
+
+namespace {
+
+std::string ReadImage(const std::string& path) {
+    const std::string title = "image " + path;
+    std::string image;
+    std::error_code error;
+    if (path.find('\0') != std::string::npos) {
+        throw Stop{2, "image has a zero byte in its name"};
+    }
+    const size_t size = std::filesystem::file_size(path, error); // of a regular file only
+    if (error) {
+        throw Stop{2, title + ": " + error.message()};
+    }
+    if (size > PACKAGE_SIZE_MAX) {
+        throw Stop{1, title + ": 2 GiB or larger"};
+    }
+    if (!ReadWholeFile(path, image)) {
+        throw FailureAt(title, errno);
+    }
+    return image;
+}
+
+// Empty without the key.
+std::string TakeDigest(Keys keys) {
+    std::string digest;
+    const char wanted[] = "64 hexadecimal digits in lower case";
+    Take(keys, "image_sha256", OPTIONAL, wanted, [&](const toml::node& node) {
+        digest = node.value_exact<std::string>().value_or("");
+        return digest.size() == 64 &&
+               digest.find_first_not_of("0123456789abcdef") == std::string::npos;
+    });
+    return digest;
+}
+
+ManifestEntry ReadEntry(Keys keys, const Layout& layout, const std::filesystem::path& folder) {
+    Identity identity = NewIdentity(layout);
+    Set(identity, layout.baseRevs, std::string(BASE_REVS_SIZE, '\xFF'));
+    const auto take = [&](const Field& field, Need need) {
+        TakeField(keys, field, need, identity);
+    };
+    take(layout.manufacturer, REQUIRED);
+    take(layout.name, REQUIRED);
+    take(layout.extCsdRev, REQUIRED);
+    take(layout.revision, REQUIRED);
+    take(layout.baseRevs, OPTIONAL);
+    take(layout.marketName, OPTIONAL);
+    const std::string imageFile = folder / TakeText(keys, "image");
+    const std::string wanted = TakeDigest(keys);
+    FinishTable(keys);
+    const std::string image = ReadImage(imageFile);
+    const std::string digest = Sha256(image);
+    if (!wanted.empty() && wanted != digest) {
+        throw Stop{1, fmt::format("image {}: its sha256 is {}, not {}", imageFile, digest, wanted)};
+    }
+    return {identity, image, imageFile};
+}
+
+} // namespace
+
+std::string ManifestText(const Layout& layout, const std::vector<ManifestEntry>& entries) {
+    std::string text = fmt::format("technology = \"{}\"\n", &layout == &UFS ? "ufs" : "emmc");
+    for (const ManifestEntry& entry : entries) {
+        const auto add = [&](const char* key, const std::string& value) {
+            text += fmt::format("{} = {}\n", key, value);
+        };
+        text += "\n[[entry]]\n";
+        for (const Field* field : {&layout.manufacturer, &layout.name, &layout.extCsdRev,
+                                   &layout.revision, &layout.marketName}) {
+            const std::string bytes = Get(entry.identity, *field);
+            const bool isLeftOut =
+                field == &layout.marketName && bytes == std::string(bytes.size(), '\0');
+            if (field->size > 0 && !isLeftOut) {
+                add(field->key, TomlValue(entry.identity, *field));
+            }
+        }
+        if (BaseRevisionsOf(entry.identity)) {
+            add(layout.baseRevs.key, TomlValue(entry.identity, layout.baseRevs));
+        }
+        add("image", TomlBytes(entry.imageFile));
+        add("image_sha256", '"' + Sha256(entry.image) + '"');
+    }
+    return text;
+}
+
+std::vector<ManifestEntry> ReadManifest(const std::string& path) {
+    std::vector<ManifestEntry> entries;
+    ReadToml(path, [&](Keys keys) {
+        const Layout& layout = TakeChoice(keys, "technology", "emmc", "ufs") ? EMMC : UFS;
+        TakeTables(keys, "entry", "[[entry]] tables", [&](Keys entry) {
+            const auto folder = std::filesystem::path(path).parent_path();
+            entries.push_back(ReadEntry(entry, layout, folder));
+        });
+    });
+    return entries;
+}

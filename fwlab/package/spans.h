@@ -1,0 +1,22 @@
+// Which bytes of a package belong to which entry.
+#pragma once
+
+#include "fwlab/package/package.h"
+
+struct Span {
+    size_t offset, size;
+};
+
+// The own entries: those that were packed. An entry that begins inside another one is only a magic
+// in the image. An entry whose body does not fit counts as a header without a body.
+std::vector<const Entry*> OwnEntries(const Package& package);
+
+// The bytes that belong to no own entry, by offset; none if there is no entry.
+std::vector<Span> Uncovered(const Package& package);
+
+// The own entry inside which this entry begins; null if there is none.
+const Entry* OuterEntry(const Package& package, const Entry& entry);
+
+// In lower-case hexadecimal digits.
+std::string Sha256(const std::string& bytes);
+std::string Sha256(const Package& package, size_t offset, size_t size);

@@ -1,0 +1,406 @@
+// The C library's entry points that the tool and libsgutils2 call. Each one passes the call on to
+// the next definition, the C library's or a sanitizer's; a call of the tool goes through Counted
+// first, with phone paths led into the phone's directory and device requests led to the device.
+#include "simphone/device/device.h"
+#include "simphone/files.h"
+#include "simphone/preload/session.h"
+
+#include <algorithm>
+#include <android/log.h>
+#include <climits>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <filesystem>
+#include <malloc.h>
+#include <sys/ioctl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+#define NEXT(name)                                                                                 \
+    static const auto next = reinterpret_cast<decltype(&::name)>(dlsym(RTLD_NEXT, #name))
+#define PASS_OTHERS(name, ...)                                                                     \
+    NEXT(name);                                                                                    \
+    if (!IsOfTheTool(__builtin_return_address(0)))                                                 \
+    return next(__VA_ARGS__)
+// A second name of the same entry point: the large-file variants are the same calls on 64 bits.
+#define SAME(other, name) asm(".globl " #other "\n.set " #other ", " #name "\n")
+
+namespace {
+
+OpenFile Opened(int fd) {
+    const auto found = session->descriptors.find(fd);
+    return found == session->descriptors.end() ? OpenFile{"-", 0, Node::NONE} : found->second;
+}
+
+// Device nodes are known by what the path leads to, so that they may be symbolic links.
+Node NodeOf(const char* path) {
+    const std::pair<Node, const char*> nodes[] = {{Node::MMC, "/dev/block/mmcblk0"},
+                                                  {Node::SCSI, "/dev/block/sdc"},
+                                                  {Node::GKI, "/proc/bootdevice/ffu"}};
+    std::error_code status;
+    for (const auto& [node, place] : nodes) {
+        if (IsPhonePath(path) &&
+            std::filesystem::equivalent(HostPath(path), HostPath(place), status)) {
+            return node;
+        }
+    }
+    return Node::NONE;
+}
+
+// The host's file system may not take direct I/O; Misaligned checks what a phone's would demand.
+template <typename Perform>
+int OpenCall(const char* function, const char* path, int flags, Perform perform) {
+    return Counted({{function, path, Text("flags=0x%x", static_cast<unsigned>(flags))}}, [&] {
+        const int fd =
+            perform(HostPath(path).c_str(), IsPhonePath(path) ? flags & ~O_DIRECT : flags);
+        if (fd >= 0) {
+            session->descriptors[fd] = {path, flags, NodeOf(path)};
+        }
+        return fd;
+    });
+}
+
+bool Misaligned(int fd, const OpenFile& file, const void* data, size_t count) {
+    const auto place = reinterpret_cast<uintptr_t>(data) | count;
+    return (file.flags & O_DIRECT) != 0 &&
+           (place | static_cast<size_t>(lseek(fd, 0, SEEK_CUR))) % 512 != 0;
+}
+
+// For a lambda's last line: an error number becomes errno and -1.
+int Failing(int error) {
+    errno = error;
+    return error != 0 ? -1 : 0;
+}
+
+template <typename Perform> ssize_t ReadCall(int fd, void* data, size_t count, Perform perform) {
+    const OpenFile file = Opened(fd);
+    Call call{{"read", file.path, Text("fd=%d count=%zu", fd, count)}};
+    call.count = &count;
+    return Counted(call, [&]() -> ssize_t {
+        return Misaligned(fd, file, data, count) ? Failing(EINVAL) : perform(count);
+    });
+}
+
+// A request to the storage device, which the faults know by `name`.
+template <typename Perform>
+int DeviceCall(int fd, const OpenFile& file, const char* name, const std::string& request,
+               Perform perform) {
+    std::string answer;
+    Call call{{"ioctl", file.path, Text("fd=%d request=%s", fd, name), request}, name, &answer};
+    return Counted(call, [&] { return Failing(perform(answer)); });
+}
+
+int ScsiCall(int fd, const OpenFile& file, sg_io_hdr& request) {
+    return DeviceCall(fd, file, "SG_IO", DescribeScsi(request), [&](std::string& answer) {
+        const auto& answers = session->phone.answers;
+        const size_t turn = std::min(session->scsiRequests++, answers.size() - 1);
+        return AnswerScsi(session->directory, answers[turn], session->phone.maxHwSectorsKb,
+                          file.flags, request, answer);
+    });
+}
+
+int MmcCall(int fd, const OpenFile& file, mmc_ioc_cmd& command) {
+    const char* name = MmcRequestName(command.opcode);
+    return DeviceCall(fd, file, name, DescribeMmc(command), [&](std::string&) {
+        return AnswerMmc(session->directory, session->phone.gki, file.flags, command);
+    });
+}
+
+// A phone path resolves to the phone's own path; a link that leads out of the phone leads nowhere.
+template <typename Perform> char* RealPathCall(const char* path, char* resolved, Perform perform) {
+    return Counted({{"realpath", path, ""}}, [&]() -> char* {
+        const size_t root = IsPhonePath(path) ? session->directory.size() : 0;
+        char whole[PATH_MAX];
+        if (perform(HostPath(path).c_str(), whole) == nullptr) {
+            return nullptr;
+        }
+        if (session->directory.compare(0, root, whole, root) != 0) {
+            errno = ENOENT;
+            return nullptr;
+        }
+        const char* inside = whole + root;
+        if (resolved == nullptr) {
+            return strdup(inside);
+        }
+        return static_cast<char*>(memcpy(resolved, inside, strlen(inside) + 1));
+    });
+}
+
+} // namespace
+
+#pragma GCC visibility push(default)
+extern "C" {
+// The checked variants that _FORTIFY_SOURCE calls; no header declares them for a build without it.
+ssize_t __read_chk(int fd, void* data, size_t count, size_t size);
+char* __realpath_chk(const char* path, char* resolved, size_t size) noexcept;
+char* __fgets_chk(char* line, size_t space, int size, FILE* stream);
+
+int open(const char* path, int flags, ...) {
+    mode_t mode = 0;
+    if ((flags & (O_CREAT | O_TMPFILE)) != 0) {
+        va_list more;
+        va_start(more, flags);
+        mode = va_arg(more, mode_t);
+        va_end(more);
+    }
+    PASS_OTHERS(open, path, flags, mode);
+    return OpenCall("open", path, flags,
+                    [&](const char* host, int kept) { return next(host, kept, mode); });
+}
+SAME(open64, open);
+SAME(__open_2, open); // the checked variant, without a mode
+SAME(__open64_2, open);
+
+int creat(const char* path, mode_t mode) {
+    PASS_OTHERS(creat, path, mode);
+    return OpenCall("creat", path, O_CREAT | O_WRONLY | O_TRUNC,
+                    [&](const char* host, int) { return next(host, mode); });
+}
+SAME(creat64, creat);
+
+int access(const char* path, int mode) noexcept {
+    PASS_OTHERS(access, path, mode);
+    return Counted({{"access", path, Text("mode=%d", mode)}},
+                   [&] { return next(HostPath(path).c_str(), mode); });
+}
+
+ssize_t read(int fd, void* data, size_t count) {
+    PASS_OTHERS(read, fd, data, count);
+    return ReadCall(fd, data, count, [&](size_t kept) { return next(fd, data, kept); });
+}
+
+ssize_t __read_chk(int fd, void* data, size_t count, size_t size) {
+    PASS_OTHERS(__read_chk, fd, data, count, size);
+    return ReadCall(fd, data, count, [&](size_t kept) { return next(fd, data, kept, size); });
+}
+
+ssize_t write(int fd, const void* data, size_t count) {
+    PASS_OTHERS(write, fd, data, count);
+    const OpenFile file = Opened(fd);
+    const size_t asked = count;
+    Call call{{"write", file.path, Text("fd=%d count=%zu", fd, count)}};
+    call.count = &count;
+    call.text = file.node == Node::GKI ? Text("GKI write %zu", asked) : "";
+    return Counted(call, [&]() -> ssize_t {
+        if (file.node == Node::GKI) {
+            const int error = TakeGkiImage(session->directory, data, count, asked);
+            return error != 0 ? Failing(error) : static_cast<ssize_t>(count);
+        }
+        return Misaligned(fd, file, data, count) ? Failing(EINVAL) : next(fd, data, count);
+    });
+}
+
+off_t lseek(int fd, off_t offset, int whence) noexcept {
+    PASS_OTHERS(lseek, fd, offset, whence);
+    return Counted(
+        {{"lseek", Opened(fd).path, Text("fd=%d offset=%ld whence=%d", fd, offset, whence)}},
+        [&] { return next(fd, offset, whence); });
+}
+SAME(lseek64, lseek);
+
+int fsync(int fd) {
+    PASS_OTHERS(fsync, fd);
+    return Counted({{"fsync", Opened(fd).path, Text("fd=%d", fd)}}, [&] { return next(fd); });
+}
+
+int close(int fd) {
+    PASS_OTHERS(close, fd);
+    Call call{{"close", Opened(fd).path, Text("fd=%d", fd)}};
+    call.releases = true; // Linux gives the descriptor back even if it reports an error
+    return Counted(call, [&] {
+        session->descriptors.erase(fd);
+        return next(fd);
+    });
+}
+
+int fstat(int fd, struct stat* status) noexcept {
+    PASS_OTHERS(fstat, fd, status);
+    const OpenFile file = Opened(fd);
+    return Counted({{"fstat", file.path, Text("fd=%d", fd)}}, [&] {
+        const int result = next(fd, status);
+        if (result == 0 && (file.node == Node::MMC || file.node == Node::SCSI)) {
+            status->st_mode = (status->st_mode & 07777) | S_IFBLK;
+            status->st_rdev = file.node == Node::SCSI ? makedev(8, 32) : makedev(179, 0);
+        }
+        return result;
+    });
+}
+SAME(fstat64, fstat);
+
+void* mmap(void* place, size_t size, int protection, int flags, int fd, off_t offset) noexcept {
+    PASS_OTHERS(mmap, place, size, protection, flags, fd, offset);
+    return Counted(
+        {{"mmap", Opened(fd).path, Text("fd=%d size=%zu offset=%ld", fd, size, offset)}},
+        [&] { return next(place, size, protection, flags, fd, offset); }, MAP_FAILED);
+}
+SAME(mmap64, mmap);
+
+int munmap(void* place, size_t size) noexcept {
+    PASS_OTHERS(munmap, place, size);
+    return Counted({{"munmap", "-", Text("pointer=%p size=%zu", place, size)}},
+                   [&] { return next(place, size); });
+}
+
+int remove(const char* path) noexcept {
+    PASS_OTHERS(remove, path);
+    return Counted({{"remove", path, ""}}, [&] { return next(HostPath(path).c_str()); });
+}
+
+int unlink(const char* path) noexcept {
+    PASS_OTHERS(unlink, path);
+    return Counted({{"unlink", path, ""}}, [&] { return next(HostPath(path).c_str()); });
+}
+
+int mkdir(const char* path, mode_t mode) noexcept {
+    PASS_OTHERS(mkdir, path, mode);
+    return Counted({{"mkdir", path, Text("mode=%u", mode)}},
+                   [&] { return next(HostPath(path).c_str(), mode); });
+}
+
+char* realpath(const char* path, char* resolved) noexcept {
+    PASS_OTHERS(realpath, path, resolved);
+    return RealPathCall(path, resolved, next);
+}
+
+char* __realpath_chk(const char* path, char* resolved, size_t size) noexcept {
+    PASS_OTHERS(__realpath_chk, path, resolved, size);
+    return RealPathCall(path, resolved,
+                        [&](const char* host, char* whole) { return next(host, whole, PATH_MAX); });
+}
+
+int ioctl(int fd, unsigned long request, ...) noexcept {
+    va_list more;
+    va_start(more, request);
+    void* argument = va_arg(more, void*);
+    va_end(more);
+    PASS_OTHERS(ioctl, fd, request, argument);
+    const OpenFile file = Opened(fd);
+    if (argument != nullptr && file.node == Node::SCSI && request == SG_SCSI_RESET) {
+        const std::string reset = Text("SG_SCSI_RESET type=%d", *static_cast<int*>(argument));
+        return DeviceCall(fd, file, "SG_SCSI_RESET", reset, [](std::string&) { return 0; });
+    }
+    if (argument != nullptr && file.node == Node::SCSI && request == SG_IO) {
+        return ScsiCall(fd, file, *static_cast<sg_io_hdr*>(argument));
+    }
+    if (argument != nullptr && file.node == Node::MMC && request == MMC_IOC_CMD) {
+        return MmcCall(fd, file, *static_cast<mmc_ioc_cmd*>(argument));
+    }
+    return Counted({{"ioctl", file.path, Text("fd=%d request=0x%lx", fd, request)}},
+                   [&] { return next(fd, request, argument); });
+}
+
+void* calloc(size_t count, size_t size) noexcept {
+    PASS_OTHERS(calloc, count, size);
+    return Counted({{"calloc", "-", Text("count=%zu size=%zu", count, size)}},
+                   [&] { return next(count, size); });
+}
+
+void* memalign(size_t alignment, size_t size) noexcept {
+    PASS_OTHERS(memalign, alignment, size);
+    return Counted({{"memalign", "-", Text("alignment=%zu size=%zu", alignment, size)}},
+                   [&] { return next(alignment, size); });
+}
+
+// The only call here that returns its error number; errno is left alone.
+int posix_memalign(void** place, size_t alignment, size_t size) noexcept {
+    PASS_OTHERS(posix_memalign, place, alignment, size);
+    const int errnoBefore = errno;
+    const int result =
+        Counted({{"posix_memalign", "-", Text("alignment=%zu size=%zu", alignment, size)}},
+                [&] { return Failing(next(place, alignment, size)); });
+    const int status = result == -1 ? errno : result;
+    errno = errnoBefore;
+    return status;
+}
+
+int gettimeofday(timeval* now, void* zone) noexcept {
+    PASS_OTHERS(gettimeofday, now, zone);
+    return Counted({{"gettimeofday", "-", ""}}, [&] {
+        const int result = next(now, zone);
+        *now = session->phone.clock.value_or(*now);
+        return result;
+    });
+}
+
+time_t time(time_t* now) noexcept {
+    PASS_OTHERS(time, now);
+    return Counted({{"time", "-", ""}}, [&] {
+        const auto& clock = session->phone.clock;
+        const time_t seconds = clock ? clock->tv_sec : next(nullptr);
+        if (now != nullptr) {
+            *now = seconds;
+        }
+        return seconds;
+    });
+}
+
+tm* localtime(const time_t* seconds) noexcept {
+    PASS_OTHERS(localtime, seconds);
+    return Counted({{"localtime", "-", Text("seconds=%ld", *seconds)}},
+                   [&] { return next(seconds); });
+}
+
+char* ctime(const time_t* seconds) noexcept {
+    PASS_OTHERS(ctime, seconds);
+    return Counted({{"ctime", "-", Text("seconds=%ld", *seconds)}}, [&] { return next(seconds); });
+}
+
+unsigned sleep(unsigned seconds) {
+    PASS_OTHERS(sleep, seconds);
+    return Counted({{"sleep", "-", Text("seconds=%u", seconds)}}, [] { return 0U; });
+}
+
+FILE* fopen(const char* path, const char* mode) {
+    PASS_OTHERS(fopen, path, mode);
+    return Counted({{"fopen", path, "mode=" + Word(mode)}}, [&] {
+        FILE* stream = next(HostPath(path).c_str(), mode);
+        if (stream != nullptr) {
+            session->descriptors[fileno(stream)] = {path, 0, Node::NONE};
+        }
+        return stream;
+    });
+}
+SAME(fopen64, fopen);
+
+char* fgets(char* line, int size, FILE* stream) {
+    PASS_OTHERS(fgets, line, size, stream);
+    return Counted({{"fgets", Opened(fileno(stream)).path, ""}},
+                   [&] { return next(line, size, stream); });
+}
+
+char* __fgets_chk(char* line, size_t space, int size, FILE* stream) {
+    PASS_OTHERS(__fgets_chk, line, space, size, stream);
+    return Counted({{"fgets", Opened(fileno(stream)).path, ""}},
+                   [&] { return next(line, space, size, stream); });
+}
+
+int fclose(FILE* stream) {
+    PASS_OTHERS(fclose, stream);
+    Call call{{"fclose", Opened(fileno(stream)).path, Text("pointer=%p", stream)}};
+    call.releases = true;
+    return Counted(call, [&] {
+        session->descriptors.erase(fileno(stream));
+        return next(stream);
+    });
+}
+
+int __android_log_print(int priority, const char* tag, const char* format, ...) {
+    char text[4096];
+    va_list more;
+    va_start(more, format);
+    vsnprintf(text, sizeof(text), format, more);
+    va_end(more);
+    PASS_OTHERS(__android_log_print, priority, tag, "%s", text);
+    Call call{{LOG_FUNCTION, "-",
+               Text("priority=%d tag=", priority) + (tag != nullptr ? Word(tag) : "-")}};
+    call.text = text;
+    return Counted(call, [] { return 1; });
+}
+}
+#pragma GCC visibility pop

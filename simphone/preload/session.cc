@@ -1,0 +1,201 @@
+// Attaches a phone to the process, counts the tool's calls, picks their faults and keeps the
+// journal. Each line of it is one write: when the process is killed, it is whole up to its last
+// call.
+#include "simphone/preload/session.h"
+
+#include "simphone/files.h"
+#include "simphone/preload/attach.h"
+
+#include <algorithm>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <filesystem>
+#include <link.h>
+#include <memory>
+#include <sstream>
+#include <unistd.h>
+
+Session* session = nullptr;
+
+namespace {
+
+bool isCallUnderWay = false;
+
+// Stands high, so that the tool meets the numbers that it would meet on a phone.
+int OpenJournal(const std::string& path) {
+    const int flags = O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC;
+    const int fd = open(path.c_str(), flags, 0644);
+    const int high = fcntl(fd, F_DUPFD_CLOEXEC, 900);
+    if (high < 0) {
+        return fd;
+    }
+    close(fd);
+    return high;
+}
+
+// A run whose journal has holes would pass for a shorter one: it ends here.
+void Append(const std::string& line) {
+    const ssize_t count = write(session->journal, line.data(), line.size());
+    if (count != static_cast<ssize_t>(line.size())) {
+        fprintf(stderr, "simphone: a line of the journal could not be written\n");
+        _exit(EXIT_NO_PHONE);
+    }
+}
+
+[[noreturn]] void EndPower() {
+    kill(getpid(), SIGKILL);
+    for (;;) {
+        pause();
+    }
+}
+
+bool Matches(const Fault& fault, const Call& call) {
+    return (fault.call == "any" || fault.call == call.function || fault.call == call.alias) &&
+           (fault.path.empty() || fault.path == call.path);
+}
+
+// Counts the call for every fault; the first one that it meets has its effect, if the call can have
+// it. A fault that has its effect for the first time is noted.
+const Fault* MeetFault(const Call& call) {
+    ActiveFault* met = nullptr;
+    for (ActiveFault& active : session->faults) {
+        if (Matches(active.fault, call)) {
+            active.seen++;
+            const bool isIn = active.seen >= active.fault.first && active.seen <= active.fault.last;
+            met = met == nullptr && isIn ? &active : met;
+        }
+    }
+    if (met == nullptr || !CanHave(call.function, met->fault.effect)) {
+        return nullptr;
+    }
+    if (!met->isMet) {
+        Append(FaultLine(met->fault.text));
+        met->isMet = true;
+    }
+    return &met->fault;
+}
+
+// What has been printed so far, the C library's buffer included; it is emptied on the way. 0 when
+// the tool has closed its standard output.
+long long ConsoleBytes() {
+    fflush(stdout);
+    return std::max<long long>(lseek(STDOUT_FILENO, 0, SEEK_CUR), 0);
+}
+
+// Reads the phone's description, and the faults before its own.
+bool Prepare(const std::string& phone, const char* faults, Session& run, std::string& error) {
+    std::istringstream lines(faults != nullptr ? faults : "");
+    for (std::string line; std::getline(lines, line);) {
+        run.faults.push_back({});
+        if (!ParseFault(line, run.faults.back().fault, error)) {
+            return false;
+        }
+    }
+    std::error_code status;
+    run.directory = std::filesystem::canonical(phone, status);
+    if (status) {
+        return Failed(error, phone + ": " + status.message());
+    }
+    if (!ReadDescription(phone + "/phone.toml", {}, run.phone, error)) {
+        return false;
+    }
+    for (const Fault& fault : run.phone.faults) {
+        run.faults.push_back({fault, 0, false});
+    }
+    run.journal = OpenJournal(run.directory + JOURNAL_FILE);
+    if (run.journal < 0) {
+        return Failed(error, run.directory + JOURNAL_FILE + ": " + strerror(errno));
+    }
+    return true;
+}
+
+__attribute__((constructor)) void AttachAtStart() {
+    const char* directory = getenv("SIMPHONE");
+    if (directory != nullptr && simphone_attach(directory, getenv("SIMPHONE_FAULTS")) != 0) {
+        _exit(EXIT_NO_PHONE);
+    }
+}
+
+} // namespace
+
+bool IsOfTheTool(void* caller) {
+    dl_find_object object;
+    if (session == nullptr || isCallUnderWay || _dl_find_object(caller, &object) != 0) {
+        return false;
+    }
+    const char* name = object.dlfo_link_map->l_name; // the program has none
+    return *name == '\0' || strstr(name, "libsgutils2") != nullptr;
+}
+
+bool IsPhonePath(const std::string& path) {
+    const char* roots[] = {
+        "/dev/block/", "/proc/bootdevice/", "/sys/class/mmc_host/", "/vendor/",
+        "/data/",      "/splash2/",         "/tmp/ufs_fw_body.bin", "/proc/devices"};
+    return std::any_of(std::begin(roots), std::end(roots),
+                       [&](const char* root) { return path.rfind(root, 0) == 0; });
+}
+
+std::string HostPath(const char* path) {
+    return IsPhonePath(path) ? session->directory + path : path;
+}
+
+bool Replaces(const Fault* fault) {
+    return fault != nullptr && fault->effect <= Effect::RETURNS;
+}
+
+const Fault* BeginCall(Call& call) {
+    isCallUnderWay = true;
+    session->calls++;
+    const Fault* fault = MeetFault(call);
+    call.consoleBytes = call.text.empty() ? 0 : ConsoleBytes();
+    if (fault != nullptr && fault->effect == Effect::ENDS) {
+        EndPower();
+    }
+    const bool isPart =
+        fault != nullptr && (fault->effect == Effect::SHORT || fault->effect == Effect::TORN);
+    if (isPart && call.count != nullptr) {
+        *call.count = std::min(*call.count, static_cast<size_t>(fault->value));
+    }
+    return fault;
+}
+
+void EndCall(Call& call, const Fault* fault, const std::string& result, int error) {
+    call.number = session->calls;
+    call.result = result;
+    call.error = error != 0 ? strerrorname_np(error) : "";
+    call.replaced = Replaces(fault);
+    if (call.IsRequest()) {
+        const bool isAnswered = error == 0 && call.answer != nullptr && !call.answer->empty();
+        call.text += " -> " + (isAnswered ? *call.answer : result);
+        call.text += error != 0 ? " " + call.error : "";
+    }
+    Append(CallLine(call));
+    if (fault != nullptr && fault->effect == Effect::TORN) {
+        EndPower();
+    }
+    isCallUnderWay = false;
+}
+
+void simphone_detach() {
+    Session* ended = session;
+    session = nullptr;
+    if (ended != nullptr) {
+        close(ended->journal);
+    }
+    delete ended;
+}
+
+int simphone_attach(const char* directory, const char* faults) {
+    simphone_detach();
+    auto run = std::make_unique<Session>();
+    std::string error;
+    if (!Prepare(directory, faults, *run, error)) {
+        fprintf(stderr, "simphone: %s\n", error.c_str());
+        return -1;
+    }
+    session = run.release();
+    return 0;
+}

@@ -1,0 +1,332 @@
+// What fwlab says of a phone and a package, and what the unmodified tool then does, must agree: on
+// whether the attempt goes on record, under which revision, which bytes the device is sent, and
+// whether the attempt is used up in vain. Packages, phones and records are generated; FFU_SEED
+// chooses others, FFU_CASES how many.
+#include "fwlab/phone/decision.h"
+#include "test/phone/phone.h"
+
+#include <algorithm>
+#include <atomic>
+#include <random>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+namespace {
+
+unsigned FromEnvironment(const char* name, unsigned otherwise) {
+    const char* text = getenv(name);
+    return text == nullptr ? otherwise : static_cast<unsigned>(std::stoul(text));
+}
+
+struct Case {
+    bool isUfs;
+    Overrides phone;
+    std::string package, record; // the record may be MISSING
+};
+
+std::string InToml(const std::string& bytes) {
+    std::string list = "[";
+    for (const char byte : bytes) {
+        list += std::to_string(static_cast<uint8_t>(byte)) + ",";
+    }
+    return list + "]";
+}
+
+std::string AsText(const std::string& bytes) {
+    std::string text = "\"";
+    for (const char byte : bytes) {
+        char code[8];
+        snprintf(code, sizeof(code), "\\u%04X", static_cast<uint8_t>(byte));
+        text += code;
+    }
+    return text + "\"";
+}
+
+// Few values, so that entries, phones and records often agree, or nearly.
+class Generator {
+public:
+    explicit Generator(unsigned seed) : random(seed) {
+    }
+
+    Case Next() {
+        Case made = {Chance(2), {}, "", MISSING};
+        phoneName = Name(made.isUfs);
+        made.isUfs ? MakeUfs(made) : MakeEmmc(made);
+        for (unsigned i = Below(4) + (Chance(20) ? 0 : 1); i > 0; i--) {
+            made.package += Chance(8) ? "UFSEMM" : "";
+            made.package += Entry(made.isUfs, true);
+        }
+        if (Chance(20)) {
+            made.package.resize(made.package.size() - std::min<size_t>(made.package.size(), 7));
+        }
+        if (Chance(2)) {
+            made.record = Record(made.isUfs);
+        }
+        return made;
+    }
+
+private:
+    unsigned Below(unsigned end) {
+        return std::uniform_int_distribution<unsigned>(0, end - 1)(random);
+    }
+    bool Chance(unsigned oneIn) {
+        return Below(oneIn) == 0;
+    }
+    // The first one half of the time.
+    const std::string& Pick(const Texts& values) {
+        return values[Chance(2) ? 0 : Below(static_cast<unsigned>(values.size()))];
+    }
+    std::string Name(bool isUfs) {
+        static const Texts emmc = {"SIM064", "SIM065", std::string("SIM\0\0\0", 6)};
+        static const Texts ufs = {
+            "SIMUFS128G-B0B1 ",  "SIMUFS128G\n",    "SIMUFS128G-B0B1\n", "SIMUFS256G-B0B1 ",
+            "KLUEG8U1EM-B0B1\n", "KLUEG8U1EM-B0B1", "KLUEG8U1EM-REWK",   "\n"};
+        return Pick(isUfs ? ufs : emmc);
+    }
+    std::string Revision(bool isUfs) {
+        static const Texts emmc = {"FW000001", "FW000002", "FW000003", "FW",          "\5",
+                                   "\5\1",     "FW\n",     "A,B",      {"\5\0\2", 3}, {"\0\1", 2}};
+        static const Texts ufs = {"0800",  "0900",        "1000",         "0700",
+                                  "09\n0", {"08\0\1", 4}, {"\0\0\0\1", 4}};
+        return isUfs ? ufs[Below(Chance(3) ? 7 : 3)] : emmc[Below(Chance(3) ? 10 : 3)];
+    }
+    std::string Mid() {
+        return Pick({"0x0001ce\n", "0x0001ad\n", "0x1ce\n"});
+    }
+    std::string ExtCsdRev() {
+        return Pick({"\x08", "\x07", "\x06"});
+    }
+
+    void MakeEmmc(Case& made) {
+        made.phone = {{"mode", Chance(2) ? "'gki'" : "'normal'"},
+                      {"revision", InToml(Revision(false))},
+                      {"ext_csd_rev", std::to_string(ExtCsdRev()[0])},
+                      {"cid.manufacturer_id", Chance(8) ? "0x15" : "0x13"},
+                      {"cid.product_name", AsText(phoneName)}};
+    }
+    void MakeUfs(Case& made) {
+        made.phone = {{"manfid", AsText(Mid())},
+                      {"product_name", AsText(phoneName)},
+                      {"revision", InToml(Chance(20) ? "080" : Revision(true))}};
+        if (Chance(4)) {
+            made.phone["max_hw_sectors_kb"] = "1";
+        }
+    }
+    std::string BaseRevisions(bool isUfs) {
+        std::string slots;
+        for (const size_t size = isUfs ? 4 : 8;
+             (slots.empty() ? Chance(3) : true) && slots.size() < 16;) {
+            std::string slot = Revision(isUfs);
+            slot.resize(size);
+            slots += slot;
+        }
+        return slots.empty() ? std::string(16, '\xFF') : slots;
+    }
+    std::string Entry(bool isUfs, bool mayHoldOther) {
+        const unsigned sizes[] = {600, 1, 511, 512, 1500, 0};
+        unsigned size = sizes[Below(6)];
+        size = Chance(60) ? (isUfs ? 0x800001 : 0x100001) : size;
+        std::string body = Body(size);
+        if (size > 0) { // no two are alike
+            body[0] = static_cast<char>(128 | ++bodies);
+        }
+        if (mayHoldOther && Chance(10)) {
+            body += Entry(isUfs, false);
+        }
+        std::string entry =
+            isUfs ? UfsEntry(Revision(true), body) : EmmcEntry(Revision(false), body);
+        entry = With(entry, isUfs ? UFS_PNM_FIELD : EMMC_PNM_FIELD,
+                     Chance(3) ? Name(isUfs) : phoneName);
+        entry = With(entry, isUfs ? UFS_BASE_FIELD : EMMC_BASE_FIELD, BaseRevisions(isUfs));
+        if (Chance(20)) {
+            const std::string beyond = BigEndian32(static_cast<uint32_t>(body.size() + 1));
+            entry = With(entry, isUfs ? UFS_SIZE_FIELD : EMMC_SIZE_FIELD, beyond);
+        }
+        return isUfs ? With(entry, UFS_MID_FIELD, Mid())
+                     : With(With(entry, EMMC_REV_FIELD, ExtCsdRev()), EMMC_MID_FIELD,
+                            Chance(8) ? "\x15" : "\x13");
+    }
+    std::string Record(bool isUfs) {
+        const auto text = [&] { return std::string(Revision(isUfs).c_str()); };
+        const std::string values = "product name:P, current fw version:" + text() +
+                                   ", upgrading to version:" + text() + "\n";
+        const Texts records = {CLOCK_TEXT + values,
+                               CLOCK_TEXT + values,
+                               values,
+                               "",
+                               CLOCK_TEXT,
+                               CLOCK_TEXT + values.substr(0, values.size() - 1)};
+        return records[Below(6)];
+    }
+
+    std::mt19937 random;
+    unsigned bodies = 0;
+    std::string phoneName;
+};
+
+class AgreementTest : public PhoneTest {
+protected:
+    // What the run shows.
+    struct Shown {
+        bool isAttempted;
+        std::string recorded, sent;
+    };
+
+    Shown RunOnce(const Case& made) const {
+        const RunResult run = Run();
+        const std::string before = made.record == MISSING ? "" : made.record;
+        const std::string after = Get(STATE + "/fw_result");
+        const std::string sent = Get("/device/downloaded.bin");
+        Shown shown = {after != made.record, "", sent == MISSING ? "" : sent};
+        if (shown.isAttempted) {
+            const std::string key = "upgrading to version:", own = after.substr(before.size());
+            shown.recorded = own.substr(own.find(key) + key.size());
+            shown.recorded.pop_back(); // the line end
+        }
+        return shown;
+    }
+
+    void Compare(const Case& made) {
+        const std::string path = made.isUfs ? UFS_PACKAGE : EMMC_PACKAGE;
+        Make(made.isUfs ? UfsPhone(made.phone) : GkiPhone(made.phone), {{path, made.package}});
+        Put(STATE + "/fw_result", made.record);
+        std::string error;
+        Description description;
+        ASSERT_TRUE(ReadDescription(Path("/phone.toml"), {}, description, error)) << error;
+        const Device device = DeviceOf(description);
+        const Package package = OpenPackage(Path(path), device.identity.layout);
+        const ::Record record =
+            made.record == MISSING ? ::Record() : ReadRecord(Path(STATE + "/fw_result"));
+        const Decision decision =
+            Decide(package, device, made.record == MISSING ? nullptr : &record);
+        const Shown shown = RunOnce(made);
+
+        SCOPED_TRACE(std::string(NameOf(decision.verdict)) + ": " + decision.why);
+        const Verdict verdict = decision.verdict;
+        verdicts[static_cast<size_t>(verdict)]++;
+        const bool isUpdate = verdict == Verdict::UPDATE || verdict == Verdict::STUCK;
+        EXPECT_EQ(shown.isAttempted,
+                  isUpdate || verdict == Verdict::USED_UP || verdict == Verdict::WRONG_IMAGE);
+        EXPECT_EQ(shown.recorded, decision.recorded);
+        std::string body = decision.sent == nullptr
+                               ? ""
+                               : made.package.substr(decision.sent->body, decision.sentSize);
+        const bool isPadded = !made.isUfs && !description.gki;
+        EXPECT_EQ(shown.sent.substr(0, body.size()), body);
+        EXPECT_EQ(shown.sent.size(), isPadded ? (body.size() + 511) / 512 * 512 : body.size());
+        const Entry* preCheck = decision.PreCheck();
+        const std::string seen =
+            preCheck == nullptr ? "" : ::Get(preCheck->identity, package.layout->revision);
+        EXPECT_EQ(shown.isAttempted && IsFor(made, device, seen, isPadded, shown), isUpdate);
+        if (isUpdate) {
+            const std::string steps = Steps(Run());
+            EXPECT_EQ(Count({steps}, "CheckResultFile: ParseResultFile error"),
+                      verdict == Verdict::STUCK ? 1 : 0);
+        }
+    }
+
+    static bool IsAdmitted(const std::string& slots, const std::string& revision) {
+        bool isAdmitted = slots == std::string(16, '\xFF');
+        for (size_t slot = 0; slot < slots.size(); slot += revision.size()) {
+            isAdmitted |= slots.compare(slot, revision.size(), revision) == 0;
+        }
+        return isAdmitted;
+    }
+
+    // Whether what was sent is the whole body of an entry for this very device, with the revision
+    // that the pre-check saw. Told from the bytes alone.
+    bool IsFor(const Case& made, const Device& device, const std::string& seen, bool isPadded,
+               const Shown& shown) const {
+        if (shown.sent.empty()) {
+            return false;
+        }
+        const std::string magic = made.isUfs ? "UFSM" : "EMMC";
+        const size_t header = made.isUfs ? 64 : 48;
+        size_t end = 0; // of the entry that was looked at last: what begins inside it is its image
+        for (size_t p = made.package.find(magic); p != std::string::npos;
+             p = made.package.find(magic, p + 1)) {
+            const std::string entry = made.package.substr(p, header);
+            if (entry.size() < header || p < end) {
+                continue;
+            }
+            const auto at = [&](Place place) { return entry.substr(place.offset, place.size); };
+            const auto own = [&](Place place) {
+                return device.identity.header.substr(place.offset, place.size);
+            };
+            const std::string size = at(made.isUfs ? UFS_SIZE_FIELD : EMMC_SIZE_FIELD);
+            size_t length = 0;
+            for (const char byte : size) {
+                length = length << 8 | static_cast<uint8_t>(byte);
+            }
+            end = p + header + (p + header + length <= made.package.size() ? length : 0);
+            std::string name = own(UFS_PNM_FIELD);
+            const std::string revision = own(UFS_REV_FIELD);
+            if (name.substr(0, 15) == "KLUEG8U1EM-B0B1" &&
+                (revision[0] > '0' || revision[1] >= '9')) {
+                name = "KLUEG8U1EM-REWK";
+            }
+            const auto trimmed = [](std::string text) {
+                return text.substr(0, text.find_last_not_of(std::string(" \r\n\0", 4)) + 1);
+            };
+            const bool isRenamed = name == "KLUEG8U1EM-REWK";
+            const bool isNamed = made.isUfs ? at(UFS_MID_FIELD) == own(UFS_MID_FIELD) &&
+                                                  (isRenamed ? trimmed(at(UFS_PNM_FIELD)) == name
+                                                             : at(UFS_PNM_FIELD) == name)
+                                            : at(EMMC_MID_FIELD) == own(EMMC_MID_FIELD) &&
+                                                  at(EMMC_PNM_FIELD) == own(EMMC_PNM_FIELD) &&
+                                                  at(EMMC_REV_FIELD) == own(EMMC_REV_FIELD);
+            const std::string carried = at(made.isUfs ? UFS_REV_FIELD : EMMC_FW_REV_FIELD);
+            if (isNamed &&
+                IsAdmitted(at(made.isUfs ? UFS_BASE_FIELD : EMMC_BASE_FIELD),
+                           own(made.isUfs ? UFS_REV_FIELD : EMMC_FW_REV_FIELD)) &&
+                carried == seen && length > 0 &&
+                shown.sent.size() == (isPadded ? (length + 511) / 512 * 512 : length) &&
+                made.package.compare(p + header, length, shown.sent, 0, length) == 0) {
+                return true;
+            }
+        }
+        return false;
+    }
+
+    // How often each was given, by all processes.
+    std::atomic<size_t>* verdicts = static_cast<std::atomic<size_t>*>(
+        mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+};
+
+TEST_F(AgreementTest, MatchSaysWhatTheToolDoes) {
+    const unsigned seed = FromEnvironment("FFU_SEED", 1),
+                   cases = FromEnvironment("FFU_CASES", 2000);
+    const unsigned workers = std::max(1U, std::thread::hardware_concurrency());
+    // For speed: 8 MiB of each UFS run in fewer page faults.
+    setenv("GLIBC_TUNABLES", "glibc.malloc.hugetlb=1", 0);
+    printf("FFU_SEED=%u FFU_CASES=%u\n", seed, cases);
+    fflush(stdout);
+    unsigned worker = 0;
+    while (worker + 1 < workers && fork() != 0) {
+        worker++;
+    }
+    const bool isParent = worker + 1 == workers;
+    directory += "-" + std::to_string(worker);
+    for (unsigned i = worker; i < cases && !HasFailure(); i += workers) {
+        SCOPED_TRACE("case " + std::to_string(i));
+        Compare(Generator(seed * 1000003 + i).Next());
+    }
+    fflush(stdout);
+    if (!isParent) {
+        _exit(HasFailure() ? 1 : 0);
+    }
+    for (int status = -1; worker > 0; worker--) {
+        EXPECT_TRUE(wait(&status) > 0 && status == 0);
+    }
+    for (const Verdict verdict :
+         {Verdict::UPDATE, Verdict::NOTHING, Verdict::REFUSED, Verdict::ATTEMPTED, Verdict::STOPS,
+          Verdict::USED_UP, Verdict::WRONG_IMAGE, Verdict::STUCK}) { // each was met
+        const size_t count = verdicts[static_cast<size_t>(verdict)];
+        printf("%-14s %zu\n", NameOf(verdict), count);
+        EXPECT_GE(count, cases < 2000 ? 0 : 5U);
+    }
+}
+
+} // namespace

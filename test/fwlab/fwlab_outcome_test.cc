@@ -1,0 +1,289 @@
+// What the workstation tool tells of the files that runs left on phones: one phone, a fleet, and
+// files that no run leaves. It may never say more than they tell.
+#include "test/fwlab/fwlab.h"
+
+#include <fstream>
+#include <sys/stat.h>
+
+namespace {
+
+// An earlier attempt's time and outcome, then the last one's.
+const std::string BEFORE = "Mon Nov 16 13:00:00 2026\n", BEFORE_END = "Mon Nov 16 13:00:09 2026\n";
+const std::string LAST = "Mon Nov 16 13:36:10 2026\n", LAST_END = "Mon Nov 16 13:36:19 2026\n";
+
+std::string Attempt(const std::string& time, const std::string& target,
+                    const std::string& product = "SIM064") {
+    return time + "product name:" + product +
+           ", current fw version:A, upgrading to version:" + target + "\n";
+}
+
+const std::string FIRST = Attempt(LAST, "B");
+const std::string SECOND = Attempt(BEFORE, "A") + FIRST;
+const Files END = {{"ffu.end", ""}}, BEGIN = {{"ffu.bgn", ""}};
+const Files BOTH = {{"ffu.end", ""}, {"ffu.bgn", ""}};
+
+Files operator+(Files files, const Files& more) {
+    files.insert(more.begin(), more.end());
+    return files;
+}
+Files Ok(const std::string& time) {
+    return {{"ffu.ok", time}};
+}
+Files Fail(const std::string& time) {
+    return {{"ffu.fail", time}};
+}
+Files Recorded(const std::string& record) {
+    return {{"fw_result", record}};
+}
+
+class OutcomeTest : public FwlabTest {
+protected:
+    void PutState(const std::string& folder, const Files& files) const {
+        fs::create_directories(Path(folder));
+        for (const auto& [name, content] : files) {
+            Put(folder + "/" + name, content);
+        }
+    }
+};
+
+void ExpectPrintable(const std::string& text) {
+    for (const char c : text) {
+        EXPECT_TRUE(c == '\n' || (c >= ' ' && c <= '~')) << static_cast<int>(c);
+    }
+}
+
+} // namespace
+
+TEST_F(OutcomeTest, SaysNoMoreThanTheFilesTell) {
+    const std::string unset = "Thu Jan  1 00:00:20 1970\n", unsetEnd = "Thu Jan  1 00:00:22 1970\n";
+    const std::string zeros(25, '\0');
+    const struct {
+        int status;
+        std::string texts; // the state first
+        Files files;
+    } rows[] = {
+        {0, "nothing: no attempt*regular end*will attempt", END},
+        {0, "updated: *\"A\" to \"B\" (Mon Nov 16 13:36:10 2026), passed*13:36:19*attempt \"B\" a",
+         END + Ok(LAST_END) + Recorded(FIRST)},
+        {0, "updated: *\"A\" to \"B\"", END + Ok(LAST_END) + Recorded(SECOND)},
+        {0, "updated: ", END + Ok(LAST) + Recorded(SECOND)}, // within a second
+        {0, "updated: *13:36:19", END + Ok(BEFORE_END + LAST_END) + Recorded(SECOND)},
+        {0, "updated: *Mon Nov 16 13:36:10",
+         END + Ok(LAST_END) + Recorded(Attempt(BEFORE, "A", "S\n") + Attempt(LAST, "B", "S\nX\n"))},
+        {0, "updated: ", END + Ok(LAST) + Recorded(Attempt(unset, "B"))}, // the clock was set
+        {1, "failed: *2026\"). The next run will not", BEGIN + Fail(LAST_END) + Recorded(FIRST)},
+        {1, "failed: *regular end", END + Fail(LAST_END) + Recorded(SECOND)},
+        {1, "interrupted: *the power failed", BEGIN + Recorded(FIRST)},
+        {1, "interrupted: *ffu.ok (*13:00:09*earlier", BEGIN + Ok(BEFORE_END) + Recorded(SECOND)},
+        // The next start hides what happened.
+        {1, "unknown: *nothing was downloaded*will not attempt \"B\"", END + Recorded(FIRST)},
+        {1, "unknown: *earlier attempt", END + Ok(BEFORE_END) + Recorded(SECOND)},
+        {1, "unknown: *earlier attempt", END + Fail(BEFORE_END) + Recorded(SECOND)},
+        {1, "unknown: *both outcome flags", END + Ok(LAST_END) + Fail(LAST_END) + Recorded(FIRST)},
+        {1, "unknown: *both run flags*no attempt", BOTH},
+        {1, "unknown: *both run flags", BOTH + Ok(LAST_END) + Recorded(FIRST)},
+        {1, "unknown: *no attempt is on record", END + Ok(LAST_END)},
+        {1, "unknown: *no attempt is on record", END + Files{{"ufs_fw_body.bin", "x"}}},
+        // Clocks jump, and times are lost.
+        {1, "unknown: the times", END + Ok(BEFORE_END) + Recorded(FIRST)},
+        {1, "unknown: the times", END + Ok("Tue Nov 17 13:36:10 2026\n") + Recorded(SECOND)},
+        {1, "unknown: the times",
+         END + Ok(unsetEnd) + Recorded(Attempt(unset, "A") + Attempt(unset, "B"))},
+        {1, "unknown: the times",
+         END + Ok(LAST_END) + Recorded(Attempt(LAST_END, "A") + Attempt(LAST, "B"))},
+        {1, "unknown: the times",
+         END + Ok(LAST_END) + Recorded(Attempt(LAST, "A") + Attempt("", "B"))},
+        {1, "unknown: the times", END + Ok(LAST_END) + Recorded(Attempt("", "B"))},
+        {1, "unknown: the times", END + Ok("") + Recorded(FIRST)},
+        {1, "unknown: the times*\\x00", END + Ok(zeros) + Recorded(FIRST)},
+        {1, "unknown: the times", END + Ok("Fri Nov 16 13:36:19 2026\n") + Recorded(FIRST)},
+        {1, "unknown: the times", END + Ok("Mon Nov 16 13:36:1") + Recorded(FIRST)},
+        {1, "stopped: no attempt*no storage device", BEGIN},
+        {1, "stopped: *passed*the last run stopped", BEGIN + Ok(LAST_END) + Recorded(FIRST)},
+        {1, "stopped: *passed*could not create", Ok(LAST_END) + Recorded(FIRST)},
+        {1, "damaged: *Parse base rev failed!*Every later run*Restart the phone",
+         BEGIN + Recorded("")},
+        {1, "damaged: *Parse base rev failed!", END + Ok(LAST_END) + Recorded(SECOND + LAST)},
+        {1, "damaged: ", END + Ok(LAST_END) + Recorded(SECOND.substr(0, SECOND.size() - 1))},
+        {1, "damaged: *memcpy_s error!", END + Recorded(Attempt(LAST, "123456789"))},
+        {1, "damaged: ", END + Ok(LAST_END) + Recorded(zeros)},
+        {2, "foreign: no file of a run", {}},
+        {2, "foreign: no file of a run", {{"ffu", "x"}, {"FW_RESULT", FIRST}}},
+        {1, "*\"\\x1b[2J\"*\\x07", END + Recorded(Attempt("\a\n", "\x1b[2J"))},
+    };
+    for (const auto& row : rows) {
+        std::string shown = row.texts;
+        for (const auto& [name, content] : row.files) {
+            shown.append("\n").append(name).append(": ").append(content);
+        }
+        SCOPED_TRACE(shown);
+        fs::remove_all(Path("/state"));
+        PutState("/state", row.files);
+        const Answer answer = Fwlab("outcome state");
+        Expect({answer.status, "\n" + answer.text}, row.status, "\n" + row.texts);
+        ExpectPrintable(answer.text);
+    }
+    Expect(Fwlab("outcome gone"), 2, "unreadable: No such file");
+    Expect(Fwlab("outcome state/ffu.end"), 2, "unreadable: Not a directory");
+}
+
+TEST_F(OutcomeTest, ReadsRegularFilesOnly) {
+    const struct {
+        std::string name, target, texts; // without a target: a FIFO
+    } rows[] = {
+        {"fw_result", "", "damaged: *not a regular file"},
+        {"fw_result", "/dev/zero", "damaged: *not a regular file"},
+        {"fw_result", "../record", "damaged: *not a regular file"},
+        {"fw_result", ".", "damaged: *not a regular file"},
+        {"ffu.ok", "", "unknown: ffu.ok is not a regular file"},
+        {"ffu.ok", "/dev/zero", "unknown: ffu.ok is not a regular file"},
+        {"ffu.end", "gone", "unknown: ffu.end is not a regular file"},
+    };
+    Put("/record", FIRST);
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name + " " + row.target);
+        fs::remove_all(Path("/state"));
+        PutState("/state", END + Ok(LAST_END) + Recorded(FIRST));
+        const std::string file = Path("/state/" + row.name);
+        fs::remove(file);
+        if (row.target.empty()) {
+            ASSERT_EQ(mkfifo(file.c_str(), 0600), 0);
+        } else {
+            fs::create_symlink(row.target, file);
+        }
+        Expect(Fwlab("outcome state"), 1, row.texts);
+    }
+}
+
+TEST_F(OutcomeTest, ReadsTheEndOfLargeFiles) {
+    PutState("/state", END + Ok(LAST_END) + Recorded(""));
+    fs::resize_file(Path("/state/fw_result"), 1UL << 34);
+    const std::string few = "ulimit -v 1000000 &&";
+    Expect(Fwlab("outcome state", few), 1, "damaged: ");
+    std::ofstream(Path("/state/fw_result"), std::ios::app) << "\n" << SECOND;
+    Expect(Fwlab("outcome state", few), 0, "updated: *\"A\" to \"B\"");
+    fs::resize_file(Path("/state/ffu.ok"), 1UL << 34);
+    Expect(Fwlab("outcome state", few), 1, "unknown: the times");
+}
+
+TEST_F(OutcomeTest, CountsAFleet) {
+    const Files updated = END + Ok(LAST_END) + Recorded(FIRST);
+    PutState("/fleet/S1/data/vendor/fw", updated);
+    PutState("/fleet/S2/data/vendor/fw", updated);
+    PutState("/fleet/S3", END + Fail(LAST_END) + Recorded(Attempt(LAST, "B", "\x1b[2J")));
+    PutState("/fleet/S4/fw", END + Recorded("x"));
+    PutState("/fleet/S5", {});
+    PutState("/fleet/S6\x1b[2J\n<b>\x9b", END);
+    PutState("/elsewhere", BEGIN);
+    fs::create_directory_symlink("../elsewhere", Path("/fleet/S7"));
+    Put("/fleet/notes.txt", "x");
+    const Answer table = Fwlab("outcome fleet");
+    Expect(table, 1, "-  *damaged   *1  fleet/S4/fw\n");
+    Expect(table, 1, "-  *foreign  *1  fleet/S5\n");
+    Expect(table, 1, "-  *nothing  *1  fleet/S6\\x1b[[]2J\\n<b>\\x9b\n");
+    Expect(table, 1, "\"SIM064\" *\"A\"   *\"B\" *updated *2  fleet/S1/data/vendor/fw, fleet/S2/");
+    Expect(table, 1,
+           "\"\\x1b[[]2J\" *failed *1  fleet/S3\n*6 directories, 2 updated, 1 nothing, "
+           "1 failed, 1 damaged, 1 foreign. Not updated: 50 % of the 4");
+    ExpectPrintable(table.text);
+    const Answer json = Fwlab("outcome --json fleet/S3 fleet gone");
+    Expect(json, 1,
+           "{\"schema\":1,\"directory\":\"fleet/S3\",\"state\":\"failed\",\"product\":"
+           "\"\\\\x1b[[]2J\",\"from\":\"A\",\"to\":\"B\",\"time\":\"Mon Nov 16 13:36:10 "
+           "2026\",\"text\":\"failed: *\n*/S4/fw\",\"state\":\"damaged\",\"product\":null");
+    EXPECT_EQ(std::count(json.text.begin(), json.text.end(), '\n'), 8);
+    Expect(json, 1, "\"directory\":\"gone\",\"state\":\"unreadable\"");
+    ExpectPrintable(json.text);
+
+    Expect(Fwlab("outcome fleet --fail-above 50"), 0);
+    Expect(Fwlab("outcome fleet --fail-above 49.9"), 1);
+    Expect(Fwlab("outcome fleet --fail-above 101"), 2, "101");
+    Expect(Fwlab("outcome fleet/S1 fleet/S6*"), 0, "2 directories");
+    Expect(Fwlab("outcome elsewhere fleet/S1 --fail-above 50"), 0, "1 stopped");
+    Expect(Fwlab("outcome elsewhere fleet/S1 --fail-above 49"), 1);
+    Expect(Fwlab("outcome fleet/S5 gone"), 2, "1 foreign, 1 unreadable");
+    // A phone that was pulled whole is one phone.
+    PutState("/fleet/S1/proc/bootdevice", {{"rev", "0900\n"}});
+    Expect(Fwlab("outcome fleet/S1"), 0, "updated: ");
+}
+
+// Every call of a run fails once, and is once the first that a power cut hinders; a start without
+// faults comes behind. After each run the answer must agree with the device and the record.
+class OutcomeOfRuns : public PhoneTest {
+protected:
+    struct Left {
+        bool runsNew, isAttempted; // after a restart; anything on record
+        std::string course;
+    };
+    std::vector<Left> left; // by the number of the directory below /states, from FIRST_NUMBER on
+    static constexpr size_t FIRST_NUMBER = 10000;
+
+    // Copies the state and restarts the phone.
+    void Keep(const std::string& course) {
+        const fs::path states = fs::path(directory).parent_path() / "states";
+        const fs::path copy = states / std::to_string(FIRST_NUMBER + left.size());
+        fs::create_directories(copy);
+        for (const auto& [name, content] : State()) {
+            ASSERT_TRUE(WriteWholeFile(copy / name, content.data(), content.size()));
+        }
+        const bool isAttempted = Get(STATE + "/fw_result").find("upgrading to") != MISSING.npos;
+        Reboot();
+        const std::string rev = Get("/proc/bootdevice/rev");
+        const bool runsNew = rev == MISSING
+                                 ? Get("/device/ext_csd.bin").substr(254, 8) == EMMC_NEW_REV
+                                 : rev.substr(0, 4) == UFS_NEW_REV;
+        left.push_back({runsNew, isAttempted, course});
+    }
+
+    void RunAll(const std::string& phone, const Files& files, const std::string& course) {
+        Make(phone, files);
+        const size_t calls = RunAnyhow({}).calls.size();
+        Keep(course);
+        for (size_t n = 1; n <= calls; n++) {
+            if (n > 30 && n + 20 < calls && n % 25 != 0) { // the package and the download
+                continue;
+            }
+            for (const char* effect : {" EIO", " end"}) {
+                const std::string fault = "any #" + std::to_string(n) + effect;
+                Make(phone, files);
+                (void)RunAnyhow({fault});
+                Keep(course + ", " + fault);
+                (void)RunAnyhow({});
+                Keep(course + ", " + fault + ", and a start");
+            }
+        }
+    }
+};
+
+TEST_F(OutcomeOfRuns, AgreesWithTheDevice) {
+    const Files updated = {
+        {STATE + "/fw_result", Attempt("Fri Mar  6 09:05:02 2026\n", "A")},
+        {STATE + "/ffu.ok", "Fri Mar  6 09:05:09 2026\n"},
+        {STATE + "/ffu.end", ""},
+    };
+    RunAll(GkiPhone(), {{EMMC_PACKAGE, EmmcEntry()}}, "GKI");
+    RunAll(NormalPhone(), updated + Files{{EMMC_PACKAGE, EmmcEntry()}}, "normal, updated to A");
+    RunAll(UfsPhone(), updated + Files{{UFS_PACKAGE, UfsEntry()}}, "UFS, updated to A");
+    const Answer answer = FwlabIn(fs::path(directory).parent_path(), "outcome --json states");
+    std::istringstream lines(answer.text);
+    std::map<std::string, size_t> states;
+    for (std::string line; std::getline(lines, line);) {
+        const size_t number = line.find("states/") + 7, key = line.find("\"state\":\"") + 9;
+        const Left& phone = left.at(std::stoul(line.substr(number, 5)) - FIRST_NUMBER);
+        const std::string state = line.substr(key, line.find('"', key) - key);
+        const bool isOfA = line.find("\"to\":\"A\"") != MISSING.npos;
+        SCOPED_TRACE(phone.course + "\n" + line);
+        states[state]++;
+        EXPECT_TRUE(state != "updated" || phone.runsNew || isOfA);
+        EXPECT_TRUE(state != "nothing" || !phone.isAttempted);
+    }
+    size_t all = 0;
+    for (const auto& [state, count] : states) {
+        all += count;
+    }
+    EXPECT_EQ(all, left.size());
+    for (const char* state :
+         {"updated", "nothing", "failed", "interrupted", "unknown", "stopped", "damaged"}) {
+        EXPECT_GT(states[state], 0U) << state;
+    }
+}

@@ -1,0 +1,495 @@
+// What the workstation tool makes of manifests, packages and phones.
+#include "test/fwlab/fwlab.h"
+
+#include <regex>
+#include <sys/stat.h>
+
+namespace {
+
+// An entry table with other lines; a key alone takes its line away.
+std::string Entry(std::string entry, const Texts& lines) {
+    for (const std::string& line : lines) {
+        const std::string key = line.substr(0, line.find(' '));
+        entry = std::regex_replace(entry, std::regex(key + " = [^\n]*\n"), "");
+        entry += line == key ? "" : line + "\n";
+    }
+    return "[[entry]]\n" + entry;
+}
+
+std::string Ufs(const Texts& lines = {}) { // for the phones of the tests
+    return Entry("manfid = '0x0001ce'\nproduct_name = 'SIMUFS128G-B0B1 '\nrevision = '0900'\n"
+                 "image = 'image'\n",
+                 lines);
+}
+std::string UfsManifest(const Texts& lines = {}) {
+    return "technology = 'ufs'\n" + Ufs(lines);
+}
+std::string EmmcManifest(const Texts& lines = {}) {
+    return "technology = 'emmc'\n" +
+           Entry("manufacturer_id = 0x13\nproduct_name = 'SIM064'\next_csd_rev = 8\n"
+                 "revision = 'FW000002'\nimage = 'image'\n",
+                 lines);
+}
+
+} // namespace
+
+TEST_F(FwlabTest, FromManifestToUpdatedPhone) {
+    const std::string body = Body(1000), emmc = EmmcEntry(EMMC_NEW_REV, body);
+    const std::string fromOld = With(emmc, EMMC_BASE_FIELD, EMMC_REV + EMMC_REV);
+    const struct {
+        std::string phone, manifest, package;
+    } rows[] = {
+        {GkiPhone(), EmmcManifest({"base_revisions = ['FW000001']", "market_name = 'EU'"}),
+         With(fromOld, EMMC_MARKET_FIELD, "EU")},
+        {NormalPhone(), EmmcManifest(), emmc},
+        {UfsPhone(), UfsManifest({"base_revisions = ['0700', '0800']"}),
+         With(UfsEntry(UFS_NEW_REV, body), UFS_BASE_FIELD, "0700080008000800")},
+    };
+    Put("/image", body);
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.phone);
+        Put("/phone.toml", row.phone);
+        Expect(Pack(row.manifest), 0);
+        EXPECT_EQ(Get("/package"), row.package);
+        Expect(Fwlab("list package"), 0);
+        Expect(Fwlab("match package --phone phone.toml"), 0, "An update to ");
+        Expect(Fwlab("rehearse package --phone phone.toml --reboot-and-run-again"), 0,
+               "log     | FFU process CheckBaseRev: *console | *"
+               "device  | *log     | FFU process UpdateResultFlag: update to *exit status 0*"
+               "from 10?? bytes that were downloaded: entry 1 at 0x0.*"
+               "The second run:*is as new as fwBin*"
+               "The second run found nothing to do.*The phone is updated.");
+    }
+}
+
+TEST_F(FwlabTest, PackFillsShortTextsAsPhonesDo) {
+    Put("/image", "abc");
+    Expect(Pack(UfsManifest({"product_name = 'SIMUFS128G-B0'", "manfid = '0x00012c'"})), 0);
+    EXPECT_EQ(Get("/package"),
+              With(With(UfsEntry(UFS_NEW_REV, "abc"), UFS_PNM_FIELD, "SIMUFS128G-B0\n"),
+                   UFS_MID_FIELD, "0x00012c"));
+    Expect(Pack(EmmcManifest({"revision = [5, 1]", "base_revisions = ['4']"})), 0);
+    EXPECT_EQ(Get("/package"), With(EmmcEntry("\5\1", "abc"), EMMC_BASE_FIELD,
+                                    std::string("4\0\0\0\0\0\0\0004", 9)));
+    Expect(Fwlab("list --json package"), 0, // FIPS 180-2 gives this digest of "abc"
+           "\"base_revisions\": [*\"4\\\\x00*\"body_offset\": 48,*\"body_size\": 3,*\"sha256\": "
+           "\"ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad\"*\"findings\": []");
+}
+
+TEST_F(FwlabTest, PackRefuses) {
+    const std::string other = UfsManifest({"product_name = 'OTHER'"});
+    const std::string lenient = UfsManifest({"product_name = 'SIMUFS128G      '"});
+    const Texts original = {"product_name = 'KLUEG8U1EM-B0B1'", "revision = '1000'",
+                            "base_revisions = ['0900']"};
+    const struct {
+        int status;
+        std::string text, manifest, image = "x";
+    } rows[] = {
+        {2, "1: Error while parsing", "technology = "},
+        {2, "\"emmc\" or \"ufs\"", "technology = 'nand'\n[[entry]]\n"},
+        {2, "entry is missing", "technology = 'ufs'\n"},
+        {2, "entry is not", "technology = 'ufs'\nentry = []\n"},
+        {2, "entry 1: unknown key: ext_csd_rev", UfsManifest({"ext_csd_rev = 8"})},
+        {2, "1: more than 64 dots",
+         "a" + std::regex_replace(std::string(20000, 'x'), std::regex("x"), ".a") + " = 1"},
+        {2, "unknown key: \\x1b", UfsManifest({"\"\\u001b\" = 8"})},
+        {2, "entry 1: revision is not", UfsManifest({"revision = true"})},
+        {2, "0 to 255", EmmcManifest({"revision = [256, 1]"})},
+        {2, "0 to 255", EmmcManifest({"manufacturer_id = 'E'"})},
+        {2, "revision is missing", EmmcManifest({"revision"})},
+        {2, "base_revisions is not", EmmcManifest({"base_revisions = 'A'"})},
+        {2, "gone: No such file", UfsManifest({"image = 'gone'"})},
+        {2, "mem: Input/output error", UfsManifest({"image = '/proc/self/mem'"})},
+        {2, "\\x1bgone: No such file", UfsManifest({"image = \"\\u001Bgone\""})},
+        {1,
+         "entry 1 (in the package entry 1 at 0x0): a phone would use up its attempt: its body is "
+         "empty",
+         UfsManifest(), ""},
+        {1, "\"0x1ce\" is no manfid", UfsManifest({"manfid = '0x1ce'"})},
+        {1, "\"0x0001CE\" is no manfid", UfsManifest({"manfid = '0x0001CE'"})},
+        {1, "manfid must not be empty", UfsManifest({"manfid = ''"})},
+        {1, "product_name must not be empty", UfsManifest({"product_name = ''"})},
+        {1, "8 is eMMC 5.1", EmmcManifest({"ext_csd_rev = 51"})},
+        {1, "older than eMMC 5.0", EmmcManifest({"ext_csd_rev = 6"})},
+        {1, "begins with an entry header (eMMC)", UfsManifest(), EmmcEntry()},
+        {1, "begins with an entry header (UFS)", UfsManifest(), UfsEntry()},
+        {1, "product_name has 5 bytes, not 6", EmmcManifest({"product_name = 'SIM06'"})},
+        {1, "revision has 9 bytes, not at most 8", EmmcManifest({"revision = 'FW0000002'"})},
+        {1, "has 17 bytes", UfsManifest({"product_name = 'SIMUFS128G-B0B1  '"})},
+        {1, "has 1 bytes", UfsManifest({"product_name = [65]"})},
+        {1, "line feed", UfsManifest({"product_name = \"SIM\\n\""})},
+        {1, "3 bytes", UfsManifest({"revision = '090'"})},
+        {1, "3 revisions, not 1 to 2", EmmcManifest({"base_revisions = ['1', '2', '3']"})},
+        {1, "no device can have", UfsManifest({"base_revisions = ['0800', [255, 255, 255, 255]]"})},
+        {1, "zero byte", EmmcManifest({"revision = [0, 1]"})},
+        {1, "line feed", EmmcManifest({"revision = [0x46, 0x0A]"})},
+        {1, "from \"1000\": a phone would use up its attempt: its revision is not newer",
+         UfsManifest({"base_revisions = ['0800', '1000']"})},
+        {1, "equal to the running one (it compares only the beginning)",
+         EmmcManifest({"revision = [5, 1]", "base_revisions = [[4], [5]]"})},
+        {1, "the update uses the product name \"KLUEG8U1EM-REWK\"", UfsManifest(original)},
+        {1, "entry 2 at 0x41): entry 1 at 0x0 comes first and is for the same",
+         UfsManifest() + Ufs()},
+        {1, "entry 2 at 0x41): entry 1 at 0x0 comes first and has the same product name",
+         UfsManifest() + Ufs({"revision = '1000'"})},
+        {1, "the update selects entry 2 at 0x41: it uses the product name \"KLUEG8U1EM-REWK\"",
+         UfsManifest(original) + Ufs({"product_name = 'KLUEG8U1EM-REWK'", "revision = '1100'"})},
+        {1, "the update selects entry 1*a blank*into separate packages", lenient + Ufs()},
+        {1, "entry 2 (in the package entry 3 at 0x83): entry 2 at 0x42 comes first", other + Ufs(),
+         "xx" + UfsEntry("0850", "x")},
+        {1, "1 MiB", EmmcManifest(), Body(0x100001)},
+        {1, "8 MiB", UfsManifest(), Body(0x800001)},
+    };
+    Put("/package", "as it was");
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.manifest);
+        Put("/image", row.image);
+        Expect(Pack(row.manifest), row.status, "fwlab: *manifest.toml:*" + row.text);
+        EXPECT_EQ(Get("/package"), "as it was");
+        EXPECT_EQ(std::distance(fs::directory_iterator(directory), {}), 3); // nothing half-written
+    }
+    Put("/image", Body(0x100001));
+    Expect(Pack(EmmcManifest(), "--gki-only"), 0);
+    Expect(Pack(EmmcManifest() + EmmcManifest().substr(20), "--gki-only"), 1, "comes first");
+    Put("/image", Body(0x100000));
+    Expect(Pack(EmmcManifest()), 0);
+    // One name for two devices: the pre-check's entry is another, but of the same revision.
+    Expect(Pack(EmmcManifest() + EmmcManifest({"ext_csd_rev = 7"}).substr(20)), 0);
+    // A device that the update renames is served by both of its entries.
+    const std::string renamed = Ufs({"product_name = 'KLUEG8U1EM-REWK'", "revision = '1000'"});
+    Expect(Pack(UfsManifest(original) + renamed), 0);
+    Expect(Fwlab("pack manifest.toml -o gone/package"), 2, "gone/package: No such file");
+    fs::create_symlink("package", directory + "/link");
+    ASSERT_EQ(mkfifo(Path("/fifo").c_str(), 0600), 0);
+    for (const std::string output : {"link", "fifo", "/dev/null", ".", "manifest.toml", "image"}) {
+        Expect(Fwlab("pack manifest.toml -o " + output), 2, "fwlab: " + output + ": is ");
+    }
+    EXPECT_TRUE(fs::is_symlink(directory + "/link") && fs::is_character_file("/dev/null"));
+}
+
+TEST_F(FwlabTest, ListFindsWhatPhonesPassOver) {
+    const std::string ufs = UfsEntry(), other = With(ufs, UFS_MID_FIELD, "other");
+    const struct {
+        std::string texts, package;
+    } rows[] = {
+        {"is empty", ""},
+        {"holds no entry", ufs.substr(0, 63)},
+        {"offset           3*the body reaches past the end",
+         "pad" + With(ufs, UFS_SIZE_FIELD, BigEndian32(5))},
+        {"offset           68*body_offset      132*entry 1 at 0x0 comes first",
+         ufs + UfsEntry("1000")},
+        {"68 bytes from 0x44 belong to no entry", ufs + With(ufs, {3, 1}, "N")}, // a damaged magic
+        {"holds no entry", "pad"},
+        {"3 bytes from 0x0*3 bytes from 0x47*3 bytes from 0x8e",
+         "pad" + ufs + "pad" + With(ufs, UFS_PNM_FIELD, "B") + "pad"},
+        {"63 bytes from 0x44", ufs + ufs.substr(0, 63)}, // cut in a header
+        {"no usable entry has*: entry 1 at 0x0 has no body", EmmcEntry(EMMC_NEW_REV, "")},
+        {"its body is empty", UfsEntry(UFS_NEW_REV, "")},
+        {"8 is eMMC 5.1", With(EmmcEntry(), EMMC_REV_FIELD, "3")},
+        {"the product name is empty", With(ufs, UFS_PNM_FIELD, "\n")},
+        {"larger than 8 MiB", UfsEntry(UFS_NEW_REV, Body(0x800001))},
+        {"no device can have", With(ufs, UFS_BASE_FIELD, "")},
+        {"\\x1b[2J\\x07*0\\n\\x0d\\x9b*line feed", // control characters
+         With(With(ufs, UFS_PNM_FIELD, "\x1b[2J\a"), UFS_REV_FIELD, "0\n\r\x9b")},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.texts);
+        Put("/package", row.package);
+        const Answer answer = Fwlab("list package");
+        Expect(answer, 1, row.texts);
+        Expect(answer, 1, "FINDING: ");
+        for (const char c : answer.text) {
+            EXPECT_TRUE(c == '\n' || (c >= ' ' && c <= '~'));
+        }
+        Expect(Fwlab("list --json package"), 1, "\"findings\": [");
+    }
+    // Slots that are left free admit nobody, whatever fills them.
+    Put("/package", With(With(ufs, UFS_BASE_FIELD, "0800" + std::string(12, '\xFF')), {52, 4}, ""));
+    Expect(Fwlab("list package"), 0, "base_revisions   \"0800\"\n");
+    Put("/package", With(EmmcEntry(), EMMC_PNM_FIELD, "UFSM12"));
+    Expect(Fwlab("list package"), 0, "manufacturer_id  19");
+    // What pack admits.
+    for (const std::string& body : {"12" + other + other, "12" + EmmcEntry()}) {
+        Put("/package", UfsEntry(UFS_NEW_REV, body));
+        Expect(Fwlab("list package"), 0, body[2] == 'U' ? "note: a magic inside entry 1" : "");
+    }
+    Put("/package", EmmcEntry(EMMC_NEW_REV, Body(0x100001)));
+    Expect(Fwlab("list package"), 0, "note: the body is larger than 1 MiB");
+    Put("/package", UfsEntry(UFS_NEW_REV, Body(0x100001)));
+    Expect(Fwlab("list package"), 0, "note: the body is larger than the 1 MiB*max_hw_sectors_kb");
+    Put("/package", std::regex_replace(std::string(1200, 'x'), std::regex("x"), "UFSM"));
+    Expect(Fwlab("list package"), 2, "package: more than 1024 entries");
+}
+
+TEST_F(FwlabTest, ListMapsLargePackages) {
+    Put("/package", UfsEntry());
+    Put("/phone.toml", UfsPhone());
+    fs::resize_file(directory + "/package", 1U << 27);
+    Expect(Fwlab("list package", "ulimit -d 32768 &&"), 1,
+           "size             134217728*134217660 bytes from 0x44 belong to no entry");
+    fs::resize_file(directory + "/package", 1UL << 31);
+    Expect(Fwlab("list package", "ulimit -d 32768 &&"), 1, "2 GiB");
+    Expect(Fwlab("match package --phone phone.toml"), 1, "2 GiB");
+}
+
+TEST_F(FwlabTest, MatchTellsBothDecisions) {
+    const std::string record = "Sat Mar  7 09:05:02 2026\nproduct name:SIMUFS128G-B0B1 , "
+                               "current fw version:0800, upgrading to version:";
+    const std::string ufs = UfsEntry(), strange = With(EmmcEntry(), EMMC_MID_FIELD, "\x11");
+    const std::string strangeOther = With(strange, EMMC_FW_REV_FIELD, "A");
+    const std::string oldName = With(UfsEntry("1000"), UFS_PNM_FIELD, "KLUEG8U1EM-B0B1\n");
+    const std::string newName = With(UfsEntry("1000"), UFS_PNM_FIELD, "KLUEG8U1EM-REWK");
+    const std::string large = EmmcEntry(EMMC_NEW_REV, Body(0x100001));
+    const Overrides renamed = {{"product_name", "\"KLUEG8U1EM-B0B1\\n\""}, {"revision", "'0900'"}};
+    const struct {
+        int status;
+        std::string texts, phone, package, record = "";
+    } rows[] = {
+        {1, "pre-check: ends here: no usable entry*has no body inside the package*No update.",
+         UfsPhone(), With(ufs, UFS_SIZE_FIELD, BigEndian32(5))},
+        {1, "ends here: no usable entry*No update.", GkiPhone(), EmmcEntry(EMMC_NEW_REV, "")},
+        {1, "ends here: selects entry 1 at 0x0, revision \"0800\"*No update.", UfsPhone(),
+         UfsEntry("0800")},
+        {1,
+         "not among its base revisions*would log: FFU process CheckBaseRev: Revision validity*"
+         "would log: FFU process CheckFwBin: local fw rev is not valid*No update.",
+         UfsPhone(), With(ufs, UFS_BASE_FIELD, "0700")},
+        {1, "entry 1 at 0x0 has \"SIMUFS128G-B0B1\\x00\", which differs only in blanks", UfsPhone(),
+         With(ufs, UFS_PNM_FIELD, "SIMUFS128G-B0B1")},
+        {1, "the package holds eMMC entries", UfsPhone(), EmmcEntry()},
+        {1,
+         "pre-check: goes on*update: ends here*would log: FwVerCheck,line=248: *Used up: its "
+         "revision is not newer*attempt for \"0700\" on record",
+         UfsPhone(), UfsEntry("0700")},
+        {1, "Used up: entry 1 at 0x0 has manufacturer_id 17, the device 19", NormalPhone(),
+         strange},
+        {1, "Used up: entry 1 at 0x0 has manfid \"0x1ce", UfsPhone(),
+         With(ufs, UFS_MID_FIELD, "0x1ce\n")},
+        {1, "Used up: entry 1 at 0x0 has ext_csd_rev 51, the device 8", GkiPhone(),
+         With(EmmcEntry(), EMMC_REV_FIELD, "3")},
+        {1, "WRONG IMAGE: the pre-check selects entry 1 at 0x0, the update selects entry 2 at 0x34",
+         NormalPhone(), strangeOther + EmmcEntry()},
+        {1, "WRONG IMAGE: the pre-check selects entry 2 at 0x44, the update selects entry 1 at 0x0",
+         UfsPhone(), With(ufs, UFS_PNM_FIELD, "SIMUFS128G\n") + ufs}, // of one revision
+        {1, "WRONG IMAGE: the pre-check selects entry 2 at 0x44, the update selects entry 1 at 0x0",
+         UfsPhone(), With(ufs, UFS_PNM_FIELD, "SIMUFS128G-B0B1") + ufs}, // but for a blank
+        {1, "WRONG IMAGE: the pre-check selects entry 1 at 0x0, the update selects entry 2 at 0x44",
+         UfsPhone(), // which does not admit the revision that runs
+         With(ufs, UFS_MID_FIELD, "0x0001ad") + With(ufs, UFS_BASE_FIELD, "0700070007000700")},
+        {0, "An update to \"0900\": 4 bytes of entry 2", UfsPhone(),
+         With(ufs, UFS_MID_FIELD, "0x0001ad") + ufs},
+        {1, "WRONG IMAGE: entry 2 at 0x46 lies inside the image of entry 1", UfsPhone(),
+         With(UfsEntry("0900", "xxxxxx" + ufs), UFS_PNM_FIELD, "OTHER")},
+        {1, "Used up: the device is older than eMMC 5.0", GkiPhone({{"ext_csd_rev", "6"}}),
+         With(EmmcEntry(), EMMC_REV_FIELD, "\6")},
+        {0,
+         "selects entry 1*selects entry 2*would log: UpdateProductName,line=155: *"
+         "An update to \"1000\": 4 bytes of entry 2",
+         UfsPhone(renamed), oldName + newName},
+        {1, "Used up: the body is larger than 8 MiB", UfsPhone(), UfsEntry("0900", Body(0x800001))},
+        {1, "Used up: its body is empty", UfsPhone(), UfsEntry("0900", "")},
+        {1, "Used up: the body is larger than 1 MiB", NormalPhone(), large},
+        {1, "Used up: its body is larger than the 4 KiB", UfsPhone({{"max_hw_sectors_kb", "4"}}),
+         UfsEntry("0900", Body(4097))},
+        {0, "An update to \"FW000002\": 1048577 bytes*Note: *1 MiB", GkiPhone(), large},
+        {1, "Used up: an update to \"FW\\n\", but *Every later run with an update stops.",
+         GkiPhone(), EmmcEntry("FW\n")},
+        {1, "goes on*record: ends here*\"0800\" to \"0900\"*counts this revision as attempted",
+         UfsPhone(), ufs, record + "0900\n"},
+        {0, "record: goes on", UfsPhone(), ufs, record + "0850\n"},
+        {1,
+         "cannot parse the record*would log: FFU process SubParseResultFile: Parse base rev "
+         "failed!",
+         UfsPhone(), ufs, record},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.texts);
+        Put("/phone.toml", row.phone);
+        Put("/package", row.package);
+        Put("/record", row.record);
+        const std::string option = row.record.empty() ? "" : " --record record";
+        Expect(Fwlab("match package --phone phone.toml" + option), row.status, row.texts);
+    }
+    Put("/package", With(EmmcEntry(), EMMC_BASE_FIELD, std::string("\5\0\0\0\0\0\0\0\6", 9)));
+    Put("/phone.toml", GkiPhone());
+    const std::string match = "match package --phone phone.toml --set ";
+    Expect(Fwlab(match + "'revision=\\x05'"), 0, "runs \"\\x05\\x00");
+    Expect(Fwlab(match + "'revision=\\x05\\x01'"), 1, "not among its base revisions");
+    // A run reads four bytes of the node, and the node has a line feed behind the revision.
+    Put("/package", UfsEntry());
+    Put("/phone.toml", UfsPhone());
+    Expect(Fwlab(match + "revision=08"), 1, "revision has fewer than 3 bytes");
+    Expect(Fwlab(match + "revision=080"), 1,
+           "Used up: an update to \"0900\", but the running or the new revision has a line feed");
+}
+
+namespace {
+
+struct Setting {
+    std::string key, value; // as --set has it
+    std::string toml;       // the same value in a description
+};
+
+std::string Options(const std::vector<Setting>& settings) {
+    std::string options;
+    for (const Setting& setting : settings) {
+        options += " --set '" + setting.key + "=" + setting.value + "'";
+    }
+    return options;
+}
+
+Overrides KeysOf(const std::vector<Setting>& settings) {
+    Overrides keys;
+    for (const Setting& setting : settings) {
+        keys[setting.key] = setting.toml;
+    }
+    return keys;
+}
+
+} // namespace
+
+// Every key that decides an answer, each alone and all together.
+TEST_F(FwlabTest, SettingsMakeThePhoneThatADescriptionMakes) {
+    const std::vector<Setting> ufs = {
+        {"manfid", "0x0001ad", "\"0x0001ad\\n\""},
+        {"product_name", "SIMUFS128G", "\"SIMUFS128G\\n\""},
+        {"revision", "07\\x00\\x01", "[48, 55, 0, 1]"},
+        {"max_hw_sectors_kb", "4", "4"},
+        {"firmware.revision", "1000", "'1000'"},
+    };
+    const std::vector<Setting> emmc = {
+        {"cid.product_name", "SI\\n\\\\=4", "\"SI\\n\\\\=4\""},
+        {"cid.manufacturer_id", "0x11", "17"},
+        {"ext_csd_rev", "7", "7"},
+        {"revision", "\\x05\\xff", "[5, 255]"},
+        {"mode", "normal", "'normal'"},
+        {"firmware.revision", "FW000003", "'FW000003'"},
+    };
+    Put("/ufs", With(UfsEntry(UFS_NEW_REV, Body(5000)), UFS_BASE_FIELD, "0800080008000800"));
+    Put("/emmc",
+        With(EmmcEntry(EMMC_NEW_REV, Body(0x100001)), EMMC_BASE_FIELD, EMMC_REV + EMMC_REV));
+    for (const bool isUfs : {true, false}) {
+        const auto make = isUfs ? UfsPhone : GkiPhone;
+        const std::vector<Setting>& all = isUfs ? ufs : emmc;
+        const std::string package = isUfs ? "ufs" : "emmc";
+        const auto answers = [&](const std::string& command, const std::vector<Setting>& settings) {
+            SCOPED_TRACE(Options(settings));
+            Put("/phone.toml", make({}));
+            Put("/set.toml", make(KeysOf(settings)));
+            const std::string begin = command + " --json " + package + " --phone ";
+            const Answer set = Fwlab(begin + "phone.toml" + Options(settings));
+            const Answer file = Fwlab(begin + "set.toml");
+            EXPECT_EQ(set.status, file.status);
+            EXPECT_EQ(set.text, file.text);
+            return set.text;
+        };
+        const std::string plain = answers("match", {});
+        for (const Setting& setting : all) {
+            EXPECT_EQ(answers("match", {setting}) == plain, setting.key == "firmware.revision");
+        }
+        EXPECT_NE(answers("match", all), plain);
+        EXPECT_NE(answers("rehearse", all), answers("rehearse", {}));
+    }
+}
+
+TEST_F(FwlabTest, SettingsThatNoDescriptionCanHaveAreRefused) {
+    const struct {
+        std::string text, setting;
+    } rows[] = {
+        {"phone.toml: unknown key: colour", "colour=1"},
+        {"phone.toml: *revision is not", "revision=08000"},
+        {"revision=*backslash", "revision=\\x5"},
+        {"max_hw_sectors_kb=many", "max_hw_sectors_kb=many"},
+        {"phone.toml: max_hw_sectors_kb is not", "max_hw_sectors_kb=-1"},
+        {"phone.toml: write_buffer: ", "write_buffer=\"perhaps\""},
+        {"revision: is not KEY=VALUE", "revision"},
+        {"=1: is not KEY=VALUE", "=1"},
+        {"cid.product_name=SIM064", "cid.product_name=SIM064"}, // of an eMMC phone
+    };
+    Put("/package", UfsEntry());
+    Put("/phone.toml", UfsPhone());
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.setting);
+        for (const std::string command : {"match", "rehearse --keep kept"}) {
+            Expect(Fwlab(command + " package --phone phone.toml --set '" + row.setting + "'"), 2,
+                   "fwlab: *" + row.text);
+            EXPECT_FALSE(fs::exists(directory + "/kept"));
+        }
+    }
+    Put("/phone.toml", GkiPhone());
+    const std::string emmc = "match package --phone phone.toml --set ";
+    Expect(Fwlab(emmc + "cid.product_name=SIM06"), 2, "product_name is not 6 characters");
+    Expect(Fwlab(emmc + "cid.manufacturer_id=256"), 2, "manufacturer_id is not a number");
+}
+
+TEST_F(FwlabTest, RehearseEndsWithZeroOnlyForAnUpdatedPhone) {
+    const std::string shortRead = "--fault 'read /data/vendor/fw/ufs_fw_body.bin short=3'";
+    const std::string powerCut = "--reboot-and-run-again --fault 'FFU_INSTALL end'";
+    const struct {
+        std::string texts, phone, package, options = "";
+    } rows[] = {
+        {"runs \"0900\", from 0 bytes*NOT entry 1 at 0x0", UfsPhone({{"revision", "'0900'"}}),
+         UfsEntry()},
+        {"-> CHECK CONDITION*upgrade to 0900 fail*runs \"0800\", from 0 bytes*NOT entry 1",
+         UfsPhone({{"write_buffer", "'sense 5/26/00'"}}), UfsEntry()},
+        {"update to 0900 pass*runs \"0900\", from 3 bytes*NOT entry 1", UfsPhone(), UfsEntry(),
+         shortRead},
+        {"runs \"0900\", from 4 bytes that were downloaded: entry 1", UfsPhone(), UfsEntry(),
+         "--fault 'open /data/vendor/fw/ffu.end ENOSPC'"},
+        {"runs \"FW3*\", from 4 bytes*NOT entry 1", GkiPhone({{"firmware.revision", "'FW3'"}}),
+         EmmcEntry()},
+        {"runs \"FW000001\", from 0 bytes*NOT entry 1", NormalPhone(),
+         With(EmmcEntry(), EMMC_MID_FIELD, "x")},
+        {"signal 9*the power failed during its update*The second run:*"
+         "has been applied, no need to update*found nothing to do",
+         NormalPhone(), EmmcEntry(), powerCut},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.texts);
+        Put("/phone.toml", row.phone);
+        Put("/package", row.package);
+        Expect(Fwlab("rehearse package --phone phone.toml --keep kept " + row.options), 1,
+               row.texts + "*The phone is NOT updated.");
+        EXPECT_TRUE(fs::remove_all(directory + "/kept") > 0);
+    }
+    const std::string wrong = "rehearse package --phone phone.toml --keep kept --fault ";
+    Expect(Fwlab(wrong + "'open sometimes'"), 2, "sometimes");
+    EXPECT_FALSE(fs::exists(directory + "/kept"));
+    Expect(Fwlab(wrong + "'SG_IO EIO' --fault 'fsync EIO'"), 2,
+           "this fault met no call of the run: SG_IO EIO");
+}
+
+// Whenever it comes: before the phone is made, while the tool runs, or after it all.
+TEST_F(FwlabTest, InterruptedRehearsalLeavesNoPhone) {
+    Put("/phone.toml", UfsPhone());
+    Put("/package", UfsEntry());
+    fs::create_directory(directory + "/tmp");
+    for (const char* after : {"0.001", "0.004", "0.008", "0.012", "0.02", "0.03"}) {
+        const std::string interrupt = "TMPDIR=$PWD/tmp timeout -s INT ";
+        (void)Fwlab("rehearse package --phone phone.toml", interrupt + after);
+        EXPECT_TRUE(fs::is_empty(directory + "/tmp"));
+    }
+}
+
+TEST_F(FwlabTest, WrongUsageEndsWithTwo) {
+    Put("/package", UfsEntry());
+    Put("/phone.toml", "technology = 'ufs'");
+    for (const char* arguments :
+         {"", "unpack", "list", "list gone", "list .", "list package more", "pack gone -o package",
+          "match package", "match package --phone phone.toml", "match package --phone gone",
+          "match package --set revision=0800", "rehearse package --phone gone", "outcome gone",
+          "outcome package"}) {
+        SCOPED_TRACE(arguments);
+        Expect(Fwlab(arguments), 2);
+    }
+    Expect(Fwlab("rehears"), 2, "\"rehears\" is no command; the nearest is rehearse");
+    Expect(Fwlab("list 'a\x1b' --json"), 2, R"({"error":"a\\x1b: No such file*","status":2})");
+    Expect(Fwlab("list '\xff' --json"), 2, R"({"error":"\\xff: No such file*","status":2})");
+    Expect(Fwlab("list package '\x1b'"), 2, "not expected: \\x1b");
+    Expect(Fwlab("list package >/dev/full"), 2);
+    Expect(Fwlab("--version"), 0, "fwlab 1.");
+    for (const char* command :
+         {"", "pack", "list", "match", "rehearse", "plan", "sweep", "outcome"}) {
+        Expect(Fwlab(std::string(command) + " --help"), 0, "Usage: *Options:*Exit status");
+    }
+}

@@ -1,0 +1,470 @@
+// What fwlab makes of packages and phones that are there already: what they hold, how they differ,
+// how to make them again.
+#include "test/fwlab/fwlab.h"
+
+#include <map>
+#include <random>
+
+namespace {
+
+const std::string OTHER_PNM = "SIMUFS256G-B0B1 ";
+
+std::string OtherUfs(const std::string& rev = UFS_NEW_REV, const std::string& body = "other") {
+    return With(UfsEntry(rev, body), UFS_PNM_FIELD, OTHER_PNM);
+}
+
+// A magic that stands in an image, with a size that reaches far behind it.
+std::string MagicOfSize(uint32_t size) {
+    return With(UfsEntry("1000", ""), UFS_SIZE_FIELD, BigEndian32(size));
+}
+
+} // namespace
+
+TEST_F(FwlabTest, AMagicInAnImageHidesNoEntryBehindIt) {
+    const std::string first =
+        UfsEntry(UFS_NEW_REV, "12" + With(MagicOfSize(20), UFS_PNM_FIELD, "x"));
+    Put("/package", first + OtherUfs());
+    Expect(Fwlab("list package"), 0,
+           "note: a magic inside entry 1 at 0x0*number           3*sha256");
+    Put("/package", first + "pad" + OtherUfs());
+    Expect(Fwlab("list package"), 1, "FINDING: 3 bytes from 0x82 belong to no entry");
+}
+
+TEST_F(FwlabTest, VerifyNamesTheFieldThatDiffers) {
+    const std::string ufs =
+        "technology = 'ufs'\n[[entry]]\nmanfid = '0x0001ce'\nproduct_name = 'SIMUFS128G-B0B1 '\n"
+        "revision = '0900'\nimage = 'image'\n[[entry]]\nmanfid = '0x0001ce'\n"
+        "product_name = 'SIMUFS256G-B0B1 '\nrevision = '0900'\nimage = 'other'\n";
+    const std::string emmc = "technology = 'emmc'\n[[entry]]\nmanufacturer_id = 0x13\n"
+                             "product_name = 'SIM064'\next_csd_rev = 8\nrevision = 'FW000002'\n"
+                             "image = 'image'\n";
+    const std::string both = UfsEntry(UFS_NEW_REV, "abc") + OtherUfs(), one = both.substr(0, 67);
+    const std::string emmcPackage = EmmcEntry(EMMC_NEW_REV, "abc");
+    const std::string fromOld = ufs.substr(0, 29) + "base_revisions = ['0800']\n" + ufs.substr(29);
+    const struct {
+        std::string texts, manifest, package;
+    } rows[] = {
+        {"entry 2 at 0x43: revision (at 0x5f): the manifest makes \"0900\", the package has "
+         "\"0850\"",
+         ufs, one + OtherUfs("0850")},
+        {"entry 1 at 0x0: base_revisions (at 0x30): *makes \"any\", the package has \"0800\"", ufs,
+         With(both, UFS_BASE_FIELD, "0800080008000800")},
+        {"base_revisions (at 0x30): *makes \"08000800080008*has \"0800\\x00", fromOld,
+         With(both, UFS_BASE_FIELD, "0800")},
+        {"entry 2 at 0x43: body: first difference at byte 4 (at 0x87)", ufs,
+         one + OtherUfs(UFS_NEW_REV, "otheR")},
+        {"entry 1 at 0x0: body_size*makes 3, the package has 4; what follows is not compared", ufs,
+         UfsEntry(UFS_NEW_REV, "abcd") + OtherUfs()},
+        {"ends in front of entry 2 at 0x43: 69 bytes too few", ufs, one},
+        {"ends in entry 2 at 0x43: 68 bytes too few", ufs, both.substr(0, 68)},
+        {"ends in entry 2 at 0x43: 1 bytes too few", ufs, both.substr(0, both.size() - 1)},
+        {"ends in front of entry 1", ufs, ""},
+        {"68 bytes too many from 0x88 on", ufs, both + UfsEntry()},
+        {"magic (at 0x0)", ufs, With(both, {3, 1}, "N")},
+        {"prv_and_psn (at 0xb)", emmc, With(emmcPackage, EMMC_PRV_FIELD, "\1")},
+    };
+    Put("/image", "abc");
+    Put("/other", "other");
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.texts);
+        Put("/manifest.toml", row.manifest);
+        Put("/package", row.package);
+        Expect(Fwlab("verify package --manifest manifest.toml"), 1,
+               row.texts + "*package: is NOT identical to the package that manifest.toml makes");
+    }
+    // No byte of a package escapes.
+    Put("/manifest.toml", emmc);
+    for (size_t at = 0; at < emmcPackage.size(); at++) {
+        Put("/package", With(emmcPackage, {at, 1}, "~"));
+        Expect(Fwlab("verify --json package --manifest manifest.toml"), 1,
+               "\"same\": false,*\"offset\": ");
+    }
+    Put("/package", emmcPackage);
+    Expect(Fwlab("verify package --manifest manifest.toml"), 0,
+           "package: is identical to the package that manifest.toml makes");
+    Expect(Fwlab("verify gone --manifest manifest.toml"), 2, "gone: No such file");
+    Put("/image", "");
+    Expect(Fwlab("verify package --manifest manifest.toml"), 1, "entry 1 at 0x0 has no body");
+}
+
+TEST_F(FwlabTest, PackChecksTheDigestOfAnImage) {
+    const std::string digest = "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad";
+    const std::string manifest = "technology = 'ufs'\n[[entry]]\nmanfid = '0x0001ce'\n"
+                                 "product_name = 'SIM'\nrevision = '0900'\nimage = 'image'\n"
+                                 "image_sha256 = ";
+    Put("/image", "abc"); // FIPS 180-2
+    Expect(Pack(manifest + "'" + digest + "'\n"), 0);
+    for (const std::string& wrong : {"'" + digest.substr(1) + "'", "'B" + digest.substr(1) + "'",
+                                     std::string("5"), "'" + digest + "0'"}) {
+        Expect(Pack(manifest + wrong), 2, "image_sha256 is not 64 hexadecimal digits");
+    }
+    Put("/image", "abd");
+    Put("/package", "as it was");
+    Expect(
+        Pack(manifest + "'" + digest + "'\n"), 1,
+        "entry 1: image image: its sha256 is a52d159f262b2c6ddb724a61840befc36eb30c88877a4030b65c"
+        "be86298449c9, not " +
+            digest);
+    EXPECT_EQ(Get("/package"), "as it was");
+}
+
+namespace {
+
+// Random values for manifests, and images.
+class Random {
+public:
+    size_t Below(size_t limit) {
+        return generator() % limit;
+    }
+    // Bytes as a list, or now and then as a text.
+    std::string Bytes(size_t size, bool withText) {
+        std::string value;
+        const bool isText = withText && Below(2) == 0;
+        const std::string letters = "abyzABYZ0189 \"\\#[]=~";
+        for (size_t i = 0; i < size; i++) {
+            const char letter = letters[Below(letters.size())];
+            const int number = Below(4) == 0 ? static_cast<int>(1 + Below(255)) : letter;
+            value +=
+                isText ? std::string(1, letter) : (i == 0 ? "" : ", ") + std::to_string(number);
+        }
+        return isText ? "'" + value + "'" : "[" + value + "]";
+    }
+    std::string Image() {
+        std::string image;
+        for (size_t left = 1 + Below(99); left > 0; left--) {
+            image += Below(30) > 0 ? std::string(1, static_cast<char>(Below(256)))
+                                   : With(OtherUfs("1000", ""), UFS_SIZE_FIELD,
+                                          BigEndian32(static_cast<uint32_t>(Below(300))));
+        }
+        return image;
+    }
+
+private:
+    std::mt19937 generator; // the same ones each time
+};
+
+std::string RandomManifest(Random& random, bool ufs, size_t entries) {
+    const size_t revision = ufs ? 4 : 8, slots = 16 / revision;
+    std::string text = ufs ? "technology = 'ufs'\n" : "technology = 'emmc'\n";
+    for (size_t i = 0; i < entries; i++) {
+        text += "[[entry]]\nimage = 'image" + std::to_string(i) + "'\n";
+        text += ufs ? "manfid = " + (random.Below(2) == 0 ? "'0x0001ce'" : random.Bytes(8, false)) +
+                          "\nproduct_name = " +
+                          (random.Below(2) == 0 ? "'SIM" + std::to_string(random.Below(99)) + "'"
+                                                : random.Bytes(16, true))
+                    : "manufacturer_id = " + std::to_string(random.Below(256)) +
+                          "\next_csd_rev = 8\nproduct_name = " + random.Bytes(6, true);
+        // Over all base revisions below.
+        text += "\nrevision = [255, " +
+                random.Bytes(ufs ? 3 : 1 + random.Below(7), false).substr(1) + "\n";
+        if (random.Below(2) == 0) {
+            text += "market_name = " + random.Bytes(random.Below(ufs ? 13 : 4), true) + "\n";
+        }
+        std::string base;
+        for (size_t count = random.Below(slots + 1); count > 0; count--) {
+            base += (base.empty() ? "" : ", ") + random.Bytes(revision, true);
+        }
+        text += base.empty() ? "" : "base_revisions = [" + base + "]\n";
+        text +=
+            base.empty() && random.Below(3) == 0
+                ? "base_revisions = " + random.Bytes(random.Below(2) == 0 ? 16 : 15, false) + "\n"
+                : "";
+    }
+    return text;
+}
+
+} // namespace
+
+TEST_F(FwlabTest, UnpackAndPackGiveTheSameBytes) {
+    Random random;
+    std::map<bool, int> packed;
+    for (int round = 0; round < 40; round++) {
+        const bool ufs = round % 2 == 0;
+        const std::string manifest = RandomManifest(random, ufs, 1 + random.Below(3));
+        SCOPED_TRACE(manifest);
+        for (const char* image : {"/image0", "/image1", "/image2"}) {
+            Put(image, random.Image());
+        }
+        if (Pack(manifest).status != 0) {
+            continue; // pack refuses what would not work on a phone
+        }
+        packed[ufs]++;
+        fs::remove_all(directory + "/parts");
+        Expect(Fwlab("unpack package -o parts"), 0, "parts/package.toml: entries: ");
+        Expect(Fwlab("pack parts/package.toml -o again"), 0);
+        EXPECT_EQ(Get("/again"), Get("/package"));
+        Expect(Fwlab("verify package --manifest parts/package.toml"), 0);
+    }
+    EXPECT_GT(packed[true], 9);
+    EXPECT_GT(packed[false], 9);
+}
+
+TEST_F(FwlabTest, UnpackRefusesWhatPackDoesNotMake) {
+    const std::string ufs = UfsEntry();
+    const struct {
+        std::string text, package;
+    } rows[] = {
+        {"is empty", ""},
+        {"holds no entry", "pad"},
+        {"3 bytes from 0x0 belong to no entry", "pad" + ufs},
+        {"1 bytes from 0x44 belong to no entry", ufs + "x" + OtherUfs()},
+        {"entry 1 at 0x0: the body reaches past the end", ufs.substr(0, 67)},
+        {"entry 1 at 0x0: no device can have", With(ufs, UFS_BASE_FIELD, "")},
+        {"entry 2 at 0x44: entry 1 at 0x0 comes first", ufs + ufs},
+        {"pack cannot reproduce this package: entry 1: prv_and_psn would be "
+         "\"\\x00\\x00\\x00\\x00\\x00\", not "
+         "\"\\x01\\x00\\x00\\x00\\x00\"",
+         With(EmmcEntry(), EMMC_PRV_FIELD, "\1")},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.text);
+        Put("/package", row.package);
+        Expect(Fwlab("unpack package -o parts"), 1, "fwlab: package: *" + row.text);
+        EXPECT_EQ(std::distance(fs::directory_iterator(directory), {}), 1); // nothing is left
+    }
+    Put("/package", ufs);
+    Put("/there/kept", "");
+    for (const char* folder : {"there", "there/kept", "package", "gone/parts", "''"}) {
+        Expect(Fwlab(std::string("unpack package -o ") + folder), 2);
+    }
+    Expect(Fwlab("unpack package -o parts", "trap '' XFSZ && ulimit -f 0 &&"), 2, "File too large");
+    EXPECT_EQ(std::distance(fs::directory_iterator(directory), {}), 2);
+    // Slots that are free in another way than pack's, the permissions of a folder, a long image.
+    Put("/package", With(EmmcEntry(EMMC_NEW_REV, Body(0x100001)), EMMC_BASE_FIELD, EMMC_REV));
+    Expect(Fwlab("unpack package -o parts/", "umask 027 &&"), 0, "pack it with --gki-only");
+    EXPECT_EQ(fs::status(directory + "/parts").permissions(), fs::perms(0750));
+    Expect(Fwlab("pack parts/package.toml -o again"), 1, "1 MiB");
+    Expect(Fwlab("pack parts/package.toml -o again --gki-only"), 0);
+    EXPECT_TRUE(Get("/again") == Get("/package"));
+    Expect(Fwlab("unpack --json package -o more"), 0, "\"entries\": 1,*\"gki_only\": true");
+}
+
+TEST_F(FwlabTest, DiffTellsEntriesAndDevicesApart) {
+    const std::string ufs = UfsEntry(), other = OtherUfs(), newer = UfsEntry("1000");
+    const std::string fromNew = With(newer, UFS_BASE_FIELD, "0900090009000900");
+    const std::string large = EmmcEntry(EMMC_NEW_REV, Body(0x100001));
+    const std::string wrong = With(UfsEntry("1000"), UFS_PNM_FIELD, "SIMUFS128G\n");
+    const struct {
+        int status;
+        std::string texts, before, after;
+    } rows[] = {
+        {0, "The packages are the same.", ufs, ufs},
+        {1,
+         "changed: \"0x0001ce\" \"SIMUFS128G-B0B1 \", revision \"1000\" (old entry 1 at 0x0, new "
+         "entry 1 at 0x0)\n    revision: \"0900\" -> \"1000\"\n    base_revisions: \"any\" -> "
+         "\"0900\"\nCHANGES: \"0x0001ce\" \"SIMUFS128G-B0B1 \" runs \"0900\":\n    old: nothing to "
+         "do: *\n    new: gets \"1000\", 4 bytes of entry 1, sha256 230d8358dc8e*runs \"1000\":\n"
+         "    old: USED UP: its revision is not newer*CHANGES: *runs another, older revision:\n"
+         "    old: gets \"0900\", 4 bytes of entry 1, *\n    new: refused: *differ.",
+         ufs, fromNew},
+        {1, "body_size: 4 -> 3*sha256: *NOTE: another image under the same revision: *\"0900\"",
+         ufs, UfsEntry(UFS_NEW_REV, "abc")},
+        {1, "added: * \"SIMUFS256G-B0B1 \", revision \"0900\" (new entry 1 at 0x0)*CHANGES: ", ufs,
+         other + ufs},
+        {1, "removed: * \"SIMUFS256G-B0B1 \", revision \"0900\" (old entry 1 at 0x0)", other + ufs,
+         ufs},
+        {1, "changed: *(old entry 2 at 0x45, new entry 1 at 0x0)\n    place: 2 -> 1\n", other + ufs,
+         ufs + other},
+        {1, "belong to no entry differ: ", ufs, ufs + "pad"},
+        {1, "added: ", "", ufs},
+        {1, "in normal mode:\n    old: USED UP: *CHANGES: *GKI mode:*gets \"FW000002\", 1048577",
+         large, With(large, {0x2000, 1}, "")},
+        {1, "prv_and_psn: ", EmmcEntry(), With(EmmcEntry(), EMMC_PRV_FIELD, "\1")},
+        // The second entry's name agrees with that of the first, as far as it goes.
+        {1, "\"SIMUFS128G-B0B1 \" runs another*\n    old: gets \"0900\"*\n    new: WRONG IMAGE: ",
+         ufs, wrong + ufs},
+        {2, "one package is for eMMC, the other one for UFS", ufs, EmmcEntry()},
+        {2, "new holds no entry", ufs, "pad"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.texts);
+        Put("/old", row.before);
+        Put("/new", row.after);
+        Expect(Fwlab("diff old new"), row.status, row.texts);
+        const char* same = row.status == 0 ? "\"same\": true,*\"entries\": " : "";
+        Expect(Fwlab("diff --json old new"), row.status, same);
+    }
+    // An entry that comes moves no other one; what is like another one is that one.
+    Put("/old", ufs + other + newer);
+    Put("/new", OtherUfs("0950") + newer + ufs + other);
+    const Answer answer = Fwlab("diff old new");
+    Expect(answer, 1, "added: *\"0950\"*place: 3 -> 1*place: 1 -> 2*place: 2 -> 3\n");
+    EXPECT_EQ(answer.text.find("revision: "), std::string::npos) << answer.text;
+    Expect(Fwlab("diff old gone"), 2, "gone: No such file");
+}
+
+namespace {
+
+const std::string PULLED_NODES[] = {"/proc/bootdevice/product_name",
+                                    "/proc/bootdevice/manfid",
+                                    "/proc/bootdevice/rev",
+                                    "/proc/bootdevice/ext_csd",
+                                    "/proc/bootdevice/ffu",
+                                    "/sys/class/mmc_host/mmc0/mmc0:0001/cid",
+                                    "/device/ext_csd.bin"};
+
+std::string Hexadecimal(const std::string& bytes) {
+    return Hex(bytes.data(), bytes.size());
+}
+
+// An EXT_CSD register, JEDEC: byte 192 is EXT_CSD_REV, 254 to 261 FIRMWARE_VERSION.
+std::string ExtCsd(const std::string& revision) {
+    return With(With(std::string(512, '\0'), {192, 1}, "\7"), {254, 8}, revision);
+}
+
+} // namespace
+
+TEST_F(FwlabTest, CaptureMakesTheSamePhoneAgain) {
+    const struct {
+        std::string phone, options;
+    } rows[] = {
+        {GkiPhone(), "FW000002"},
+        {GkiPhone({{"revision", "[5, 0, 1]"}, {"ext_csd_rev", "7"}}), "'\\x05\\x00\\x02'"},
+        {GkiPhone({{"cid.product_name", "[0, 255, 34, 92, 10, 9]"},
+                   {"cid.cbx", "0"},
+                   {"cid.oem_id", "0x15"},
+                   {"cid.manufacturing_date", "0x7b"},
+                   {"cid.crc", "0xff"},
+                   {"cid.serial_number", "0xFFFFFFFF"}}),
+         "FW000002"},
+        {NormalPhone(), "FW000002 --mode normal"},
+        {UfsPhone(), "0900"},
+        {UfsPhone({{"manfid", "[1, 255, 10]"},
+                   {"product_name", "\"SIM \\\\\\\"'\\t\\u007f\""},
+                   {"revision", "'080'"},
+                   {"max_hw_sectors_kb", "1024"}}),
+         "0900"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.phone);
+        const bool isNormal = row.options.find("normal") != std::string::npos;
+        std::string error;
+        for (const char* left : {"/pulled", "/again", "/flat"}) {
+            fs::remove_all(directory + left);
+        }
+        Put("/phone.toml", row.phone);
+        ASSERT_TRUE(MakePhone(directory + "/phone.toml", {}, directory + "/pulled", error))
+            << error;
+        if (row.phone.find("1024") != std::string::npos) {
+            Put("/pulled/sys/block/sdc/queue/max_hw_sectors_kb", "1024\n");
+        }
+        if (isNormal) { // taken by another tool
+            Put("/pulled/ext_csd", Get("/pulled/device/ext_csd.bin"));
+        }
+        Expect(Fwlab("capture pulled -o made.toml --firmware-revision " + row.options), 0,
+               "made.toml: ");
+        ASSERT_TRUE(MakePhone(directory + "/made.toml", {}, directory + "/again", error)) << error;
+        for (const std::string& node : PULLED_NODES) {
+            EXPECT_EQ(Get("/again" + node), Get("/pulled" + node)) << node;
+            // The same nodes under their names alone.
+            if (node != "/proc/bootdevice/ffu" && Get("/pulled" + node) != MISSING) {
+                Put("/flat/" + fs::path(node).filename().string(), Get("/pulled" + node));
+            }
+        }
+        Put("/flat/ext_csd", Get(isNormal ? "/pulled/ext_csd" : "/flat/ext_csd"));
+        Put("/flat/max_hw_sectors_kb", Get("/pulled/sys/block/sdc/queue/max_hw_sectors_kb"));
+        Expect(Fwlab("capture flat -o flat.toml --firmware-revision " + row.options), 0);
+        EXPECT_EQ(Get("/flat.toml"), Get("/made.toml"));
+        const bool hasLimit =
+            Get("/made.toml").find("max_hw_sectors_kb = 1024") != std::string::npos;
+        EXPECT_EQ(hasLimit, row.phone.find("1024") != std::string::npos);
+    }
+}
+
+TEST_F(FwlabTest, CaptureOfAPhoneThatAttempted) {
+    Put("/package", UfsEntry());
+    Put("/phone.toml", UfsPhone());
+    Expect(Fwlab("rehearse package --phone phone.toml --keep pulled"), 0);
+    Put("/pulled/proc/bootdevice/rev", "0800\n"); // as if the update had not lasted
+    Expect(Fwlab("capture pulled -o made.toml --firmware-revision 0900"), 0,
+           "made.toml: UFS \"SIMUFS128G-B0B1 \\n\", runs \"0800\"\nIts record: fwlab match "
+           "PACKAGE --phone made.toml --record pulled/data/vendor/fw/fw_result\n");
+    Expect(Fwlab("match package --phone made.toml --record pulled/data/vendor/fw/fw_result"), 1,
+           "the phone counts this revision as attempted");
+    Expect(Fwlab("match package --phone made.toml"), 0, "An update to \"0900\"");
+    Expect(Fwlab("rehearse package --phone made.toml"), 0, "updated");
+    Expect(
+        Fwlab("capture --json pulled -o made.toml --firmware-revision 0900"), 0,
+        "\"technology\": \"ufs\",*\"mode\": null,*\"record\": \"pulled/data/vendor/fw/fw_result\"");
+}
+
+TEST_F(FwlabTest, CaptureRefusesWhatIsNoPhone) {
+    const std::string cid = "13"
+                            "01"
+                            "00"
+                            "53494d303634"
+                            "10"
+                            "1234abcd"
+                            "00"
+                            "00";
+    const std::string extCsd = Hexadecimal(ExtCsd("FW1"));
+    const Files emmc = {{"product_name", "SIM064\n"}, {"cid", cid + "\n"}, {"ext_csd", extCsd}};
+    const Files ufs = {{"product_name", "SIM\n"}, {"manfid", "0x0001ce\n"}, {"rev", "0800\n"}};
+    const struct {
+        int status;
+        std::string text;
+        Files nodes, others; // changed
+        std::string options = "";
+    } rows[] = {
+        {0, "eMMC (GKI mode)", emmc, {}},
+        {0, "eMMC (normal mode)", emmc, {}, "--mode normal"},
+        {0, "eMMC (GKI mode)", emmc, {{"ext_csd", ExtCsd("FW1")}}, "--mode gki"},
+        {0, "UFS \"SIM\\n\"", ufs, {{"cid", cid}}, "--technology ufs"},
+        {1, "give --mode", emmc, {{"ext_csd", ExtCsd("FW1")}}},
+        {1, "--technology to see which node is missing", {{"product_name", "SIM\n"}}, {}},
+        {1, "--technology to see which node is missing", ufs, {{"manfid", MISSING}}},
+        {1, "pulled: has no manfid", ufs, {{"manfid", MISSING}}, "--technology ufs"},
+        {1, "pulled: has no ext_csd", ufs, {{"cid", cid}}},
+        {1, "has no product_name", emmc, {{"product_name", MISSING}}},
+        {1, "ext_csd is neither", emmc, {{"ext_csd", extCsd.substr(1)}}},
+        {1, "ext_csd is neither", emmc, {{"ext_csd", "g" + extCsd.substr(1)}}},
+        {1, "cid is not 32", emmc, {{"cid", cid + "00\n"}}},
+        {1,
+         "product_name is \"SIM065\", but the CID has \"SIM064\"",
+         emmc,
+         {{"product_name", "SIM065\n"}}},
+        {1, "rev has 3 bytes", ufs, {{"rev", "08\n"}}},
+        {1, "rev: is empty: take it by `adb exec-out cat`", ufs, {{"rev", ""}}},
+        {1,
+         "product_name: ends with a carriage return and a line feed",
+         ufs,
+         {{"product_name", "SIM\r\n"}}},
+        {1, "max_hw_sectors_kb is no number of KiB: \"0\"", ufs, {{"max_hw_sectors_kb", "0\n"}}},
+        {1, "no number", ufs, {{"max_hw_sectors_kb", "9999999\n"}}},
+        {2,
+         "rev and pulled/proc/bootdevice/rev: keep only one",
+         ufs,
+         {{"proc/bootdevice/rev", "0900"}}},
+        {2, "rev: is no regular file", ufs, {{"rev", MISSING}, {"rev/file", ""}}},
+        {2, "rev: is larger than any node", ufs, {{"rev", std::string(4097, '0')}}},
+        {2, "fw_result: is no regular file", ufs, {{"fw/fw_result/file", ""}}},
+        {2, "--firmware-revision has 3 bytes, not 4", ufs, {}, "--firmware-revision 090"},
+        {2, "a UFS phone has none", ufs, {}, "--mode gki"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.text);
+        fs::remove_all(directory + "/pulled");
+        fs::remove(directory + "/phone.toml");
+        for (const Files& files : {row.nodes, row.others}) {
+            for (const auto& [name, content] : files) {
+                Put("/pulled/" + name, content);
+            }
+        }
+        const bool isGiven = row.options.find("revision") != std::string::npos;
+        Expect(Fwlab("capture pulled -o phone.toml " + row.options +
+                     (isGiven ? "" : " --firmware-revision 0900")),
+               row.status, row.text);
+        EXPECT_EQ(fs::exists(directory + "/phone.toml"), row.status == 0);
+    }
+    // Not required: a value that nobody gave would decide how a rehearsal ends.
+    Expect(Fwlab("capture pulled -o phone.toml"), 2, "--firmware-revision is required");
+    Put("/pulled/rev", MISSING);
+    fs::create_symlink("/dev/zero", directory + "/pulled/rev");
+    Expect(Fwlab("capture pulled -o phone.toml --firmware-revision 0900"), 2, "no regular file");
+    fs::remove(directory + "/pulled/rev");
+    Put("/pulled/rev", "0800\n");
+    Expect(Fwlab("capture pulled -o pulled/rev --firmware-revision 0900"), 2,
+           "is an input of this command");
+    EXPECT_EQ(Get("/pulled/rev"), "0800\n");
+    Expect(Fwlab("capture gone -o phone.toml --firmware-revision 0900"), 2, "gone: ");
+}

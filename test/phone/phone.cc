@@ -1,0 +1,243 @@
+// The fixture's side of phone.h. A phone that cannot be made fails its test at once.
+#include "test/phone/phone.h"
+
+#include "simphone/description.h"
+
+#include <algorithm>
+#include <endian.h>
+#include <fcntl.h>
+#include <filesystem>
+#include <iterator>
+#include <regex>
+#include <set>
+#include <sstream>
+#include <stdexcept>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+std::string ShippedDescription(const char* file, const Overrides& overrides) {
+    Texts settings;
+    for (const auto& [key, value] : overrides) {
+        settings.push_back(std::string(key).append("=").append(value));
+    }
+    Description phone;
+    std::string text, error;
+    if (!ReadDescription(std::string(DESCRIPTIONS).append(file), settings, phone, error, &text)) {
+        throw std::invalid_argument(error);
+    }
+    return text;
+}
+
+// What the kernel and the vendor provide is looked at, not changed; but the node that updates.
+void ExpectOnlyRead(const RunResult& result) {
+    for (const CallEntry& call : result.calls) {
+        const bool isLookedAt = call.path.rfind("/vendor/", 0) == 0 ||
+                                call.path.rfind("/proc/", 0) == 0 ||
+                                call.path.rfind("/sys/", 0) == 0;
+        if (!isLookedAt || call.path == "/proc/bootdevice/ffu") {
+            continue;
+        }
+        if (call.function == "open") {
+            EXPECT_EQ(OpenFlags(call) & O_ACCMODE, O_RDONLY);
+        }
+        EXPECT_TRUE(call.function != "access" || Argument(call, "mode") == "0") << call.path;
+        EXPECT_TRUE(call.function != "creat" && call.function != "remove") << call.path;
+    }
+}
+
+} // namespace
+
+void ExpectAllGivenBack(const RunResult& result) {
+    const std::set<std::string> acquiring = {"open", "creat", "fopen", "mmap"};
+    const std::set<std::string> giving = {"close", "fclose", "munmap"};
+    std::set<std::string> held; // numbers of descriptors, and places
+    for (const CallEntry& call : result.calls) {
+        if (acquiring.count(call.function) && call.error.empty()) {
+            EXPECT_TRUE(held.insert(call.result).second) << call.result << " at " << call.number;
+        }
+        if (giving.count(call.function)) {
+            const std::string what = Argument(call, "fd") + Argument(call, "pointer");
+            EXPECT_EQ(held.erase(what), 1U) << what << " at call " << call.number;
+        }
+    }
+    EXPECT_TRUE(held.empty()) << *held.begin() << " is not given back";
+}
+
+std::string GkiPhone(const Overrides& overrides) {
+    return ShippedDescription("/emmc-phone.toml", overrides);
+}
+
+std::string NormalPhone(Overrides overrides) {
+    overrides["mode"] = "'normal'";
+    return GkiPhone(overrides);
+}
+
+std::string UfsPhone(const Overrides& overrides) {
+    return ShippedDescription("/ufs-phone.toml", overrides);
+}
+
+std::string With(std::string entry, Place field, const std::string& value) {
+    return entry.replace(field.offset, field.size, (value + std::string(16, '\0')), 0, field.size);
+}
+
+std::string BigEndian32(uint32_t number) {
+    const uint32_t bytes = htobe32(number);
+    return {reinterpret_cast<const char*>(&bytes), sizeof(bytes)};
+}
+
+std::string Body(size_t size) {
+    std::string body(size, '\0');
+    uint32_t state = 1;
+    for (char& byte : body) {
+        state = state * 1664525 + 1013904223;
+        byte = static_cast<char>(state >> 24 | 0x80); // no ASCII
+    }
+    return body;
+}
+
+std::string EmmcEntry(const std::string& rev, const std::string& body) {
+    std::string entry =
+        "EMMC\x13" + EMMC_PNM + std::string(5, '\0') + "\x08" + std::string(15, '\0');
+    entry = With(entry, EMMC_FW_REV_FIELD, rev);
+    entry = With(entry, EMMC_SIZE_FIELD, BigEndian32(static_cast<uint32_t>(body.size())));
+    return entry + std::string(16, '\xFF') + body;
+}
+
+std::string UfsEntry(const std::string& rev, const std::string& body) {
+    std::string entry = "UFSM" + UFS_MID + UFS_PNM + std::string(20, '\0');
+    entry = With(entry, UFS_REV_FIELD, rev);
+    entry = With(entry, UFS_SIZE_FIELD, BigEndian32(static_cast<uint32_t>(body.size())));
+    return entry + std::string(16, '\xFF') + body;
+}
+
+std::string AttemptRecord(const std::string& base, const std::string& target,
+                          const std::string& pnm) {
+    return CLOCK_TEXT + "product name:" + pnm + ", current fw version:" + base +
+           ", upgrading to version:" + target + "\n";
+}
+
+void PhoneTest::SetUp() {
+    directory = (fs::temp_directory_path() / "ffu-test-XXXXXX").string();
+    ASSERT_NE(mkdtemp(directory.data()), nullptr);
+    directory += "/phone";
+}
+
+void PhoneTest::TearDown() {
+    fs::remove_all(fs::path(directory).parent_path());
+}
+
+void PhoneTest::Make(const std::string& description, const Files& files) {
+    fs::remove_all(directory);
+    const std::string file = directory + ".toml";
+    std::string error;
+    ASSERT_TRUE(WriteWholeFile(file, description.data(), description.size()));
+    ASSERT_TRUE(MakePhone(file, {}, directory, error)) << error;
+    for (const auto& [path, content] : files) {
+        Put(path, content);
+    }
+}
+
+std::string PhoneTest::Path(const std::string& file) const {
+    return directory + file;
+}
+
+void PhoneTest::Put(const std::string& file, const std::string& content) const {
+    if (content == MISSING) {
+        fs::remove_all(Path(file));
+        return;
+    }
+    fs::create_directories(fs::path(Path(file)).parent_path());
+    ASSERT_TRUE(WriteWholeFile(Path(file), content.data(), content.size())) << file;
+}
+
+std::string PhoneTest::Get(const std::string& file) const {
+    std::string content;
+    return ReadWholeFile(Path(file), content) ? content : MISSING;
+}
+
+Files PhoneTest::State() const {
+    Files files;
+    std::error_code missing;
+    for (const auto& entry : fs::directory_iterator(Path(STATE), missing)) {
+        const std::string name = entry.path().filename();
+        files[name] = Get(std::string(STATE).append("/").append(name)); // MISSING: a directory
+    }
+    return files;
+}
+
+std::string PhoneTest::Left() const {
+    std::string names;
+    for (const auto& [name, content] : State()) {
+        names.append(names.empty() ? "" : " ").append(name);
+    }
+    return names;
+}
+
+RunResult PhoneTest::TryRun(const Texts& faults, const std::string& tool,
+                            const std::string& library) const {
+    std::istringstream words(FFU_LAUNCHER);
+    const Texts launcher(std::istream_iterator<std::string>(words), {});
+    RunOptions options = {{}, launcher, library};
+    std::remove_copy(faults.begin(), faults.end(), std::back_inserter(options.faults), "");
+    return RunTool(directory, tool, options);
+}
+
+RunResult PhoneTest::RunAnyhow(const Texts& faults) const {
+    RunResult result = TryRun(faults);
+    EXPECT_EQ(result.error, "");
+    EXPECT_FALSE(result.timedOut);
+    return result;
+}
+
+RunResult PhoneTest::Run(const Texts& faults) const {
+    RunResult result = RunAnyhow(faults);
+    EXPECT_EQ(result.signal, 0) << result.errors;
+    ExpectAllGivenBack(result);
+    ExpectOnlyRead(result);
+    return result;
+}
+
+void PhoneTest::Reboot() const {
+    std::string error;
+    ASSERT_TRUE(RebootPhone(directory, error)) << error;
+}
+
+std::string Console(const RunResult& result) {
+    static const std::regex stamp(R"(\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d \d{3}\] )");
+    return std::regex_replace(result.console, stamp, "");
+}
+
+std::string Requests(const RunResult& result) {
+    std::string requests;
+    for (const CallEntry& call : result.calls) {
+        requests += call.IsRequest() ? call.text + "\n" : "";
+    }
+    return requests;
+}
+
+std::string Steps(const RunResult& result) {
+    const std::string start = "FFU process ";
+    std::string steps;
+    for (const CallEntry& call : result.calls) {
+        if (call.IsMessage()) {
+            EXPECT_EQ(call.arguments, "priority=6 tag=-") << call.text;
+            EXPECT_EQ(call.text.rfind(start, 0), 0U) << call.text;
+            steps += call.text.substr(std::min(start.size(), call.text.size()));
+        }
+    }
+    return steps;
+}
+
+void ExpectEnd(const std::string& text, const std::string& end) {
+    EXPECT_EQ(text.substr(text.size() - std::min(text.size(), end.size())), end);
+}
+
+long Count(const std::string& text, const std::string& part) {
+    long count = 0;
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
+        count++;
+    }
+    return count;
+}

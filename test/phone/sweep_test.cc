@@ -1,0 +1,289 @@
+// Every call of a run fails once, and the power fails at every call: some thousand whole runs on
+// simulated phones. A failure here is a phone that is told a false outcome, gets a firmware twice,
+// or loses its record. The sweep itself checks what must hold for any package; here each run's
+// flags, record, logs and requests are compared with what the scenario is to do.
+//
+// Runs that would hardly differ from others are left out, but for --all; with --every=N only each
+// Nth one is made.
+#include "fwlab/sweep/engine.h"
+#include "test/phone/phone.h"
+
+#include <algorithm>
+#include <csignal>
+#include <regex>
+#include <unistd.h>
+
+namespace {
+
+bool everyPlace = false;
+size_t everyNth = 1;
+
+// Files in the state directory.
+const std::string BEGIN = "ffu.bgn", END = "ffu.end", OK = "ffu.ok", FAIL = "ffu.fail",
+                  RECORD = "fw_result";
+const std::string UFS_NODE = "/dev/block/sdc";
+const std::string BODY = Body(600); // no whole blocks
+const std::string OLD_TIME = "Fri Mar  6 09:05:02 2026\n";
+
+// The second line of the record: what a run may append, with eMMC and UFS; and one from before.
+const std::string ATTEMPTS[] = {
+    "product name:SIM064, current fw version:FW000001, upgrading to version:FW000002\n",
+    "product name:SIMUFS128G-B0B1 , current fw version:0800, upgrading to version:0900\n"};
+const std::string OLD_ATTEMPT = "product name:P, current fw version:B, upgrading to version:X\n";
+
+struct Scenario {
+    std::string name, phone, package;
+    std::string updates; // the requests of the base run, as Updates has them
+    bool isUfs = false;
+    Files files = {}; // in the state directory before the run
+};
+
+// Failures that no log tells.
+const std::regex SILENT("(munmap|fclose|fsync|time|ctime|gettimeofday) .*"
+                        "|close (?!/dev/block/sdc).*" // of the UFS device it is told
+                        "|access /dev/block/.*"       // no storage device: an end without a word
+                        "|remove .*/(ffu.ok|ffu.fail|ufs_fw_body.bin) .*"
+                        "|write .*/fw_result short=[1-9].*"
+                        "|write .*/(ffu.ok|ffu.fail) .*" // the time in it is for the reader only
+                        "|(fopen|fgets) /proc/devices .*");
+
+// Messages that tell how a run ends.
+const std::string PASSED = "UpdateResultFlag: update to", FAILED = "UpdateResultFlag: upgrade to";
+const std::regex NOTHING_TO_DO("CheckFwBin: (fw file|pnm) not found|CheckFwBin: local fw rev "
+                               "|firmware in fw file has been applied");
+
+// Each on a first run, and after an attempt at another revision.
+std::vector<Scenario> Scenarios() {
+    const std::string emmc = EmmcEntry(EMMC_NEW_REV, BODY), ufs = UfsEntry(UFS_NEW_REV, BODY);
+    const Overrides gkiRefused = {{"faults", "['write /proc/bootdevice/ffu EIO']"}},
+                    noDownload = {{"faults", "['FFU_DOWNLOAD EIO']"}},
+                    noInstall = {{"faults", "['FFU_INSTALL EIO']"}};
+    std::vector<Scenario> scenarios = {
+        {"GKI", GkiPhone(), emmc, "G"},
+        {"GKI, refused", GkiPhone(gkiRefused), emmc, "gggg"},
+        {"GKI, runs already", GkiPhone(), EmmcEntry(EMMC_REV, BODY), ""},
+        {"GKI, no match", GkiPhone(), With(emmc, EMMC_MID_FIELD, "x"), ""},
+        {"normal", NormalPhone(), emmc, "DI"},
+        {"normal, no download", NormalPhone(noDownload), emmc, "d"},
+        {"normal, no install", NormalPhone(noInstall), emmc, "Di"},
+        {"normal, no match", NormalPhone(), With(emmc, EMMC_REV_FIELD, "x"), ""},
+        {"UFS", UfsPhone(), ufs, "B", true},
+        {"UFS, reset", UfsPhone({{"write_buffer", "'sense 5/26/00'"}}), ufs, "br", true},
+        {"UFS, runs already", UfsPhone(), UfsEntry(UFS_REV, BODY), "", true},
+        {"UFS, no match", UfsPhone(), With(ufs, UFS_MID_FIELD, "x"), "", true},
+    };
+    for (size_t i = 0, kinds = scenarios.size(); i < kinds; i++) {
+        const std::string flag = scenarios[i].isUfs ? FAIL : OK;
+        scenarios.push_back(scenarios[i]);
+        scenarios.back().name += ", after another";
+        scenarios.back().files = {{RECORD, OLD_TIME + OLD_ATTEMPT}, {flag, OLD_TIME}, {END, ""}};
+    }
+    return scenarios;
+}
+
+bool Contains(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
+
+// The first such call of the run, on a path or a file in the state directory; null without one.
+const CallEntry* Find(const RunResult& run, const std::string& function, const std::string& path) {
+    const auto found = std::find_if(run.calls.begin(), run.calls.end(), [&](const CallEntry& call) {
+        return call.function == function && (call.path == path || call.path == STATE + "/" + path);
+    });
+    return found == run.calls.end() ? nullptr : &*found;
+}
+
+bool Failed(const RunResult& run, const std::string& function, const std::string& path) {
+    const CallEntry* call = Find(run, function, path);
+    return call != nullptr && HasFailed(*call);
+}
+
+bool HasWhole(const std::string& updates) {
+    return std::any_of(updates.begin(), updates.end(), IsComplete);
+}
+
+// Whether the run came to its end or not: the record grew by one attempt at most, before the device
+// was asked to change.
+void CheckRecord(const Scenario& scenario, const RunResult& run, Files before, Files after) {
+    const std::string record = after[RECORD], old = before[RECORD];
+    ASSERT_EQ(record.substr(0, old.size()), old);
+    std::string grown = record.substr(old.size()), whole = CLOCK_TEXT + ATTEMPTS[scenario.isUfs];
+    if (Failed(run, "time", "-") || Failed(run, "ctime", "-")) { // another time, or none
+        grown.erase(0, grown.find("product name"));
+        whole.erase(0, CLOCK_TEXT.size());
+    }
+    EXPECT_EQ(grown, whole.substr(0, grown.size()));
+    EXPECT_TRUE(Updates(run).empty() || !grown.empty());
+}
+
+// Flags and exit status tell how the run ended.
+void CheckFlags(const RunResult& run, const Files& before, const Files& after) {
+    const std::string steps = Steps(run);
+    const bool passed = Contains(steps, PASSED), failed = Contains(steps, FAILED);
+    const bool isStarted = Find(run, "remove", OK) != nullptr; // an update
+    const bool isRegular = isStarted ? !failed : std::regex_search(steps, NOTHING_TO_DO);
+    const bool noDirectory = Failed(run, "mkdir", STATE);
+    EXPECT_EQ(run.exitStatus, noDirectory || Failed(run, "open", END) ? 255 : 0);
+
+    const bool begun = before.count(BEGIN) || !(noDirectory || Failed(run, "open", BEGIN));
+    EXPECT_EQ(after.count(BEGIN), begun && (!isRegular || Failed(run, "remove", BEGIN)));
+    for (const auto& [flag, isCleared, isSet] : {std::tuple(END, !noDirectory, isRegular),
+                                                 {OK, isStarted, passed},
+                                                 {FAIL, isStarted, failed}}) {
+        const bool isStale = before.count(flag) && (!isCleared || Failed(run, "remove", flag));
+        EXPECT_EQ(after.count(flag), isStale || (isSet && !Failed(run, "open", flag))) << flag;
+        if (isStale && after.count(flag)) { // it may grow
+            EXPECT_EQ(after.at(flag).rfind(before.at(flag), 0), 0U) << flag;
+        }
+    }
+}
+
+// The device's requests and the logs tell the same.
+void CheckOutcome(const Scenario& scenario, const RunResult& run, const std::string& downloaded) {
+    static const std::regex course("(g{0,3}[gGs]|d|D[iI]|b?r?|B)?");
+    const std::string steps = Steps(run), updates = Updates(run);
+    const bool passed = Contains(steps, PASSED), isTold = passed || Contains(steps, FAILED);
+    EXPECT_TRUE(std::regex_match(updates, course)) << updates;
+    EXPECT_EQ(passed, HasWhole(updates) && !Failed(run, "close", UFS_NODE));
+    if (passed) {
+        const CallEntry* read = Find(run, "read", "ufs_fw_body.bin");
+        const std::string sent = read ? BODY.substr(0, std::stoul(read->result)) : BODY;
+        EXPECT_EQ(downloaded.substr(0, sent.size()), sent);
+    }
+    // What fails before the device is opened is nothing to do for UFS, and a failure for eMMC.
+    if (scenario.isUfs) {
+        EXPECT_EQ(isTold, Find(run, "open", UFS_NODE) != nullptr);
+    } else if (!Contains(run.console, "NULL == ptm")) { // in place of a message
+        EXPECT_EQ(isTold, Find(run, "remove", OK) != nullptr &&
+                              !Contains(run.console, "no need to update"));
+    }
+}
+
+// A run to its end, on a phone that had the state files before.
+void CheckRun(const Scenario& scenario, const SweepRun& made) {
+    ExpectAllGivenBack(made.run);
+    CheckRecord(scenario, made.run, made.before.files, made.after.files);
+    CheckFlags(made.run, made.before.files, made.after.files);
+    std::string downloaded;
+    (void)ReadWholeFile(made.phone + "/device/downloaded.bin", downloaded); // there may be none
+    CheckOutcome(scenario, made.run, downloaded);
+}
+
+void CheckFailingCall(const Scenario& scenario, const SweepRun& made) {
+    CheckRun(scenario, made);
+    const CallEntry& call = made.base->calls[made.job->call];
+    if (HasFailed(call)) {
+        return; // as it did without the fault
+    }
+    const std::string failure = call.function + " " + call.path + " " + made.job->way;
+    const bool isStarted = Find(made.run, "remove", OK) != nullptr; // an update
+    const bool mustStop = !MayGoOn(call, made.job->way) && made.job->way == "EIO";
+    if (!isStarted && mustStop && call.function != "access") {
+        EXPECT_EQ(made.after.files.count(END), 0U);
+    }
+    EXPECT_TRUE(Steps(made.run) + made.run.console != Steps(*made.base) + made.base->console ||
+                std::regex_match(failure, SILENT));
+}
+
+// What lies there before anything unsynced is lost.
+void CheckPowerCut(const Scenario& scenario, const SweepRun& made) {
+    const Files left = made.after.files;
+    CheckRecord(scenario, made.run, scenario.files, left);
+    EXPECT_FALSE(left.count(BEGIN) && left.count(END));
+    EXPECT_FALSE(left.count(OK) && left.count(FAIL));
+    const std::string updates = Updates(made.run);
+    for (const std::string& flag : {OK, FAIL}) {
+        if (left.count(flag)) { // of the attempt before until the device is asked
+            const bool isOld = left.at(flag) == OLD_TIME;
+            EXPECT_EQ(isOld, updates.empty());
+            EXPECT_TRUE(isOld || HasWhole(updates) == (flag == OK));
+        }
+    }
+}
+
+// A normal run on what was left, without a restart that would show it what was downloaded: an
+// attempt that is not on record is made, and no other.
+void CheckNext(const Scenario& scenario, const SweepRun& made) {
+    CheckRun(scenario, made);
+    Files before = made.before.files, first = scenario.files;
+    const std::string record = before[RECORD];
+    const bool isThere = made.before.files.count(RECORD) > 0;
+    const bool isOld = isThere == (scenario.files.count(RECORD) > 0) && record == first[RECORD];
+    EXPECT_EQ(Updates(made.run), isOld ? scenario.updates : "");
+    const bool isWhole = !isThere || isOld || Contains(record, ATTEMPTS[scenario.isUfs]);
+    EXPECT_EQ(Contains(Steps(made.run), "CheckResultFile: ParseResultFile error\n"), !isWhole);
+}
+
+Texts Check(const Scenario& scenario, const SweepRun& made) {
+    SCOPED_TRACE(scenario.name + ": " + (made.job ? made.job->fault : "without a fault"));
+    switch (made.kind) {
+    case SweepRun::BASE:
+        EXPECT_EQ(Updates(made.run), scenario.updates);
+        CheckRun(scenario, made);
+        break;
+    case SweepRun::FAILING_CALL:
+        CheckFailingCall(scenario, made);
+        break;
+    case SweepRun::POWER_CUT:
+        CheckPowerCut(scenario, made);
+        break;
+    case SweepRun::NEXT:
+        CheckNext(scenario, made);
+        break;
+    }
+    return testing::Test::HasFailure() ? Texts{"not what the scenario is to do"} : Texts{};
+}
+
+class SweepTest : public PhoneTest {};
+
+TEST_F(SweepTest, EachCallFailsAndThePowerAtEachCall) {
+    const std::vector<Scenario> scenarios = Scenarios();
+    std::vector<SweepScenario> sweeps;
+    for (const Scenario& scenario : scenarios) {
+        const std::string file = "/" + std::to_string(sweeps.size());
+        Put(file + ".toml", scenario.phone);
+        Put(file, scenario.package);
+        sweeps.push_back({scenario.name,
+                          Path(file + ".toml"),
+                          Path(file),
+                          {!scenario.files.empty(), scenario.files}});
+    }
+    SweepOptions options;
+    options.tool = FFU_PATH;
+    options.phoneLibrary = SIMPHONE_LIBRARY;
+    options.skipsRepeats = !everyPlace;
+    options.cutsEverywhere = everyPlace;
+    options.everyNth = everyNth;
+    options.stopsAtFirst = true;
+    options.check = [&](const SweepRun& made) {
+        return Check(scenarios[static_cast<size_t>(made.scenario - &sweeps.front())], made);
+    };
+    const SweepResult result = RunSweep(sweeps, options);
+    size_t calls = 0;
+    for (const RunResult& base : result.bases) {
+        calls += base.calls.size();
+    }
+    const long cuts = std::count_if(result.jobs.begin(), result.jobs.end(),
+                                    [](const SweepJob& job) { return job.isPowerCut; });
+    printf("%zu scenarios, %zu calls, %ld failing calls, %ld power cuts; each %zu is tried: "
+           "%zu states left, %zu runs\n",
+           scenarios.size(), calls, static_cast<long>(result.jobs.size()) - cuts, cuts, everyNth,
+           result.states, result.runs);
+    for (const SweepViolation& wrong : result.violations) {
+        ADD_FAILURE() << scenarios[wrong.scenario].name << ": " << wrong.fault << ": "
+                      << wrong.text;
+    }
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    testing::InitGoogleTest(&argc, argv);
+    for (const std::string& option : Texts(argv + 1, argv + argc)) {
+        everyPlace = everyPlace || option == "--all";
+        everyNth = option.rfind("--every=", 0) == 0 ? std::stoul(option.substr(8)) : everyNth;
+    }
+    // For speed: phones that are not on a disk.
+    setenv("TMPDIR", access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp", 0);
+    return RUN_ALL_TESTS();
+}

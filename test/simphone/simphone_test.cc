@@ -1,0 +1,334 @@
+// The simulated device refuses what a device would refuse: a tool that sends it cannot pass its
+// rehearsal. A power cut leaves what a file system may leave, and a fault that did nothing is told.
+#include "simphone/device/device.h"
+#include "simphone/power_loss.h"
+#include "test/phone/phone.h"
+
+#include <array>
+#include <cerrno>
+#include <fcntl.h>
+#include <filesystem>
+#include <sys/file.h>
+#include <unistd.h>
+
+namespace {
+
+class SimphoneTest : public PhoneTest {
+protected:
+    RunResult CutGkiUpdate(const Texts& faults, const Files& before) {
+        Make(GkiPhone(), {{EMMC_PACKAGE, EmmcEntry()}});
+        for (const auto& [name, content] : before) {
+            Put(STATE + "/" + name, content);
+        }
+        return TryRun(faults);
+    }
+};
+
+TEST_F(SimphoneTest, EmmcDriverRefusesOddRequests) {
+    static uint8_t data[512];
+    mmc_ioc_cmd download = {};
+    download.write_flag = 1;
+    download.opcode = 302;
+    download.flags = 0xB5;
+    download.blksz = 512;
+    download.blocks = 1;
+    mmc_ioc_cmd_set_data(download, data);
+    mmc_ioc_cmd install = {};
+    install.opcode = 303;
+    install.flags = 0xB5;
+    install.blksz = 512;
+    const struct {
+        const char* name;
+        int error;
+        mmc_ioc_cmd request;
+        void (*change)(mmc_ioc_cmd& request);
+        int openFlags = O_RDWR;
+    } rows[] = {
+        {"install before download", EINVAL, install, [](auto&) {}},
+        {"download as a read", EINVAL, download, [](auto& request) { request.write_flag = 0; }},
+        {"download of no block", EINVAL, download, [](auto& request) { request.blocks = 0; }},
+        {"download without data", EFAULT, download, [](auto& request) { request.data_ptr = 0; }},
+        {"block size", EINVAL, download, [](auto& request) { request.blksz = 4096; }},
+        {"flags", EINVAL, download, [](auto& request) { request.flags = 0x35; }},
+        {"argument", EINVAL, download, [](auto& request) { request.arg = 1; }},
+        {"application command", EINVAL, download, [](auto& request) { request.is_acmd = 1; }},
+        {"SWITCH", EINVAL, download, [](auto& request) { request.opcode = 6; }},
+        {"EXT_CSD as a write", EINVAL, download, [](auto& request) { request.opcode = 8; }},
+        {"read-only descriptor", EPERM, download, [](auto&) {}, O_RDONLY},
+        {"download", 0, download, [](auto&) {}},
+        {"install with data", EINVAL, install,
+         [](auto& request) { mmc_ioc_cmd_set_data(request, data); }},
+        {"install", 0, install, [](auto&) {}},
+    };
+    Make(NormalPhone());
+    for (const auto& row : rows) {
+        mmc_ioc_cmd request = row.request;
+        row.change(request);
+        EXPECT_EQ(AnswerMmc(directory, false, row.openFlags, request), row.error) << row.name;
+    }
+}
+
+// SPC: key 5 is ILLEGAL REQUEST; ASC 20 operation code, 24 field in CDB, 1A parameter list length.
+TEST_F(SimphoneTest, UfsDeviceRefusesOddCommands) {
+    const struct {
+        const char* name;
+        int error, status, key, asc;
+        void (*change)(sg_io_hdr& request, uint8_t* cdb);
+    } rows[] = {
+        {"operation code", 0, 2, 5, 0x20, [](auto&, uint8_t* cdb) { cdb[0] = 0x3C; }},
+        {"mode", 0, 2, 5, 0x24, [](auto&, uint8_t* cdb) { cdb[1] = 0x0F; }},
+        {"mode specific", 0, 2, 5, 0x24, [](auto&, uint8_t* cdb) { cdb[1] = 0x2E; }},
+        {"buffer ID", 0, 2, 5, 0x24, [](auto&, uint8_t* cdb) { cdb[2] = 1; }},
+        {"buffer offset", 0, 2, 5, 0x24, [](auto&, uint8_t* cdb) { cdb[5] = 1; }},
+        {"control", 0, 2, 5, 0x24, [](auto&, uint8_t* cdb) { cdb[9] = 4; }},
+        {"command length", 0, 2, 5, 0x24, [](auto& request, uint8_t*) { request.cmd_len = 12; }},
+        {"parameter list length", 0, 2, 5, 0x1A, [](auto&, uint8_t* cdb) { cdb[8] = 1; }},
+        {"direction", 0, 2, 5, 0x1A,
+         [](auto& request, uint8_t*) { request.dxfer_direction = SG_DXFER_FROM_DEV; }},
+        {"no data", EFAULT, 0, 0, 0, [](auto& request, uint8_t*) { request.dxferp = nullptr; }},
+        {"interface", EINVAL, 0, 0, 0, [](auto& request, uint8_t*) { request.interface_id = 'Q'; }},
+        {"in order", 0, 0, 0, 0, [](auto&, uint8_t*) {}},
+    };
+    Make(UfsPhone());
+    for (const auto& row : rows) {
+        uint8_t data[512] = {}, sense[32] = {};
+        uint8_t cdb[16] = {0x3B, 0x0E, 0, 0, 0, 0, 0, 2, 0, 0};
+        sg_io_hdr request = {};
+        request.interface_id = 'S';
+        request.dxfer_direction = SG_DXFER_TO_DEV;
+        request.cmd_len = 10;
+        request.mx_sb_len = sizeof(sense);
+        request.dxfer_len = sizeof(data);
+        request.dxferp = data;
+        request.cmdp = cdb;
+        request.sbp = sense;
+        row.change(request, cdb);
+        std::string response;
+        const int error = AnswerScsi(directory, {}, 0, O_RDWR, request, response);
+        EXPECT_EQ(error, row.error) << row.name;
+        EXPECT_EQ((std::array<int, 3>{request.status, sense[2], sense[12]}),
+                  (std::array<int, 3>{row.status, row.key, row.asc}))
+            << row.name;
+        EXPECT_EQ(Get("/device/pending") == MISSING, &row != std::end(rows) - 1) << row.name;
+    }
+}
+
+const std::string ATTEMPT = AttemptRecord(EMMC_REV, EMMC_NEW_REV);
+const std::string EARLIER = "current fw version:A, upgrading to version:B\n";
+const Files OLD = {{"fw_result", EARLIER}, {"ffu.ok", "passed"}, {"ffu.end", ""}};
+const Files NO_DIRECTORY = {{"no", "directory"}};
+
+// The power fails in a GKI update: on a first run, or where an older one has left its files.
+TEST_F(SimphoneTest, PowerCutLeavesWhatWasSynced) {
+    const struct {
+        std::string fault;
+        Files before, left; // nothing left: the cut cannot leave that
+    } rows[] = {
+        {"fsync end", {}, {{"ffu.bgn", ""}, {"fw_result", ATTEMPT}}},
+        {"fsync end lost=fw_result", {}, {{"ffu.bgn", ""}}},
+        {"fsync end empty=fw_result lost=ffu.bgn", {}, {{"fw_result", ""}}},
+        {"fsync end lost=.", {}, NO_DIRECTORY},
+        {"fsync end lost=.,ffu.bgn", {}, {}},
+        {"fsync end lost=ffu.fail", {}, {}},
+        {"fsync end gone=fw_result", {}, {}},
+        {"close /data/vendor/fw/fw_result end lost=.", {}, {}},
+        {"close /data/vendor/fw/fw_result end lost=fw_result", {}, {}},
+        {"close /data/vendor/fw/fw_result end empty=fw_result", {}, {}},
+        {"close /data/vendor/fw/fw_result end lost=ffu.bgn", {}, {{"fw_result", ATTEMPT}}},
+        {"write /data/vendor/fw/fw_result torn=3 lost=ffu.bgn", {}, {{"fw_result", "Sat"}}},
+        {"open /data/vendor/fw/ffu.end end empty=ffu.bgn,ffu.ok",
+         {},
+         {{"ffu.bgn", ""}, {"ffu.ok", ""}, {"fw_result", ATTEMPT}}},
+        {"fsync end lost=fw_result,ffu.end",
+         OLD,
+         {{"ffu.bgn", ""}, {"ffu.end", ""}, {"ffu.ok", "passed"}, {"fw_result", EARLIER}}},
+        {"fsync end empty=fw_result", OLD, {}},
+        {"fsync end lost=.", OLD, {}},
+        {"remove /data/vendor/fw/ffu.fail end lost=ffu.ok",
+         OLD,
+         {{"ffu.bgn", ""}, {"ffu.ok", "passed"}, {"fw_result", EARLIER + ATTEMPT}}},
+        {"close /data/vendor/fw/ffu.ok end lost=ffu.ok,ffu.bgn",
+         OLD,
+         {{"ffu.ok", "passed"}, {"fw_result", EARLIER + ATTEMPT}}},
+        {"close /data/vendor/fw/ffu.ok end gone=ffu.ok lost=ffu.bgn",
+         OLD,
+         {{"fw_result", EARLIER + ATTEMPT}}},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.fault);
+        const RunResult cut = CutGkiUpdate({row.fault}, row.before);
+        EXPECT_EQ(cut.signal, 9);
+        EXPECT_EQ(cut.error.empty(), !row.left.empty()) << cut.error;
+        const StateDirectory left = ReadStateDirectory(directory);
+        if (!row.left.empty()) {
+            EXPECT_EQ(left.isThere ? left.files : NO_DIRECTORY, row.left);
+        }
+    }
+}
+
+// What is enumerated can be asked for. A sync that a fault stands in for has synced nothing.
+TEST_F(SimphoneTest, EachStateAfterAPowerCutCanBeMade) {
+    const struct {
+        std::string cut;
+        Files before;
+        size_t states; // by the choices of each file: directory, begin, end, record, pass
+    } rows[] = {
+        {"remove /data/vendor/fw/ffu.end end", {}, 1 + 1},
+        {"fsync end", {}, 1 + 2 * 3},
+        {"fsync end", OLD, 2 * 2 * 2},
+        {"close /data/vendor/fw/ffu.ok end", {}, 1 + 2 * 3 * 3},
+        {"close /data/vendor/fw/ffu.end end", OLD, 2 * 2 * 2 * 4},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.cut);
+        const std::string noSync = "fsync returns=0";
+        const RunResult cut = CutGkiUpdate({row.cut, noSync}, row.before);
+        const StateDirectory before = {!row.before.empty(), row.before};
+        const auto survivals = Survivals(before, ReadStateDirectory(directory), cut.calls);
+        EXPECT_EQ(survivals.size(), row.states);
+        for (const Survival& survival : survivals) {
+            const std::string losses = LossText(survival.losses);
+            EXPECT_EQ(CutGkiUpdate({row.cut + " " + losses, noSync}, row.before).error, "");
+            EXPECT_TRUE(ReadStateDirectory(directory) == survival.state) << losses;
+        }
+    }
+}
+
+// A tool whose calls did not reach the phone would work on this machine instead.
+TEST_F(SimphoneTest, ToolNeverRunsWithoutItsPhone) {
+    Make(GkiPhone(), {{EMMC_PACKAGE, EmmcEntry()}, {"/tool", "#!/bin/sh\ntouch \"$0.ran\"\n"}});
+    const std::string library = Path("/a b:c/libsimphone.so"), tool = Path("/tool");
+    std::filesystem::create_directory(Path("/a b:c"));
+    std::filesystem::copy_file(SIMPHONE_LIBRARY, library);
+    EXPECT_EQ(Requests(TryRun({}, FFU_PATH, library)), "GKI write 4 -> 4\n");
+
+    std::filesystem::permissions(tool, std::filesystem::perms::owner_all);
+    EXPECT_NE(TryRun({}, tool).error, "");
+    EXPECT_EQ(Get("/tool.ran"), MISSING);
+    Put("/damaged.so", "simphone_attach");
+    EXPECT_NE(TryRun({}, FFU_PATH, Path("/damaged.so")).error, "");
+    EXPECT_NE(TryRun({}, FFU_PATH, tool).error, "");
+    std::string error;
+    EXPECT_FALSE(MakePhone(Path("/phone.toml"), {}, directory, error)); // one is there
+}
+
+// What a run leaves is all of it, and its own.
+TEST_F(SimphoneTest, RunThatCannotBeKeptIsAnError) {
+    const struct {
+        std::string log, target; // a symbolic link in the phone's directory
+        std::string error;
+    } rows[] = {
+        {"/journal.log", "/dev/full", "the run could not be kept"},
+        {"/journal.log", "/", "journal.log: Is a directory"},
+        {"/errors.log", "/nowhere/file", "errors.log: No such file or directory"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.log + row.target);
+        Make(GkiPhone(), {{EMMC_PACKAGE, EmmcEntry()}});
+        std::filesystem::create_symlink(row.target, Path(row.log));
+        EXPECT_NE(TryRun().error.find(row.error), std::string::npos);
+    }
+    Make(GkiPhone(), {{EMMC_PACKAGE, EmmcEntry()}});
+    const int other = open(directory.c_str(), O_RDONLY | O_CLOEXEC);
+    EXPECT_EQ(flock(other, LOCK_EX), 0);
+    EXPECT_NE(TryRun().error.find("another run is on this phone"), std::string::npos);
+    EXPECT_EQ(Left(), "");
+    close(other);
+    EXPECT_EQ(TryRun().error, "");
+}
+
+// Whatever a call names stands in its line of the journal, and no line reads as another one.
+TEST_F(SimphoneTest, JournalKeepsOddNames) {
+    const Texts paths = {"", "-", "/a b/= 3", "/line\n2 open /x = 3\nfault", "\"\"", "\\x20\xFF"};
+    Make(GkiPhone());
+    std::string journal = FaultLine("any #9 EIO");
+    for (const std::string& path : paths) {
+        journal += CallLine({"open", path, "flags=0x0", "", 7, "-1", "ENOENT", true, 0});
+    }
+    const CallEntry message = {LOG_FUNCTION, "-", "tag=-", " @ \n", 8, "1", "", false, 12};
+    journal += CallLine(message);
+    for (size_t cut = 0; cut < CallLine(message).size(); cut++) { // whole, or ended in the middle
+        Put(JOURNAL_FILE, journal.substr(0, journal.size() - cut));
+        const Journal read = ReadJournal(directory);
+        EXPECT_EQ(read.faults, Texts{"any #9 EIO"});
+        ASSERT_EQ(read.calls.size(), paths.size() + (cut == 0 ? 1 : 0));
+        for (size_t i = 0; i < paths.size(); i++) {
+            EXPECT_EQ(read.calls[i].path, paths[i]);
+            EXPECT_EQ(read.calls[i].error + read.calls[i].result, "ENOENT-1");
+            EXPECT_EQ(Argument(read.calls[i], "flags"), "0x0");
+        }
+        EXPECT_EQ(read.calls.back().text, cut == 0 ? message.text : "");
+    }
+}
+
+// A console that ended before the tool did, as its standard output was closed.
+TEST_F(SimphoneTest, TimeLineBearsAClosedConsole) {
+    RunResult run = {};
+    run.console = "one\ntwo\n";
+    for (const long long bytes : {4, 0, 99}) {
+        run.calls.push_back({LOG_FUNCTION, "-", "", "text", 1, "1", "", false, bytes});
+    }
+    std::string order;
+    for (const TimeLineEntry& entry : TimeLine(run)) {
+        order += entry.text + " ";
+    }
+    EXPECT_EQ(order, "one text text two text ");
+}
+
+TEST_F(SimphoneTest, HalfMadePhoneIsShownAndNotRestarted) {
+    std::string shown, error;
+    Make(NormalPhone(), {{"/device/pending", ""}, {STATE + "/a\nb", "c"}});
+    Put("/proc/bootdevice/product_name", MISSING);
+    EXPECT_FALSE(RebootPhone(directory, error)); // nothing was downloaded
+    EXPECT_TRUE(ShowPhone(directory, shown, error)) << error;
+    for (const char* part : {"product_name: No such file", "FW000002\n", "    a\\nb\n"}) {
+        EXPECT_NE(shown.find(part), std::string::npos) << shown;
+    }
+    Put("/phone.toml", ""); // as far as another MakePhone has come
+    EXPECT_FALSE(ShowPhone(directory, shown, error));
+    EXPECT_NE(TryRun().error, "");
+}
+
+// What settings make of a description is read as they say, and all else as it was.
+TEST_F(SimphoneTest, SettingsReplaceKeys) {
+    const std::string odd = "\nA'''\\\x01\xC2\x85\n"; // hard to write down again
+    const struct {
+        Texts settings;
+        std::string name, mid, error; // in the nodes; a part of the error
+    } rows[] = {
+        {{}, odd, "0x0001ce\n", ""},
+        {{"revision=1000", "max_hw_sectors_kb=0x400"}, odd, "0x0001ce\n", ""},
+        {{"product_name=B", "manfid=\"C\""}, "B\n", "C", ""},
+        {{R"(product_name=\xFF\\\n)", "manfid=[67, 0]"}, "\xFF\\\n", std::string("C\0", 2), ""},
+        {{R"(product_name=\q)"}, "", "", R"(product_name=\\q: a backslash begins)"},
+        {{"product_name=" + std::string(99, '.')}, std::string(99, '.') + "\n", "0x0001ce\n", ""},
+        {{"revision"}, "", "", "revision: is not KEY=VALUE"},
+        {{"revision.x=1"}, "", "", "revision.x=1: is not KEY=VALUE"},
+        {{"revison=1000"}, "", "", "unknown key: revison"},
+        {{"max_hw_sectors_kb=1\nmode=2"}, "", "", "is not TOML"},
+        {{"firmware.revision=toolong"}, "", "", "revision is not"},
+    };
+    Make(UfsPhone({{"product_name", R"("\nA'''\\\u0001\u0085\n")"}}));
+    for (const auto& row : rows) {
+        std::string error;
+        const bool isRight = row.error.empty();
+        Put("/first", MISSING);
+        Put("/again", MISSING);
+        EXPECT_EQ(MakePhone(Path("/phone.toml"), row.settings, Path("/first"), error), isRight);
+        EXPECT_NE(error.find(row.error), std::string::npos) << error;
+        if (isRight) {
+            EXPECT_TRUE(MakePhone(Path("/first/phone.toml"), {}, Path("/again"), error)) << error;
+            EXPECT_EQ(Get("/again/proc/bootdevice/product_name"), row.name);
+            EXPECT_EQ(Get("/again/proc/bootdevice/manfid"), row.mid);
+        }
+    }
+}
+
+TEST_F(SimphoneTest, FaultsThatNoCallMetAreTold) {
+    Make(GkiPhone({{"faults", "['FFU_DOWNLOAD EIO']"}}), {{EMMC_PACKAGE, EmmcEntry()}});
+    EXPECT_EQ(Run({"FFU_INSTALL EIO", "fsync EIO", "fsync #2+ EIO", "any #1 EIO", "sleep end"})
+                  .unmetFaults,
+              (Texts{"FFU_INSTALL EIO", "fsync #2+ EIO", "sleep end"}));
+}
+
+} // namespace
