@@ -2,12 +2,10 @@
 // nothing is written.
 #include "simphone/description.h"
 
-#include "simphone/files.h"
 #include "simphone/keys.h"
+#include "simphone/text.h"
 
-#include <cerrno>
 #include <climits>
-#include <cstring>
 #include <iomanip>
 #include <map>
 #include <sstream>
@@ -135,9 +133,10 @@ constexpr auto TEXT_FLAGS =
 } // namespace
 
 bool ReadDescription(const std::string& file, const std::vector<std::string>& settings,
-                     Description& description, std::string& error, std::string* text) {
+                     Description& description, std::string& error) {
     toml::table table;
-    if (!ReadTable(file, table, error)) {
+    description = {};
+    if (!ReadTable(file, table, error, &description.text)) {
         return false;
     }
     for (const std::string& setting : settings) {
@@ -145,16 +144,12 @@ bool ReadDescription(const std::string& file, const std::vector<std::string>& se
             return false;
         }
     }
-    if (text != nullptr && settings.empty() && !ReadWholeFile(file, *text)) {
-        return Failed(error, file + ": " + strerror(errno));
-    }
-    if (text != nullptr && !settings.empty()) {
+    if (!settings.empty()) {
         std::ostringstream stream;
         stream << toml::toml_formatter(table, TEXT_FLAGS) << "\n";
-        *text = stream.str();
+        description.text = stream.str();
     }
     std::string wrong;
-    description = {};
     TakePhone({table, wrong}, description);
     error = wrong.empty() ? "" : file + ": " + wrong;
     return wrong.empty();

@@ -33,13 +33,12 @@ struct Description {
     uint32_t maxHwSectorsKb;         // UFS: KiB in one request of the host; 0 without a limit
     std::optional<timeval> clock;    // where it stands still
     std::vector<Fault> faults;
+    std::string text; // from which ReadDescription makes the same one
 };
 
 // Reads a description, with other values for the keys that the settings name (KEY=VALUE, see SetKey
-// in keys.h). `text`, if it is given, becomes that of a description in which the settings stand;
-// without settings it is the file's own. Returns false with a text for the user, which names the
-// file, and the key or the setting.
+// in keys.h). Returns false with an error for the user, which names the file, and the key or the
+// setting.
 [[nodiscard]] bool ReadDescription(const std::string& file,
                                    const std::vector<std::string>& settings,
-                                   Description& description, std::string& error,
-                                   std::string* text = nullptr);
+                                   Description& description, std::string& error);

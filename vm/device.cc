@@ -6,6 +6,7 @@
 //                                        ("command") or the device has carried it out ("download")
 #include "simphone/device/device.h"
 #include "simphone/files.h"
+#include "simphone/text.h"
 
 #include <algorithm>
 #include <atomic>
@@ -115,13 +116,13 @@ void WriteBuffer(const Device& device, Command& command) {
     request.dxfer_len = static_cast<unsigned>(command.data.size());
     request.sbp = command.sense;
     request.mx_sb_len = sizeof(command.sense);
-    std::string response;
-    const int error = AnswerScsi(device.phone, phone.answers[turn], 0, O_RDWR, request, response);
+    Reply reply;
+    const int error = AnswerScsi(device.phone, phone.answers[turn], 0, O_RDWR, request, reply);
     if (error != 0) {
         Stop(std::string("WRITE BUFFER: ") + strerror(error));
     }
     command.status = request.status;
-    std::ofstream(log, std::ios::app) << text << response << "\n";
+    std::ofstream(log, std::ios::app) << text << reply.text << "\n";
     if (device.cut == "download") {
         EndPower(device);
     }

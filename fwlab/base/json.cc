@@ -1,6 +1,6 @@
 #include "fwlab/base/json.h"
 
-#include "simphone/files.h"
+#include "simphone/text.h"
 
 #include <algorithm>
 #include <fmt/format.h>

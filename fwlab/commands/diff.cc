@@ -3,7 +3,7 @@
 #include "fwlab/package/difference.h"
 #include "fwlab/package/spans.h"
 #include "fwlab/phone/decision.h"
-#include "simphone/files.h"
+#include "simphone/text.h"
 
 #include <algorithm>
 #include <fmt/format.h>

@@ -2,7 +2,7 @@
 #include "fwlab/base/json.h"
 #include "fwlab/commands/commands.h"
 #include "fwlab/package/spans.h"
-#include "simphone/files.h"
+#include "simphone/text.h"
 
 #include <algorithm>
 #include <fmt/format.h>

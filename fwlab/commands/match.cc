@@ -2,6 +2,7 @@
 #include "fwlab/base/json.h"
 #include "fwlab/commands/commands.h"
 #include "fwlab/phone/decision.h"
+#include "simphone/text.h"
 
 #include <fmt/format.h>
 

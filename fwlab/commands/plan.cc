@@ -4,7 +4,7 @@
 #include "fwlab/package/spans.h"
 #include "fwlab/phone/fleet.h"
 #include "fwlab/phone/state_directory.h"
-#include "simphone/files.h"
+#include "simphone/text.h"
 
 #include <algorithm>
 #include <fmt/format.h>

@@ -12,8 +12,10 @@
 #include "run/state_flags.h"
 #include "simphone/files.h"
 #include "simphone/phone.h"
+#include "simphone/text.h"
 #include "simphone/tool_run.h"
 
+#include <algorithm>
 #include <cstring>
 #include <filesystem>
 #include <fmt/format.h>
@@ -58,17 +60,14 @@ void TellTimeLine(const RunResult& run, Report& report) {
     }
 }
 
-void TellPhone(const std::string& phone, const Report& report) {
-    std::string shown;
-    std::string error;
-    if (!ShowPhone(phone, shown, error)) {
-        throw Stop{2, error};
-    }
-    report.Say("{}", shown);
+Texts TextsOf(const std::vector<Fault>& faults) {
+    Texts texts;
+    std::transform(faults.begin(), faults.end(), std::back_inserter(texts), FaultText);
+    return texts;
 }
 
 // Returns whether the state that the run has left is fine.
-bool Run(const Texts& faults, const std::string& phone, Report& report) {
+bool Run(const std::vector<Fault>& faults, const Phone& phone, Report& report) {
     RunOptions options;
     options.faults = faults;
     const RunResult run = RunTool(phone, Companion("ffu"), options);
@@ -76,7 +75,7 @@ bool Run(const Texts& faults, const std::string& phone, Report& report) {
     if (!run.error.empty()) {
         throw Stop{2, run.error};
     }
-    report.json["runs"].push_back({{"faults", faults},
+    report.json["runs"].push_back({{"faults", TextsOf(faults)},
                                    {"exit_status", run.exitStatus},
                                    {"signal", run.signal},
                                    {"timed_out", run.timedOut}});
@@ -84,13 +83,13 @@ bool Run(const Texts& faults, const std::string& phone, Report& report) {
     if (!run.unmetFaults.empty()) {
         throw Stop{2, fmt::format("{} met no call of the run: {}",
                                   run.unmetFaults.size() == 1 ? "this fault" : "these faults",
-                                  fmt::join(run.unmetFaults, "; "))};
+                                  fmt::join(TextsOf(run.unmetFaults), "; "))};
     }
     report.Say("\nThe run ended with {} {}{}.\n", run.signal != 0 ? "signal" : "exit status",
                run.signal != 0 ? run.signal : run.exitStatus,
                run.timedOut ? ": it took too long" : "");
-    TellPhone(phone, report);
-    const StateReport state = DescribeState(phone + STATE_DIR);
+    report.Say("{}", ShowPhone(phone));
+    const StateReport state = DescribeState(phone.directory + STATE_DIR);
     report.Say("{}\n", state.text);
     report.json["runs"].back()["state"] = NameOf(state.state);
     return state.isFine;
@@ -120,12 +119,13 @@ bool Runs(const std::string& phone, const Package& package, const Entry* entry, 
 }
 
 // Whether another run, without the faults of the first, leaves the phone alone.
-bool FindsNothingToDo(const std::string& phone, Report& report) {
-    const std::string record = Content(phone + RESULT_FILE);
+bool FindsNothingToDo(const Phone& phone, Report& report) {
+    const std::string& directory = phone.directory;
+    const std::string record = Content(directory + RESULT_FILE);
     report.Say("\nThe second run:\n");
     (void)Run({}, phone, report); // the first one was judged
-    const bool isQuiet = Content(phone + RESULT_FILE) == record && fs::exists(phone + END_FLAG) &&
-                         !fs::exists(phone + BEGIN_FLAG);
+    const bool isQuiet = Content(directory + RESULT_FILE) == record &&
+                         fs::exists(directory + END_FLAG) && !fs::exists(directory + BEGIN_FLAG);
     report.json["second_run_is_quiet"] = isQuiet;
     report.Say("The second run {} nothing to do.\n", isQuiet ? "found" : "did NOT find");
     return isQuiet;
@@ -135,13 +135,14 @@ bool FindsNothingToDo(const std::string& phone, Report& report) {
 
 int Rehearse(const RehearseOptions& options, bool asJson) {
     std::string error;
-    Fault fault;
-    for (const std::string& text : options.faults) { // before anything is made
-        if (!ParseFault(text, fault, error)) {
+    std::vector<Fault> faults;
+    for (const std::string& text : options.faults) {
+        if (!ParseFault(text, faults.emplace_back(), error)) {
             throw Stop{2, error};
         }
     }
-    const Device device = DeviceOf(ReadPhone(options.phone, options.settings));
+    Phone phone = {"", ReadPhone(options.phone, options.settings)};
+    const Device device = DeviceOf(phone.description);
     const Package package = OpenPackage(options.package, device.identity.layout);
     if (package.size > PACKAGE_SIZE_MAX) {
         throw Stop{1, options.package + " " + package.flaw};
@@ -152,19 +153,18 @@ int Rehearse(const RehearseOptions& options, bool asJson) {
     const Entry* entry = decision.verdict == Verdict::UPDATE ? decision.sent : decision.PreCheck();
 
     const WorkFolder folder;
-    const std::string phone = options.keep.empty() ? folder.path + "/phone" : options.keep;
-    if (!MakePhone(options.phone, options.settings, phone, error) ||
-        !PutPackage(options.package, phone, error)) {
+    phone.directory = options.keep.empty() ? folder.path + "/phone" : options.keep;
+    if (!MakePhone(phone.description, phone.directory, error) ||
+        !PutPackage(phone, options.package, error)) {
         throw Stop{2, error};
     }
     Report report = {asJson, options.quiet, {{"runs", Json::array()}}};
-    TellPhone(phone, report);
-    report.Say("\n");
-    bool isUpdated = Run(options.faults, phone, report);
+    report.Say("{}\n", ShowPhone(phone));
+    bool isUpdated = Run(faults, phone, report);
     if (!RebootPhone(phone, error)) {
         throw Stop{2, error};
     }
-    isUpdated = Runs(phone, package, entry, report) && isUpdated;
+    isUpdated = Runs(phone.directory, package, entry, report) && isUpdated;
     if (options.runAgain) {
         isUpdated = FindsNothingToDo(phone, report) && isUpdated;
     }

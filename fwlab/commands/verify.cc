@@ -2,7 +2,7 @@
 #include "fwlab/commands/commands.h"
 #include "fwlab/package/difference.h"
 #include "fwlab/package/spans.h"
-#include "simphone/files.h"
+#include "simphone/text.h"
 
 #include <fmt/format.h>
 

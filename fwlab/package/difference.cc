@@ -2,7 +2,7 @@
 #include "fwlab/package/difference.h"
 
 #include "fwlab/package/spans.h"
-#include "simphone/files.h"
+#include "simphone/text.h"
 
 #include <algorithm>
 

@@ -9,6 +9,7 @@
 #include "emmc/emmc_update.h"
 #include "run/package_check.h"
 #include "run/step.h"
+#include "simphone/text.h"
 #include "ufs/ufs_identity.h"
 #include "ufs/ufs_selection.h"
 #include "ufs/ufs_write_buffer.h"

@@ -2,6 +2,7 @@
 #include "simphone/device/device.h"
 
 #include "simphone/files.h"
+#include "simphone/text.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -80,16 +81,22 @@ std::string RespondAs(sg_io_hdr& request, const Answer& answer) {
 
 } // namespace
 
-std::string DescribeScsi(const sg_io_hdr& request) {
+Request DescribeScsi(const sg_io_hdr& request) {
     const bool hasCdb = request.cmdp != nullptr && request.cmd_len > 0;
-    return Text("SG_IO %s cdb=%s data=%u timeout=%ums",
-                hasCdb && request.cmdp[0] == WRITE_BUFFER ? "WRITE BUFFER" : "other",
-                hasCdb ? Hex(request.cmdp, request.cmd_len).c_str() : "null", request.dxfer_len,
-                request.timeout);
+    const bool isWriteBuffer = hasCdb && request.cmdp[0] == WRITE_BUFFER;
+    return {isWriteBuffer ? RequestKind::SCSI_WRITE_BUFFER : RequestKind::OTHER_SCSI,
+            Taken::NOTHING,
+            Text("SG_IO %s cdb=%s data=%u timeout=%ums", isWriteBuffer ? "WRITE BUFFER" : "other",
+                 hasCdb ? Hex(request.cmdp, request.cmd_len).c_str() : "null", request.dxfer_len,
+                 request.timeout)};
+}
+
+Request DescribeScsiReset(int type) {
+    return {RequestKind::SCSI_RESET, Taken::NOTHING, Text("SG_SCSI_RESET type=%d", type)};
 }
 
 int AnswerScsi(const std::string& directory, const Answer& answer, uint32_t maxHwSectorsKb,
-               int openFlags, sg_io_hdr& request, std::string& response) {
+               int openFlags, sg_io_hdr& request, Reply& reply) {
     if ((openFlags & O_ACCMODE) != O_RDWR) {
         return EPERM;
     }
@@ -104,7 +111,7 @@ int AnswerScsi(const std::string& directory, const Answer& answer, uint32_t maxH
         return EFAULT;
     }
     if (const uint8_t asc = Illegal(request)) {
-        response = RespondSense(request, {Answer::Kind::SENSE, 0, ILLEGAL_REQUEST, asc, 0});
+        reply.text = RespondSense(request, {Answer::Kind::SENSE, 0, ILLEGAL_REQUEST, asc, 0});
         return 0;
     }
     const bool isTaken = answer.kind == Answer::Kind::ACCEPTED ||
@@ -114,6 +121,6 @@ int AnswerScsi(const std::string& directory, const Answer& answer, uint32_t maxH
          !WriteWholeFile(directory + "/device/pending", "", 0))) {
         return EIO;
     }
-    response = RespondAs(request, answer);
+    reply = {isTaken ? Taken::WHOLE : Taken::NOTHING, RespondAs(request, answer)};
     return 0;
 }
