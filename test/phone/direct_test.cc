@@ -14,6 +14,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace {
@@ -104,6 +105,21 @@ TEST_F(DirectTest, ResultOfARequestIsTheStatus) {
                            [&] { status = EmmcFfu(EMMC_FW_PACKAGE, EMMC_FW_PACKAGE, 0, 0); });
         EXPECT_EQ(status, expected) << faults;
     }
+}
+
+// Every file that is opened gets number 0 then.
+TEST_F(DirectTest, RunNeedsNoStandardInput) {
+    const int input = dup(STDIN_FILENO);
+    for (const std::string& phone : {GkiPhone(), NormalPhone(), UfsPhone()}) {
+        Make(phone, {{EMMC_PACKAGE, EmmcEntry()}, {UFS_PACKAGE, UfsEntry()}});
+        const RunResult run = RunInProcess(directory, [] {
+            syscall(SYS_close, STDIN_FILENO);
+            EXPECT_EQ(UpdateRun(), 0);
+        });
+        dup2(input, STDIN_FILENO);
+        EXPECT_EQ(Left(), PASS) << Console(run);
+    }
+    close(input);
 }
 
 // The stack holds the last record then.
