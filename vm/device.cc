@@ -4,6 +4,7 @@
 // in the phone's directory, which outlives the machine.
 //   vm_device UIO MAP_SIZE PHONE [CUT]   CUT: the power ends when WRITE BUFFER has come
 //                                        ("command") or the device has carried it out ("download")
+//   vm_device PHONE                      only checks that this machine can be the phone
 #include "simphone/device/device.h"
 #include "simphone/files.h"
 
@@ -259,10 +260,15 @@ void ServeAll(Device& device, char* base) {
 } // namespace
 
 int main(int argc, char** argv) {
+    Device device;
+    if (argc == 2) {
+        device.phone = argv[1];
+        (void)ReadPhone(device);
+        return 0;
+    }
     if (argc < 4) {
         Stop("usage: vm_device UIO MAP_SIZE PHONE [CUT]");
     }
-    Device device;
     device.phone = argv[3];
     device.cut = argc > 4 ? argv[4] : "";
     const int fd = open(argv[1], O_RDWR | O_CLOEXEC);
