@@ -1,10 +1,12 @@
 # Everything under Address-, Leak- and UndefinedBehaviorSanitizer, with what libFuzzer needs; by
-# clang. The runtime is a library: built into a program it would stand ahead of the simulated phone.
+# clang. A variable without an initial value holds a pattern, so that it is never zero by chance. The
+# runtime is a library: built into a program it would stand ahead of the simulated phone.
 execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-runtime-dir
     OUTPUT_VARIABLE RUNTIME_FOLDER OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
 add_compile_options(
     -O1 -fno-omit-frame-pointer -fno-sanitize-recover=all
     -fsanitize=fuzzer-no-link,address,undefined
+    -ftrivial-auto-var-init=pattern
     -fsanitize-ignorelist=${CMAKE_CURRENT_LIST_DIR}/sanitizers-ignore.txt)
 add_compile_definitions(NDEBUG) # the TOML library's assertions do not hold
 add_link_options(-fsanitize=address,undefined -shared-libasan -Wl,-rpath,${RUNTIME_FOLDER})

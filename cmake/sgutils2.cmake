@@ -1,5 +1,6 @@
-# sg3_utils' library. Its calls changed their arguments between releases, so the signatures that
-# ufs/ relies on are checked here: another release stops the build with a clear message.
+# sg3_utils' library. Its calls changed their arguments between releases, so their declarations in
+# its headers are compared with those that ufs/ relies on: where they differ, the build stops with a
+# clear message. What an argument means, and the library behind the headers, cannot be checked.
 include(CheckCXXSourceCompiles)
 
 find_library(SGUTILS2_LIBRARY sgutils2 REQUIRED)

@@ -15,7 +15,7 @@ constexpr unsigned MMC_BLOCK_SIZE = 512;
 [[nodiscard]] bool IsGkiMode();
 
 // Clears request and fills it for MMC_IOC_CMD, with an R1 response and a data transfer: blocks
-// times MMC_BLOCK_SIZE bytes at data (borrowed; null if blocks is 0). writeFlag is 1 for data to
-// the device, else 0. Returns 0, or non-zero when request cannot be cleared.
+// times MMC_BLOCK_SIZE bytes at data (borrowed; may be null if blocks is 0). writeFlag is 1 for
+// data to the device, else 0. Returns 0, or non-zero when request cannot be cleared.
 [[nodiscard]] int MakeMmcRequest(int writeFlag, uint32_t opcode, uint32_t blocks,
                                  const uint8_t* data, mmc_ioc_cmd& request);

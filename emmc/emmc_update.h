@@ -4,9 +4,9 @@
 #include "fwpkg/firmware_package.h"
 
 // Applies the package at emmcFwFile (useBackupFile zero) or emmcFwBackupFile (non-zero) to the
-// local device; neither path may be null. downloadOnly is passed on to DoEmmc50Ffu.
-// Returns 0 when firmware was downloaded and, unless left out, installed; -2 (-ENOENT) when there
-// was nothing to do or a path is null; any other value on a failure.
+// local device; a null path is refused, whichever is used. downloadOnly is passed on to
+// DoEmmc50Ffu. Returns 0 when firmware was downloaded and, unless left out, installed; -2 (-ENOENT)
+// when there was nothing to do or a path is null; any other value on a failure.
 [[nodiscard]] int EmmcFfu(const char* emmcFwFile, const char* emmcFwBackupFile, int downloadOnly,
                           int useBackupFile);
 

@@ -5,6 +5,8 @@
 #include "fwlab/phone/device.h"
 #include "simphone/text.h"
 
+#include "version.h"
+
 #include <algorithm>
 #include <CLI/CLI.hpp>
 #include <csignal>
@@ -250,7 +252,7 @@ void RequireCommand(const CLI::App& app, int argc, char** argv) {
 
 int Run(int argc, char** argv) {
     CLI::App app("Makes, inspects, matches and rehearses firmware packages", "fwlab");
-    app.set_version_flag("--version", "fwlab " FFU_VERSION);
+    app.set_version_flag("--version", std::string("fwlab ") + FFU_VERSION);
     app.require_subcommand(1);
     app.footer("Exit status: 0 fine, 1 the answer is no or there are findings, 2 wrong usage or "
                "input that cannot be read.");

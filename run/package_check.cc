@@ -16,8 +16,9 @@
 
 namespace {
 
-// The routine that messages name when one of its helpers logs them.
+// The routines that messages name when one of their helpers logs them.
 constexpr char PARSE_FW_BIN[] = "ParseFwBin";
+constexpr char CHECK_FW_BIN[] = "CheckFwBin";
 
 // step is the routine that messages name.
 [[nodiscard]] int CopyRevs(const char* step, const uint8_t* rev, size_t revSize,
@@ -35,7 +36,7 @@ constexpr char PARSE_FW_BIN[] = "ParseFwBin";
 }
 
 [[nodiscard]] size_t FindEmmcEntryByPnm(const uint8_t* package, size_t size, const char* pnm) {
-    // The scan leaves out the last offset at which a header fits: no body can follow there.
+    // The scan leaves out the last offset at which a header fits: only an empty body can follow.
     const size_t scanned = size == 0 ? 0 : size - 1;
     for (size_t p = FindEmmcEntry(package, scanned, 0); p < scanned;
          p = FindEmmcEntry(package, scanned, p + 1)) {
@@ -60,13 +61,23 @@ constexpr char PARSE_FW_BIN[] = "ParseFwBin";
     return size;
 }
 
-[[nodiscard]] int GetEmmcRev(const uint8_t* header, PackageRevs& revs) {
-    const auto& entry = *reinterpret_cast<const EmmcFwHeader*>(header);
+[[nodiscard]] int GetEmmcRev(const DeviceInfo& device, const uint8_t* package, size_t size,
+                             PackageRevs& revs) {
+    const size_t p = FindEmmcEntryByPnm(package, size, device.pnm);
+    if (p == size) {
+        return ENTRY_NOT_FOUND;
+    }
+    const auto& entry = *reinterpret_cast<const EmmcFwHeader*>(package + p);
     return CopyRevs(__func__, entry.emmcFwRev, sizeof(entry.emmcFwRev), entry.legalBaseRev, revs);
 }
 
-[[nodiscard]] int GetUfsRev(const uint8_t* header, PackageRevs& revs) {
-    const auto& entry = *reinterpret_cast<const UfsFwHeader*>(header);
+[[nodiscard]] int GetUfsRev(const DeviceInfo& device, const uint8_t* package, size_t size,
+                            PackageRevs& revs) {
+    const size_t p = FindUfsEntryByPnm(package, size, device.pnm);
+    if (p == size) {
+        return ENTRY_NOT_FOUND;
+    }
+    const auto& entry = *reinterpret_cast<const UfsFwHeader*>(package + p);
     return CopyRevs(__func__, entry.ufsProductRevisionLevel, sizeof(entry.ufsProductRevisionLevel),
                     entry.legalBaseRev, revs);
 }
@@ -98,13 +109,7 @@ constexpr char PARSE_FW_BIN[] = "ParseFwBin";
     return result;
 }
 
-} // namespace
-
-int ParseFwBin(const DeviceInfo& device, PackageRevs& revs) {
-    const char* path = device.type == DEVICE_EMMC ? EMMC_FW_PACKAGE : UFS_FW_PACKAGE;
-    if (access(path, F_OK) != 0) {
-        return PACKAGE_NOT_FOUND;
-    }
+[[nodiscard]] int ParseFwBin(const char* path, const DeviceInfo& device, PackageRevs& revs) {
     const int fd = open(path, O_RDONLY);
     if (fd < 0) {
         SYSTEM_LOG("FFU process %s: Open FW file failed! %s\n", __func__, strerror(errno));
@@ -115,18 +120,16 @@ int ParseFwBin(const DeviceInfo& device, PackageRevs& revs) {
     return result;
 }
 
+} // namespace
+
 size_t FindEntry(const DeviceInfo& device, const uint8_t* package, size_t size) {
     return device.type == DEVICE_EMMC ? FindEmmcEntryByPnm(package, size, device.pnm)
                                       : FindUfsEntryByPnm(package, size, device.pnm);
 }
 
 int GetRevs(const DeviceInfo& device, const uint8_t* package, size_t size, PackageRevs& revs) {
-    const size_t entry = FindEntry(device, package, size);
-    if (entry == size) {
-        return ENTRY_NOT_FOUND;
-    }
-    return device.type == DEVICE_EMMC ? GetEmmcRev(package + entry, revs)
-                                      : GetUfsRev(package + entry, revs);
+    return device.type == DEVICE_EMMC ? GetEmmcRev(device, package, size, revs)
+                                      : GetUfsRev(device, package, size, revs);
 }
 
 bool IsSameRev(const char* localFwRev, const char* fwFileRev) {
@@ -150,30 +153,35 @@ bool CheckBaseRev(const DeviceInfo& device, const uint8_t* legalBaseRev) {
     return false;
 }
 
-// Turns the result of ParseFwBin into the result of a step.
-int CheckFwBin(const DeviceInfo& device, int parsed, const PackageRevs& revs) {
-    if (parsed == PACKAGE_NOT_FOUND) {
-        SYSTEM_LOG("FFU process %s: fw file not found, exit.\n", __func__);
-        return STEP_NOTHING_TO_DO;
-    }
+int JudgeRevs(const DeviceInfo& device, int parsed, const PackageRevs& revs) {
     if (parsed == ENTRY_NOT_FOUND) {
-        SYSTEM_LOG("FFU process %s: pnm not found in fw file. no need to update. \n", __func__);
+        SYSTEM_LOG("FFU process %s: pnm not found in fw file. no need to update. \n", CHECK_FW_BIN);
         return STEP_NOTHING_TO_DO;
     }
     if (parsed != 0) {
-        SYSTEM_LOG("FFU process %s: Parse rev in fw file failed!\n", __func__);
+        SYSTEM_LOG("FFU process %s: Parse rev in fw file failed!\n", CHECK_FW_BIN);
         return STEP_FAILED;
     }
     if (IsSameRev(device.localFwRev, revs.fwFileRev)) {
-        SYSTEM_LOG("FFU process %s: local fw rev %s is as new as fwBin\n", __func__,
+        SYSTEM_LOG("FFU process %s: local fw rev %s is as new as fwBin\n", CHECK_FW_BIN,
                    device.localFwRev);
         return STEP_NOTHING_TO_DO;
     }
-    SYSTEM_LOG("FFU process %s: pnm:%s current:%s, fwBinRev:%s\n", __func__, device.pnm,
+    SYSTEM_LOG("FFU process %s: pnm:%s current:%s, fwBinRev:%s\n", CHECK_FW_BIN, device.pnm,
                device.localFwRev, revs.fwFileRev);
     if (!CheckBaseRev(device, revs.legalBaseRev)) {
-        SYSTEM_LOG("FFU process %s: local fw rev is not valid for FFU. Skip updating.\n", __func__);
+        SYSTEM_LOG("FFU process %s: local fw rev is not valid for FFU. Skip updating.\n",
+                   CHECK_FW_BIN);
         return STEP_NOTHING_TO_DO;
     }
     return STEP_DONE;
+}
+
+int CheckFwBin(const DeviceInfo& device, PackageRevs& revs) {
+    const char* path = device.type == DEVICE_EMMC ? EMMC_FW_PACKAGE : UFS_FW_PACKAGE;
+    if (access(path, F_OK) != 0) {
+        SYSTEM_LOG("FFU process %s: fw file not found, exit.\n", __func__);
+        return STEP_NOTHING_TO_DO;
+    }
+    return JudgeRevs(device, ParseFwBin(path, device, revs), revs);
 }

@@ -1,6 +1,7 @@
 // Keeps the record of attempts, so that no run repeats the last attempt. The run reads it when the
-// package has an update, and appends to it before it starts the update. A failure here ends the run
-// without an update. The record is never shortened, repaired or removed.
+// package has an update, and appends to it before it starts the update. A record that cannot be
+// read, or to which nothing can be written, ends the run without an update; a failed sync or a
+// write in part does not. The record is never shortened, repaired or removed.
 #include "run/result_record.h"
 
 #include "platform/bounded.h"
@@ -84,9 +85,9 @@ int WriteResultFile(const char* pnm, const char* localFwRev, const char* fwFileR
 }
 
 void ReadLastLine(FILE* file, ResultLine& line) {
-    // When a read fails inside a line, fgets may return its beginning. That is not a whole line.
+    // A read that fails may leave its bytes in the buffer.
     ResultLine next = {};
-    while (fgets(next.data(), next.size(), file) != nullptr && ferror(file) == 0) {
+    while (fgets(next.data(), next.size(), file) != nullptr) {
         line = next;
     }
 }

@@ -32,8 +32,8 @@ constexpr char TARGET_REV_KEY[] = "upgrading to version:";
 using ResultLine = std::array<char, RESULT_LINE_SIZE>;
 
 // Reads file, a record, to its end or to a read error. line, zeroed by the caller, then holds the
-// last line, or the last piece of a line that is longer than line. A line in which a read failed
-// does not count.
+// last line, or the last piece of a line that is longer than line. The beginning of a line in which
+// a read failed is such a piece if the C library delivers it.
 void ReadLastLine(FILE* file, ResultLine& line);
 
 // The revisions of the last attempt, terminated.

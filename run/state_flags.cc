@@ -80,7 +80,7 @@ void UpdateResultFlag(int result, const char* fwBinRev) {
         SYSTEM_LOG("FFU process %s: %s open file fail\n", __func__, __func__);
         return;
     }
-    // The file's presence is the outcome. The time in it is only for people.
+    // The file's presence is the outcome, its time tells of which attempt.
     (void)!write(fd, timeText, strlen(timeText));
     close(fd);
 }

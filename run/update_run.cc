@@ -21,8 +21,7 @@ int UpdateRun() {
         return 0;
     }
     PackageRevs revs = {};
-    const int parsed = ParseFwBin(device, revs);
-    int step = CheckFwBin(device, parsed, revs);
+    int step = CheckFwBin(device, revs);
     if (step == STEP_DONE) {
         step = CheckResultFile(revs.fwFileRev);
     }

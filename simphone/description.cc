@@ -12,14 +12,14 @@
 
 namespace {
 
-bool ParseAnswer(const std::string& text, Answer& answer) {
-    static const std::map<std::string, Answer::Kind> kinds = {
-        {"sense", Answer::Kind::SENSE},
-        {"descriptor-sense", Answer::Kind::DESCRIPTOR_SENSE},
-        {"status", Answer::Kind::STATUS},
-        {"host", Answer::Kind::HOST_STATUS},
-        {"driver", Answer::Kind::DRIVER_STATUS},
-        {"good", Answer::Kind::ACCEPTED}};
+bool ParseAnswer(const std::string& text, DeviceAnswer& answer) {
+    static const std::map<std::string, DeviceAnswer::Kind> kinds = {
+        {"sense", DeviceAnswer::Kind::SENSE},
+        {"descriptor-sense", DeviceAnswer::Kind::DESCRIPTOR_SENSE},
+        {"status", DeviceAnswer::Kind::STATUS},
+        {"host", DeviceAnswer::Kind::HOST_STATUS},
+        {"driver", DeviceAnswer::Kind::DRIVER_STATUS},
+        {"good", DeviceAnswer::Kind::ACCEPTED}};
     std::istringstream words(text);
     std::string kind, rest;
     words >> kind;
@@ -37,7 +37,7 @@ bool ParseAnswer(const std::string& text, Answer& answer) {
         answer.asc = static_cast<uint8_t>(asc);
         answer.ascq = static_cast<uint8_t>(ascq);
         isRight = words && slash == '/' && secondSlash == '/' && key < 16 && (asc | ascq) < 256;
-    } else if (answer.kind != Answer::Kind::ACCEPTED) {
+    } else if (answer.kind != DeviceAnswer::Kind::ACCEPTED) {
         words >> std::setbase(0) >> answer.value;
         isRight = words && answer.value > 0 && answer.value < 256;
     }

@@ -12,7 +12,7 @@
 #include <vector>
 
 // How the UFS device answers a WRITE BUFFER that is in order.
-struct Answer {
+struct DeviceAnswer {
     enum class Kind { ACCEPTED, SENSE, DESCRIPTOR_SENSE, STATUS, HOST_STATUS, DRIVER_STATUS };
     Kind kind;
     unsigned value; // of a SCSI, host or driver status
@@ -29,9 +29,9 @@ struct Description {
     std::string revision, firmwareRevision; // raw bytes: at most 8 for eMMC, 4 for UFS
     uint8_t extCsdRev, cid[16];             // eMMC
     std::string manfid, productName; // UFS, as the nodes read; eMMC: productName without line feed
-    std::vector<Answer> answers;     // UFS; the last one stays
-    uint32_t maxHwSectorsKb;         // UFS: KiB in one request of the host; 0 without a limit
-    std::optional<timeval> clock;    // where it stands still
+    std::vector<DeviceAnswer> answers; // UFS; the last one stays
+    uint32_t maxHwSectorsKb;           // UFS: KiB in one request of the host; 0 without a limit
+    std::optional<timeval> clock;      // where it stands still
     std::vector<Fault> faults;
     std::string text; // from which ReadDescription makes the same one
 };

@@ -1,7 +1,7 @@
 // The journal of a run: a line for each call that the tool made, with what it logged or asked the
 // device by it, and a line for each fault, before the first call that it has met. Written by the
 // library, read by the workstation side.
-//   12 open /data/vendor/fw/ffu.bgn flags=0x241 = 3
+//   12 open /data/vendor/fw/ffu.bgn flags=0x42 mode=0770 = 3
 //   fault 0 SG_IO #1 EIO
 //   13 ioctl /dev/block/sdc fd=3 request=SG_IO = -1 EIO fault @214 SCSI_WRITE_BUFFER NOTHING ...
 #pragma once

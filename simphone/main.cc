@@ -5,6 +5,8 @@
 #include "simphone/text.h"
 #include "simphone/tool_run.h"
 
+#include "version.h"
+
 #include <CLI/CLI.hpp>
 #include <iostream>
 
@@ -49,7 +51,7 @@ int Run(const Phone& phone, const std::string& tool, const RunOptions& options) 
 int main(int argc, char** argv) {
     CLI::App app("A phone that is a directory: its nodes, its storage device, its faults",
                  "simphone");
-    app.set_version_flag("--version", "simphone " FFU_VERSION);
+    app.set_version_flag("--version", std::string("simphone ") + FFU_VERSION);
     app.require_subcommand(1);
     std::string file, directory, package, launcher, error;
     std::string tool = Companion("ffu");

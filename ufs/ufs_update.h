@@ -4,9 +4,9 @@
 #include "fwpkg/firmware_package.h"
 
 // Applies the package at ufsFwFile (useBackupFile zero) or ufsBackupFile (non-zero) to the local
-// device; neither path may be null. useDataDir: see UfsFwBodyPath.
-// Returns 0 when firmware was downloaded, -2 (-ENOENT) when nothing was sent to the device, -1 when
-// the download failed or the device record could not be cleared.
+// device; a null path is refused, whichever is used. useDataDir: see UfsFwBodyPath.
+// Returns 0 when firmware was downloaded, -1 when the download failed or the device record could
+// not be cleared, -2 (-ENOENT) when nothing was sent to the device for any other reason.
 [[nodiscard]] int UfsFfu(const char* ufsFwFile, const char* ufsBackupFile, int useDataDir,
                          int useBackupFile);
 

@@ -4,6 +4,7 @@
 // in the phone's directory, which outlives the machine.
 //   vm_device UIO MAP_SIZE PHONE [CUT]   CUT: the power ends when WRITE BUFFER has come
 //                                        ("command") or the device has carried it out ("download")
+//   vm_device PHONE                      only checks that this machine can be the phone
 #include "simphone/device/device.h"
 #include "simphone/files.h"
 #include "simphone/text.h"
@@ -68,9 +69,9 @@ Description ReadPhone(const Device& device) {
     if (phone.maxHwSectorsKb != 0 && phone.maxHwSectorsKb != 1024) {
         Stop("this machine's host takes 1024 KiB in one request: max_hw_sectors_kb");
     }
-    for (const Answer& answer : phone.answers) {
-        if (answer.kind == Answer::Kind::HOST_STATUS ||
-            answer.kind == Answer::Kind::DRIVER_STATUS) {
+    for (const DeviceAnswer& answer : phone.answers) {
+        if (answer.kind == DeviceAnswer::Kind::HOST_STATUS ||
+            answer.kind == DeviceAnswer::Kind::DRIVER_STATUS) {
             Stop("write_buffer: only the kernel can give a host or driver status");
         }
     }
@@ -260,10 +261,15 @@ void ServeAll(Device& device, char* base) {
 } // namespace
 
 int main(int argc, char** argv) {
+    Device device;
+    if (argc == 2) {
+        device.phone = argv[1];
+        (void)ReadPhone(device);
+        return 0;
+    }
     if (argc < 4) {
         Stop("usage: vm_device UIO MAP_SIZE PHONE [CUT]");
     }
-    Device device;
     device.phone = argv[3];
     device.cut = argc > 4 ? argv[4] : "";
     const int fd = open(argv[1], O_RDWR | O_CLOEXEC);

@@ -108,7 +108,7 @@ Step PreCheck(const Package& package, const Identity& device, PackageRevs& revs)
     const DeviceInfo info = InfoOf(device);
     const int parsed = package.size == 0 ? ENTRY_NOT_FOUND
                                          : GetRevs(info, package.bytes.get(), package.size, revs);
-    const int verdict = CheckFwBin(info, parsed, revs);
+    const int verdict = JudgeRevs(info, parsed, revs);
     const Entry* entry = parsed == 0
                              ? EntryAt(package, FindEntry(info, package.bytes.get(), package.size))
                              : nullptr;

@@ -42,5 +42,5 @@ int TakeGkiImage(const std::string& directory, const void* image, size_t count, 
 // Carries out one SG_IO; a WRITE BUFFER that is in order gets `answer`. Returns 0 with the response
 // in the request, or the error number that the kernel gives, EIO for more than maxHwSectorsKb KiB
 // (0: no limit).
-int AnswerScsi(const std::string& directory, const Answer& answer, uint32_t maxHwSectorsKb,
+int AnswerScsi(const std::string& directory, const DeviceAnswer& answer, uint32_t maxHwSectorsKb,
                int openFlags, sg_io_hdr& request, Reply& reply);

@@ -53,8 +53,10 @@ Node NodeOf(const char* path) {
 
 // The host's file system may not take direct I/O; Misaligned checks what a phone's would demand.
 template <typename Perform>
-int OpenCall(const char* function, const char* path, int flags, Perform perform) {
-    return Counted({{function, path, Text("flags=0x%x", static_cast<unsigned>(flags))}}, [&] {
+int OpenCall(const char* function, const char* path, int flags, mode_t mode, Perform perform) {
+    std::string arguments = Text("flags=0x%x", static_cast<unsigned>(flags));
+    arguments += (flags & O_CREAT) != 0 ? Text(" mode=0%o", mode) : "";
+    return Counted({{function, path, arguments}}, [&] {
         const int fd =
             perform(HostPath(path).c_str(), IsPhonePath(path) ? flags & ~O_DIRECT : flags);
         if (fd >= 0) {
@@ -149,7 +151,7 @@ int open(const char* path, int flags, ...) {
         va_end(more);
     }
     PASS_OTHERS(open, path, flags, mode);
-    return OpenCall("open", path, flags,
+    return OpenCall("open", path, flags, mode,
                     [&](const char* host, int kept) { return next(host, kept, mode); });
 }
 SAME(open64, open);
@@ -158,7 +160,7 @@ SAME(__open64_2, open);
 
 int creat(const char* path, mode_t mode) {
     PASS_OTHERS(creat, path, mode);
-    return OpenCall("creat", path, O_CREAT | O_WRONLY | O_TRUNC,
+    return OpenCall("creat", path, O_CREAT | O_WRONLY | O_TRUNC, mode,
                     [&](const char* host, int) { return next(host, mode); });
 }
 SAME(creat64, creat);

@@ -17,7 +17,7 @@ static void PreCheck(const std::string& pnm, const Bytes& package) {
         const int parsed = GetRevs(device, package.data(), package.size(), revs);
         const size_t entry = FindEntry(device, package.data(), package.size());
         Require((parsed == 0) == (entry < package.size()), "the entry lies inside");
-        (void)!CheckFwBin(device, parsed, revs);
+        (void)!JudgeRevs(device, parsed, revs);
     }
 }
 

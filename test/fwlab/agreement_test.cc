@@ -118,7 +118,7 @@ private:
         std::string slots;
         for (const size_t size = isUfs ? 4 : 8;
              (slots.empty() ? Chance(3) : true) && slots.size() < 16;) {
-            std::string slot = Revision(isUfs);
+            std::string slot = Chance(4) ? std::string(size, '\xFF') : Revision(isUfs); // unused
             slot.resize(size);
             slots += slot;
         }

@@ -343,7 +343,8 @@ TEST_F(FwlabTest, CaptureMakesTheSamePhoneAgain) {
             fs::remove_all(directory + left);
         }
         Put("/phone.toml", row.phone);
-        ASSERT_TRUE(MakePhone(directory + "/phone.toml", {}, directory + "/pulled", error))
+        ASSERT_TRUE(
+            MakePhone(DescriptionOf(directory + "/phone.toml"), directory + "/pulled", error))
             << error;
         if (row.phone.find("1024") != std::string::npos) {
             Put("/pulled/sys/block/sdc/queue/max_hw_sectors_kb", "1024\n");
@@ -353,7 +354,8 @@ TEST_F(FwlabTest, CaptureMakesTheSamePhoneAgain) {
         }
         Expect(Fwlab("capture pulled -o made.toml --firmware-revision " + row.options), 0,
                "made.toml: ");
-        ASSERT_TRUE(MakePhone(directory + "/made.toml", {}, directory + "/again", error)) << error;
+        ASSERT_TRUE(MakePhone(DescriptionOf(directory + "/made.toml"), directory + "/again", error))
+            << error;
         for (const std::string& node : PULLED_NODES) {
             EXPECT_EQ(Get("/again" + node), Get("/pulled" + node)) << node;
             // The same nodes under their names alone.

@@ -14,6 +14,8 @@
 
 #include <algorithm>
 #include <iterator>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 namespace {
 
@@ -91,16 +93,60 @@ TEST_F(DirectTest, ArgumentsThatNoRunHas) {
     EXPECT_EQ(Requests(run), "GKI write 512 -> 512\n");
 }
 
+TEST_F(DirectTest, ResultOfARequestIsTheStatus) {
+    const std::map<std::string, int> rows = {
+        {"'FFU_DOWNLOAD returns=7', 'FFU_INSTALL returns=8'", 7},
+        {"'FFU_INSTALL returns=8'", 8},
+    };
+    for (const auto& [faults, expected] : rows) {
+        Make(NormalPhone({{"faults", "[" + faults + "]"}}), {{EMMC_PACKAGE, EmmcEntry()}});
+        int status = 0;
+        (void)RunInProcess(directory,
+                           [&] { status = EmmcFfu(EMMC_FW_PACKAGE, EMMC_FW_PACKAGE, 0, 0); });
+        EXPECT_EQ(status, expected) << faults;
+    }
+}
+
+// Every file that is opened gets number 0 then.
+TEST_F(DirectTest, RunNeedsNoStandardInput) {
+    const int input = dup(STDIN_FILENO);
+    for (const std::string& phone : {GkiPhone(), NormalPhone(), UfsPhone()}) {
+        Make(phone, {{EMMC_PACKAGE, EmmcEntry()}, {UFS_PACKAGE, UfsEntry()}});
+        const RunResult run = RunInProcess(directory, [] {
+            syscall(SYS_close, STDIN_FILENO);
+            EXPECT_EQ(UpdateRun(), 0);
+        });
+        dup2(input, STDIN_FILENO);
+        EXPECT_EQ(Left(), PASS) << Console(run);
+    }
+    close(input);
+}
+
+// The stack holds the last record then.
+TEST_F(DirectTest, EmptyRecordIsNotTheOneReadBefore) {
+    Make(GkiPhone(), {{STATE + "/fw_result", AttemptRecord(EMMC_REV, EMMC_NEW_REV)}});
+    const std::string record = Path(STATE + "/fw_result");
+    int first = 0, second = 0;
+    (void)RunInProcess(directory, [&] {
+        first = CheckResultFile("FW000002");
+        EXPECT_EQ(truncate(record.c_str(), 0), 0);
+        second = CheckResultFile("FW000002");
+    });
+    EXPECT_EQ(first, 1);
+    EXPECT_EQ(second, -1);
+}
+
 TEST_F(DirectTest, OtherFolderTypeAndResult) {
     Make(UfsPhone(), {{UFS_PACKAGE, UfsEntry()}, {STATE + "/ffu.end", ""}});
-    int inTmp = -1, ofNoType = -1;
+    int inTmp = -1, inDataDir = -1, ofNoType = -1;
     const RunResult run = RunInProcess(directory, [&] {
         inTmp = UfsFfu(UFS_FW_PACKAGE, UFS_FW_PACKAGE, 0, 0);
+        inDataDir = UfsFfu(UFS_FW_PACKAGE, UFS_FW_PACKAGE, -1, 0);
         ofNoType = DoFfu('x');
         UpdateResultFlag(7, "0900");
     });
-    EXPECT_TRUE(inTmp == 0 && ofNoType == 0);
-    EXPECT_EQ(Count(Requests(run), " data=4 "), 2);
+    EXPECT_TRUE(inTmp == 0 && inDataDir == 0 && ofNoType == 0);
+    EXPECT_EQ(Count(Requests(run), " data=4 "), 3);
     Texts files; // the bodies: saved, read
     for (const CallEntry& call : run.calls) {
         const bool isOpened = call.function == "creat" || call.function == "open";
@@ -109,7 +155,7 @@ TEST_F(DirectTest, OtherFolderTypeAndResult) {
         }
     }
     const std::string tmp = "/tmp/ufs_fw_body.bin", data = "/data/vendor/fw/ufs_fw_body.bin";
-    EXPECT_EQ(files, (Texts{tmp, tmp, data, data}));
+    EXPECT_EQ(files, (Texts{tmp, tmp, data, data, data, data}));
     EXPECT_EQ(Left(), "ffu.end ffu.fail");
     EXPECT_EQ(Steps(run), "UpdateResultFlag: upgrade to 0900 fail");
 }

@@ -184,10 +184,17 @@ TEST_F(EmmcTest, RegistersAreTakenInEitherCaseAndNeverGarbled) {
 }
 
 // The body of the first entry for the device is told, whatever its revision; no other one's is.
+// Names and revisions are bytes, also behind a zero byte.
 TEST(EmmcSelection, BodyIsTheFirstMatchingEntrys) {
-    const std::string others = OTHER_MID + With(ENTRY, EMMC_SIZE_FIELD, "\x7F");
+    const std::string rev("FW\0\0\0\0\0A", 8), newRev("FW\0\0\0\0\0B", 8);
+    const auto entry = [](const std::string& carried, const std::string& body = "body") {
+        return With(EmmcEntry(carried, body), EMMC_PNM_FIELD, {"SIM\0\0A", 6});
+    };
+    const std::string others = With(entry(newRev), EMMC_MID_FIELD, "\x14") +
+                               With(entry(newRev), EMMC_PNM_FIELD, {"SIM\0\0B", 6}) +
+                               With(entry(newRev), EMMC_SIZE_FIELD, "\x7F");
     EmmcFwHeader device;
-    memcpy(&device, EmmcEntry(EMMC_REV).data(), sizeof(device));
+    memcpy(&device, entry(rev).data(), sizeof(device));
     const auto select = [&](const std::string& package, const std::string& body, int status) {
         const uint8_t* fwBody = nullptr;
         uint32_t size = 0;
@@ -197,8 +204,8 @@ TEST(EmmcSelection, BodyIsTheFirstMatchingEntrys) {
         EXPECT_EQ(std::string(fwBody, fwBody + size), body);
     };
     select(others, "", -ENOENT);
-    select(others + EmmcEntry(EMMC_REV, "same") + ENTRY, "same", -ENOENT);
-    select(others + EmmcEntry(EMMC_NEW_REV, "newer") + EmmcEntry(EMMC_REV), "newer", 0);
+    select(others + entry(rev, "same") + entry(newRev), "same", -ENOENT);
+    select(others + entry(newRev, "newer") + entry(rev), "newer", 0);
 }
 
 } // namespace

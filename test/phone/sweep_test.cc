@@ -44,7 +44,7 @@ const std::regex SILENT("(munmap|fclose|fsync|time|ctime|gettimeofday) .*"
                         "|access /dev/block/.*"       // no storage device: an end without a word
                         "|remove .*/(ffu.ok|ffu.fail|ufs_fw_body.bin) .*"
                         "|write .*/fw_result short=[1-9].*"
-                        "|write .*/(ffu.ok|ffu.fail) .*" // the time in it is for the reader only
+                        "|write .*/(ffu.ok|ffu.fail) .*" // the flag is there all the same
                         "|(fopen|fgets) /proc/devices .*");
 
 // Messages that tell how a run ends.

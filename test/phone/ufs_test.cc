@@ -12,7 +12,6 @@
 #include <filesystem>
 #include <regex>
 #include <scsi/sg_lib.h>
-#include <sys/stat.h>
 
 namespace {
 
@@ -96,7 +95,7 @@ std::string Verdict(int code, const std::string& trigger = TRIGGER) {
 TEST_F(UfsTest, OneTypicalRunInItsNineSteps) {
     const std::string body = Body(0x1A2B4);
     const std::string earlier = AttemptRecord("0700", "0800", UFS_PNM);
-    const std::string other = With(UfsEntry("1000", "x"), UFS_PNM_FIELD, "OTHER");
+    const std::string other = With(UfsEntry("1000", Body(65536)), UFS_PNM_FIELD, "OTHER");
     Make(UfsPhone(), {{UFS_PACKAGE, other + UfsEntry("0900", body)},
                       {STATE + "/fw_result", earlier},
                       {STATE + "/ffu.ok", "old"},
@@ -129,11 +128,11 @@ TEST_F(UfsTest, OneTypicalRunInItsNineSteps) {
         "ffu.bgn remove", "ffu.end open close"};
     EXPECT_EQ(Course(run), course);
     EXPECT_EQ(run.exitStatus, 0);
-    EXPECT_EQ(Console(run), "GetFwSize,line=118: ufsFwSize=0x1a335\n" + Identity() +
-                                R"(GetUfsFwFromFwBin,line=316: ufs fw find, fwNum=1, fwSize=0x1
+    EXPECT_EQ(Console(run), "GetFwSize,line=118: ufsFwSize=0x2a334\n" + Identity() +
+                                R"(GetUfsFwFromFwBin,line=316: ufs fw find, fwNum=1, fwSize=0x10000
 GetUfsFwFromFwBin,line=326: firmware not match
 GetUfsFwFromFwBin,line=316: ufs fw find, fwNum=2, fwSize=0x1a2b4
-GetUfsFwFromFwBin,line=320: ufsCurrentFwOffset=0x81
+GetUfsFwFromFwBin,line=320: ufsCurrentFwOffset=0x10080
 GetUfsFwFromFwBin,line=321: ufsCurrentFwSize=0x1a2b4
 GetUfsFwFromFwBin,line=322: firmware file match
 FwVerCheck,line=256: firmware match, but ufs_fw_rev not equal
@@ -211,6 +210,7 @@ TEST_F(UfsTest, EveryOutcomeOfADownload) {
         {"host 3", "", Refuse(-1), 99, "Write buffer:"},
         {"driver 6", "", Refuse(-1), 99, "Write buffer:"},
         {"good", "SG_IO ENODEV", Refuse(-1), 99, "Write buffer"},
+        {"good", "SG_IO ENXIO", Refuse(2), 2, "Write buffer"}, // the device is gone
         {"good", "calloc #2 ENOMEM", noObject + Refused(-1) + RESET + END, 99},
         {"good", "memalign ENOMEM", BEGIN_S + noMemory, 1},
         {"good", "open /dev/block/sdc ENXIO", BEGIN_S + noNode, 15},
@@ -218,6 +218,7 @@ TEST_F(UfsTest, EveryOutcomeOfADownload) {
         {"good", "read " + BODY_FILE + " EIO", BEGIN_S, 15, notRead},
         {"good", "close /dev/block/sdc EIO", SENT + END + notClosed, 15},
         {"status 0x08", "close /dev/block/sdc EIO", Refuse(26) + notClosed, 26},
+        {"host 3", "close /dev/block/sdc EIO", Refuse(-1) + notClosed, 99},
         {"status 0x08", "SG_SCSI_RESET EBUSY", Refused(26) + RESET + noReset, 26},
     };
     for (const auto& row : rows) {
@@ -233,6 +234,13 @@ TEST_F(UfsTest, EveryOutcomeOfADownload) {
     }
 }
 
+UfsFwHeader Header(const std::string& mid, const std::string& pnm, const std::string& rev) {
+    const std::string entry = With(With(UfsEntry(rev), UFS_MID_FIELD, mid), UFS_PNM_FIELD, pnm);
+    UfsFwHeader header;
+    memcpy(&header, entry.data(), sizeof(header));
+    return header;
+}
+
 TEST_F(UfsTest, OneManufacturersHostIsResetAfterAFailure) {
     const std::string unknown =
         R"(ufs_ffu_write_buffer,line=281: UFS_FFU_WRITE_BUFFER_FIX_ARGUMENT MID_UNKNOWN, use default !)";
@@ -243,8 +251,7 @@ TEST_F(UfsTest, OneManufacturersHostIsResetAfterAFailure) {
         {"0x00012c", "ufs_ffu_write_buffer,line=266: device: M*****"},
         {"0x0008b6", "ufs_ffu_write_buffer,line=271: device: KQ****"},
         {"0x000145", "ufs_ffu_write_buffer,line=276: device: SAN****"},
-        {"0x0001CE", unknown},
-        {"0x0001cf", unknown}};
+        {"0x0001CE", unknown}};
     for (const auto& [mid, message] : makers) {
         SCOPED_TRACE(mid);
         Make(UfsPhone({{"manfid", "'''" + mid + "'''"}, {"write_buffer", "'status 0x08'"}}),
@@ -253,6 +260,14 @@ TEST_F(UfsTest, OneManufacturersHostIsResetAfterAFailure) {
         EXPECT_EQ(Count(Console(run), "\n" + message + "\n" + BEGIN), 1);
         EXPECT_EQ(Count(Requests(run), "SG_SCSI_RESET"), mid == UFS_MID ? 1 : 0);
         ExpectEnd(Console(run), Refused(26) + (mid == UFS_MID ? RESET : "") + END + Verdict(26));
+    }
+    Make(UfsPhone(), {{BODY_FILE, "body"}});
+    for (const auto& [mid, message] : makers) {
+        for (const std::string& other : {"#" + mid.substr(1), mid.substr(0, 7) + "#"}) {
+            const RunResult run =
+                RunInProcess(directory, [&] { (void)!DoUfsFfu(Header(other, "", ""), 1); });
+            EXPECT_EQ(Count(Console(run), unknown), 1) << other;
+        }
     }
 }
 
@@ -269,13 +284,6 @@ TEST_F(UfsTest, OneCommandCarriesTheBodyUpTo8MiB) {
             sent == body ? 1 : 0);
         EXPECT_TRUE(Get("/device/downloaded.bin") == (size == 0 ? MISSING : sent));
     }
-}
-
-UfsFwHeader Header(const std::string& mid, const std::string& pnm, const std::string& rev) {
-    const std::string entry = With(With(UfsEntry(rev), UFS_MID_FIELD, mid), UFS_PNM_FIELD, pnm);
-    UfsFwHeader header;
-    memcpy(&header, entry.data(), sizeof(header));
-    return header;
 }
 
 // What the library keeps of an answer is freed with its object.
@@ -346,7 +354,6 @@ TEST_F(UfsTest, TriggerTestGoesItsWay) {
          "RemoveTriggerFile,line=400: remove trigger file error /splash2/test_ffu_trigger.tmp"},
     };
     const auto isPause = [](const CallEntry& call) { return call.function == "sleep"; };
-    const mode_t mask = umask(0);
     for (const auto& row : rows) {
         SCOPED_TRACE(row.fault);
         Make(UfsPhone(), {{UFS_PACKAGE, UfsEntry()}});
@@ -356,10 +363,8 @@ TEST_F(UfsTest, TriggerTestGoesItsWay) {
         EXPECT_EQ(Get(TRIGGER_FILE) == MISSING, row.fault != removal);
         ExpectEnd(Console(run), Verdict(0, ""));
     }
-    umask(mask);
     // The last run could not remove its file.
     EXPECT_TRUE(Get(TRIGGER_FILE) == std::string(128 * 8192, 'Z'));
-    EXPECT_EQ(static_cast<int>(std::filesystem::status(Path(TRIGGER_FILE)).permissions()), 0755);
 }
 
 TEST_F(UfsTest, NothingIsAppliedAfterAnEarlyFailure) {
@@ -474,6 +479,9 @@ TEST(UfsSelection, ManufacturerIsExactAndNameLenient) {
     for (const char* mid : {"0x0001cf", "1x0001ce", "0x0001c "}) {
         EXPECT_FALSE(matches(name, name, mid)) << mid;
     }
+    const std::string one("0x1ce\0\0A", 8), two("0x1ce\0\0B", 8); // bytes, not text
+    EXPECT_TRUE(UfsEntryMatches(Header(one, name, ""), Header(one, name, "")));
+    EXPECT_FALSE(UfsEntryMatches(Header(one, name, ""), Header(two, name, "")));
 }
 
 TEST(UfsSelection, RevisionsAreComparedAsFourBytes) {
@@ -510,7 +518,6 @@ TEST_F(UfsTest, FirstEntryForTheDeviceIsSavedAndJudged) {
         {"in a header", inHeader + UfsEntry().substr(4), newer},
         {"behind a body cut off", tooLong + UfsEntry(), newer},
     };
-    const mode_t mask = umask(0);
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
         Make(UfsPhone(), {{UFS_PACKAGE, row.package}, {BODY_FILE, old}});
@@ -518,10 +525,8 @@ TEST_F(UfsTest, FirstEntryForTheDeviceIsSavedAndJudged) {
         EXPECT_EQ(Count(Console(run), row.told), 1);
         ExpectEnd(Console(run), row.told == newer ? Verdict(0) : NOT_NEEDED);
         EXPECT_EQ(Get(BODY_FILE), row.saved);
+        EXPECT_EQ(Count(Console(run), "SaveFwBodyToFile,line=268: "), 0); // the old one went
     }
-    umask(mask);
-    // The body file of the last run is a new one.
-    EXPECT_EQ(static_cast<int>(std::filesystem::status(Path(BODY_FILE)).permissions()), 0777);
 }
 
 } // namespace
