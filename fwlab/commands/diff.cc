@@ -21,12 +21,6 @@ struct Side {
 Side Read(const std::string& path) {
     Side side = {OpenPackage(path), {}, {}};
     const Package& package = side.package;
-    if (package.size > PACKAGE_SIZE_MAX) {
-        throw Stop{2, path + " " + package.flaw};
-    }
-    if (package.size != 0 && package.entries.empty()) {
-        throw Stop{2, path + " holds no entry"};
-    }
     side.entries = OwnEntries(package);
     for (const Entry* entry : side.entries) {
         side.digests[entry] = entry->bodyFits ? Sha256(package, entry->body, entry->bodySize) : "";
@@ -340,8 +334,7 @@ int Diff(const std::string& oldFile, const std::string& newFile, bool asJson) {
     for (const Pair& pair : pairs) {
         report["entries"].push_back(Describe(pair, pairs, before, after));
     }
-    const Layout& layout =
-        after.entries.empty() && one.layout != nullptr ? *one.layout : *other.layout;
+    const Layout& layout = after.entries.empty() ? *one.layout : *other.layout;
     Show(asJson, report, [&] { Print(report, layout); });
     return isSame ? 0 : 1;
 }

@@ -43,8 +43,8 @@ Json Describe(const Package& package) {
     for (const Entry& entry : package.entries) {
         entries.push_back(Describe(package, entry, OuterEntry(package, entry)));
     }
-    if (entries.empty()) {
-        report["findings"].push_back(package.flaw.empty() ? "holds no entry" : package.flaw);
+    if (package.size == 0) {
+        report["findings"].push_back("it is empty: phones find nothing to do");
     }
     return report;
 }

@@ -73,9 +73,6 @@ int Match(const std::string& packageFile, const Description& phone, const std::s
           bool asJson) {
     const Device device = DeviceOf(phone);
     const Package package = OpenPackage(packageFile, device.identity.layout);
-    if (!package.flaw.empty()) {
-        throw Stop{1, packageFile + " " + package.flaw};
-    }
     const Record record = recordFile.empty() ? Record() : ReadRecord(recordFile);
     const Decision decision = Decide(package, device, recordFile.empty() ? nullptr : &record);
     Show(asJson, Describe(decision), [&] { Print(device.identity, decision); });

@@ -53,7 +53,7 @@ Built BuildPackage(const std::string& manifestFile, bool withLargeEmmc) {
         }
     }
     const PackageBytes owned(bytes, reinterpret_cast<const uint8_t*>(bytes->data()));
-    const Package package = LookInto(manifestFile, owned, bytes->size(), layout);
+    const Package package = LookInto(manifestFile, owned, bytes->size(), *layout);
     CheckEntries(package, offsets, withLargeEmmc);
     return {bytes, package, offsets.size(), inputs};
 }

@@ -134,8 +134,8 @@ std::vector<Package> ReadPackages(const Texts& paths) {
     std::vector<Package> packages;
     for (const std::string& path : paths) {
         const Package package = OpenPackage(path);
-        if (!package.flaw.empty()) {
-            throw Stop{1, path + " " + package.flaw};
+        if (package.size == 0) {
+            throw Stop{1, path + ": is empty: phones find nothing to do"};
         }
         for (const Package& other : packages) {
             if (other.layout == package.layout) {

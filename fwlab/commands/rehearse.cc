@@ -143,9 +143,6 @@ int Rehearse(const RehearseOptions& options, bool asJson) {
     }
     const Device device = DeviceOf(ReadPhone(options.phone, options.settings));
     const Package package = OpenPackage(options.package, device.identity.layout);
-    if (package.size > PACKAGE_SIZE_MAX) {
-        throw Stop{1, options.package + " " + package.flaw};
-    }
     const Decision decision = Decide(package, device);
     // The phone is to get what the pre-check selected, or the entry that Decide accepts in its
     // place.

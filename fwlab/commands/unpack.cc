@@ -17,8 +17,8 @@ constexpr char MANIFEST[] = "package.toml";
 
 // Why pack makes no such package; empty if nothing is seen.
 std::string FlawOf(const Package& package, const std::vector<const Entry*>& entries) {
-    if (!package.flaw.empty() || entries.empty()) {
-        return package.flaw.empty() ? "holds no entry" : package.flaw;
+    if (package.size == 0) {
+        return "it is empty";
     }
     for (const Entry* entry : entries) {
         const Texts findings = FindingsOf(package, *entry);

@@ -8,7 +8,7 @@
 namespace {
 
 size_t EndOf(const Entry& entry) {
-    return entry.body + (entry.bodyFits ? entry.bodySize : 0);
+    return entry.body + entry.bodySize;
 }
 
 std::string Digest(const uint8_t* bytes, size_t size) {
@@ -25,7 +25,7 @@ std::string Digest(const uint8_t* bytes, size_t size) {
 std::vector<const Entry*> OwnEntries(const Package& package) {
     std::vector<const Entry*> own;
     for (const Entry& entry : package.entries) {
-        if (own.empty() || entry.offset >= EndOf(*own.back())) {
+        if (entry.bodyFits && (own.empty() || entry.offset >= EndOf(*own.back()))) {
             own.push_back(&entry);
         }
     }
@@ -41,7 +41,7 @@ std::vector<Span> Uncovered(const Package& package) {
         }
         end = EndOf(*entry);
     }
-    if (!package.entries.empty() && end < package.size) {
+    if (end < package.size) {
         spans.push_back({end, package.size - end});
     }
     return spans;

@@ -98,7 +98,7 @@ std::string WhyNoName(const Package& package, const Identity& device) {
     const Layout& otherLayout = device.layout == &UFS ? EMMC : UFS;
     const bool isOther =
         package.entries.empty() &&
-        !LookInto(package.path, package.bytes, package.size, &otherLayout).entries.empty();
+        !LookInto(package.path, package.bytes, package.size, otherLayout).entries.empty();
     return isOther ? fmt::format("{}: the package holds {} entries", why, otherLayout.title) : why;
 }
 

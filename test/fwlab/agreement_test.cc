@@ -196,7 +196,7 @@ protected:
         Description description;
         ASSERT_TRUE(ReadDescription(Path("/phone.toml"), {}, description, error)) << error;
         const Device device = DeviceOf(description);
-        const Package package = OpenPackage(Path(path), device.identity.layout);
+        const Package package = InMemory(made.package, *device.identity.layout);
         const ::Record record =
             made.record == MISSING ? ::Record() : ReadRecord(Path(STATE + "/fw_result"));
         const Decision decision =
@@ -225,6 +225,12 @@ protected:
             EXPECT_EQ(Count({steps}, "CheckResultFile: ParseResultFile error"),
                       verdict == Verdict::STUCK ? 1 : 0);
         }
+    }
+
+    static Package InMemory(const std::string& bytes, const Layout& layout) {
+        const auto owned = std::make_shared<std::string>(bytes);
+        return LookInto("package", {owned, reinterpret_cast<const uint8_t*>(owned->data())},
+                        bytes.size(), layout);
     }
 
     static bool IsAdmitted(const std::string& slots, const std::string& revision) {
