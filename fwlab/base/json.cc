@@ -2,7 +2,6 @@
 
 #include "simphone/files.h"
 
-#include <algorithm>
 #include <fmt/format.h>
 
 namespace {
@@ -32,15 +31,6 @@ Json Describe(const Identity& identity) {
     return shown;
 }
 
-std::string InWords(std::string answer, const std::string& why) {
-    const bool isCalm = answer == NameOf(Verdict::NOTHING) || answer == NameOf(Verdict::REFUSED) ||
-                        answer == NameOf(Verdict::ATTEMPTED);
-    std::transform(answer.begin(), answer.end(), answer.begin(), [&](unsigned char c) {
-        return c == '-' ? ' ' : static_cast<char>(isCalm ? c : toupper(c));
-    });
-    return answer + ": " + why;
-}
-
 Json Describe(const Decision& decision) {
     Json steps = Json::array();
     for (const Step& step : decision.steps) {
@@ -50,10 +40,10 @@ Json Describe(const Decision& decision) {
                          {"reason", step.reason},
                          {"messages", step.messages}});
     }
-    return {{"answer", NameOf(decision.verdict)},
+    return {{"answer", WordOf(decision.verdict)},
             {"why", decision.why},
             {"pre_check", NumberOf(decision.PreCheck())},
-            {"recorded", decision.recorded.empty() ? Json() : Json(Escaped(decision.recorded))},
+            {"recorded", decision.recorded ? Json(Escaped(*decision.recorded)) : Json()},
             {"sent", NumberOf(decision.sent)},
             {"sent_bytes", decision.sentSize},
             {"steps", steps}};

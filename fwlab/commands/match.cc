@@ -26,34 +26,34 @@ void Print(const Step& step) {
 
 // The answer in words, and what to change.
 std::string Sentence(const Decision& decision) {
-    const std::string recorded = Quoted(decision.recorded);
+    const std::string recorded = Quoted(decision.recorded.value_or(""));
     const std::string remedy = fmt::format(
         "The phone puts the attempt for {} on record and never makes another one for it. "
         "Correct the package before phones get it; afterwards only another revision "
         "reaches them.",
         recorded);
     switch (decision.verdict) {
-    case Verdict::UPDATE:
+    case Verdict::UPDATED:
         return fmt::format("An update to {}: {} bytes of {}.",
                            Quoted(RevisionOf(decision.sent->identity)), decision.sentSize,
                            Title(*decision.sent));
-    case Verdict::NOTHING:
+    case Verdict::NOTHING_TO_DO:
     case Verdict::REFUSED:
         return "No update.";
-    case Verdict::ATTEMPTED:
+    case Verdict::ALREADY_ATTEMPTED:
         return "No update: the phone counts this revision as attempted.";
-    case Verdict::STOPS:
+    case Verdict::RECORD_UNREADABLE:
+        if (decision.sent != nullptr) {
+            return "Used up: an update to " + recorded + ", but " + decision.why +
+                   ". Every later run with an update stops.";
+        }
         return "No update: the phone cannot parse fw_result. This run stops, and so does every "
                "later run with an update.";
     case Verdict::WRONG_IMAGE:
         return "Used up, with the WRONG IMAGE: " + decision.why + ". " + remedy;
-    case Verdict::STUCK:
-        return "Used up: an update to " + recorded + ", but " + decision.why +
-               ". Every later run with an update stops.";
-    case Verdict::USED_UP:
-        break;
+    default:
+        return "Used up: " + decision.why + ". " + remedy;
     }
-    return "Used up: " + decision.why + ". " + remedy;
 }
 
 void Print(const Identity& device, const Decision& decision) {
@@ -76,5 +76,5 @@ int Match(const std::string& packageFile, const Description& phone, const std::s
     const Record record = recordFile.empty() ? Record() : ReadRecord(recordFile);
     const Decision decision = Decide(package, device, recordFile.empty() ? nullptr : &record);
     Show(asJson, Describe(decision), [&] { Print(device.identity, decision); });
-    return decision.verdict == Verdict::UPDATE ? 0 : 1;
+    return decision.verdict == Verdict::UPDATED ? 0 : 1;
 }

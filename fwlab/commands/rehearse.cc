@@ -146,7 +146,7 @@ int Rehearse(const RehearseOptions& options, bool asJson) {
     const Decision decision = Decide(package, device);
     // The phone is to get what the pre-check selected, or the entry that Decide accepts in its
     // place.
-    const Entry* entry = decision.verdict == Verdict::UPDATE ? decision.sent : decision.PreCheck();
+    const Entry* entry = decision.verdict == Verdict::UPDATED ? decision.sent : decision.PreCheck();
 
     const WorkFolder folder;
     const std::string phone = options.keep.empty() ? folder.path + "/phone" : options.keep;

@@ -240,7 +240,7 @@ std::string WhyNotSent(const Package& package, const Entry& entry, const Device&
                                  "packages",
                                  Title(*sent));
     }
-    return decision.verdict == Verdict::UPDATE
+    return decision.verdict == Verdict::UPDATED
                ? ""
                : "a phone would use up its attempt: " + decision.why;
 }
@@ -270,21 +270,15 @@ void JudgeUpdate(const Package& package, const Identity& device, Decision& decis
     } else if (!decision.steps.back().goesOn) {
         decision.verdict = Verdict::USED_UP;
         decision.why = decision.steps.back().reason;
-    } else if (!ParseRecord(RecordText(info.pnm, info.localFwRev, decision.recorded)).isReadable) {
-        decision.verdict = Verdict::STUCK;
+    } else if (!ParseRecord(RecordText(info.pnm, info.localFwRev, *decision.recorded)).isReadable) {
+        decision.verdict = Verdict::RECORD_UNREADABLE;
         decision.why = UNREADABLE_REVISION;
     } else {
-        decision.verdict = Verdict::UPDATE;
+        decision.verdict = Verdict::UPDATED;
     }
 }
 
 } // namespace
-
-const char* NameOf(Verdict verdict) {
-    const char* const names[] = {"update", "nothing-to-do", "refused",     "attempted",
-                                 "stops",  "used-up",       "wrong-image", "stuck"};
-    return names[static_cast<size_t>(verdict)];
-}
 
 std::optional<Texts> BaseRevisionsOf(const Identity& identity) {
     const std::string slots = Get(identity, identity.layout->baseRevs);
@@ -305,8 +299,8 @@ std::optional<Texts> BaseRevisionsOf(const Identity& identity) {
 
 Decision Decide(const Package& package, const Device& device, const Record* record) {
     PackageRevs revs = {};
-    Decision decision = {Verdict::NOTHING, "", {PreCheck(package, device.identity, revs)}, "",
-                         nullptr,          0};
+    Decision decision = {
+        Verdict::NOTHING_TO_DO, "", {PreCheck(package, device.identity, revs)}, {}, nullptr, 0};
     const auto end = [&](Verdict verdict) {
         decision.verdict = verdict;
         decision.why = decision.steps.back().reason;
@@ -314,12 +308,13 @@ Decision Decide(const Package& package, const Device& device, const Record* reco
     };
     if (!decision.steps.back().goesOn) {
         const bool isRefused = decision.steps.back().reason == NO_BASE;
-        return end(isRefused ? Verdict::REFUSED : Verdict::NOTHING);
+        return end(isRefused ? Verdict::REFUSED : Verdict::NOTHING_TO_DO);
     }
     if (record != nullptr) {
         decision.steps.push_back(CheckRecord(*record, revs.fwFileRev));
         if (!decision.steps.back().goesOn) {
-            return end(record->isReadable ? Verdict::ATTEMPTED : Verdict::STOPS);
+            return end(record->isReadable ? Verdict::ALREADY_ATTEMPTED
+                                          : Verdict::RECORD_UNREADABLE);
         }
     }
     const bool isUfs = device.identity.layout == &UFS;

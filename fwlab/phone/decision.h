@@ -5,24 +5,13 @@
 #include "fwlab/package/package.h"
 #include "fwlab/phone/device.h"
 #include "fwlab/phone/record.h"
+#include "fwlab/phone/verdict.h"
 
 #include <optional>
 
 // The base revisions of an entry, each once, without those that no device can have. No value if the
 // entry applies to any revision.
 std::optional<Texts> BaseRevisionsOf(const Identity& identity);
-
-enum class Verdict {
-    UPDATE,      // the device gets the entry that the pre-check selected
-    NOTHING,     // nothing to do, and no attempt on record
-    REFUSED,     // the same: the running revision is not among the entry's base revisions
-    ATTEMPTED,   // nothing to do: the last attempt on record was for this revision
-    STOPS,       // no run can read the record: this run stops, and every later one
-    USED_UP,     // the attempt goes on record, but the device does not get the entry
-    WRONG_IMAGE, // the attempt goes on record, but the device gets another entry's image
-    STUCK,       // the device gets the entry, but no later run can read the record
-};
-const char* NameOf(Verdict verdict); // in lower case, for programs: "used-up"
 
 struct Step {
     const char* name;
@@ -32,13 +21,15 @@ struct Step {
     Texts messages; // what the phone would log
 };
 
+// UPDATED to RECORD_UNREADABLE. If no run can read the record that this attempt leaves, that is
+// RECORD_UNREADABLE, too: the device gets the entry (`sent`), and later runs stop.
 struct Decision {
     Verdict verdict;
     std::string why;         // the reason, for people, and what to change
     std::vector<Step> steps; // in order, as far as the phone gets; the pre-check at least
-    std::string recorded;    // the revision that goes on record, as text; empty for none
-    const Entry* sent;       // the entry whose body the device gets; null for none
-    size_t sentSize;         // bytes of that body
+    std::optional<std::string> recorded; // the revision that goes on record, as text
+    const Entry* sent;                   // the entry whose body the device gets; null for none
+    size_t sentSize;                     // bytes of that body
     const Entry* PreCheck() const {
         return steps.front().entry;
     }

@@ -203,13 +203,14 @@ protected:
             Decide(package, device, made.record == MISSING ? nullptr : &record);
         const Shown shown = RunOnce(made);
 
-        SCOPED_TRACE(std::string(NameOf(decision.verdict)) + ": " + decision.why);
+        SCOPED_TRACE(std::string(WordOf(decision.verdict)) + ": " + decision.why);
         const Verdict verdict = decision.verdict;
         verdicts[static_cast<size_t>(verdict)]++;
-        const bool isUpdate = verdict == Verdict::UPDATE || verdict == Verdict::STUCK;
+        const bool isUpdate = decision.sent != nullptr && (verdict == Verdict::UPDATED ||
+                                                           verdict == Verdict::RECORD_UNREADABLE);
         EXPECT_EQ(shown.isAttempted,
                   isUpdate || verdict == Verdict::USED_UP || verdict == Verdict::WRONG_IMAGE);
-        EXPECT_EQ(shown.recorded, decision.recorded);
+        EXPECT_EQ(shown.recorded, decision.recorded.value_or(""));
         std::string body = decision.sent == nullptr
                                ? ""
                                : made.package.substr(decision.sent->body, decision.sentSize);
@@ -223,7 +224,7 @@ protected:
         if (isUpdate) {
             const std::string steps = Steps(Run());
             EXPECT_EQ(Count({steps}, "CheckResultFile: ParseResultFile error"),
-                      verdict == Verdict::STUCK ? 1 : 0);
+                      verdict == Verdict::RECORD_UNREADABLE ? 1 : 0);
         }
     }
 
@@ -327,10 +328,10 @@ TEST_F(AgreementTest, MatchSaysWhatTheToolDoes) {
         EXPECT_TRUE(wait(&status) > 0 && status == 0);
     }
     for (const Verdict verdict :
-         {Verdict::UPDATE, Verdict::NOTHING, Verdict::REFUSED, Verdict::ATTEMPTED, Verdict::STOPS,
-          Verdict::USED_UP, Verdict::WRONG_IMAGE, Verdict::STUCK}) { // each was met
+         {Verdict::UPDATED, Verdict::NOTHING_TO_DO, Verdict::REFUSED, Verdict::ALREADY_ATTEMPTED,
+          Verdict::USED_UP, Verdict::WRONG_IMAGE, Verdict::RECORD_UNREADABLE}) { // each was met
         const size_t count = verdicts[static_cast<size_t>(verdict)];
-        printf("%-14s %zu\n", NameOf(verdict), count);
+        printf("%-17s %zu\n", WordOf(verdict), count);
         EXPECT_GE(count, cases < 2000 ? 0 : 5U);
     }
 }
