@@ -1,6 +1,7 @@
 // Compares two packages: by their entries, and by what devices get from them.
 #include "fwlab/base/json.h"
 #include "fwlab/commands/commands.h"
+#include "fwlab/package/digest.h"
 #include "fwlab/package/spans.h"
 #include "fwlab/phone/decision.h"
 #include "simphone/files.h"
@@ -203,7 +204,7 @@ std::string AnswerOf(const Package& package, const Decision& decision) {
                ? fmt::format("gets {}, {} bytes of entry {}, sha256 {}...",
                              Quoted(RevisionOf(decision.sent->identity)), decision.sentSize,
                              decision.sent->number, SentDigest(package, decision).substr(0, 12))
-               : InWords(decision.verdict, decision.why);
+               : InWords(decision.verdict, WhyOf(decision));
 }
 
 void Print(const std::vector<Row>& rows, const Package& before, const Package& after) {

@@ -1,7 +1,9 @@
 // Shows what a package holds and what is wrong with it, without changing it.
 #include "fwlab/base/json.h"
 #include "fwlab/commands/commands.h"
+#include "fwlab/package/digest.h"
 #include "fwlab/package/spans.h"
+#include "fwlab/phone/decision.h"
 #include "simphone/files.h"
 
 #include <algorithm>

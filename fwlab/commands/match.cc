@@ -11,14 +11,14 @@ std::string RevisionOf(const Identity& identity) {
     return Get(identity, identity.layout->revision);
 }
 
-void Print(const Step& step) {
-    const std::string taken = step.entry == nullptr
-                                  ? ""
-                                  : fmt::format("selects {}, revision {}{}", Title(*step.entry),
-                                                Quoted(RevisionOf(step.entry->identity)),
-                                                step.reason.empty() ? "" : ": ");
-    fmt::print("{}: {}: {}{}\n", step.name, step.goesOn ? "goes on" : "ends here", taken,
-               step.reason);
+void Print(const Step& step, const Identity& device) {
+    const std::string reason = Sentence(step.reason, device);
+    const std::string taken =
+        step.entry == nullptr
+            ? ""
+            : fmt::format("selects {}, revision {}{}", Title(*step.entry),
+                          Quoted(RevisionOf(step.entry->identity)), reason.empty() ? "" : ": ");
+    fmt::print("{}: {}: {}{}\n", step.name, step.goesOn ? "goes on" : "ends here", taken, reason);
     for (const std::string& message : step.messages) {
         fmt::print("    would log: {}\n", message);
     }
@@ -26,6 +26,7 @@ void Print(const Step& step) {
 
 // The answer in words, and what to change.
 std::string Sentence(const Decision& decision) {
+    const std::string why = WhyOf(decision);
     const std::string recorded = Quoted(decision.recorded.value_or(""));
     const std::string remedy = fmt::format(
         "The phone puts the attempt for {} on record and never makes another one for it. "
@@ -44,22 +45,22 @@ std::string Sentence(const Decision& decision) {
         return "No update: the phone counts this revision as attempted.";
     case Verdict::RECORD_UNREADABLE:
         if (decision.sent != nullptr) {
-            return "Used up: an update to " + recorded + ", but " + decision.why +
+            return "Used up: an update to " + recorded + ", but " + why +
                    ". Every later run with an update stops.";
         }
         return "No update: the phone cannot parse fw_result. This run stops, and so does every "
                "later run with an update.";
     case Verdict::WRONG_IMAGE:
-        return "Used up, with the WRONG IMAGE: " + decision.why + ". " + remedy;
+        return "Used up, with the WRONG IMAGE: " + why + ". " + remedy;
     default:
-        return "Used up: " + decision.why + ". " + remedy;
+        return "Used up: " + why + ". " + remedy;
     }
 }
 
 void Print(const Identity& device, const Decision& decision) {
     fmt::print("device: {}, runs {}\n", Title(device), Quoted(RevisionOf(device)));
     for (const Step& step : decision.steps) {
-        Print(step);
+        Print(step, device);
     }
     fmt::print("{}\n", Sentence(decision));
     for (const std::string& note : decision.sent == nullptr ? Texts() : NotesOf(*decision.sent)) {

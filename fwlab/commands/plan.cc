@@ -2,6 +2,7 @@
 #include "fwlab/base/json.h"
 #include "fwlab/commands/commands.h"
 #include "fwlab/package/spans.h"
+#include "fwlab/phone/decision.h"
 #include "fwlab/phone/fleet.h"
 #include "fwlab/phone/state_directory.h"
 #include "simphone/files.h"
@@ -35,7 +36,7 @@ std::string Gets(const Line& line) {
     const Entry* entry = Received(line);
     return entry != nullptr
                ? fmt::format("gets entry {}, {}", entry->number, Quoted(*line.decision.recorded))
-               : InWords(line.decision.verdict, line.decision.why);
+               : InWords(line.decision.verdict, WhyOf(line.decision));
 }
 
 std::string UpToZero(const std::string& bytes) {
@@ -53,8 +54,7 @@ void AddLines(const Model& model, const Running& running, const Package* package
         lines.push_back({&model, running.revision, phones, package, decision});
     };
     if (package == nullptr) {
-        const std::string why = fmt::format("there is no {} package", layout.title);
-        add(running.phones, {Verdict::NOTHING_TO_DO, why, {}, {}, nullptr, 0});
+        add(running.phones, DecideWithoutPackage(device));
         return;
     }
     const auto isOther = [&](const Record& record) {

@@ -1,12 +1,12 @@
 // Runs the unmodified tool on a simulated phone with a package and checks the result. The phone is
 // a directory, which is removed unless the user keeps it.
-#include "emmc/emmc_command.h"
-#include "emmc/emmc_device.h"
 #include "emmc/emmc_register.h"
 #include "fwlab/base/json.h"
+#include "fwlab/base/output.h"
 #include "fwlab/base/work_folder.h"
 #include "fwlab/commands/commands.h"
-#include "fwlab/phone/device.h"
+#include "fwlab/phone/decision.h"
+#include "fwlab/phone/pulled_state.h"
 #include "fwlab/phone/state_directory.h"
 #include "run/result_record.h"
 #include "run/state_flags.h"
@@ -14,7 +14,6 @@
 #include "simphone/phone.h"
 #include "simphone/tool_run.h"
 
-#include <cstring>
 #include <filesystem>
 #include <fmt/format.h>
 #include <regex>
@@ -67,11 +66,17 @@ void TellPhone(const std::string& phone, const Report& report) {
     report.Say("{}", shown);
 }
 
-// Returns whether the state that the run has left is fine.
-bool Run(const Texts& faults, const std::string& phone, Report& report) {
+// The end of the run, for people.
+std::string EndOf(const RunResult& run) {
+    return fmt::format("{} {}{}", run.signal != 0 ? "signal" : "exit status",
+                       run.signal != 0 ? run.signal : run.exitStatus,
+                       run.timedOut ? ": it took too long" : "");
+}
+
+RunResult Run(const Texts& faults, const std::string& phone, Report& report) {
     RunOptions options;
     options.faults = faults;
-    const RunResult run = RunTool(phone, Companion("ffu"), options);
+    RunResult run = RunTool(phone, Companion("ffu"), options);
     StopIfInterrupted();
     if (!run.error.empty()) {
         throw Stop{2, run.error};
@@ -86,49 +91,111 @@ bool Run(const Texts& faults, const std::string& phone, Report& report) {
                                   run.unmetFaults.size() == 1 ? "this fault" : "these faults",
                                   fmt::join(run.unmetFaults, "; "))};
     }
-    report.Say("\nThe run ended with {} {}{}.\n", run.signal != 0 ? "signal" : "exit status",
-               run.signal != 0 ? run.signal : run.exitStatus,
-               run.timedOut ? ": it took too long" : "");
+    report.Say("\nThe run ended with {}.\n", EndOf(run));
     TellPhone(phone, report);
     const StateReport state = DescribeState(phone + STATE_DIR);
     report.Say("{}\n", state.text);
     report.json["runs"].back()["state"] = NameOf(state.state);
-    return state.isFine;
+    return run;
 }
 
-// Whether the phone, which has restarted, runs the revision and exactly the body of entry; null:
-// none is right. An eMMC request carries whole blocks.
-bool Runs(const std::string& phone, const Package& package, const Entry* entry, Report& report) {
-    const Field& field = package.layout->revision;
-    const bool isUfs = package.layout == &UFS;
-    const std::string revision =
-        isUfs ? Content(phone + "/proc/bootdevice/rev").substr(0, field.size)
-              : Content(phone + "/device/ext_csd.bin").substr(EXT_CSD_FIRMWARE_VERSION, field.size);
-    const std::string taken = Content(phone + "/device/running.bin");
-    const size_t size = entry == nullptr ? 0 : entry->bodySize;
-    const size_t padded = size_t{DownloadBlocks(static_cast<uint32_t>(size))} * MMC_BLOCK_SIZE;
-    const bool isWhole = taken.size() == size || (!isUfs && taken.size() == padded);
-    const bool isMeant = size > 0 && isWhole && revision == Get(entry->identity, field) &&
-                         memcmp(taken.data(), package.bytes.get() + entry->body, size) == 0;
-    report.json["revision"] = Escaped(revision);
-    report.json["downloaded_bytes"] = taken.size();
-    report.json["is_entry"] = isMeant;
+void Reboot(const std::string& phone) {
+    std::string error;
+    if (!RebootPhone(phone, error)) {
+        throw Stop{2, error};
+    }
+}
+
+// What the phone that has restarted runs.
+struct Running {
+    std::string revision, image; // the image is empty if no run has downloaded one
+};
+
+Running ReadRunning(const std::string& phone, const Layout& layout) {
+    const size_t size = layout.revision.size;
+    return {&layout == &UFS
+                ? Content(phone + "/proc/bootdevice/rev").substr(0, size)
+                : Content(phone + "/device/ext_csd.bin").substr(EXT_CSD_FIRMWARE_VERSION, size),
+            Content(phone + "/device/running.bin")};
+}
+
+// Returns whether the phone reports the revision of the entry that it took; also if it took none.
+bool TellRunning(const Running& running, const Package& package, const Decision& decision,
+                 Report& report) {
+    const bool isSent = IsSent(package, decision, running.image);
+    const Entry* entry = decision.sent != nullptr ? decision.sent : decision.PreCheck();
+    report.json["revision"] = Escaped(running.revision);
+    report.json["downloaded_bytes"] = running.image.size();
+    report.json["is_entry"] = isSent;
     report.Say("After a restart the phone runs {}, from {} bytes that were downloaded: {}{}.\n",
-               Quoted(revision), taken.size(), isMeant ? "" : "NOT ",
+               Quoted(running.revision), running.image.size(), isSent ? "" : "NOT ",
                entry == nullptr ? "an entry for it" : Title(*entry));
-    return isMeant;
+    const std::string own = isSent ? Get(entry->identity, package.layout->revision) : "";
+    const bool isReported = !isSent || running.revision == own;
+    report.json["reports_revision_of_entry"] = isReported;
+    if (!isReported) {
+        report.Say("Its revision is the description's [firmware] revision, but the entry has {}. "
+                   "If the image reports that, correct the description.\n",
+                   Quoted(own));
+    }
+    return isReported;
 }
 
 // Whether another run, without the faults of the first, leaves the phone alone.
 bool FindsNothingToDo(const std::string& phone, Report& report) {
     const std::string record = Content(phone + RESULT_FILE);
     report.Say("\nThe second run:\n");
-    (void)Run({}, phone, report); // the first one was judged
+    (void)Run({}, phone, report); // what it leaves is looked at below
     const bool isQuiet = Content(phone + RESULT_FILE) == record && fs::exists(phone + END_FLAG) &&
                          !fs::exists(phone + BEGIN_FLAG);
     report.json["second_run_is_quiet"] = isQuiet;
     report.Say("The second run {} nothing to do.\n", isQuiet ? "found" : "did NOT find");
     return isQuiet;
+}
+
+// Makes the phone in an empty or missing folder, runs the tool on it and tells what becomes of it.
+// Returns the exit status.
+int RehearseIn(const std::string& phone, const RehearseOptions& options, const Package& package,
+               const Device& device, Report& report) {
+    std::string error;
+    if (!MakePhone(options.phone, options.settings, phone, error) ||
+        !PutPackage(options.package, phone, error)) {
+        throw Stop{2, error};
+    }
+    if (options.state && !WriteStateDirectory(phone, *options.state)) {
+        throw FailureAt(phone + STATE_DIR, errno);
+    }
+    const StateDirectory before = ReadStateDirectory(phone);
+    const auto found = before.files.find(fs::path(RESULT_FILE).filename());
+    const Record record = found == before.files.end() ? Record() : ParseRecord(found->second);
+    const Decision decision =
+        Decide(package, device, found == before.files.end() ? nullptr : &record);
+    const auto judge = [&](const Running& running) {
+        return Judge(package, decision, running.image, before, ReadStateDirectory(phone));
+    };
+    TellPhone(phone, report);
+    report.Say("\n");
+    const RunResult run = Run(options.faults, phone, report);
+    Reboot(phone);
+    const Running running = ReadRunning(phone, *package.layout);
+    bool isFine = TellRunning(running, package, decision, report);
+    Verdict verdict = judge(running);
+    if (options.runAgain) {
+        isFine = FindsNothingToDo(phone, report) && isFine;
+        Reboot(phone);
+        const Verdict later = judge(ReadRunning(phone, *package.layout));
+        verdict = verdict != Verdict::UPDATED && later == Verdict::UPDATED ? Verdict::UPDATED_NEXT
+                                                                           : later;
+    }
+    const bool isUpdated = verdict == Verdict::UPDATED;
+    report.json["answer"] = WordOf(verdict);
+    report.json["updated"] = isUpdated;
+    report.Say("The phone is {}updated{}.\n", isUpdated ? "" : "NOT ",
+               !isUpdated ? fmt::format(": {}: {}", WordOf(verdict), SentenceOf(verdict))
+               : run.signal != 0 || run.exitStatus != 0
+                   ? ", though the first run ended with " + EndOf(run)
+                   : "");
+    return isUpdated && isFine ? 0 : 1;
 }
 
 } // namespace
@@ -143,32 +210,19 @@ int Rehearse(const RehearseOptions& options, bool asJson) {
     }
     const Device device = DeviceOf(ReadPhone(options.phone, options.settings));
     const Package package = OpenPackage(options.package, device.identity.layout);
-    const Decision decision = Decide(package, device);
-    // The phone is to get what the pre-check selected, or the entry that Decide accepts in its
-    // place.
-    const Entry* entry = decision.verdict == Verdict::UPDATED ? decision.sent : decision.PreCheck();
-
-    const WorkFolder folder;
-    const std::string phone = options.keep.empty() ? folder.path + "/phone" : options.keep;
-    if (!MakePhone(options.phone, options.settings, phone, error) ||
-        !PutPackage(options.package, phone, error)) {
-        throw Stop{2, error};
-    }
     Report report = {asJson, options.quiet, {{"runs", Json::array()}}};
-    TellPhone(phone, report);
-    report.Say("\n");
-    bool isUpdated = Run(options.faults, phone, report);
-    if (!RebootPhone(phone, error)) {
-        throw Stop{2, error};
+    int status = 0;
+    const auto rehearse = [&](const std::string& phone) {
+        status = RehearseIn(phone, options, package, device, report);
+    };
+    if (options.keep.empty()) {
+        const WorkFolder folder;
+        rehearse(folder.path + "/phone");
+    } else {
+        MakeFolder(options.keep, rehearse);
     }
-    isUpdated = Runs(phone, package, entry, report) && isUpdated;
-    if (options.runAgain) {
-        isUpdated = FindsNothingToDo(phone, report) && isUpdated;
-    }
-    report.json["updated"] = isUpdated;
-    report.Say("The phone is {}updated.\n", isUpdated ? "" : "NOT ");
     if (asJson) {
         fmt::print("{}\n", report.json.dump(2));
     }
-    return isUpdated ? 0 : 1;
+    return status;
 }

@@ -1,4 +1,5 @@
 // Takes a package apart: its manifest and its images, of which pack makes the same bytes again.
+#include "fwlab/base/json.h"
 #include "fwlab/base/output.h"
 #include "fwlab/commands/commands.h"
 #include "fwlab/package/difference.h"
@@ -32,20 +33,12 @@ std::string FlawOf(const Package& package, const std::vector<const Entry*>& entr
                                        spans[0].offset);
 }
 
-// Whether pack makes these bytes of the manifest; Stop if not.
+// Stop unless pack makes these bytes of the manifest.
 void RequireSame(const std::string& manifest, const Package& package) {
-    const Package made = BuildPackage(manifest, true).package;
-    if (IsSame(made, package)) {
-        return;
+    if (const auto found = FirstDifference(BuildPackage(manifest).package, package)) {
+        throw Stop{1, fmt::format("{}: pack would not make this package: {} would be {}, not {}",
+                                  package.path, found->place, found->first, found->second)};
     }
-    const std::vector<Difference> found = DifferencesOf(package, made);
-    throw Stop{1,
-               found.empty()
-                   ? package.path + ": pack cannot reproduce this package"
-                   : fmt::format(
-                         "{}: pack cannot reproduce this package: entry {}: {} would be {}, not {}",
-                         package.path, found[0].entry, found[0].field, Shown(found[0].second),
-                         Shown(found[0].first))};
 }
 
 } // namespace

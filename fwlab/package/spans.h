@@ -16,7 +16,3 @@ std::vector<Span> Uncovered(const Package& package);
 
 // The own entry inside which this entry begins; null if there is none.
 const Entry* OuterEntry(const Package& package, const Entry& entry);
-
-// In lower-case hexadecimal digits.
-std::string Sha256(const std::string& bytes);
-std::string Sha256(const Package& package, size_t offset, size_t size);

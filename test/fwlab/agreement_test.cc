@@ -203,7 +203,7 @@ protected:
             Decide(package, device, made.record == MISSING ? nullptr : &record);
         const Shown shown = RunOnce(made);
 
-        SCOPED_TRACE(std::string(WordOf(decision.verdict)) + ": " + decision.why);
+        SCOPED_TRACE(std::string(WordOf(decision.verdict)) + ": " + WhyOf(decision));
         const Verdict verdict = decision.verdict;
         verdicts[static_cast<size_t>(verdict)]++;
         const bool isUpdate = decision.sent != nullptr && (verdict == Verdict::UPDATED ||

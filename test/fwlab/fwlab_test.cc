@@ -416,41 +416,85 @@ TEST_F(FwlabTest, SettingsThatNoDescriptionCanHaveAreRefused) {
     Expect(Fwlab(emmc + "cid.manufacturer_id=256"), 2, "manufacturer_id is not a number");
 }
 
-TEST_F(FwlabTest, RehearseEndsWithZeroOnlyForAnUpdatedPhone) {
+TEST_F(FwlabTest, RehearseTellsWhatHasBecomeOfThePhone) {
     const std::string shortRead = "--fault 'read /data/vendor/fw/ufs_fw_body.bin short=3'";
-    const std::string powerCut = "--reboot-and-run-again --fault 'FFU_INSTALL end'";
+    const std::string again = "--reboot-and-run-again ";
+    const std::string inside =
+        With(UfsEntry("0900", "xxxxxx" + UfsEntry()), UFS_PNM_FIELD, "OTHER");
     const struct {
+        int status;
         std::string texts, phone, package, options = "";
     } rows[] = {
-        {"runs \"0900\", from 0 bytes*NOT entry 1 at 0x0", UfsPhone({{"revision", "'0900'"}}),
-         UfsEntry()},
-        {"-> CHECK CONDITION*upgrade to 0900 fail*runs \"0800\", from 0 bytes*NOT entry 1",
+        {1, "runs \"0900\", from 0 bytes*NOT entry 1 at 0x0*is NOT updated: nothing-to-do: ",
+         UfsPhone({{"revision", "'0900'"}}), UfsEntry()},
+        {1,
+         "-> CHECK CONDITION*upgrade to 0900 fail*runs \"0800\", from 0 bytes*NOT entry 1*"
+         "is NOT updated: used-up: ",
          UfsPhone({{"write_buffer", "'sense 5/26/00'"}}), UfsEntry()},
-        {"update to 0900 pass*runs \"0900\", from 3 bytes*NOT entry 1", UfsPhone(), UfsEntry(),
-         shortRead},
-        {"runs \"0900\", from 4 bytes that were downloaded: entry 1", UfsPhone(), UfsEntry(),
-         "--fault 'open /data/vendor/fw/ffu.end ENOSPC'"},
-        {"runs \"FW3*\", from 4 bytes*NOT entry 1", GkiPhone({{"firmware.revision", "'FW3'"}}),
-         EmmcEntry()},
-        {"runs \"FW000001\", from 0 bytes*NOT entry 1", NormalPhone(),
+        {1,
+         "update to 0900 pass*runs \"0900\", from 3 bytes*NOT entry 1*NOT updated: wrong-image: ",
+         UfsPhone(), UfsEntry(), shortRead},
+        {1, "from 4 bytes that were downloaded: entry 2*is NOT updated: wrong-image: ", UfsPhone(),
+         inside},
+        {1, "is NOT updated: record-unreadable: ", GkiPhone(), EmmcEntry("FW\n")},
+        {1, "is NOT updated: stopped: ", UfsPhone(), UfsEntry(),
+         "--fault 'open /vendor/firmware/ufs_emer_fw.bin EIO'"},
+        {1, "runs \"FW000001\", from 0 bytes*NOT entry 1*is NOT updated: used-up: ", NormalPhone(),
          With(EmmcEntry(), EMMC_MID_FIELD, "x")},
-        {"signal 9*the power failed during its update*The second run:*"
-         "has been applied, no need to update*found nothing to do",
-         NormalPhone(), EmmcEntry(), powerCut},
+        {1,
+         "signal 9*the power failed during its update*The second run:*"
+         "has been applied, no need to update*found nothing to do*is NOT updated: used-up: ",
+         NormalPhone(), EmmcEntry(), again + "--fault 'FFU_INSTALL end'"},
+        {1, "signal 9*did NOT find nothing to do*is NOT updated: updated-next: ", UfsPhone(),
+         UfsEntry(), again + "--fault 'fsync /data/vendor/fw/fw_result end lost=fw_result'"},
+        // Of a phone that is updated, whatever became of the run.
+        {0,
+         "runs \"0900\", from 4 bytes that were downloaded: entry 1*The phone is updated, *status "
+         "255.",
+         UfsPhone(), UfsEntry(), "--fault 'open /data/vendor/fw/ffu.end ENOSPC'"},
+        {0,
+         "signal 9*found nothing to do*The phone is updated, though *first run ended with signal 9",
+         NormalPhone(), EmmcEntry(), again + "--fault 'remove /data/vendor/fw/ffu.bgn end'"},
+        {1,
+         "runs \"FW3*\", from 4 bytes*downloaded: entry 1*?firmware? revision*has \"FW000002\"*"
+         "The phone is updated",
+         GkiPhone({{"firmware.revision", "'FW3'"}}), EmmcEntry()},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.texts);
         Put("/phone.toml", row.phone);
         Put("/package", row.package);
-        Expect(Fwlab("rehearse package --phone phone.toml --keep kept " + row.options), 1,
-               row.texts + "*The phone is NOT updated.");
+        Expect(Fwlab("rehearse package --phone phone.toml --keep kept " + row.options), row.status,
+               row.texts);
         EXPECT_TRUE(fs::remove_all(directory + "/kept") > 0);
     }
+    // Nothing is left of a rehearsal that did not come about.
     const std::string wrong = "rehearse package --phone phone.toml --keep kept --fault ";
     Expect(Fwlab(wrong + "'open sometimes'"), 2, "sometimes");
-    EXPECT_FALSE(fs::exists(directory + "/kept"));
     Expect(Fwlab(wrong + "'SG_IO EIO' --fault 'fsync EIO'"), 2,
            "this fault met no call of the run: SG_IO EIO");
+    Expect(Fwlab("rehearse package --phone phone.toml --keep ''"), 2, "--keep: is empty");
+    EXPECT_EQ(std::distance(fs::directory_iterator(directory), {}), 2);
+}
+
+// From what runs have left on a phone.
+TEST_F(FwlabTest, RehearseStartsFromAPulledState) {
+    const std::string rehearse = "rehearse package --phone phone.toml --json --state ";
+    Put("/phone.toml", UfsPhone());
+    Put("/package", UfsEntry());
+    Put("/pulled/fw_result", AttemptRecord("0800", "0900", UFS_PNM));
+    Expect(Fwlab(rehearse + "pulled"), 1, "has been applied*\"answer\": \"already-attempted\"");
+    Put("/pulled/fw_result", AttemptRecord("0700", "0800", UFS_PNM));
+    Put("/pulled/ffu.bgn", "");
+    Put("/pulled/notes", "of the one who pulled it");
+    Expect(Fwlab(rehearse + "pulled --keep kept"), 0, "\"answer\": \"updated\"");
+    EXPECT_EQ(Get("/kept/data/vendor/fw/fw_result").find(Get("/pulled/fw_result")), 0U);
+    EXPECT_FALSE(fs::exists(directory + "/kept/data/vendor/fw/notes"));
+    Put("/pulled/fw_result", "torn");
+    Expect(Fwlab(rehearse + "pulled"), 1, "\"answer\": \"record-unreadable\"");
+    Expect(Fwlab(rehearse + "gone"), 2, "gone: has no file of a run");
+    Put("/pulled/ffu.ok/file", "");
+    Expect(Fwlab(rehearse + "pulled"), 2, "ffu.ok: is no regular file");
 }
 
 // Whenever it comes: before the phone is made, while the tool runs, or after it all.
@@ -476,7 +520,7 @@ TEST_F(FwlabTest, WrongUsageEndsWithTwo) {
         SCOPED_TRACE(arguments);
         Expect(Fwlab(arguments), 2);
     }
-    Expect(Fwlab("rehears"), 2, "\"rehears\" is no command; the nearest is rehearse");
+    Expect(Fwlab("rehears"), 2, "\"rehears\" is no command");
     Expect(Fwlab("list 'a\x1b' --json"), 2, R"({"error":"a\\x1b: No such file*","status":2})");
     Expect(Fwlab("list '\xff' --json"), 2, R"({"error":"\\xff: No such file*","status":2})");
     Expect(Fwlab("list package '\x1b'"), 2, "not expected: \\x1b");

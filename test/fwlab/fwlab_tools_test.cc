@@ -116,22 +116,26 @@ TEST_F(FwlabTest, VerifyNamesTheFieldThatDiffers) {
     } rows[] = {
         {"entry 2 at 0x43: revision (at 0x5f): the manifest makes \"0900\", the package has "
          "\"0850\"",
-         ufs, one + OtherUfs("0850")},
-        {"entry 1 at 0x0: base_revisions (at 0x30): *makes \"any\", the package has \"0800\"", ufs,
-         With(both, UFS_BASE_FIELD, "0800080008000800")},
+         ufs, one + OtherUfs("0850", "otheR")},
+        {"entry 1 at 0x0: base_revisions (at 0x30): *makes \"\\xff*, the package has \"08000800",
+         ufs, With(both, UFS_BASE_FIELD, "0800080008000800")},
         {"base_revisions (at 0x30): *makes \"08000800080008*has \"0800\\x00", fromOld,
          With(both, UFS_BASE_FIELD, "0800")},
-        {"entry 2 at 0x43: body: first difference at byte 4 (at 0x87)", ufs,
+        {"entry 2 at 0x43: byte 4 of its body (at 0x87): the manifest makes \"r\", *has \"R\"", ufs,
          one + OtherUfs(UFS_NEW_REV, "otheR")},
-        {"entry 1 at 0x0: body_size*makes 3, the package has 4; what follows is not compared", ufs,
+        {"entry 1 at 0x0: body_size (at 0x20): *makes \"\\x00\\x00\\x00\\x03\", *\\x04\"", ufs,
          UfsEntry(UFS_NEW_REV, "abcd") + OtherUfs()},
-        {"ends in front of entry 2 at 0x43: 69 bytes too few", ufs, one},
-        {"ends in entry 2 at 0x43: 68 bytes too few", ufs, both.substr(0, 68)},
-        {"ends in entry 2 at 0x43: 1 bytes too few", ufs, both.substr(0, both.size() - 1)},
-        {"ends in front of entry 1", ufs, ""},
-        {"68 bytes too many from 0x88 on", ufs, both + UfsEntry()},
+        {"entry 2 at 0x43: magic (at 0x43): *\"UFSM\", the package has no byte", ufs, one},
+        {"entry 2 at 0x43: manfid (at 0x47): *\"0x0001ce\", the package has \"0x\"", ufs,
+         both.substr(0, 73)},
+        {"entry 2 at 0x43: byte 4 of its body (at 0x87): *\"r\", the package has no byte", ufs,
+         both.substr(0, both.size() - 1)},
+        {"entry 1 at 0x0: magic", ufs, ""},
+        {"behind the last entry (at 0x88): *makes no byte, the package has \"U\"", ufs,
+         both + UfsEntry()},
         {"magic (at 0x0)", ufs, With(both, {3, 1}, "N")},
-        {"prv_and_psn (at 0xb)", emmc, With(emmcPackage, EMMC_PRV_FIELD, "\1")},
+        {"product_revision (at 0xb): *\"\\x00\", the package has \"\\x01\"", emmc,
+         With(emmcPackage, EMMC_PRV_FIELD, "\1")},
     };
     Put("/image", "abc");
     Put("/other", "other");
@@ -281,10 +285,6 @@ TEST_F(FwlabTest, UnpackRefusesWhatPackDoesNotMake) {
         {"67 bytes from 0x45 belong to no entry", OtherUfs() + ufs.substr(0, 67)},
         {"entry 1 at 0x0: no device can have", With(ufs, UFS_BASE_FIELD, "")},
         {"entry 2 at 0x44: entry 1 at 0x0 comes first", ufs + ufs},
-        {"pack cannot reproduce this package: entry 1: prv_and_psn would be "
-         "\"\\x00\\x00\\x00\\x00\\x00\", not "
-         "\"\\x01\\x00\\x00\\x00\\x00\"",
-         With(EmmcEntry(), EMMC_PRV_FIELD, "\1")},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.text);
@@ -299,8 +299,12 @@ TEST_F(FwlabTest, UnpackRefusesWhatPackDoesNotMake) {
     }
     Expect(Fwlab("unpack package -o parts", "trap '' XFSZ && ulimit -f 0 &&"), 2, "File too large");
     EXPECT_EQ(std::distance(fs::directory_iterator(directory), {}), 2);
-    // Slots that are free in another way than pack's, the permissions of a folder, a long image.
-    Put("/package", With(EmmcEntry(EMMC_NEW_REV, Body(0x100001)), EMMC_BASE_FIELD, EMMC_REV));
+    // Slots that are free in another way than pack's, fields that phones ignore, the permissions of
+    // a folder, a long image.
+    Put("/package",
+        With(With(With(EmmcEntry(EMMC_NEW_REV, Body(0x100001)), EMMC_BASE_FIELD, EMMC_REV),
+                  EMMC_PRV_FIELD, "\1"),
+             EMMC_PSN_FIELD, "1\n"));
     Expect(Fwlab("unpack package -o parts/", "umask 027 &&"), 0, "pack it with --gki-only");
     EXPECT_EQ(fs::status(directory + "/parts").permissions(), fs::perms(0750));
     Expect(Fwlab("pack parts/package.toml -o again"), 1, "1 MiB");
