@@ -44,8 +44,8 @@ std::string Sentence(const Decision& decision) {
     case Verdict::ALREADY_ATTEMPTED:
         return "No update: the phone counts this revision as attempted.";
     case Verdict::RECORD_UNREADABLE:
-        if (decision.sent != nullptr) {
-            return "Used up: an update to " + recorded + ", but " + why +
+        if (decision.recorded) {
+            return "Used up: the attempt for " + recorded + " goes on record, but " + why +
                    ". Every later run with an update stops.";
         }
         return "No update: the phone cannot parse fw_result. This run stops, and so does every "

@@ -249,12 +249,12 @@ void JudgeUpdate(const Package& package, Decision& decision) {
         decision.verdict = Verdict::WRONG_IMAGE;
         decision.reason = {sent == seen ? Reason::INSIDE : Reason::OTHER_SELECTED, seen,
                            sent == seen ? outer : sent};
-    } else if (!decision.steps.back().goesOn) {
-        decision.verdict = Verdict::USED_UP;
-        decision.reason = decision.steps.back().reason;
     } else if (!ParseRecord(RecordText(info.pnm, info.localFwRev, *decision.recorded)).isReadable) {
         decision.verdict = Verdict::RECORD_UNREADABLE;
         decision.reason = {Reason::UNREADABLE_ATTEMPT};
+    } else if (!decision.steps.back().goesOn) {
+        decision.verdict = Verdict::USED_UP;
+        decision.reason = decision.steps.back().reason;
     } else {
         decision.verdict = Verdict::UPDATED;
     }

@@ -63,8 +63,9 @@ struct Step {
     Texts messages; // what the phone would log
 };
 
-// The verdict is one of UPDATED to RECORD_UNREADABLE. If no run can read the record that the
-// attempt leaves, it is RECORD_UNREADABLE, too: the device gets the entry, and later runs stop.
+// The verdict is one of UPDATED to RECORD_UNREADABLE. It is RECORD_UNREADABLE, too, if no run can
+// read the record that the attempt leaves (`recorded` has a value), even if the device gets the
+// entry.
 struct Decision {
     Verdict verdict;
     Identity device;

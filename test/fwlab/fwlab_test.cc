@@ -286,7 +286,9 @@ TEST_F(FwlabTest, MatchTellsBothDecisions) {
         {1, "Used up: its body is larger than the 4 KiB", UfsPhone({{"max_hw_sectors_kb", "4"}}),
          UfsEntry("0900", Body(4097))},
         {0, "An update to \"FW000002\": 1048577 bytes*Note: *1 MiB", GkiPhone(), large},
-        {1, "Used up: an update to \"FW\\n\", but *Every later run with an update stops.",
+        {1,
+         "Used up: the attempt for \"FW\\n\" goes on record, but *Every later run with an update "
+         "stops.",
          GkiPhone(), EmmcEntry("FW\n")},
         {1, "goes on*record: ends here*\"0800\" to \"0900\"*counts this revision as attempted",
          UfsPhone(), ufs, record + "0900\n"},
@@ -314,7 +316,8 @@ TEST_F(FwlabTest, MatchTellsBothDecisions) {
     Put("/phone.toml", UfsPhone());
     Expect(Fwlab(match + "revision=08"), 1, "revision has fewer than 3 bytes");
     Expect(Fwlab(match + "revision=080"), 1,
-           "Used up: an update to \"0900\", but the running or the new revision has a line feed");
+           "Used up: the attempt for \"0900\" goes on record, but the running or the new revision "
+           "has a line feed");
 }
 
 namespace {
