@@ -214,23 +214,20 @@ void AddCapture(CLI::App& app, Arguments& args) {
     CLI::App* capture = AddCommand(
         app, args, "capture", "Describe a phone by nodes pulled from it",
         [&] { return Capture(options, args.json); },
-        "DIR holds the nodes as `adb exec-out cat` gives them, under their names alone or under "
-        "their paths. All phones: /proc/bootdevice/product_name. UFS: manfid and rev beside it "
-        "and, if known, /sys/block/sdc/queue/max_hw_sectors_kb. eMMC: ext_csd beside it and "
-        "/sys/class/mmc_host/mmc0/mmc0:0001/cid. If the phone's /data/vendor/fw is there too, "
-        "capture shows how to give its record to match. Exit status 1: the nodes do not describe "
-        "a phone.");
+        "DIR holds the nodes as `adb exec-out cat` gives them, under their paths. All phones: "
+        "/proc/bootdevice/product_name. UFS: manfid and rev beside it and, if known, "
+        "/sys/block/sdc/queue/max_hw_sectors_kb. eMMC: ext_csd beside it and "
+        "/sys/class/mmc_host/mmc0/mmc0:0001/cid. Exit status 1: the nodes do not describe a "
+        "phone.");
     capture->add_option("DIR", options.folder, "where they are")->required();
     capture->add_option("-o,--output", options.output, "the description")->required()->check(NAMED);
     capture
         ->add_option("--firmware-revision", options.firmwareRevision,
                      "the revision that the phone reports after an update (bytes: \\xHH)")
         ->required();
-    capture->add_option("--technology", options.technology, "needed if the nodes do not show it")
-        ->check(CLI::IsMember({"emmc", "ufs"}));
-    capture
-        ->add_option("--mode", options.mode, "of an eMMC phone; needed if ext_csd does not show it")
-        ->check(CLI::IsMember({"gki", "normal"}));
+    capture->add_option("--kind", options.kind, "emmc-gki if /proc/bootdevice/ffu is writable")
+        ->required()
+        ->check(CLI::IsMember({"emmc-gki", "emmc-normal", "ufs"}));
 }
 
 // Stop if the first word is no command, which the parser would say in other words.

@@ -58,7 +58,7 @@ int Outcome(const OutcomeOptions& options, bool asJson);
 
 struct CaptureOptions {
     std::string folder, output;
-    std::string technology, mode; // empty: the nodes show it
+    std::string kind;             // "emmc-gki", "emmc-normal" or "ufs"
     std::string firmwareRevision; // what the phone reports after an update, as Escaped writes it
 };
 // Writes the description of the phone whose nodes are in the folder.

@@ -3,6 +3,7 @@
 #include "fwlab/commands/commands.h"
 #include "fwlab/phone/decision.h"
 
+#include <algorithm>
 #include <fmt/format.h>
 
 namespace {
@@ -57,6 +58,19 @@ std::string Sentence(const Decision& decision) {
     }
 }
 
+// The keys of the description that the decision does not know.
+Texts NotLookedAt(const Description& phone) {
+    Texts keys;
+    const auto isOther = [](const Answer& answer) { return answer.kind != Answer::Kind::ACCEPTED; };
+    if (std::any_of(phone.answers.begin(), phone.answers.end(), isOther)) {
+        keys.emplace_back("write_buffer");
+    }
+    if (!phone.faults.empty()) {
+        keys.emplace_back("faults");
+    }
+    return keys;
+}
+
 void Print(const Identity& device, const Decision& decision) {
     fmt::print("device: {}, runs {}\n", Title(device), Quoted(RevisionOf(device)));
     for (const Step& step : decision.steps) {
@@ -76,6 +90,13 @@ int Match(const std::string& packageFile, const Description& phone, const std::s
     const Package package = OpenPackage(packageFile, device.identity.layout);
     const Record record = recordFile.empty() ? Record() : ReadRecord(recordFile);
     const Decision decision = Decide(package, device, recordFile.empty() ? nullptr : &record);
-    Show(asJson, Describe(decision), [&] { Print(device.identity, decision); });
+    Json report = Describe(decision);
+    report["not_looked_at"] = NotLookedAt(phone);
+    Show(asJson, report, [&] {
+        Print(device.identity, decision);
+        for (const std::string& key : NotLookedAt(phone)) {
+            fmt::print("Note: {} in the description is not looked at: rehearse does.\n", key);
+        }
+    });
     return decision.verdict == Verdict::UPDATED ? 0 : 1;
 }

@@ -25,6 +25,38 @@
 
 namespace {
 
+// In the order of the enumerators.
+constexpr const char* SENTENCES[] = {
+    "",
+    "there is no {layout} package",
+    "the package is empty",
+    "no entry has the product name {device}: the package holds {second} entries",
+    "no entry has the product name {device}",
+    "no entry has the product name {device}: {entry} has {value}, which differs only in blanks, "
+    "zero bytes or case",
+    "no usable entry has the product name {device}: {entry} has no body inside the package",
+    "its revision is not the running one, and it may be applied to the running one",
+    "the phone finds the entry's revision equal to the running one (it compares only the "
+    "beginning)",
+    "the running revision is not among its base revisions",
+    "the last attempt was from {from} to {to}",
+    "the phone cannot parse the record, so the run stops",
+    "{entry} has {field} {value}, the device {device}",
+    "the update uses the product name {used} for the device, and no entry has it",
+    "its revision is running already",
+    "its revision is not newer than the running one",
+    "the device is older than eMMC 5.0",
+    "its body is empty: the device gets no firmware",
+    "the body is larger than 1 MiB: only GKI mode takes it",
+    "the body is larger than 8 MiB: the device gets only its first 8 MiB",
+    "its body is larger than the {limit} KiB that the phone's host takes in one request",
+    "{entry} lies inside the image of {other}",
+    "the pre-check selects {entry}, the update selects {other}",
+    "the running or the new revision has a line feed: the phone cannot parse the record of the "
+    "attempt",
+};
+static_assert(std::size(SENTENCES) == Reason::UNREADABLE_ATTEMPT + 1);
+
 constexpr char EXT_CSD_REV_5_1 = 8;                     // JEDEC, the last one
 constexpr size_t LINUX_UFS_TRANSFER_SIZE = 1024 * 1024; // ufshcd, since 5.19
 
@@ -279,71 +311,16 @@ const std::string* RecordIn(const StateDirectory& state) {
 
 std::string Sentence(const Reason& reason, const Identity& device) {
     const Layout& layout = *device.layout;
-    const std::string named = "entry has the product name " + Quoted(Get(device, layout.name)),
-                      entry = reason.entry == nullptr ? "" : Title(*reason.entry),
-                      other = reason.other == nullptr ? "" : Title(*reason.other);
-    switch (reason.kind) {
-    case Reason::NONE:
-        return "";
-    case Reason::NO_PACKAGE:
-        return fmt::format("there is no {} package", layout.title);
-    case Reason::EMPTY_PACKAGE:
-        return "the package is empty";
-    case Reason::OTHER_TECHNOLOGY:
-        return fmt::format("no {}: the package holds {} entries", named,
-                           (&layout == &UFS ? EMMC : UFS).title);
-    case Reason::NO_NAME:
-        return "no " + named;
-    case Reason::SIMILAR_NAME:
-        return fmt::format("no {}: {} has {}, which differs only in blanks, zero bytes or case",
-                           named, entry, Quoted(Get(reason.entry->identity, layout.name)));
-    case Reason::BODY_BEYOND:
-        return fmt::format("no usable {}: {} has no body inside the package", named, entry);
-    case Reason::NEW_REVISION:
-        return "its revision is not the running one, and it may be applied to the running one";
-    case Reason::SAME_REVISION:
-        return "the phone finds the entry's revision equal to the running one (it compares only "
-               "the beginning)";
-    case Reason::NO_BASE:
-        return "the running revision is not among its base revisions";
-    case Reason::LAST_ATTEMPT:
-        return fmt::format("the last attempt was from {} to {}", Quoted(reason.from),
-                           Quoted(reason.to));
-    case Reason::UNREADABLE_RECORD:
-        return "the phone cannot parse the record, so the run stops";
-    case Reason::OTHER_FIELD:
-        return fmt::format("{} has {} {}, the device {}", entry, reason.field->key,
-                           ValueOf(reason.entry->identity, *reason.field),
-                           ValueOf(device, *reason.field));
-    case Reason::OTHER_NAME:
-        return fmt::format("the update uses the product name {} for the device, and no entry has "
-                           "it",
-                           Quoted(Trimmed(UpdateName(device))));
-    case Reason::RUNS_ALREADY:
-        return "its revision is running already";
-    case Reason::NOT_NEWER:
-        return "its revision is not newer than the running one";
-    case Reason::OLD_EMMC:
-        return "the device is older than eMMC 5.0";
-    case Reason::EMPTY_BODY:
-        return "its body is empty: the device gets no firmware";
-    case Reason::LARGE_EMMC_BODY:
-        return "the body is larger than 1 MiB: only GKI mode takes it";
-    case Reason::LARGE_UFS_BODY:
-        return "the body is larger than 8 MiB: the device gets only its first 8 MiB";
-    case Reason::HOST_LIMIT:
-        return fmt::format("its body is larger than the {} KiB that the phone's host takes in one "
-                           "request",
-                           reason.limit);
-    case Reason::INSIDE:
-        return fmt::format("{} lies inside the image of {}", entry, other);
-    case Reason::OTHER_SELECTED:
-        return fmt::format("the pre-check selects {}, the update selects {}", entry, other);
-    case Reason::UNREADABLE_ATTEMPT:
-        return "the running or the new revision has a line feed: the phone cannot parse the "
-               "record of the attempt";
-    }
-    return "";
+    const Field& field = reason.field == nullptr ? layout.name : *reason.field;
+    const auto title = [](const Entry* entry) { return entry == nullptr ? "" : Title(*entry); };
+    return fmt::format(
+        fmt::runtime(SENTENCES[reason.kind]), fmt::arg("entry", title(reason.entry)),
+        fmt::arg("other", title(reason.other)), fmt::arg("field", field.key),
+        fmt::arg("device", ValueOf(device, field)),
+        fmt::arg("value", reason.entry == nullptr ? "" : ValueOf(reason.entry->identity, field)),
+        fmt::arg("used", Quoted(Trimmed(UpdateName(device)))), fmt::arg("layout", layout.title),
+        fmt::arg("second", (&layout == &UFS ? EMMC : UFS).title), fmt::arg("limit", reason.limit),
+        fmt::arg("from", Quoted(reason.from)), fmt::arg("to", Quoted(reason.to)));
 }
 
 std::string WhyOf(const Decision& decision) {

@@ -306,8 +306,19 @@ TEST_F(FwlabTest, MatchTellsBothDecisions) {
         const std::string option = row.record.empty() ? "" : " --record record";
         Expect(Fwlab("match package --phone phone.toml" + option), row.status, row.texts);
     }
-    Put("/package", With(EmmcEntry(), EMMC_BASE_FIELD, std::string("\5\0\0\0\0\0\0\0\6", 9)));
+    // What a device answers and which calls fail, match does not know.
+    Put("/package", ufs);
+    Put("/phone.toml",
+        UfsPhone({{"write_buffer", "['good', 'sense 5/26/00']"}, {"faults", "'SG_IO EIO'"}}));
+    Expect(Fwlab("match package --phone phone.toml"), 0,
+           "Note: write_buffer in the description is not looked at*Note: faults in the");
+    Expect(Fwlab("match --json package --phone phone.toml"), 0,
+           "\"not_looked_at\": [*\"write_buffer\",*\"faults\"");
+    // An empty revision goes on record, too.
+    Put("/package", EmmcEntry(std::string(8, '\0')));
     Put("/phone.toml", GkiPhone());
+    Expect(Fwlab("match --json package --phone phone.toml"), 0, "\"recorded\": \"\"");
+    Put("/package", With(EmmcEntry(), EMMC_BASE_FIELD, std::string("\5\0\0\0\0\0\0\0\6", 9)));
     const std::string match = "match package --phone phone.toml --set ";
     Expect(Fwlab(match + "'revision=\\x05'"), 0, "runs \"\\x05\\x00");
     Expect(Fwlab(match + "'revision=\\x05\\x01'"), 1, "not among its base revisions");

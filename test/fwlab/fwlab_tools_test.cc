@@ -391,74 +391,50 @@ TEST_F(FwlabTest, CaptureMakesTheSamePhoneAgain) {
     const struct {
         std::string phone, options;
     } rows[] = {
-        {GkiPhone(), "FW000002"},
-        {GkiPhone({{"revision", "[5, 0, 1]"}, {"ext_csd_rev", "7"}}), "'\\x05\\x00\\x02'"},
+        {GkiPhone(), "emmc-gki --firmware-revision FW000002"},
+        {GkiPhone({{"revision", "[5, 0, 1]"}, {"ext_csd_rev", "7"}}),
+         "emmc-gki --firmware-revision '\\x05\\x00\\x02'"},
         {GkiPhone({{"cid.product_name", "[0, 255, 34, 92, 10, 9]"},
                    {"cid.cbx", "0"},
                    {"cid.oem_id", "0x15"},
                    {"cid.manufacturing_date", "0x7b"},
                    {"cid.crc", "0xff"},
                    {"cid.serial_number", "0xFFFFFFFF"}}),
-         "FW000002"},
-        {NormalPhone(), "FW000002 --mode normal"},
-        {UfsPhone(), "0900"},
+         "emmc-gki --firmware-revision FW000002"},
+        {NormalPhone(), "emmc-normal --firmware-revision FW000002"},
+        {UfsPhone(), "ufs --firmware-revision 0900"},
         {UfsPhone({{"manfid", "[1, 255, 10]"},
                    {"product_name", "\"SIM \\\\\\\"'\\t\\u007f\""},
                    {"revision", "'080'"},
                    {"max_hw_sectors_kb", "1024"}}),
-         "0900"},
+         "ufs --firmware-revision 0900"},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.phone);
-        const bool isNormal = row.options.find("normal") != std::string::npos;
+        const bool isLimited = row.phone.find("1024") != std::string::npos;
         std::string error;
-        for (const char* left : {"/pulled", "/again", "/flat"}) {
-            fs::remove_all(directory + left);
-        }
+        fs::remove_all(directory + "/pulled");
+        fs::remove_all(directory + "/again");
         Put("/phone.toml", row.phone);
         ASSERT_TRUE(MakePhone(directory + "/phone.toml", {}, directory + "/pulled", error))
             << error;
-        if (row.phone.find("1024") != std::string::npos) {
+        if (isLimited) {
             Put("/pulled/sys/block/sdc/queue/max_hw_sectors_kb", "1024\n");
         }
+        const bool isNormal = row.options.find("normal") != std::string::npos;
         if (isNormal) { // taken by another tool
-            Put("/pulled/ext_csd", Get("/pulled/device/ext_csd.bin"));
+            Put("/pulled/proc/bootdevice/ext_csd", Get("/pulled/device/ext_csd.bin"));
         }
-        Expect(Fwlab("capture pulled -o made.toml --firmware-revision " + row.options), 0,
-               "made.toml: ");
+        Expect(Fwlab("capture pulled -o made.toml --kind " + row.options), 0, "made.toml: ");
         ASSERT_TRUE(MakePhone(directory + "/made.toml", {}, directory + "/again", error)) << error;
         for (const std::string& node : PULLED_NODES) {
-            EXPECT_EQ(Get("/again" + node), Get("/pulled" + node)) << node;
-            // The same nodes under their names alone.
-            if (node != "/proc/bootdevice/ffu" && Get("/pulled" + node) != MISSING) {
-                Put("/flat/" + fs::path(node).filename().string(), Get("/pulled" + node));
+            if (!isNormal || node != "/proc/bootdevice/ext_csd") {
+                EXPECT_EQ(Get("/again" + node), Get("/pulled" + node)) << node;
             }
         }
-        Put("/flat/ext_csd", Get(isNormal ? "/pulled/ext_csd" : "/flat/ext_csd"));
-        Put("/flat/max_hw_sectors_kb", Get("/pulled/sys/block/sdc/queue/max_hw_sectors_kb"));
-        Expect(Fwlab("capture flat -o flat.toml --firmware-revision " + row.options), 0);
-        EXPECT_EQ(Get("/flat.toml"), Get("/made.toml"));
-        const bool hasLimit =
-            Get("/made.toml").find("max_hw_sectors_kb = 1024") != std::string::npos;
-        EXPECT_EQ(hasLimit, row.phone.find("1024") != std::string::npos);
+        EXPECT_EQ(Get("/made.toml").find("max_hw_sectors_kb = 1024") != std::string::npos,
+                  isLimited);
     }
-}
-
-TEST_F(FwlabTest, CaptureOfAPhoneThatAttempted) {
-    Put("/package", UfsEntry());
-    Put("/phone.toml", UfsPhone());
-    Expect(Fwlab("rehearse package --phone phone.toml --keep pulled"), 0);
-    Put("/pulled/proc/bootdevice/rev", "0800\n"); // as if the update had not lasted
-    Expect(Fwlab("capture pulled -o made.toml --firmware-revision 0900"), 0,
-           "made.toml: UFS \"SIMUFS128G-B0B1 \\n\", runs \"0800\"\nIts record: fwlab match "
-           "PACKAGE --phone made.toml --record pulled/data/vendor/fw/fw_result\n");
-    Expect(Fwlab("match package --phone made.toml --record pulled/data/vendor/fw/fw_result"), 1,
-           "the phone counts this revision as attempted");
-    Expect(Fwlab("match package --phone made.toml"), 0, "An update to \"0900\"");
-    Expect(Fwlab("rehearse package --phone made.toml"), 0, "updated");
-    Expect(
-        Fwlab("capture --json pulled -o made.toml --firmware-revision 0900"), 0,
-        "\"technology\": \"ufs\",*\"mode\": null,*\"record\": \"pulled/data/vendor/fw/fw_result\"");
 }
 
 TEST_F(FwlabTest, CaptureRefusesWhatIsNoPhone) {
@@ -469,50 +445,52 @@ TEST_F(FwlabTest, CaptureRefusesWhatIsNoPhone) {
                             "10"
                             "1234abcd"
                             "00"
-                            "00";
+                            "00\n";
     const std::string extCsd = Hexadecimal(ExtCsd("FW1"));
-    const Files emmc = {{"product_name", "SIM064\n"}, {"cid", cid + "\n"}, {"ext_csd", extCsd}};
-    const Files ufs = {{"product_name", "SIM\n"}, {"manfid", "0x0001ce\n"}, {"rev", "0800\n"}};
+    const std::string boot = "proc/bootdevice/", cidNode = "sys/class/mmc_host/mmc0/mmc0:0001/cid",
+                      limit = "sys/block/sdc/queue/max_hw_sectors_kb";
+    const Files emmc = {
+        {boot + "product_name", "SIM064\n"}, {cidNode, cid}, {boot + "ext_csd", extCsd}};
+    const Files ufs = {{boot + "product_name", "SIM\n"},
+                       {boot + "manfid", "0x0001ce\n"},
+                       {boot + "rev", "0800\n"}};
     const struct {
         int status;
         std::string text;
         Files nodes, others; // changed
-        std::string options = "";
+        std::string options = "ufs --firmware-revision 0900";
     } rows[] = {
-        {0, "eMMC (GKI mode)", emmc, {}},
-        {0, "eMMC (normal mode)", emmc, {}, "--mode normal"},
-        {0, "eMMC (GKI mode)", emmc, {{"ext_csd", ExtCsd("FW1")}}, "--mode gki"},
-        {0, "UFS \"SIM\\n\"", ufs, {{"cid", cid}}, "--technology ufs"},
-        {1, "give --mode", emmc, {{"ext_csd", ExtCsd("FW1")}}},
-        {1, "--technology to see which node is missing", {{"product_name", "SIM\n"}}, {}},
-        {1, "--technology to see which node is missing", ufs, {{"manfid", MISSING}}},
-        {1, "pulled: has no manfid", ufs, {{"manfid", MISSING}}, "--technology ufs"},
-        {1, "pulled: has no ext_csd", ufs, {{"cid", cid}}},
-        {1, "has no product_name", emmc, {{"product_name", MISSING}}},
-        {1, "ext_csd is neither", emmc, {{"ext_csd", extCsd.substr(1)}}},
-        {1, "ext_csd is neither", emmc, {{"ext_csd", "g" + extCsd.substr(1)}}},
-        {1, "cid is not 32", emmc, {{"cid", cid + "00\n"}}},
+        {0, "eMMC (GKI mode)", emmc, {}, "emmc-gki --firmware-revision 0900"},
+        {0, "eMMC (normal mode)", emmc, {}, "emmc-normal --firmware-revision 0900"},
+        {0, "UFS \"SIM\\n\"", ufs, {{cidNode, cid}}},
+        {2, "pulled/proc/bootdevice/manfid: No such file", ufs, {{boot + "manfid", MISSING}}},
+        {2, "ext_csd: No such file", ufs, {{cidNode, cid}}, "emmc-gki --firmware-revision 0900"},
+        {1,
+         "ext_csd is not 1024 hexadecimal digits",
+         emmc,
+         {{boot + "ext_csd", "g" + extCsd.substr(1)}},
+         "emmc-gki --firmware-revision 0900"},
+        {1,
+         "cid is not 32 hexadecimal digits",
+         emmc,
+         {{cidNode, "00" + cid}},
+         "emmc-gki --firmware-revision 0900"},
         {1,
          "product_name is \"SIM065\", but the CID has \"SIM064\"",
          emmc,
-         {{"product_name", "SIM065\n"}}},
-        {1, "rev has 3 bytes", ufs, {{"rev", "08\n"}}},
-        {1, "rev: is empty: take it by `adb exec-out cat`", ufs, {{"rev", ""}}},
-        {1,
-         "product_name: ends with a carriage return and a line feed",
-         ufs,
-         {{"product_name", "SIM\r\n"}}},
-        {1, "max_hw_sectors_kb is no number of KiB: \"0\"", ufs, {{"max_hw_sectors_kb", "0\n"}}},
-        {1, "no number", ufs, {{"max_hw_sectors_kb", "9999999\n"}}},
-        {2,
-         "rev and pulled/proc/bootdevice/rev: keep only one",
-         ufs,
-         {{"proc/bootdevice/rev", "0900"}}},
-        {2, "rev: is no regular file", ufs, {{"rev", MISSING}, {"rev/file", ""}}},
-        {2, "rev: is larger than any node", ufs, {{"rev", std::string(4097, '0')}}},
-        {2, "fw_result: is no regular file", ufs, {{"fw/fw_result/file", ""}}},
-        {2, "--firmware-revision has 3 bytes, not 4", ufs, {}, "--firmware-revision 090"},
-        {2, "a UFS phone has none", ufs, {}, "--mode gki"},
+         {{boot + "product_name", "SIM065\n"}},
+         "emmc-gki --firmware-revision 0900"},
+        {1, "rev has 3 bytes", ufs, {{boot + "rev", "08\n"}}},
+        {1, "rev: is empty*take it by `adb exec-out cat`", ufs, {{boot + "rev", ""}}},
+        {1, "product_name: *carriage return", ufs, {{boot + "product_name", "SIM\r\n"}}},
+        {1, "max_hw_sectors_kb is no number of KiB: \"0\"", ufs, {{limit, "0\n"}}},
+        {1, "no number", ufs, {{limit, "9999999\n"}}},
+        {2, "rev: is no regular file", ufs, {{boot + "rev", MISSING}, {boot + "rev/file", ""}}},
+        {2, "rev: is larger than any node", ufs, {{boot + "rev", std::string(4097, '0')}}},
+        {2, "--firmware-revision has 3 bytes, not 4", ufs, {}, "ufs --firmware-revision 090"},
+        {2, "--kind", ufs, {}, "nand --firmware-revision 0900"},
+        // Not optional: a value that nobody gave would decide how a rehearsal ends.
+        {2, "--firmware-revision is required", ufs, {}, "ufs"},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.text);
@@ -523,21 +501,14 @@ TEST_F(FwlabTest, CaptureRefusesWhatIsNoPhone) {
                 Put("/pulled/" + name, content);
             }
         }
-        const bool isGiven = row.options.find("revision") != std::string::npos;
-        Expect(Fwlab("capture pulled -o phone.toml " + row.options +
-                     (isGiven ? "" : " --firmware-revision 0900")),
-               row.status, row.text);
+        Expect(Fwlab("capture pulled -o phone.toml --kind " + row.options), row.status, row.text);
         EXPECT_EQ(fs::exists(directory + "/phone.toml"), row.status == 0);
     }
-    // Not required: a value that nobody gave would decide how a rehearsal ends.
-    Expect(Fwlab("capture pulled -o phone.toml"), 2, "--firmware-revision is required");
-    Put("/pulled/rev", MISSING);
-    fs::create_symlink("/dev/zero", directory + "/pulled/rev");
-    Expect(Fwlab("capture pulled -o phone.toml --firmware-revision 0900"), 2, "no regular file");
-    fs::remove(directory + "/pulled/rev");
-    Put("/pulled/rev", "0800\n");
-    Expect(Fwlab("capture pulled -o pulled/rev --firmware-revision 0900"), 2,
-           "is an input of this command");
-    EXPECT_EQ(Get("/pulled/rev"), "0800\n");
-    Expect(Fwlab("capture gone -o phone.toml --firmware-revision 0900"), 2, "gone: ");
+    const std::string capture = "capture pulled --kind ufs --firmware-revision 0900 -o ";
+    Expect(Fwlab(capture + "pulled/proc/bootdevice/rev"), 2, "is an input of this command");
+    EXPECT_EQ(Get("/pulled/proc/bootdevice/rev"), "0800\n");
+    Put("/pulled/proc/bootdevice/rev", MISSING);
+    fs::create_symlink("/dev/zero", directory + "/pulled/proc/bootdevice/rev");
+    Expect(Fwlab(capture + "phone.toml"), 2, "no regular file");
+    Expect(Fwlab("capture gone --kind ufs --firmware-revision 0900 -o phone.toml"), 2, "gone/");
 }
