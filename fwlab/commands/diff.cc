@@ -7,7 +7,6 @@
 #include "simphone/files.h"
 
 #include <algorithm>
-#include <cstring>
 #include <fmt/format.h>
 #include <set>
 #include <string_view>
@@ -97,44 +96,45 @@ std::string OtherRevision(const Model& model) {
     return other;
 }
 
-// What a device of a model gets from both packages.
+// What a device gets from both packages.
 struct Row {
-    Device device;
-    bool isOther; // it runs a revision that no entry names
+    std::string device; // with its revision and mode, for people
     Decision before, after;
     bool isSame; // it ends with the same firmware and the same record
 };
 
 bool IsSameEnd(const Package& one, const Decision& was, const Package& other, const Decision& is) {
-    const bool isSent = was.sent != nullptr && is.sent != nullptr;
+    const auto sent = [](const Package& package, const Decision& decision) {
+        const uint8_t* first =
+            package.bytes.get() + (decision.sent == nullptr ? 0 : decision.sent->body);
+        return std::string_view(reinterpret_cast<const char*>(first), decision.sentSize);
+    };
     return was.verdict == is.verdict && was.recorded == is.recorded &&
-           was.sentSize == is.sentSize && (was.sent == nullptr) == (is.sent == nullptr) &&
-           (!isSent || memcmp(one.bytes.get() + was.sent->body, other.bytes.get() + is.sent->body,
-                              was.sentSize) == 0);
-}
-
-bool HasModes(const Package& package) {
-    const Entries own = OwnEntries(package);
-    return std::any_of(own.begin(), own.end(), [](const Entry* e) { return NeedsGkiMode(*e); });
+           sent(one, was) == sent(other, is);
 }
 
 std::vector<Row> RowsOf(const Package& one, const Package& other) {
-    const bool hasModes = HasModes(one) || HasModes(other);
+    const auto needsGki = [](const Entry& entry) { return entry.bodyFits && NeedsGkiMode(entry); };
+    const bool hasModes = std::any_of(one.entries.begin(), one.entries.end(), needsGki) ||
+                          std::any_of(other.entries.begin(), other.entries.end(), needsGki);
     std::vector<Row> rows;
-    const auto add = [&](const Model& model, const std::string& revision, bool isOther) {
+    const auto add = [&](const Model& model, const std::string& revision, const std::string& runs) {
         for (const bool gki : hasModes ? std::vector<bool>{false, true} : std::vector<bool>{true}) {
             Device device = {model.identity, gki, 0};
             Set(device.identity, model.identity.layout->revision, revision);
+            const char* mode = !hasModes ? "" : gki ? " in GKI mode" : " in normal mode";
             const Decision was = Decide(one, device), is = Decide(other, device);
-            rows.push_back({device, isOther, was, is, IsSameEnd(one, was, other, is)});
+            rows.push_back({fmt::format("{} runs {}{}", Title(device.identity), runs, mode), was,
+                            is, IsSameEnd(one, was, other, is)});
         }
     };
     for (const Model& model : ModelsOf(one, other)) {
         for (const std::string& revision : model.revisions) {
-            add(model, revision, false);
+            add(model, revision, Quoted(revision));
         }
         if (model.isAnyAdmitted) {
-            add(model, OtherRevision(model), true);
+            add(model, OtherRevision(model),
+                model.identity.layout == &UFS ? "another, older revision" : "another revision");
         }
     }
     return rows;
@@ -166,61 +166,22 @@ Json Describe(const Package& package) {
             {"bytes_of_no_entry", others}};
 }
 
-std::string RevisionOf(const Identity& identity) {
-    return Get(identity, identity.layout->revision);
-}
-
-std::string SentDigest(const Package& package, const Decision& decision) {
-    return Sha256(package, decision.sent->body, decision.sentSize);
-}
-
 // What the device gets.
 Json Describe(const Package& package, const Decision& decision) {
     Json shown = Describe(decision);
     shown.erase("steps");
-    const bool isSent = decision.sent != nullptr;
-    shown["revision"] = isSent ? Json(Escaped(RevisionOf(decision.sent->identity))) : Json();
-    shown["sha256"] = isSent ? Json(SentDigest(package, decision)) : Json();
+    shown["sha256"] = decision.sent == nullptr
+                          ? Json()
+                          : Json(Sha256(package, decision.sent->body, decision.sentSize));
     return shown;
-}
-
-Json Describe(const std::vector<Row>& rows, const Package& before, const Package& after) {
-    Json list = Json::array();
-    const bool hasModes = HasModes(before) || HasModes(after);
-    for (const Row& row : rows) {
-        const Identity& identity = row.device.identity;
-        list.push_back({{"device", Title(identity)},
-                        {"mode", hasModes ? Json(row.device.gki ? "gki" : "normal") : Json()},
-                        {"runs", row.isOther ? Json() : Json(Escaped(RevisionOf(identity)))},
-                        {"same", row.isSame},
-                        {"old", Describe(before, row.before)},
-                        {"new", Describe(after, row.after)}});
-    }
-    return list;
 }
 
 std::string AnswerOf(const Package& package, const Decision& decision) {
     return decision.verdict == Verdict::UPDATED
                ? fmt::format("gets {}, {} bytes of entry {}, sha256 {}...",
-                             Quoted(RevisionOf(decision.sent->identity)), decision.sentSize,
-                             decision.sent->number, SentDigest(package, decision).substr(0, 12))
+                             Quoted(*decision.recorded), decision.sentSize, decision.sent->number,
+                             Sha256(package, decision.sent->body, decision.sentSize).substr(0, 12))
                : InWords(decision.verdict, WhyOf(decision));
-}
-
-void Print(const std::vector<Row>& rows, const Package& before, const Package& after) {
-    const bool hasModes = HasModes(before) || HasModes(after);
-    for (const Row& row : rows) {
-        const Identity& identity = row.device.identity;
-        const std::string runs = !row.isOther              ? Quoted(RevisionOf(identity))
-                                 : identity.layout == &UFS ? "another, older revision"
-                                                           : "another revision";
-        fmt::print("{}{} runs {}{}:\n    old: {}\n    new: {}\n",
-                   row.isSame ? "" : "CHANGES: ", Title(identity), runs,
-                   !hasModes        ? ""
-                   : row.device.gki ? " in GKI mode"
-                                    : " in normal mode",
-                   AnswerOf(before, row.before), AnswerOf(after, row.after));
-    }
 }
 
 void PrintEntries(const char* change, const Json& entries) {
@@ -243,13 +204,19 @@ int Diff(const std::string& oldFile, const std::string& newFile, bool asJson) {
     const Entries removed = OnlyIn(before, after), added = OnlyIn(after, before);
     const std::vector<Row> rows = RowsOf(before, after);
     const bool isSame = IsSame(before, after);
-    const Json report = {{"old", Describe(before)},
-                         {"new", Describe(after)},
-                         {"same", isSame},
-                         {"removed", Describe(before, removed)},
-                         {"added", Describe(after, added)},
-                         {"notes", NotesOf(removed, added)},
-                         {"devices", Describe(rows, before, after)}};
+    Json report = {{"old", Describe(before)},
+                   {"new", Describe(after)},
+                   {"same", isSame},
+                   {"removed", Describe(before, removed)},
+                   {"added", Describe(after, added)},
+                   {"notes", NotesOf(removed, added)},
+                   {"devices", Json::array()}};
+    for (const Row& row : rows) {
+        report["devices"].push_back({{"device", row.device},
+                                     {"same", row.isSame},
+                                     {"old", Describe(before, row.before)},
+                                     {"new", Describe(after, row.after)}});
+    }
     Show(asJson, report, [&] {
         PrintEntries("removed", report["removed"]);
         PrintEntries("added", report["added"]);
@@ -259,7 +226,11 @@ int Diff(const std::string& oldFile, const std::string& newFile, bool asJson) {
         if (report["old"]["bytes_of_no_entry"] != report["new"]["bytes_of_no_entry"]) {
             fmt::print("The bytes that belong to no entry differ: `fwlab list` shows them.\n");
         }
-        Print(rows, before, after);
+        for (const Row& row : rows) {
+            fmt::print("{}{}:\n    old: {}\n    new: {}\n",
+                       row.isSame ? "" : "CHANGES: ", row.device, AnswerOf(before, row.before),
+                       AnswerOf(after, row.after));
+        }
         fmt::print("{}\n", isSame ? "The packages are the same." : "The packages differ.");
     });
     return isSame ? 0 : 1;
