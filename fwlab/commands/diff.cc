@@ -1,6 +1,7 @@
 // Compares two packages: by their entries, and by what devices get from them.
 #include "fwlab/base/json.h"
 #include "fwlab/commands/commands.h"
+#include "fwlab/package/difference.h"
 #include "fwlab/package/digest.h"
 #include "fwlab/package/spans.h"
 #include "fwlab/phone/decision.h"
@@ -203,7 +204,7 @@ int Diff(const std::string& oldFile, const std::string& newFile, bool asJson) {
     }
     const Entries removed = OnlyIn(before, after), added = OnlyIn(after, before);
     const std::vector<Row> rows = RowsOf(before, after);
-    const bool isSame = IsSame(before, after);
+    const bool isSame = !FirstDifference(before, after);
     Json report = {{"old", Describe(before)},
                    {"new", Describe(after)},
                    {"same", isSame},

@@ -25,37 +25,22 @@ void Print(const Step& step, const Identity& device) {
     }
 }
 
-// The answer in words, and what to change.
-std::string Sentence(const Decision& decision) {
-    const std::string why = WhyOf(decision);
-    const std::string recorded = Quoted(decision.recorded.value_or(""));
-    const std::string remedy = fmt::format(
-        "The phone puts the attempt for {} on record and never makes another one for it. "
-        "Correct the package before phones get it; afterwards only another revision "
-        "reaches them.",
-        recorded);
-    switch (decision.verdict) {
-    case Verdict::UPDATED:
-        return fmt::format("An update to {}: {} bytes of {}.",
-                           Quoted(RevisionOf(decision.sent->identity)), decision.sentSize,
-                           Title(*decision.sent));
-    case Verdict::NOTHING_TO_DO:
-    case Verdict::REFUSED:
-        return "No update.";
-    case Verdict::ALREADY_ATTEMPTED:
-        return "No update: the phone counts this revision as attempted.";
-    case Verdict::RECORD_UNREADABLE:
-        if (decision.recorded) {
-            return "Used up: the attempt for " + recorded + " goes on record, but " + why +
-                   ". Every later run with an update stops.";
-        }
-        return "No update: the phone cannot parse fw_result. This run stops, and so does every "
-               "later run with an update.";
-    case Verdict::WRONG_IMAGE:
-        return "Used up, with the WRONG IMAGE: " + why + ". " + remedy;
-    default:
-        return "Used up: " + why + ". " + remedy;
+// The answer, and what to change.
+std::string AnswerOf(const Decision& decision) {
+    if (decision.verdict == Verdict::UPDATED) {
+        return fmt::format("An update to {}: {} bytes of {}.", Quoted(*decision.recorded),
+                           decision.sentSize, Title(*decision.sent));
     }
+    const std::string answer = InWords(decision.verdict, WhyOf(decision)) + ". ";
+    if (decision.verdict == Verdict::RECORD_UNREADABLE) {
+        return answer + "Every run that has an update stops.";
+    }
+    return decision.recorded
+               ? answer + fmt::format("The phone puts the attempt for {} on record and never makes "
+                                      "another one for it. Correct the package before phones get "
+                                      "it; afterwards only another revision reaches them.",
+                                      Quoted(*decision.recorded))
+               : answer + "No update.";
 }
 
 // The keys of the description that the decision does not know.
@@ -76,7 +61,7 @@ void Print(const Identity& device, const Decision& decision) {
     for (const Step& step : decision.steps) {
         Print(step, device);
     }
-    fmt::print("{}\n", Sentence(decision));
+    fmt::print("{}\n", AnswerOf(decision));
     for (const std::string& note : decision.sent == nullptr ? Texts() : NotesOf(*decision.sent)) {
         fmt::print("Note: {}.\n", note);
     }

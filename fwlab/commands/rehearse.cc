@@ -178,10 +178,11 @@ int RehearseIn(const std::string& phone, const RehearseOptions& options, const P
     const RunResult run = Run(options.faults, phone, report);
     Reboot(phone);
     const Running running = ReadRunning(phone, *package.layout);
-    bool isFine = TellRunning(running, package, decision, report);
+    const bool isReported = TellRunning(running, package, decision, report);
+    bool isQuiet = true;
     Verdict verdict = judge(running);
     if (options.runAgain) {
-        isFine = FindsNothingToDo(phone, report) && isFine;
+        isQuiet = FindsNothingToDo(phone, report);
         Reboot(phone);
         const Verdict later = judge(ReadRunning(phone, *package.layout));
         verdict = verdict != Verdict::UPDATED && later == Verdict::UPDATED ? Verdict::UPDATED_NEXT
@@ -191,11 +192,13 @@ int RehearseIn(const std::string& phone, const RehearseOptions& options, const P
     report.json["answer"] = WordOf(verdict);
     report.json["updated"] = isUpdated;
     report.Say("The phone is {}updated{}.\n", isUpdated ? "" : "NOT ",
-               !isUpdated ? fmt::format(": {}: {}", WordOf(verdict), SentenceOf(verdict))
+               !isUpdated    ? fmt::format(": {}: {}", WordOf(verdict), SentenceOf(verdict))
+               : !isReported ? ", but it reports another revision than the entry's"
+               : !isQuiet    ? ", but the second run did not find nothing to do"
                : run.signal != 0 || run.exitStatus != 0
                    ? ", though the first run ended with " + EndOf(run)
                    : "");
-    return isUpdated && isFine ? 0 : 1;
+    return isUpdated && isReported && isQuiet ? 0 : 1;
 }
 
 } // namespace

@@ -16,28 +16,14 @@ namespace {
 
 constexpr char MANIFEST[] = "package.toml";
 
-// Why pack makes no such package; empty if nothing is seen.
-std::string FlawOf(const Package& package, const std::vector<const Entry*>& entries) {
-    if (package.size == 0) {
-        return "it is empty";
-    }
-    for (const Entry* entry : entries) {
-        const Texts findings = FindingsOf(package, *entry);
-        if (!findings.empty()) {
-            return Title(*entry) + ": " + findings[0];
-        }
-    }
-    const std::vector<Span> spans = Uncovered(package);
-    return spans.empty() ? ""
-                         : fmt::format("{} bytes from {:#x} belong to no entry", spans[0].size,
-                                       spans[0].offset);
-}
-
 // Stop unless pack makes these bytes of the manifest.
 void RequireSame(const std::string& manifest, const Package& package) {
-    if (const auto found = FirstDifference(BuildPackage(manifest).package, package)) {
-        throw Stop{1, fmt::format("{}: pack would not make this package: {} would be {}, not {}",
-                                  package.path, found->place, found->first, found->second)};
+    Built built = BuildPackage(manifest);
+    built.package.path = package.path + ": pack would not make this package";
+    RequireFlawless(built, true);
+    if (const auto found = FirstDifference(built.package, package)) {
+        throw Stop{1, fmt::format("{}: {} would be {}, not {}", built.package.path, found->place,
+                                  found->first, found->second)};
     }
 }
 
@@ -46,9 +32,8 @@ void RequireSame(const std::string& manifest, const Package& package) {
 int Unpack(const std::string& packageFile, const std::string& folder, bool asJson) {
     const Package package = OpenPackage(packageFile);
     const std::vector<const Entry*> entries = OwnEntries(package);
-    const std::string flaw = FlawOf(package, entries);
-    if (!flaw.empty()) {
-        throw Stop{1, packageFile + ": pack would not make this package: " + flaw};
+    if (entries.empty()) {
+        throw Stop{1, packageFile + ": is empty: pack makes no such package"};
     }
     std::vector<ManifestEntry> parts;
     for (const Entry* entry : entries) {

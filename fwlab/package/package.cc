@@ -93,10 +93,6 @@ Package LookInto(const std::string& path, const PackageBytes& bytes, size_t size
     return package;
 }
 
-bool IsSame(const Package& one, const Package& other) {
-    return one.size == other.size && memcmp(one.bytes.get(), other.bytes.get(), one.size) == 0;
-}
-
 std::string Title(const Entry& entry) {
     return fmt::format("entry {} at {:#x}", entry.number, entry.offset);
 }

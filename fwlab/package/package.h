@@ -34,6 +34,4 @@ Package OpenPackage(const std::string& path, const Layout* layout = nullptr);
 Package LookInto(const std::string& path, const PackageBytes& bytes, size_t size,
                  const Layout& layout);
 
-bool IsSame(const Package& one, const Package& other); // byte by byte
-
 std::string Title(const Entry& entry); // "entry 2 at 0x1040"

@@ -252,14 +252,14 @@ TEST_F(FwlabTest, MatchTellsBothDecisions) {
          With(ufs, UFS_PNM_FIELD, "SIMUFS128G-B0B1")},
         {1, "the package holds eMMC entries", UfsPhone(), EmmcEntry()},
         {1,
-         "pre-check: goes on*update: ends here*would log: FwVerCheck,line=248: *Used up: its "
+         "pre-check: goes on*update: ends here*would log: FwVerCheck,line=248: *USED UP: its "
          "revision is not newer*attempt for \"0700\" on record",
          UfsPhone(), UfsEntry("0700")},
-        {1, "Used up: entry 1 at 0x0 has manufacturer_id 17, the device 19", NormalPhone(),
+        {1, "USED UP: entry 1 at 0x0 has manufacturer_id 17, the device 19", NormalPhone(),
          strange},
-        {1, "Used up: entry 1 at 0x0 has manfid \"0x1ce", UfsPhone(),
+        {1, "USED UP: entry 1 at 0x0 has manfid \"0x1ce", UfsPhone(),
          With(ufs, UFS_MID_FIELD, "0x1ce\n")},
-        {1, "Used up: entry 1 at 0x0 has ext_csd_rev 51, the device 8", GkiPhone(),
+        {1, "USED UP: entry 1 at 0x0 has ext_csd_rev 51, the device 8", GkiPhone(),
          With(EmmcEntry(), EMMC_REV_FIELD, "3")},
         {1, "WRONG IMAGE: the pre-check selects entry 1 at 0x0, the update selects entry 2 at 0x34",
          NormalPhone(), strangeOther + EmmcEntry()},
@@ -274,23 +274,21 @@ TEST_F(FwlabTest, MatchTellsBothDecisions) {
          With(ufs, UFS_MID_FIELD, "0x0001ad") + ufs},
         {1, "WRONG IMAGE: entry 2 at 0x46 lies inside the image of entry 1", UfsPhone(),
          With(UfsEntry("0900", "xxxxxx" + ufs), UFS_PNM_FIELD, "OTHER")},
-        {1, "Used up: the device is older than eMMC 5.0", GkiPhone({{"ext_csd_rev", "6"}}),
+        {1, "USED UP: the device is older than eMMC 5.0", GkiPhone({{"ext_csd_rev", "6"}}),
          With(EmmcEntry(), EMMC_REV_FIELD, "\6")},
         {0,
          "selects entry 1*selects entry 2*would log: UpdateProductName,line=155: *"
          "An update to \"1000\": 4 bytes of entry 2",
          UfsPhone(renamed), oldName + newName},
-        {1, "Used up: the body is larger than 8 MiB", UfsPhone(), UfsEntry("0900", Body(0x800001))},
-        {1, "Used up: its body is empty", UfsPhone(), UfsEntry("0900", "")},
-        {1, "Used up: the body is larger than 1 MiB", NormalPhone(), large},
-        {1, "Used up: its body is larger than the 4 KiB", UfsPhone({{"max_hw_sectors_kb", "4"}}),
+        {1, "USED UP: the body is larger than 8 MiB", UfsPhone(), UfsEntry("0900", Body(0x800001))},
+        {1, "USED UP: its body is empty", UfsPhone(), UfsEntry("0900", "")},
+        {1, "USED UP: the body is larger than 1 MiB", NormalPhone(), large},
+        {1, "USED UP: its body is larger than the 4 KiB", UfsPhone({{"max_hw_sectors_kb", "4"}}),
          UfsEntry("0900", Body(4097))},
         {0, "An update to \"FW000002\": 1048577 bytes*Note: *1 MiB", GkiPhone(), large},
-        {1,
-         "Used up: the attempt for \"FW\\n\" goes on record, but *Every later run with an update "
-         "stops.",
-         GkiPhone(), EmmcEntry("FW\n")},
-        {1, "goes on*record: ends here*\"0800\" to \"0900\"*counts this revision as attempted",
+        {1, "RECORD UNREADABLE: *has a line feed: *Every run that has an update stops.", GkiPhone(),
+         EmmcEntry("FW\n")},
+        {1, "goes on*record: ends here*\"0800\" to \"0900\"*already attempted: *No update.",
          UfsPhone(), ufs, record + "0900\n"},
         {0, "record: goes on", UfsPhone(), ufs, record + "0850\n"},
         {1,
@@ -327,8 +325,7 @@ TEST_F(FwlabTest, MatchTellsBothDecisions) {
     Put("/phone.toml", UfsPhone());
     Expect(Fwlab(match + "revision=08"), 1, "revision has fewer than 3 bytes");
     Expect(Fwlab(match + "revision=080"), 1,
-           "Used up: the attempt for \"0900\" goes on record, but the running or the new revision "
-           "has a line feed");
+           "RECORD UNREADABLE: the running or the new revision has a line feed");
 }
 
 namespace {
@@ -471,7 +468,7 @@ TEST_F(FwlabTest, RehearseTellsWhatHasBecomeOfThePhone) {
          NormalPhone(), EmmcEntry(), again + "--fault 'remove /data/vendor/fw/ffu.bgn end'"},
         {1,
          "runs \"FW3*\", from 4 bytes*downloaded: entry 1*?firmware? revision*has \"FW000002\"*"
-         "The phone is updated",
+         "The phone is updated, but it reports another revision",
          GkiPhone({{"firmware.revision", "'FW3'"}}), EmmcEntry()},
     };
     for (const auto& row : rows) {

@@ -75,7 +75,7 @@ TEST_F(FwlabTest, EveryCommandRefusesWhatIsNoPackage) {
     const struct {
         int status;
         std::string text;
-    } answers[] = {{1, "FINDING: it is empty"}, {0, "the same"},  {1, "it is empty"},
+    } answers[] = {{1, "FINDING: it is empty"}, {0, "the same"},  {1, "is empty"},
                    {1, "NOT identical"},        {1, "No update"}, {1, "is empty"},
                    {1, "NOT updated"}};
     for (size_t i = 0; i < std::size(answers); i++) {
@@ -279,12 +279,12 @@ TEST_F(FwlabTest, UnpackRefusesWhatPackDoesNotMake) {
     const struct {
         std::string text, package;
     } rows[] = {
-        {"it is empty", ""},
-        {"3 bytes from 0x0 belong to no entry", "pad" + ufs},
-        {"1 bytes from 0x44 belong to no entry", ufs + "x" + OtherUfs()},
-        {"67 bytes from 0x45 belong to no entry", OtherUfs() + ufs.substr(0, 67)},
-        {"entry 1 at 0x0: no device can have", With(ufs, UFS_BASE_FIELD, "")},
-        {"entry 2 at 0x44: entry 1 at 0x0 comes first", ufs + ufs},
+        {"is empty: pack makes no such package", ""},
+        {"entry 1 at 0x0: magic would be \"UFSM\", not \"padU\"", "pad" + ufs},
+        {"entry 2 at 0x44: magic would be \"UFSM\", not \"xUFS\"", ufs + "x" + OtherUfs()},
+        {"behind the last entry would be no byte, not \"U\"", OtherUfs() + ufs.substr(0, 67)},
+        {"entry 1 at 0x0): no device can have", With(ufs, UFS_BASE_FIELD, "")},
+        {"entry 2 at 0x44): entry 1 at 0x0 comes first", ufs + ufs},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.text);
