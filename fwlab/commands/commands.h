@@ -4,8 +4,8 @@
 
 #include "fwlab/base/stop.h"
 #include "fwlab/base/text.h"
-#include "fwlab/package/package.h"
 #include "simphone/description.h"
+#include "simphone/power_loss.h"
 
 #include <optional>
 
@@ -13,15 +13,6 @@
 // by a whole package. withLargeEmmc allows eMMC images above 1 MiB, which only GKI mode takes.
 int Pack(const std::string& manifestFile, const std::string& output, bool withLargeEmmc,
          bool asJson);
-
-// The same package in memory.
-struct Built {
-    std::shared_ptr<const std::string> bytes;
-    Package package; // of these bytes
-    size_t entries;
-    Texts inputs; // the files from which it was made
-};
-Built BuildPackage(const std::string& manifestFile, bool withLargeEmmc);
 
 int List(const std::string& packageFile, bool asJson);
 
@@ -41,9 +32,10 @@ int Match(const std::string& packageFile, const Description& phone, const std::s
           bool asJson);
 
 struct RehearseOptions {
-    std::string package, phone; // the package and the phone's description
-    Texts settings;             // KEY=VALUE: see ReadPhone
-    std::string keep;           // where to make and keep the phone; empty: it is temporary
+    std::string package, phone;          // the package and the phone's description
+    Texts settings;                      // KEY=VALUE: see ReadPhone
+    std::string keep;                    // where to make and keep the phone; empty: it is temporary
+    std::optional<StateDirectory> state; // that the phone starts with; see ReadPulledState
     Texts faults;
     bool runAgain;
     bool quiet; // leave out console lines of one character each
@@ -66,7 +58,7 @@ int Outcome(const OutcomeOptions& options, bool asJson);
 
 struct CaptureOptions {
     std::string folder, output;
-    std::string technology, mode; // empty: the nodes show it
+    std::string kind;             // "emmc-gki", "emmc-normal" or "ufs"
     std::string firmwareRevision; // what the phone reports after an update, as Escaped writes it
 };
 // Writes the description of the phone whose nodes are in the folder.

@@ -1,12 +1,12 @@
 // Runs the unmodified tool on a simulated phone with a package and checks the result. The phone is
 // a directory, which is removed unless the user keeps it.
-#include "emmc/emmc_command.h"
-#include "emmc/emmc_device.h"
 #include "emmc/emmc_register.h"
 #include "fwlab/base/json.h"
+#include "fwlab/base/output.h"
 #include "fwlab/base/work_folder.h"
 #include "fwlab/commands/commands.h"
-#include "fwlab/phone/device.h"
+#include "fwlab/phone/decision.h"
+#include "fwlab/phone/pulled_state.h"
 #include "fwlab/phone/state_directory.h"
 #include "run/result_record.h"
 #include "run/state_flags.h"
@@ -16,7 +16,6 @@
 #include "simphone/tool_run.h"
 
 #include <algorithm>
-#include <cstring>
 #include <filesystem>
 #include <fmt/format.h>
 #include <regex>
@@ -66,11 +65,17 @@ Texts TextsOf(const std::vector<Fault>& faults) {
     return texts;
 }
 
-// Returns whether the state that the run has left is fine.
-bool Run(const std::vector<Fault>& faults, const Phone& phone, Report& report) {
+// The end of the run, for people.
+std::string EndOf(const RunResult& run) {
+    return fmt::format("{} {}{}", run.signal != 0 ? "signal" : "exit status",
+                       run.signal != 0 ? run.signal : run.exitStatus,
+                       run.timedOut ? ": it took too long" : "");
+}
+
+RunResult Run(const std::vector<Fault>& faults, const Phone& phone, Report& report) {
     RunOptions options;
     options.faults = faults;
-    const RunResult run = RunTool(phone, Companion("ffu"), options);
+    RunResult run = RunTool(phone, Companion("ffu"), options);
     StopIfInterrupted();
     if (!run.error.empty()) {
         throw Stop{2, run.error};
@@ -85,37 +90,54 @@ bool Run(const std::vector<Fault>& faults, const Phone& phone, Report& report) {
                                   run.unmetFaults.size() == 1 ? "this fault" : "these faults",
                                   fmt::join(TextsOf(run.unmetFaults), "; "))};
     }
-    report.Say("\nThe run ended with {} {}{}.\n", run.signal != 0 ? "signal" : "exit status",
-               run.signal != 0 ? run.signal : run.exitStatus,
-               run.timedOut ? ": it took too long" : "");
+    report.Say("\nThe run ended with {}.\n", EndOf(run));
     report.Say("{}", ShowPhone(phone));
     const StateReport state = DescribeState(phone.directory + STATE_DIR);
     report.Say("{}\n", state.text);
     report.json["runs"].back()["state"] = NameOf(state.state);
-    return state.isFine;
+    return run;
 }
 
-// Whether the phone, which has restarted, runs the revision and exactly the body of entry; null:
-// none is right. An eMMC request carries whole blocks.
-bool Runs(const std::string& phone, const Package& package, const Entry* entry, Report& report) {
-    const Field& field = package.layout->revision;
-    const bool isUfs = package.layout == &UFS;
-    const std::string revision =
-        isUfs ? Content(phone + "/proc/bootdevice/rev").substr(0, field.size)
-              : Content(phone + "/device/ext_csd.bin").substr(EXT_CSD_FIRMWARE_VERSION, field.size);
-    const std::string taken = Content(phone + "/device/running.bin");
-    const size_t size = entry == nullptr ? 0 : entry->bodySize;
-    const size_t padded = size_t{DownloadBlocks(static_cast<uint32_t>(size))} * MMC_BLOCK_SIZE;
-    const bool isWhole = taken.size() == size || (!isUfs && taken.size() == padded);
-    const bool isMeant = size > 0 && isWhole && revision == Get(entry->identity, field) &&
-                         memcmp(taken.data(), package.bytes.get() + entry->body, size) == 0;
-    report.json["revision"] = Escaped(revision);
-    report.json["downloaded_bytes"] = taken.size();
-    report.json["is_entry"] = isMeant;
+void Reboot(const Phone& phone) {
+    std::string error;
+    if (!RebootPhone(phone, error)) {
+        throw Stop{2, error};
+    }
+}
+
+// What the phone that has restarted runs.
+struct Running {
+    std::string revision, image; // the image is empty if no run has downloaded one
+};
+
+Running ReadRunning(const std::string& phone, const Layout& layout) {
+    const size_t size = layout.revision.size;
+    return {&layout == &UFS
+                ? Content(phone + "/proc/bootdevice/rev").substr(0, size)
+                : Content(phone + "/device/ext_csd.bin").substr(EXT_CSD_FIRMWARE_VERSION, size),
+            Content(phone + "/device/running.bin")};
+}
+
+// Returns whether the phone reports the revision of the entry that it took; also if it took none.
+bool TellRunning(const Running& running, const Package& package, const Decision& decision,
+                 Report& report) {
+    const bool isSent = IsSent(package, decision, running.image);
+    const Entry* entry = decision.sent != nullptr ? decision.sent : decision.PreCheck();
+    report.json["revision"] = Escaped(running.revision);
+    report.json["downloaded_bytes"] = running.image.size();
+    report.json["is_entry"] = isSent;
     report.Say("After a restart the phone runs {}, from {} bytes that were downloaded: {}{}.\n",
-               Quoted(revision), taken.size(), isMeant ? "" : "NOT ",
+               Quoted(running.revision), running.image.size(), isSent ? "" : "NOT ",
                entry == nullptr ? "an entry for it" : Title(*entry));
-    return isMeant;
+    const std::string own = isSent ? Get(entry->identity, package.layout->revision) : "";
+    const bool isReported = !isSent || running.revision == own;
+    report.json["reports_revision_of_entry"] = isReported;
+    if (!isReported) {
+        report.Say("Its revision is the description's [firmware] revision, but the entry has {}. "
+                   "If the image reports that, correct the description.\n",
+                   Quoted(own));
+    }
+    return isReported;
 }
 
 // Whether another run, without the faults of the first, leaves the phone alone.
@@ -123,7 +145,7 @@ bool FindsNothingToDo(const Phone& phone, Report& report) {
     const std::string& directory = phone.directory;
     const std::string record = Content(directory + RESULT_FILE);
     report.Say("\nThe second run:\n");
-    (void)Run({}, phone, report); // the first one was judged
+    (void)Run({}, phone, report); // what it leaves is looked at below
     const bool isQuiet = Content(directory + RESULT_FILE) == record &&
                          fs::exists(directory + END_FLAG) && !fs::exists(directory + BEGIN_FLAG);
     report.json["second_run_is_quiet"] = isQuiet;
@@ -131,47 +153,91 @@ bool FindsNothingToDo(const Phone& phone, Report& report) {
     return isQuiet;
 }
 
+// What is rehearsed.
+struct Rehearsal {
+    const RehearseOptions& options;
+    std::vector<Fault> faults;
+    Description description;
+    Device device;
+    Package package;
+};
+
+// Makes the phone in an empty or missing folder, runs the tool on it and tells what becomes of it.
+// Returns the exit status.
+int RehearseIn(const std::string& directory, const Rehearsal& rehearsal, Report& report) {
+    const RehearseOptions& options = rehearsal.options;
+    const Package& package = rehearsal.package;
+    const Phone phone = {directory, rehearsal.description};
+    std::string error;
+    if (!MakePhone(phone.description, directory, error) ||
+        !PutPackage(phone, options.package, error)) {
+        throw Stop{2, error};
+    }
+    if (options.state && !WriteStateDirectory(directory, *options.state)) {
+        throw FailureAt(directory + STATE_DIR, errno);
+    }
+    const StateDirectory before = ReadStateDirectory(directory);
+    const auto found = before.files.find(fs::path(RESULT_FILE).filename());
+    const Record record = found == before.files.end() ? Record() : ParseRecord(found->second);
+    const Decision decision =
+        Decide(package, rehearsal.device, found == before.files.end() ? nullptr : &record);
+    const auto judge = [&](const Running& running) {
+        return Judge(package, decision, running.image, before, ReadStateDirectory(directory));
+    };
+    report.Say("{}\n", ShowPhone(phone));
+    const RunResult run = Run(rehearsal.faults, phone, report);
+    Reboot(phone);
+    const Running running = ReadRunning(directory, *package.layout);
+    const bool isReported = TellRunning(running, package, decision, report);
+    bool isQuiet = true;
+    Verdict verdict = judge(running);
+    if (options.runAgain) {
+        isQuiet = FindsNothingToDo(phone, report);
+        Reboot(phone);
+        const Verdict later = judge(ReadRunning(directory, *package.layout));
+        verdict = verdict != Verdict::UPDATED && later == Verdict::UPDATED ? Verdict::UPDATED_NEXT
+                                                                           : later;
+    }
+    const bool isUpdated = verdict == Verdict::UPDATED;
+    report.json["answer"] = WordOf(verdict);
+    report.json["updated"] = isUpdated;
+    report.Say("The phone is {}updated{}.\n", isUpdated ? "" : "NOT ",
+               !isUpdated    ? fmt::format(": {}: {}", WordOf(verdict), SentenceOf(verdict))
+               : !isReported ? ", but it reports another revision than the entry's"
+               : !isQuiet    ? ", but the second run did not find nothing to do"
+               : run.signal != 0 || run.exitStatus != 0
+                   ? ", though the first run ended with " + EndOf(run)
+                   : "");
+    return isUpdated && isReported && isQuiet ? 0 : 1;
+}
+
 } // namespace
 
 int Rehearse(const RehearseOptions& options, bool asJson) {
     std::string error;
-    std::vector<Fault> faults;
-    for (const std::string& text : options.faults) {
-        if (!ParseFault(text, faults.emplace_back(), error)) {
+    std::vector<Fault> faults(options.faults.size());
+    for (size_t i = 0; i < faults.size(); i++) { // before anything is made
+        if (!ParseFault(options.faults[i], faults[i], error)) {
             throw Stop{2, error};
         }
     }
-    Phone phone = {"", ReadPhone(options.phone, options.settings)};
-    const Device device = DeviceOf(phone.description);
-    const Package package = OpenPackage(options.package, device.identity.layout);
-    if (package.size > PACKAGE_SIZE_MAX) {
-        throw Stop{1, options.package + " " + package.flaw};
-    }
-    const Decision decision = Decide(package, device);
-    // The phone is to get what the pre-check selected, or the entry that Decide accepts in its
-    // place.
-    const Entry* entry = decision.verdict == Verdict::UPDATE ? decision.sent : decision.PreCheck();
-
-    const WorkFolder folder;
-    phone.directory = options.keep.empty() ? folder.path + "/phone" : options.keep;
-    if (!MakePhone(phone.description, phone.directory, error) ||
-        !PutPackage(phone, options.package, error)) {
-        throw Stop{2, error};
-    }
+    const Description description = ReadPhone(options.phone, options.settings);
+    const Device device = DeviceOf(description);
+    const Rehearsal rehearsal = {options, faults, description, device,
+                                 OpenPackage(options.package, device.identity.layout)};
     Report report = {asJson, options.quiet, {{"runs", Json::array()}}};
-    report.Say("{}\n", ShowPhone(phone));
-    bool isUpdated = Run(faults, phone, report);
-    if (!RebootPhone(phone, error)) {
-        throw Stop{2, error};
+    int status = 0;
+    const auto rehearse = [&](const std::string& directory) {
+        status = RehearseIn(directory, rehearsal, report);
+    };
+    if (options.keep.empty()) {
+        const WorkFolder folder;
+        rehearse(folder.path + "/phone");
+    } else {
+        MakeFolder(options.keep, rehearse);
     }
-    isUpdated = Runs(phone.directory, package, entry, report) && isUpdated;
-    if (options.runAgain) {
-        isUpdated = FindsNothingToDo(phone, report) && isUpdated;
-    }
-    report.json["updated"] = isUpdated;
-    report.Say("The phone is {}updated.\n", isUpdated ? "" : "NOT ");
     if (asJson) {
         fmt::print("{}\n", report.json.dump(2));
     }
-    return isUpdated ? 0 : 1;
+    return status;
 }

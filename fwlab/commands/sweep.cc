@@ -3,6 +3,8 @@
 // for.
 #include "fwlab/base/json.h"
 #include "fwlab/base/output.h"
+#include "fwlab/package/package.h"
+#include "fwlab/phone/device.h"
 #include "fwlab/sweep/report.h"
 
 #include "simphone/description.h"
