@@ -172,15 +172,16 @@ void AddOutcome(CLI::App& app, Arguments& args) {
         [&] { return Outcome(options, args.json); },
         "States: updated; nothing: nothing to do, never attempted; failed; interrupted; unknown: "
         "attempted, perhaps without a download; stopped: a run ended early, outside of an attempt; "
-        "damaged: no run can read the record; foreign: no state directory; unreadable. Exit status "
-        "0: all "
-        "are updated or nothing. 2: none is a state directory that can be read.");
+        "damaged: no run can read the record; not-pulled: no file at all; foreign: no state "
+        "directory; unreadable. Exit status 0: all are updated or nothing. 2: none is a state "
+        "directory that can be read.");
     outcome
         ->add_option("DIR", options.directories,
                      "that directory, pulled from a phone, or a folder of many: FOLDER/SERIAL/...")
         ->required();
     outcome->get_option("--json")->description(
         "print a line of JSON for each directory, for programs");
+    outcome->add_flag("--list", options.list, "list every directory that is not updated, too");
     outcome
         ->add_option("--fail-above", options.failAbove,
                      "exit status 1 only if more than this share (percent) is not updated, of all "

@@ -110,8 +110,8 @@ Texts UnusedEntries(const std::vector<Package>& packages, const std::vector<Line
 // The records of phones that have made an attempt; one that no run can read back is a finding.
 void ReadRecords(const std::string& folder, std::vector<Record>& records, Texts& findings) {
     size_t damaged = 0, others = 0;
-    for (const std::string& directory : StateDirectoriesIn(folder)) {
-        const StateReport report = DescribeState(directory);
+    for (const std::string& directory : StateDirectoriesIn({folder})) {
+        const StateReport report = ReadState(directory);
         damaged += report.state == State::DAMAGED ? 1 : 0;
         others += report.state == State::FOREIGN || report.state == State::UNREADABLE ? 1 : 0;
         if (!report.record.target.empty()) {

@@ -93,8 +93,8 @@ RunResult Run(const Texts& faults, const std::string& phone, Report& report) {
     }
     report.Say("\nThe run ended with {}.\n", EndOf(run));
     TellPhone(phone, report);
-    const StateReport state = DescribeState(phone + STATE_DIR);
-    report.Say("{}\n", state.text);
+    const StateReport state = ReadState(phone + STATE_DIR);
+    report.Say("{}\n", Sentence(state));
     report.json["runs"].back()["state"] = NameOf(state.state);
     return run;
 }
