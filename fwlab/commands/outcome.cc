@@ -22,7 +22,7 @@ Json Describe(const std::string& directory, const StateReport& report) {
     };
     return {{"schema", SCHEMA},
             {"directory", Escaped(directory)},
-            {"state", NameOf(report.state)},
+            {"state", WordOf(report.verdict)},
             {"product", text(record.product)},
             {"from", text(record.base)},
             {"to", text(record.target)},
@@ -30,7 +30,7 @@ Json Describe(const std::string& directory, const StateReport& report) {
             {"text", Sentence(report)}};
 }
 
-using Group = std::tuple<std::string, std::string, std::string, State>; // product, from, to
+using Group = std::tuple<std::string, std::string, std::string, Verdict>; // product, from, to
 struct Members {
     size_t count;
     Texts examples;
@@ -39,7 +39,7 @@ struct Members {
 // What the directories show together.
 struct Summary {
     std::map<Group, Members> groups;
-    std::map<State, size_t> counts;
+    std::map<Verdict, size_t> counts;
     Texts notUpdated; // a line each
 };
 
@@ -50,7 +50,7 @@ void Count(const std::string& directory, const StateReport& report, Summary& sum
     };
     Members& members =
         summary
-            .groups[{text(record.product), text(record.base), text(record.target), report.state}];
+            .groups[{text(record.product), text(record.base), text(record.target), report.verdict}];
     members.count++;
     if (members.examples.size() < 3) {
         members.examples.push_back(Escaped(directory));
@@ -64,8 +64,9 @@ struct Share {
 };
 
 Share ShareOf(Summary& summary, size_t all) {
-    const size_t tried = all - summary.counts[State::FOREIGN] - summary.counts[State::NOTHING];
-    const size_t failed = tried - summary.counts[State::UPDATED];
+    const size_t tried =
+        all - summary.counts[Verdict::FOREIGN] - summary.counts[Verdict::NOTHING_TO_DO];
+    const size_t failed = tried - summary.counts[Verdict::UPDATED];
     return {tried, tried == 0 ? 0 : 100 * static_cast<double>(failed) / static_cast<double>(tried)};
 }
 
@@ -73,7 +74,7 @@ void Print(const Summary& summary, const Share& share, size_t all, bool withList
     std::vector<Texts> rows = {{"product", "from", "to", "state", "count", "such as"}};
     for (const auto& [group, members] : summary.groups) {
         const auto& [product, from, to, state] = group;
-        rows.push_back({product, from, to, NameOf(state), std::to_string(members.count),
+        rows.push_back({product, from, to, WordOf(state), std::to_string(members.count),
                         fmt::format("{}", fmt::join(members.examples, ", "))});
     }
     fmt::print("{}\n", fmt::join(InColumns(rows, 4), "\n"));
@@ -82,10 +83,11 @@ void Print(const Summary& summary, const Share& share, size_t all, bool withList
     }
     fmt::print("{} directories", all);
     for (const auto& [state, count] : summary.counts) {
-        fmt::print(count > 0 ? ", {} {}" : "", count, NameOf(state));
+        fmt::print(count > 0 ? ", {} {}" : "", count, WordOf(state));
     }
     fmt::print(". Not updated: {:.4g} % of the {} that are neither \"{}\" nor \"{}\".\n",
-               share.notUpdated, share.tried, NameOf(State::NOTHING), NameOf(State::FOREIGN));
+               share.notUpdated, share.tried, WordOf(Verdict::NOTHING_TO_DO),
+               WordOf(Verdict::FOREIGN));
 }
 
 } // namespace
@@ -100,7 +102,7 @@ int Outcome(const OutcomeOptions& options, bool asJson) {
             ShowProgress(i, all, "directories");
         }
         const StateReport report = ReadState(directories[i]);
-        summary.counts[report.state]++;
+        summary.counts[report.verdict]++;
         if (asJson) {
             fmt::print("{}\n", Describe(directories[i], report).dump());
         } else if (isOne) {
@@ -108,9 +110,9 @@ int Outcome(const OutcomeOptions& options, bool asJson) {
         } else {
             Count(directories[i], report, summary);
         }
-        if (options.list && !IsFine(report)) {
+        if (options.list && !IsCalm(report.verdict)) {
             summary.notUpdated.push_back(
-                fmt::format("{:<12} {}", NameOf(report.state), Escaped(directories[i])));
+                fmt::format("{}  {}", WordOf(report.verdict), Escaped(directories[i])));
         }
     }
     const Share share = ShareOf(summary, all);
@@ -120,10 +122,11 @@ int Outcome(const OutcomeOptions& options, bool asJson) {
     if (!asJson && !isOne) {
         Print(summary, share, all, options.list);
     }
-    std::map<State, size_t>& counts = summary.counts;
-    if (counts[State::FOREIGN] + counts[State::NOT_PULLED] + counts[State::UNREADABLE] == all) {
+    std::map<Verdict, size_t>& counts = summary.counts;
+    if (counts[Verdict::FOREIGN] + counts[Verdict::NOT_PULLED] + counts[Verdict::UNREADABLE] ==
+        all) {
         return 2;
     }
     return options.failAbove ? share.notUpdated > *options.failAbove
-                             : counts[State::UPDATED] + counts[State::NOTHING] < all;
+                             : counts[Verdict::UPDATED] + counts[Verdict::NOTHING_TO_DO] < all;
 }

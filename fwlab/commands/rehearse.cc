@@ -95,7 +95,7 @@ RunResult Run(const Texts& faults, const std::string& phone, Report& report) {
     TellPhone(phone, report);
     const StateReport state = ReadState(phone + STATE_DIR);
     report.Say("{}\n", Sentence(state));
-    report.json["runs"].back()["state"] = NameOf(state.state);
+    report.json["runs"].back()["state"] = WordOf(state.verdict);
     return run;
 }
 

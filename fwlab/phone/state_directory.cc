@@ -187,73 +187,61 @@ bool HoldsFiles(const std::string& directory) {
     return error || entry != end;
 }
 
-State JudgeWithoutRecord(const StateReport& report, const std::string& directory) {
-    if (report.flag != OutcomeFlag::NONE || report.hasBody) {
-        return State::UNKNOWN;
+Verdict JudgeWithoutRecord(const StateReport& report, const std::string& directory) {
+    const LastRun lastRun = report.lastRun;
+    if (report.flag != OutcomeFlag::NONE || report.hasBody || lastRun == LastRun::BOTH_FLAGS) {
+        return Verdict::UNKNOWN;
     }
-    switch (report.lastRun) {
-    case LastRun::REGULAR:
-        return State::NOTHING;
-    case LastRun::STOPPED:
-        return State::STOPPED;
-    case LastRun::BOTH_FLAGS:
-        return State::UNKNOWN;
-    default:
-        return HoldsFiles(directory) ? State::FOREIGN : State::NOT_PULLED;
-    }
+    return lastRun == LastRun::REGULAR   ? Verdict::NOTHING_TO_DO
+           : lastRun == LastRun::STOPPED ? Verdict::STOPPED
+           : HoldsFiles(directory)       ? Verdict::FOREIGN
+                                         : Verdict::NOT_PULLED;
 }
 
-State JudgeAttempt(const StateReport& report) {
-    switch (report.flag) {
-    case OutcomeFlag::NONE:
-    case OutcomeFlag::EARLIER:
-        return report.lastRun == LastRun::STOPPED ? State::INTERRUPTED : State::UNKNOWN;
-    case OutcomeFlag::LAST:
-        return !report.isOk                            ? State::FAILED
-               : report.lastRun == LastRun::REGULAR    ? State::UPDATED
-               : report.lastRun == LastRun::BOTH_FLAGS ? State::UNKNOWN
-                                                       : State::STOPPED;
-    default:
-        return State::UNKNOWN;
+Verdict JudgeAttempt(const StateReport& report) {
+    const LastRun lastRun = report.lastRun;
+    if (report.flag == OutcomeFlag::LAST && !report.isOk) {
+        return Verdict::FAILED;
     }
+    if (report.flag == OutcomeFlag::LAST && lastRun != LastRun::BOTH_FLAGS) {
+        return lastRun == LastRun::REGULAR ? Verdict::UPDATED : Verdict::STOPPED;
+    }
+    const bool hasNone = report.flag == OutcomeFlag::NONE || report.flag == OutcomeFlag::EARLIER;
+    return hasNone && lastRun == LastRun::STOPPED ? Verdict::INTERRUPTED : Verdict::UNKNOWN;
 }
 
-State Judge(const StateReport& report, const std::string& directory) {
+Verdict Judge(const StateReport& report, const std::string& directory) {
     if (report.hasRecord && !report.record.isReadable) {
-        return State::DAMAGED;
+        return Verdict::RECORD_UNREADABLE;
     }
     if (!report.irregular.empty()) {
-        return State::UNKNOWN;
+        return Verdict::UNKNOWN;
     }
     return report.hasRecord ? JudgeAttempt(report) : JudgeWithoutRecord(report, directory);
 }
 
-const char* Words(LastRun lastRun) {
-    switch (lastRun) {
-    case LastRun::REGULAR:
-        return "the last run came to its regular end";
-    case LastRun::STOPPED:
-        return "the last run stopped before its regular end (or is under way): the power failed, "
-               "or it could not use the device's nodes, the package or the record";
-    case LastRun::BOTH_FLAGS:
-        return "both run flags are there, as one could not be removed: how the last run ended "
-               "cannot be told";
-    default:
-        return "the last run could not create its begin flag or its end flag";
-    }
+std::string Words(LastRun lastRun) {
+    constexpr const char* WORDS[] = {
+        "the last run came to its regular end",
+        "the last run stopped before its regular end (or is under way): the power failed, or it "
+        "could not use the device's nodes, the package or the record",
+        "both run flags are there, as one could not be removed: how the last run ended cannot be "
+        "told",
+        "the last run could not create its begin flag or its end flag"};
+    return WORDS[static_cast<size_t>(lastRun)];
 }
 
 std::string WhyWithoutRecord(const StateReport& report) {
     const std::string lastRun = Words(report.lastRun);
-    switch (report.state) {
-    case State::NOT_PULLED:
+    switch (report.verdict) {
+    case Verdict::NOT_PULLED:
         return "there is no file here: nothing was pulled from the phone";
-    case State::FOREIGN:
+    case Verdict::FOREIGN:
         return "no file of a run is here: this is no state directory, or the tool never ran there, "
                "or it could not create its flags";
-    case State::NOTHING:
+    case Verdict::NOTHING_TO_DO:
         return "no attempt is on record, and " + lastRun;
-    case State::STOPPED:
+    case Verdict::STOPPED:
         return "no attempt is on record; " + lastRun + ", or there is no storage device";
     default:
         return report.flag != OutcomeFlag::NONE || report.hasBody
@@ -264,7 +252,7 @@ std::string WhyWithoutRecord(const StateReport& report) {
 
 std::string WhyNoOutcome(const StateReport& report, const std::string& attempt,
                          const std::string& flag) {
-    const char* courses = report.state == State::INTERRUPTED
+    const char* courses = report.verdict == Verdict::INTERRUPTED
                               ? ", and the begin flag is there: the power failed during its "
                                 "update, or the run is under way, or it could not leave ffu.fail, "
                                 "or it ended without a download and a later run stopped early"
@@ -285,7 +273,7 @@ std::string WhyAttempt(const StateReport& report) {
                     Quoted(record.target), record.time.empty() ? "no time" : Escaped(record.time));
     const std::string flag =
         fmt::format("{} (\"{}\")", report.isOk ? "ffu.ok" : "ffu.fail", Escaped(report.flagTime));
-    const std::string lastRun = std::string("; ") + Words(report.lastRun);
+    const std::string lastRun = "; " + Words(report.lastRun);
     switch (report.flag) {
     case OutcomeFlag::NONE:
         return WhyNoOutcome(report, attempt, "");
@@ -327,13 +315,13 @@ std::string NextRun(const StateReport& report) {
 }
 
 std::string Why(const StateReport& report) {
-    switch (report.state) {
-    case State::UNREADABLE:
+    switch (report.verdict) {
+    case Verdict::UNREADABLE:
         return Escaped(report.failure);
-    case State::DAMAGED:
+    case Verdict::RECORD_UNREADABLE:
         return WhyDamaged(report);
-    case State::NOT_PULLED:
-    case State::FOREIGN:
+    case Verdict::NOT_PULLED:
+    case Verdict::FOREIGN:
         return WhyWithoutRecord(report);
     default:
         return (!report.irregular.empty()
@@ -381,13 +369,6 @@ bool Search(const std::string& directory, int depth, Texts& found) {
 
 } // namespace
 
-const char* NameOf(State state) {
-    constexpr const char* NAMES[] = {"updated", "nothing",   "failed",  "interrupted",
-                                     "unknown", "stopped",   "damaged", "not-pulled",
-                                     "foreign", "unreadable"};
-    return NAMES[static_cast<size_t>(state)];
-}
-
 const Texts& StateFileNames() {
     static const Texts names = {FileName(BEGIN_FLAG),  FileName(END_FLAG),
                                 FileName(OK_FLAG),     FileName(FAIL_FLAG),
@@ -409,16 +390,17 @@ StateReport ReadState(const std::string& directory) {
             report.record = ParseRecord(files.record.content);
         }
         report.flag = FlagOf(files, report);
-        report.state = Judge(report, directory);
+        report.verdict = Judge(report, directory);
     } catch (const Stop& stop) {
-        report.state = State::UNREADABLE;
+        report.verdict = Verdict::UNREADABLE;
         report.failure = stop.text;
     }
     return report;
 }
 
-bool IsFine(const StateReport& report) {
-    return report.state == State::UPDATED || report.state == State::NOTHING;
+bool IsNoPhone(Verdict verdict) {
+    return verdict == Verdict::FOREIGN || verdict == Verdict::NOT_PULLED ||
+           verdict == Verdict::UNREADABLE;
 }
 
 bool HasPassed(const StateReport& report) {
@@ -426,7 +408,7 @@ bool HasPassed(const StateReport& report) {
 }
 
 std::string Sentence(const StateReport& report) {
-    return fmt::format("{}: {}", NameOf(report.state), Why(report));
+    return fmt::format("{}: {}", WordOf(report.verdict), Why(report));
 }
 
 Texts StateDirectoriesIn(const Texts& directories) {

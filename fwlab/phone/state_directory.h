@@ -2,21 +2,7 @@
 #pragma once
 
 #include "fwlab/phone/record.h"
-
-// What a state directory shows. UNKNOWN if its files allow more than one course of events.
-enum class State {
-    UPDATED,     // the last attempt on record passed, and the last run ended regularly
-    NOTHING,     // the last run ended regularly; no run has made an attempt
-    FAILED,      // the last attempt failed
-    INTERRUPTED, // the last attempt has no outcome, and a run did not end regularly
-    UNKNOWN,     // attempted, perhaps without a download; or the files contradict each other
-    STOPPED,     // a run stopped early, outside of an attempt
-    DAMAGED,     // no run can read the record: a run that has an update stops there
-    NOT_PULLED,  // there is no file at all
-    FOREIGN,     // there are files, but no run has left one
-    UNREADABLE,  // the directory or a file in it cannot be read from here
-};
-const char* NameOf(State state); // one word
+#include "fwlab/phone/verdict.h"
 
 // What ffu.bgn and ffu.end tell of the last run: one of them is there, both or none.
 enum class LastRun { REGULAR, STOPPED, BOTH_FLAGS, NO_FLAG };
@@ -25,8 +11,9 @@ enum class LastRun { REGULAR, STOPPED, BOTH_FLAGS, NO_FLAG };
 // told. Of both flags it cannot be told either.
 enum class OutcomeFlag { NONE, LAST, EARLIER, UNTOLD, BOTH };
 
+// What a state directory shows, as far as its files allow only one course of events.
 struct StateReport {
-    State state;
+    Verdict verdict;
     LastRun lastRun;
     OutcomeFlag flag;
     bool isOk;             // the flag is ffu.ok
@@ -35,19 +22,19 @@ struct StateReport {
     bool hasRecord;        // fw_result is there
     Record record;         // without an attempt all its texts are empty
     std::string irregular; // a file that runs leave, but not a regular one; empty for none
-    std::string failure;   // why the state is UNREADABLE
+    std::string failure;   // why the verdict is UNREADABLE
 };
 
 // Reads regular files only, follows no link in the directory, and never waits.
 StateReport ReadState(const std::string& directory);
 
-// UPDATED or NOTHING.
-bool IsFine(const StateReport& report);
+// Whether nothing could be read of any phone: NOT_PULLED, FOREIGN or UNREADABLE.
+bool IsNoPhone(Verdict verdict);
 
 // The last attempt on record passed: its flag says so, however the last run ended.
 bool HasPassed(const StateReport& report);
 
-// Printable: the state, the reason, what the next run will do.
+// Printable: the verdict's word, the reason, what the next run will do.
 std::string Sentence(const StateReport& report);
 
 // The state directories at these directories and below them, each once, in this order and sorted by

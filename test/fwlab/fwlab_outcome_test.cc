@@ -73,7 +73,7 @@ TEST_F(OutcomeTest, SaysNoMoreThanTheFilesTell) {
         std::string texts; // the state first
         Files files;
     } rows[] = {
-        {0, "nothing: no attempt*regular end*will attempt", END},
+        {0, "nothing-to-do: no attempt*regular end*will attempt", END},
         {0, "updated: *\"A\" to \"B\" (Mon Nov 16 13:36:10 2026), passed*13:36:19*attempt \"B\" a",
          END + Ok(LAST_END) + Recorded(FIRST)},
         {0, "updated: *\"A\" to \"B\"", END + Ok(LAST_END) + Recorded(SECOND)},
@@ -126,12 +126,14 @@ TEST_F(OutcomeTest, SaysNoMoreThanTheFilesTell) {
         {1, "stopped: no attempt*no storage device", BEGIN},
         {1, "stopped: *passed*the last run stopped", BEGIN + Ok(LAST_END) + Recorded(FIRST)},
         {1, "stopped: *passed*could not create", Ok(LAST_END) + Recorded(FIRST)},
-        {1, "damaged: *Parse base rev failed!*Every later run*Restart the phone",
+        {1, "record-unreadable: *Parse base rev failed!*Every later run*Restart the phone",
          BEGIN + Recorded("")},
-        {1, "damaged: *Parse base rev failed!", END + Ok(LAST_END) + Recorded(SECOND + LAST)},
-        {1, "damaged: ", END + Ok(LAST_END) + Recorded(SECOND.substr(0, SECOND.size() - 1))},
-        {1, "damaged: *memcpy_s error!", END + Recorded(Attempt(LAST, "123456789"))},
-        {1, "damaged: ", END + Ok(LAST_END) + Recorded(zeros)},
+        {1, "record-unreadable: *Parse base rev failed!",
+         END + Ok(LAST_END) + Recorded(SECOND + LAST)},
+        {1,
+         "record-unreadable: ", END + Ok(LAST_END) + Recorded(SECOND.substr(0, SECOND.size() - 1))},
+        {1, "record-unreadable: *memcpy_s error!", END + Recorded(Attempt(LAST, "123456789"))},
+        {1, "record-unreadable: ", END + Ok(LAST_END) + Recorded(zeros)},
         {2, "not-pulled: there is no file", {}},
         {2, "foreign: no file of a run", {{"ffu", "x"}, {"FW_RESULT", FIRST}}},
         {1, "*\"\\x1b[2J\"*\\x07", END + Recorded(Attempt("\a\n", "\x1b[2J"))},
@@ -156,10 +158,10 @@ TEST_F(OutcomeTest, ReadsRegularFilesOnly) {
     const struct {
         std::string name, target, texts; // without a target: a FIFO
     } rows[] = {
-        {"fw_result", "", "damaged: *not a regular file"},
-        {"fw_result", "/dev/zero", "damaged: *not a regular file"},
-        {"fw_result", "../record", "damaged: *not a regular file"},
-        {"fw_result", ".", "damaged: *not a regular file"},
+        {"fw_result", "", "record-unreadable: *not a regular file"},
+        {"fw_result", "/dev/zero", "record-unreadable: *not a regular file"},
+        {"fw_result", "../record", "record-unreadable: *not a regular file"},
+        {"fw_result", ".", "record-unreadable: *not a regular file"},
         {"ffu.ok", "", "unknown: ffu.ok is not a regular file"},
         {"ffu.ok", "/dev/zero", "unknown: ffu.ok is not a regular file"},
         {"ffu.end", "gone", "unknown: ffu.end is not a regular file"},
@@ -184,7 +186,7 @@ TEST_F(OutcomeTest, ReadsTheEndOfLargeFiles) {
     PutState("/state", END + Ok(LAST_END) + Recorded(""));
     fs::resize_file(Path("/state/fw_result"), 1UL << 34);
     const std::string few = "ulimit -v 1000000 &&";
-    Expect(Fwlab("outcome state", few), 1, "damaged: ");
+    Expect(Fwlab("outcome state", few), 1, "record-unreadable: ");
     std::ofstream(Path("/state/fw_result"), std::ios::app) << "\n" << SECOND;
     Expect(Fwlab("outcome state", few), 0, "updated: *\"A\" to \"B\"");
     fs::resize_file(Path("/state/ffu.ok"), 1UL << 34);
@@ -204,26 +206,27 @@ TEST_F(OutcomeTest, CountsAFleet) {
     fs::create_directory_symlink("../elsewhere", Path("/fleet/S7"));
     Put("/fleet/notes.txt", "x");
     const Answer table = Fwlab("outcome fleet");
-    Expect(table, 1, "-  *damaged   *1  fleet/S4/fw\n");
+    Expect(table, 1, "-  *record-unreadable  *1  fleet/S4/fw\n");
     Expect(table, 1, "-  *not-pulled  *1  fleet/S5\n");
     Expect(table, 1, "-  *foreign  *1  fleet/S8\n");
-    Expect(table, 1, "-  *nothing  *1  fleet/S6\\x1b[[]2J\\n<b>\\x9b\n");
+    Expect(table, 1, "-  *nothing-to-do  *1  fleet/S6\\x1b[[]2J\\n<b>\\x9b\n");
     Expect(table, 1, "\"SIM064\" *\"A\"   *\"B\" *updated *2  fleet/S1/data/vendor/fw, fleet/S2/");
     Expect(table, 1,
-           "\"\\x1b[[]2J\" *failed *1  fleet/S3\n*7 directories, 2 updated, 1 nothing, "
-           "1 failed, 1 damaged, 1 not-pulled, 1 foreign. Not updated: 60 % of the 5");
+           "\"\\x1b[[]2J\" *failed *1  fleet/S3\n*7 directories, 2 updated, 1 nothing-to-do, 1 "
+           "record-unreadable, 1 failed, 1 not-pulled, 1 foreign. Not updated: 60 % of the 5");
     Expect(Fwlab("outcome fleet --list"), 1,
-           "\nfailed       fleet/S3\ndamaged      fleet/S4/fw\nnot-pulled   fleet/S5\n"
-           "foreign      fleet/S8\n\n7 directories");
+           "\nfailed  fleet/S3\nrecord-unreadable  fleet/S4/fw\nnot-pulled  fleet/S5\n"
+           "foreign  fleet/S8\n\n7 directories");
     Expect(Fwlab("outcome fleet fleet/S1 fleet/S5 ./fleet/S3"), 1, "\n7 directories");
     Expect(Fwlab("outcome fleet", "script -qec '" FWLAB_PATH " outcome fleet' log;"), 1,
            "\r0 of 7 directories*\r*product");
     ExpectPrintable(table.text);
     const Answer json = Fwlab("outcome --json fleet/S3 fleet gone");
-    Expect(json, 1,
-           "{\"schema\":1,\"directory\":\"fleet/S3\",\"state\":\"failed\",\"product\":"
-           "\"\\\\x1b[[]2J\",\"from\":\"A\",\"to\":\"B\",\"time\":\"Mon Nov 16 13:36:10 "
-           "2026\",\"text\":\"failed: *\n*/S4/fw\",\"state\":\"damaged\",\"product\":null");
+    Expect(
+        json, 1,
+        "{\"schema\":1,\"directory\":\"fleet/S3\",\"state\":\"failed\",\"product\":"
+        "\"\\\\x1b[[]2J\",\"from\":\"A\",\"to\":\"B\",\"time\":\"Mon Nov 16 13:36:10 "
+        "2026\",\"text\":\"failed: *\n*/S4/fw\",\"state\":\"record-unreadable\",\"product\":null");
     EXPECT_EQ(std::count(json.text.begin(), json.text.end(), '\n'), 8);
     Expect(json, 1, "\"directory\":\"gone\",\"state\":\"unreadable\"");
     ExpectPrintable(json.text);
@@ -389,7 +392,7 @@ TEST_F(OutcomeOfCourses, SaysOnlyWhatHappened) {
         EXPECT_TRUE(!saysPassed || course.isTaken);
         EXPECT_TRUE(!saysFailed || course.isFailed);
         EXPECT_FALSE(saysFailed && course.isPlain && course.isTaken);
-        EXPECT_FALSE(state == "nothing" && Count(line, "\"to\":\"") > 0);
+        EXPECT_FALSE(state == "nothing-to-do" && Count(line, "\"to\":\"") > 0);
         if (course.clock != RIGHT) {
             continue;
         }
@@ -411,8 +414,8 @@ TEST_F(OutcomeOfCourses, SaysOnlyWhatHappened) {
            wholes);
     EXPECT_EQ(all, courses.size());
     EXPECT_GE(10 * definite, 9 * wholes);
-    for (const char* state :
-         {"updated", "nothing", "failed", "interrupted", "unknown", "stopped", "damaged"}) {
+    for (const char* state : {"updated", "nothing-to-do", "failed", "interrupted", "unknown",
+                              "stopped", "record-unreadable"}) {
         EXPECT_GT(states[state], 0U) << state;
     }
 }
