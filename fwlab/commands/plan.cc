@@ -65,7 +65,7 @@ struct Attempted {
     bool hasPassed;
     uint64_t phones;
 };
-// By what decides: whether the outcome is open, product, base and target.
+// By what decides: whether the outcome is open; product; base, if it is open; target.
 using Attempts = std::map<std::tuple<bool, std::string, std::string, std::string>, Attempted>;
 
 // Phones of a row of the fleet's file that no state directory is of.
@@ -130,15 +130,6 @@ uint64_t TakePhones(std::vector<Row>& rows, const std::vector<Case>& cases, uint
     return taken;
 }
 
-bool IsSame(const Line& one, const Line& other) {
-    return std::equal(one.cases.begin(), one.cases.end(), other.cases.begin(), other.cases.end(),
-                      [](const Case& a, const Case& b) {
-                          return a.model == b.model && a.revision == b.revision &&
-                                 a.decision.verdict == b.decision.verdict &&
-                                 Received(a) == Received(b);
-                      });
-}
-
 // What is to be said before the packages are released.
 struct Report {
     std::vector<Line> lines;
@@ -184,8 +175,9 @@ Attempts ReadAttempts(const std::string& folder, Texts& findings) {
         if (record.isReadable) {
             const bool hasPassed = HasPassed(report);
             attempts
-                .try_emplace({!hasPassed, record.product, record.base, record.target},
-                             Attempted{record, hasPassed, 0})
+                .try_emplace(
+                    {!hasPassed, record.product, hasPassed ? "" : record.base, record.target},
+                    Attempted{record, hasPassed, 0})
                 .first->second.phones++;
         }
     }
@@ -220,16 +212,6 @@ std::vector<Package> ReadPackages(const Texts& paths) {
     return packages;
 }
 
-void Add(Line line, std::vector<Line>& lines) {
-    const auto same = std::find_if(lines.begin(), lines.end(),
-                                   [&](const Line& one) { return IsSame(one, line); });
-    if (same != lines.end()) {
-        same->phones += line.phones;
-    } else if (line.phones > 0) {
-        lines.push_back(std::move(line));
-    }
-}
-
 // The packages and the models are borrowed by the report.
 Report MakeReport(const std::vector<Package>& packages, const std::vector<Model>& models,
                   const std::string& recordsFolder) {
@@ -242,20 +224,20 @@ Report MakeReport(const std::vector<Package>& packages, const std::vector<Model>
     }
     const Attempts attempts =
         recordsFolder.empty() ? Attempts() : ReadAttempts(recordsFolder, report.findings);
-    std::vector<Line> attempted;
+    std::vector<Line> lines;
     for (const auto& [key, attempt] : attempts) { // those that passed come first
-        Line line = {0, CasesOf(packages, models, attempt)};
-        line.phones = TakePhones(rows, line.cases, attempt.phones);
-        report.otherRecords += attempt.phones - line.phones;
-        Add(line, attempted);
+        lines.push_back({0, CasesOf(packages, models, attempt)});
+        lines.back().phones = TakePhones(rows, lines.back().cases, attempt.phones);
+        report.otherRecords += attempt.phones - lines.back().phones;
     }
     for (const Row& row : rows) {
-        Add({row.phones, {MakeCase(packages, *row.model, row.running->revision, nullptr)}},
-            report.lines);
+        report.lines.push_back(
+            {row.phones, {MakeCase(packages, *row.model, row.running->revision, nullptr)}});
     }
-    for (const Line& line : attempted) {
-        Add(line, report.lines);
-    }
+    report.lines.insert(report.lines.end(), lines.begin(), lines.end());
+    report.lines.erase(std::remove_if(report.lines.begin(), report.lines.end(),
+                                      [](const Line& line) { return line.phones == 0; }),
+                       report.lines.end());
     const Texts unused = UnusedEntries(packages, report.lines);
     report.findings.insert(report.findings.end(), unused.begin(), unused.end());
     report.isReleasable = report.findings.empty();

@@ -29,9 +29,8 @@ std::vector<Running> TakeRunning(Keys keys, Identity identity) {
     return running;
 }
 
-bool IsSame(const Device& one, const Device& other) {
-    return one.identity.layout == other.identity.layout &&
-           one.identity.header == other.identity.header && one.gki == other.gki &&
+bool IsSame(const Device& one, const Device& other) { // their magic tells the technology
+    return one.identity.header == other.identity.header && one.gki == other.gki &&
            one.maxHwSectorsKb == other.maxHwSectorsKb;
 }
 
