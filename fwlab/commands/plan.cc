@@ -17,8 +17,6 @@
 
 namespace {
 
-constexpr char UNDECIDED[] = "undecided between these cases";
-
 // A model that a phone may be of, a revision that it may run, and what it gets then.
 struct Case {
     const Model* model;
@@ -38,21 +36,31 @@ const Entry* Received(const Case& one) {
     return one.decision.verdict == Verdict::UPDATED ? one.decision.sent : nullptr;
 }
 
-// The answer for the phones: UNKNOWN if it depends on the case.
-Verdict VerdictOf(const Line& line) {
-    const Case& first = line.cases.front();
-    const bool isOne = std::all_of(line.cases.begin(), line.cases.end(), [&](const Case& other) {
-        return other.decision.verdict == first.decision.verdict &&
-               Received(other) == Received(first);
-    });
-    return isOne ? first.decision.verdict : Verdict::UNKNOWN;
-}
-
 std::string Gets(const Case& one) {
     const Entry* entry = Received(one);
     return entry != nullptr
                ? fmt::format("gets entry {}, {}", entry->number, Quoted(*one.decision.recorded))
                : InWords(one.decision.verdict, WhyOf(one.decision));
+}
+
+// The answer for the phones: UNKNOWN if it depends on the case.
+Verdict VerdictOf(const Line& line) {
+    const Verdict first = line.cases.front().decision.verdict;
+    const bool isOne = std::all_of(line.cases.begin(), line.cases.end(), [&](const Case& other) {
+        return other.decision.verdict == first;
+    });
+    return isOne ? first : Verdict::UNKNOWN;
+}
+
+// Whether they get the very same in each case.
+bool IsDecided(const Line& line) {
+    return std::all_of(line.cases.begin(), line.cases.end(),
+                       [&](const Case& other) { return Gets(other) == Gets(line.cases.front()); });
+}
+
+std::string Gets(const Line& line) {
+    return IsDecided(line) ? Gets(line.cases.front())
+                           : InWords(VerdictOf(line), "undecided between these cases");
 }
 
 std::string UpToZero(const std::string& bytes) {
@@ -266,11 +274,9 @@ Json Describe(const Report& report) {
         lines.push_back(Describe(line.cases.front()));
         Json& shown = lines.back();
         shown["phones"] = line.phones;
-        if (VerdictOf(line) == Verdict::UNKNOWN) {
-            shown["answer"] = WordOf(Verdict::UNKNOWN);
-            shown["gets"] = UNDECIDED;
-            shown["entry"] = Json();
-        }
+        shown["answer"] = WordOf(VerdictOf(line));
+        shown["gets"] = Gets(line);
+        shown["entry"] = IsDecided(line) ? shown["entry"] : Json();
         shown["cases"] = Json::array();
         for (const Case& one : line.cases) {
             shown["cases"].push_back(Describe(one));
@@ -288,7 +294,7 @@ Json Describe(const Report& report) {
 // The lines below that of the phones: what they get in each case, and notes on the entry.
 Texts Details(const Line& line) {
     Texts details;
-    if (VerdictOf(line) == Verdict::UNKNOWN) {
+    if (!IsDecided(line)) {
         for (const Case& one : line.cases) {
             details.push_back(fmt::format("if it is {} and runs {}: {}",
                                           Title(one.model->device.identity), Quoted(one.revision),
@@ -305,18 +311,14 @@ Texts Details(const Line& line) {
 void Print(const std::vector<Line>& lines) {
     std::vector<Texts> rows = {{"MODEL", "RUNS", "PHONES", ""}};
     for (const Line& line : lines) {
-        const Case& first = line.cases.front();
         std::set<std::string> models, revisions;
         for (const Case& one : line.cases) {
             models.insert(Title(one.model->device.identity));
             revisions.insert(Quoted(one.revision));
         }
-        const std::string gets = VerdictOf(line) == Verdict::UNKNOWN
-                                     ? InWords(Verdict::UNKNOWN, UNDECIDED)
-                                     : Gets(first);
         rows.push_back({fmt::format("{}", fmt::join(models, " or ")),
                         fmt::format("{}", fmt::join(revisions, " or ")),
-                        std::to_string(line.phones), gets});
+                        std::to_string(line.phones), Gets(line)});
     }
     const Texts shown = InColumns(rows, 2);
     fmt::print("{}\n", shown.front());
