@@ -13,7 +13,8 @@
 namespace {
 
 // What stands before the parts of an attempt.
-const std::string PRODUCT = "product name:", BASE = std::string(", ") + BASE_REV_KEY,
+const std::string PRODUCT = "product name:", LINE = "\n" + PRODUCT,
+                  BASE = std::string(", ") + BASE_REV_KEY,
                   TARGET = std::string(", ") + TARGET_REV_KEY;
 
 struct Attempt {
@@ -23,7 +24,7 @@ struct Attempt {
 // Removes the last attempt from content. A product name may hold line feeds, so its line is found
 // by the key at the begin of a line.
 Attempt TakeAttempt(std::string& content) {
-    const size_t line = content.rfind("\n" + PRODUCT);
+    const size_t line = content.rfind(LINE);
     const size_t key = line == std::string::npos ? 0 : line + 1;
     const size_t productEnd = content.find(BASE, key), baseEnd = content.find(TARGET, productEnd);
     Attempt attempt;

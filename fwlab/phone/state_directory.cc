@@ -273,7 +273,6 @@ std::string WhyAttempt(const StateReport& report) {
                     Quoted(record.target), record.time.empty() ? "no time" : Escaped(record.time));
     const std::string flag =
         fmt::format("{} (\"{}\")", report.isOk ? "ffu.ok" : "ffu.fail", Escaped(report.flagTime));
-    const std::string lastRun = "; " + Words(report.lastRun);
     switch (report.flag) {
     case OutcomeFlag::NONE:
         return WhyNoOutcome(report, attempt, "");
@@ -286,9 +285,9 @@ std::string WhyAttempt(const StateReport& report) {
                "whether " +
                flag + " is the outcome of " + attempt + " cannot be told";
     default: // a run whose update fails leaves its begin flag
-        return report.isOk ? attempt + " passed: " + flag + lastRun
-                           : attempt + " failed: " + flag +
-                                 (report.lastRun == LastRun::STOPPED ? "" : lastRun);
+        return attempt + (report.isOk ? " passed: " : " failed: ") + flag +
+               (!report.isOk && report.lastRun == LastRun::STOPPED ? ""
+                                                                   : "; " + Words(report.lastRun));
     }
 }
 
