@@ -170,21 +170,22 @@ void AddOutcome(CLI::App& app, Arguments& args) {
     CLI::App* outcome = AddCommand(
         app, args, "outcome", "Explain what runs left in /data/vendor/fw",
         [&] { return Outcome(options, args.json); },
-        "States: updated; nothing: nothing to do, never attempted; failed; interrupted; unknown: "
-        "attempted, perhaps without a download; stopped: a run ended early, outside of an attempt; "
-        "damaged: no run can read the record; foreign: no state directory; unreadable. Exit status "
-        "0: all "
-        "are updated or nothing. 2: none is a state directory that can be read.");
+        "The first word is what became of the phone: updated; nothing-to-do: no attempt on record; "
+        "failed; interrupted; unknown: more than one course of events is possible; stopped: a run "
+        "ended early, outside of an attempt; record-unreadable; not-pulled: no file at all; "
+        "foreign: no file of a run; unreadable. Exit status 0: all are updated or nothing-to-do. "
+        "2: no file of a run could be read.");
     outcome
         ->add_option("DIR", options.directories,
                      "that directory, pulled from a phone, or a folder of many: FOLDER/SERIAL/...")
         ->required();
     outcome->get_option("--json")->description(
         "print a line of JSON for each directory, for programs");
+    outcome->add_flag("--list", options.list, "list every directory that is not updated, too");
     outcome
         ->add_option("--fail-above", options.failAbove,
                      "exit status 1 only if more than this share (percent) is not updated, of all "
-                     "that are neither \"nothing\" nor \"foreign\"")
+                     "that are neither \"nothing-to-do\" nor \"foreign\"")
         ->check(CLI::Range(0.0, 100.0))
         ->check(CLI::Validator(
             [](const std::string& text) {
@@ -198,14 +199,15 @@ void AddPlan(CLI::App& app, Arguments& args) {
     CLI::App* plan = AddCommand(
         app, args, "plan", "Tell what each phone of a fleet would get",
         [&] { return Plan(options, args.json); },
-        "Exit status 0: no phone would use up its attempt or get a wrong image, and each entry is "
-        "for a phone of the fleet.");
+        "Exit status 0: no phone would use up its attempt or get a wrong image, of each it is "
+        "known "
+        "what it gets, and each entry is for a phone of the fleet.");
     plan->add_option("PACKAGE", options.packages, "the packages, one of each technology")
         ->required();
     plan->add_option("--fleet", options.fleet, "the device models (see examples/fleet.toml)")
         ->required();
     plan->add_option("--records", options.records,
-                     "a folder of state directories: phones that have made an attempt")
+                     "a folder of state directories of phones that the fleet counts")
         ->check(CLI::ExistingDirectory);
 }
 

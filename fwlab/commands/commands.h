@@ -53,6 +53,7 @@ int Plan(const PlanOptions& options, bool asJson);
 struct OutcomeOptions {
     Texts directories;               // state directories, or folders with state directories
     std::optional<double> failAbove; // percent; none: all must be updated or nothing
+    bool list;                       // also each directory that is not updated
 };
 int Outcome(const OutcomeOptions& options, bool asJson);
 

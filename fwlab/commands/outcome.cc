@@ -1,57 +1,19 @@
 // Answers for one state directory or for those of a whole fleet, as they were pulled from phones.
 // One that is damaged, foreign or unreadable is counted like any other.
 #include "fwlab/base/json.h"
+#include "fwlab/base/progress.h"
+#include "fwlab/base/table.h"
 #include "fwlab/commands/commands.h"
 #include "fwlab/phone/state_directory.h"
 #include "simphone/text.h"
 
-#include <algorithm>
-#include <filesystem>
 #include <fmt/format.h>
 #include <map>
 #include <tuple>
 
-namespace fs = std::filesystem;
-
 namespace {
 
-constexpr int DEPTH_MAX = 6; // REGION/DAY/SERIAL/data/vendor/fw
-constexpr int SCHEMA = 1;    // of the JSON lines; counts up when a key changes its meaning
-
-// Adds the state directories that are at directory or below it to found, in the order of their
-// names, and each folder that cannot be read. Returns whether there is any. Links are not followed.
-bool Search(const std::string& directory, int depth, Texts& found) {
-    const Texts& names = StateFileNames();
-    Texts folders;
-    bool isState = false;
-    std::error_code error;
-    for (fs::directory_iterator entry(directory, error), end; !error && entry != end;
-         entry.increment(error)) {
-        isState |= std::count(names.begin(), names.end(), entry->path().filename()) > 0;
-        std::error_code gone;
-        if (depth < DEPTH_MAX && entry->symlink_status(gone).type() == fs::file_type::directory) {
-            folders.push_back(entry->path());
-        }
-    }
-    const size_t foundBefore = found.size();
-    if (isState || error) {
-        found.push_back(directory);
-    }
-    std::sort(folders.begin(), folders.end());
-    Texts others;
-    bool isWholePhone = false; // pulled from its root on: data is one of many folders
-    for (const std::string& folder : folders) {
-        const bool isFound = Search(folder, depth + 1, found);
-        isWholePhone |= isFound && fs::path(folder).filename() == "data";
-        if (!isFound) {
-            others.push_back(folder);
-        }
-    }
-    if (depth == 0 && !isState && !isWholePhone) { // phones from which nothing was pulled
-        found.insert(found.end(), others.begin(), others.end());
-    }
-    return found.size() > foundBefore;
-}
+constexpr int SCHEMA = 1; // of the JSON lines; counts up when a key changes its meaning
 
 Json Describe(const std::string& directory, const StateReport& report) {
     const Record& record = report.record;
@@ -60,100 +22,111 @@ Json Describe(const std::string& directory, const StateReport& report) {
     };
     return {{"schema", SCHEMA},
             {"directory", Escaped(directory)},
-            {"state", NameOf(report.state)},
+            {"state", WordOf(report.verdict)},
             {"product", text(record.product)},
             {"from", text(record.base)},
             {"to", text(record.target)},
             {"time", text(record.time)},
-            {"text", report.text}};
+            {"text", Sentence(report)}};
 }
 
-using Group = std::tuple<std::string, std::string, std::string, State>; // product, from, to
+using Group = std::tuple<std::string, std::string, std::string, Verdict>; // product, from, to
 struct Members {
     size_t count;
     Texts examples;
 };
-using Table = std::map<Group, Members>;
 
-void Count(const std::string& directory, const StateReport& report, Table& table) {
+// What the directories show together.
+struct Summary {
+    std::map<Group, Members> groups;
+    std::map<Verdict, size_t> counts;
+    Texts notUpdated; // a line each
+};
+
+void Count(const std::string& directory, const StateReport& report, Summary& summary) {
     const Record& record = report.record;
     const auto text = [&](const std::string& bytes) {
         return record.isReadable ? Quoted(bytes) : "-";
     };
     Members& members =
-        table[{text(record.product), text(record.base), text(record.target), report.state}];
+        summary
+            .groups[{text(record.product), text(record.base), text(record.target), report.verdict}];
     members.count++;
     if (members.examples.size() < 3) {
         members.examples.push_back(Escaped(directory));
     }
 }
 
-void Print(const Table& table) {
-    std::vector<std::array<std::string, 6>> rows = {
-        {"product", "from", "to", "state", "count", "such as"}};
-    for (const auto& [group, members] : table) {
+// In percent, of the phones that may have got an update.
+struct Share {
+    size_t tried;
+    double notUpdated;
+};
+
+Share ShareOf(Summary& summary, size_t all) {
+    const size_t tried =
+        all - summary.counts[Verdict::FOREIGN] - summary.counts[Verdict::NOTHING_TO_DO];
+    const size_t failed = tried - summary.counts[Verdict::UPDATED];
+    return {tried, tried == 0 ? 0 : 100 * static_cast<double>(failed) / static_cast<double>(tried)};
+}
+
+void Print(const Summary& summary, const Share& share, size_t all, bool withList) {
+    std::vector<Texts> rows = {{"product", "from", "to", "state", "count", "such as"}};
+    for (const auto& [group, members] : summary.groups) {
         const auto& [product, from, to, state] = group;
-        rows.push_back({product, from, to, NameOf(state), std::to_string(members.count),
+        rows.push_back({product, from, to, WordOf(state), std::to_string(members.count),
                         fmt::format("{}", fmt::join(members.examples, ", "))});
     }
-    std::array<size_t, 5> widths = {};
-    for (const auto& row : rows) {
-        for (size_t i = 0; i < widths.size(); i++) {
-            widths[i] = std::max(widths[i], row[i].size());
-        }
+    fmt::print("{}\n", fmt::join(InColumns(rows, 4), "\n"));
+    if (withList) {
+        fmt::print("\n{}\n\n", fmt::join(summary.notUpdated, "\n"));
     }
-    for (const auto& row : rows) {
-        fmt::print("{:{}}  {:{}}  {:{}}  {:{}}  {:>{}}  {}\n", row[0], widths[0], row[1], widths[1],
-                   row[2], widths[2], row[3], widths[3], row[4], widths[4], row[5]);
+    fmt::print("{} directories", all);
+    for (const auto& [state, count] : summary.counts) {
+        fmt::print(count > 0 ? ", {} {}" : "", count, WordOf(state));
     }
+    fmt::print(". Not updated: {:.4g} % of the {} that are neither \"{}\" nor \"{}\".\n",
+               share.notUpdated, share.tried, WordOf(Verdict::NOTHING_TO_DO),
+               WordOf(Verdict::FOREIGN));
 }
 
 } // namespace
 
-Texts StateDirectoriesIn(const std::string& directory) {
-    Texts found;
-    if (!Search(directory, 0, found)) {
-        found.push_back(directory);
-    }
-    return found;
-}
-
 int Outcome(const OutcomeOptions& options, bool asJson) {
-    Texts directories;
-    for (const std::string& directory : options.directories) {
-        const Texts found = StateDirectoriesIn(directory);
-        directories.insert(directories.end(), found.begin(), found.end());
-    }
-    Table table;
-    std::map<State, size_t> counts;
-    for (const std::string& directory : directories) {
-        const StateReport report = DescribeState(directory);
-        counts[report.state]++;
+    const Texts directories = StateDirectoriesIn(options.directories);
+    const size_t all = directories.size();
+    const bool isOne = all == 1 && !options.list;
+    Summary summary;
+    for (size_t i = 0; i < all; i++) {
+        if (!asJson) {
+            ShowProgress(i, all, "directories");
+        }
+        const StateReport report = ReadState(directories[i]);
+        summary.counts[report.verdict]++;
         if (asJson) {
-            fmt::print("{}\n", Describe(directory, report).dump());
-        } else if (directories.size() == 1) {
-            fmt::print("{}\n", report.text);
+            fmt::print("{}\n", Describe(directories[i], report).dump());
+        } else if (isOne) {
+            fmt::print("{}\n", Sentence(report));
         } else {
-            Count(directory, report, table);
+            Count(directories[i], report, summary);
+        }
+        if (options.list && !IsCalm(report.verdict)) {
+            summary.notUpdated.push_back(
+                fmt::format("{}  {}", WordOf(report.verdict), Escaped(directories[i])));
         }
     }
-    const size_t all = directories.size(), foreign = counts[State::FOREIGN];
-    const size_t good = counts[State::UPDATED], nothing = counts[State::NOTHING];
-    const size_t tried = all - foreign - nothing;
-    const double share =
-        tried == 0 ? 0 : 100 * static_cast<double>(tried - good) / static_cast<double>(tried);
-    if (!table.empty()) {
-        Print(table);
-        fmt::print("{} directories", all);
-        for (const auto& [state, count] : counts) {
-            fmt::print(count > 0 ? ", {} {}" : "", count, NameOf(state));
-        }
-        fmt::print(". Not updated: {:.4g} % of the {} that are neither \"nothing\" nor "
-                   "\"foreign\".\n",
-                   share, tried);
+    const Share share = ShareOf(summary, all);
+    if (!asJson) {
+        ShowProgress(all, all, "directories");
     }
-    if (foreign + counts[State::UNREADABLE] == all) {
+    if (!asJson && !isOne) {
+        Print(summary, share, all, options.list);
+    }
+    std::map<Verdict, size_t>& counts = summary.counts;
+    if (counts[Verdict::FOREIGN] + counts[Verdict::NOT_PULLED] + counts[Verdict::UNREADABLE] ==
+        all) {
         return 2;
     }
-    return options.failAbove ? share > *options.failAbove : good + nothing < all;
+    return options.failAbove ? share.notUpdated > *options.failAbove
+                             : counts[Verdict::UPDATED] + counts[Verdict::NOTHING_TO_DO] < all;
 }

@@ -1,5 +1,7 @@
 // The release gate: what each phone of a fleet gets from the packages, before any phone has them.
 #include "fwlab/base/json.h"
+#include "fwlab/base/progress.h"
+#include "fwlab/base/table.h"
 #include "fwlab/commands/commands.h"
 #include "fwlab/package/spans.h"
 #include "fwlab/phone/decision.h"
@@ -11,71 +13,129 @@
 #include <fmt/format.h>
 #include <map>
 #include <set>
+#include <tuple>
 
 namespace {
 
-// Phones of one model that run one revision and get one answer.
-struct Line {
+// A model that a phone may be of, a revision that it may run, and what it gets then.
+struct Case {
     const Model* model;
     std::string revision;
-    uint64_t phones;
-    const Package* package; // null: there is none for them
+    const Package* package; // null: there is none for it
     Decision decision;
 };
 
-bool IsBad(Verdict verdict) {
-    return !IsCalm(verdict);
+// Phones of which the same is known.
+struct Line {
+    uint64_t phones;
+    std::vector<Case> cases; // at least one
+};
+
+// The entry that a phone gets; null for none.
+const Entry* Received(const Case& one) {
+    return one.decision.verdict == Verdict::UPDATED ? one.decision.sent : nullptr;
 }
 
-// The entry that the phones get; null for none.
-const Entry* Received(const Line& line) {
-    return line.decision.verdict == Verdict::UPDATED ? line.decision.sent : nullptr;
+std::string Gets(const Case& one) {
+    const Entry* entry = Received(one);
+    return entry != nullptr
+               ? fmt::format("gets entry {}, {}", entry->number, Quoted(*one.decision.recorded))
+               : InWords(one.decision.verdict, WhyOf(one.decision));
+}
+
+// The answer for the phones: UNKNOWN if it depends on the case.
+Verdict VerdictOf(const Line& line) {
+    const Verdict first = line.cases.front().decision.verdict;
+    const bool isOne = std::all_of(line.cases.begin(), line.cases.end(), [&](const Case& other) {
+        return other.decision.verdict == first;
+    });
+    return isOne ? first : Verdict::UNKNOWN;
+}
+
+// Whether they get the very same in each case.
+bool IsDecided(const Line& line) {
+    return std::all_of(line.cases.begin(), line.cases.end(),
+                       [&](const Case& other) { return Gets(other) == Gets(line.cases.front()); });
 }
 
 std::string Gets(const Line& line) {
-    const Entry* entry = Received(line);
-    return entry != nullptr
-               ? fmt::format("gets entry {}, {}", entry->number, Quoted(*line.decision.recorded))
-               : InWords(line.decision.verdict, WhyOf(line.decision));
+    return IsDecided(line) ? Gets(line.cases.front())
+                           : InWords(VerdictOf(line), "undecided between these cases");
 }
 
 std::string UpToZero(const std::string& bytes) {
     return bytes.substr(0, bytes.find('\0'));
 }
 
-// Adds the lines of one model and revision: for phones without a record, and for those whose record
-// is there.
-void AddLines(const Model& model, const Running& running, const Package* package,
-              std::vector<Record>& records, std::vector<Line>& lines) {
+// Phones whose last attempt is the same.
+struct Attempted {
+    Record record;
+    bool hasPassed;
+    uint64_t phones;
+};
+// By what decides: whether the outcome is open; product; base, if it is open; target.
+using Attempts = std::map<std::tuple<bool, std::string, std::string, std::string>, Attempted>;
+
+// Phones of a row of the fleet's file that no state directory is of.
+struct Row {
+    const Model* model;
+    const Running* running;
+    uint64_t phones;
+};
+
+bool IsOf(const Row& row, const Case& one) {
+    return row.model == one.model && row.running->revision == one.revision;
+}
+
+Case MakeCase(const std::vector<Package>& packages, const Model& model, const std::string& revision,
+              const Record* record) {
     const Layout& layout = *model.device.identity.layout;
     Device device = model.device;
-    Set(device.identity, layout.revision, running.revision);
-    const auto add = [&](uint64_t phones, const Decision& decision) {
-        lines.push_back({&model, running.revision, phones, package, decision});
-    };
-    if (package == nullptr) {
-        add(running.phones, DecideWithoutPackage(device));
-        return;
+    Set(device.identity, layout.revision, revision);
+    const auto package = std::find_if(packages.begin(), packages.end(),
+                                      [&](const Package& one) { return one.layout == &layout; });
+    return package == packages.end()
+               ? Case{&model, revision, nullptr, DecideWithoutPackage(device)}
+               : Case{&model, revision, &*package, Decide(*package, device, record)};
+}
+
+// A phone whose last attempt passed runs its target. Another one runs its base or its target.
+std::vector<Case> CasesOf(const std::vector<Package>& packages, const std::vector<Model>& models,
+                          const Attempted& attempted) {
+    std::vector<Case> cases;
+    const Record& record = attempted.record;
+    for (const Model& model : models) {
+        const Identity& identity = model.device.identity;
+        if (UpToZero(Get(identity, identity.layout->name)) != record.product) {
+            continue;
+        }
+        Texts texts = {record.target};
+        if (!attempted.hasPassed && record.base != record.target) {
+            texts.insert(texts.begin(), record.base);
+        }
+        for (const std::string& text : texts) {
+            const auto isIt = [&](const Running& one) { return UpToZero(one.revision) == text; };
+            const auto running = std::find_if(model.running.begin(), model.running.end(), isIt);
+            std::string revision = running == model.running.end() ? text : running->revision;
+            revision.resize(identity.layout->revision.size);
+            cases.push_back(MakeCase(packages, model, revision, &record));
+        }
     }
-    const auto isOther = [&](const Record& record) {
-        return record.product != UpToZero(Get(device.identity, layout.name)) ||
-               record.base != UpToZero(running.revision);
-    };
-    const auto own = std::stable_partition(records.begin(), records.end(), isOther);
-    const auto count = std::min<uint64_t>(running.phones, static_cast<size_t>(records.end() - own));
-    const auto end = own + static_cast<ptrdiff_t>(count);
-    std::map<Verdict, std::pair<Decision, uint64_t>> recorded;
-    for (auto record = own; record != end; ++record) { // each is of one phone
-        const Decision decision = Decide(*package, device, &*record);
-        recorded.try_emplace(decision.verdict, decision, 0).first->second.second++;
+    return cases;
+}
+
+// Takes the phones out of the rows that count them, those of the first case first. Returns how many
+// there were.
+uint64_t TakePhones(std::vector<Row>& rows, const std::vector<Case>& cases, uint64_t phones) {
+    uint64_t taken = 0;
+    for (const Case& one : cases) {
+        for (Row& row : rows) {
+            const uint64_t more = IsOf(row, one) ? std::min(row.phones, phones - taken) : 0;
+            row.phones -= more;
+            taken += more;
+        }
     }
-    records.erase(own, end);
-    if (running.phones > count || recorded.empty()) {
-        add(running.phones - count, Decide(*package, device));
-    }
-    for (const auto& [verdict, group] : recorded) {
-        add(group.second, group.first);
-    }
+    return taken;
 }
 
 // What is to be said before the packages are released.
@@ -83,7 +143,7 @@ struct Report {
     std::vector<Line> lines;
     std::map<Verdict, uint64_t> totals; // phones
     Texts findings;
-    size_t otherRecords; // of no phone of the fleet
+    uint64_t otherRecords; // of no phone of the fleet
     bool isReleasable;
 };
 
@@ -91,7 +151,9 @@ struct Report {
 Texts UnusedEntries(const std::vector<Package>& packages, const std::vector<Line>& lines) {
     std::set<const Entry*> used;
     for (const Line& line : lines) {
-        used.insert(Received(line));
+        for (const Case& one : line.cases) {
+            used.insert(Received(one));
+        }
     }
     Texts unused;
     for (const Package& package : packages) {
@@ -107,26 +169,37 @@ Texts UnusedEntries(const std::vector<Package>& packages, const std::vector<Line
     return unused;
 }
 
-// The records of phones that have made an attempt; one that no run can read back is a finding.
-void ReadRecords(const std::string& folder, std::vector<Record>& records, Texts& findings) {
+// The attempts of the phones that have made one; a record that no run can read back is a finding.
+Attempts ReadAttempts(const std::string& folder, Texts& findings) {
+    Attempts attempts;
     size_t damaged = 0, others = 0;
-    for (const std::string& directory : StateDirectoriesIn(folder)) {
-        const StateReport report = DescribeState(directory);
-        damaged += report.state == State::DAMAGED ? 1 : 0;
-        others += report.state == State::FOREIGN || report.state == State::UNREADABLE ? 1 : 0;
-        if (!report.record.target.empty()) {
-            records.push_back(report.record);
+    const Texts directories = StateDirectoriesIn({folder});
+    for (size_t i = 0; i < directories.size(); i++) {
+        ShowProgress(i, directories.size(), "state directories");
+        const StateReport report = ReadState(directories[i]);
+        const Record& record = report.record;
+        damaged += report.verdict == Verdict::RECORD_UNREADABLE ? 1 : 0;
+        others += IsNoPhone(report.verdict) ? 1 : 0;
+        if (record.isReadable) {
+            const bool hasPassed = HasPassed(report);
+            attempts
+                .try_emplace(
+                    {!hasPassed, record.product, hasPassed ? "" : record.base, record.target},
+                    Attempted{record, hasPassed, 0})
+                .first->second.phones++;
         }
     }
+    ShowProgress(directories.size(), directories.size(), "state directories");
     if (damaged > 0) {
         findings.push_back(fmt::format("{} phones have a record that no run can read back: they "
                                        "stop at every package with an update for them",
                                        damaged));
     }
     if (others > 0) {
-        findings.push_back(
-            fmt::format("{} folders are not state directories, or cannot be read", others));
+        findings.push_back(fmt::format(
+            "{} folders are not state directories, are empty or cannot be read", others));
     }
+    return attempts;
 }
 
 std::vector<Package> ReadPackages(const Texts& paths) {
@@ -134,7 +207,7 @@ std::vector<Package> ReadPackages(const Texts& paths) {
     for (const std::string& path : paths) {
         const Package package = OpenPackage(path);
         if (package.size == 0) {
-            throw Stop{1, path + ": is empty: phones find nothing to do"};
+            throw Stop{1, path + " is empty: phones find nothing to do in it"};
         }
         for (const Package& other : packages) {
             if (other.layout == package.layout) {
@@ -147,51 +220,67 @@ std::vector<Package> ReadPackages(const Texts& paths) {
     return packages;
 }
 
-// Both are borrowed by the report.
+// The packages and the models are borrowed by the report.
 Report MakeReport(const std::vector<Package>& packages, const std::vector<Model>& models,
                   const std::string& recordsFolder) {
     Report report = {};
-    std::vector<Record> records;
-    if (!recordsFolder.empty()) {
-        ReadRecords(recordsFolder, records, report.findings);
-    }
+    std::vector<Row> rows;
     for (const Model& model : models) {
-        const auto package = std::find_if(packages.begin(), packages.end(), [&](const Package& p) {
-            return p.layout == model.device.identity.layout;
-        });
         for (const Running& running : model.running) {
-            AddLines(model, running, package == packages.end() ? nullptr : &*package, records,
-                     report.lines);
+            rows.push_back({&model, &running, running.phones});
         }
     }
-    report.otherRecords = records.size();
+    const Attempts attempts =
+        recordsFolder.empty() ? Attempts() : ReadAttempts(recordsFolder, report.findings);
+    std::vector<Line> lines;
+    for (const auto& [key, attempt] : attempts) { // those that passed come first
+        lines.push_back({0, CasesOf(packages, models, attempt)});
+        lines.back().phones = TakePhones(rows, lines.back().cases, attempt.phones);
+        report.otherRecords += attempt.phones - lines.back().phones;
+    }
+    for (const Row& row : rows) {
+        report.lines.push_back(
+            {row.phones, {MakeCase(packages, *row.model, row.running->revision, nullptr)}});
+    }
+    report.lines.insert(report.lines.end(), lines.begin(), lines.end());
+    report.lines.erase(std::remove_if(report.lines.begin(), report.lines.end(),
+                                      [](const Line& line) { return line.phones == 0; }),
+                       report.lines.end());
     const Texts unused = UnusedEntries(packages, report.lines);
     report.findings.insert(report.findings.end(), unused.begin(), unused.end());
     report.isReleasable = report.findings.empty();
     for (const Line& line : report.lines) {
-        report.totals[line.decision.verdict] += line.phones;
-        report.isReleasable = report.isReleasable && !IsBad(line.decision.verdict);
+        report.totals[VerdictOf(line)] += line.phones;
+        report.isReleasable = report.isReleasable && IsCalm(VerdictOf(line));
     }
     return report;
 }
 
-Json Describe(const Line& line) {
-    const Identity& identity = line.model->device.identity;
-    const Entry* entry = Received(line);
+Json Describe(const Case& one) {
+    const Identity& identity = one.model->device.identity;
+    const Entry* entry = Received(one);
     return {{"product_name", Escaped(Get(identity, identity.layout->name))},
             {"manufacturer", Escaped(Get(identity, identity.layout->manufacturer))},
-            {"revision", Escaped(line.revision)},
-            {"phones", line.phones},
-            {"answer", WordOf(line.decision.verdict)},
-            {"gets", Gets(line)},
-            {"package", line.package == nullptr ? Json() : Json(Escaped(line.package->path))},
+            {"revision", Escaped(one.revision)},
+            {"answer", WordOf(one.decision.verdict)},
+            {"gets", Gets(one)},
+            {"package", one.package == nullptr ? Json() : Json(Escaped(one.package->path))},
             {"entry", entry == nullptr ? Json() : Json(entry->number)}};
 }
 
 Json Describe(const Report& report) {
     Json lines = Json::array(), totals = Json::object();
     for (const Line& line : report.lines) {
-        lines.push_back(Describe(line));
+        lines.push_back(Describe(line.cases.front()));
+        Json& shown = lines.back();
+        shown["phones"] = line.phones;
+        shown["answer"] = WordOf(VerdictOf(line));
+        shown["gets"] = Gets(line);
+        shown["entry"] = IsDecided(line) ? shown["entry"] : Json();
+        shown["cases"] = Json::array();
+        for (const Case& one : line.cases) {
+            shown["cases"].push_back(Describe(one));
+        }
     }
     for (const auto& [verdict, phones] : report.totals) {
         totals[WordOf(verdict)] = phones;
@@ -202,18 +291,41 @@ Json Describe(const Report& report) {
             {"records_of_no_phone", report.otherRecords}};
 }
 
-void Print(const std::vector<Line>& lines) {
-    size_t width = 0;
-    for (const Line& line : lines) {
-        width = std::max(width, Title(line.model->device.identity).size());
+// The lines below that of the phones: what they get in each case, and notes on the entry.
+Texts Details(const Line& line) {
+    Texts details;
+    if (!IsDecided(line)) {
+        for (const Case& one : line.cases) {
+            details.push_back(fmt::format("if it is {} and runs {}: {}",
+                                          Title(one.model->device.identity), Quoted(one.revision),
+                                          Gets(one)));
+        }
+    } else if (const Entry* entry = Received(line.cases.front()); entry != nullptr) {
+        for (const std::string& note : NotesOf(*entry)) {
+            details.push_back("note: " + note);
+        }
     }
-    fmt::print("{:<{}}  {:<12} {:>10}\n", "MODEL", width, "RUNS", "PHONES");
+    return details;
+}
+
+void Print(const std::vector<Line>& lines) {
+    std::vector<Texts> rows = {{"MODEL", "RUNS", "PHONES", ""}};
     for (const Line& line : lines) {
-        fmt::print("{:<{}}  {:<12} {:>10}  {}\n", Title(line.model->device.identity), width,
-                   Quoted(line.revision), line.phones, Gets(line));
-        const Entry* entry = Received(line);
-        for (const std::string& note : entry == nullptr ? Texts() : NotesOf(*entry)) {
-            fmt::print("    note: {}\n", note);
+        std::set<std::string> models, revisions;
+        for (const Case& one : line.cases) {
+            models.insert(Title(one.model->device.identity));
+            revisions.insert(Quoted(one.revision));
+        }
+        rows.push_back({fmt::format("{}", fmt::join(models, " or ")),
+                        fmt::format("{}", fmt::join(revisions, " or ")),
+                        std::to_string(line.phones), Gets(line)});
+    }
+    const Texts shown = InColumns(rows, 2);
+    fmt::print("{}\n", shown.front());
+    for (size_t i = 0; i < lines.size(); i++) {
+        fmt::print("{}\n", shown[i + 1]);
+        for (const std::string& detail : Details(lines[i])) {
+            fmt::print("    {}\n", detail);
         }
     }
 }
@@ -226,7 +338,9 @@ void Print(const Report& report, size_t packages) {
     }
     fmt::print("\n");
     if (report.otherRecords > 0) {
-        fmt::print("Note: {} records belong to no phone of the fleet.\n", report.otherRecords);
+        fmt::print("Note: {} records belong to no phone of the fleet: it counts no phone, or no "
+                   "further one, of that model with that revision.\n",
+                   report.otherRecords);
     }
     for (const std::string& text : report.findings) {
         fmt::print("FINDING: {}\n", text);

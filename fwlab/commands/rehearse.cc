@@ -92,9 +92,9 @@ RunResult Run(const std::vector<Fault>& faults, const Phone& phone, Report& repo
     }
     report.Say("\nThe run ended with {}.\n", EndOf(run));
     report.Say("{}", ShowPhone(phone));
-    const StateReport state = DescribeState(phone.directory + STATE_DIR);
-    report.Say("{}\n", state.text);
-    report.json["runs"].back()["state"] = NameOf(state.state);
+    const StateReport state = ReadState(phone.directory + STATE_DIR);
+    report.Say("{}\n", Sentence(state));
+    report.json["runs"].back()["state"] = WordOf(state.verdict);
     return run;
 }
 

@@ -5,6 +5,7 @@
 #include "fwlab/base/toml_file.h"
 #include "fwlab/package/fields.h"
 
+#include <algorithm>
 #include <climits>
 #include <filesystem>
 
@@ -16,16 +17,29 @@ std::vector<Running> TakeRunning(Keys keys, Identity identity) {
     const char wanted[] = "a list of tables such as { revision = \"0800\", phones = 9 }";
     TakeTables(keys, "running", wanted, [&](Keys inner) {
         TakeField(inner, identity.layout->revision, REQUIRED, identity);
-        running.push_back(
-            {Get(identity, identity.layout->revision), TakeNumber(inner, "phones", UINT32_MAX)});
+        const std::string revision = Get(identity, identity.layout->revision);
+        const uint32_t phones = TakeNumber(inner, "phones", UINT32_MAX);
+        Demand(inner, phones > 0, "phones is 0");
+        Demand(inner,
+               std::none_of(running.begin(), running.end(),
+                            [&](const Running& other) { return other.revision == revision; }),
+               "the revision is there twice");
+        running.push_back({revision, phones});
     });
     return running;
+}
+
+bool IsSame(const Device& one, const Device& other) { // their magic tells the technology
+    return one.identity.header == other.identity.header && one.gki == other.gki &&
+           one.maxHwSectorsKb == other.maxHwSectorsKb;
 }
 
 // The device of a description, or of the keys of the model itself.
 Device TakeDevice(Keys keys, const std::filesystem::path& folder) {
     if (keys.table.contains("phone")) {
-        return DeviceOf(ReadPhone(folder / TakeText(keys, "phone")));
+        Device device = DeviceOf(ReadPhone(folder / TakeText(keys, "phone")));
+        Set(device.identity, device.identity.layout->revision, "");
+        return device;
     }
     const bool isEmmc = TakeChoice(keys, "technology", "emmc", "ufs");
     const Layout& layout = isEmmc ? EMMC : UFS;
@@ -50,6 +64,11 @@ std::vector<Model> ReadFleet(const std::string& path) {
         ReadToml(path, [&](Keys keys) {
             TakeTables(keys, "model", "[[model]] tables", [&](Keys model) {
                 const Device device = TakeDevice(model, folder);
+                Demand(
+                    model,
+                    std::none_of(fleet.begin(), fleet.end(),
+                                 [&](const Model& other) { return IsSame(other.device, device); }),
+                    "the model is there twice");
                 fleet.push_back({device, TakeRunning(model, device.identity)});
             });
         });

@@ -12,25 +12,37 @@
 
 namespace {
 
-constexpr char PRODUCT_KEY[] = "product name:";
+// What stands before the parts of an attempt.
+const std::string PRODUCT = "product name:", LINE = "\n" + PRODUCT,
+                  BASE = std::string(", ") + BASE_REV_KEY,
+                  TARGET = std::string(", ") + TARGET_REV_KEY;
 
-// Removes the last attempt from content and puts its parts into time and product; both are empty if
-// its lines are not as a run writes them. A product name may hold line feeds, so its line is found
+struct Attempt {
+    std::string time, product, base; // empty if its lines are not as a run writes them
+};
+
+// Removes the last attempt from content. A product name may hold line feeds, so its line is found
 // by the key at the begin of a line.
-void TakeAttempt(std::string& content, std::string& time, std::string& product) {
-    const size_t line = content.rfind(std::string("\n") + PRODUCT_KEY);
+Attempt TakeAttempt(std::string& content) {
+    const size_t line = content.rfind(LINE);
     const size_t key = line == std::string::npos ? 0 : line + 1;
-    const size_t name = key + strlen(PRODUCT_KEY);
-    const size_t nameEnd = content.find(std::string(", ") + BASE_REV_KEY, key);
-    const bool isWhole = content.compare(key, strlen(PRODUCT_KEY), PRODUCT_KEY) == 0 &&
-                         nameEnd != std::string::npos &&
-                         content.find('\n', nameEnd) == content.size() - 1;
-    product = isWhole ? content.substr(name, nameEnd - name) : "";
-    content.resize(isWhole && key > 0 ? key - 1 : 0);
-    const size_t lineEnd = content.rfind('\n');
-    const size_t begin = lineEnd == std::string::npos ? 0 : lineEnd + 1;
-    time = content.substr(begin);
-    content.resize(begin);
+    const size_t productEnd = content.find(BASE, key), baseEnd = content.find(TARGET, productEnd);
+    Attempt attempt;
+    if (content.compare(key, PRODUCT.size(), PRODUCT) != 0 || baseEnd == std::string::npos ||
+        content.find('\n', baseEnd) != content.size() - 1) {
+        content.clear();
+        return attempt;
+    }
+    const auto between = [&](size_t begin, size_t end) {
+        return content.substr(begin, end - begin);
+    };
+    attempt.product = between(key + PRODUCT.size(), productEnd);
+    attempt.base = between(productEnd + BASE.size(), baseEnd);
+    content.resize(key > 0 ? key - 1 : 0);
+    const size_t time = content.rfind('\n') + 1; // 0 without a line feed
+    attempt.time = content.substr(time);
+    content.resize(time);
+    return attempt;
 }
 
 } // namespace
@@ -48,13 +60,18 @@ Record ParseRecord(const std::string& content) {
     LastAttempt last = {};
     ReadLastLine(file.get(), line);
     const bool isReadable = ParseAttempt(line.data(), last) == 0;
-    Record record = {isReadable, last.lastBaseRev, last.lastTargetRev, "", "", {}, !isReadable, ""};
-    record.messages = TakePhoneMessages();
-    if (isReadable) { // the phone reads neither product nor time
-        TakeAttempt(bytes, record.time, record.product);
-        record.isOnly = bytes.empty();
-        std::string product;
-        TakeAttempt(bytes, record.timeBefore, product);
+    Record record = {isReadable, last.lastBaseRev, last.lastTargetRev, "", "", TakePhoneMessages(),
+                     {}};
+    if (!isReadable) {
+        return record;
+    }
+    // The phone reads neither product nor time, and of a base revision what is before a comma.
+    const Attempt attempt = TakeAttempt(bytes);
+    record.time = attempt.time;
+    record.product = attempt.product;
+    record.base = attempt.base.empty() ? record.base : attempt.base;
+    while (!bytes.empty()) {
+        record.earlierTimes.push_back(TakeAttempt(bytes).time);
     }
     return record;
 }

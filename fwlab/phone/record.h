@@ -9,8 +9,7 @@ struct Record {
     std::string time;         // of the last attempt, as the record has it; empty without one
     std::string product;      // of the last attempt
     Texts messages;           // why it cannot be read
-    bool isOnly;              // the last attempt on record is the first one, too
-    std::string timeBefore;   // of the attempt before the last one
+    Texts earlierTimes;       // of the attempts before the last one, the latest first
 };
 // content may be the end of a long record, from the beginning of a line on.
 Record ParseRecord(const std::string& content);

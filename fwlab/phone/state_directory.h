@@ -2,34 +2,45 @@
 #pragma once
 
 #include "fwlab/phone/record.h"
+#include "fwlab/phone/verdict.h"
 
-// What a state directory shows. UNKNOWN if its files allow more than one course of events.
-enum class State {
-    UPDATED,     // the last attempt on record passed, and the last run ended regularly
-    NOTHING,     // the last run ended regularly; no run has made an attempt
-    FAILED,      // the last attempt failed
-    INTERRUPTED, // the last attempt has no outcome, and a run did not end regularly
-    UNKNOWN,     // attempted, perhaps without a download; or the files contradict each other
-    STOPPED,     // a run stopped early, outside of an attempt
-    DAMAGED,     // no run can read the record: a run that has an update stops there
-    FOREIGN,     // no run has left a file
-    UNREADABLE,  // the directory or a file in it cannot be read from here
-};
-const char* NameOf(State state); // one word
+// What ffu.bgn and ffu.end tell of the last run: one of them is there, both or none.
+enum class LastRun { REGULAR, STOPPED, BOTH_FLAGS, NO_FLAG };
 
+// Whose ffu.ok or ffu.fail is: the last attempt's on record, an earlier one's, or it cannot be
+// told. Of both flags it cannot be told either.
+enum class OutcomeFlag { NONE, LAST, EARLIER, UNTOLD, BOTH };
+
+// What a state directory shows, as far as its files allow only one course of events.
 struct StateReport {
-    State state;
-    bool isFine;      // UPDATED or NOTHING
-    std::string text; // printable: the state, the reason, what the next run will do
-    Record record;    // without an attempt all its texts are empty
+    Verdict verdict;
+    LastRun lastRun;
+    OutcomeFlag flag;
+    bool isOk;             // the flag is ffu.ok
+    std::string flagTime;  // as the flag has it
+    bool hasBody;          // a body of an update is there
+    bool hasRecord;        // fw_result is there
+    Record record;         // without an attempt all its texts are empty
+    std::string irregular; // a file that runs leave, but not a regular one; empty for none
+    std::string failure;   // why the verdict is UNREADABLE
 };
 
 // Reads regular files only, follows no link in the directory, and never waits.
-StateReport DescribeState(const std::string& directory);
+StateReport ReadState(const std::string& directory);
 
-// The state directories at directory and below it, sorted by name, with folders that are where a
-// state directory should be; directory itself if there are none. Links are not followed.
-Texts StateDirectoriesIn(const std::string& directory);
+// Whether nothing could be read of any phone: NOT_PULLED, FOREIGN or UNREADABLE.
+bool IsNoPhone(Verdict verdict);
+
+// The last attempt on record passed: its flag says so, however the last run ended.
+bool HasPassed(const StateReport& report);
+
+// Printable: the verdict's word, the reason, what the next run will do.
+std::string Sentence(const StateReport& report);
+
+// The state directories at these directories and below them, each once, in this order and sorted by
+// name, with folders that are where a state directory should be; a directory itself if there are
+// none in it. Links below are not followed.
+Texts StateDirectoriesIn(const Texts& directories);
 
 // The names of the files that runs leave in their state directory.
 const Texts& StateFileNames();

@@ -20,11 +20,12 @@ constexpr Words WORDS[] = {
     {"record-unreadable", "no run can read the record, so every run that has an update stops"},
     {"interrupted", "an attempt was begun, and its run did not end"},
     {"failed", "the last attempt failed"},
-    {"stopped", "a run ended early, before it made an attempt"},
+    {"stopped", "a run ended early, outside of an attempt"},
     {"updated-next", "the first run does not update it, the next one does"},
     {"untouched", "nothing was attempted, and the next run attempts nothing"},
     {"unknown", "more than one course of events is possible"},
-    {"foreign", "no run has left a file: it is no state directory"},
+    {"not-pulled", "there is no file: nothing was pulled from the phone"},
+    {"foreign", "there are files, but none of a run: it is no state directory"},
     {"unreadable", "the files cannot be read from here"},
 };
 static_assert(sizeof(WORDS) / sizeof(WORDS[0]) == VERDICTS);

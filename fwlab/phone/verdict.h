@@ -19,7 +19,8 @@ enum class Verdict {
     UPDATED_NEXT,
     UNTOUCHED,
     UNKNOWN,
-    // Of a folder, no phone:
+    // Of a folder, perhaps no phone's:
+    NOT_PULLED,
     FOREIGN,
     UNREADABLE,
 };

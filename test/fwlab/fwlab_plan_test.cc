@@ -2,7 +2,13 @@
 // be seen here, before the package is on phones.
 #include "test/fwlab/fwlab.h"
 
+#include <nlohmann/json.hpp>
+#include <random>
+#include <regex>
+
 namespace {
+
+using Json = nlohmann::json;
 
 std::string Model(const std::string& keys, const std::string& running) {
     return "[[model]]\n" + keys + "running = [" + running + "]\n";
@@ -78,23 +84,199 @@ TEST_F(FwlabTest, PlanTellsWhatEachPhoneGets) {
            "\"answer\": \"updated\"*\"totals\": {*\"updated\": 70");
 }
 
-TEST_F(FwlabTest, PlanKnowsAttemptsOnRecord) {
-    const auto record = [](const std::string& base, const std::string& target) {
-        return CLOCK_TEXT + "product name:SIMUFS128G-B0B1 , current fw version:" + base +
-               ", upgrading to version:" + target + "\n";
+namespace {
+
+const std::string EARLIER = "Mon Nov 16 13:00:00 2026\n", LATER = "Mon Nov 16 13:00:09 2026\n";
+std::string Record(const std::string& base, const std::string& target,
+                   const std::string& product = UFS_PNM) {
+    return EARLIER + "product name:" + product + ", current fw version:" + base +
+           ", upgrading to version:" + target + "\n";
+}
+Files Passed(const std::string& record) {
+    return {{"fw_result", record}, {"ffu.ok", LATER}, {"ffu.end", ""}};
+}
+Files Failed(const std::string& record) {
+    return {{"fw_result", record}, {"ffu.fail", LATER}, {"ffu.bgn", ""}};
+}
+Files Interrupted(const std::string& record) {
+    return {{"fw_result", record}, {"ffu.bgn", ""}};
+}
+std::string Counted(const std::string& revision, unsigned phones) {
+    return "{ revision = '" + revision + "', phones = " + std::to_string(phones) + " }, ";
+}
+
+class PlanTest : public FwlabTest {
+protected:
+    // Phones with the same files, one directory each.
+    void Pull(const Files& files, unsigned phones = 1) {
+        for (; phones > 0; phones--) {
+            const std::string folder = "/pulled/" + std::to_string(pulled++);
+            fs::create_directories(Path(folder));
+            for (const auto& [name, content] : files) {
+                Put(folder + "/" + name, content);
+            }
+        }
+    }
+    void Clear() {
+        fs::remove_all(Path("/pulled"));
+        fs::create_directory(Path("/pulled"));
+    }
+    unsigned pulled = 0;
+};
+
+} // namespace
+
+TEST_F(PlanTest, KnowsAttemptsOnRecord) {
+    const std::string emmc = EMMC + "8\n", any = UfsEntry();
+    const struct {
+        int status;
+        std::string texts, fleet;
+        std::vector<std::pair<Files, unsigned>> pulled;
+        std::string package = UfsEntry();
+    } rows[] = {
+        // Five have never tried; nine have passed.
+        {0,
+         "\"0800\" *5  gets entry 1*\"0900\" *9  nothing to do*Phones: 5 updated 9 nothing-to-do\n",
+         Model(NAMED, Counted("0800", 5) + Counted("0900", 9)),
+         {{Passed(Record("0800", "0900")), 9}}},
+        {0,
+         "\"0800\" *5  gets entry 1*Note: 9 records belong to no phone",
+         Model(NAMED, Counted("0800", 5)),
+         {{Passed(Record("0800", "0900")), 9}}},
+        {1,
+         "\"V12\\x00*1  already attempted: *FINDING: entry 1*NOT",
+         Model(emmc, Counted("V12", 1)),
+         {{Passed(Record("V11", "V12", "SIM064")), 1}},
+         EmmcEntry("V1")},
+        {1,
+         "\"A,B\\x00*\" or \"C\\x00*2  UNKNOWN*runs \"A,B\\x00*: already attempted*: nothing to",
+         Model(emmc, Counted("A,B", 2)),
+         {{Failed(Record("A,B", "C", "SIM064")), 2}},
+         EmmcEntry("C")},
+        {1,
+         "\"0800\" *1  gets*\"0800\" or \"0900\" *2  UNKNOWN: *runs \"0800\": already att*runs "
+         "\"0900\": nothing to do*Phones: 1 updated 2 unknown",
+         Model(NAMED, Counted("0800", 3)),
+         {{Failed(Record("0800", "0900")), 1}, {Interrupted(Record("0800", "0900")), 1}}},
+        // One that is counted under its target, as nothing is left under its base.
+        {1,
+         "\"0800\" or \"0900\" *3  UNKNOWN*Phones: 3 unknown\nFINDING",
+         Model(NAMED, Counted("0800", 2) + Counted("0900", 1)),
+         {{Failed(Record("0800", "0900")), 3}}},
+        {0,
+         "\"0800\" *1  gets*\"0800\" or \"0850\" *2  gets entry 1*Phones: 3 updated\n",
+         Model(NAMED, Counted("0800", 3)),
+         {{Failed(Record("0800", "0850")), 2}}},
+        // Either model may be that of the phone.
+        {1,
+         "\"0x0001ce\"*1  UNKNOWN: *0x0001ce*gets entry 1*0x0001ad*USED UP",
+         Model(NAMED, Counted("0850", 1)) +
+             Model("technology = 'ufs'\nmanfid = '0x0001ad'\nproduct_name = 'SIMUFS128G-B0B1 '\n",
+                   Counted("0700", 1)),
+         {{Passed(Record("0800", "0850")), 1}}},
+        {1,
+         "3  gets*FINDING: 1 phones have a record that no run can read back*NOT",
+         Model(NAMED, Counted("0800", 3)),
+         {{{{"fw_result", "damaged"}}, 1}}},
+        {1, "FINDING: 1 folders are not state directories", Model(NAMED, Counted("0800", 3)), {}},
+        {2, "model 1: running 1: phones is 0", Model(NAMED, Counted("0800", 0)), {}},
+        {2,
+         "model 1: running 2: the revision is there twice",
+         Model(NAMED, OLD + Counted("0800", 1)),
+         {}},
+        {2,
+         "model 2: the model is there twice",
+         Model(NAMED, OLD) + Model("phone = 'phone.toml'\n", Counted("0700", 1)),
+         {}},
+        {2, "package: is no firmware package: it has no entry", Model(NAMED, OLD), {}, Body(5000)},
+        {1, "package is empty", Model(NAMED, OLD), {}, ""},
     };
+    Put("/phone.toml", UfsPhone());
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.texts + row.fleet);
+        Clear();
+        for (const auto& [files, phones] : row.pulled) {
+            Pull(files, phones);
+        }
+        Put("/package", row.package);
+        Put("/fleet.toml", row.fleet);
+        Expect(Fwlab("plan package --fleet fleet.toml --records pulled"), row.status, row.texts);
+    }
     Put("/package", UfsEntry());
-    Put("/fleet.toml", Model(NAMED, OLD));
-    Put("/pulled/A/fw_result", record("0800", "0900"));
-    Put("/pulled/B/fw_result", record("0800", "0900"));
-    Put("/pulled/C/fw_result", record("0800", "0850"));
-    Put("/pulled/D/fw_result", record("0700", "0900")); // ran another revision
-    Put("/pulled/E/fw_result", "damaged");
-    Expect(
-        Fwlab("plan package --fleet fleet.toml --records pulled"), 1,
-        "67  gets entry 1*1  gets entry 1*2  already attempted: the last attempt was from*"
-        "Phones: 68 updated 2 already-attempted\nNote: 1 records belong to no phone of the fleet.\n"
-        "FINDING: 1 phones have a record that no run can read back*Do NOT release this package");
-    fs::create_directory(directory + "/empty");
-    Expect(Fwlab("plan package --fleet fleet.toml --records empty"), 1, "not state directories");
+    Put("/fleet.toml", Model(NAMED, Counted("0800", 1)));
+    Pull(Failed(Record("0800", "0900")));
+    Expect(Fwlab("plan package --fleet fleet.toml --records pulled --json"), 1,
+           "\"answer\": \"unknown\"*\"entry\": null*\"cases\": *\"answer\": \"already-attempted\"*"
+           "\"revision\": \"0900\"*\"answer\": \"nothing-to-do\"*\"totals\": {*\"unknown\": 1");
+}
+
+// Fleets of which each phone is known, with one directory for each that has tried. Each must be in
+// the row with the answer that `match` gives for it, or with both answers if it may run two
+// revisions.
+TEST_F(PlanTest, AnswersLikeMatch) {
+    std::mt19937 random(1);
+    const auto below = [&](unsigned end) { return static_cast<unsigned>(random() % end); };
+    const Texts revisions = {"0700", "0800", "0850", "0900"};
+    Put("/phone.toml", UfsPhone());
+    for (unsigned fleet = 0; fleet < 25 && !HasFailure(); fleet++) {
+        const Texts bases = {std::string(16, '\xFF'), "0800", "07000800"};
+        Put("/package", With(UfsEntry(revisions[below(4)]), UFS_BASE_FIELD, bases[below(3)]));
+        std::map<std::string, std::string> known;
+        const auto match = [&](const std::string& revision, const std::string& record) {
+            std::string& answer = known[revision + record];
+            if (answer.empty()) {
+                Put("/record", record);
+                const std::string option = record.empty() ? "" : " --record record";
+                const Answer matched = Fwlab(
+                    "match package --phone phone.toml --json --set revision=" + revision + option);
+                answer = Json::parse(matched.text)["answer"];
+            }
+            return revision + " " + answer + "; ";
+        };
+        Clear();
+        Pull({{"ffu.end", ""}}); // has not tried
+        std::map<std::string, unsigned> rows;
+        std::string running;
+        for (const std::string& revision : revisions) {
+            const unsigned phones = 1 + below(4);
+            running += Counted(revision, phones);
+            for (unsigned i = 0; i < phones; i++) {
+                const std::string &from = revisions[below(4)], &to = revisions[below(4)];
+                const std::string passed = Record(from, revision), open = Record(revision, to);
+                const std::vector<Files> files = {
+                    Failed(open), Interrupted(open), {{"fw_result", open}}, Passed(passed)};
+                const unsigned end = below(6);
+                if (end >= files.size()) { // has not tried
+                    rows[match(revision, "")]++;
+                    continue;
+                }
+                Pull(files[end]);
+                rows[end == 3         ? match(revision, passed)
+                     : revision == to ? match(revision, open)
+                                      : match(revision, open) + match(to, open)]++;
+            }
+        }
+        Put("/fleet.toml", Model(NAMED, running));
+        const Answer answer = Fwlab("plan package --fleet fleet.toml --records pulled --json");
+        SCOPED_TRACE(answer.text);
+        std::map<std::string, unsigned> shown;
+        const Json report = Json::parse(answer.text);
+        for (const Json& line : report["lines"]) {
+            std::string row;
+            for (const Json& one : line["cases"]) {
+                row += one["revision"].get<std::string>() + " " + one["answer"].get<std::string>() +
+                       "; ";
+            }
+            shown[row] += line["phones"].get<unsigned>();
+        }
+        EXPECT_EQ(shown, rows);
+        bool isCalm = true, isReceived = false;
+        for (const auto& [row, phones] : rows) {
+            const std::string answers = std::regex_replace(row, std::regex("[0-9]+ "), "");
+            const bool isOne = std::regex_match(answers, std::regex("([^;]*; )(\\1)?"));
+            isCalm &= isOne && Count(row, "used-up") == 0;
+            isReceived |= Count(row, "updated") > 0;
+        }
+        EXPECT_EQ(answer.status, isCalm && isReceived ? 0 : 1);
+    }
 }
