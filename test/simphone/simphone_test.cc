@@ -171,6 +171,26 @@ TEST_F(SimphoneTest, PowerCutLeavesWhatWasSynced) {
     }
 }
 
+// What the run has made and removed may be back as it was then.
+TEST_F(SimphoneTest, PowerCutBringsARemovedFileBack) {
+    const struct {
+        std::string fault, body;
+        bool canBe = true;
+    } rows[] = {
+        {"open /data/vendor/fw/ffu.end end", MISSING},
+        {"open /data/vendor/fw/ffu.end end lost=ufs_fw_body.bin", MISSING},
+        {"open /data/vendor/fw/ffu.end end empty=ufs_fw_body.bin", ""},
+        {"open /data/vendor/fw/ffu.end end back=ufs_fw_body.bin", "body"},
+        {"SG_IO end back=ufs_fw_body.bin", "body", false},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.fault);
+        Make(UfsPhone(), {{UFS_PACKAGE, UfsEntry()}});
+        EXPECT_EQ(TryRun({row.fault}).error.empty(), row.canBe);
+        EXPECT_EQ(Get(STATE + "/ufs_fw_body.bin"), row.body);
+    }
+}
+
 // What is enumerated can be asked for. A sync that a fault stands in for has synced nothing.
 TEST_F(SimphoneTest, EachStateAfterAPowerCutCanBeMade) {
     const struct {
