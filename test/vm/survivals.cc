@@ -268,7 +268,11 @@ int main(int argc, char** argv) {
                        std::find(cut.states.begin(), cut.states.end(), survivor.state) !=
                            cut.states.end();
             })) {
-            std::cout << "the simulation does not allow: " << survivor.line << "\n";
+            std::cout << "the simulation does not allow: " << survivor.line;
+            for (const auto& [name, content] : survivor.state.files) {
+                std::cout << " " << name << "(" << content.size() << ")";
+            }
+            std::cout << "\n";
             status = 1;
         }
     }
