@@ -98,6 +98,11 @@ Fates FatesOf(const Changes& file, const Content& before, const Content& after,
     if (file.isMade && file.isRemoved && !file.isThere) {
         fates.emplace_back(Loss::BACK, removed);
     }
+    const std::string kept = file.isMade ? "" : old.value_or("");
+    const std::string written = (file.isThere ? after : removed).value_or("");
+    if (file.isWritten && (file.isThere || file.isMade) && written.size() > kept.size()) {
+        fates.emplace_back(Loss::ZEROS, kept + std::string(written.size() - kept.size(), '\0'));
+    }
     return fates;
 }
 

@@ -37,6 +37,7 @@ struct Survival {
 //     before it was made anew, or is what it was before.
 //   - A file that was appended to is whole or what it was; one that was removed is back or not. One
 //     that the run itself has made and removed may be back as well: whole or empty.
+//   - What was written and not synced may read as zeros: the size has survived, the bytes have not.
 //   - A directory that the run has made is there for sure once a file in it was synced.
 std::vector<Survival> Survivals(const StateDirectory& before, const StateDirectory& after,
                                 const std::vector<CallEntry>& calls, bool isDistinct = true);
