@@ -77,7 +77,8 @@ bool ParseRange(const std::string& word, Fault& fault) {
             fault.last >= fault.first);
 }
 
-constexpr const char* LOSS_WORDS[] = {"lost=", "empty=", "gone="}; // in the order of Loss
+constexpr const char* LOSS_WORDS[] = {
+    "lost=", "empty=", "gone=", "back=", "zeros="}; // in the order of Loss
 
 // One word, such as "lost=fw_result,ffu.bgn"; a file has one fate.
 bool ParseLosses(const std::string& word, Losses& losses) {
@@ -107,7 +108,7 @@ bool CanHave(const std::string& call, Effect effect) {
 
 std::string LossText(const Losses& losses) {
     std::string text;
-    for (const Loss loss : {Loss::LOST, Loss::EMPTY, Loss::GONE}) {
+    for (const Loss loss : {Loss::LOST, Loss::EMPTY, Loss::GONE, Loss::BACK, Loss::ZEROS}) {
         std::string begin =
             std::string(text.empty() ? "" : " ") + LOSS_WORDS[static_cast<int>(loss)];
         for (const auto& [name, fate] : losses) {

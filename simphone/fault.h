@@ -7,9 +7,10 @@
 #include <string>
 
 // What becomes of a file of /data/vendor/fw in a power cut, where not all survives that was done to
-// it: what was not synced is lost; or it is there without a byte; or it is gone, as its removal
-// survives and its new making does not.
-enum class Loss { LOST, EMPTY, GONE };
+// it: what was not synced is lost; or it is there without a byte, or with zeros for its bytes; or
+// it is gone, as its removal survives and its new making does not; or it is back, as its making
+// survives and its removal does not.
+enum class Loss { LOST, EMPTY, GONE, BACK, ZEROS };
 using Losses = std::map<std::string, Loss>; // by name; "." is the directory
 
 // FAILS and RETURNS stand in for the call, SHORT and TORN make it move fewer bytes. TORN ends the

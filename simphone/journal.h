@@ -14,6 +14,9 @@
 
 constexpr char JOURNAL_FILE[] = "/journal.log"; // in the phone's directory
 constexpr char LOG_FUNCTION[] = "__android_log_print";
+// In the phone's directory: the files that a run has removed from /data/vendor/fw, as they were
+// then.
+constexpr char REMOVED_FOLDER[] = "/removed/";
 // The exit status of a tool that the library ends, as it has no phone or no place for the journal.
 constexpr int EXIT_NO_PHONE = 125;
 

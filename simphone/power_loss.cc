@@ -77,12 +77,13 @@ History HistoryOf(const StateDirectory& before, const std::vector<CallEntry>& ca
 // What becomes of one file, and by which losses; the first one is none.
 using Fates = std::vector<std::pair<std::optional<Loss>, Content>>;
 
-Content Find(const StateDirectory& state, const std::string& name) {
-    const auto found = state.files.find(name);
-    return found == state.files.end() ? Content() : Content(found->second);
+Content Find(const std::map<std::string, std::string>& files, const std::string& name) {
+    const auto found = files.find(name);
+    return found == files.end() ? Content() : Content(found->second);
 }
 
-Fates FatesOf(const Changes& file, const Content& before, const Content& after) {
+Fates FatesOf(const Changes& file, const Content& before, const Content& after,
+              const Content& removed) {
     Fates fates = {{std::nullopt, after}};
     const Content old = file.isSynced ? after.value_or("").substr(0, file.syncedSize) : before;
     if ((file.isMade || file.isRemoved || file.isWritten) && !file.isRemade) {
@@ -93,6 +94,14 @@ Fates FatesOf(const Changes& file, const Content& before, const Content& after) 
     }
     if (file.isRemoved && file.isThere && (old || file.isRemade)) {
         fates.emplace_back(Loss::GONE, Content());
+    }
+    if (file.isMade && file.isRemoved && !file.isThere) {
+        fates.emplace_back(Loss::BACK, removed);
+    }
+    const std::string kept = file.isMade ? "" : old.value_or("");
+    const std::string written = (file.isThere ? after : removed).value_or("");
+    if (file.isWritten && (file.isThere || file.isMade) && written.size() > kept.size()) {
+        fates.emplace_back(Loss::ZEROS, kept + std::string(written.size() - kept.size(), '\0'));
     }
     return fates;
 }
@@ -105,18 +114,24 @@ void Put(StateDirectory& state, const std::string& name, const Content& content)
     }
 }
 
+std::map<std::string, std::string> ReadFiles(const fs::path& directory) {
+    std::error_code status;
+    std::map<std::string, std::string> files;
+    for (const auto& entry : fs::directory_iterator(directory, status)) {
+        std::string content;
+        if (fs::is_regular_file(entry.symlink_status()) && ReadWholeFile(entry.path(), content)) {
+            files[entry.path().filename()] = content;
+        }
+    }
+    return files;
+}
+
 } // namespace
 
 StateDirectory ReadStateDirectory(const std::string& phone) {
     std::error_code status;
-    StateDirectory state = {fs::is_directory(phone + STATE_DIR, status), {}};
-    for (const auto& entry : fs::directory_iterator(phone + STATE_DIR, status)) {
-        std::string content;
-        if (fs::is_regular_file(entry.symlink_status()) && ReadWholeFile(entry.path(), content)) {
-            state.files[entry.path().filename()] = content;
-        }
-    }
-    return state;
+    return {fs::is_directory(phone + STATE_DIR, status), ReadFiles(phone + STATE_DIR),
+            ReadFiles(phone + REMOVED_FOLDER)};
 }
 
 bool WriteStateDirectory(const std::string& phone, const StateDirectory& state) {
@@ -143,7 +158,9 @@ std::vector<Survival> Survivals(const StateDirectory& before, const StateDirecto
     for (const auto& [name, file] : history.files) {
         std::vector<Content> seen;
         std::vector<Survival> more;
-        for (const auto& [loss, content] : FatesOf(file, Find(before, name), Find(after, name))) {
+        for (const auto& [loss, content] :
+             FatesOf(file, Find(before.files, name), Find(after.files, name),
+                     Find(after.removed, name))) {
             if (isDistinct && std::find(seen.begin(), seen.end(), content) != seen.end()) {
                 continue;
             }

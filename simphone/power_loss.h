@@ -15,6 +15,7 @@
 struct StateDirectory {
     bool isThere;
     std::map<std::string, std::string> files;
+    std::map<std::string, std::string> removed = {}; // by runs, as they were then; no part of it
 };
 inline bool operator==(const StateDirectory& one, const StateDirectory& other) {
     return one.isThere == other.isThere && one.files == other.files;
@@ -35,8 +36,8 @@ struct Survival {
 //   - A file that was made and not synced is missing, empty or whole. So is one that was removed
 //     before it was made anew, or is what it was before.
 //   - A file that was appended to is whole or what it was; one that was removed is back or not. One
-//     that the run itself has made and removed may be back as well: empty, as its bytes are not
-//     kept.
+//     that the run itself has made and removed may be back as well: whole or empty.
+//   - What was written and not synced may read as zeros: the size has survived, the bytes have not.
 //   - A directory that the run has made is there for sure once a file in it was synced.
 std::vector<Survival> Survivals(const StateDirectory& before, const StateDirectory& after,
                                 const std::vector<CallEntry>& calls, bool isDistinct = true);

@@ -72,6 +72,20 @@ bool Misaligned(int fd, const OpenFile& file, const void* data, size_t count) {
            (place | static_cast<size_t>(lseek(fd, 0, SEEK_CUR))) % 512 != 0;
 }
 
+// The host's path of a file that is about to be removed: a power cut may bring it back.
+std::string KeptPath(const char* path) {
+    namespace fs = std::filesystem;
+    const std::string host = HostPath(path), folder = session->directory + REMOVED_FOLDER;
+    std::error_code status;
+    if (fs::path(path).parent_path() == "/data/vendor/fw" && fs::exists(host, status)) {
+        const fs::path kept = folder + fs::path(path).filename().string();
+        fs::create_directory(folder, status);
+        fs::remove(kept, status);
+        fs::create_hard_link(host, kept, status);
+    }
+    return host;
+}
+
 // For a lambda's last line: an error number becomes errno and -1.
 int Failing(int error) {
     errno = error;
@@ -254,12 +268,12 @@ int munmap(void* place, size_t size) noexcept {
 
 int remove(const char* path) noexcept {
     PASS_OTHERS(remove, path);
-    return Counted({{"remove", path, ""}}, [&] { return next(HostPath(path).c_str()); });
+    return Counted({{"remove", path, ""}}, [&] { return next(KeptPath(path).c_str()); });
 }
 
 int unlink(const char* path) noexcept {
     PASS_OTHERS(unlink, path);
-    return Counted({{"unlink", path, ""}}, [&] { return next(HostPath(path).c_str()); });
+    return Counted({{"unlink", path, ""}}, [&] { return next(KeptPath(path).c_str()); });
 }
 
 int mkdir(const char* path, mode_t mode) noexcept {

@@ -125,6 +125,7 @@ const Files NO_DIRECTORY = {{"no", "directory"}};
 
 // The power fails in a GKI update: on a first run, or where an older one has left its files.
 TEST_F(SimphoneTest, PowerCutLeavesWhatWasSynced) {
+    const std::string zeros(ATTEMPT.size(), '\0');
     const struct {
         std::string fault;
         Files before, left; // nothing left: the cut cannot leave that
@@ -132,6 +133,8 @@ TEST_F(SimphoneTest, PowerCutLeavesWhatWasSynced) {
         {"fsync end", {}, {{"ffu.bgn", ""}, {"fw_result", ATTEMPT}}},
         {"fsync end lost=fw_result", {}, {{"ffu.bgn", ""}}},
         {"fsync end empty=fw_result lost=ffu.bgn", {}, {{"fw_result", ""}}},
+        {"fsync end zeros=fw_result", {}, {{"ffu.bgn", ""}, {"fw_result", zeros}}},
+        {"fsync end zeros=ffu.bgn", {}, {}},
         {"fsync end lost=.", {}, NO_DIRECTORY},
         {"fsync end lost=.,ffu.bgn", {}, {}},
         {"fsync end lost=ffu.fail", {}, {}},
@@ -147,6 +150,10 @@ TEST_F(SimphoneTest, PowerCutLeavesWhatWasSynced) {
         {"fsync end lost=fw_result,ffu.end",
          OLD,
          {{"ffu.bgn", ""}, {"ffu.end", ""}, {"ffu.ok", "passed"}, {"fw_result", EARLIER}}},
+        {"fsync end lost=ffu.end zeros=fw_result",
+         OLD,
+         {{"ffu.bgn", ""}, {"ffu.end", ""}, {"ffu.ok", "passed"}, {"fw_result", EARLIER + zeros}}},
+        {"close /data/vendor/fw/fw_result end zeros=fw_result", OLD, {}},
         {"fsync end empty=fw_result", OLD, {}},
         {"fsync end lost=.", OLD, {}},
         {"remove /data/vendor/fw/ffu.fail end lost=ffu.ok",
@@ -171,6 +178,27 @@ TEST_F(SimphoneTest, PowerCutLeavesWhatWasSynced) {
     }
 }
 
+// What the run has made and removed may be back as it was then.
+TEST_F(SimphoneTest, PowerCutBringsARemovedFileBack) {
+    const struct {
+        std::string fault, body;
+        bool canBe = true;
+    } rows[] = {
+        {"open /data/vendor/fw/ffu.end end", MISSING},
+        {"open /data/vendor/fw/ffu.end end lost=ufs_fw_body.bin", MISSING},
+        {"open /data/vendor/fw/ffu.end end empty=ufs_fw_body.bin", ""},
+        {"open /data/vendor/fw/ffu.end end back=ufs_fw_body.bin", "body"},
+        {"open /data/vendor/fw/ffu.end end zeros=ufs_fw_body.bin", std::string(4, '\0')},
+        {"SG_IO end back=ufs_fw_body.bin", "body", false},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.fault);
+        Make(UfsPhone(), {{UFS_PACKAGE, UfsEntry()}});
+        EXPECT_EQ(TryRun({row.fault}).error.empty(), row.canBe);
+        EXPECT_EQ(Get(STATE + "/ufs_fw_body.bin"), row.body);
+    }
+}
+
 // What is enumerated can be asked for. A sync that a fault stands in for has synced nothing.
 TEST_F(SimphoneTest, EachStateAfterAPowerCutCanBeMade) {
     const struct {
@@ -179,10 +207,10 @@ TEST_F(SimphoneTest, EachStateAfterAPowerCutCanBeMade) {
         size_t states; // by the choices of each file: directory, begin, end, record, pass
     } rows[] = {
         {"remove /data/vendor/fw/ffu.end end", {}, 1 + 1},
-        {"fsync end", {}, 1 + 2 * 3},
-        {"fsync end", OLD, 2 * 2 * 2},
-        {"close /data/vendor/fw/ffu.ok end", {}, 1 + 2 * 3 * 3},
-        {"close /data/vendor/fw/ffu.end end", OLD, 2 * 2 * 2 * 4},
+        {"fsync end", {}, 1 + 2 * 4},
+        {"fsync end", OLD, 2 * 2 * 3},
+        {"close /data/vendor/fw/ffu.ok end", {}, 1 + 2 * 4 * 4},
+        {"close /data/vendor/fw/ffu.end end", OLD, 2 * 2 * 3 * 5},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.cut);
