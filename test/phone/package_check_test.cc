@@ -74,6 +74,7 @@ const struct {
     {"no base", Base(""), FOUND + REFUSED},
 
     {"runs nothing", ENTRY, AsNew(""), GkiPhone({{"revision", "[0, 1, 2]"}})},
+    {"runs it in other letters", EmmcEntry("fw000001"), Found("fw000001") + ANY_BASE},
     {"equal as text", EmmcEntry("\x05\x01"), AsNew("\x05"), ONE_BYTE_REV},
     {"base as text", Base({"\x05\0\x01", 3}), Found("FW000002", "\x05") + REFUSED, ONE_BYTE_REV},
 
