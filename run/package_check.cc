@@ -67,6 +67,7 @@ constexpr char CHECK_FW_BIN[] = "CheckFwBin";
     if (p == size) {
         return ENTRY_NOT_FOUND;
     }
+    revs.entry = p;
     const auto& entry = *reinterpret_cast<const EmmcFwHeader*>(package + p);
     return CopyRevs(__func__, entry.emmcFwRev, sizeof(entry.emmcFwRev), entry.legalBaseRev, revs);
 }
@@ -77,6 +78,7 @@ constexpr char CHECK_FW_BIN[] = "CheckFwBin";
     if (p == size) {
         return ENTRY_NOT_FOUND;
     }
+    revs.entry = p;
     const auto& entry = *reinterpret_cast<const UfsFwHeader*>(package + p);
     return CopyRevs(__func__, entry.ufsProductRevisionLevel, sizeof(entry.ufsProductRevisionLevel),
                     entry.legalBaseRev, revs);
@@ -121,11 +123,6 @@ constexpr char CHECK_FW_BIN[] = "CheckFwBin";
 }
 
 } // namespace
-
-size_t FindEntry(const DeviceInfo& device, const uint8_t* package, size_t size) {
-    return device.type == DEVICE_EMMC ? FindEmmcEntryByPnm(package, size, device.pnm)
-                                      : FindUfsEntryByPnm(package, size, device.pnm);
-}
 
 int GetRevs(const DeviceInfo& device, const uint8_t* package, size_t size, PackageRevs& revs) {
     return device.type == DEVICE_EMMC ? GetEmmcRev(device, package, size, revs)

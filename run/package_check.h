@@ -5,6 +5,7 @@
 
 // What the pre-check takes from the device's entry. The caller zeroes it first.
 struct PackageRevs {
+    size_t entry;                         // its offset in the package
     char fwFileRev[REV_SIZE + 1];         // the entry's own revision, terminated
     uint8_t legalBaseRev[BASE_REVS_SIZE]; // the revisions from which it may be applied
 };
@@ -20,13 +21,9 @@ struct PackageRevs {
 constexpr int PARSE_FAILED = -1;
 constexpr int ENTRY_NOT_FOUND = 1;
 
-// Returns the offset of the device's entry in package (size bytes): the first entry that has the
-// device's product name and a body inside the package. Returns size when there is none. An eMMC
-// header at the very end of the package is not looked at.
-[[nodiscard]] size_t FindEntry(const DeviceInfo& device, const uint8_t* package, size_t size);
-
-// Fills revs from the device's entry in package (size bytes, borrowed). Returns 0, or one of the
-// values above; revs must not be used then.
+// Fills revs from the device's entry in package (size bytes, borrowed): the first one that has the
+// device's product name and a body inside the package. An eMMC header at the very end of the
+// package is not looked at. Returns 0, or one of the values above; revs must not be used then.
 [[nodiscard]] int GetRevs(const DeviceInfo& device, const uint8_t* package, size_t size,
                           PackageRevs& revs);
 

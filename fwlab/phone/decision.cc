@@ -136,9 +136,7 @@ Step PreCheck(const Package& package, const Identity& device, PackageRevs& revs)
     const int parsed = package.size == 0 ? ENTRY_NOT_FOUND
                                          : GetRevs(info, package.bytes.get(), package.size, revs);
     const int verdict = JudgeRevs(info, parsed, revs);
-    const Entry* entry = parsed == 0
-                             ? EntryAt(package, FindEntry(info, package.bytes.get(), package.size))
-                             : nullptr;
+    const Entry* entry = parsed == 0 ? EntryAt(package, revs.entry) : nullptr;
     Step step = {"pre-check", verdict == STEP_DONE, entry, {}, TakePhoneMessages()};
     step.reason = entry == nullptr                             ? WhyNoEntry(package, device)
                   : step.goesOn                                ? Reason{Reason::NEW_REVISION}

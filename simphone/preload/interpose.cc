@@ -255,7 +255,9 @@ SAME(fstat64, fstat);
 void* mmap(void* place, size_t size, int protection, int flags, int fd, off_t offset) noexcept {
     PASS_OTHERS(mmap, place, size, protection, flags, fd, offset);
     return Counted(
-        {{"mmap", Opened(fd).path, Text("fd=%d size=%zu offset=%ld", fd, size, offset)}},
+        {{"mmap", Opened(fd).path,
+          Text("fd=%d size=%zu protection=%d flags=%d offset=%ld", fd, size, protection, flags,
+               offset)}},
         [&] { return next(place, size, protection, flags, fd, offset); }, MAP_FAILED);
 }
 SAME(mmap64, mmap);

@@ -15,8 +15,7 @@ static void PreCheck(const std::string& pnm, const Bytes& package) {
         pnm.copy(device.pnm, PNM_SIZE);
         PackageRevs revs = {};
         const int parsed = GetRevs(device, package.data(), package.size(), revs);
-        const size_t entry = FindEntry(device, package.data(), package.size());
-        Require((parsed == 0) == (entry < package.size()), "the entry lies inside");
+        Require(parsed != 0 || revs.entry < package.size(), "the entry lies inside");
         (void)!JudgeRevs(device, parsed, revs);
     }
 }

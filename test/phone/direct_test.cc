@@ -45,13 +45,13 @@ TEST_F(DirectTest, ArgumentsThatNoRunHas) {
          "EmmcGetExtCsd,line=241: EmmcGetExtCsd, emmc firmware normal mode \n"},
         {[] { return DoEmmc50Ffu(nullptr, 512, 0); }, -1,
          "DoEmmc50Ffu,line=373: DoEmmc50Ffu args have NULL\n"},
-        {[] { return DoEmmcFfu(255, body, 512, 1); }, 0,
+        {[] { return DoEmmcFfu(255, body, 512, 2); }, 0,
          "DoEmmcFfu,line=207: emmc 5.0 or higher do firmware update\n"
          "DoEmmc50Ffu,line=389: emmc firmware normal mode \n"
          "DoEmmc50Ffu,line=396: eMMC5.0 ffu download image sucessful\n"},
         {[=] { return EmmcFfu(nullptr, emmc, 0, 1); }, -2, emmcNull},
         {[=] { return EmmcFfu(emmc, nullptr, 0, 0); }, -2, emmcNull},
-        {[=] { return EmmcFfu(emmc, none, 0, 1); }, -2,
+        {[=] { return EmmcFfu(emmc, none, 0, -1); }, -2,
          "EmmcFfu,line=239: emmc firmware not exist, no need to update...\n"},
         {[] { return EmmcFwhdrCheck({}, body, -1, fwBody, fwBodySize); }, -2,
          "EmmcFwhdrCheck,line=198: fwbin file not match, no need to update\n"},
@@ -59,7 +59,7 @@ TEST_F(DirectTest, ArgumentsThatNoRunHas) {
         {[=] { return UfsFfu(ufs, nullptr, 1, 0); }, -2, ufsNull},
         {[=] { return UfsFfu(none, ufs, 1, 0); }, -2,
          "GetFwSize,line=100: get real path fail\nUfsFfu,line=461: Get fw size error!\n"},
-        {[=] { return UfsFfu(none, ufs, 1, 1); }, -2, // a phone without the node
+        {[=] { return UfsFfu(none, ufs, 1, -1); }, -2, // a phone without the node
          "GetFwSize,line=118: ufsFwSize=0x44\n"
          "ReadUfsInfo,line=166: UFS_MID fd fail!\n"
          "GetUfsLocalDevInfo,line=187: read manufacture ID error!\n"

@@ -10,6 +10,7 @@
 #include <set>
 #include <sstream>
 #include <stdexcept>
+#include <sys/mman.h>
 
 namespace fs = std::filesystem;
 
@@ -72,6 +73,8 @@ bool IsProper(const CallEntry& call, const std::string& pathBefore) {
     }
     return function == "access"  ? mode == (call.path == "/proc/bootdevice/ffu" ? "2" : "0")
            : function == "fopen" ? mode == "r"
+           : function == "mmap"  ? Argument(call, "protection") == std::to_string(PROT_READ) &&
+                                      Argument(call, "flags") == std::to_string(MAP_PRIVATE)
            : function == "mkdir" ? mode == std::to_string(0755)
            : function == "sleep" ? pathBefore == TRIGGER && call.arguments == "seconds=5"
                                  : true;

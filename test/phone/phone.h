@@ -98,9 +98,9 @@ protected:
     std::string directory;
 };
 
-// Nothing was opened with other flags or modes, looked at for other rights or removed than is due.
-// What the kernel and the vendor provide is only read, but for the node that updates. The only
-// pause is that of the trigger test.
+// Nothing was opened or mapped with other flags or modes, looked at for other rights or removed
+// than is due. What the kernel and the vendor provide is only read, but for the node that updates.
+// The only pause is that of the trigger test.
 void ExpectProperCalls(const RunResult& result);
 // Every descriptor, stream and mapping of the run was given back, exactly once. Memory is
 // LeakSanitizer's.

@@ -75,6 +75,8 @@ const struct {
     {"values empty", KEYS + "\n", ReadBack("", "") + NOT_YET},
     {"base of eight bytes", AttemptRecord("12345678", "B"), ReadBack("12345678", "B") + NOT_YET},
     {"base of nine bytes", AttemptRecord("123456789", "B"), TOO_LONG},
+    {"target in other letters", AttemptRecord("A", "fw000002"),
+     ReadBack("A", "fw000002") + NOT_YET},
     {"shorter target", AttemptRecord("A", "FW00000"), ReadBack("A", "FW00000") + NOT_YET},
     {"1023 bytes: one piece", LongLine(1023), ReadBack("A", "FW000002") + APPLIED},
     {"1024 bytes: the last piece is the line end", LongLine(1024), NO_PARSE},
