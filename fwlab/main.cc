@@ -4,7 +4,7 @@
 #include "fwlab/commands/commands.h"
 #include "fwlab/phone/device.h"
 #include "fwlab/phone/pulled_state.h"
-#include "simphone/files.h"
+#include "simphone/text.h"
 
 #include "version.h"
 

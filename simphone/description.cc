@@ -2,26 +2,24 @@
 // nothing is written.
 #include "simphone/description.h"
 
-#include "simphone/files.h"
 #include "simphone/keys.h"
+#include "simphone/text.h"
 
-#include <cerrno>
 #include <climits>
-#include <cstring>
 #include <iomanip>
 #include <map>
 #include <sstream>
 
 namespace {
 
-bool ParseAnswer(const std::string& text, Answer& answer) {
-    static const std::map<std::string, Answer::Kind> kinds = {
-        {"sense", Answer::Kind::SENSE},
-        {"descriptor-sense", Answer::Kind::DESCRIPTOR_SENSE},
-        {"status", Answer::Kind::STATUS},
-        {"host", Answer::Kind::HOST_STATUS},
-        {"driver", Answer::Kind::DRIVER_STATUS},
-        {"good", Answer::Kind::ACCEPTED}};
+bool ParseAnswer(const std::string& text, DeviceAnswer& answer) {
+    static const std::map<std::string, DeviceAnswer::Kind> kinds = {
+        {"sense", DeviceAnswer::Kind::SENSE},
+        {"descriptor-sense", DeviceAnswer::Kind::DESCRIPTOR_SENSE},
+        {"status", DeviceAnswer::Kind::STATUS},
+        {"host", DeviceAnswer::Kind::HOST_STATUS},
+        {"driver", DeviceAnswer::Kind::DRIVER_STATUS},
+        {"good", DeviceAnswer::Kind::ACCEPTED}};
     std::istringstream words(text);
     std::string kind, rest;
     words >> kind;
@@ -39,7 +37,7 @@ bool ParseAnswer(const std::string& text, Answer& answer) {
         answer.asc = static_cast<uint8_t>(asc);
         answer.ascq = static_cast<uint8_t>(ascq);
         isRight = words && slash == '/' && secondSlash == '/' && key < 16 && (asc | ascq) < 256;
-    } else if (answer.kind != Answer::Kind::ACCEPTED) {
+    } else if (answer.kind != DeviceAnswer::Kind::ACCEPTED) {
         words >> std::setbase(0) >> answer.value;
         isRight = words && answer.value > 0 && answer.value < 256;
     }
@@ -135,9 +133,10 @@ constexpr auto TEXT_FLAGS =
 } // namespace
 
 bool ReadDescription(const std::string& file, const std::vector<std::string>& settings,
-                     Description& description, std::string& error, std::string* text) {
+                     Description& description, std::string& error) {
     toml::table table;
-    if (!ReadTable(file, table, error)) {
+    description = {};
+    if (!ReadTable(file, table, error, &description.text)) {
         return false;
     }
     for (const std::string& setting : settings) {
@@ -145,16 +144,12 @@ bool ReadDescription(const std::string& file, const std::vector<std::string>& se
             return false;
         }
     }
-    if (text != nullptr && settings.empty() && !ReadWholeFile(file, *text)) {
-        return Failed(error, file + ": " + strerror(errno));
-    }
-    if (text != nullptr && !settings.empty()) {
+    if (!settings.empty()) {
         std::ostringstream stream;
         stream << toml::toml_formatter(table, TEXT_FLAGS) << "\n";
-        *text = stream.str();
+        description.text = stream.str();
     }
     std::string wrong;
-    description = {};
     TakePhone({table, wrong}, description);
     error = wrong.empty() ? "" : file + ": " + wrong;
     return wrong.empty();

@@ -12,7 +12,7 @@
 #include <vector>
 
 // How the UFS device answers a WRITE BUFFER that is in order.
-struct Answer {
+struct DeviceAnswer {
     enum class Kind { ACCEPTED, SENSE, DESCRIPTOR_SENSE, STATUS, HOST_STATUS, DRIVER_STATUS };
     Kind kind;
     unsigned value; // of a SCSI, host or driver status
@@ -29,17 +29,16 @@ struct Description {
     std::string revision, firmwareRevision; // raw bytes: at most 8 for eMMC, 4 for UFS
     uint8_t extCsdRev, cid[16];             // eMMC
     std::string manfid, productName; // UFS, as the nodes read; eMMC: productName without line feed
-    std::vector<Answer> answers;     // UFS; the last one stays
-    uint32_t maxHwSectorsKb;         // UFS: KiB in one request of the host; 0 without a limit
-    std::optional<timeval> clock;    // where it stands still
+    std::vector<DeviceAnswer> answers; // UFS; the last one stays
+    uint32_t maxHwSectorsKb;           // UFS: KiB in one request of the host; 0 without a limit
+    std::optional<timeval> clock;      // where it stands still
     std::vector<Fault> faults;
+    std::string text; // from which ReadDescription makes the same one
 };
 
 // Reads a description, with other values for the keys that the settings name (KEY=VALUE, see SetKey
-// in keys.h). `text`, if it is given, becomes that of a description in which the settings stand;
-// without settings it is the file's own. Returns false with a text for the user, which names the
-// file, and the key or the setting.
+// in keys.h). Returns false with an error for the user, which names the file, and the key or the
+// setting.
 [[nodiscard]] bool ReadDescription(const std::string& file,
                                    const std::vector<std::string>& settings,
-                                   Description& description, std::string& error,
-                                   std::string* text = nullptr);
+                                   Description& description, std::string& error);

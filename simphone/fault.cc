@@ -1,11 +1,10 @@
 // Reads the texts of faults. What no call can have is refused before a run.
 #include "simphone/fault.h"
 
-#include "simphone/files.h"
+#include "simphone/text.h"
 
 #include <algorithm>
 #include <charconv>
-#include <climits>
 #include <cstring>
 #include <iterator>
 #include <sstream>
@@ -43,15 +42,14 @@ bool ParseNumber(const std::string& text, long& number) {
     return status == std::errc() && stop == end && number >= 0;
 }
 
+constexpr const char* COUNTS[] = {"returns=", "short=", "torn="}; // Effect, from RETURNS on
+
 bool ParseEffect(const std::string& word, Fault& fault) {
-    const size_t equals = word.find('=');
-    if (equals != std::string::npos) {
-        const std::string name = word.substr(0, equals);
-        fault.effect = name == "short"  ? Effect::SHORT
-                       : name == "torn" ? Effect::TORN
-                                        : Effect::RETURNS;
-        return (fault.effect != Effect::RETURNS || name == "returns") &&
-               ParseNumber(word.substr(equals + 1), fault.value);
+    const size_t begin = word.find('=') + 1; // 0 without one
+    const auto* found = std::find(std::begin(COUNTS), std::end(COUNTS), word.substr(0, begin));
+    if (found != std::end(COUNTS)) {
+        fault.effect = static_cast<Effect>(found - COUNTS + static_cast<int>(Effect::RETURNS));
+        return ParseNumber(word.substr(begin), fault.value);
     }
     if (word == "end") {
         fault.effect = Effect::ENDS;
@@ -119,16 +117,35 @@ std::string LossText(const Losses& losses) {
     return text;
 }
 
+std::string EffectText(const Fault& fault) {
+    switch (fault.effect) {
+    case Effect::FAILS:
+        return strerrorname_np(static_cast<int>(fault.value));
+    case Effect::ENDS:
+        return "end";
+    default:
+        return COUNTS[static_cast<int>(fault.effect) - static_cast<int>(Effect::RETURNS)] +
+               std::to_string(fault.value);
+    }
+}
+
+std::string FaultText(const Fault& fault) {
+    const bool isEach = fault.first == 1 && fault.last == LONG_MAX;
+    std::string range = " #" + std::to_string(fault.first);
+    range += fault.last == LONG_MAX      ? "+"
+             : fault.last != fault.first ? "-" + std::to_string(fault.last)
+                                         : "";
+    return fault.call + (fault.path.empty() ? "" : " " + fault.path) + (isEach ? "" : range) + " " +
+           EffectText(fault) + (fault.losses.empty() ? "" : " ") + LossText(fault.losses);
+}
+
 bool ParseFault(const std::string& text, Fault& fault, std::string& error) {
     const auto refuse = [&](const std::string& why) {
-        return Failed(error, "fault \"" + Escaped(text) + "\": " + why);
+        return Failed(error, "fault " + Quoted(text) + ": " + why);
     };
     std::istringstream words(text);
     std::string word;
     fault = {};
-    fault.text = text;
-    fault.first = 1;
-    fault.last = LONG_MAX;
     if (text.find('\n') != std::string::npos) { // one a line, on their way to the library
         return refuse("has a line feed");
     }

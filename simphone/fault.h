@@ -2,6 +2,7 @@
 // examples/emmc-phone.toml explains the texts.
 #pragma once
 
+#include <climits>
 #include <map>
 #include <string>
 
@@ -16,17 +17,21 @@ using Losses = std::map<std::string, Loss>; // by name; "." is the directory
 enum class Effect { FAILS, RETURNS, SHORT, TORN, ENDS };
 
 struct Fault {
-    std::string call; // a function, a device request, or "any"
-    std::string path; // empty: on any path
-    long first, last; // numbers among the matching calls, from 1
-    Effect effect;
-    long value;    // the error number, the result or the count of bytes
-    Losses losses; // of a power cut
-    std::string text;
+    std::string call;                // a function, a device request, or "any"
+    std::string path;                // empty: on any path
+    long first = 1, last = LONG_MAX; // numbers among the matching calls, from 1
+    Effect effect = Effect::FAILS;
+    long value = 0;     // the error number, the result or the count of bytes
+    Losses losses = {}; // of a power cut
 };
 
-// Returns false with a text for the user, which has the fault's.
+// Returns false with an error for the user, which has the text.
 [[nodiscard]] bool ParseFault(const std::string& text, Fault& fault, std::string& error);
+
+// A text of which ParseFault makes the same fault; the words of its effect alone, such as
+// "short=1".
+std::string FaultText(const Fault& fault);
+std::string EffectText(const Fault& fault);
 
 // The words of a fault, such as "lost=fw_result,ffu.bgn empty=ffu.ok".
 std::string LossText(const Losses& losses);

@@ -3,13 +3,28 @@
 #include "simphone/journal.h"
 
 #include "simphone/files.h"
+#include "simphone/text.h"
 
+#include <algorithm>
 #include <cstdlib>
+#include <iterator>
 #include <sstream>
 
 namespace {
 
 constexpr char FAULT[] = "fault";
+// In the order of their enumerators.
+constexpr const char* KINDS[] = {"SEND_EXT_CSD", "FFU_DOWNLOAD",      "FFU_INSTALL", "OTHER_MMC",
+                                 "GKI_WRITE",    "SCSI_WRITE_BUFFER", "OTHER_SCSI",  "SCSI_RESET"};
+constexpr const char* TAKEN[] = {"NOTHING", "PART", "WHOLE"};
+
+// The enumerator that the next word names.
+template <typename Enumeration, size_t SIZE>
+Enumeration Read(std::istringstream& words, const char* const (&names)[SIZE]) {
+    std::string word;
+    words >> word;
+    return static_cast<Enumeration>(std::find(names, std::end(names) - 1, word) - names);
+}
 
 // The rest of a line behind the words that were read, without the blank in front.
 std::string Rest(std::istringstream& words) {
@@ -39,12 +54,21 @@ CallEntry ParseCall(const std::string& line) {
     }
     if (words) {
         call.consoleBytes = strtoll(word.c_str() + 1, nullptr, 10);
-        (void)Unescape(Rest(words), call.text); // as CallLine has escaped it
+        if (!call.IsMessage()) {
+            const auto kind = Read<RequestKind>(words, KINDS);
+            call.request = {kind, Read<Taken>(words, TAKEN), ""};
+        }
+        // as CallLine has escaped it
+        (void)Unescape(Rest(words), call.request ? call.request->text : call.message);
     }
     return call;
 }
 
 } // namespace
+
+const char* KindName(RequestKind kind) {
+    return KINDS[static_cast<size_t>(kind)];
+}
 
 std::string Argument(const CallEntry& call, const std::string& name) {
     const std::string arguments = " " + call.arguments + " ", begin = " " + name + "=";
@@ -61,14 +85,18 @@ std::string CallLine(const CallEntry& call) {
     line += (call.arguments.empty() ? "" : " ") + call.arguments + " = " + call.result;
     line += (call.error.empty() ? "" : " ") + call.error;
     line += call.replaced ? std::string(" ") + FAULT : "";
-    if (!call.text.empty()) {
-        line += " @" + std::to_string(call.consoleBytes) + " " + Escaped(call.text);
+    if (call.request || call.IsMessage()) {
+        line += " @" + std::to_string(call.consoleBytes) + " ";
+        line += call.request ? std::string(KindName(call.request->kind)) + " " +
+                                   TAKEN[static_cast<size_t>(call.request->taken)] + " " +
+                                   Escaped(call.request->text)
+                             : Escaped(call.message);
     }
     return line + "\n";
 }
 
-std::string FaultLine(const std::string& fault) {
-    return std::string(FAULT) + " " + fault + "\n";
+std::string FaultLine(size_t place, const Fault& fault) {
+    return std::string(FAULT) + " " + std::to_string(place) + " " + FaultText(fault) + "\n";
 }
 
 Journal ReadJournal(const std::string& phone) {
@@ -78,7 +106,7 @@ Journal ReadJournal(const std::string& phone) {
     Journal journal;
     for (std::string line; std::getline(lines, line) && !lines.eof();) { // whole ones
         if (line.rfind(FAULT, 0) == 0) {
-            journal.faults.push_back(line.substr(sizeof(FAULT)));
+            journal.faults.push_back(strtoul(line.c_str() + sizeof(FAULT), nullptr, 10));
         } else {
             journal.calls.push_back(ParseCall(line));
         }

@@ -4,6 +4,7 @@
 #include "simphone/keys.h"
 
 #include "simphone/files.h"
+#include "simphone/text.h"
 
 #include <cerrno>
 #include <cstring>
@@ -14,8 +15,8 @@ namespace {
 constexpr size_t DOTS_MAX = 64;
 constexpr size_t FILE_SIZE_MAX = 16 << 20;
 
-// The first line with a key of so many parts that the TOML library's recursion does not bear the
-// tables in each other; 0 if there is none. Dots in a row are one: no key has them.
+// The first line with too many dots; 0 if there is none. The TOML library would make a table in a
+// table for each part of a key, and overflow the stack. Dots in a row count once: no key has them.
 size_t DeepLine(const std::string& text) {
     size_t line = 1, dots = 0;
     for (size_t i = 0; i < text.size() && dots <= DOTS_MAX; i++) {
@@ -50,14 +51,14 @@ void Assign(toml::table& table, const std::string& key, const std::string& bytes
 
 } // namespace
 
-bool ReadTable(const std::string& file, toml::table& table, std::string& error) {
+bool ReadTable(const std::string& file, toml::table& table, std::string& error, std::string* kept) {
     std::string text;
     std::error_code status;
     const bool isRegular = std::filesystem::is_regular_file(file, status);
     if (!isRegular || std::filesystem::file_size(file, status) > FILE_SIZE_MAX) {
         return Failed(error,
                       file + ": " +
-                          (status ? status.message() : "is no regular file of a few kilobytes"));
+                          (status ? status.message() : "is no regular file of at most 16 MiB"));
     }
     if (!ReadWholeFile(file, text)) {
         return Failed(error, file + ": " + strerror(errno));
@@ -73,6 +74,9 @@ bool ReadTable(const std::string& file, toml::table& table, std::string& error) 
                                  ": " + std::string(parsed.error().description()));
     }
     table = std::move(parsed).table();
+    if (kept != nullptr) {
+        *kept = text;
+    }
     return true;
 }
 

@@ -17,8 +17,10 @@ struct Keys {
 };
 enum Need { REQUIRED, OPTIONAL };
 
-// False with an error, which names the file and the line, if the file is no TOML.
-[[nodiscard]] bool ReadTable(const std::string& file, toml::table& table, std::string& error);
+// False with an error, which names the file and the line, if the file is no TOML. `text`, if it is
+// given, becomes the file's.
+[[nodiscard]] bool ReadTable(const std::string& file, toml::table& table, std::string& error,
+                             std::string* text = nullptr);
 
 // Gives a key of the table another value, by a text "KEY=VALUE"; KEY has dots between the tables
 // that it is in. VALUE is TOML. Where the table has a text, its quotation marks may be left out;

@@ -1,8 +1,8 @@
 // The simphone command: makes a simulated phone, runs the tool on it, restarts it and shows it.
 // Started by hand and by the demo; exit status 0 fine, 2 an error, and for `run` the tool's own
 // (128 + n for a signal), unless a fault of the command line was never met.
-#include "simphone/files.h"
 #include "simphone/phone.h"
+#include "simphone/text.h"
 #include "simphone/tool_run.h"
 
 #include "version.h"
@@ -21,8 +21,8 @@ int Finish(bool right, const std::string& error) {
     return right && std::cout ? 0 : 2;
 }
 
-int Run(const std::string& directory, const std::string& tool, const RunOptions& options) {
-    const RunResult result = RunTool(directory, tool, options);
+int Run(const Phone& phone, const std::string& tool, const RunOptions& options) {
+    const RunResult result = RunTool(phone, tool, options);
     if (!result.error.empty()) {
         return Finish(false, result.error);
     }
@@ -34,8 +34,9 @@ int Run(const std::string& directory, const std::string& tool, const RunOptions&
         std::cerr << "simphone: " << Escaped(tool) << " was ended by signal " << result.signal
                   << "\n";
     }
-    for (const std::string& fault : result.unmetFaults) {
-        std::cerr << "simphone: fault \"" << Escaped(fault) << "\": no call of the run met it\n";
+    for (const Fault& fault : result.unmetFaults) {
+        std::cerr << "simphone: fault " << Quoted(FaultText(fault))
+                  << ": no call of the run met it\n";
     }
     if (!result.unmetFaults.empty() || Finish(true, "") != 0) {
         return 2;
@@ -52,13 +53,14 @@ int main(int argc, char** argv) {
                  "simphone");
     app.set_version_flag("--version", std::string("simphone ") + FFU_VERSION);
     app.require_subcommand(1);
-    std::string description, directory, package, launcher, error, text;
+    std::string file, directory, package, launcher, error;
     std::string tool = Companion("ffu");
     RunOptions options;
-    std::vector<std::string> settings;
+    std::vector<std::string> settings, faults;
+    Phone phone;
 
     CLI::App* make = app.add_subcommand("make", "Make a phone after a description");
-    make->add_option("PHONE.toml", description, "its description")->required();
+    make->add_option("PHONE.toml", file, "its description")->required();
     make->add_option("DIR", directory, "a missing or empty directory")->required();
     make->add_option("--set", settings, "KEY=VALUE: another value for a key of the description")
         ->type_size(1);
@@ -67,7 +69,7 @@ int main(int argc, char** argv) {
     CLI::App* run = app.add_subcommand("run", "Run an unmodified tool on a phone");
     run->add_option("DIR", directory, "the phone")->required();
     run->add_option("TOOL", tool, "the program, if not the ffu that comes with simphone");
-    run->add_option("--fault", options.faults, "a call that fails (see examples/emmc-phone.toml)")
+    run->add_option("--fault", faults, "a call that fails (see examples/emmc-phone.toml)")
         ->type_size(1);
     run->add_option("--launcher", launcher, "a program that starts the tool: \"qemu-aarch64\"");
     run->add_option("--library", options.libsimphone, "libsimphone.so, if not beside TOOL");
@@ -88,19 +90,27 @@ int main(int argc, char** argv) {
     }
 
     if (*make) {
-        const bool made = MakePhone(description, settings, directory, error) &&
-                          (package.empty() || PutPackage(package, directory, error));
-        return Finish(made, error);
+        const bool isMade = ReadDescription(file, settings, phone.description, error) &&
+                            MakePhone(phone.description, directory, error);
+        phone.directory = directory;
+        return Finish(isMade && (package.empty() || PutPackage(phone, package, error)), error);
+    }
+    for (const std::string& text : faults) {
+        if (!ParseFault(text, options.faults.emplace_back(), error)) {
+            return Finish(false, error);
+        }
+    }
+    if (!OpenPhone(directory, phone, error)) {
+        return Finish(false, error);
     }
     if (*run) {
         std::istringstream words(launcher);
         options.launcher.assign(std::istream_iterator<std::string>(words), {});
-        return Run(directory, tool, options);
+        return Run(phone, tool, options);
     }
     if (*reboot) {
-        return Finish(RebootPhone(directory, error), error);
+        return Finish(RebootPhone(phone, error), error);
     }
-    const bool shown = ShowPhone(directory, text, error);
-    std::cout << text;
-    return Finish(shown, error);
+    std::cout << ShowPhone(phone);
+    return Finish(true, "");
 }

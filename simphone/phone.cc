@@ -1,8 +1,9 @@
 // Makes, restarts and reads a simulated phone. Called by the simphone command, fwlab and the tests.
 #include "simphone/phone.h"
 
-#include "simphone/description.h"
+#include "simphone/device/device.h"
 #include "simphone/files.h"
+#include "simphone/text.h"
 
 #include <cerrno>
 #include <cstring>
@@ -17,9 +18,6 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr char CID_NODE[] = "/sys/class/mmc_host/mmc0/mmc0:0001/cid";
-constexpr size_t FIRMWARE_VERSION = 254; // JEDEC EXT_CSD, 8 bytes
-constexpr size_t EXT_CSD_REV = 192;      // JEDEC EXT_CSD
-constexpr size_t EXT_CSD_SIZE = 512;
 
 bool Put(const std::string& path, const std::string& content, std::string& error) {
     std::error_code status;
@@ -36,7 +34,7 @@ bool PutRevision(const std::string& directory, const Description& phone,
     if (phone.ufs) {
         return Put(directory + "/proc/bootdevice/rev", revision + "\n", error);
     }
-    extCsd.replace(FIRMWARE_VERSION, 8, revision + std::string(8 - revision.size(), '\0'));
+    extCsd.replace(EXT_CSD_FIRMWARE_VERSION, 8, revision + std::string(8 - revision.size(), '\0'));
     return Put(directory + "/device/ext_csd.bin", extCsd, error) &&
            (!phone.gki ||
             Put(directory + "/proc/bootdevice/ext_csd", Hex(extCsd.data(), extCsd.size()), error));
@@ -59,13 +57,7 @@ bool PutUfs(const std::string& directory, const Description& phone, std::string&
 
 } // namespace
 
-bool MakePhone(const std::string& descriptionFile, const std::vector<std::string>& settings,
-               const std::string& directory, std::string& error) {
-    Description phone;
-    std::string text;
-    if (!ReadDescription(descriptionFile, settings, phone, error, &text)) {
-        return false;
-    }
+bool MakePhone(const Description& phone, const std::string& directory, std::string& error) {
     std::error_code status;
     if (fs::exists(directory, status) && !fs::is_empty(directory, status)) {
         return Failed(error, directory + ": is there and not an empty directory");
@@ -84,38 +76,36 @@ bool MakePhone(const std::string& descriptionFile, const std::vector<std::string
     }
     std::string extCsd(EXT_CSD_SIZE, '\0');
     extCsd[EXT_CSD_REV] = static_cast<char>(phone.extCsdRev);
-    return Put(directory + "/phone.toml", text, error) &&
+    return Put(directory + "/phone.toml", phone.text, error) &&
            (phone.ufs ? PutUfs : PutEmmc)(directory, phone, error) &&
            PutRevision(directory, phone, phone.revision, extCsd, error);
 }
 
-bool PutPackage(const std::string& packageFile, const std::string& directory, std::string& error) {
-    Description phone;
-    if (!ReadDescription(directory + "/phone.toml", {}, phone, error)) {
-        return false;
-    }
+bool OpenPhone(const std::string& directory, Phone& phone, std::string& error) {
+    phone.directory = directory;
+    return ReadDescription(directory + "/phone.toml", {}, phone.description, error);
+}
+
+bool PutPackage(const Phone& phone, const std::string& packageFile, std::string& error) {
     std::error_code status;
-    const std::string place =
-        directory + "/vendor/firmware/" + (phone.ufs ? "ufs_emer_fw.bin" : "emmc_emer_fw.bin");
+    const std::string place = phone.directory + "/vendor/firmware/" +
+                              (phone.description.ufs ? "ufs_emer_fw.bin" : "emmc_emer_fw.bin");
     fs::copy_file(packageFile, place, fs::copy_options::overwrite_existing, status);
     error = status ? packageFile + ", copied to " + place + ": " + status.message() : "";
     return !status;
 }
 
-bool RebootPhone(const std::string& directory, std::string& error) {
-    Description phone;
+bool RebootPhone(const Phone& phone, std::string& error) {
     std::string extCsd;
-    const std::string device = directory + "/device";
-    if (!ReadDescription(directory + "/phone.toml", {}, phone, error)) {
-        return false;
-    }
+    const std::string device = phone.directory + "/device";
     std::error_code status;
     const bool isPending = fs::exists(device + "/pending", status);
-    if (isPending && !phone.ufs &&
+    if (isPending && !phone.description.ufs &&
         (!ReadWholeFile(device + "/ext_csd.bin", extCsd) || extCsd.size() != EXT_CSD_SIZE)) {
         return Failed(error, device + "/ext_csd.bin: is not 512 bytes that can be read");
     }
-    if (isPending && !PutRevision(directory, phone, phone.firmwareRevision, extCsd, error)) {
+    if (isPending && !PutRevision(phone.directory, phone.description,
+                                  phone.description.firmwareRevision, extCsd, error)) {
         return false;
     }
     if (isPending) {
@@ -130,31 +120,33 @@ bool RebootPhone(const std::string& directory, std::string& error) {
     return !status;
 }
 
-bool ShowPhone(const std::string& directory, std::string& text, std::string& error) {
-    Description phone;
+std::string ShowPhone(const Phone& phone) {
+    const auto& [directory, description] = phone;
     std::string content;
-    if (!ReadDescription(directory + "/phone.toml", {}, phone, error)) {
-        return false;
-    }
-    text = phone.ufs ? "UFS phone\n" : phone.gki ? "eMMC phone, GKI mode\n" : "eMMC phone\n";
+    std::string text = description.ufs   ? "UFS phone\n"
+                       : description.gki ? "eMMC phone, GKI mode\n"
+                                         : "eMMC phone\n";
     const char* product = "/proc/bootdevice/product_name";
-    const auto nodes = phone.ufs
+    const auto nodes = description.ufs
                            ? std::vector{"/proc/bootdevice/manfid", product, "/proc/bootdevice/rev"}
                            : std::vector{product, CID_NODE};
     for (const std::string node : nodes) {
         const bool isRead = ReadWholeFile(directory + node, content);
         text += "  " + node + ": " + (isRead ? Escaped(content) : strerror(errno)) + "\n";
     }
-    if (!phone.ufs) {
+    if (!description.ufs) {
         const bool isRead = ReadWholeFile(directory + "/device/ext_csd.bin", content);
         const bool isWhole = isRead && content.size() == EXT_CSD_SIZE;
-        text += "  EXT_CSD FIRMWARE_VERSION: " +
-                (isWhole ? Escaped(content.substr(FIRMWARE_VERSION, 8)) : "cannot be read") + "\n";
+        text +=
+            "  EXT_CSD FIRMWARE_VERSION: " +
+            (isWhole ? Escaped(content.substr(EXT_CSD_FIRMWARE_VERSION, 8)) : "cannot be read") +
+            "\n";
     }
     std::error_code status;
     const bool isPending = fs::exists(directory + "/device/pending", status);
     text += "  pending at the next restart: " +
-            (isPending ? Escaped(phone.firmwareRevision) : "nothing") + "\n  /data/vendor/fw:\n";
+            (isPending ? Escaped(description.firmwareRevision) : "nothing") +
+            "\n  /data/vendor/fw:\n";
     const fs::directory_iterator entries(directory + "/data/vendor/fw", status);
     for (const fs::path& file : std::set<fs::path>(entries, {})) {
         text += "    " + Escaped(file.filename()) + "\n";
@@ -163,5 +155,5 @@ bool ShowPhone(const std::string& directory, std::string& text, std::string& err
             text += "      " + Escaped(line) + "\n";
         }
     }
-    return true;
+    return text;
 }

@@ -3,9 +3,9 @@
 // would work on this machine in place of the phone.
 #include "simphone/tool_run.h"
 
-#include "simphone/description.h"
 #include "simphone/files.h"
 #include "simphone/power_loss.h"
+#include "simphone/text.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -15,6 +15,7 @@
 #include <elf.h>
 #include <fcntl.h>
 #include <filesystem>
+#include <mutex>
 #include <set>
 #include <sstream>
 #include <sys/file.h>
@@ -27,12 +28,36 @@ namespace fs = std::filesystem;
 
 namespace {
 
+using Texts = std::vector<std::string>;
+
 constexpr char CONSOLE_FILE[] = "/console.log", ERRORS_FILE[] = "/errors.log";
+
+// A descriptor that is closed with its block.
+struct Descriptor {
+    int fd;
+    Descriptor(const std::string& path, int flags)
+        : fd(open(path.c_str(), flags | O_CLOEXEC, 0644)) {
+    }
+    explicit Descriptor(int number) : fd(number) {
+    }
+    ~Descriptor() {
+        close(fd);
+    }
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+};
 
 // What a run starts: the tool on a phone, with the library of the phone in it.
 struct Start {
-    std::string directory, faults, phoneLibrary, tool;
+    std::string directory, phoneLibrary, tool;
     const RunOptions* options;
+};
+
+// What the new process needs, all of it made before the fork.
+struct Process {
+    int input, console, errors, library; // descriptors
+    std::vector<char*> arguments, environment;
+    unsigned secondsLimit;
 };
 
 // The library to use; empty if there is none. Only one that is ours stands between a tool and this
@@ -51,69 +76,99 @@ std::string FindLibrary(const std::string& tool, const std::string& given) {
     return "";
 }
 
-// In a new process: becomes the tool, or what its dynamic linker says of it, and never returns. The
-// library is named by a descriptor: LD_PRELOAD takes no path with a blank or a colon. It stands
-// high, so that the tool meets the numbers that it would meet on a phone.
-[[noreturn]] void Become(const Start& start, bool onlyLoad) {
-    const char* sanitizer = getenv("ASAN_OPTIONS");
-    const std::string asan = sanitizer != nullptr ? sanitizer : "";
-    setenv("ASAN_OPTIONS", (asan + ":verify_asan_link_order=0").c_str(), 1);
-    setenv("SIMPHONE", start.directory.c_str(), 1);
-    setenv("SIMPHONE_FAULTS", start.faults.c_str(), 1);
-    const int library = open(start.phoneLibrary.c_str(), O_RDONLY | O_CLOEXEC);
-    const int high = fcntl(library, F_DUPFD, 800);
-    const int inherited = high < 0 ? dup(library) : high;
-    const int flags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC;
-    if (inherited < 0 || dup2(open("/dev/null", O_RDONLY | O_CLOEXEC), STDIN_FILENO) < 0 ||
-        dup2(open((start.directory + CONSOLE_FILE).c_str(), flags, 0644), STDOUT_FILENO) < 0 ||
-        dup2(open((start.directory + ERRORS_FILE).c_str(), flags, 0644), STDERR_FILENO) < 0) {
-        _exit(EXIT_NO_PHONE);
-    }
-    std::vector<std::string> words = start.options->launcher;
-    std::vector<std::string> variables = {"LD_PRELOAD=/proc/self/fd/" + std::to_string(inherited)};
-    if (onlyLoad) {
-        variables.emplace_back("LD_TRACE_LOADED_OBJECTS=1");
-    }
-    for (std::string& variable : variables) {
-        if (words.empty()) {
-            putenv(variable.data());
-        } else {
-            words.insert(words.end(), {"-E", variable});
-        }
-    }
-    words.push_back(start.tool);
-    std::vector<char*> arguments;
-    arguments.reserve(words.size() + 1);
-    for (std::string& word : words) {
-        arguments.push_back(word.data());
-    }
-    arguments.push_back(nullptr);
+// In a new process: becomes the tool, and never returns. Other threads of this program may hold
+// locks here: only async-signal-safe calls.
+[[noreturn]] void Become(const Process& process) {
     sigset_t none; // that this program holds back does not concern the tool
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
-    // These outlive exec: the tool ends by SIGALRM, and with the one who waits for it.
-    alarm(start.options->secondsLimit);
+    // These outlive exec: the tool ends by SIGALRM, and with the thread that waits for it.
+    alarm(process.secondsLimit);
     prctl(PR_SET_PDEATHSIG, SIGKILL);
-    execvp(arguments[0], arguments.data());
-    perror(arguments[0]);
-    _exit(127);
+    if (dup2(process.input, STDIN_FILENO) >= 0 && dup2(process.console, STDOUT_FILENO) >= 0 &&
+        dup2(process.errors, STDERR_FILENO) >= 0 && fcntl(process.library, F_SETFD, 0) == 0) {
+        execvpe(process.arguments[0], process.arguments.data(), process.environment.data());
+    }
+    const char* why = strerrordesc_np(errno);
+    (void)!write(process.errors, why, strlen(why));
+    _exit(EXIT_NO_PHONE);
+}
+
+std::vector<char*> Pointers(Texts& texts) {
+    std::vector<char*> pointers;
+    for (std::string& text : texts) {
+        pointers.push_back(text.data());
+    }
+    pointers.push_back(nullptr);
+    return pointers;
+}
+
+// This program's environment with other values for these variables (NAME=VALUE).
+Texts Environment(const Texts& variables) {
+    Texts environment = variables;
+    for (char** old = environ; *old != nullptr; old++) {
+        const size_t name = strcspn(*old, "=") + 1;
+        if (std::none_of(variables.begin(), variables.end(), [&](const std::string& variable) {
+                return variable.compare(0, name, *old, name) == 0;
+            })) {
+            environment.emplace_back(*old);
+        }
+    }
+    return environment;
 }
 
 // Returns when the tool has ended, with its wait status and both outputs; false with an error if
-// there was no process, or it had no phone.
+// there was no process, or it had no phone. If `onlyLoad`, it ends when it is loaded, and tells
+// what was loaded. The library is named by a descriptor: LD_PRELOAD takes no path with a blank or a
+// colon. It stands high, so that the tool meets the numbers that it would meet on a phone.
 bool Execute(const Start& start, bool onlyLoad, int& status, RunResult& result) {
+    const RunOptions& options = *start.options;
+    const std::string console = start.directory + CONSOLE_FILE;
+    const std::string errors = start.directory + ERRORS_FILE;
+    const int flags = O_WRONLY | O_CREAT | O_TRUNC;
+    const Descriptor library(start.phoneLibrary, O_RDONLY), null("/dev/null", O_RDONLY),
+        out(console, flags), err(errors, flags), high(fcntl(library.fd, F_DUPFD_CLOEXEC, 800));
+    for (const auto& [file, name] : {std::pair(&library, start.phoneLibrary),
+                                     {&null, "/dev/null"},
+                                     {&out, console},
+                                     {&err, errors}}) {
+        if (file->fd < 0) {
+            return Failed(result.error, name + ": " + strerror(errno));
+        }
+    }
+    Process process = {
+        null.fd, out.fd, err.fd, high.fd < 0 ? library.fd : high.fd, {}, {}, options.secondsLimit};
+    Texts preload = {"LD_PRELOAD=/proc/self/fd/" + std::to_string(process.library)};
+    preload.insert(preload.end(), onlyLoad ? 1 : 0, "LD_TRACE_LOADED_OBJECTS=1");
+    Texts variables = options.launcher.empty() ? preload : Texts();
+    Texts words = options.launcher;
+    for (const std::string& variable : words.empty() ? Texts() : preload) {
+        words.insert(words.end(), {"-E", variable});
+    }
+    words.push_back(start.tool);
+    std::string faults;
+    for (const Fault& fault : options.faults) {
+        faults += FaultText(fault) + "\n";
+    }
+    const char* asan = getenv("ASAN_OPTIONS");
+    variables.insert(
+        variables.end(),
+        {std::string("ASAN_OPTIONS=") + (asan != nullptr ? asan : "") + ":verify_asan_link_order=0",
+         "SIMPHONE=" + start.directory, "SIMPHONE_FAULTS=" + faults});
+    Texts environment = Environment(variables);
+    process.arguments = Pointers(words);
+    process.environment = Pointers(environment);
     const pid_t child = fork();
     if (child == 0) {
-        Become(start, onlyLoad);
+        Become(process);
     }
     while (child > 0 && waitpid(child, &status, 0) < 0 && errno == EINTR) {
     }
     if (child < 0) {
-        result.error = std::string("fork: ") + strerror(errno);
-        return false;
+        return Failed(result.error, std::string("fork: ") + strerror(errno));
     }
-    (void)ReadWholeFile(start.directory + CONSOLE_FILE, result.console);
-    (void)ReadWholeFile(start.directory + ERRORS_FILE, result.errors);
+    (void)ReadWholeFile(console, result.console);
+    (void)ReadWholeFile(errors, result.errors);
     if (WIFEXITED(status) && WEXITSTATUS(status) == EXIT_NO_PHONE) {
         result.error = start.directory + ": the run could not be kept: " + result.errors;
     }
@@ -144,9 +199,11 @@ bool IsLoadedByGlibc(const std::string& tool) {
 }
 
 // Whether the tool's calls will go through the library: asks the dynamic linker what it would load,
-// which runs nothing.
+// which runs nothing. Asks once for each tool and library.
 bool IsLibraryLoaded(const Start& start, std::string& error) {
-    static std::set<std::string> known; // what has been asked already
+    static std::mutex mutex;
+    static std::set<std::string> known;
+    const std::lock_guard<std::mutex> lock(mutex);
     const std::string what = start.tool + "\n" + start.phoneLibrary;
     if (known.count(what) > 0) {
         return true;
@@ -172,48 +229,32 @@ bool IsLibraryLoaded(const Start& start, std::string& error) {
     return true;
 }
 
-// Checks all that the run needs before anything is started. Nothing of the run before stays.
-bool Prepare(const std::string& directory, const std::string& tool, const RunOptions& options,
-             Start& start, std::string& error) {
-    Description phone;
-    if (!ReadDescription(directory + "/phone.toml", {}, phone, error)) {
-        return false;
-    }
-    start = {directory, "", FindLibrary(tool, options.libsimphone), fs::absolute(tool), &options};
-    for (const std::string& text : options.faults) {
-        Fault fault;
-        if (!ParseFault(text, fault, error)) {
-            return false;
-        }
-        start.faults += text + "\n";
-    }
-    if (access(tool.c_str(), X_OK) != 0) {
-        return Failed(error, tool + ": " + strerror(errno));
+// Checks all that the run needs before anything is started. No journal of a run before stays.
+bool Prepare(const Start& start, std::string& error) {
+    const std::string& given = start.options->libsimphone;
+    const std::string journal = start.directory + JOURNAL_FILE;
+    if (access(start.tool.c_str(), X_OK) != 0) {
+        return Failed(error, start.tool + ": " + strerror(errno));
     }
     if (start.phoneLibrary.empty()) {
-        return Failed(error, options.libsimphone.empty()
-                                 ? "libsimphone.so: not found beside " + tool
-                                 : options.libsimphone + ": is not the phone's library");
+        return Failed(error, given.empty() ? "libsimphone.so: not found beside " + start.tool
+                                           : given + ": is not the phone's library");
     }
-    for (const char* log : {CONSOLE_FILE, ERRORS_FILE, JOURNAL_FILE}) {
-        if (!WriteWholeFile(directory + log, "", 0)) {
-            return Failed(error, directory + log + ": " + strerror(errno));
-        }
+    if (!WriteWholeFile(journal, "", 0)) {
+        return Failed(error, journal + ": " + strerror(errno));
     }
     return IsLibraryLoaded(start, error);
 }
 
 // After a power cut: takes from the state directory what its fault says.
-void LoseUnsynced(const std::string& directory, const StateDirectory& before,
-                  const std::string& cutText, RunResult& result) {
-    Fault cut;
-    std::string error;
+void LoseUnsynced(const std::string& directory, const StateDirectory& before, const Fault& cut,
+                  RunResult& result) {
     StateDirectory left;
-    if (!ParseFault(cutText, cut, error) || cut.losses.empty()) {
+    if (cut.losses.empty()) {
         return;
     }
     if (!Lose(before, ReadStateDirectory(directory), result.calls, cut.losses, left)) {
-        result.error = "fault \"" + cut.text + "\": the cut cannot leave that";
+        result.error = "fault " + Quoted(FaultText(cut)) + ": the cut cannot leave that";
     } else if (!WriteStateDirectory(directory, left)) {
         result.error = directory + ": the state after the power cut: " + strerror(errno);
     }
@@ -227,10 +268,12 @@ void AddLines(const char* source, const std::string& text, std::vector<TimeLineE
 }
 
 // A run on a phone that no other run is on.
-void RunAlone(const std::string& directory, const std::string& tool, const RunOptions& options,
+void RunAlone(const Phone& phone, const std::string& tool, const RunOptions& options,
               RunResult& result) {
-    Start start;
-    if (!Prepare(directory, tool, options, start, result.error)) {
+    const std::string& directory = phone.directory;
+    const Start start = {directory, FindLibrary(tool, options.libsimphone), fs::absolute(tool),
+                         &options};
+    if (!Prepare(start, result.error)) {
         return;
     }
     const StateDirectory before = ReadStateDirectory(directory);
@@ -243,12 +286,16 @@ void RunAlone(const std::string& directory, const std::string& tool, const RunOp
     result.timedOut = result.signal == SIGALRM;
     Journal journal = ReadJournal(directory);
     result.calls = std::move(journal.calls);
-    std::copy_if(options.faults.begin(), options.faults.end(),
-                 std::back_inserter(result.unmetFaults), [&](const std::string& text) {
-                     return std::count(journal.faults.begin(), journal.faults.end(), text) == 0;
-                 });
+    std::vector<Fault> faults = options.faults; // in the order of the library
+    for (size_t i = 0; i < faults.size(); i++) {
+        if (std::count(journal.faults.begin(), journal.faults.end(), i) == 0) {
+            result.unmetFaults.push_back(faults[i]);
+        }
+    }
+    const std::vector<Fault>& own = phone.description.faults;
+    faults.insert(faults.end(), own.begin(), own.end());
     if (result.signal == SIGKILL && !journal.faults.empty()) {
-        LoseUnsynced(directory, before, journal.faults.back(), result);
+        LoseUnsynced(directory, before, faults.at(journal.faults.back()), result);
     }
 }
 
@@ -261,18 +308,16 @@ std::string Companion(const std::string& name) {
     return fs::exists(folder / name, status) ? folder / name : installed;
 }
 
-RunResult RunTool(const std::string& directory, const std::string& tool,
-                  const RunOptions& options) {
+RunResult RunTool(const Phone& phone, const std::string& tool, const RunOptions& options) {
     RunResult result = {};
-    const int phone = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (phone < 0) {
-        result.error = directory + ": " + strerror(errno);
-    } else if (flock(phone, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
-        result.error = directory + ": another run is on this phone";
+    const Descriptor directory(phone.directory, O_RDONLY | O_DIRECTORY);
+    if (directory.fd < 0) {
+        result.error = phone.directory + ": " + strerror(errno);
+    } else if (flock(directory.fd, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
+        result.error = phone.directory + ": another run is on this phone";
     } else {
-        RunAlone(directory, tool, options, result);
+        RunAlone(phone, tool, options, result);
     }
-    close(phone);
     return result;
 }
 
@@ -280,14 +325,15 @@ std::vector<TimeLineEntry> TimeLine(const RunResult& run) {
     std::vector<TimeLineEntry> entries;
     size_t printed = 0;
     for (const CallEntry& call : run.calls) {
-        if (call.text.empty()) {
+        if (!call.request && !call.IsMessage()) {
             continue;
         }
         const auto before =
             std::clamp(static_cast<size_t>(call.consoleBytes), printed, run.console.size());
         AddLines("console", run.console.substr(printed, before - printed), entries);
         printed = before;
-        AddLines(call.IsMessage() ? "log" : "device", call.text, entries);
+        AddLines(call.request ? "device" : "log", call.request ? call.request->text : call.message,
+                 entries);
     }
     AddLines("console", run.console.substr(printed), entries);
     return entries;

@@ -3,12 +3,13 @@
 #pragma once
 
 #include "simphone/journal.h"
+#include "simphone/phone.h"
 
 #include <string>
 #include <vector>
 
 struct RunOptions {
-    std::vector<std::string> faults; // before those of phone.toml; the same syntax
+    std::vector<Fault> faults; // before those of the phone
     // Words before the tool, such as {"qemu-aarch64"}; the launcher must take `-E NAME=VALUE` for
     // the environment of what it starts, as qemu's user emulation and strace do.
     std::vector<std::string> launcher;
@@ -26,7 +27,7 @@ struct RunResult {
     std::string console;
     std::string errors; // its standard error
     std::vector<CallEntry> calls;
-    std::vector<std::string> unmetFaults; // of the options: no call of the run had their effect
+    std::vector<Fault> unmetFaults; // of the options: no call of the run had their effect
 };
 
 // The path of a file that comes with this program: beside it, where a build leaves it, else in
@@ -34,10 +35,11 @@ struct RunResult {
 std::string Companion(const std::string& name);
 
 // Runs the tool on the phone until it ends, alone: a second run on the phone is refused. After a
-// power cut, /data/vendor/fw is as the fault says. The tool ends with this program. Its outputs and
-// the journal of its calls stay in console.log, errors.log and journal.log of the phone's
-// directory.
-[[nodiscard]] RunResult RunTool(const std::string& directory, const std::string& tool,
+// power cut, /data/vendor/fw is as the fault says. Its outputs and the journal of its calls stay in
+// console.log, errors.log and journal.log of the phone's directory. May be called by several
+// threads at once. The tool ends with the thread that called, and gets no signal that this program
+// holds back.
+[[nodiscard]] RunResult RunTool(const Phone& phone, const std::string& tool,
                                 const RunOptions& options);
 
 // The system log, the device's requests and the console in the order in which they came: "log",

@@ -7,6 +7,7 @@
 //   vm_device PHONE                      only checks that this machine can be the phone
 #include "simphone/device/device.h"
 #include "simphone/files.h"
+#include "simphone/text.h"
 
 #include <algorithm>
 #include <atomic>
@@ -68,9 +69,9 @@ Description ReadPhone(const Device& device) {
     if (phone.maxHwSectorsKb != 0 && phone.maxHwSectorsKb != 1024) {
         Stop("this machine's host takes 1024 KiB in one request: max_hw_sectors_kb");
     }
-    for (const Answer& answer : phone.answers) {
-        if (answer.kind == Answer::Kind::HOST_STATUS ||
-            answer.kind == Answer::Kind::DRIVER_STATUS) {
+    for (const DeviceAnswer& answer : phone.answers) {
+        if (answer.kind == DeviceAnswer::Kind::HOST_STATUS ||
+            answer.kind == DeviceAnswer::Kind::DRIVER_STATUS) {
             Stop("write_buffer: only the kernel can give a host or driver status");
         }
     }
@@ -116,13 +117,13 @@ void WriteBuffer(const Device& device, Command& command) {
     request.dxfer_len = static_cast<unsigned>(command.data.size());
     request.sbp = command.sense;
     request.mx_sb_len = sizeof(command.sense);
-    std::string response;
-    const int error = AnswerScsi(device.phone, phone.answers[turn], 0, O_RDWR, request, response);
+    Reply reply;
+    const int error = AnswerScsi(device.phone, phone.answers[turn], 0, O_RDWR, request, reply);
     if (error != 0) {
         Stop(std::string("WRITE BUFFER: ") + strerror(error));
     }
     command.status = request.status;
-    std::ofstream(log, std::ios::app) << text << response << "\n";
+    std::ofstream(log, std::ios::app) << text << reply.text << "\n";
     if (device.cut == "download") {
         EndPower(device);
     }

@@ -2,7 +2,6 @@
 
 #include "fwlab/base/stop.h"
 #include "fwlab/base/work_folder.h"
-#include "simphone/files.h"
 
 #include <cerrno>
 #include <cstdio>

@@ -1,11 +1,7 @@
-// Makes bytes from packages and phones fit for a terminal. Called wherever fwlab prints them.
+// Makes texts fit for a shell. Called wherever fwlab prints a command.
 #include "fwlab/base/text.h"
 
-#include "simphone/files.h"
-
-std::string Quoted(const std::string& bytes) {
-    return '"' + Escaped(bytes) + '"';
-}
+#include "simphone/text.h"
 
 std::string ShellWord(const std::string& text) {
     const char* plain = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_./,=+-";

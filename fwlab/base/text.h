@@ -6,8 +6,5 @@
 
 using Texts = std::vector<std::string>;
 
-// Printable (see Escaped), in quotation marks.
-std::string Quoted(const std::string& bytes);
-
 // The text as one printable word for a shell.
 std::string ShellWord(const std::string& text);

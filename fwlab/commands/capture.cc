@@ -5,6 +5,7 @@
 #include "fwlab/commands/commands.h"
 #include "fwlab/phone/device.h"
 #include "simphone/files.h"
+#include "simphone/text.h"
 
 #include "emmc/emmc_device.h"
 #include "emmc/emmc_register.h"

@@ -5,7 +5,7 @@
 #include "fwlab/package/digest.h"
 #include "fwlab/package/spans.h"
 #include "fwlab/phone/decision.h"
-#include "simphone/files.h"
+#include "simphone/text.h"
 
 #include <algorithm>
 #include <fmt/format.h>

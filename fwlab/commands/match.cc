@@ -2,6 +2,7 @@
 #include "fwlab/base/json.h"
 #include "fwlab/commands/commands.h"
 #include "fwlab/phone/decision.h"
+#include "simphone/text.h"
 
 #include <algorithm>
 #include <fmt/format.h>
@@ -46,7 +47,9 @@ std::string AnswerOf(const Decision& decision) {
 // The keys of the description that the decision does not know.
 Texts NotLookedAt(const Description& phone) {
     Texts keys;
-    const auto isOther = [](const Answer& answer) { return answer.kind != Answer::Kind::ACCEPTED; };
+    const auto isOther = [](const DeviceAnswer& answer) {
+        return answer.kind != DeviceAnswer::Kind::ACCEPTED;
+    };
     if (std::any_of(phone.answers.begin(), phone.answers.end(), isOther)) {
         keys.emplace_back("write_buffer");
     }

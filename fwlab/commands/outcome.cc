@@ -3,7 +3,7 @@
 #include "fwlab/base/json.h"
 #include "fwlab/commands/commands.h"
 #include "fwlab/phone/state_directory.h"
-#include "simphone/files.h"
+#include "simphone/text.h"
 
 #include <algorithm>
 #include <filesystem>

@@ -5,7 +5,7 @@
 #include "fwlab/commands/commands.h"
 #include "fwlab/package/digest.h"
 #include "fwlab/phone/decision.h"
-#include "simphone/files.h"
+#include "simphone/text.h"
 
 #include <fmt/format.h>
 

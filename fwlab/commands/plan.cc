@@ -5,7 +5,7 @@
 #include "fwlab/phone/decision.h"
 #include "fwlab/phone/fleet.h"
 #include "fwlab/phone/state_directory.h"
-#include "simphone/files.h"
+#include "simphone/text.h"
 
 #include <algorithm>
 #include <fmt/format.h>

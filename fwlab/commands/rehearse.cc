@@ -12,8 +12,10 @@
 #include "run/state_flags.h"
 #include "simphone/files.h"
 #include "simphone/phone.h"
+#include "simphone/text.h"
 #include "simphone/tool_run.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <fmt/format.h>
 #include <regex>
@@ -57,13 +59,10 @@ void TellTimeLine(const RunResult& run, Report& report) {
     }
 }
 
-void TellPhone(const std::string& phone, const Report& report) {
-    std::string shown;
-    std::string error;
-    if (!ShowPhone(phone, shown, error)) {
-        throw Stop{2, error};
-    }
-    report.Say("{}", shown);
+Texts TextsOf(const std::vector<Fault>& faults) {
+    Texts texts;
+    std::transform(faults.begin(), faults.end(), std::back_inserter(texts), FaultText);
+    return texts;
 }
 
 // The end of the run, for people.
@@ -73,7 +72,7 @@ std::string EndOf(const RunResult& run) {
                        run.timedOut ? ": it took too long" : "");
 }
 
-RunResult Run(const Texts& faults, const std::string& phone, Report& report) {
+RunResult Run(const std::vector<Fault>& faults, const Phone& phone, Report& report) {
     RunOptions options;
     options.faults = faults;
     RunResult run = RunTool(phone, Companion("ffu"), options);
@@ -81,7 +80,7 @@ RunResult Run(const Texts& faults, const std::string& phone, Report& report) {
     if (!run.error.empty()) {
         throw Stop{2, run.error};
     }
-    report.json["runs"].push_back({{"faults", faults},
+    report.json["runs"].push_back({{"faults", TextsOf(faults)},
                                    {"exit_status", run.exitStatus},
                                    {"signal", run.signal},
                                    {"timed_out", run.timedOut}});
@@ -89,17 +88,17 @@ RunResult Run(const Texts& faults, const std::string& phone, Report& report) {
     if (!run.unmetFaults.empty()) {
         throw Stop{2, fmt::format("{} met no call of the run: {}",
                                   run.unmetFaults.size() == 1 ? "this fault" : "these faults",
-                                  fmt::join(run.unmetFaults, "; "))};
+                                  fmt::join(TextsOf(run.unmetFaults), "; "))};
     }
     report.Say("\nThe run ended with {}.\n", EndOf(run));
-    TellPhone(phone, report);
-    const StateReport state = DescribeState(phone + STATE_DIR);
+    report.Say("{}", ShowPhone(phone));
+    const StateReport state = DescribeState(phone.directory + STATE_DIR);
     report.Say("{}\n", state.text);
     report.json["runs"].back()["state"] = NameOf(state.state);
     return run;
 }
 
-void Reboot(const std::string& phone) {
+void Reboot(const Phone& phone) {
     std::string error;
     if (!RebootPhone(phone, error)) {
         throw Stop{2, error};
@@ -111,12 +110,13 @@ struct Running {
     std::string revision, image; // the image is empty if no run has downloaded one
 };
 
-Running ReadRunning(const std::string& phone, const Layout& layout) {
+Running ReadRunning(const Phone& phone, const Layout& layout) {
+    const std::string& folder = phone.directory;
     const size_t size = layout.revision.size;
     return {&layout == &UFS
-                ? Content(phone + "/proc/bootdevice/rev").substr(0, size)
-                : Content(phone + "/device/ext_csd.bin").substr(EXT_CSD_FIRMWARE_VERSION, size),
-            Content(phone + "/device/running.bin")};
+                ? Content(folder + "/proc/bootdevice/rev").substr(0, size)
+                : Content(folder + "/device/ext_csd.bin").substr(EXT_CSD_FIRMWARE_VERSION, size),
+            Content(folder + "/device/running.bin")};
 }
 
 // Returns whether the phone reports the revision of the entry that it took; also if it took none.
@@ -142,12 +142,13 @@ bool TellRunning(const Running& running, const Package& package, const Decision&
 }
 
 // Whether another run, without the faults of the first, leaves the phone alone.
-bool FindsNothingToDo(const std::string& phone, Report& report) {
-    const std::string record = Content(phone + RESULT_FILE);
+bool FindsNothingToDo(const Phone& phone, Report& report) {
+    const std::string& folder = phone.directory;
+    const std::string record = Content(folder + RESULT_FILE);
     report.Say("\nThe second run:\n");
     (void)Run({}, phone, report); // what it leaves is looked at below
-    const bool isQuiet = Content(phone + RESULT_FILE) == record && fs::exists(phone + END_FLAG) &&
-                         !fs::exists(phone + BEGIN_FLAG);
+    const bool isQuiet = Content(folder + RESULT_FILE) == record && fs::exists(folder + END_FLAG) &&
+                         !fs::exists(folder + BEGIN_FLAG);
     report.json["second_run_is_quiet"] = isQuiet;
     report.Say("The second run {} nothing to do.\n", isQuiet ? "found" : "did NOT find");
     return isQuiet;
@@ -155,27 +156,27 @@ bool FindsNothingToDo(const std::string& phone, Report& report) {
 
 // Makes the phone in an empty or missing folder, runs the tool on it and tells what becomes of it.
 // Returns the exit status.
-int RehearseIn(const std::string& phone, const RehearseOptions& options, const Package& package,
-               const Device& device, Report& report) {
+int RehearseOn(const Phone& phone, const std::vector<Fault>& faults, const RehearseOptions& options,
+               const Package& package, Report& report) {
+    const std::string& folder = phone.directory;
     std::string error;
-    if (!MakePhone(options.phone, options.settings, phone, error) ||
-        !PutPackage(options.package, phone, error)) {
+    if (!MakePhone(phone.description, folder, error) ||
+        !PutPackage(phone, options.package, error)) {
         throw Stop{2, error};
     }
-    if (options.state && !WriteStateDirectory(phone, *options.state)) {
-        throw FailureAt(phone + STATE_DIR, errno);
+    if (options.state && !WriteStateDirectory(folder, *options.state)) {
+        throw FailureAt(folder + STATE_DIR, errno);
     }
-    const StateDirectory before = ReadStateDirectory(phone);
+    const StateDirectory before = ReadStateDirectory(folder);
     const auto found = before.files.find(fs::path(RESULT_FILE).filename());
     const Record record = found == before.files.end() ? Record() : ParseRecord(found->second);
-    const Decision decision =
-        Decide(package, device, found == before.files.end() ? nullptr : &record);
+    const Decision decision = Decide(package, DeviceOf(phone.description),
+                                     found == before.files.end() ? nullptr : &record);
     const auto judge = [&](const Running& running) {
-        return Judge(package, decision, running.image, before, ReadStateDirectory(phone));
+        return Judge(package, decision, running.image, before, ReadStateDirectory(folder));
     };
-    TellPhone(phone, report);
-    report.Say("\n");
-    const RunResult run = Run(options.faults, phone, report);
+    report.Say("{}\n", ShowPhone(phone));
+    const RunResult run = Run(faults, phone, report);
     Reboot(phone);
     const Running running = ReadRunning(phone, *package.layout);
     const bool isReported = TellRunning(running, package, decision, report);
@@ -205,18 +206,20 @@ int RehearseIn(const std::string& phone, const RehearseOptions& options, const P
 
 int Rehearse(const RehearseOptions& options, bool asJson) {
     std::string error;
-    Fault fault;
-    for (const std::string& text : options.faults) { // before anything is made
-        if (!ParseFault(text, fault, error)) {
+    std::vector<Fault> faults;
+    for (const std::string& text : options.faults) {
+        if (!ParseFault(text, faults.emplace_back(), error)) {
             throw Stop{2, error};
         }
     }
-    const Device device = DeviceOf(ReadPhone(options.phone, options.settings));
-    const Package package = OpenPackage(options.package, device.identity.layout);
+    Phone phone = {"", ReadPhone(options.phone, options.settings)};
+    const Package package =
+        OpenPackage(options.package, DeviceOf(phone.description).identity.layout);
     Report report = {asJson, options.quiet, {{"runs", Json::array()}}};
     int status = 0;
-    const auto rehearse = [&](const std::string& phone) {
-        status = RehearseIn(phone, options, package, device, report);
+    const auto rehearse = [&](const std::string& folder) {
+        phone.directory = folder;
+        status = RehearseOn(phone, faults, options, package, report);
     };
     if (options.keep.empty()) {
         const WorkFolder folder;

@@ -8,7 +8,7 @@
 #include "fwlab/sweep/report.h"
 
 #include "simphone/description.h"
-#include "simphone/files.h"
+#include "simphone/text.h"
 
 #include <csignal>
 #include <fmt/format.h>
@@ -56,7 +56,7 @@ Json Describe(const SweepRequest& request, const SweepResult& result) {
 void Print(const SweepRequest& request, const SweepResult& result) {
     for (size_t i = 0; i < result.bases.size(); i++) {
         const SweepSummary sum = Summarize(result, i);
-        fmt::print("{}: {}\n", Escaped(request.phones[i]), Title(ReadPhone(request.phones[i])));
+        fmt::print("{}: {}\n", Escaped(request.phones[i]), Title(result.phones[i]));
         fmt::print("  without a fault: {}, in {} calls\n", FateText(result.baseFates[i]),
                    result.bases[i].calls.size());
         fmt::print("  {} failing calls: {}\n", Sum(sum.failingCalls),
@@ -134,10 +134,9 @@ std::string RehearseCommand(const SweepRequest& request, const SweepViolation& w
 int Sweep(const SweepRequest& request, bool asJson) {
     std::vector<SweepScenario> scenarios;
     for (const std::string& phone : request.phones) {
-        (void)ReadPhone(phone); // Stop if it cannot be read
-        scenarios.push_back({phone, phone, request.package, {false, {}}});
+        scenarios.push_back({phone, ReadPhone(phone), request.package, {false, {}}});
     }
-    (void)OpenPackage(request.package); // likewise
+    (void)OpenPackage(request.package); // Stop if it cannot be read
     for (const std::string& output : {request.junit, request.html}) {
         if (!output.empty()) {
             CheckOutput(output); // before it takes long

@@ -6,7 +6,7 @@
 #include "fwlab/package/manifest.h"
 #include "fwlab/package/spans.h"
 #include "fwlab/phone/decision.h"
-#include "simphone/files.h"
+#include "simphone/text.h"
 
 #include <algorithm>
 #include <filesystem>

@@ -3,7 +3,7 @@
 #include "fwlab/commands/commands.h"
 #include "fwlab/package/difference.h"
 #include "fwlab/phone/decision.h"
-#include "simphone/files.h"
+#include "simphone/text.h"
 
 #include <fmt/format.h>
 

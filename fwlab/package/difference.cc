@@ -1,8 +1,7 @@
 #include "fwlab/package/difference.h"
 
-#include "fwlab/base/json.h"
-#include "fwlab/base/text.h"
 #include "fwlab/package/spans.h"
+#include "simphone/text.h"
 
 #include <algorithm>
 #include <fmt/format.h>

@@ -1,7 +1,7 @@
 #include "fwlab/package/digest.h"
 
 #include "fwlab/base/stop.h"
-#include "simphone/files.h"
+#include "simphone/text.h"
 
 #include <openssl/evp.h>
 

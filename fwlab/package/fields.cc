@@ -4,6 +4,7 @@
 #include "fwlab/base/stop.h"
 #include "fwlab/base/text.h"
 #include "fwlab/base/toml_text.h"
+#include "simphone/text.h"
 
 #include <algorithm>
 #include <fmt/format.h>

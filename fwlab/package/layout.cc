@@ -2,7 +2,7 @@
 #include "fwlab/package/layout.h"
 
 #include "fwlab/base/json.h"
-#include "simphone/files.h"
+#include "simphone/text.h"
 
 #include <algorithm>
 #include <cstddef>

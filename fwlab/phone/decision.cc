@@ -13,7 +13,7 @@
 #include "run/package_check.h"
 #include "run/result_record.h"
 #include "run/step.h"
-#include "simphone/files.h"
+#include "simphone/text.h"
 #include "ufs/ufs_identity.h"
 #include "ufs/ufs_selection.h"
 #include "ufs/ufs_write_buffer.h"

@@ -2,6 +2,7 @@
 #include "fwlab/phone/device.h"
 
 #include "fwlab/base/stop.h"
+#include "simphone/text.h"
 
 #include <fmt/format.h>
 

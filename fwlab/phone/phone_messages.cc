@@ -4,7 +4,7 @@
 
 #include "emmc/emmc_print.h"
 #include "run/log/ffu_print.h"
-#include "simphone/files.h"
+#include "simphone/text.h"
 
 #include <android/log.h>
 #include <cstdarg>

@@ -5,7 +5,7 @@
 #include "fwlab/base/stop.h"
 #include "run/result_record.h"
 #include "run/state_flags.h"
-#include "simphone/files.h"
+#include "simphone/text.h"
 #include "ufs/ufs_selection.h"
 
 #include <algorithm>

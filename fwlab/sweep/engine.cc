@@ -7,9 +7,9 @@
 #include "fwlab/base/work_folder.h"
 #include "fwlab/sweep/jobs.h"
 #include "fwlab/sweep/judgement.h"
-#include "simphone/description.h"
 #include "simphone/files.h"
 #include "simphone/phone.h"
+#include "simphone/text.h"
 
 #include <algorithm>
 #include <atomic>
@@ -53,7 +53,7 @@ struct Plan {
 // A process, and the phone that it uses again for each run.
 struct Worker {
     const Plan& plan;
-    std::string phone;
+    Phone phone;
     std::ofstream findings;
     size_t prepared = SIZE_MAX; // the scenario that the phone was made for
     size_t violations = 0;      // found so far
@@ -64,8 +64,9 @@ std::string Key(const std::string& text) {
     return fmt::format("{:x}", std::hash<std::string>()(text));
 }
 
-std::string Joined(const std::string& fault, const std::string& losses) {
-    return fault + (losses.empty() ? "" : " ") + losses;
+Fault WithLosses(Fault fault, const Losses& losses) {
+    fault.losses = losses;
+    return fault;
 }
 
 // ---- Runs ----
@@ -84,13 +85,16 @@ void PutState(const std::string& phone, const StateDirectory& state) {
 
 // Brings the worker's phone into the state before the scenario's run.
 void Prepare(Worker& worker, size_t scenario) {
-    const std::string& phone = worker.phone;
+    const std::string& phone = worker.phone.directory;
     if (worker.prepared != scenario) {
         fs::remove_all(phone);
         std::string error;
-        const std::string description = fmt::format("{}/{}.toml", worker.plan.directory, scenario);
-        if (!MakePhone(description, {}, phone, error) ||
-            !PutPackage(worker.plan.scenarios[scenario].package, phone, error)) {
+        worker.phone.description = worker.plan.scenarios[scenario].phone;
+        if (!worker.phone.description.clock) { // so that equal runs leave equal files
+            worker.phone.description.text = CLOCK + worker.phone.description.text;
+        }
+        if (!MakePhone(worker.phone.description, phone, error) ||
+            !PutPackage(worker.phone, worker.plan.scenarios[scenario].package, error)) {
             throw Stop{2, error};
         }
         worker.prepared = scenario;
@@ -101,20 +105,19 @@ void Prepare(Worker& worker, size_t scenario) {
 }
 
 SweepRun Run(Worker& worker, SweepRun::Kind kind, size_t scenario, const SweepJob* job,
-             const std::string& fault) {
+             const std::vector<Fault>& faults) {
     const Plan& plan = worker.plan;
     RunOptions options;
     options.libsimphone = plan.options.phoneLibrary;
-    if (!fault.empty()) {
-        options.faults = {fault};
-    }
-    SweepRun run = {kind, &plan.scenarios[scenario], nullptr, job, {}, {}, {}, worker.phone};
-    run.before = ReadStateDirectory(worker.phone);
+    options.faults = faults;
+    SweepRun run = {kind, &plan.scenarios[scenario], nullptr, job, {}, {},
+                    {},   worker.phone.directory};
+    run.before = ReadStateDirectory(run.phone);
     run.run = RunTool(worker.phone, plan.options.tool, options);
     if (!run.run.error.empty()) {
         throw Stop{2, run.run.error};
     }
-    run.after = ReadStateDirectory(worker.phone);
+    run.after = ReadStateDirectory(run.phone);
     run.base = kind == SweepRun::BASE ? &run.run : &plan.result.bases[scenario];
     plan.shared.runs++;
     return run;
@@ -186,7 +189,7 @@ void NoteRequests(Worker& worker, const Case& about, const RunResult& run, std::
 
 // A normal run on what is left.
 SweepRun RunNext(Worker& worker, const Case& about, std::string& asked) {
-    SweepRun next = Run(worker, SweepRun::NEXT, about.scenario, about.job, "");
+    SweepRun next = Run(worker, SweepRun::NEXT, about.scenario, about.job, {});
     Check(worker, about, next);
     NoteRequests(worker, about, next.run, asked);
     return next;
@@ -198,14 +201,14 @@ void CutAndRunNext(Worker& worker, Case about, const RunResult& like, size_t tur
                    std::string& asked) {
     const std::vector<size_t> calls = ChangingCalls(like);
     const long number = calls.empty() ? 1 : like.calls[calls[turn % calls.size()]].number;
-    about.secondCut = "any #" + std::to_string(number) + " end";
-    const SweepRun cut =
-        Run(worker, SweepRun::POWER_CUT, about.scenario, about.job, about.secondCut);
+    const Fault power = {"any", "", number, number, Effect::ENDS};
+    about.secondCut = FaultText(power);
+    const SweepRun cut = Run(worker, SweepRun::POWER_CUT, about.scenario, about.job, {power});
     NoteRequests(worker, about, cut.run, asked);
     const auto survivals = Survivals(cut.before, cut.after, cut.run.calls);
     const Survival& left = survivals[turn / 64 % survivals.size()];
-    PutState(worker.phone, left.state);
-    about.secondCut = Joined(about.secondCut, LossText(left.losses));
+    PutState(worker.phone.directory, left.state);
+    about.secondCut = FaultText(WithLosses(power, left.losses));
     (void)RunNext(worker, about, asked);
 }
 
@@ -225,8 +228,8 @@ std::string Follow(Worker& worker, const Case& about, const StateDirectory& stat
     }
     plan.shared.states++;
     const size_t turn = std::hash<std::string>()(text);
-    RemoveDeviceFiles(worker.phone); // what was downloaded and not installed is lost
-    PutState(worker.phone, state);
+    RemoveDeviceFiles(worker.phone.directory); // what was downloaded and not installed is lost
+    PutState(worker.phone.directory, state);
     const size_t found = worker.violations;
     std::string asked = updates;
     const SweepRun next = RunNext(worker, about, asked);
@@ -237,8 +240,8 @@ std::string Follow(Worker& worker, const Case& about, const StateDirectory& stat
     }
     CutAndRunNext(worker, about, next.run, turn, asked);
     if (IsAttempt(Updates(next.run))) { // the power fails in that run, too
-        RemoveDeviceFiles(worker.phone);
-        PutState(worker.phone, state);
+        RemoveDeviceFiles(worker.phone.directory);
+        PutState(worker.phone.directory, state);
         asked = updates;
         CutAndRunNext(worker, about, next.run, turn, asked);
     }
@@ -249,9 +252,9 @@ void Do(Worker& worker, size_t index) {
     const SweepJob& job = worker.plan.result.jobs[index];
     Prepare(worker, job.scenario);
     const SweepRun run = Run(worker, job.isPowerCut ? SweepRun::POWER_CUT : SweepRun::FAILING_CALL,
-                             job.scenario, &job, job.fault);
-    Check(worker, {job.scenario, &job, job.fault}, run);
-    const std::string updates = Updates(run.run), taken = TakenImage(worker.phone);
+                             job.scenario, &job, {job.fault});
+    Check(worker, {job.scenario, &job, FaultText(job.fault)}, run);
+    const std::string updates = Updates(run.run), taken = TakenImage(worker.phone.directory);
     // What may be lost besides a torn write is so at the next cut, after the whole write.
     const bool mayLose = job.isPowerCut && !IsTorn(job);
     const std::vector<Survival> survivals = mayLose
@@ -260,7 +263,7 @@ void Do(Worker& worker, size_t index) {
     Json left = Json::array();
     for (const Survival& survival : survivals) {
         const std::string losses = LossText(survival.losses);
-        const Case about = {job.scenario, &job, Joined(job.fault, losses)};
+        const Case about = {job.scenario, &job, FaultText(WithLosses(job.fault, survival.losses))};
         left.push_back(
             {{"losses", losses}, {"phone", Follow(worker, about, survival.state, updates, taken)}});
     }
@@ -289,7 +292,8 @@ std::vector<Json> ReadFindings(const Plan& plan) {
 }
 
 void Work(const Plan& plan, size_t number) {
-    Worker worker = {plan, fmt::format("{}/phone-{}", plan.directory, number),
+    Worker worker = {plan,
+                     {fmt::format("{}/phone-{}", plan.directory, number), {}},
                      std::ofstream(FindingsFile(plan, number))};
     const size_t step = plan.options.everyNth;
     for (size_t i = plan.shared.next++; i * step < plan.result.jobs.size();
@@ -402,7 +406,8 @@ void Collect(const Plan& plan, const Json& finding, const std::map<std::string, 
         result.results[index].left.push_back({losses, fate, next["time_line"]});
         if (job.isPowerCut && fate == Fate::STUCK && !finding["is_record_open"]) {
             result.violations.push_back(
-                {job.scenario, job.call, Joined(job.fault, losses),
+                {job.scenario, job.call,
+                 FaultText(job.fault) + (losses.empty() ? "" : " ") + losses,
                  "later runs cannot read the record, though it was synced"});
         }
     }
@@ -446,40 +451,21 @@ void CollectAll(const Plan& plan) {
     }
 }
 
-// The description at its place for the workers, with a fixed clock, so that equal runs leave equal
-// files.
-void PutDescription(const Plan& plan, size_t scenario) {
-    const std::string& file = plan.scenarios[scenario].phone;
-    const std::string copy = fmt::format("{}/{}.toml", plan.directory, scenario);
-    Description phone;
-    std::string error, text;
-    if (!ReadDescription(file, {}, phone, error)) {
-        throw Stop{2, error};
-    }
-    if (!ReadWholeFile(file, text)) {
-        throw FailureAt(file, errno);
-    }
-    text = (phone.clock ? "" : CLOCK) + text;
-    if (!WriteWholeFile(copy, text.data(), text.size())) {
-        throw FailureAt(copy, errno);
-    }
-}
-
 // The base run of each scenario, and what follows it, in this process; and the jobs.
 void RunBases(const Plan& plan) {
     SweepResult& result = plan.result;
-    Worker worker = {plan, plan.directory + "/phone",
-                     std::ofstream(FindingsFile(plan, plan.processes))};
+    Worker worker = {
+        plan, {plan.directory + "/phone", {}}, std::ofstream(FindingsFile(plan, plan.processes))};
     Tried tried;
     for (size_t i = 0; i < plan.scenarios.size() && result.interruptedBy == 0; i++) {
-        PutDescription(plan, i);
+        result.phones.push_back(plan.scenarios[i].phone);
         Prepare(worker, i);
-        const SweepRun base = Run(worker, SweepRun::BASE, i, nullptr, "");
+        const SweepRun base = Run(worker, SweepRun::BASE, i, nullptr, {});
         Check(worker, {i, nullptr, ""}, base);
-        const std::string taken = TakenImage(worker.phone);
+        const std::string taken = TakenImage(worker.phone.directory);
         result.bases.push_back(base.run);
         result.baseImages.push_back(taken);
-        const SweepRun next = Run(worker, SweepRun::NEXT, i, nullptr, "");
+        const SweepRun next = Run(worker, SweepRun::NEXT, i, nullptr, {});
         result.baseFates.push_back(FateOf(Updates(base.run), taken, next, taken));
         const bool hadState = plan.scenarios[i].before.isThere;
         for (const SweepJob& job : JobsOf(base.run, i, hadState, plan.options, tried)) {

@@ -13,8 +13,10 @@
 #include <vector>
 
 struct SweepScenario {
-    std::string name, phone, package; // the files of the description and of the package
-    StateDirectory before;            // what an earlier run has left
+    std::string name;
+    Description phone;
+    std::string package;   // the file
+    StateDirectory before; // what an earlier run has left
 };
 
 // A fault that a run meets at a call of the base run, the run of its scenario without the fault.
@@ -22,7 +24,7 @@ struct SweepJob {
     size_t scenario;
     size_t call;     // in the calls of the base run, from 0
     std::string way; // "EIO", "short=1", "end", ...
-    std::string fault;
+    Fault fault;
     bool isPowerCut;
 };
 
@@ -79,7 +81,8 @@ struct SweepViolation {
     std::string fault, text; // the fault is empty for the base run
 };
 struct SweepResult {
-    int interruptedBy = 0; // the signal that ended it early
+    int interruptedBy = 0;           // the signal that ended it early
+    std::vector<Description> phones; // of the scenarios
     std::vector<RunResult> bases;
     std::vector<Fate> baseFates;
     std::vector<std::string> baseImages; // what the device has taken in each base run

@@ -5,10 +5,15 @@
 #include "ufs/ufs_write_buffer.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <fcntl.h>
 #include <map>
+#include <tuple>
 
 namespace {
+
+using Way = std::pair<Effect, long>; // with its value
+using Ways = std::vector<Way>;
 
 bool IsAmong(const Texts& texts, const std::string& text) {
     return std::find(texts.begin(), texts.end(), text) != texts.end();
@@ -20,35 +25,37 @@ long Moved(const CallEntry& call) {
 }
 
 // The ways in which a call can fail.
-Texts Failures(const CallEntry& call) {
+Ways Failures(const CallEntry& call) {
+    const Way eio = {Effect::FAILS, EIO};
     if (IsAmong({"sleep", LOG_FUNCTION}, call.function)) {
         return {};
     }
     if (IsAmong({"read", "write"}, call.function)) {
-        return {"EIO", "short=0", "short=1", "short=" + std::to_string(Moved(call) / 2)};
+        return {eio, {Effect::SHORT, 0}, {Effect::SHORT, 1}, {Effect::SHORT, Moved(call) / 2}};
     }
     if (call.function == "ioctl") {
-        return call.path == UFS_BLOCK_NODE ? Texts{"EIO", "EINTR"}
-                                           : Texts{"EIO", "EINTR", "returns=1"};
+        Ways ways = {eio, {Effect::FAILS, EINTR}};
+        ways.insert(ways.end(), call.path == UFS_BLOCK_NODE ? 0 : 1, {Effect::RETURNS, 1});
+        return ways;
     }
-    return {"EIO"};
+    return {eio};
 }
 
 // The power fails before a call that changes the phone, which is also after the one before it, and
 // after the last of them. In a write to a flag or the record it fails after each byte as well,
 // unless a write like it was torn before.
-Texts PowerCuts(const CallEntry& call, bool isAfterLast, bool hadState, const SweepOptions& options,
-                Tried& tried) {
-    Texts ways;
+Ways PowerCuts(const CallEntry& call, bool isAfterLast, bool hadState, const SweepOptions& options,
+               Tried& tried) {
+    Ways ways;
     if (options.cutsEverywhere || ChangesThePhone(call) || isAfterLast) {
-        ways.emplace_back("end");
+        ways.emplace_back(Effect::ENDS, 0);
     }
     const std::string kind = call.path + " " + call.result + (hadState ? "+" : "");
     const bool tears = call.function == "write" &&
                        call.path.rfind(std::string(STATE_DIR) + "/f", 0) == 0 &&
                        (tried.insert(kind).second || !options.skipsRepeats);
     for (long count = 0; tears && count <= Moved(call); count++) {
-        ways.push_back("torn=" + std::to_string(count));
+        ways.emplace_back(Effect::TORN, count);
     }
     return ways;
 }
@@ -72,7 +79,7 @@ std::vector<size_t> ChangingCalls(const RunResult& run) {
 }
 
 bool IsTorn(const SweepJob& job) {
-    return job.way.rfind("torn=", 0) == 0;
+    return job.fault.effect == Effect::TORN;
 }
 
 std::vector<SweepJob> JobsOf(const RunResult& base, size_t scenario, bool hadState,
@@ -95,19 +102,23 @@ std::vector<SweepJob> JobsOf(const RunResult& base, size_t scenario, bool hadSta
         if (isRepeat && options.skipsRepeats) {
             continue;
         }
-        const std::string alone = "any #" + std::to_string(call.number) + " ";
-        Texts places = {alone, call.function + " #" + std::to_string(ofFunction) + "+ "};
+        const Fault alone = {"any", "", call.number, call.number};
+        std::vector<Fault> places = {alone, {call.function, "", ofFunction}};
         if (call.path != "-" && ofKind < last) {
-            places.push_back(kind + " #" + std::to_string(ofKind) + "+ ");
+            places.push_back({call.function, call.path, ofKind});
         }
-        for (const std::string& way : Failures(call)) {
-            for (const std::string& place : places) {
-                jobs.push_back({scenario, i, way, place + way, false});
+        const auto add = [&](Fault fault, const Way& way, bool isPowerCut) {
+            std::tie(fault.effect, fault.value) = way;
+            jobs.push_back({scenario, i, EffectText(fault), fault, isPowerCut});
+        };
+        for (const Way& way : Failures(call)) {
+            for (const Fault& place : places) {
+                add(place, way, false);
             }
         }
         const bool isAfterLast = !changing.empty() && i == changing.back() + 1;
-        for (const std::string& way : PowerCuts(call, isAfterLast, hadState, options, tried)) {
-            jobs.push_back({scenario, i, way, alone + way, true});
+        for (const Way& way : PowerCuts(call, isAfterLast, hadState, options, tried)) {
+            add(alone, way, true);
         }
     }
     return jobs;

@@ -27,15 +27,22 @@ bool Contains(const std::string& text, const std::string& part) {
     return text.find(part) != std::string::npos;
 }
 
-char Letter(const std::string& request) {
-    const std::string answer = request.substr(request.rfind("-> ") + 3);
-    return Contains(request, "GKI write " + answer + " ") ? 'G'
-           : Contains(request, "GKI write ")              ? (answer[0] == '-' ? 'g' : 's')
-           : Contains(request, "opcode=302 ")             ? (answer == "0" ? 'D' : 'd')
-           : Contains(request, "opcode=303 ")             ? (answer == "0" ? 'I' : 'i')
-           : Contains(request, "WRITE BUFFER ")           ? (answer == "GOOD" ? 'B' : 'b')
-           : Contains(request, "SG_SCSI_RESET ")          ? 'r'
-                                                          : '?';
+char Letter(const Request& request) {
+    const bool isWhole = request.taken == Taken::WHOLE;
+    switch (request.kind) {
+    case RequestKind::GKI_WRITE:
+        return isWhole ? 'G' : request.taken == Taken::PART ? 's' : 'g';
+    case RequestKind::FFU_DOWNLOAD:
+        return isWhole ? 'D' : 'd';
+    case RequestKind::FFU_INSTALL:
+        return isWhole ? 'I' : 'i';
+    case RequestKind::SCSI_WRITE_BUFFER:
+        return isWhole ? 'B' : 'b';
+    case RequestKind::SCSI_RESET:
+        return 'r';
+    default:
+        return '?';
+    }
 }
 
 } // namespace
@@ -43,9 +50,9 @@ char Letter(const std::string& request) {
 std::string Updates(const RunResult& run, long last) {
     std::string letters;
     for (const CallEntry& call : run.calls) {
-        const bool isCounted = call.IsRequest() && (last < 0 || call.number <= last);
-        if (isCounted && !Contains(call.text, "opcode=8 ")) { // a register is read
-            letters += Letter(call.text);
+        const bool isCounted = call.request && (last < 0 || call.number <= last);
+        if (isCounted && call.request->kind != RequestKind::SEND_EXT_CSD) { // a register is read
+            letters += Letter(*call.request);
         }
     }
     return letters;
@@ -122,7 +129,7 @@ Fate FateOf(const std::string& updates, const std::string& taken, const SweepRun
         return Fate::OTHER_IMAGE;
     }
     const auto isStuck = [](const CallEntry& call) {
-        return call.IsMessage() && Contains(call.text, "CheckResultFile: ParseResultFile error");
+        return Contains(call.message, "CheckResultFile: ParseResultFile error");
     };
     if (std::any_of(next.run.calls.begin(), next.run.calls.end(), isStuck)) {
         return Fate::STUCK;

@@ -4,7 +4,7 @@
 
 #include "fwlab/phone/device.h"
 #include "fwlab/sweep/style.h"
-#include "simphone/files.h"
+#include "simphone/text.h"
 
 #include <algorithm>
 #include <fmt/format.h>
@@ -57,13 +57,13 @@ bool operator==(const Chip& one, const Chip& other) { // but for the time lines
 // How far the fault reaches, for a failing call; what it loses, for a power cut.
 std::string Label(const SweepJob& job, const SweepLeft& left) {
     if (!job.isPowerCut) {
-        const bool isAlone = job.fault.rfind("any #", 0) == 0;
-        const bool hasPath = job.fault.find(" /") != std::string::npos;
+        const bool isAlone = job.fault.first == job.fault.last;
+        const bool hasPath = !job.fault.path.empty();
         return job.way + (isAlone ? "" : hasPath ? ", later ones on the path" : ", all later ones");
     }
-    return job.way.rfind("torn=", 0) == 0 ? job.way
-           : left.losses.empty()          ? "all survives"
-                                          : left.losses;
+    return job.fault.effect == Effect::TORN ? job.way
+           : left.losses.empty()            ? "all survives"
+                                            : left.losses;
 }
 
 // Torn writes that leave the same become one chip, "torn=1 to 114".
@@ -101,10 +101,11 @@ std::vector<std::vector<Chip>> ChipsOf(const SweepResult& result, size_t scenari
             continue;
         }
         for (const SweepLeft& left : done.left) {
-            const std::string fault = job.fault + (left.losses.empty() ? "" : " ") + left.losses;
+            const std::string place = FaultText(job.fault);
+            const std::string fault = place + (left.losses.empty() ? "" : " ") + left.losses;
             const bool isWrong =
                 std::any_of(wrongs.begin(), wrongs.end(), [&](const SweepViolation* wrong) {
-                    return wrong->fault == fault || wrong->fault == job.fault;
+                    return wrong->fault == fault || wrong->fault == place;
                 });
             Add(chips[job.call], {Label(job, left), left.fate, done.timeLine, left.nextTimeLine,
                                   job.isPowerCut, isWrong});
@@ -307,7 +308,7 @@ std::string SweepPage(const SweepRequest& request, const SweepResult& result) {
             "synced.</p>\n{}"
             "<h3>Calls</h3>\n<p>Click a way to fail for the time line of its run, &#9656; for that "
             "of the run after it.</p>\n{}",
-            Markup(Escaped(request.phones[i])), Markup(Title(ReadPhone(request.phones[i]))), i,
+            Markup(Escaped(request.phones[i])), Markup(Title(result.phones[i])), i,
             FateText(result.baseFates[i]), result.bases[i].calls.size(),
             FateCountsText(sum.failingCalls), FateCountsText(sum.powerCuts),
             FateCountsText(sum.states), Course(result, i, chips), Table(result, i, chips));

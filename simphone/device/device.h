@@ -6,28 +6,41 @@
 #pragma once
 
 #include "simphone/description.h"
+#include "simphone/journal.h"
 
 #include <linux/mmc/ioctl.h>
 #include <scsi/sg.h>
 #include <string>
 
-// The request as the journal has it, without the answer; also for requests that a fault intercepts.
-std::string DescribeMmc(const mmc_ioc_cmd& command);
-std::string DescribeScsi(const sg_io_hdr& request);
+// JEDEC EXT_CSD: its size, and places in it.
+constexpr size_t EXT_CSD_SIZE = 512;
+constexpr size_t EXT_CSD_REV = 192;
+constexpr size_t EXT_CSD_FIRMWARE_VERSION = 254; // 8 bytes
 
-// The name by which a fault can meet the request: SEND_EXT_CSD, FFU_DOWNLOAD, FFU_INSTALL, or "".
-const char* MmcRequestName(uint32_t opcode);
+// The request as the journal has it before its answer, with nothing taken.
+Request DescribeMmc(const mmc_ioc_cmd& command);
+Request DescribeGkiWrite(size_t size);
+Request DescribeScsi(const sg_io_hdr& request);
+Request DescribeScsiReset(int type);
+
+// What the device did with a request.
+struct Reply {
+    Taken taken = Taken::NOTHING;
+    std::string text = {}; // "GOOD"; empty: the result of the call says it
+};
 
 // Carries out one MMC_IOC_CMD. Returns 0 or the error number that the driver gives.
 // `openFlags` are those of the descriptor.
-int AnswerMmc(const std::string& directory, bool gki, int openFlags, mmc_ioc_cmd& command);
+int AnswerMmc(const std::string& directory, bool gki, int openFlags, mmc_ioc_cmd& command,
+              Reply& reply);
 
-// The write to the GKI node: `taken` of `size` bytes reach the driver, which installs a whole
+// The write to the GKI node: `count` of `size` bytes reach the driver, which installs a whole
 // image. Returns 0 or an error number.
-int TakeGkiImage(const std::string& directory, const void* image, size_t taken, size_t size);
+int TakeGkiImage(const std::string& directory, const void* image, size_t count, size_t size,
+                 Reply& reply);
 
 // Carries out one SG_IO; a WRITE BUFFER that is in order gets `answer`. Returns 0 with the response
-// in the request and a readable form in `response`, or the error number that the kernel gives, EIO
-// for more than maxHwSectorsKb KiB (0: no limit).
-int AnswerScsi(const std::string& directory, const Answer& answer, uint32_t maxHwSectorsKb,
-               int openFlags, sg_io_hdr& request, std::string& response);
+// in the request, or the error number that the kernel gives, EIO for more than maxHwSectorsKb KiB
+// (0: no limit).
+int AnswerScsi(const std::string& directory, const DeviceAnswer& answer, uint32_t maxHwSectorsKb,
+               int openFlags, sg_io_hdr& request, Reply& reply);

@@ -3,6 +3,7 @@
 #include "simphone/device/device.h"
 
 #include "simphone/files.h"
+#include "simphone/text.h"
 
 #include <cerrno>
 #include <cstring>
@@ -17,7 +18,6 @@ constexpr uint32_t FFU_INSTALL = 303;  // the driver's own
 // linux/mmc/core.h: MMC_RSP_SPI_R1 | MMC_RSP_R1 | MMC_CMD_ADTC
 constexpr unsigned R1_DATA_FLAGS = 0xB5;
 constexpr uint32_t R1_READY = 0x900; // ready for data, transfer state
-constexpr size_t EXT_CSD_SIZE = 512;
 
 int Install(const std::string& directory) {
     // The bootloader's answer to an install without a download: nothing to install.
@@ -51,20 +51,23 @@ int Download(const std::string& directory, const mmc_ioc_cmd& command) {
 
 } // namespace
 
-std::string DescribeMmc(const mmc_ioc_cmd& command) {
-    return Text("MMC_IOC_CMD opcode=%u write=%d arg=%u flags=0x%x blksz=%u blocks=%u%s",
-                command.opcode, command.write_flag, command.arg, command.flags, command.blksz,
-                command.blocks, command.data_ptr == 0 ? " no data" : "");
+Request DescribeMmc(const mmc_ioc_cmd& command) {
+    const RequestKind kind = command.opcode == SEND_EXT_CSD   ? RequestKind::SEND_EXT_CSD
+                             : command.opcode == FFU_DOWNLOAD ? RequestKind::FFU_DOWNLOAD
+                             : command.opcode == FFU_INSTALL  ? RequestKind::FFU_INSTALL
+                                                              : RequestKind::OTHER_MMC;
+    return {kind, Taken::NOTHING,
+            Text("MMC_IOC_CMD opcode=%u write=%d arg=%u flags=0x%x blksz=%u blocks=%u%s",
+                 command.opcode, command.write_flag, command.arg, command.flags, command.blksz,
+                 command.blocks, command.data_ptr == 0 ? " no data" : "")};
 }
 
-const char* MmcRequestName(uint32_t opcode) {
-    return opcode == SEND_EXT_CSD   ? "SEND_EXT_CSD"
-           : opcode == FFU_DOWNLOAD ? "FFU_DOWNLOAD"
-           : opcode == FFU_INSTALL  ? "FFU_INSTALL"
-                                    : "";
+Request DescribeGkiWrite(size_t size) {
+    return {RequestKind::GKI_WRITE, Taken::NOTHING, Text("GKI write %zu", size)};
 }
 
-int AnswerMmc(const std::string& directory, bool gki, int openFlags, mmc_ioc_cmd& command) {
+int AnswerMmc(const std::string& directory, bool gki, int openFlags, mmc_ioc_cmd& command,
+              Reply& reply) {
     const bool isInstall = command.opcode == FFU_INSTALL;
     if ((openFlags & O_ACCMODE) != O_RDWR) {
         return EPERM;
@@ -86,13 +89,18 @@ int AnswerMmc(const std::string& directory, bool gki, int openFlags, mmc_ioc_cmd
     }
     if (status == 0) {
         command.response[0] = R1_READY;
+        reply.taken = Taken::WHOLE;
     }
     return status;
 }
 
-int TakeGkiImage(const std::string& directory, const void* image, size_t taken, size_t size) {
-    if (!WriteWholeFile(directory + "/device/downloaded.bin", image, taken)) {
+int TakeGkiImage(const std::string& directory, const void* image, size_t count, size_t size,
+                 Reply& reply) {
+    if (!WriteWholeFile(directory + "/device/downloaded.bin", image, count)) {
         return EIO;
     }
-    return taken == size && size > 0 ? Install(directory) : 0;
+    const bool isWhole = count == size && size > 0;
+    const int status = isWhole ? Install(directory) : 0;
+    reply.taken = isWhole && status == 0 ? Taken::WHOLE : count > 0 ? Taken::PART : Taken::NOTHING;
+    return status;
 }

@@ -2,6 +2,7 @@
 #include "simphone/device/device.h"
 
 #include "simphone/files.h"
+#include "simphone/text.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -26,12 +27,12 @@ void Respond(sg_io_hdr& request, unsigned status, unsigned host, unsigned driver
     request.info = (status | host | driver) != 0 ? SG_INFO_CHECK : SG_INFO_OK;
 }
 
-std::string RespondSense(sg_io_hdr& request, const Answer& answer) {
+std::string RespondSense(sg_io_hdr& request, const DeviceAnswer& answer) {
     // SPC: response codes 70h (fixed format, 18 bytes) and 72h (descriptor format, no descriptor)
     const uint8_t fixed[18] = {0x70, 0, answer.key, 0, 0, 0,          0,
                                10,   0, 0,          0, 0, answer.asc, answer.ascq};
     const uint8_t descriptor[8] = {0x72, answer.key, answer.asc, answer.ascq};
-    const bool isFixed = answer.kind == Answer::Kind::SENSE;
+    const bool isFixed = answer.kind == DeviceAnswer::Kind::SENSE;
     const size_t length = std::min<size_t>(request.mx_sb_len, isFixed ? 18 : 8);
     Respond(request, CHECK_CONDITION << 1, 0, DRIVER_HAS_SENSE);
     if (request.sbp != nullptr) {
@@ -59,18 +60,18 @@ uint8_t Illegal(const sg_io_hdr& request) {
                : 0;
 }
 
-std::string RespondAs(sg_io_hdr& request, const Answer& answer) {
+std::string RespondAs(sg_io_hdr& request, const DeviceAnswer& answer) {
     switch (answer.kind) {
-    case Answer::Kind::ACCEPTED:
+    case DeviceAnswer::Kind::ACCEPTED:
         Respond(request, 0, 0, 0);
         return "GOOD";
-    case Answer::Kind::STATUS:
+    case DeviceAnswer::Kind::STATUS:
         Respond(request, answer.value, 0, 0);
         return Text("status %u", answer.value);
-    case Answer::Kind::HOST_STATUS:
+    case DeviceAnswer::Kind::HOST_STATUS:
         Respond(request, 0, answer.value, 0);
         return Text("host status %u", answer.value);
-    case Answer::Kind::DRIVER_STATUS:
+    case DeviceAnswer::Kind::DRIVER_STATUS:
         Respond(request, 0, 0, answer.value);
         return Text("driver status %u", answer.value);
     default:
@@ -80,16 +81,22 @@ std::string RespondAs(sg_io_hdr& request, const Answer& answer) {
 
 } // namespace
 
-std::string DescribeScsi(const sg_io_hdr& request) {
+Request DescribeScsi(const sg_io_hdr& request) {
     const bool hasCdb = request.cmdp != nullptr && request.cmd_len > 0;
-    return Text("SG_IO %s cdb=%s data=%u timeout=%ums",
-                hasCdb && request.cmdp[0] == WRITE_BUFFER ? "WRITE BUFFER" : "other",
-                hasCdb ? Hex(request.cmdp, request.cmd_len).c_str() : "null", request.dxfer_len,
-                request.timeout);
+    const bool isWriteBuffer = hasCdb && request.cmdp[0] == WRITE_BUFFER;
+    return {isWriteBuffer ? RequestKind::SCSI_WRITE_BUFFER : RequestKind::OTHER_SCSI,
+            Taken::NOTHING,
+            Text("SG_IO %s cdb=%s data=%u timeout=%ums", isWriteBuffer ? "WRITE BUFFER" : "other",
+                 hasCdb ? Hex(request.cmdp, request.cmd_len).c_str() : "null", request.dxfer_len,
+                 request.timeout)};
 }
 
-int AnswerScsi(const std::string& directory, const Answer& answer, uint32_t maxHwSectorsKb,
-               int openFlags, sg_io_hdr& request, std::string& response) {
+Request DescribeScsiReset(int type) {
+    return {RequestKind::SCSI_RESET, Taken::NOTHING, Text("SG_SCSI_RESET type=%d", type)};
+}
+
+int AnswerScsi(const std::string& directory, const DeviceAnswer& answer, uint32_t maxHwSectorsKb,
+               int openFlags, sg_io_hdr& request, Reply& reply) {
     if ((openFlags & O_ACCMODE) != O_RDWR) {
         return EPERM;
     }
@@ -104,16 +111,16 @@ int AnswerScsi(const std::string& directory, const Answer& answer, uint32_t maxH
         return EFAULT;
     }
     if (const uint8_t asc = Illegal(request)) {
-        response = RespondSense(request, {Answer::Kind::SENSE, 0, ILLEGAL_REQUEST, asc, 0});
+        reply.text = RespondSense(request, {DeviceAnswer::Kind::SENSE, 0, ILLEGAL_REQUEST, asc, 0});
         return 0;
     }
-    const bool isTaken = answer.kind == Answer::Kind::ACCEPTED ||
+    const bool isTaken = answer.kind == DeviceAnswer::Kind::ACCEPTED ||
                          (answer.IsSense() && answer.key <= RECOVERED_ERROR);
     if (isTaken && request.dxfer_len > 0 &&
         (!WriteWholeFile(directory + "/device/downloaded.bin", request.dxferp, request.dxfer_len) ||
          !WriteWholeFile(directory + "/device/pending", "", 0))) {
         return EIO;
     }
-    response = RespondAs(request, answer);
+    reply = {isTaken ? Taken::WHOLE : Taken::NOTHING, RespondAs(request, answer)};
     return 0;
 }

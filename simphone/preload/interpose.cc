@@ -1,8 +1,6 @@
 // The C library's entry points that the tool and libsgutils2 call. Each one passes the call on to
 // the next definition, the C library's or a sanitizer's; a call of the tool goes through Counted
 // first, with phone paths led into the phone's directory and device requests led to the device.
-#include "simphone/device/device.h"
-#include "simphone/files.h"
 #include "simphone/preload/session.h"
 
 #include <algorithm>
@@ -91,26 +89,27 @@ template <typename Perform> ssize_t ReadCall(int fd, void* data, size_t count, P
 
 // A request to the storage device, which the faults know by `name`.
 template <typename Perform>
-int DeviceCall(int fd, const OpenFile& file, const char* name, const std::string& request,
+int DeviceCall(int fd, const OpenFile& file, const char* name, const Request& request,
                Perform perform) {
-    std::string answer;
-    Call call{{"ioctl", file.path, Text("fd=%d request=%s", fd, name), request}, name, &answer};
-    return Counted(call, [&] { return Failing(perform(answer)); });
+    Reply reply;
+    Call call{{"ioctl", file.path, Text("fd=%d request=%s", fd, name)}, name, &reply};
+    call.request = request;
+    return Counted(call, [&] { return Failing(perform(reply)); });
 }
 
 int ScsiCall(int fd, const OpenFile& file, sg_io_hdr& request) {
-    return DeviceCall(fd, file, "SG_IO", DescribeScsi(request), [&](std::string& answer) {
+    return DeviceCall(fd, file, "SG_IO", DescribeScsi(request), [&](Reply& reply) {
         const auto& answers = session->phone.answers;
         const size_t turn = std::min(session->scsiRequests++, answers.size() - 1);
         return AnswerScsi(session->directory, answers[turn], session->phone.maxHwSectorsKb,
-                          file.flags, request, answer);
+                          file.flags, request, reply);
     });
 }
 
 int MmcCall(int fd, const OpenFile& file, mmc_ioc_cmd& command) {
-    const char* name = MmcRequestName(command.opcode);
-    return DeviceCall(fd, file, name, DescribeMmc(command), [&](std::string&) {
-        return AnswerMmc(session->directory, session->phone.gki, file.flags, command);
+    const Request request = DescribeMmc(command);
+    return DeviceCall(fd, file, KindName(request.kind), request, [&](Reply& reply) {
+        return AnswerMmc(session->directory, session->phone.gki, file.flags, command, reply);
     });
 }
 
@@ -188,10 +187,14 @@ ssize_t write(int fd, const void* data, size_t count) {
     const size_t asked = count;
     Call call{{"write", file.path, Text("fd=%d count=%zu", fd, count)}};
     call.count = &count;
-    call.text = file.node == Node::GKI ? Text("GKI write %zu", asked) : "";
+    Reply reply;
+    if (file.node == Node::GKI) {
+        call.request = DescribeGkiWrite(asked);
+        call.reply = &reply;
+    }
     return Counted(call, [&]() -> ssize_t {
         if (file.node == Node::GKI) {
-            const int error = TakeGkiImage(session->directory, data, count, asked);
+            const int error = TakeGkiImage(session->directory, data, count, asked, reply);
             return error != 0 ? Failing(error) : static_cast<ssize_t>(count);
         }
         return Misaligned(fd, file, data, count) ? Failing(EINVAL) : next(fd, data, count);
@@ -284,8 +287,11 @@ int ioctl(int fd, unsigned long request, ...) noexcept {
     PASS_OTHERS(ioctl, fd, request, argument);
     const OpenFile file = Opened(fd);
     if (argument != nullptr && file.node == Node::SCSI && request == SG_SCSI_RESET) {
-        const std::string reset = Text("SG_SCSI_RESET type=%d", *static_cast<int*>(argument));
-        return DeviceCall(fd, file, "SG_SCSI_RESET", reset, [](std::string&) { return 0; });
+        const Request reset = DescribeScsiReset(*static_cast<int*>(argument));
+        return DeviceCall(fd, file, "SG_SCSI_RESET", reset, [](Reply& reply) {
+            reply.taken = Taken::WHOLE;
+            return 0;
+        });
     }
     if (argument != nullptr && file.node == Node::SCSI && request == SG_IO) {
         return ScsiCall(fd, file, *static_cast<sg_io_hdr*>(argument));
@@ -401,7 +407,7 @@ int __android_log_print(int priority, const char* tag, const char* format, ...) 
     PASS_OTHERS(__android_log_print, priority, tag, "%s", text);
     Call call{{LOG_FUNCTION, "-",
                Text("priority=%d tag=", priority) + (tag != nullptr ? Word(tag) : "-")}};
-    call.text = text;
+    call.message = text;
     return Counted(call, [] { return 1; });
 }
 }

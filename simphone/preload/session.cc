@@ -3,7 +3,6 @@
 // call.
 #include "simphone/preload/session.h"
 
-#include "simphone/files.h"
 #include "simphone/preload/attach.h"
 
 #include <algorithm>
@@ -72,7 +71,7 @@ const Fault* MeetFault(const Call& call) {
         return nullptr;
     }
     if (!met->isMet) {
-        Append(FaultLine(met->fault.text));
+        Append(FaultLine(static_cast<size_t>(met - session->faults.data()), met->fault));
         met->isMet = true;
     }
     return &met->fault;
@@ -150,7 +149,7 @@ const Fault* BeginCall(Call& call) {
     isCallUnderWay = true;
     session->calls++;
     const Fault* fault = MeetFault(call);
-    call.consoleBytes = call.text.empty() ? 0 : ConsoleBytes();
+    call.consoleBytes = call.request || call.IsMessage() ? ConsoleBytes() : 0;
     if (fault != nullptr && fault->effect == Effect::ENDS) {
         EndPower();
     }
@@ -167,10 +166,11 @@ void EndCall(Call& call, const Fault* fault, const std::string& result, int erro
     call.result = result;
     call.error = error != 0 ? strerrorname_np(error) : "";
     call.replaced = Replaces(fault);
-    if (call.IsRequest()) {
-        const bool isAnswered = error == 0 && call.answer != nullptr && !call.answer->empty();
-        call.text += " -> " + (isAnswered ? *call.answer : result);
-        call.text += error != 0 ? " " + call.error : "";
+    if (call.request) {
+        const std::string& answer = call.reply->text;
+        call.request->taken = call.reply->taken;
+        call.request->text += " -> " + (error == 0 && !answer.empty() ? answer : result);
+        call.request->text += error != 0 ? " " + call.error : "";
     }
     Append(CallLine(call));
     if (fault != nullptr && fault->effect == Effect::TORN) {

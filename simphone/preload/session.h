@@ -2,9 +2,9 @@
 // fail, and the journal. Used by interpose.cc only, on the tool's one thread.
 #pragma once
 
-#include "simphone/description.h"
-#include "simphone/files.h"
+#include "simphone/device/device.h"
 #include "simphone/journal.h"
+#include "simphone/text.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -38,10 +38,10 @@ struct Session {
 
 // One call of the tool, as it is matched against the faults and written down.
 struct Call : CallEntry {
-    const char* alias = "";              // the name of a device request
-    const std::string* answer = nullptr; // of the device; null or empty: the call's result is it
-    size_t* count = nullptr;             // what a read or write moves; a fault may lower it
-    bool releases = false;               // the resource is given back even if the call fails
+    const char* alias = "";       // the name of a device request
+    const Reply* reply = nullptr; // of the device to the request
+    size_t* count = nullptr;      // what a read or write moves; a fault may lower it
+    bool releases = false;        // the resource is given back even if the call fails
 };
 
 extern Session* session; // null while no phone is attached

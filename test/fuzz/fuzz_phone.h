@@ -31,7 +31,10 @@ struct FuzzPhone {
         Require(mkdtemp(directory.data()) != nullptr, "a directory for the phone");
         directory += "/phone";
         std::string error;
-        Require(MakePhone(description, {}, directory, error), error.c_str());
+        Description phone;
+        Require(ReadDescription(description, {}, phone, error) &&
+                    MakePhone(phone, directory, error),
+                error.c_str());
         std::filesystem::create_directories(directory + "/data/vendor/fw");
     }
     ~FuzzPhone() {

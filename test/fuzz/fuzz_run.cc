@@ -41,7 +41,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Require(std::any_of(journal.calls.begin(), journal.calls.end(), isRead),
             "the product name is read from the phone");
     const auto isDownload = [ufs](const CallEntry& call) {
-        return call.text.rfind(ufs ? "SG_IO" : "GKI write", 0) == 0;
+        return call.request && call.request->kind ==
+                                   (ufs ? RequestKind::SCSI_WRITE_BUFFER : RequestKind::GKI_WRITE);
     };
     Require(std::count_if(journal.calls.begin(), journal.calls.end(), isDownload) <= 1,
             "one download");

@@ -416,7 +416,8 @@ TEST_F(FwlabTest, CaptureMakesTheSamePhoneAgain) {
         fs::remove_all(directory + "/pulled");
         fs::remove_all(directory + "/again");
         Put("/phone.toml", row.phone);
-        ASSERT_TRUE(MakePhone(directory + "/phone.toml", {}, directory + "/pulled", error))
+        ASSERT_TRUE(
+            MakePhone(DescriptionOf(directory + "/phone.toml"), directory + "/pulled", error))
             << error;
         if (isLimited) {
             Put("/pulled/sys/block/sdc/queue/max_hw_sectors_kb", "1024\n");
@@ -426,7 +427,8 @@ TEST_F(FwlabTest, CaptureMakesTheSamePhoneAgain) {
             Put("/pulled/proc/bootdevice/ext_csd", Get("/pulled/device/ext_csd.bin"));
         }
         Expect(Fwlab("capture pulled -o made.toml --kind " + row.options), 0, "made.toml: ");
-        ASSERT_TRUE(MakePhone(directory + "/made.toml", {}, directory + "/again", error)) << error;
+        ASSERT_TRUE(MakePhone(DescriptionOf(directory + "/made.toml"), directory + "/again", error))
+            << error;
         for (const std::string& node : PULLED_NODES) {
             if (!isNormal || node != "/proc/bootdevice/ext_csd") {
                 EXPECT_EQ(Get("/again" + node), Get("/pulled" + node)) << node;

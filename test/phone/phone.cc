@@ -1,8 +1,6 @@
 // The fixture's side of phone.h. A phone that cannot be made fails its test at once.
 #include "test/phone/phone.h"
 
-#include "simphone/description.h"
-
 #include <algorithm>
 #include <endian.h>
 #include <fcntl.h>
@@ -22,12 +20,7 @@ std::string ShippedDescription(const char* file, const Overrides& overrides) {
     for (const auto& [key, value] : overrides) {
         settings.push_back(std::string(key).append("=").append(value));
     }
-    Description phone;
-    std::string text, error;
-    if (!ReadDescription(std::string(DESCRIPTIONS).append(file), settings, phone, error, &text)) {
-        throw std::invalid_argument(error);
-    }
-    return text;
+    return DescriptionOf(std::string(DESCRIPTIONS).append(file), settings).text;
 }
 
 // How the tool opens what it opens, and the mode of what it makes. A path that ends with a slash
@@ -85,6 +78,32 @@ bool IsProper(const CallEntry& call, const std::string& pathBefore) {
 }
 
 } // namespace
+
+std::vector<Fault> Faults(const Texts& texts) {
+    std::vector<Fault> faults;
+    std::string error;
+    for (const std::string& text : texts) {
+        if (!text.empty() && !ParseFault(text, faults.emplace_back(), error)) {
+            throw std::invalid_argument(error);
+        }
+    }
+    return faults;
+}
+
+Texts FaultTexts(const std::vector<Fault>& faults) {
+    Texts texts;
+    std::transform(faults.begin(), faults.end(), std::back_inserter(texts), FaultText);
+    return texts;
+}
+
+Description DescriptionOf(const std::string& file, const Texts& settings) {
+    Description phone;
+    std::string error;
+    if (!ReadDescription(file, settings, phone, error)) {
+        throw std::invalid_argument(error);
+    }
+    return phone;
+}
 
 void ExpectProperCalls(const RunResult& result) {
     std::string pathBefore;
@@ -178,7 +197,7 @@ void PhoneTest::Make(const std::string& description, const Files& files) {
     const std::string file = directory + ".toml";
     std::string error;
     ASSERT_TRUE(WriteWholeFile(file, description.data(), description.size()));
-    ASSERT_TRUE(MakePhone(file, {}, directory, error)) << error;
+    ASSERT_TRUE(MakePhone(DescriptionOf(file), directory, error)) << error;
     for (const auto& [path, content] : files) {
         Put(path, content);
     }
@@ -224,9 +243,11 @@ RunResult PhoneTest::TryRun(const Texts& faults, const std::string& tool,
                             const std::string& library) const {
     std::istringstream words(FFU_LAUNCHER);
     const Texts launcher(std::istream_iterator<std::string>(words), {});
-    RunOptions options = {{}, launcher, library};
-    std::remove_copy(faults.begin(), faults.end(), std::back_inserter(options.faults), "");
-    return RunTool(directory, tool, options);
+    RunResult result = {};
+    Phone phone;
+    return OpenPhone(directory, phone, result.error)
+               ? RunTool(phone, tool, {Faults(faults), launcher, library})
+               : result;
 }
 
 RunResult PhoneTest::RunAnyhow(const Texts& faults) const {
@@ -246,7 +267,8 @@ RunResult PhoneTest::Run(const Texts& faults) const {
 
 void PhoneTest::Reboot() const {
     std::string error;
-    ASSERT_TRUE(RebootPhone(directory, error)) << error;
+    Phone phone;
+    ASSERT_TRUE(OpenPhone(directory, phone, error) && RebootPhone(phone, error)) << error;
 }
 
 std::string Console(const RunResult& result) {
@@ -257,7 +279,7 @@ std::string Console(const RunResult& result) {
 std::string Requests(const RunResult& result) {
     std::string requests;
     for (const CallEntry& call : result.calls) {
-        requests += call.IsRequest() ? call.text + "\n" : "";
+        requests += call.request ? call.request->text + "\n" : "";
     }
     return requests;
 }
@@ -267,9 +289,9 @@ std::string Steps(const RunResult& result) {
     std::string steps;
     for (const CallEntry& call : result.calls) {
         if (call.IsMessage()) {
-            EXPECT_EQ(call.arguments, "priority=6 tag=-") << call.text;
-            EXPECT_EQ(call.text.rfind(start, 0), 0U) << call.text;
-            steps += call.text.substr(std::min(start.size(), call.text.size()));
+            EXPECT_EQ(call.arguments, "priority=6 tag=-") << call.message;
+            EXPECT_EQ(call.message.rfind(start, 0), 0U) << call.message;
+            steps += call.message.substr(std::min(start.size(), call.message.size()));
         }
     }
     return steps;

@@ -5,6 +5,7 @@
 
 #include "simphone/files.h"
 #include "simphone/phone.h"
+#include "simphone/text.h"
 #include "simphone/tool_run.h"
 
 #include <gtest/gtest.h>
@@ -35,6 +36,12 @@ inline const std::string FAIL = "ffu.bgn ffu.fail fw_result";
 inline const std::string NOTHING = "ffu.end fw_result";
 // The phones' clock, in the state files.
 inline const std::string CLOCK_TEXT = "Sat Mar  7 09:05:02 2026\n";
+
+// The faults of these texts, and the other way round.
+std::vector<Fault> Faults(const Texts& texts);
+Texts FaultTexts(const std::vector<Fault>& faults);
+// What a file says; throws if it describes no phone.
+Description DescriptionOf(const std::string& file, const Texts& settings = {});
 
 // The shipped descriptions; `overrides` replaces or adds keys, such as {{"ext_csd_rev", "6"}}.
 std::string GkiPhone(const Overrides& overrides = {});

@@ -215,7 +215,8 @@ void CheckNext(const Scenario& scenario, const SweepRun& made) {
 }
 
 Texts Check(const Scenario& scenario, const SweepRun& made) {
-    SCOPED_TRACE(scenario.name + ": " + (made.job ? made.job->fault : "without a fault"));
+    SCOPED_TRACE(scenario.name + ": " +
+                 (made.job ? FaultText(made.job->fault) : "without a fault"));
     switch (made.kind) {
     case SweepRun::BASE:
         EXPECT_EQ(Updates(made.run), scenario.updates);
@@ -244,7 +245,7 @@ TEST_F(SweepTest, EachCallFailsAndThePowerAtEachCall) {
         Put(file + ".toml", scenario.phone);
         Put(file, scenario.package);
         sweeps.push_back({scenario.name,
-                          Path(file + ".toml"),
+                          DescriptionOf(Path(file + ".toml")),
                           Path(file),
                           {!scenario.files.empty(), scenario.files}});
     }

@@ -64,7 +64,10 @@ TEST_F(SimphoneTest, EmmcDriverRefusesOddRequests) {
     for (const auto& row : rows) {
         mmc_ioc_cmd request = row.request;
         row.change(request);
-        EXPECT_EQ(AnswerMmc(directory, false, row.openFlags, request), row.error) << row.name;
+        Reply reply;
+        EXPECT_EQ(AnswerMmc(directory, false, row.openFlags, request, reply), row.error)
+            << row.name;
+        EXPECT_EQ(reply.taken == Taken::WHOLE, row.error == 0) << row.name;
     }
 }
 
@@ -103,13 +106,15 @@ TEST_F(SimphoneTest, UfsDeviceRefusesOddCommands) {
         request.cmdp = cdb;
         request.sbp = sense;
         row.change(request, cdb);
-        std::string response;
-        const int error = AnswerScsi(directory, {}, 0, O_RDWR, request, response);
+        Reply reply;
+        const int error = AnswerScsi(directory, {}, 0, O_RDWR, request, reply);
         EXPECT_EQ(error, row.error) << row.name;
         EXPECT_EQ((std::array<int, 3>{request.status, sense[2], sense[12]}),
                   (std::array<int, 3>{row.status, row.key, row.asc}))
             << row.name;
-        EXPECT_EQ(Get("/device/pending") == MISSING, &row != std::end(rows) - 1) << row.name;
+        const bool isLast = &row == std::end(rows) - 1;
+        EXPECT_EQ(Get("/device/pending") != MISSING, isLast) << row.name;
+        EXPECT_EQ(reply.taken == Taken::WHOLE, isLast) << row.name;
     }
 }
 
@@ -209,7 +214,7 @@ TEST_F(SimphoneTest, ToolNeverRunsWithoutItsPhone) {
     EXPECT_NE(TryRun({}, FFU_PATH, Path("/damaged.so")).error, "");
     EXPECT_NE(TryRun({}, FFU_PATH, tool).error, "");
     std::string error;
-    EXPECT_FALSE(MakePhone(Path("/phone.toml"), {}, directory, error)); // one is there
+    EXPECT_FALSE(MakePhone(DescriptionOf(Path("/phone.toml")), directory, error)); // one is there
 }
 
 // What a run leaves is all of it, and its own.
@@ -241,7 +246,7 @@ TEST_F(SimphoneTest, RunThatCannotBeKeptIsAnError) {
 TEST_F(SimphoneTest, JournalKeepsOddNames) {
     const Texts paths = {"", "-", "/a b/= 3", "/line\n2 open /x = 3\nfault", "\"\"", "\\x20\xFF"};
     Make(GkiPhone());
-    std::string journal = FaultLine("any #9 EIO");
+    std::string journal = FaultLine(3, Faults({"any #9 EIO"})[0]);
     for (const std::string& path : paths) {
         journal += CallLine({"open", path, "flags=0x0", "", 7, "-1", "ENOENT", true, 0});
     }
@@ -250,14 +255,14 @@ TEST_F(SimphoneTest, JournalKeepsOddNames) {
     for (size_t cut = 0; cut < CallLine(message).size(); cut++) { // whole, or ended in the middle
         Put(JOURNAL_FILE, journal.substr(0, journal.size() - cut));
         const Journal read = ReadJournal(directory);
-        EXPECT_EQ(read.faults, Texts{"any #9 EIO"});
+        EXPECT_EQ(read.faults, std::vector<size_t>{3});
         ASSERT_EQ(read.calls.size(), paths.size() + (cut == 0 ? 1 : 0));
         for (size_t i = 0; i < paths.size(); i++) {
             EXPECT_EQ(read.calls[i].path, paths[i]);
             EXPECT_EQ(read.calls[i].error + read.calls[i].result, "ENOENT-1");
             EXPECT_EQ(Argument(read.calls[i], "flags"), "0x0");
         }
-        EXPECT_EQ(read.calls.back().text, cut == 0 ? message.text : "");
+        EXPECT_EQ(read.calls.back().message, cut == 0 ? message.message : "");
     }
 }
 
@@ -276,17 +281,17 @@ TEST_F(SimphoneTest, TimeLineBearsAClosedConsole) {
 }
 
 TEST_F(SimphoneTest, HalfMadePhoneIsShownAndNotRestarted) {
-    std::string shown, error;
+    std::string error;
     Make(NormalPhone(), {{"/device/pending", ""}, {STATE + "/a\nb", "c"}});
     Put("/proc/bootdevice/product_name", MISSING);
-    EXPECT_FALSE(RebootPhone(directory, error)); // nothing was downloaded
-    EXPECT_TRUE(ShowPhone(directory, shown, error)) << error;
+    Phone phone = {directory, DescriptionOf(Path("/phone.toml"))};
+    EXPECT_FALSE(RebootPhone(phone, error)); // nothing was downloaded
+    const std::string shown = ShowPhone(phone);
     for (const char* part : {"product_name: No such file", "FW000002\n", "    a\\nb\n"}) {
         EXPECT_NE(shown.find(part), std::string::npos) << shown;
     }
     Put("/phone.toml", ""); // as far as another MakePhone has come
-    EXPECT_FALSE(ShowPhone(directory, shown, error));
-    EXPECT_NE(TryRun().error, "");
+    EXPECT_FALSE(OpenPhone(directory, phone, error));
 }
 
 // What settings make of a description is read as they say, and all else as it was.
@@ -311,13 +316,16 @@ TEST_F(SimphoneTest, SettingsReplaceKeys) {
     Make(UfsPhone({{"product_name", R"("\nA'''\\\u0001\u0085\n")"}}));
     for (const auto& row : rows) {
         std::string error;
+        Description phone;
         const bool isRight = row.error.empty();
         Put("/first", MISSING);
         Put("/again", MISSING);
-        EXPECT_EQ(MakePhone(Path("/phone.toml"), row.settings, Path("/first"), error), isRight);
+        EXPECT_EQ(ReadDescription(Path("/phone.toml"), row.settings, phone, error), isRight);
         EXPECT_NE(error.find(row.error), std::string::npos) << error;
         if (isRight) {
-            EXPECT_TRUE(MakePhone(Path("/first/phone.toml"), {}, Path("/again"), error)) << error;
+            EXPECT_TRUE(MakePhone(phone, Path("/first"), error)) << error;
+            phone = DescriptionOf(Path("/first/phone.toml"));
+            EXPECT_TRUE(MakePhone(phone, Path("/again"), error)) << error;
             EXPECT_EQ(Get("/again/proc/bootdevice/product_name"), row.name);
             EXPECT_EQ(Get("/again/proc/bootdevice/manfid"), row.mid);
         }
@@ -326,8 +334,9 @@ TEST_F(SimphoneTest, SettingsReplaceKeys) {
 
 TEST_F(SimphoneTest, FaultsThatNoCallMetAreTold) {
     Make(GkiPhone({{"faults", "['FFU_DOWNLOAD EIO']"}}), {{EMMC_PACKAGE, EmmcEntry()}});
-    EXPECT_EQ(Run({"FFU_INSTALL EIO", "fsync EIO", "fsync #2+ EIO", "any #1 EIO", "sleep end"})
-                  .unmetFaults,
+    const RunResult run =
+        Run({"FFU_INSTALL EIO", "fsync EIO", "fsync #2+ EIO", "any #1 EIO", "sleep end"});
+    EXPECT_EQ(FaultTexts(run.unmetFaults),
               (Texts{"FFU_INSTALL EIO", "fsync #2+ EIO", "sleep end"}));
 }
 
