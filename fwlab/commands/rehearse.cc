@@ -110,12 +110,13 @@ struct Running {
     std::string revision, image; // the image is empty if no run has downloaded one
 };
 
-Running ReadRunning(const std::string& phone, const Layout& layout) {
+Running ReadRunning(const Phone& phone, const Layout& layout) {
+    const std::string& folder = phone.directory;
     const size_t size = layout.revision.size;
     return {&layout == &UFS
-                ? Content(phone + "/proc/bootdevice/rev").substr(0, size)
-                : Content(phone + "/device/ext_csd.bin").substr(EXT_CSD_FIRMWARE_VERSION, size),
-            Content(phone + "/device/running.bin")};
+                ? Content(folder + "/proc/bootdevice/rev").substr(0, size)
+                : Content(folder + "/device/ext_csd.bin").substr(EXT_CSD_FIRMWARE_VERSION, size),
+            Content(folder + "/device/running.bin")};
 }
 
 // Returns whether the phone reports the revision of the entry that it took; also if it took none.
@@ -142,59 +143,49 @@ bool TellRunning(const Running& running, const Package& package, const Decision&
 
 // Whether another run, without the faults of the first, leaves the phone alone.
 bool FindsNothingToDo(const Phone& phone, Report& report) {
-    const std::string& directory = phone.directory;
-    const std::string record = Content(directory + RESULT_FILE);
+    const std::string& folder = phone.directory;
+    const std::string record = Content(folder + RESULT_FILE);
     report.Say("\nThe second run:\n");
     (void)Run({}, phone, report); // what it leaves is looked at below
-    const bool isQuiet = Content(directory + RESULT_FILE) == record &&
-                         fs::exists(directory + END_FLAG) && !fs::exists(directory + BEGIN_FLAG);
+    const bool isQuiet = Content(folder + RESULT_FILE) == record && fs::exists(folder + END_FLAG) &&
+                         !fs::exists(folder + BEGIN_FLAG);
     report.json["second_run_is_quiet"] = isQuiet;
     report.Say("The second run {} nothing to do.\n", isQuiet ? "found" : "did NOT find");
     return isQuiet;
 }
 
-// What is rehearsed.
-struct Rehearsal {
-    const RehearseOptions& options;
-    std::vector<Fault> faults;
-    Description description;
-    Device device;
-    Package package;
-};
-
 // Makes the phone in an empty or missing folder, runs the tool on it and tells what becomes of it.
 // Returns the exit status.
-int RehearseIn(const std::string& directory, const Rehearsal& rehearsal, Report& report) {
-    const RehearseOptions& options = rehearsal.options;
-    const Package& package = rehearsal.package;
-    const Phone phone = {directory, rehearsal.description};
+int RehearseOn(const Phone& phone, const std::vector<Fault>& faults, const RehearseOptions& options,
+               const Package& package, Report& report) {
+    const std::string& folder = phone.directory;
     std::string error;
-    if (!MakePhone(phone.description, directory, error) ||
+    if (!MakePhone(phone.description, folder, error) ||
         !PutPackage(phone, options.package, error)) {
         throw Stop{2, error};
     }
-    if (options.state && !WriteStateDirectory(directory, *options.state)) {
-        throw FailureAt(directory + STATE_DIR, errno);
+    if (options.state && !WriteStateDirectory(folder, *options.state)) {
+        throw FailureAt(folder + STATE_DIR, errno);
     }
-    const StateDirectory before = ReadStateDirectory(directory);
+    const StateDirectory before = ReadStateDirectory(folder);
     const auto found = before.files.find(fs::path(RESULT_FILE).filename());
     const Record record = found == before.files.end() ? Record() : ParseRecord(found->second);
-    const Decision decision =
-        Decide(package, rehearsal.device, found == before.files.end() ? nullptr : &record);
+    const Decision decision = Decide(package, DeviceOf(phone.description),
+                                     found == before.files.end() ? nullptr : &record);
     const auto judge = [&](const Running& running) {
-        return Judge(package, decision, running.image, before, ReadStateDirectory(directory));
+        return Judge(package, decision, running.image, before, ReadStateDirectory(folder));
     };
     report.Say("{}\n", ShowPhone(phone));
-    const RunResult run = Run(rehearsal.faults, phone, report);
+    const RunResult run = Run(faults, phone, report);
     Reboot(phone);
-    const Running running = ReadRunning(directory, *package.layout);
+    const Running running = ReadRunning(phone, *package.layout);
     const bool isReported = TellRunning(running, package, decision, report);
     bool isQuiet = true;
     Verdict verdict = judge(running);
     if (options.runAgain) {
         isQuiet = FindsNothingToDo(phone, report);
         Reboot(phone);
-        const Verdict later = judge(ReadRunning(directory, *package.layout));
+        const Verdict later = judge(ReadRunning(phone, *package.layout));
         verdict = verdict != Verdict::UPDATED && later == Verdict::UPDATED ? Verdict::UPDATED_NEXT
                                                                            : later;
     }
@@ -215,20 +206,20 @@ int RehearseIn(const std::string& directory, const Rehearsal& rehearsal, Report&
 
 int Rehearse(const RehearseOptions& options, bool asJson) {
     std::string error;
-    std::vector<Fault> faults(options.faults.size());
-    for (size_t i = 0; i < faults.size(); i++) { // before anything is made
-        if (!ParseFault(options.faults[i], faults[i], error)) {
+    std::vector<Fault> faults;
+    for (const std::string& text : options.faults) {
+        if (!ParseFault(text, faults.emplace_back(), error)) {
             throw Stop{2, error};
         }
     }
-    const Description description = ReadPhone(options.phone, options.settings);
-    const Device device = DeviceOf(description);
-    const Rehearsal rehearsal = {options, faults, description, device,
-                                 OpenPackage(options.package, device.identity.layout)};
+    Phone phone = {"", ReadPhone(options.phone, options.settings)};
+    const Package package =
+        OpenPackage(options.package, DeviceOf(phone.description).identity.layout);
     Report report = {asJson, options.quiet, {{"runs", Json::array()}}};
     int status = 0;
-    const auto rehearse = [&](const std::string& directory) {
-        status = RehearseIn(directory, rehearsal, report);
+    const auto rehearse = [&](const std::string& folder) {
+        phone.directory = folder;
+        status = RehearseOn(phone, faults, options, package, report);
     };
     if (options.keep.empty()) {
         const WorkFolder folder;

@@ -1,7 +1,5 @@
 #include "fwlab/package/difference.h"
 
-#include "fwlab/base/json.h"
-#include "fwlab/base/text.h"
 #include "fwlab/package/spans.h"
 #include "simphone/text.h"
 
