@@ -3,6 +3,7 @@
 #include "fwlab/base/json.h"
 #include "fwlab/commands/commands.h"
 #include "fwlab/phone/device.h"
+#include "fwlab/phone/pulled_state.h"
 #include "simphone/text.h"
 
 #include "version.h"
@@ -13,7 +14,6 @@
 #include <fmt/format.h>
 #include <functional>
 #include <iostream>
-#include <numeric>
 
 namespace {
 
@@ -29,6 +29,10 @@ struct Arguments {
     SweepRequest sweep;
     int status; // of the command
 };
+
+// An output must have a name.
+const CLI::Validator NAMED([](const std::string& name) { return name.empty() ? "is empty" : ""; },
+                           "");
 
 // A command without its own options. `run` returns its exit status.
 CLI::App* AddCommand(CLI::App& app, Arguments& args, const char* name, const char* summary,
@@ -49,7 +53,7 @@ void AddPack(CLI::App& app, Arguments& args) {
         "status 1: refused. A device that an entry describes must get exactly this entry, from "
         "each of the entry's base revisions.");
     pack->add_option("MANIFEST.toml", args.manifest, "the manifest")->required();
-    pack->add_option("-o,--output", args.output, "the package")->required();
+    pack->add_option("-o,--output", args.output, "the package")->required()->check(NAMED);
     pack->add_flag("--gki-only", args.gkiOnly, "allow eMMC images above 1 MiB");
 }
 
@@ -80,7 +84,7 @@ void AddUnpack(CLI::App& app, Arguments& args) {
         "pack makes the same bytes again from the package.toml there. Exit status 1: refused, as "
         "pack would not make this package; nothing is left behind.");
     unpack->add_option("PACKAGE", args.package, "the package")->required();
-    unpack->add_option("-o,--output", args.output, "a new folder")->required();
+    unpack->add_option("-o,--output", args.output, "a new folder")->required()->check(NAMED);
 }
 
 void AddVerify(CLI::App& app, Arguments& args) {
@@ -93,15 +97,19 @@ void AddVerify(CLI::App& app, Arguments& args) {
     verify->add_option("--manifest", args.manifest, "what it was made from")->required();
 }
 
-// The phone of a command, which settings may change.
-void AddPhone(CLI::App& command, std::string& phone, Texts& settings) {
-    command.add_option("--phone", phone, "the phone's description")->required();
+void AddSettings(CLI::App& command, Texts& settings) {
     command
         .add_option("--set", settings,
                     "another value for a key of the description, such as "
                     "cid.product_name=SIM065; bytes are \\n, \\\\ and \\xHH")
         ->type_name("KEY=VALUE")
         ->type_size(1);
+}
+
+// The phone of a command, which settings may change.
+void AddPhone(CLI::App& command, std::string& phone, Texts& settings) {
+    command.add_option("--phone", phone, "the phone's description")->required();
+    AddSettings(command, settings);
 }
 
 void AddMatch(CLI::App& app, Arguments& args) {
@@ -124,14 +132,24 @@ void AddRehearse(CLI::App& app, Arguments& args) {
     CLI::App* rehearse = AddCommand(
         app, args, "rehearse", "Run ffu on a simulated phone",
         [&] { return Rehearse(options, args.json); },
-        "Exit status 0: the device took the entry's body, and the phone runs its revision after a "
-        "restart.");
+        "The last line tells what has become of the phone, by what its device took and by its "
+        "record; how the run ended does not count. Exit status 0: the device took the entry's "
+        "body, the phone runs its revision after a restart, and the second run, if asked for, "
+        "finds nothing to do.");
     rehearse->add_option("PACKAGE", options.package, "the package")->required();
     AddPhone(*rehearse, options.phone, options.settings);
     rehearse
         ->add_option("--fault", options.faults, "a call that fails (see examples/emmc-phone.toml)")
         ->type_size(1);
-    rehearse->add_option("--keep", options.keep, "make the phone in this directory and keep it");
+    rehearse
+        ->add_option("--then", options.then,
+                     "a further run, without a restart, with this fault; without one if it is ''")
+        ->type_size(1);
+    rehearse->add_option_function<std::string>(
+        "--state", [&](const std::string& folder) { options.state = ReadPulledState(folder); },
+        "start with the files of this state directory, pulled from a phone");
+    rehearse->add_option("--keep", options.keep, "make the phone in this new folder and keep it")
+        ->check(NAMED);
     rehearse->add_flag("--reboot-and-run-again", options.runAgain,
                        "run again after the restart: that run must find nothing to do");
     rehearse->add_flag("--quiet", options.quiet, "leave out console lines of one character each");
@@ -141,16 +159,33 @@ void AddSweep(CLI::App& app, Arguments& args) {
     SweepRequest& request = args.sweep;
     CLI::App* sweep = AddCommand(
         app, args, "sweep", "Rehearse every failing call and power cut",
-        [&] { return Sweep(request, args.json); },
+        [&] {
+            if (request.package.empty() && request.phones.size() > 1) { // it came after --phone
+                request.package = request.phones.back();
+                request.phones.pop_back();
+            }
+            return Sweep(request, args.json);
+        },
         "Each call of the run fails, in each way, once and permanently. The power fails before "
-        "each call that changes the phone, with each loss of what was not synced. Exit status 1: "
-        "there are violations.");
-    sweep->add_option("PACKAGE", request.package, "the package")->required();
+        "each call that changes the phone, with each loss of what was not synced. Exit status 0: "
+        "each phone is updated by the run without a fault, and there are no violations. Each "
+        "violation comes with the rehearsal that shows it.");
+    sweep->add_option("PACKAGE", request.package, "the package");
     sweep->add_option("--phone", request.phones, "descriptions of phones")->required();
-    sweep->add_option("--jobs", request.jobs, "processes; without it one for each processor")
+    AddSettings(*sweep, request.settings);
+    sweep->add_option_function<std::string>(
+        "--state",
+        [&](const std::string& folder) {
+            request.stateFolder = folder;
+            request.state = ReadPulledState(folder);
+        },
+        "start with the files of this state directory, pulled from a phone");
+    sweep->add_option("--jobs", request.jobs, "threads; without it one for each processor")
         ->check(CLI::Range(1, 1024));
-    sweep->add_option("--junit", request.junit, "write a JUnit report: a test case for each call");
-    sweep->add_option("--html", request.html, "write a page with the runs and their time lines");
+    sweep->add_option("--junit", request.junit, "write a JUnit report: a test case for each call")
+        ->check(NAMED);
+    sweep->add_option("--html", request.html, "write a page with the runs and their time lines")
+        ->check(NAMED);
 }
 
 void AddOutcome(CLI::App& app, Arguments& args) {
@@ -202,51 +237,28 @@ void AddCapture(CLI::App& app, Arguments& args) {
     CLI::App* capture = AddCommand(
         app, args, "capture", "Describe a phone by nodes pulled from it",
         [&] { return Capture(options, args.json); },
-        "DIR holds the nodes as `adb exec-out cat` gives them, under their names alone or under "
-        "their paths. All phones: /proc/bootdevice/product_name. UFS: manfid and rev beside it "
-        "and, if known, /sys/block/sdc/queue/max_hw_sectors_kb. eMMC: ext_csd beside it and "
-        "/sys/class/mmc_host/mmc0/mmc0:0001/cid. If the phone's /data/vendor/fw is there too, "
-        "capture shows how to give its record to match. Exit status 1: the nodes do not describe "
-        "a phone.");
+        "DIR holds the nodes as `adb exec-out cat` gives them, under their paths. All phones: "
+        "/proc/bootdevice/product_name. UFS: manfid and rev beside it and, if known, "
+        "/sys/block/sdc/queue/max_hw_sectors_kb. eMMC: ext_csd beside it and "
+        "/sys/class/mmc_host/mmc0/mmc0:0001/cid. Exit status 1: the nodes do not describe a "
+        "phone.");
     capture->add_option("DIR", options.folder, "where they are")->required();
-    capture->add_option("-o,--output", options.output, "the description")->required();
+    capture->add_option("-o,--output", options.output, "the description")->required()->check(NAMED);
     capture
         ->add_option("--firmware-revision", options.firmwareRevision,
                      "the revision that the phone reports after an update (bytes: \\xHH)")
         ->required();
-    capture->add_option("--technology", options.technology, "needed if the nodes do not show it")
-        ->check(CLI::IsMember({"emmc", "ufs"}));
-    capture
-        ->add_option("--mode", options.mode, "of an eMMC phone; needed if ext_csd does not show it")
-        ->check(CLI::IsMember({"gki", "normal"}));
+    capture->add_option("--kind", options.kind, "emmc-gki if /proc/bootdevice/ffu is writable")
+        ->required()
+        ->check(CLI::IsMember({"emmc-gki", "emmc-normal", "ufs"}));
 }
 
-// How many characters have to be added, taken away or replaced to make one word of the other.
-size_t Distance(const std::string& from, const std::string& to) {
-    std::vector<size_t> row(to.size() + 1);
-    std::iota(row.begin(), row.end(), 0U);
-    for (size_t i = 0; i < from.size(); i++) {
-        size_t diagonal = std::exchange(row[0], i + 1);
-        for (size_t j = 0; j < to.size(); j++) {
-            const size_t replaced = diagonal + (from[i] == to[j] ? 0 : 1);
-            diagonal = row[j + 1];
-            row[j + 1] = std::min({replaced, row[j] + 1, row[j + 1] + 1});
-        }
-    }
-    return row[to.size()];
-}
-
-// Stop, with the nearest command, if the first word is none.
-void RequireCommand(const CLI::App& app, int argc, char** argv) {
-    const std::string word = argc < 2 ? "-" : argv[1];
-    std::string nearest;
-    for (const CLI::App* command : app.get_subcommands(nullptr)) {
-        const std::string name = command->get_name();
-        nearest =
-            nearest.empty() || Distance(word, name) < Distance(word, nearest) ? name : nearest;
-    }
-    if (word[0] != '-' && word != nearest) {
-        throw Stop{2, fmt::format("{} is no command; the nearest is {}", Quoted(word), nearest)};
+// Stop if the first word is no command, which the parser would say in other words.
+void RequireCommand(const CLI::App& app, const std::string& word) {
+    const auto commands = app.get_subcommands(nullptr);
+    const auto isNamed = [&](const CLI::App* command) { return command->get_name() == word; };
+    if (word[0] != '-' && std::none_of(commands.begin(), commands.end(), isNamed)) {
+        throw Stop{2, Quoted(word) + " is no command; --help lists them"};
     }
 }
 
@@ -269,7 +281,7 @@ int Run(int argc, char** argv) {
     AddOutcome(app, args);
     AddCapture(app, args);
     try {
-        RequireCommand(app, argc, argv);
+        RequireCommand(app, argc < 2 ? "-" : argv[1]);
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
         if (error.get_exit_code() == 0) { // a request for help or the version

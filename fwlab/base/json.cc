@@ -1,63 +1,8 @@
 #include "fwlab/base/json.h"
 
 #include "simphone/text.h"
-
 #include <algorithm>
 #include <fmt/format.h>
-
-namespace {
-
-Json NumberOf(const Entry* entry) {
-    return entry == nullptr ? Json() : Json(entry->number);
-}
-
-} // namespace
-
-Json Describe(const Identity& identity) {
-    const Layout& layout = *identity.layout;
-    Json shown;
-    for (const Field& field :
-         {layout.manufacturer, layout.name, layout.extCsdRev, layout.revision, layout.marketName}) {
-        const std::string bytes = Get(identity, field);
-        if (field.size > 0) {
-            shown[field.key] =
-                field.size == 1 ? Json(static_cast<uint8_t>(bytes[0])) : Json(Escaped(bytes));
-        }
-    }
-    const auto base = BaseRevisionsOf(identity);
-    Json& revisions = shown[layout.baseRevs.key] = base ? Json::array() : Json("any");
-    for (const std::string& revision : base.value_or(Texts())) {
-        revisions.push_back(Escaped(revision));
-    }
-    return shown;
-}
-
-std::string InWords(std::string answer, const std::string& why) {
-    const bool isCalm = answer == NameOf(Verdict::NOTHING) || answer == NameOf(Verdict::REFUSED) ||
-                        answer == NameOf(Verdict::ATTEMPTED);
-    std::transform(answer.begin(), answer.end(), answer.begin(), [&](unsigned char c) {
-        return c == '-' ? ' ' : static_cast<char>(isCalm ? c : toupper(c));
-    });
-    return answer + ": " + why;
-}
-
-Json Describe(const Decision& decision) {
-    Json steps = Json::array();
-    for (const Step& step : decision.steps) {
-        steps.push_back({{"step", step.name},
-                         {"goes_on", step.goesOn},
-                         {"entry", NumberOf(step.entry)},
-                         {"reason", step.reason},
-                         {"messages", step.messages}});
-    }
-    return {{"answer", NameOf(decision.verdict)},
-            {"why", decision.why},
-            {"pre_check", NumberOf(decision.PreCheck())},
-            {"recorded", decision.recorded.empty() ? Json() : Json(Escaped(decision.recorded))},
-            {"sent", NumberOf(decision.sent)},
-            {"sent_bytes", decision.sentSize},
-            {"steps", steps}};
-}
 
 void Show(bool asJson, const Json& report, const std::function<void()>& print) {
     if (asJson) {

@@ -1,23 +1,10 @@
 // Answers for programs. All texts are printable: other bytes are written as \n, \\ and \xHH.
 #pragma once
 
-#include "fwlab/phone/decision.h"
-
 #include <functional>
 #include <nlohmann/json.hpp>
 
 using Json = nlohmann::ordered_json;
-
-// The fields of a header by their keys, manufacturer first, without the body's size.
-Json Describe(const Identity& identity);
-
-// An answer and its reason, for a line of a table. The answer is in capital letters unless it is
-// that of a phone that rightly gets no update (NOTHING, REFUSED, ATTEMPTED).
-std::string InWords(std::string answer, const std::string& why);
-
-// "answer" (see NameOf), "why", the entries by their numbers (null for none), the revision that
-// goes on record and the number of bytes that the device gets.
-Json Describe(const Decision& decision);
 
 // Prints the report for programs, or calls `print`, which prints the answer for people.
 void Show(bool asJson, const Json& report, const std::function<void()>& print);

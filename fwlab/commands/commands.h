@@ -4,8 +4,8 @@
 
 #include "fwlab/base/stop.h"
 #include "fwlab/base/text.h"
-#include "fwlab/package/package.h"
 #include "simphone/description.h"
+#include "simphone/power_loss.h"
 
 #include <optional>
 
@@ -13,15 +13,6 @@
 // by a whole package. withLargeEmmc allows eMMC images above 1 MiB, which only GKI mode takes.
 int Pack(const std::string& manifestFile, const std::string& output, bool withLargeEmmc,
          bool asJson);
-
-// The same package in memory.
-struct Built {
-    std::shared_ptr<const std::string> bytes;
-    Package package; // of these bytes
-    size_t entries;
-    Texts inputs; // the files from which it was made
-};
-Built BuildPackage(const std::string& manifestFile, bool withLargeEmmc);
 
 int List(const std::string& packageFile, bool asJson);
 
@@ -41,12 +32,14 @@ int Match(const std::string& packageFile, const Description& phone, const std::s
           bool asJson);
 
 struct RehearseOptions {
-    std::string package, phone; // the package and the phone's description
-    Texts settings;             // KEY=VALUE: see ReadPhone
-    std::string keep;           // where to make and keep the phone; empty: it is temporary
-    Texts faults;
-    bool runAgain;
-    bool quiet; // leave out console lines of one character each
+    std::string package, phone;          // the package and the phone's description
+    Texts settings;                      // KEY=VALUE: see ReadPhone
+    std::string keep;                    // where to make and keep the phone; empty: it is temporary
+    std::optional<StateDirectory> state; // that the phone starts with; see ReadPulledState
+    Texts faults;                        // of the first run
+    Texts then;                          // the fault of each further run; empty: none
+    bool runAgain;                       // after a restart
+    bool quiet;                          // leave out console lines of one character each
 };
 // Runs the ffu that was built or installed with this program.
 int Rehearse(const RehearseOptions& options, bool asJson);
@@ -66,7 +59,7 @@ int Outcome(const OutcomeOptions& options, bool asJson);
 
 struct CaptureOptions {
     std::string folder, output;
-    std::string technology, mode; // empty: the nodes show it
+    std::string kind;             // "emmc-gki", "emmc-normal" or "ufs"
     std::string firmwareRevision; // what the phone reports after an update, as Escaped writes it
 };
 // Writes the description of the phone whose nodes are in the folder.
@@ -74,9 +67,12 @@ int Capture(const CaptureOptions& options, bool asJson);
 
 struct SweepRequest {
     std::string package;
-    Texts phones;            // their descriptions
-    unsigned jobs;           // processes; 0: one for each processor
-    std::string junit, html; // reports to write, each whole or not at all; empty: none
+    Texts phones;                        // their descriptions
+    Texts settings;                      // KEY=VALUE: see ReadPhone
+    std::string stateFolder;             // the state directory that they start with; empty: none
+    std::optional<StateDirectory> state; // what it has, see ReadPulledState
+    unsigned jobs;                       // threads; 0: one for each processor
+    std::string junit, html;             // reports to write, each whole or not at all; empty: none
 };
 // Runs the ffu that was built or installed with this program, some thousand times for each phone.
 // Stop with 128 plus the signal's number if a signal interrupts it.

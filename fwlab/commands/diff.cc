@@ -1,145 +1,61 @@
 // Compares two packages: by their entries, and by what devices get from them.
+#include "fwlab/base/json.h"
 #include "fwlab/commands/commands.h"
 #include "fwlab/package/difference.h"
+#include "fwlab/package/digest.h"
 #include "fwlab/package/spans.h"
 #include "fwlab/phone/decision.h"
 #include "simphone/text.h"
 
 #include <algorithm>
 #include <fmt/format.h>
-#include <map>
 #include <set>
+#include <string_view>
 
 namespace {
 
-struct Side {
-    Package package;
-    std::vector<const Entry*> entries;           // its own
-    std::map<const Entry*, std::string> digests; // of their bodies
-};
+using Entries = std::vector<const Entry*>;
 
-Side Read(const std::string& path) {
-    Side side = {OpenPackage(path), {}, {}};
-    const Package& package = side.package;
-    if (package.size > PACKAGE_SIZE_MAX) {
-        throw Stop{2, path + " " + package.flaw};
+// The own entries of one package that the other one does not have, byte by byte.
+Entries OnlyIn(const Package& package, const Package& other) {
+    const auto bytes = [](const Package& in, const Entry& entry) {
+        const auto* first = reinterpret_cast<const char*>(in.bytes.get() + entry.offset);
+        return std::string_view(first, entry.body - entry.offset + entry.bodySize);
+    };
+    std::set<std::string_view> others;
+    for (const Entry* entry : OwnEntries(other)) {
+        others.insert(bytes(other, *entry));
     }
-    if (package.size != 0 && package.entries.empty()) {
-        throw Stop{2, path + " holds no entry"};
+    Entries only;
+    for (const Entry* entry : OwnEntries(package)) {
+        only.insert(only.end(), others.count(bytes(package, *entry)) == 0 ? 1 : 0, entry);
     }
-    side.entries = OwnEntries(package);
-    for (const Entry* entry : side.entries) {
-        side.digests[entry] = entry->bodyFits ? Sha256(package, entry->body, entry->bodySize) : "";
-    }
-    return side;
+    return only;
 }
-
-// The entries of the same device in both packages; either may be null.
-struct Pair {
-    const Entry *before, *after;
-};
 
 bool IsSameDevice(const Identity& one, const Identity& other) {
     const Layout& layout = *one.layout;
-    return Get(one, layout.manufacturer) == Get(other, layout.manufacturer) &&
-           Get(one, layout.name) == Get(other, layout.name) &&
-           Get(one, layout.extCsdRev) == Get(other, layout.extCsdRev);
+    const Field fields[] = {layout.manufacturer, layout.name, layout.extCsdRev};
+    return std::all_of(std::begin(fields), std::end(fields),
+                       [&](const Field& field) { return Get(one, field) == Get(other, field); });
 }
 
-// Of several entries for one device, the most alike belong together.
-std::vector<Pair> PairsOf(const Side& before, const Side& after) {
-    std::map<const Entry*, const Entry*> partners; // of both sides
-    const auto join = [&](auto isLike) {
-        for (const Entry* one : before.entries) {
-            for (const Entry* other : after.entries) {
-                if (partners.count(one) == 0 && partners.count(other) == 0 &&
-                    IsSameDevice(one->identity, other->identity) && isLike(*one, *other)) {
-                    partners[one] = other;
-                    partners[other] = one;
-                }
+// What phones do not get, as their revision does not change.
+Texts NotesOf(const Entries& removed, const Entries& added) {
+    Texts notes;
+    for (const Entry* before : removed) {
+        for (const Entry* after : added) {
+            const Field& revision = after->identity.layout->revision;
+            const std::string own = Get(after->identity, revision);
+            if (IsSameDevice(before->identity, after->identity) &&
+                own == Get(before->identity, revision)) {
+                notes.push_back(fmt::format("another entry under the same revision: phones that "
+                                            "run or attempted {} do not get it",
+                                            Quoted(own)));
             }
         }
-    };
-    const auto revision = [](const Entry& entry) {
-        return Get(entry.identity, entry.identity.layout->revision);
-    };
-    join([&](const Entry& one, const Entry& other) {
-        return one.identity.header == other.identity.header &&
-               before.digests.at(&one) == after.digests.at(&other);
-    });
-    join([&](const Entry& one, const Entry& other) { return revision(one) == revision(other); });
-    join([](const Entry&, const Entry&) { return true; });
-    std::vector<Pair> pairs;
-    for (const Entry* entry : after.entries) {
-        pairs.push_back({partners[entry], entry});
     }
-    for (const Entry* entry : before.entries) {
-        if (partners[entry] == nullptr) {
-            pairs.push_back({entry, nullptr});
-        }
-    }
-    return pairs;
-}
-
-// The place of an entry among those that are in both packages, from 1: entries that were added or
-// removed do not count.
-size_t PlaceOf(const Entry* entry, const std::vector<Pair>& pairs, const Entry* Pair::*side) {
-    return 1 + static_cast<size_t>(std::count_if(pairs.begin(), pairs.end(), [&](const Pair& pair) {
-               return pair.before != nullptr && pair.after != nullptr &&
-                      (pair.*side)->offset < entry->offset;
-           }));
-}
-
-Json Describe(const Entry* entry, const Side& side) {
-    if (entry == nullptr) {
-        return {};
-    }
-    Json shown = {{"number", entry->number}, {"offset", entry->offset}};
-    shown.update(Describe(entry->identity));
-    shown["body_size"] = entry->bodySize;
-    shown["sha256"] = side.digests.at(entry);
-    return shown;
-}
-
-Json DifferencesOf(const Pair& pair, const std::vector<Pair>& pairs, const Side& before,
-                   const Side& after) {
-    Json list = Json::array();
-    const auto add = [&](const std::string& field, const Json& one, const Json& other) {
-        if (one != other) {
-            list.push_back({{"field", field}, {"old", one}, {"new", other}});
-        }
-    };
-    add("place", PlaceOf(pair.before, pairs, &Pair::before),
-        PlaceOf(pair.after, pairs, &Pair::after));
-    for (const Difference& difference :
-         DifferencesOf(pair.before->identity, pair.after->identity)) {
-        add(difference.field, difference.first, difference.second);
-    }
-    add("sha256", before.digests.at(pair.before), after.digests.at(pair.after));
-    return list;
-}
-
-Json Describe(const Pair& pair, const std::vector<Pair>& pairs, const Side& before,
-              const Side& after) {
-    const bool isInBoth = pair.before != nullptr && pair.after != nullptr;
-    const Json differences = isInBoth ? DifferencesOf(pair, pairs, before, after) : Json::array();
-    Json notes = Json::array();
-    if (isInBoth && before.digests.at(pair.before) != after.digests.at(pair.after)) {
-        const Field& revision = pair.before->identity.layout->revision;
-        const std::string own = Get(pair.after->identity, revision);
-        if (own == Get(pair.before->identity, revision)) {
-            notes.push_back("another image under the same revision: phones that run or attempted " +
-                            Quoted(own) + " do not get it");
-        }
-    }
-    return {{"change", pair.before == nullptr  ? "added"
-                       : pair.after == nullptr ? "removed"
-                       : differences.empty()   ? "same"
-                                               : "changed"},
-            {"old", Describe(pair.before, before)},
-            {"new", Describe(pair.after, after)},
-            {"differences", differences},
-            {"notes", notes}};
+    return notes;
 }
 
 // A device that a package describes, with the revisions that it may run.
@@ -149,10 +65,10 @@ struct Model {
     bool isAnyAdmitted;
 };
 
-std::vector<Model> ModelsOf(const Side& before, const Side& after) {
+std::vector<Model> ModelsOf(const Package& before, const Package& after) {
     std::vector<Model> models;
-    for (const Side* side : {&before, &after}) {
-        for (const Entry* entry : side->entries) {
+    for (const Package* package : {&before, &after}) {
+        for (const Entry* entry : OwnEntries(*package)) {
             const Identity& identity = entry->identity;
             auto model = std::find_if(models.begin(), models.end(), [&](const Model& known) {
                 return IsSameDevice(known.identity, identity);
@@ -173,78 +89,71 @@ std::vector<Model> ModelsOf(const Side& before, const Side& after) {
 
 // A revision that is none of the model's, and older than any printable one.
 std::string OtherRevision(const Model& model) {
-    const size_t size = model.identity.layout->revision.size;
-    std::string other;
-    for (uint32_t number = 0x01010101; other.empty() || model.revisions.count(other) > 0;
-         number++) {
-        other = std::string(size - 4, '\1');
-        for (const int shift : {24, 16, 8, 0}) {
-            other += static_cast<char>(number >> shift);
+    std::string other(model.identity.layout->revision.size, '\1');
+    while (model.revisions.count(other) > 0) { // count up, from the last byte on
+        for (size_t at = other.size(); at > 0 && ++other[--at] == '\0';) {
         }
     }
     return other;
 }
 
-// What the device gets: the answer in short, and its digest.
-Json Describe(const Decision& decision, const Side& side) {
-    Json shown = Describe(decision);
-    shown.erase("steps");
-    shown["revision"] = Json();
-    shown["sha256"] = Json();
-    if (decision.sent != nullptr) {
-        const Identity& identity = decision.sent->identity;
-        shown["revision"] = Escaped(Get(identity, identity.layout->revision));
-        const auto known = side.digests.find(decision.sent);
-        shown["sha256"] = known != side.digests.end() && decision.sentSize == known->first->bodySize
-                              ? known->second
-                              : Sha256(side.package, decision.sent->body, decision.sentSize);
-    }
-    return shown;
+// What a device gets from both packages.
+struct Row {
+    std::string device; // with its revision and mode, for people
+    Decision before, after;
+    bool isSame; // it ends with the same firmware and the same record
+};
+
+bool IsSameEnd(const Package& one, const Decision& was, const Package& other, const Decision& is) {
+    const auto sent = [](const Package& package, const Decision& decision) {
+        const uint8_t* first =
+            package.bytes.get() + (decision.sent == nullptr ? 0 : decision.sent->body);
+        return std::string_view(reinterpret_cast<const char*>(first), decision.sentSize);
+    };
+    return was.verdict == is.verdict && was.recorded == is.recorded &&
+           sent(one, was) == sent(other, is);
 }
 
-// Whether the device ends with the same firmware and the same record.
-bool IsSameAnswer(const Json& one, const Json& other) {
-    const auto same = [&](const char* key) { return one[key] == other[key]; };
-    return same("answer") && same("recorded") && same("sha256");
-}
-
-Json DescribeDevices(const Side& before, const Side& after) {
-    Json devices = Json::array();
-    const auto needsGki = [](const Entry* entry) { return NeedsGkiMode(*entry); };
-    const bool hasModes = std::any_of(before.entries.begin(), before.entries.end(), needsGki) ||
-                          std::any_of(after.entries.begin(), after.entries.end(), needsGki);
-    const auto add = [&](const Model& model, const std::string& revision, const Json& runs) {
+std::vector<Row> RowsOf(const Package& one, const Package& other) {
+    const auto needsGki = [](const Entry& entry) { return entry.bodyFits && NeedsGkiMode(entry); };
+    const bool hasModes = std::any_of(one.entries.begin(), one.entries.end(), needsGki) ||
+                          std::any_of(other.entries.begin(), other.entries.end(), needsGki);
+    std::vector<Row> rows;
+    const auto add = [&](const Model& model, const std::string& revision, const std::string& runs) {
         for (const bool gki : hasModes ? std::vector<bool>{false, true} : std::vector<bool>{true}) {
             Device device = {model.identity, gki, 0};
             Set(device.identity, model.identity.layout->revision, revision);
-            const Json was = Describe(Decide(before.package, device), before);
-            const Json is = Describe(Decide(after.package, device), after);
-            Json shown = Describe(model.identity);
-            const Layout& layout = *model.identity.layout;
-            for (const Field& field : {layout.revision, layout.marketName, layout.baseRevs}) {
-                shown.erase(field.key);
-            }
-            shown["mode"] = hasModes ? Json(gki ? "gki" : "normal") : Json();
-            shown["runs"] = runs;
-            shown["same"] = IsSameAnswer(was, is);
-            shown["old"] = was;
-            shown["new"] = is;
-            devices.push_back(shown);
+            const char* mode = !hasModes ? "" : gki ? " in GKI mode" : " in normal mode";
+            const Decision was = Decide(one, device), is = Decide(other, device);
+            rows.push_back({fmt::format("{} runs {}{}", Title(device.identity), runs, mode), was,
+                            is, IsSameEnd(one, was, other, is)});
         }
     };
-    for (const Model& model : ModelsOf(before, after)) {
+    for (const Model& model : ModelsOf(one, other)) {
         for (const std::string& revision : model.revisions) {
-            add(model, revision, Escaped(revision));
+            add(model, revision, Quoted(revision));
         }
         if (model.isAnyAdmitted) {
-            add(model, OtherRevision(model), Json());
+            add(model, OtherRevision(model),
+                model.identity.layout == &UFS ? "another, older revision" : "another revision");
         }
     }
-    return devices;
+    return rows;
 }
 
-Json Describe(const Side& side) {
-    const Package& package = side.package;
+Json Describe(const Package& package, const Entries& entries) {
+    Json list = Json::array();
+    for (const Entry* entry : entries) {
+        Json shown = {{"number", entry->number}, {"offset", entry->offset}};
+        shown.update(Describe(entry->identity));
+        shown["body_size"] = entry->bodySize;
+        shown["sha256"] = Sha256(package, entry->body, entry->bodySize);
+        list.push_back(shown);
+    }
+    return list;
+}
+
+Json Describe(const Package& package) {
     Json others = Json::array();
     for (const Span& span : Uncovered(package)) {
         others.push_back({{"offset", span.offset},
@@ -254,94 +163,76 @@ Json Describe(const Side& side) {
     return {{"package", Escaped(package.path)},
             {"size", package.size},
             {"sha256", Sha256(package, 0, package.size)},
-            {"entries", side.entries.size()},
+            {"entries", OwnEntries(package).size()},
             {"bytes_of_no_entry", others}};
 }
 
-std::string NameOfDevice(const Json& described, const Layout& layout) {
-    std::string name =
-        Shown(described[layout.manufacturer.key]) + " " + Shown(described[layout.name.key]);
-    return layout.extCsdRev.size > 0
-               ? name + ", EXT_CSD_REV " + Shown(described[layout.extCsdRev.key])
-               : name;
+// What the device gets.
+Json Describe(const Package& package, const Decision& decision) {
+    Json shown = Describe(decision);
+    shown.erase("steps");
+    shown["sha256"] = decision.sent == nullptr
+                          ? Json()
+                          : Json(Sha256(package, decision.sent->body, decision.sentSize));
+    return shown;
 }
 
-void PrintEntry(const Json& item, const Layout& layout) {
-    const std::string change = item["change"];
-    if (change == "same") {
-        return;
-    }
-    std::string places;
-    for (const char* side : {"old", "new"}) {
-        if (!item[side].is_null()) {
-            places +=
-                fmt::format("{}{} entry {} at {:#x}", places.empty() ? "" : ", ", side,
-                            item[side]["number"].get<size_t>(), item[side]["offset"].get<size_t>());
+std::string AnswerOf(const Package& package, const Decision& decision) {
+    return decision.verdict == Verdict::UPDATED
+               ? fmt::format("gets {}, {} bytes of entry {}, sha256 {}...",
+                             Quoted(*decision.recorded), decision.sentSize, decision.sent->number,
+                             Sha256(package, decision.sent->body, decision.sentSize).substr(0, 12))
+               : InWords(decision.verdict, WhyOf(decision));
+}
+
+void PrintEntries(const char* change, const Json& entries) {
+    for (const Json& entry : entries) {
+        std::string text;
+        for (const auto& [key, value] : entry.items()) {
+            text += fmt::format("{}{} {}", text.empty() ? "" : ", ", key, Shown(value));
         }
+        fmt::print("{}: {}\n", change, text);
     }
-    const Json& shown = item["new"].is_null() ? item["old"] : item["new"];
-    fmt::print("{}: {}, revision {} ({})\n", change, NameOfDevice(shown, layout),
-               Shown(shown[layout.revision.key]), places);
-    for (const Json& difference : item["differences"]) {
-        fmt::print("    {}: {} -> {}\n", difference["field"].get<std::string>(),
-                   Shown(difference["old"]), Shown(difference["new"]));
-    }
-    for (const Json& note : item["notes"]) {
-        fmt::print("    NOTE: {}\n", note.get<std::string>());
-    }
-}
-
-std::string AnswerOf(const Json& answer) {
-    if (answer["answer"] == NameOf(Verdict::UPDATE)) {
-        return fmt::format("gets {}, {} bytes of entry {}, sha256 {}...", Shown(answer["revision"]),
-                           answer["sent_bytes"].get<size_t>(), answer["sent"].get<size_t>(),
-                           answer["sha256"].get<std::string>().substr(0, 12));
-    }
-    return InWords(answer["answer"], answer["why"]);
-}
-
-void Print(const Json& report, const Layout& layout) {
-    for (const Json& item : report["entries"]) {
-        PrintEntry(item, layout);
-    }
-    if (report["old"]["bytes_of_no_entry"] != report["new"]["bytes_of_no_entry"]) {
-        fmt::print("The bytes that belong to no entry differ: `fwlab list` shows them.\n");
-    }
-    for (const Json& device : report["devices"]) {
-        const bool isOther = device["runs"].is_null();
-        const std::string runs = !isOther          ? Shown(device["runs"])
-                                 : &layout == &UFS ? "another, older revision"
-                                                   : "another revision";
-        const std::string mode = device["mode"].is_null()  ? ""
-                                 : device["mode"] == "gki" ? " in GKI mode"
-                                                           : " in normal mode";
-        fmt::print("{}{} runs {}{}:\n",
-                   device["same"] ? "" : "CHANGES: ", NameOfDevice(device, layout), runs, mode);
-        fmt::print("    old: {}\n    new: {}\n", AnswerOf(device["old"]), AnswerOf(device["new"]));
-    }
-    fmt::print("{}\n", report["same"] ? "The packages are the same." : "The packages differ.");
 }
 
 } // namespace
 
 int Diff(const std::string& oldFile, const std::string& newFile, bool asJson) {
-    const Side before = Read(oldFile), after = Read(newFile);
-    const Package &one = before.package, &other = after.package;
-    if (!before.entries.empty() && !after.entries.empty() && one.layout != other.layout) {
+    const Package before = OpenPackage(oldFile), after = OpenPackage(newFile);
+    if (before.size > 0 && after.size > 0 && before.layout != after.layout) {
         throw Stop{2, "one package is for eMMC, the other one for UFS"};
     }
-    const std::vector<Pair> pairs = PairsOf(before, after);
-    const bool isSame = IsSame(one, other);
+    const Entries removed = OnlyIn(before, after), added = OnlyIn(after, before);
+    const std::vector<Row> rows = RowsOf(before, after);
+    const bool isSame = !FirstDifference(before, after);
     Json report = {{"old", Describe(before)},
                    {"new", Describe(after)},
                    {"same", isSame},
-                   {"entries", Json::array()},
-                   {"devices", DescribeDevices(before, after)}};
-    for (const Pair& pair : pairs) {
-        report["entries"].push_back(Describe(pair, pairs, before, after));
+                   {"removed", Describe(before, removed)},
+                   {"added", Describe(after, added)},
+                   {"notes", NotesOf(removed, added)},
+                   {"devices", Json::array()}};
+    for (const Row& row : rows) {
+        report["devices"].push_back({{"device", row.device},
+                                     {"same", row.isSame},
+                                     {"old", Describe(before, row.before)},
+                                     {"new", Describe(after, row.after)}});
     }
-    const Layout& layout =
-        after.entries.empty() && one.layout != nullptr ? *one.layout : *other.layout;
-    Show(asJson, report, [&] { Print(report, layout); });
+    Show(asJson, report, [&] {
+        PrintEntries("removed", report["removed"]);
+        PrintEntries("added", report["added"]);
+        for (const std::string& note : NotesOf(removed, added)) {
+            fmt::print("NOTE: {}\n", note);
+        }
+        if (report["old"]["bytes_of_no_entry"] != report["new"]["bytes_of_no_entry"]) {
+            fmt::print("The bytes that belong to no entry differ: `fwlab list` shows them.\n");
+        }
+        for (const Row& row : rows) {
+            fmt::print("{}{}:\n    old: {}\n    new: {}\n",
+                       row.isSame ? "" : "CHANGES: ", row.device, AnswerOf(before, row.before),
+                       AnswerOf(after, row.after));
+        }
+        fmt::print("{}\n", isSame ? "The packages are the same." : "The packages differ.");
+    });
     return isSame ? 0 : 1;
 }

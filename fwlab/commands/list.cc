@@ -1,7 +1,9 @@
 // Shows what a package holds and what is wrong with it, without changing it.
 #include "fwlab/base/json.h"
 #include "fwlab/commands/commands.h"
+#include "fwlab/package/digest.h"
 #include "fwlab/package/spans.h"
+#include "fwlab/phone/decision.h"
 #include "simphone/text.h"
 
 #include <algorithm>
@@ -43,8 +45,8 @@ Json Describe(const Package& package) {
     for (const Entry& entry : package.entries) {
         entries.push_back(Describe(package, entry, OuterEntry(package, entry)));
     }
-    if (entries.empty()) {
-        report["findings"].push_back(package.flaw.empty() ? "holds no entry" : package.flaw);
+    if (package.size == 0) {
+        report["findings"].push_back("it is empty: phones find nothing to do");
     }
     return report;
 }

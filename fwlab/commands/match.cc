@@ -4,6 +4,7 @@
 #include "fwlab/phone/decision.h"
 #include "simphone/text.h"
 
+#include <algorithm>
 #include <fmt/format.h>
 
 namespace {
@@ -12,57 +13,56 @@ std::string RevisionOf(const Identity& identity) {
     return Get(identity, identity.layout->revision);
 }
 
-void Print(const Step& step) {
-    const std::string taken = step.entry == nullptr
-                                  ? ""
-                                  : fmt::format("selects {}, revision {}{}", Title(*step.entry),
-                                                Quoted(RevisionOf(step.entry->identity)),
-                                                step.reason.empty() ? "" : ": ");
-    fmt::print("{}: {}: {}{}\n", step.name, step.goesOn ? "goes on" : "ends here", taken,
-               step.reason);
+void Print(const Step& step, const Identity& device) {
+    const std::string reason = Sentence(step.reason, device);
+    const std::string taken =
+        step.entry == nullptr
+            ? ""
+            : fmt::format("selects {}, revision {}{}", Title(*step.entry),
+                          Quoted(RevisionOf(step.entry->identity)), reason.empty() ? "" : ": ");
+    fmt::print("{}: {}: {}{}\n", step.name, step.goesOn ? "goes on" : "ends here", taken, reason);
     for (const std::string& message : step.messages) {
         fmt::print("    would log: {}\n", message);
     }
 }
 
-// The answer in words, and what to change.
-std::string Sentence(const Decision& decision) {
-    const std::string recorded = Quoted(decision.recorded);
-    const std::string remedy = fmt::format(
-        "The phone puts the attempt for {} on record and never makes another one for it. "
-        "Correct the package before phones get it; afterwards only another revision "
-        "reaches them.",
-        recorded);
-    switch (decision.verdict) {
-    case Verdict::UPDATE:
-        return fmt::format("An update to {}: {} bytes of {}.",
-                           Quoted(RevisionOf(decision.sent->identity)), decision.sentSize,
-                           Title(*decision.sent));
-    case Verdict::NOTHING:
-    case Verdict::REFUSED:
-        return "No update.";
-    case Verdict::ATTEMPTED:
-        return "No update: the phone counts this revision as attempted.";
-    case Verdict::STOPS:
-        return "No update: the phone cannot parse fw_result. This run stops, and so does every "
-               "later run with an update.";
-    case Verdict::WRONG_IMAGE:
-        return "Used up, with the WRONG IMAGE: " + decision.why + ". " + remedy;
-    case Verdict::STUCK:
-        return "Used up: an update to " + recorded + ", but " + decision.why +
-               ". Every later run with an update stops.";
-    case Verdict::USED_UP:
-        break;
+// The answer, and what to change.
+std::string AnswerOf(const Decision& decision) {
+    if (decision.verdict == Verdict::UPDATED) {
+        return fmt::format("An update to {}: {} bytes of {}.", Quoted(*decision.recorded),
+                           decision.sentSize, Title(*decision.sent));
     }
-    return "Used up: " + decision.why + ". " + remedy;
+    const std::string answer = InWords(decision.verdict, WhyOf(decision)) + ". ";
+    if (decision.verdict == Verdict::RECORD_UNREADABLE) {
+        return answer + "Every run that has an update stops.";
+    }
+    return decision.recorded
+               ? answer + fmt::format("The phone puts the attempt for {} on record and never makes "
+                                      "another one for it. Correct the package before phones get "
+                                      "it; afterwards only another revision reaches them.",
+                                      Quoted(*decision.recorded))
+               : answer + "No update.";
+}
+
+// The keys of the description that the decision does not know.
+Texts NotLookedAt(const Description& phone) {
+    Texts keys;
+    const auto isOther = [](const DeviceAnswer& answer) { return answer.kind != DeviceAnswer::Kind::ACCEPTED; };
+    if (std::any_of(phone.answers.begin(), phone.answers.end(), isOther)) {
+        keys.emplace_back("write_buffer");
+    }
+    if (!phone.faults.empty()) {
+        keys.emplace_back("faults");
+    }
+    return keys;
 }
 
 void Print(const Identity& device, const Decision& decision) {
     fmt::print("device: {}, runs {}\n", Title(device), Quoted(RevisionOf(device)));
     for (const Step& step : decision.steps) {
-        Print(step);
+        Print(step, device);
     }
-    fmt::print("{}\n", Sentence(decision));
+    fmt::print("{}\n", AnswerOf(decision));
     for (const std::string& note : decision.sent == nullptr ? Texts() : NotesOf(*decision.sent)) {
         fmt::print("Note: {}.\n", note);
     }
@@ -74,11 +74,15 @@ int Match(const std::string& packageFile, const Description& phone, const std::s
           bool asJson) {
     const Device device = DeviceOf(phone);
     const Package package = OpenPackage(packageFile, device.identity.layout);
-    if (!package.flaw.empty()) {
-        throw Stop{1, packageFile + " " + package.flaw};
-    }
     const Record record = recordFile.empty() ? Record() : ReadRecord(recordFile);
     const Decision decision = Decide(package, device, recordFile.empty() ? nullptr : &record);
-    Show(asJson, Describe(decision), [&] { Print(device.identity, decision); });
-    return decision.verdict == Verdict::UPDATE ? 0 : 1;
+    Json report = Describe(decision);
+    report["not_looked_at"] = NotLookedAt(phone);
+    Show(asJson, report, [&] {
+        Print(device.identity, decision);
+        for (const std::string& key : NotLookedAt(phone)) {
+            fmt::print("Note: {} in the description is not looked at: rehearse does.\n", key);
+        }
+    });
+    return decision.verdict == Verdict::UPDATED ? 0 : 1;
 }

@@ -2,6 +2,7 @@
 #include "fwlab/base/json.h"
 #include "fwlab/commands/commands.h"
 #include "fwlab/package/spans.h"
+#include "fwlab/phone/decision.h"
 #include "fwlab/phone/fleet.h"
 #include "fwlab/phone/state_directory.h"
 #include "simphone/text.h"
@@ -23,20 +24,19 @@ struct Line {
 };
 
 bool IsBad(Verdict verdict) {
-    return verdict == Verdict::USED_UP || verdict == Verdict::WRONG_IMAGE ||
-           verdict == Verdict::STUCK;
+    return !IsCalm(verdict);
 }
 
 // The entry that the phones get; null for none.
 const Entry* Received(const Line& line) {
-    return line.decision.verdict == Verdict::UPDATE ? line.decision.sent : nullptr;
+    return line.decision.verdict == Verdict::UPDATED ? line.decision.sent : nullptr;
 }
 
 std::string Gets(const Line& line) {
     const Entry* entry = Received(line);
     return entry != nullptr
-               ? fmt::format("gets entry {}, {}", entry->number, Quoted(line.decision.recorded))
-               : InWords(NameOf(line.decision.verdict), line.decision.why);
+               ? fmt::format("gets entry {}, {}", entry->number, Quoted(*line.decision.recorded))
+               : InWords(line.decision.verdict, WhyOf(line.decision));
 }
 
 std::string UpToZero(const std::string& bytes) {
@@ -54,8 +54,7 @@ void AddLines(const Model& model, const Running& running, const Package* package
         lines.push_back({&model, running.revision, phones, package, decision});
     };
     if (package == nullptr) {
-        const std::string why = fmt::format("there is no {} package", layout.title);
-        add(running.phones, {Verdict::NOTHING, why, {}, "", nullptr, 0});
+        add(running.phones, DecideWithoutPackage(device));
         return;
     }
     const auto isOther = [&](const Record& record) {
@@ -134,8 +133,8 @@ std::vector<Package> ReadPackages(const Texts& paths) {
     std::vector<Package> packages;
     for (const std::string& path : paths) {
         const Package package = OpenPackage(path);
-        if (!package.flaw.empty()) {
-            throw Stop{1, path + " " + package.flaw};
+        if (package.size == 0) {
+            throw Stop{1, path + ": is empty: phones find nothing to do"};
         }
         for (const Package& other : packages) {
             if (other.layout == package.layout) {
@@ -183,7 +182,7 @@ Json Describe(const Line& line) {
             {"manufacturer", Escaped(Get(identity, identity.layout->manufacturer))},
             {"revision", Escaped(line.revision)},
             {"phones", line.phones},
-            {"answer", NameOf(line.decision.verdict)},
+            {"answer", WordOf(line.decision.verdict)},
             {"gets", Gets(line)},
             {"package", line.package == nullptr ? Json() : Json(Escaped(line.package->path))},
             {"entry", entry == nullptr ? Json() : Json(entry->number)}};
@@ -195,7 +194,7 @@ Json Describe(const Report& report) {
         lines.push_back(Describe(line));
     }
     for (const auto& [verdict, phones] : report.totals) {
-        totals[NameOf(verdict)] = phones;
+        totals[WordOf(verdict)] = phones;
     }
     return {{"lines", lines},
             {"totals", totals},
@@ -223,7 +222,7 @@ void Print(const Report& report, size_t packages) {
     Print(report.lines);
     fmt::print("\nPhones:");
     for (const auto& [verdict, phones] : report.totals) {
-        fmt::print(" {} {}", phones, NameOf(verdict));
+        fmt::print(" {} {}", phones, WordOf(verdict));
     }
     fmt::print("\n");
     if (report.otherRecords > 0) {

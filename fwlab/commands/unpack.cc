@@ -1,4 +1,5 @@
 // Takes a package apart: its manifest and its images, of which pack makes the same bytes again.
+#include "fwlab/base/json.h"
 #include "fwlab/base/output.h"
 #include "fwlab/commands/commands.h"
 #include "fwlab/package/difference.h"
@@ -15,37 +16,15 @@ namespace {
 
 constexpr char MANIFEST[] = "package.toml";
 
-// Why pack makes no such package; empty if nothing is seen.
-std::string FlawOf(const Package& package, const std::vector<const Entry*>& entries) {
-    if (!package.flaw.empty() || entries.empty()) {
-        return package.flaw.empty() ? "holds no entry" : package.flaw;
-    }
-    for (const Entry* entry : entries) {
-        const Texts findings = FindingsOf(package, *entry);
-        if (!findings.empty()) {
-            return Title(*entry) + ": " + findings[0];
-        }
-    }
-    const std::vector<Span> spans = Uncovered(package);
-    return spans.empty() ? ""
-                         : fmt::format("{} bytes from {:#x} belong to no entry", spans[0].size,
-                                       spans[0].offset);
-}
-
-// Whether pack makes these bytes of the manifest; Stop if not.
+// Stop unless pack makes these bytes of the manifest.
 void RequireSame(const std::string& manifest, const Package& package) {
-    const Package made = BuildPackage(manifest, true).package;
-    if (IsSame(made, package)) {
-        return;
+    Built built = BuildPackage(manifest);
+    built.package.path = package.path + ": pack would not make this package";
+    RequireFlawless(built, true);
+    if (const auto found = FirstDifference(built.package, package)) {
+        throw Stop{1, fmt::format("{}: {} would be {}, not {}", built.package.path, found->place,
+                                  found->first, found->second)};
     }
-    const std::vector<Difference> found = DifferencesOf(package, made);
-    throw Stop{1,
-               found.empty()
-                   ? package.path + ": pack cannot reproduce this package"
-                   : fmt::format(
-                         "{}: pack cannot reproduce this package: entry {}: {} would be {}, not {}",
-                         package.path, found[0].entry, found[0].field, Shown(found[0].second),
-                         Shown(found[0].first))};
 }
 
 } // namespace
@@ -53,9 +32,8 @@ void RequireSame(const std::string& manifest, const Package& package) {
 int Unpack(const std::string& packageFile, const std::string& folder, bool asJson) {
     const Package package = OpenPackage(packageFile);
     const std::vector<const Entry*> entries = OwnEntries(package);
-    const std::string flaw = FlawOf(package, entries);
-    if (!flaw.empty()) {
-        throw Stop{1, packageFile + ": pack would not make this package: " + flaw};
+    if (entries.empty()) {
+        throw Stop{1, packageFile + ": is empty: pack makes no such package"};
     }
     std::vector<ManifestEntry> parts;
     for (const Entry* entry : entries) {

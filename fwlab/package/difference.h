@@ -1,20 +1,14 @@
-// Where headers and packages differ. Fields are named as in manifests.
+// Where two packages differ first.
 #pragma once
 
-#include "fwlab/base/json.h"
+#include "fwlab/package/package.h"
 
-// `field` is the key of a header's field, or
-//   "body"  the first byte at which the bodies differ; the values are the two bytes
-//   "end"   the second package ends in this entry, or goes on after the last one; the values are
-//           the two packages' sizes
+#include <optional>
+
 struct Difference {
-    size_t entry; // its number among the first package's own entries; 0: after the last one
-    std::string field;
-    size_t offset; // in the package, of the field, the byte or the end
-    Json first, second;
+    size_t offset;             // in both packages
+    std::string place;         // "entry 1 at 0x0: revision", for people
+    std::string first, second; // what stands there, for people
 };
-// Sorted by offset. The comparison ends where the sizes of two bodies differ.
-std::vector<Difference> DifferencesOf(const Package& first, const Package& second);
-
-// For two headers of one layout. offset is in the header, entry is 0.
-std::vector<Difference> DifferencesOf(const Identity& first, const Identity& second);
+// No value if the packages are the same. first is one that pack makes: the places are its own.
+std::optional<Difference> FirstDifference(const Package& first, const Package& second);

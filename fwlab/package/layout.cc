@@ -1,6 +1,10 @@
 // Describes the headers, and reads and writes their fields.
 #include "fwlab/package/layout.h"
 
+#include "fwlab/base/json.h"
+#include "simphone/text.h"
+
+#include <algorithm>
 #include <cstddef>
 
 #define PLACE(record, member) offsetof(record, member), sizeof(record::member)
@@ -10,6 +14,8 @@ const Layout EMMC = {
     sizeof(EmmcFwHeader),
     {"manufacturer_id", PLACE(EmmcFwHeader, emmcMid), Field::EXACT},
     {"product_name", PLACE(EmmcFwHeader, emmcPnm), Field::EXACT},
+    {"product_revision", PLACE(EmmcFwHeader, emmcPrv), Field::EXACT},
+    {"serial_number", PLACE(EmmcFwHeader, emmcPsn), Field::EXACT},
     {"ext_csd_rev", PLACE(EmmcFwHeader, emmcRev), Field::EXACT},
     {"revision", PLACE(EmmcFwHeader, emmcFwRev), Field::ZEROS},
     {"body_size", PLACE(EmmcFwHeader, emmcFwSize), Field::EXACT},
@@ -22,13 +28,25 @@ const Layout UFS = {
     sizeof(UfsFwHeader),
     {"manfid", PLACE(UfsFwHeader, ufsMid), Field::NODE},
     {"product_name", PLACE(UfsFwHeader, ufsPnm), Field::NODE},
-    {"", 0, 0, Field::EXACT},
+    {},
+    {},
+    {},
     {"revision", PLACE(UfsFwHeader, ufsProductRevisionLevel), Field::EXACT},
     {"body_size", PLACE(UfsFwHeader, ufsFwSize), Field::EXACT},
     {"market_name", PLACE(UfsFwHeader, legalMarketName), Field::ZEROS},
     {"base_revisions", PLACE(UfsFwHeader, legalBaseRev), Field::EXACT},
 };
 #undef PLACE
+
+std::vector<const Field*> FieldsOf(const Layout& layout) {
+    std::vector<const Field*> fields;
+    for (const Field* field :
+         {&layout.manufacturer, &layout.name, &layout.productRevision, &layout.serialNumber,
+          &layout.extCsdRev, &layout.revision, &layout.marketName, &layout.baseRevs}) {
+        fields.insert(fields.end(), field->size > 0 ? 1 : 0, field);
+    }
+    return fields;
+}
 
 Identity NewIdentity(const Layout& layout) {
     Identity identity = {&layout, layout.magic};
@@ -44,4 +62,45 @@ void Set(Identity& identity, const Field& field, const std::string& bytes) {
     std::string whole = bytes;
     whole.resize(field.size);
     identity.header.replace(field.offset, field.size, whole);
+}
+
+bool IsFreeSlot(const std::string& slot) {
+    return slot[0] == '\0' || slot == std::string(slot.size(), '\xFF');
+}
+
+std::optional<std::vector<std::string>> BaseRevisionsOf(const Identity& identity) {
+    const std::string slots = Get(identity, identity.layout->baseRevs);
+    const size_t size = identity.layout->revision.size;
+    if (slots == std::string(BASE_REVS_SIZE, '\xFF')) {
+        return {};
+    }
+    std::vector<std::string> revisions;
+    for (size_t slot = 0; slot < BASE_REVS_SIZE; slot += size) {
+        const std::string revision = slots.substr(slot, size);
+        if (!IsFreeSlot(revision) &&
+            std::count(revisions.begin(), revisions.end(), revision) == 0) {
+            revisions.push_back(revision);
+        }
+    }
+    return revisions;
+}
+
+Json Describe(const Identity& identity) {
+    const Layout& layout = *identity.layout;
+    Json shown;
+    for (const Field* field : FieldsOf(layout)) {
+        const std::string bytes = Get(identity, *field);
+        const bool isZero = bytes == std::string(bytes.size(), '\0');
+        if (!isZero || (field != &layout.productRevision && field != &layout.serialNumber &&
+                        field != &layout.marketName)) {
+            shown[field->key] =
+                field->size == 1 ? Json(static_cast<uint8_t>(bytes[0])) : Json(Escaped(bytes));
+        }
+    }
+    const auto base = BaseRevisionsOf(identity);
+    Json& revisions = shown[layout.baseRevs.key] = base ? Json::array() : Json("any");
+    for (const std::string& revision : base.value_or(std::vector<std::string>())) {
+        revisions.push_back(Escaped(revision));
+    }
+    return shown;
 }

@@ -3,7 +3,10 @@
 
 #include "fwpkg/firmware_package.h"
 
+#include <nlohmann/json_fwd.hpp>
+#include <optional>
 #include <string>
+#include <vector>
 
 // A field of a header, by the name that manifests and reports give it.
 struct Field {
@@ -17,9 +20,15 @@ struct Layout {
     const char* title;
     const char* magic;
     size_t headerSize;
-    Field manufacturer, name, extCsdRev, revision, bodySize, marketName, baseRevs;
+    Field manufacturer, name;
+    Field productRevision,
+        serialNumber; // eMMC: PRV and PSN of the CID, which phones do not compare
+    Field extCsdRev, revision, bodySize, marketName, baseRevs;
 };
-extern const Layout EMMC, UFS; // a UFS header has no extCsdRev: size 0
+extern const Layout EMMC, UFS; // a field that a UFS header does not have is of size 0
+
+// The fields that a layout has, in the order of the header, without magic and size of the body.
+std::vector<const Field*> FieldsOf(const Layout& layout);
 
 // The header of an entry, or a device in the form of a header.
 struct Identity {
@@ -29,3 +38,14 @@ struct Identity {
 Identity NewIdentity(const Layout& layout); // the magic, then zeros
 std::string Get(const Identity& identity, const Field& field);
 void Set(Identity& identity, const Field& field, const std::string& bytes); // filled up with zeros
+
+// Whether a slot for a base revision admits no device, as it is left free.
+bool IsFreeSlot(const std::string& slot);
+
+// The base revisions of an entry, each once, without free slots. No value if the entry applies to
+// any revision.
+std::optional<std::vector<std::string>> BaseRevisionsOf(const Identity& identity);
+
+// The fields by their keys, without those that phones do not compare where they are zero. Texts
+// are printable.
+nlohmann::ordered_json Describe(const Identity& identity);

@@ -3,10 +3,10 @@
 #include "fwlab/package/manifest.h"
 
 #include "fwlab/base/stop.h"
-#include "fwlab/base/toml_fields.h"
+#include "fwlab/base/toml_file.h"
 #include "fwlab/base/toml_text.h"
-#include "fwlab/package/spans.h"
-#include "fwlab/phone/decision.h"
+#include "fwlab/package/digest.h"
+#include "fwlab/package/fields.h"
 #include "simphone/files.h"
 
 #include <cerrno>
@@ -47,18 +47,24 @@ std::string TakeDigest(Keys keys) {
     return digest;
 }
 
-ManifestEntry ReadEntry(Keys keys, const Layout& layout, const std::filesystem::path& folder) {
+// For devices of any revision.
+Identity NewEntry(const Layout& layout) {
     Identity identity = NewIdentity(layout);
     Set(identity, layout.baseRevs, std::string(BASE_REVS_SIZE, '\xFF'));
-    const auto take = [&](const Field& field, Need need) {
-        TakeField(keys, field, need, identity);
-    };
-    take(layout.manufacturer, REQUIRED);
-    take(layout.name, REQUIRED);
-    take(layout.extCsdRev, REQUIRED);
-    take(layout.revision, REQUIRED);
-    take(layout.baseRevs, OPTIONAL);
-    take(layout.marketName, OPTIONAL);
+    return identity;
+}
+
+// Without its key, such a field is as NewEntry has it.
+bool IsOptional(const Layout& layout, const Field& field) {
+    return &field == &layout.productRevision || &field == &layout.serialNumber ||
+           &field == &layout.marketName || &field == &layout.baseRevs;
+}
+
+ManifestEntry ReadEntry(Keys keys, const Layout& layout, const std::filesystem::path& folder) {
+    Identity identity = NewEntry(layout);
+    for (const Field* field : FieldsOf(layout)) {
+        TakeField(keys, *field, IsOptional(layout, *field) ? OPTIONAL : REQUIRED, identity);
+    }
     const std::string imageFile = folder / TakeText(keys, "image");
     const std::string wanted = TakeDigest(keys);
     FinishTable(keys);
@@ -79,17 +85,11 @@ std::string ManifestText(const Layout& layout, const std::vector<ManifestEntry>&
             text += fmt::format("{} = {}\n", key, value);
         };
         text += "\n[[entry]]\n";
-        for (const Field* field : {&layout.manufacturer, &layout.name, &layout.extCsdRev,
-                                   &layout.revision, &layout.marketName}) {
-            const std::string bytes = Get(entry.identity, *field);
-            const bool isLeftOut =
-                field == &layout.marketName && bytes == std::string(bytes.size(), '\0');
-            if (field->size > 0 && !isLeftOut) {
+        for (const Field* field : FieldsOf(layout)) {
+            const bool isDefault = Get(entry.identity, *field) == Get(NewEntry(layout), *field);
+            if (!IsOptional(layout, *field) || !isDefault) {
                 add(field->key, TomlValue(entry.identity, *field));
             }
-        }
-        if (BaseRevisionsOf(entry.identity)) {
-            add(layout.baseRevs.key, TomlValue(entry.identity, layout.baseRevs));
         }
         add("image", TomlBytes(entry.imageFile));
         add("image_sha256", '"' + Sha256(entry.image) + '"');

@@ -11,6 +11,5 @@ struct ManifestEntry {
 };
 std::vector<ManifestEntry> ReadManifest(const std::string& path);
 
-// The text of a manifest with these entries, for a folder to which imageFile is relative. PRV and
-// PSN are left out: manifests do not have them.
+// The text of a manifest with these entries, for a folder to which imageFile is relative.
 std::string ManifestText(const Layout& layout, const std::vector<ManifestEntry>& entries);

@@ -11,15 +11,30 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+namespace {
+
 // No package has more entries: a file with more is something else.
 constexpr size_t ENTRIES_MAX = 1024;
 
-Package OpenPackage(const std::string& path, const Layout* layout) {
-    std::error_code error;
-    const size_t size = std::filesystem::file_size(path, error); // of a regular file only
-    if (error) {
-        throw Stop{2, path + ": " + error.message()};
+using Find = size_t (*)(const uint8_t* package, size_t size, size_t from);
+Find FindIn(const Layout& layout) {
+    return &layout == &UFS ? FindUfsEntry : FindEmmcEntry;
+}
+
+// How many bytes the layout's entries cover. Those whose body does not fit cover none.
+size_t Covered(const Layout& layout, const uint8_t* bytes, size_t size) {
+    const Find find = FindIn(layout);
+    size_t covered = 0;
+    for (size_t p = find(bytes, size, 0), next = 0; p < size; p = find(bytes, size, next)) {
+        const uint32_t bodySize = ReadBigEndian32(bytes + p + layout.bodySize.offset);
+        const bool fits = BodyFits(size, p, layout.headerSize, bodySize);
+        covered += fits ? layout.headerSize + bodySize : 0;
+        next = p + (fits ? layout.headerSize + bodySize : 1);
     }
+    return covered;
+}
+
+PackageBytes Map(const std::string& path, size_t size) {
     const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
     const size_t mapped = size == 0 ? 1 : size; // nothing cannot be mapped
     void* bytes = fd < 0 ? MAP_FAILED : mmap(nullptr, mapped, PROT_READ, MAP_PRIVATE, fd, 0);
@@ -29,40 +44,53 @@ Package OpenPackage(const std::string& path, const Layout* layout) {
         throw FailureAt(path, reason);
     }
     const auto unmap = [bytes, mapped](const uint8_t*) { munmap(bytes, mapped); };
-    return LookInto(path, {static_cast<const uint8_t*>(bytes), unmap}, size, layout);
+    return {static_cast<const uint8_t*>(bytes), unmap};
+}
+
+} // namespace
+
+Package OpenPackage(const std::string& path, const Layout* layout) {
+    std::error_code error;
+    const size_t size = std::filesystem::file_size(path, error); // of a regular file only
+    if (error) {
+        throw Stop{2, path + ": " + error.message()};
+    }
+    if (size > PACKAGE_SIZE_MAX) {
+        throw Stop{2, path + ": is 2 GiB or larger: phones refuse it"};
+    }
+    const PackageBytes bytes = Map(path, size);
+    const uint8_t* first = bytes.get();
+    const size_t ufs = Covered(UFS, first, size), emmc = Covered(EMMC, first, size);
+    if (size > 0 && ufs == 0 && emmc == 0) {
+        const bool hasNone =
+            FindUfsEntry(first, size, 0) == size && FindEmmcEntry(first, size, 0) == size;
+        throw Stop{2, path + ": is no firmware package: " +
+                          (hasNone ? "it has no entry"
+                                   : "no entry in it is whole (perhaps it is cut short)")};
+    }
+    return LookInto(path, bytes, size, layout != nullptr ? *layout : ufs > emmc ? UFS : EMMC);
 }
 
 Package LookInto(const std::string& path, const PackageBytes& bytes, size_t size,
-                 const Layout* layout) {
-    Package package = {path, layout, bytes, size, "", {}};
-    if (size == 0 || size > PACKAGE_SIZE_MAX) {
-        package.flaw = size == 0 ? "is empty: the phone finds nothing to do"
-                                 : "is 2 GiB or larger: the phone refuses it";
-        return package;
-    }
+                 const Layout& layout) {
+    Package package = {path, &layout, bytes, size, {}};
     const uint8_t* first = bytes.get();
-    if (layout == nullptr) {
-        package.layout =
-            FindEmmcEntry(first, size, 0) <= FindUfsEntry(first, size, 0) ? &EMMC : &UFS;
-    }
-    const size_t headerSize = package.layout->headerSize;
-    const auto find = package.layout == &UFS ? FindUfsEntry : FindEmmcEntry;
+    const Find find = FindIn(layout);
     for (size_t p = find(first, size, 0); p < size; p = find(first, size, p + 1)) {
-        const size_t number = package.entries.size() + 1;
+        const size_t number = package.entries.size() + 1, body = p + layout.headerSize;
         if (number > ENTRIES_MAX) {
             throw Stop{2, fmt::format("{}: more than {} entries, which fwlab does not look into",
                                       path, ENTRIES_MAX)};
         }
-        const uint32_t bodySize = ReadBigEndian32(first + p + package.layout->bodySize.offset);
-        const Identity identity = {package.layout, {first + p, first + p + headerSize}};
-        package.entries.push_back({number, p, p + headerSize, bodySize,
-                                   BodyFits(size, p, headerSize, bodySize), identity});
+        const uint32_t bodySize = ReadBigEndian32(first + p + layout.bodySize.offset);
+        package.entries.push_back({number,
+                                   p,
+                                   body,
+                                   bodySize,
+                                   BodyFits(size, p, layout.headerSize, bodySize),
+                                   {&layout, {first + p, first + body}}});
     }
     return package;
-}
-
-bool IsSame(const Package& one, const Package& other) {
-    return one.size == other.size && memcmp(one.bytes.get(), other.bytes.get(), one.size) == 0;
 }
 
 std::string Title(const Entry& entry) {

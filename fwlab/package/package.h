@@ -21,15 +21,17 @@ struct Package {
     const Layout* layout;
     PackageBytes bytes;
     size_t size;
-    std::string flaw;           // why the phone does not read it; empty for none
-    std::vector<Entry> entries; // every candidate, by offset; none if there is a flaw
+    std::vector<Entry> entries; // every candidate, by offset
 };
-// Without a layout, they take the first entry's. OpenPackage maps the file: a large package needs
-// no memory.
-Package OpenPackage(const std::string& path, const Layout* layout = nullptr);
-Package LookInto(const std::string& path, const PackageBytes& bytes, size_t size,
-                 const Layout* layout);
 
-bool IsSame(const Package& one, const Package& other); // byte by byte
+// Maps a package, so that a large one needs no memory. Without a layout, it is that whose entries
+// cover more bytes. An empty file is a package: phones find nothing to do in it. Stop with 2 if the
+// file cannot be read, has 2 GiB or more, or is no package: it has no entry of either technology
+// whose body lies inside it.
+Package OpenPackage(const std::string& path, const Layout* layout = nullptr);
+
+// The same for bytes in memory, whatever they are. path is for messages.
+Package LookInto(const std::string& path, const PackageBytes& bytes, size_t size,
+                 const Layout& layout);
 
 std::string Title(const Entry& entry); // "entry 2 at 0x1040"

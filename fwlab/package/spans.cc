@@ -2,22 +2,10 @@
 
 #include "fwlab/base/stop.h"
 #include "simphone/text.h"
-
-#include <openssl/evp.h>
-
 namespace {
 
 size_t EndOf(const Entry& entry) {
-    return entry.body + (entry.bodyFits ? entry.bodySize : 0);
-}
-
-std::string Digest(const uint8_t* bytes, size_t size) {
-    uint8_t digest[EVP_MAX_MD_SIZE];
-    unsigned length = 0;
-    if (EVP_Digest(bytes, size, digest, &length, EVP_sha256(), nullptr) != 1) {
-        throw Stop{2, "libcrypto has no SHA-256"};
-    }
-    return Hex(digest, length);
+    return entry.body + entry.bodySize;
 }
 
 } // namespace
@@ -25,7 +13,7 @@ std::string Digest(const uint8_t* bytes, size_t size) {
 std::vector<const Entry*> OwnEntries(const Package& package) {
     std::vector<const Entry*> own;
     for (const Entry& entry : package.entries) {
-        if (own.empty() || entry.offset >= EndOf(*own.back())) {
+        if (entry.bodyFits && (own.empty() || entry.offset >= EndOf(*own.back()))) {
             own.push_back(&entry);
         }
     }
@@ -41,7 +29,7 @@ std::vector<Span> Uncovered(const Package& package) {
         }
         end = EndOf(*entry);
     }
-    if (!package.entries.empty() && end < package.size) {
+    if (end < package.size) {
         spans.push_back({end, package.size - end});
     }
     return spans;
@@ -53,12 +41,4 @@ const Entry* OuterEntry(const Package& package, const Entry& entry) {
         outer = own->offset < entry.offset && entry.offset < EndOf(*own) ? own : outer;
     }
     return outer;
-}
-
-std::string Sha256(const std::string& bytes) {
-    return Digest(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
-}
-
-std::string Sha256(const Package& package, size_t offset, size_t size) {
-    return Digest(package.bytes.get() + offset, size);
 }

@@ -8,15 +8,11 @@ struct Span {
 };
 
 // The own entries: those that were packed. An entry that begins inside another one is only a magic
-// in the image. An entry whose body does not fit counts as a header without a body.
+// in the image. One whose body does not fit is none: phones ignore it.
 std::vector<const Entry*> OwnEntries(const Package& package);
 
-// The bytes that belong to no own entry, by offset; none if there is no entry.
+// The bytes that belong to no own entry, by offset.
 std::vector<Span> Uncovered(const Package& package);
 
 // The own entry inside which this entry begins; null if there is none.
 const Entry* OuterEntry(const Package& package, const Entry& entry);
-
-// In lower-case hexadecimal digits.
-std::string Sha256(const std::string& bytes);
-std::string Sha256(const Package& package, size_t offset, size_t size);

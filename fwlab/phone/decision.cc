@@ -1,13 +1,17 @@
-// Asks the phone's own routines, in the order of a run, what they make of a package. Nothing is
-// decided here: what is told below are the answers of those routines and what follows from them.
+// Asks the phone's own routines, in the order of a run, what they make of a package, and derives
+// from their answers what becomes of the phone.
 #include "fwlab/phone/decision.h"
 
-#include "fwlab/base/text.h"
+#include "fwlab/base/json.h"
+#include "fwlab/base/stop.h"
 #include "fwlab/package/spans.h"
+#include "fwlab/phone/phone_messages.h"
 
 #include "emmc/emmc_command.h"
+#include "emmc/emmc_device.h"
 #include "emmc/emmc_update.h"
 #include "run/package_check.h"
+#include "run/result_record.h"
 #include "run/step.h"
 #include "simphone/text.h"
 #include "ufs/ufs_identity.h"
@@ -16,19 +20,43 @@
 
 #include <algorithm>
 #include <cstring>
+#include <filesystem>
 #include <fmt/format.h>
 
 namespace {
 
-constexpr char EMPTY_BODY[] = "its body is empty: the device gets no firmware";
-constexpr char LARGE_EMMC_BODY[] = "the body is larger than 1 MiB: only GKI mode takes it";
-constexpr char LARGE_UFS_BODY[] =
-    "the body is larger than 8 MiB: the device gets only its first 8 MiB";
-constexpr char NO_BASE[] = "the running revision is not among its base revisions";
-constexpr char UNREADABLE_RECORD[] = "the phone cannot parse the record, so the run stops";
-constexpr char UNREADABLE_REVISION[] =
+// In the order of the enumerators.
+constexpr const char* SENTENCES[] = {
+    "",
+    "there is no {layout} package",
+    "the package is empty",
+    "no entry has the product name {device}: the package holds {second} entries",
+    "no entry has the product name {device}",
+    "no entry has the product name {device}: {entry} has {value}, which differs only in blanks, "
+    "zero bytes or case",
+    "no usable entry has the product name {device}: {entry} has no body inside the package",
+    "its revision is not the running one, and it may be applied to the running one",
+    "the phone finds the entry's revision equal to the running one (it compares only the "
+    "beginning)",
+    "the running revision is not among its base revisions",
+    "the last attempt was from {from} to {to}",
+    "the phone cannot parse the record, so the run stops",
+    "{entry} has {field} {value}, the device {device}",
+    "the update uses the product name {used} for the device, and no entry has it",
+    "its revision is running already",
+    "its revision is not newer than the running one",
+    "the device is older than eMMC 5.0",
+    "its body is empty: the device gets no firmware",
+    "the body is larger than 1 MiB: only GKI mode takes it",
+    "the body is larger than 8 MiB: the device gets only its first 8 MiB",
+    "its body is larger than the {limit} KiB that the phone's host takes in one request",
+    "{entry} lies inside the image of {other}",
+    "the pre-check selects {entry}, the update selects {other}",
     "the running or the new revision has a line feed: the phone cannot parse the record of the "
-    "attempt";
+    "attempt",
+};
+static_assert(std::size(SENTENCES) == Reason::UNREADABLE_ATTEMPT + 1);
+
 constexpr char EXT_CSD_REV_5_1 = 8;                     // JEDEC, the last one
 constexpr size_t LINUX_UFS_TRANSFER_SIZE = 1024 * 1024; // ufshcd, since 5.19
 
@@ -80,27 +108,26 @@ std::string InCapitals(std::string name) {
     return name;
 }
 
-// Why no entry has the device's product name, with the nearest one.
-std::string WhyNoName(const Package& package, const Identity& device) {
+// Why the pre-check finds no entry.
+Reason WhyNoEntry(const Package& package, const Identity& device) {
     const Field& field = device.layout->name;
     const std::string name = Get(device, field);
-    const std::string named = "entry has the product name " + Quoted(name), why = "no " + named;
     for (const Entry& entry : package.entries) {
         const std::string other = Get(entry.identity, field);
         if (other == name) {
-            return fmt::format("no usable {}: {} has no body inside the package", named,
-                               Title(entry));
+            return {Reason::BODY_BEYOND, &entry};
         }
         if (InCapitals(Trimmed(other)) == InCapitals(Trimmed(name))) {
-            return fmt::format("{}: {} has {}, which differs only in blanks, zero bytes or case",
-                               why, Title(entry), Quoted(other));
+            return {Reason::SIMILAR_NAME, &entry};
         }
     }
-    const Layout& otherLayout = device.layout == &UFS ? EMMC : UFS;
+    const Layout& other = device.layout == &UFS ? EMMC : UFS;
     const bool isOther =
         package.entries.empty() &&
-        !LookInto(package.path, package.bytes, package.size, &otherLayout).entries.empty();
-    return isOther ? fmt::format("{}: the package holds {} entries", why, otherLayout.title) : why;
+        !LookInto(package.path, package.bytes, package.size, other).entries.empty();
+    return {package.size == 0 ? Reason::EMPTY_PACKAGE
+            : isOther         ? Reason::OTHER_TECHNOLOGY
+                              : Reason::NO_NAME};
 }
 
 Step PreCheck(const Package& package, const Identity& device, PackageRevs& revs) {
@@ -112,34 +139,22 @@ Step PreCheck(const Package& package, const Identity& device, PackageRevs& revs)
     const Entry* entry = parsed == 0
                              ? EntryAt(package, FindEntry(info, package.bytes.get(), package.size))
                              : nullptr;
-    Step step = {"pre-check", verdict == STEP_DONE, entry, "", TakePhoneMessages()};
-    if (entry == nullptr) {
-        step.reason = WhyNoName(package, device);
-    } else if (step.goesOn) {
-        step.reason =
-            "its revision is not the running one, and it may be applied to the running one";
-    } else if (IsSameRev(info.localFwRev, revs.fwFileRev)) {
-        step.reason = "the phone finds the entry's revision equal to the running one (it compares "
-                      "only the beginning)";
-    } else {
-        step.reason = CheckBaseRev(info, revs.legalBaseRev) ? step.messages.back() : NO_BASE;
-    }
+    Step step = {"pre-check", verdict == STEP_DONE, entry, {}, TakePhoneMessages()};
+    step.reason = entry == nullptr                             ? WhyNoEntry(package, device)
+                  : step.goesOn                                ? Reason{Reason::NEW_REVISION}
+                  : IsSameRev(info.localFwRev, revs.fwFileRev) ? Reason{Reason::SAME_REVISION}
+                                                               : Reason{Reason::NO_BASE};
     return step;
 }
 
-// How the entry and the device, which have the same product name, differ.
-std::string Difference(const Entry& entry, const Identity& device) {
-    for (const Field& field : {device.layout->manufacturer, device.layout->extCsdRev}) {
-        const std::string here = Get(device, field), there = Get(entry.identity, field);
-        if (here != there) {
-            return fmt::format(
-                "{} has {} {}, the device {}", Title(entry), field.key,
-                field.size == 1 ? fmt::format("{}", static_cast<uint8_t>(there[0])) : Quoted(there),
-                field.size == 1 ? fmt::format("{}", static_cast<uint8_t>(here[0])) : Quoted(here));
+// Why the update finds no entry, though this one has the product name.
+Reason WhyNotSelected(const Entry& entry, const Identity& device) {
+    for (const Field* field : {&device.layout->manufacturer, &device.layout->extCsdRev}) {
+        if (Get(device, *field) != Get(entry.identity, *field)) {
+            return {Reason::OTHER_FIELD, &entry, nullptr, field};
         }
     }
-    return fmt::format("the update uses the product name {} for the device, and no entry has it",
-                       Quoted(Trimmed(UpdateName(device))));
+    return {Reason::OTHER_NAME};
 }
 
 // seen is the pre-check's entry.
@@ -149,19 +164,19 @@ Step UpdateEmmc(const Package& package, const Device& device, const Entry& seen)
     uint32_t bodySize = 0;
     const int status = EmmcFwhdrCheck(header, package.bytes.get(),
                                       static_cast<int32_t>(package.size), body, bodySize);
-    Step step = {"update", false, nullptr, "", TakePhoneMessages()};
+    Step step = {"update", false, nullptr, {}, TakePhoneMessages()};
     if (body == nullptr) {
-        step.reason = Difference(seen, device.identity);
+        step.reason = WhyNotSelected(seen, device.identity);
         return step;
     }
     step.entry = EntryAt(package, static_cast<size_t>(body - package.bytes.get()) - sizeof(header));
     const bool isTooLarge = !device.gki && !FitsOneDownload(bodySize);
-    step.reason = status != 0                        ? "its revision is running already"
-                  : !IsEmmc50OrLater(header.emmcRev) ? "the device is older than eMMC 5.0"
-                  : isTooLarge                       ? LARGE_EMMC_BODY
-                  : bodySize == 0                    ? EMPTY_BODY
-                                                     : "";
-    step.goesOn = step.reason.empty();
+    step.reason.kind = status != 0                        ? Reason::RUNS_ALREADY
+                       : !IsEmmc50OrLater(header.emmcRev) ? Reason::OLD_EMMC
+                       : isTooLarge                       ? Reason::LARGE_EMMC_BODY
+                       : bodySize == 0                    ? Reason::EMPTY_BODY
+                                                          : Reason::NONE;
+    step.goesOn = step.reason.kind == Reason::NONE;
     return step;
 }
 
@@ -170,22 +185,21 @@ Step UpdateUfs(const Package& package, const Device& device, const Entry& seen) 
     UfsSelection selection = {};
     const int status =
         SelectUfsFw(header, package.bytes.get(), static_cast<int32_t>(package.size), selection);
-    Step step = {"update", false, nullptr, "", TakePhoneMessages()};
+    Step step = {"update", false, nullptr, {}, TakePhoneMessages()};
     if (status != 0) {
-        step.reason = Difference(seen, device.identity);
+        step.reason = WhyNotSelected(seen, device.identity);
         return step;
     }
     step.entry = EntryAt(package, selection.ufsCurrentFwOffset - sizeof(header));
     const uint32_t size = selection.ufsCurrentFwSize;
     const bool isRefused = device.maxHwSectorsKb > 0 && size > device.maxHwSectorsKb * 1024;
-    step.reason = selection.verdict != 0 ? "its revision is not newer than the running one"
-                  : isRefused ? fmt::format("its body is larger than the {} KiB that the "
-                                            "phone's host takes in one request",
-                                            device.maxHwSectorsKb)
-                  : size > TRANSFER_SIZE ? LARGE_UFS_BODY
-                  : size == 0            ? EMPTY_BODY
-                                         : "";
-    step.goesOn = step.reason.empty();
+    step.reason.kind = selection.verdict != 0 ? Reason::NOT_NEWER
+                       : isRefused            ? Reason::HOST_LIMIT
+                       : size > TRANSFER_SIZE ? Reason::LARGE_UFS_BODY
+                       : size == 0            ? Reason::EMPTY_BODY
+                                              : Reason::NONE;
+    step.reason.limit = device.maxHwSectorsKb;
+    step.goesOn = step.reason.kind == Reason::NONE;
     return step;
 }
 
@@ -213,7 +227,7 @@ std::string WhyNotSent(const Package& package, const Entry& entry, const Device&
     const Decision decision = Decide(package, device);
     const Entry* seen = decision.PreCheck();
     if (seen == nullptr) {
-        return decision.why;
+        return WhyOf(decision);
     }
     if (Get(seen->identity, revision) != own) {
         return fmt::format("{} comes first and has the same product name, so the phone looks at "
@@ -222,7 +236,7 @@ std::string WhyNotSent(const Package& package, const Entry& entry, const Device&
                            Title(*seen));
     }
     if (!decision.steps.front().goesOn) {
-        return fmt::format("the pre-check selects {}: {}", Title(*seen), decision.why);
+        return fmt::format("the pre-check selects {}: {}", Title(*seen), WhyOf(decision));
     }
     const Entry* sent = decision.sent;
     const bool isRenamed = UpdateName(device.identity) != Get(device.identity, name);
@@ -241,102 +255,157 @@ std::string WhyNotSent(const Package& package, const Entry& entry, const Device&
                                  "packages",
                                  Title(*sent));
     }
-    return decision.verdict == Verdict::UPDATE
+    return decision.verdict == Verdict::UPDATED
                ? ""
-               : "a phone would use up its attempt: " + decision.why;
+               : "a phone would use up its attempt: " + WhyOf(decision);
 }
 
 Step CheckRecord(const Record& record, const std::string& target) {
-    const std::string last = fmt::format("the last attempt was from {} to {}", Quoted(record.base),
-                                         Quoted(record.target));
-    return {"record", record.isReadable && !IsOnRecord(record, target), nullptr,
-            record.isReadable ? last : UNREADABLE_RECORD, record.messages};
+    Reason reason = {record.isReadable ? Reason::LAST_ATTEMPT : Reason::UNREADABLE_RECORD};
+    reason.from = record.base;
+    reason.to = record.target;
+    const bool goesOn = record.isReadable && !IsOnRecord(record, target);
+    return {"record", goesOn, nullptr, reason, record.messages};
 }
 
 // Sets the verdict of a decision whose steps were all taken.
-void JudgeUpdate(const Package& package, const Identity& device, Decision& decision) {
+void JudgeUpdate(const Package& package, Decision& decision) {
     const Entry *seen = decision.PreCheck(), *sent = decision.sent;
-    const Field& revision = device.layout->revision;
-    const bool isRight = sent == nullptr ||
-                         (sent == seen && OuterEntry(package, *seen) == nullptr) ||
-                         (IsFor(package, *sent, device) &&
+    const Field& revision = decision.device.layout->revision;
+    const Entry* outer = OuterEntry(package, *seen);
+    const bool isRight = sent == nullptr || (sent == seen && outer == nullptr) ||
+                         (IsFor(package, *sent, decision.device) &&
                           Get(sent->identity, revision) == Get(seen->identity, revision));
-    const DeviceInfo info = InfoOf(device);
+    const DeviceInfo info = InfoOf(decision.device);
     if (!isRight) {
         decision.verdict = Verdict::WRONG_IMAGE;
-        decision.why = sent == seen ? fmt::format("{} lies inside the image of {}", Title(*seen),
-                                                  Title(*OuterEntry(package, *sent)))
-                                    : fmt::format("the pre-check selects {}, the update selects {}",
-                                                  Title(*seen), Title(*sent));
+        decision.reason = {sent == seen ? Reason::INSIDE : Reason::OTHER_SELECTED, seen,
+                           sent == seen ? outer : sent};
+    } else if (!ParseRecord(RecordText(info.pnm, info.localFwRev, *decision.recorded)).isReadable) {
+        decision.verdict = Verdict::RECORD_UNREADABLE;
+        decision.reason = {Reason::UNREADABLE_ATTEMPT};
     } else if (!decision.steps.back().goesOn) {
         decision.verdict = Verdict::USED_UP;
-        decision.why = decision.steps.back().reason;
-    } else if (!ParseRecord(RecordText(info.pnm, info.localFwRev, decision.recorded)).isReadable) {
-        decision.verdict = Verdict::STUCK;
-        decision.why = UNREADABLE_REVISION;
+        decision.reason = decision.steps.back().reason;
     } else {
-        decision.verdict = Verdict::UPDATE;
+        decision.verdict = Verdict::UPDATED;
     }
+}
+
+std::string ValueOf(const Identity& identity, const Field& field) {
+    const std::string bytes = Get(identity, field);
+    return field.size == 1 ? std::to_string(static_cast<uint8_t>(bytes[0])) : Quoted(bytes);
+}
+
+Json NumberOf(const Entry* entry) {
+    return entry == nullptr ? Json() : Json(entry->number);
+}
+
+// The phone's record; null if there is none.
+const std::string* RecordIn(const StateDirectory& state) {
+    const auto record = state.files.find(std::filesystem::path(RESULT_FILE).filename());
+    return record == state.files.end() ? nullptr : &record->second;
 }
 
 } // namespace
 
-const char* NameOf(Verdict verdict) {
-    const char* const names[] = {"update", "nothing-to-do", "refused",     "attempted",
-                                 "stops",  "used-up",       "wrong-image", "stuck"};
-    return names[static_cast<size_t>(verdict)];
+std::string Sentence(const Reason& reason, const Identity& device) {
+    const Layout& layout = *device.layout;
+    const Field& field = reason.field == nullptr ? layout.name : *reason.field;
+    const auto title = [](const Entry* entry) { return entry == nullptr ? "" : Title(*entry); };
+    return fmt::format(
+        fmt::runtime(SENTENCES[reason.kind]), fmt::arg("entry", title(reason.entry)),
+        fmt::arg("other", title(reason.other)), fmt::arg("field", field.key),
+        fmt::arg("device", ValueOf(device, field)),
+        fmt::arg("value", reason.entry == nullptr ? "" : ValueOf(reason.entry->identity, field)),
+        fmt::arg("used", Quoted(Trimmed(UpdateName(device)))), fmt::arg("layout", layout.title),
+        fmt::arg("second", (&layout == &UFS ? EMMC : UFS).title), fmt::arg("limit", reason.limit),
+        fmt::arg("from", Quoted(reason.from)), fmt::arg("to", Quoted(reason.to)));
 }
 
-std::optional<Texts> BaseRevisionsOf(const Identity& identity) {
-    const std::string slots = Get(identity, identity.layout->baseRevs);
-    const size_t size = identity.layout->revision.size;
-    if (slots == std::string(BASE_REVS_SIZE, '\xFF')) {
-        return {};
-    }
-    Texts revisions;
-    for (size_t slot = 0; slot < BASE_REVS_SIZE; slot += size) {
-        const std::string revision = slots.substr(slot, size);
-        if (revision[0] != '\0' && revision != std::string(size, '\xFF') &&
-            std::count(revisions.begin(), revisions.end(), revision) == 0) {
-            revisions.push_back(revision);
-        }
-    }
-    return revisions;
+std::string WhyOf(const Decision& decision) {
+    return Sentence(decision.reason, decision.device);
 }
 
 Decision Decide(const Package& package, const Device& device, const Record* record) {
     PackageRevs revs = {};
-    Decision decision = {Verdict::NOTHING, "", {PreCheck(package, device.identity, revs)}, "",
-                         nullptr,          0};
+    Decision decision = DecideWithoutPackage(device);
+    const auto takeStep = [&](const Step& step) {
+        decision.steps.push_back(step);
+        return step.goesOn;
+    };
     const auto end = [&](Verdict verdict) {
         decision.verdict = verdict;
-        decision.why = decision.steps.back().reason;
+        decision.reason = decision.steps.back().reason;
         return decision;
     };
-    if (!decision.steps.back().goesOn) {
-        const bool isRefused = decision.steps.back().reason == NO_BASE;
-        return end(isRefused ? Verdict::REFUSED : Verdict::NOTHING);
+    if (!takeStep(PreCheck(package, device.identity, revs))) {
+        const bool isRefused = decision.steps.back().reason.kind == Reason::NO_BASE;
+        return end(isRefused ? Verdict::REFUSED : Verdict::NOTHING_TO_DO);
     }
-    if (record != nullptr) {
-        decision.steps.push_back(CheckRecord(*record, revs.fwFileRev));
-        if (!decision.steps.back().goesOn) {
-            return end(record->isReadable ? Verdict::ATTEMPTED : Verdict::STOPS);
-        }
+    if (record != nullptr && !takeStep(CheckRecord(*record, revs.fwFileRev))) {
+        return end(record->isReadable ? Verdict::ALREADY_ATTEMPTED : Verdict::RECORD_UNREADABLE);
     }
     const bool isUfs = device.identity.layout == &UFS;
     (void)TakePhoneMessages();
     decision.recorded = revs.fwFileRev;
-    decision.steps.push_back(
-        (isUfs ? UpdateUfs : UpdateEmmc)(package, device, *decision.PreCheck()));
-    const Step& update = decision.steps.back();
-    if (update.goesOn || update.reason == LARGE_UFS_BODY) {
+    const Step update = (isUfs ? UpdateUfs : UpdateEmmc)(package, device, *decision.PreCheck());
+    if (takeStep(update) || update.reason.kind == Reason::LARGE_UFS_BODY) {
         decision.sent = update.entry;
         decision.sentSize =
             std::min<size_t>(update.entry->bodySize, isUfs ? TRANSFER_SIZE : PACKAGE_SIZE_MAX);
     }
-    JudgeUpdate(package, device.identity, decision);
+    JudgeUpdate(package, decision);
     (void)TakePhoneMessages();
     return decision;
+}
+
+Decision DecideWithoutPackage(const Device& device) {
+    return {Verdict::NOTHING_TO_DO, device.identity, {Reason::NO_PACKAGE}, {}, {}, nullptr, 0};
+}
+
+bool IsSent(const Package& package, const Decision& decision, const std::string& taken) {
+    const size_t size = decision.sentSize;
+    const bool isEmmc = decision.device.layout == &EMMC; // a request carries whole blocks
+    const size_t padded = size_t{DownloadBlocks(static_cast<uint32_t>(size))} * MMC_BLOCK_SIZE;
+    return decision.sent != nullptr && !taken.empty() &&
+           (taken.size() == size || (isEmmc && taken.size() == padded)) &&
+           memcmp(taken.data(), package.bytes.get() + decision.sent->body, size) == 0;
+}
+
+Verdict Judge(const Package& package, const Decision& decision, const std::string& taken,
+              const StateDirectory& before, const StateDirectory& after) {
+    const std::string *earlier = RecordIn(before), *record = RecordIn(after);
+    const bool isSent = IsSent(package, decision, taken);
+    if (!taken.empty() && (!isSent || decision.verdict == Verdict::WRONG_IMAGE)) {
+        return Verdict::WRONG_IMAGE;
+    }
+    const bool isChanged = record != nullptr && (earlier == nullptr || *record != *earlier);
+    if (taken.empty() && !isChanged) {
+        return decision.recorded ? Verdict::STOPPED : decision.verdict;
+    }
+    if (record != nullptr && !ParseRecord(*record).isReadable) {
+        return Verdict::RECORD_UNREADABLE;
+    }
+    return isSent && decision.verdict != Verdict::USED_UP ? Verdict::UPDATED : Verdict::USED_UP;
+}
+
+nlohmann::ordered_json Describe(const Decision& decision) {
+    Json steps = Json::array();
+    for (const Step& step : decision.steps) {
+        steps.push_back({{"step", step.name},
+                         {"goes_on", step.goesOn},
+                         {"entry", NumberOf(step.entry)},
+                         {"reason", Sentence(step.reason, decision.device)},
+                         {"messages", step.messages}});
+    }
+    return {{"answer", WordOf(decision.verdict)},
+            {"why", WhyOf(decision)},
+            {"pre_check", NumberOf(decision.PreCheck())},
+            {"recorded", decision.recorded ? Json(Escaped(*decision.recorded)) : Json()},
+            {"sent", NumberOf(decision.sent)},
+            {"sent_bytes", decision.sentSize},
+            {"steps", steps}};
 }
 
 Texts FindingsOf(const Package& package, const Entry& entry) {
@@ -364,7 +433,8 @@ Texts FindingsOf(const Package& package, const Entry& entry) {
     if (!findings.empty()) {
         return findings;
     }
-    // From any: try one that is older than texts are, and the one just before the entry's own.
+    // From any: try a revision that sorts before all printable ones, and the one just before the
+    // entry's own.
     const bool isTaken = revision == std::string(revision.size(), '\1');
     Texts any = {std::string(revision.size(), isTaken ? '\2' : '\1')};
     if (&layout == &UFS && revision.back() != '\0') {
@@ -380,6 +450,21 @@ Texts FindingsOf(const Package& package, const Entry& entry) {
     return findings;
 }
 
+void RequireFlawless(const Built& built, bool withLargeEmmc) {
+    size_t number = 0;
+    for (const Entry* entry : built.entries) {
+        number++;
+        Texts findings = FindingsOf(built.package, *entry);
+        if (NeedsGkiMode(*entry) && !withLargeEmmc) {
+            findings = NotesOf(*entry);
+        }
+        if (!findings.empty()) {
+            throw Stop{1, fmt::format("{}: entry {} (in the package {}): {}", built.package.path,
+                                      number, Title(*entry), findings[0])};
+        }
+    }
+}
+
 bool NeedsGkiMode(const Entry& entry) {
     return entry.identity.layout == &EMMC && !FitsOneDownload(entry.bodySize);
 }
@@ -390,7 +475,7 @@ Texts NotesOf(const Entry& entry) {
     const std::string revision = Get(entry.identity, layout.revision),
                       text = revision.substr(0, revision.find('\0'));
     if (NeedsGkiMode(entry)) {
-        notes.emplace_back(LARGE_EMMC_BODY);
+        notes.push_back(Sentence({Reason::LARGE_EMMC_BODY}, entry.identity));
     }
     if (&layout == &UFS && entry.bodySize > LINUX_UFS_TRANSFER_SIZE) {
         notes.emplace_back(

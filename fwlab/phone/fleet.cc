@@ -2,7 +2,8 @@
 #include "fwlab/phone/fleet.h"
 
 #include "fwlab/base/stop.h"
-#include "fwlab/base/toml_fields.h"
+#include "fwlab/base/toml_file.h"
+#include "fwlab/package/fields.h"
 
 #include <climits>
 #include <filesystem>

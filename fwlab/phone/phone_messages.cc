@@ -1,7 +1,8 @@
 // Stands in for both logs of the phone, so that what its routines say becomes part of an answer
 // instead of the standard output. The phone's routines call it wherever they run in fwlab.
+#include "fwlab/phone/phone_messages.h"
+
 #include "emmc/emmc_print.h"
-#include "fwlab/phone/record.h"
 #include "run/log/ffu_print.h"
 #include "simphone/text.h"
 
@@ -10,7 +11,7 @@
 #include <cstdio>
 #include <utility>
 
-static std::vector<std::string> messages;
+static Texts messages;
 
 __attribute__((format(printf, 1, 0))) static void Keep(const char* format, va_list args) {
     char text[1024] = {};
@@ -19,7 +20,7 @@ __attribute__((format(printf, 1, 0))) static void Keep(const char* format, va_li
     messages.push_back(Escaped(message.substr(0, message.find_last_not_of('\n') + 1)));
 }
 
-std::vector<std::string> TakePhoneMessages() {
+Texts TakePhoneMessages() {
     return std::exchange(messages, {});
 }
 

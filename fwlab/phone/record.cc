@@ -2,6 +2,7 @@
 #include "fwlab/phone/record.h"
 
 #include "fwlab/base/stop.h"
+#include "fwlab/phone/phone_messages.h"
 #include "run/result_record.h"
 #include "simphone/files.h"
 

@@ -22,7 +22,3 @@ bool IsOnRecord(const Record& record, const std::string& revision);
 // The record that a run writes for this attempt, with a fixed time. Values end at a zero byte.
 std::string RecordText(const std::string& product, const std::string& base,
                        const std::string& target);
-
-// The messages that the phone's routines have logged since the last call, oldest first, without
-// line ends. In fwlab, the console log and the system log are both kept here.
-Texts TakePhoneMessages();

@@ -25,7 +25,8 @@ TEST_F(FwlabTest, PlanTellsWhatEachPhoneGets) {
     } rows[] = {
         {0,
          "\"0800\"*70  gets entry 1, \"0900\"\n*\"0700\"*4  refused: the running revision is not "
-         "among its base revisions*\"0900\"*5  nothing to do: *Phones: 70 update 5 nothing-to-do 4 "
+         "among its base revisions*\"0900\"*5  nothing to do: *Phones: 70 updated 5 nothing-to-do "
+         "4 "
          "refused\nNo phone",
          Model(NAMED, OLD + "{ revision = '0700', phones = 4 }, { revision = [48, 57, 48, 48], "
                             "phones = 5 }"),
@@ -38,8 +39,8 @@ TEST_F(FwlabTest, PlanTellsWhatEachPhoneGets) {
          Model(NAMED + "max_hw_sectors_kb = 4\n", OLD), UfsEntry("0900", Body(5000))},
         {1, "entry 2 at 0x44 of *for \"OTHER\\n*: no phone of the fleet gets it*NOT",
          Model(NAMED, OLD), UfsEntry() + other},
-        {0, "70 update", Model("phone = 'phone.toml'\n", OLD)},
-        {0, "there is no eMMC package*Phones: 70 update 9 nothing-to-do\n",
+        {0, "70 updated", Model("phone = 'phone.toml'\n", OLD)},
+        {0, "there is no eMMC package*Phones: 70 updated 9 nothing-to-do\n",
          Model(NAMED, OLD) + Model(EMMC + "8\n", EMMC_OLD)},
         {1, "USED UP: entry 1 at 0x0 has ext_csd_rev 8, the device 7",
          Model(EMMC + "7\n", EMMC_OLD), EmmcEntry()},
@@ -71,10 +72,10 @@ TEST_F(FwlabTest, PlanTellsWhatEachPhoneGets) {
     Put("/fleet.toml", Model(NAMED, OLD) + Model(EMMC + "8\n", EMMC_OLD));
     Put("/package", UfsEntry());
     Put("/emmc", EmmcEntry());
-    Expect(Fwlab("plan package emmc --fleet fleet.toml"), 0, "Phones: 79 update\n");
+    Expect(Fwlab("plan package emmc --fleet fleet.toml"), 0, "Phones: 79 updated\n");
     Expect(Fwlab("plan package package --fleet fleet.toml"), 2, "both UFS packages");
     Expect(Fwlab("plan package --fleet fleet.toml --json"), 0,
-           "\"answer\": \"update\"*\"totals\": {*\"update\": 70");
+           "\"answer\": \"updated\"*\"totals\": {*\"updated\": 70");
 }
 
 TEST_F(FwlabTest, PlanKnowsAttemptsOnRecord) {
@@ -89,10 +90,11 @@ TEST_F(FwlabTest, PlanKnowsAttemptsOnRecord) {
     Put("/pulled/C/fw_result", record("0800", "0850"));
     Put("/pulled/D/fw_result", record("0700", "0900")); // ran another revision
     Put("/pulled/E/fw_result", "damaged");
-    Expect(Fwlab("plan package --fleet fleet.toml --records pulled"), 1,
-           "67  gets entry 1*1  gets entry 1*2  attempted: the last attempt was from*"
-           "Phones: 68 update 2 attempted\nNote: 1 records belong to no phone of the fleet.\n"
-           "FINDING: 1 phones have a record that no run can read back*Do NOT release this package");
+    Expect(
+        Fwlab("plan package --fleet fleet.toml --records pulled"), 1,
+        "67  gets entry 1*1  gets entry 1*2  already attempted: the last attempt was from*"
+        "Phones: 68 updated 2 already-attempted\nNote: 1 records belong to no phone of the fleet.\n"
+        "FINDING: 1 phones have a record that no run can read back*Do NOT release this package");
     fs::create_directory(directory + "/empty");
     Expect(Fwlab("plan package --fleet fleet.toml --records empty"), 1, "not state directories");
 }

@@ -1,8 +1,7 @@
-// Fields of headers in the TOML files that users write: manifests and fleets. Values are brought
-// into the form that they have on a phone.
+// Reads the TOML files that users write. Whatever is unknown, missing or of the wrong type is
+// refused.
 #pragma once
 
-#include "fwlab/package/layout.h"
 #include "simphone/keys.h"
 
 #include <functional>
@@ -21,9 +20,3 @@ void FinishTable(Keys keys);
 
 // Takes a text that must be first or second; returns whether it is first.
 bool TakeChoice(Keys keys, const char* key, const std::string& first, const std::string& second);
-
-// Takes the field's key into identity; does nothing if the layout does not have the field.
-void TakeField(Keys keys, const Field& field, Need need, Identity& identity);
-
-// The field's value in TOML, from which TakeField reads the same bytes.
-std::string TomlValue(const Identity& identity, const Field& field);

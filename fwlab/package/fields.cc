@@ -1,5 +1,5 @@
 // Reads and writes the fields of headers in TOML files. A value that no device can have is refused.
-#include "fwlab/base/toml_fields.h"
+#include "fwlab/package/fields.h"
 
 #include "fwlab/base/stop.h"
 #include "fwlab/base/text.h"
@@ -10,10 +10,6 @@
 #include <fmt/format.h>
 
 namespace {
-
-bool IsFreeSlot(const std::string& slot) {
-    return slot[0] == '\0' || slot == std::string(slot.size(), '\xFF');
-}
 
 // A text or a list of bytes, or for a field of one byte a number, brought to the size of the field.
 // False if the node is neither; Stop if the bytes are none that a device can have there.
@@ -117,52 +113,6 @@ std::string BaseRevsOf(const Identity& identity) {
 }
 
 } // namespace
-
-void ReadToml(const std::string& path, const std::function<void(Keys)>& use) {
-    toml::table table;
-    std::string error;
-    if (!ReadTable(path, table, error)) {
-        throw Stop{2, error};
-    }
-    try {
-        use({table, error});
-        FinishTable({table, error});
-    } catch (const Stop& stop) {
-        throw Stop{stop.status, path + ": " + stop.text};
-    }
-}
-
-void TakeTables(Keys keys, const char* key, const char* wanted,
-                const std::function<void(Keys)>& use) {
-    Take(keys, key, REQUIRED, wanted, [&](toml::node& node) {
-        const size_t count = node.is_array_of_tables() ? node.as_array()->size() : 0;
-        for (size_t i = 0; i < count; i++) {
-            const Keys inner = {*(*node.as_array())[i].as_table(), keys.error};
-            try {
-                use(inner);
-                FinishTable(inner);
-            } catch (const Stop& stop) {
-                throw Stop{stop.status, fmt::format("{} {}: {}", key, i + 1, stop.text)};
-            }
-        }
-        return count > 0;
-    });
-}
-
-void FinishTable(Keys keys) {
-    RefuseTheRest(keys);
-    if (!keys.error.empty()) {
-        throw Stop{2, keys.error};
-    }
-}
-
-bool TakeChoice(Keys keys, const char* key, const std::string& first, const std::string& second) {
-    const std::string text = TakeText(keys, key);
-    if (keys.error.empty() && text != first && text != second) {
-        keys.error = fmt::format("{} is not \"{}\" or \"{}\"", key, first, second);
-    }
-    return text == first;
-}
 
 void TakeField(Keys keys, const Field& field, Need need, Identity& identity) {
     if (field.size == 0) {
