@@ -57,9 +57,11 @@ void TellUpdated(const Package& package, const SweepScenario& scenario, const Sw
 // Before it takes long.
 void CheckOutputs(const SweepRequest& request) {
     std::error_code error;
+    const auto whole = [&](const std::string& path) {
+        return fs::weakly_canonical(fs::absolute(path), error);
+    };
     const bool areBoth = !request.junit.empty() && !request.html.empty();
-    if (areBoth &&
-        fs::weakly_canonical(request.junit, error) == fs::weakly_canonical(request.html, error)) {
+    if (areBoth && whole(request.junit) == whole(request.html)) {
         throw Stop{2, request.html + ": is the file of both reports"};
     }
     for (const std::string& output : {request.junit, request.html}) {
