@@ -97,15 +97,19 @@ void AddVerify(CLI::App& app, Arguments& args) {
     verify->add_option("--manifest", args.manifest, "what it was made from")->required();
 }
 
-// The phone of a command, which settings may change.
-void AddPhone(CLI::App& command, std::string& phone, Texts& settings) {
-    command.add_option("--phone", phone, "the phone's description")->required();
+void AddSettings(CLI::App& command, Texts& settings) {
     command
         .add_option("--set", settings,
                     "another value for a key of the description, such as "
                     "cid.product_name=SIM065; bytes are \\n, \\\\ and \\xHH")
         ->type_name("KEY=VALUE")
         ->type_size(1);
+}
+
+// The phone of a command, which settings may change.
+void AddPhone(CLI::App& command, std::string& phone, Texts& settings) {
+    command.add_option("--phone", phone, "the phone's description")->required();
+    AddSettings(command, settings);
 }
 
 void AddMatch(CLI::App& app, Arguments& args) {
@@ -137,6 +141,10 @@ void AddRehearse(CLI::App& app, Arguments& args) {
     rehearse
         ->add_option("--fault", options.faults, "a call that fails (see examples/emmc-phone.toml)")
         ->type_size(1);
+    rehearse
+        ->add_option("--then", options.then,
+                     "a further run, without a restart, with this fault; without one if it is ''")
+        ->type_size(1);
     rehearse->add_option_function<std::string>(
         "--state", [&](const std::string& folder) { options.state = ReadPulledState(folder); },
         "start with the files of this state directory, pulled from a phone");
@@ -151,13 +159,28 @@ void AddSweep(CLI::App& app, Arguments& args) {
     SweepRequest& request = args.sweep;
     CLI::App* sweep = AddCommand(
         app, args, "sweep", "Rehearse every failing call and power cut",
-        [&] { return Sweep(request, args.json); },
+        [&] {
+            if (request.package.empty() && request.phones.size() > 1) { // it came after --phone
+                request.package = request.phones.back();
+                request.phones.pop_back();
+            }
+            return Sweep(request, args.json);
+        },
         "Each call of the run fails, in each way, once and permanently. The power fails before "
-        "each call that changes the phone, with each loss of what was not synced. Exit status 1: "
-        "there are violations.");
-    sweep->add_option("PACKAGE", request.package, "the package")->required();
+        "each call that changes the phone, with each loss of what was not synced. Exit status 0: "
+        "each phone is updated by the run without a fault, and there are no violations. Each "
+        "violation comes with the rehearsal that shows it.");
+    sweep->add_option("PACKAGE", request.package, "the package");
     sweep->add_option("--phone", request.phones, "descriptions of phones")->required();
-    sweep->add_option("--jobs", request.jobs, "processes; without it one for each processor")
+    AddSettings(*sweep, request.settings);
+    sweep->add_option_function<std::string>(
+        "--state",
+        [&](const std::string& folder) {
+            request.stateFolder = folder;
+            request.state = ReadPulledState(folder);
+        },
+        "start with the files of this state directory, pulled from a phone");
+    sweep->add_option("--jobs", request.jobs, "threads; without it one for each processor")
         ->check(CLI::Range(1, 1024));
     sweep->add_option("--junit", request.junit, "write a JUnit report: a test case for each call")
         ->check(NAMED);

@@ -317,6 +317,7 @@ RunResult RunTool(const Phone& phone, const std::string& tool, const RunOptions&
         result.error = phone.directory + ": another run is on this phone";
     } else {
         RunAlone(phone, tool, options, result);
+        flock(directory.fd, LOCK_UN); // a process that another thread has forked may have it, too
     }
     return result;
 }

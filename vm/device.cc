@@ -96,8 +96,8 @@ size_t RequestsBefore(const std::string& log) {
     return requests;
 }
 
-// Tells in the last block of the phone's disk, behind its file system, that a request has come: that
-// has its place among the disk's writes.
+// Tells in the last block of the phone's disk, behind its file system, that a request has come:
+// that has its place among the disk's writes.
 void MarkRequest() {
     alignas(4096) static const char block[4096] = "request";
     const int disk = open("/dev/vda", O_WRONLY | O_DIRECT | O_CLOEXEC);

@@ -36,9 +36,10 @@ struct RehearseOptions {
     Texts settings;                      // KEY=VALUE: see ReadPhone
     std::string keep;                    // where to make and keep the phone; empty: it is temporary
     std::optional<StateDirectory> state; // that the phone starts with; see ReadPulledState
-    Texts faults;
-    bool runAgain;
-    bool quiet; // leave out console lines of one character each
+    Texts faults;                        // of the first run
+    Texts then;                          // the fault of each further run; empty: none
+    bool runAgain;                       // after a restart
+    bool quiet;                          // leave out console lines of one character each
 };
 // Runs the ffu that was built or installed with this program.
 int Rehearse(const RehearseOptions& options, bool asJson);
@@ -67,9 +68,12 @@ int Capture(const CaptureOptions& options, bool asJson);
 
 struct SweepRequest {
     std::string package;
-    Texts phones;            // their descriptions
-    unsigned jobs;           // processes; 0: one for each processor
-    std::string junit, html; // reports to write, each whole or not at all; empty: none
+    Texts phones;                        // their descriptions
+    Texts settings;                      // KEY=VALUE: see ReadPhone
+    std::string stateFolder;             // the state directory that they start with; empty: none
+    std::optional<StateDirectory> state; // what it has, see ReadPulledState
+    unsigned jobs;                       // threads; 0: one for each processor
+    std::string junit, html;             // reports to write, each whole or not at all; empty: none
 };
 // Runs the ffu that was built or installed with this program, some thousand times for each phone.
 // Stop with 128 plus the signal's number if a signal interrupts it.

@@ -8,6 +8,8 @@
 #include "fwlab/phone/decision.h"
 #include "fwlab/phone/pulled_state.h"
 #include "fwlab/phone/state_directory.h"
+#include "fwlab/sweep/judge.h"
+#include "fwlab/sweep/made_run.h"
 #include "run/result_record.h"
 #include "run/state_flags.h"
 #include "simphone/files.h"
@@ -40,6 +42,7 @@ bool IsOfOneCharacter(const TimeLineEntry& entry) {
 struct Report {
     bool asJson, quiet;
     Json json;
+    Course course = {}; // of the runs so far
 
     template <typename... Values> void Say(const char* format, const Values&... values) const {
         if (!asJson) {
@@ -72,30 +75,61 @@ std::string EndOf(const RunResult& run) {
                        run.timedOut ? ": it took too long" : "");
 }
 
-RunResult Run(const std::vector<Fault>& faults, const Phone& phone, Report& report) {
-    RunOptions options;
-    options.faults = faults;
-    RunResult run = RunTool(phone, Companion("ffu"), options);
-    StopIfInterrupted();
-    if (!run.error.empty()) {
-        throw Stop{2, run.error};
-    }
-    report.json["runs"].push_back({{"faults", TextsOf(faults)},
-                                   {"exit_status", run.exitStatus},
-                                   {"signal", run.signal},
-                                   {"timed_out", run.timedOut}});
-    TellTimeLine(run, report);
+void RequireMet(const RunResult& run) {
     if (!run.unmetFaults.empty()) {
         throw Stop{2, fmt::format("{} met no call of the run: {}",
                                   run.unmetFaults.size() == 1 ? "this fault" : "these faults",
                                   fmt::join(TextsOf(run.unmetFaults), "; "))};
     }
-    report.Say("\nThe run ended with {}.\n", EndOf(run));
+}
+
+MadeRun Run(const std::vector<Fault>& faults, const Phone& phone, Report& report) {
+    MadeRun made = MakeRun(phone, Companion("ffu"), "", faults);
+    StopIfInterrupted();
+    report.json["runs"].push_back({{"faults", TextsOf(faults)},
+                                   {"exit_status", made.run.exitStatus},
+                                   {"signal", made.run.signal},
+                                   {"timed_out", made.run.timedOut}});
+    TellTimeLine(made.run, report);
+    RequireMet(made.run);
+    LoseUnsynced(phone, made);
+    report.Say("\nThe run ended with {}.\n", EndOf(made.run));
     report.Say("{}", ShowPhone(phone));
     const StateReport state = ReadState(phone.directory + STATE_DIR);
     report.Say("{}\n", Sentence(state));
     report.json["runs"].back()["state"] = WordOf(state.verdict);
-    return run;
+    return made;
+}
+
+// The same run without any fault, on a phone of its own.
+RunResult RunWithoutFaults(const MadeRun& made, const RehearseOptions& options) {
+    Texts settings = options.settings;
+    settings.emplace_back("faults=[]");
+    const WorkFolder folder;
+    const Phone phone = {folder.path + "/phone", ReadPhone(options.phone, settings)};
+    std::string error;
+    if (!MakePhone(phone.description, phone.directory, error) ||
+        !PutPackage(phone, options.package, error)) {
+        throw Stop{2, error};
+    }
+    PutState(phone, made.before);
+    return MakeRun(phone, Companion("ffu"), "", {}).run;
+}
+
+// Asks the judge of sweeps about the next run before a restart.
+void TellViolations(MadeRun made, const Phone& phone, const RehearseOptions& options,
+                    Report& report) {
+    const std::vector<Fault>& own = phone.description.faults; // of every run
+    made.faults.insert(made.faults.end(), own.begin(), own.end());
+    const bool isFirst = report.json["runs"].size() == 1;
+    const RunResult base = made.faults.empty() ? made.run : RunWithoutFaults(made, options);
+    report.course = isFirst ? CourseBefore(base) : report.course;
+    for (const Wrong wrong : WrongsOf(made, &base, report.course)) {
+        report.json["violations"].push_back({{"run", report.json["runs"].size()},
+                                             {"kind", NameOf(wrong)},
+                                             {"text", SentenceOf(wrong)}});
+        report.Say("VIOLATION: {}\n", SentenceOf(wrong));
+    }
 }
 
 void Reboot(const Phone& phone) {
@@ -110,13 +144,12 @@ struct Running {
     std::string revision, image; // the image is empty if no run has downloaded one
 };
 
-Running ReadRunning(const Phone& phone, const Layout& layout) {
-    const std::string& folder = phone.directory;
+Running ReadRunning(const std::string& phone, const Layout& layout) {
     const size_t size = layout.revision.size;
     return {&layout == &UFS
-                ? Content(folder + "/proc/bootdevice/rev").substr(0, size)
-                : Content(folder + "/device/ext_csd.bin").substr(EXT_CSD_FIRMWARE_VERSION, size),
-            Content(folder + "/device/running.bin")};
+                ? Content(phone + "/proc/bootdevice/rev").substr(0, size)
+                : Content(phone + "/device/ext_csd.bin").substr(EXT_CSD_FIRMWARE_VERSION, size),
+            Content(phone + "/device/running.bin")};
 }
 
 // Returns whether the phone reports the revision of the entry that it took; also if it took none.
@@ -143,49 +176,85 @@ bool TellRunning(const Running& running, const Package& package, const Decision&
 
 // Whether another run, without the faults of the first, leaves the phone alone.
 bool FindsNothingToDo(const Phone& phone, Report& report) {
-    const std::string& folder = phone.directory;
-    const std::string record = Content(folder + RESULT_FILE);
+    const std::string& directory = phone.directory;
+    const std::string record = Content(directory + RESULT_FILE);
     report.Say("\nThe second run:\n");
     (void)Run({}, phone, report); // what it leaves is looked at below
-    const bool isQuiet = Content(folder + RESULT_FILE) == record && fs::exists(folder + END_FLAG) &&
-                         !fs::exists(folder + BEGIN_FLAG);
+    const bool isQuiet = Content(directory + RESULT_FILE) == record &&
+                         fs::exists(directory + END_FLAG) && !fs::exists(directory + BEGIN_FLAG);
     report.json["second_run_is_quiet"] = isQuiet;
     report.Say("The second run {} nothing to do.\n", isQuiet ? "found" : "did NOT find");
     return isQuiet;
 }
 
+// The faults of each run before the restart.
+using Faults = std::vector<std::vector<Fault>>;
+
+Fault ParsedFault(const std::string& text) {
+    Fault fault;
+    std::string error;
+    if (!ParseFault(text, fault, error)) {
+        throw Stop{2, error};
+    }
+    return fault;
+}
+
+Faults ParsedFaults(const RehearseOptions& options) {
+    Faults faults(1 + options.then.size());
+    for (const std::string& text : options.faults) {
+        faults[0].push_back(ParsedFault(text));
+    }
+    for (size_t i = 0; i < options.then.size(); i++) {
+        if (!options.then[i].empty()) {
+            faults[i + 1].push_back(ParsedFault(options.then[i]));
+        }
+    }
+    return faults;
+}
+
+// The runs before the restart; returns the last one.
+MadeRun RunAll(const Phone& phone, const Faults& faults, const RehearseOptions& options,
+               Report& report) {
+    MadeRun made;
+    for (size_t i = 0; i < faults.size(); i++) {
+        if (i > 0) {
+            report.Say("\nRun {}, without a restart:\n", i + 1);
+        }
+        made = Run(faults[i], phone, report);
+        TellViolations(made, phone, options, report);
+    }
+    return made;
+}
+
 // Makes the phone in an empty or missing folder, runs the tool on it and tells what becomes of it.
 // Returns the exit status.
-int RehearseOn(const Phone& phone, const std::vector<Fault>& faults, const RehearseOptions& options,
+int RehearseIn(const Phone& phone, const RehearseOptions& options, const Faults& faults,
                const Package& package, Report& report) {
-    const std::string& folder = phone.directory;
     std::string error;
-    if (!MakePhone(phone.description, folder, error) ||
+    if (!MakePhone(phone.description, phone.directory, error) ||
         !PutPackage(phone, options.package, error)) {
         throw Stop{2, error};
     }
-    if (options.state && !WriteStateDirectory(folder, *options.state)) {
-        throw FailureAt(folder + STATE_DIR, errno);
-    }
-    const StateDirectory before = ReadStateDirectory(folder);
-    const auto found = before.files.find(fs::path(RESULT_FILE).filename());
-    const Record record = found == before.files.end() ? Record() : ParseRecord(found->second);
-    const Decision decision = Decide(package, DeviceOf(phone.description),
-                                     found == before.files.end() ? nullptr : &record);
+    const StateDirectory before = options.state.value_or(StateDirectory{});
+    PutState(phone, before);
+    const bool hasRecord = HasRecord(before);
+    const Record record = hasRecord ? ParseRecord(RecordOf(before)) : Record();
+    const Decision decision =
+        Decide(package, DeviceOf(phone.description), hasRecord ? &record : nullptr);
     const auto judge = [&](const Running& running) {
-        return Judge(package, decision, running.image, before, ReadStateDirectory(folder));
+        return Judge(package, decision, running.image, before, ReadStateDirectory(phone.directory));
     };
     report.Say("{}\n", ShowPhone(phone));
-    const RunResult run = Run(faults, phone, report);
+    const RunResult run = RunAll(phone, faults, options, report).run;
     Reboot(phone);
-    const Running running = ReadRunning(phone, *package.layout);
+    const Running running = ReadRunning(phone.directory, *package.layout);
     const bool isReported = TellRunning(running, package, decision, report);
     bool isQuiet = true;
     Verdict verdict = judge(running);
     if (options.runAgain) {
         isQuiet = FindsNothingToDo(phone, report);
         Reboot(phone);
-        const Verdict later = judge(ReadRunning(phone, *package.layout));
+        const Verdict later = judge(ReadRunning(phone.directory, *package.layout));
         verdict = verdict != Verdict::UPDATED && later == Verdict::UPDATED ? Verdict::UPDATED_NEXT
                                                                            : later;
     }
@@ -197,29 +266,26 @@ int RehearseOn(const Phone& phone, const std::vector<Fault>& faults, const Rehea
                : !isReported ? ", but it reports another revision than the entry's"
                : !isQuiet    ? ", but the second run did not find nothing to do"
                : run.signal != 0 || run.exitStatus != 0
-                   ? ", though the first run ended with " + EndOf(run)
+                   ? fmt::format(", though the {} run ended with {}",
+                                 faults.size() > 1 ? "last" : "first", EndOf(run))
                    : "");
-    return isUpdated && isReported && isQuiet ? 0 : 1;
+    const bool isFine = isReported && isQuiet && report.json["violations"].empty();
+    return isUpdated && isFine ? 0 : 1;
 }
 
 } // namespace
 
 int Rehearse(const RehearseOptions& options, bool asJson) {
-    std::string error;
-    std::vector<Fault> faults;
-    for (const std::string& text : options.faults) {
-        if (!ParseFault(text, faults.emplace_back(), error)) {
-            throw Stop{2, error};
-        }
-    }
+    const Faults faults = ParsedFaults(options); // before anything is made
     Phone phone = {"", ReadPhone(options.phone, options.settings)};
-    const Package package =
-        OpenPackage(options.package, DeviceOf(phone.description).identity.layout);
-    Report report = {asJson, options.quiet, {{"runs", Json::array()}}};
+    const Device device = DeviceOf(phone.description);
+    const Package package = OpenPackage(options.package, device.identity.layout);
+    Report report = {
+        asJson, options.quiet, {{"runs", Json::array()}, {"violations", Json::array()}}};
     int status = 0;
-    const auto rehearse = [&](const std::string& folder) {
-        phone.directory = folder;
-        status = RehearseOn(phone, faults, options, package, report);
+    const auto rehearse = [&](const std::string& directory) {
+        phone.directory = directory;
+        status = RehearseIn(phone, options, faults, package, report);
     };
     if (options.keep.empty()) {
         const WorkFolder folder;

@@ -1,171 +1,123 @@
 // Rehearses every failing call and every power cut of a package on phones, and tells what the
 // phones are left with. Called by hand and by CI systems; leaves only the files that were asked
 // for.
-#include "fwlab/base/json.h"
 #include "fwlab/base/output.h"
-#include "fwlab/package/package.h"
+#include "fwlab/commands/commands.h"
+#include "fwlab/phone/decision.h"
 #include "fwlab/phone/device.h"
+#include "fwlab/sweep/page.h"
 #include "fwlab/sweep/report.h"
 
-#include "simphone/description.h"
-#include "simphone/text.h"
-
-#include <csignal>
+#include <filesystem>
 #include <fmt/format.h>
-#include <map>
-#include <numeric>
 #include <unistd.h>
+
+namespace fs = std::filesystem;
 
 namespace {
 
-void ShowProgress(size_t done, size_t all) {
-    fmt::print(stderr, "\r{} of {} faults", done, all);
+// Of a phone that has none: the clock stands still, so that equal runs leave equal files.
+constexpr char CLOCK[] = "clock=2026-03-07T09:05:02.041";
+
+void ShowProgress(size_t done, size_t all, const char* what) {
+    fmt::print(stderr, "\r\x1b[K{} of {} {}", done, all, what);
     fflush(stderr);
 }
 
-size_t Sum(const FateCounts& counts) {
-    return std::accumulate(counts.begin(), counts.end(), size_t{0});
+// Reads the phone's description, and tells its title.
+Description ReadSwept(SweepPhone& phone) {
+    Description description = ReadPhone(phone.file, phone.settings);
+    if (!description.faults.empty()) {
+        throw Stop{2, phone.file + ": has faults, which a sweep would take for the tool's own; "
+                                   "leave them out, or add --set faults=[]"};
+    }
+    if (!description.clock) {
+        phone.settings.emplace_back(CLOCK);
+        description = ReadPhone(phone.file, phone.settings);
+    }
+    phone.title = Title(description);
+    return description;
 }
 
-Json Describe(const FateCounts& counts) {
-    Json shown;
-    for (const Fate fate : FATES) {
-        shown[FateText(fate)] = counts[static_cast<size_t>(fate)];
-    }
-    return shown;
+// Whether the run without a fault has updated the phone, by the same decision as a rehearsal's.
+void TellUpdated(const Package& package, const SweepScenario& scenario, const SweepBase& base,
+                 SweepPhone& phone) {
+    const bool hasRecord = HasRecord(scenario.before);
+    const Record record = hasRecord ? ParseRecord(RecordOf(scenario.before)) : Record();
+    const Decision decision =
+        Decide(package, DeviceOf(scenario.phone), hasRecord ? &record : nullptr);
+    const Verdict verdict = Judge(package, decision, base.image, scenario.before, base.made.after);
+    phone.isUpdated = verdict == Verdict::UPDATED;
+    phone.why = phone.isUpdated ? ""
+                                : fmt::format("{}: {}", WordOf(verdict),
+                                              verdict == decision.verdict ? WhyOf(decision)
+                                                                          : SentenceOf(verdict));
 }
 
-Json Describe(const SweepRequest& request, const SweepResult& result) {
-    Json phones = Json::array(), violations = Json::array();
-    for (size_t i = 0; i < result.bases.size(); i++) {
-        const SweepSummary sum = Summarize(result, i);
-        phones.push_back({{"phone", Escaped(request.phones[i])},
-                          {"calls", result.bases[i].calls.size()},
-                          {"without_fault", FateText(result.baseFates[i])},
-                          {"failing_calls", Describe(sum.failingCalls)},
-                          {"power_cuts", Describe(sum.powerCuts)},
-                          {"states_after_cuts", Describe(sum.states)}});
+// Before it takes long.
+void CheckOutputs(const SweepRequest& request) {
+    std::error_code error;
+    const auto whole = [&](const std::string& path) {
+        return fs::weakly_canonical(fs::absolute(path), error);
+    };
+    const bool areBoth = !request.junit.empty() && !request.html.empty();
+    if (areBoth && whole(request.junit) == whole(request.html)) {
+        throw Stop{2, request.html + ": is the file of both reports"};
     }
-    for (const SweepViolation& wrong : result.violations) {
-        violations.push_back(
-            {{"text", Escaped(wrong.text)}, {"command", RehearseCommand(request, wrong)}});
-    }
-    return {{"runs", result.runs}, {"phones", phones}, {"violations", violations}};
-}
-
-void Print(const SweepRequest& request, const SweepResult& result) {
-    for (size_t i = 0; i < result.bases.size(); i++) {
-        const SweepSummary sum = Summarize(result, i);
-        fmt::print("{}: {}\n", Escaped(request.phones[i]), Title(result.phones[i]));
-        fmt::print("  without a fault: {}, in {} calls\n", FateText(result.baseFates[i]),
-                   result.bases[i].calls.size());
-        fmt::print("  {} failing calls: {}\n", Sum(sum.failingCalls),
-                   FateCountsText(sum.failingCalls));
-        fmt::print("  {} power cuts: {}\n", Sum(sum.powerCuts), FateCountsText(sum.powerCuts));
-        fmt::print("    {} possible states after these cuts: {}\n", Sum(sum.states),
-                   FateCountsText(sum.states));
-    }
-    for (const SweepViolation& wrong : result.violations) {
-        fmt::print("VIOLATION: {}:\n    {}\n", Escaped(wrong.text),
-                   RehearseCommand(request, wrong));
-    }
-    fmt::print("{} runs, {} violations{}\n", result.runs, result.violations.size(),
-               result.violations.empty()
-                   ? ": the device got an update request for each revision in one run at most, "
-                     "never after a failure that must stop the run, and never before the attempt "
-                     "was on record; the record only grew; a power cut in the first run left the "
-                     "phone stuck only before the record was synced. A phone that a failing call "
-                     "left stuck is counted, but is no violation."
-                   : ".");
-}
-
-} // namespace
-
-const char* FateText(Fate fate) {
-    static const char* const texts[] = {"updated",        "updated by the next run",
-                                        "left as it was", "attempted and used up",
-                                        "stuck",          "left with another image"};
-    return texts[static_cast<size_t>(fate)];
-}
-
-std::string FateCountsText(const FateCounts& counts) {
-    std::string text;
-    for (const Fate fate : FATES) {
-        const size_t count = counts[static_cast<size_t>(fate)];
-        if (count > 0) {
-            text += fmt::format("{}{} {}", text.empty() ? "" : ", ", count, FateText(fate));
-        }
-    }
-    return text;
-}
-
-SweepSummary Summarize(const SweepResult& result, size_t scenario) {
-    SweepSummary sum = {};
-    std::map<size_t, Fate> cuts; // by the call before which the power fails
-    for (size_t i = 0; i < result.jobs.size(); i++) {
-        const SweepJob& job = result.jobs[i];
-        if (job.scenario != scenario) {
-            continue;
-        }
-        for (const SweepLeft& left : result.results[i].left) {
-            const auto fate = static_cast<size_t>(left.fate);
-            if (!job.isPowerCut) {
-                sum.failingCalls[fate]++;
-                continue;
-            }
-            sum.states[fate]++;
-            Fate& worst = cuts[job.call];
-            worst = std::max(worst, left.fate);
-        }
-    }
-    for (const auto& [call, fate] : cuts) {
-        sum.powerCuts[static_cast<size_t>(fate)]++;
-    }
-    return sum;
-}
-
-std::string RehearseCommand(const SweepRequest& request, const SweepViolation& wrong) {
-    return fmt::format("fwlab rehearse {} --phone {}{}{} --reboot-and-run-again",
-                       ShellWord(request.package), ShellWord(request.phones[wrong.scenario]),
-                       wrong.fault.empty() ? "" : " --fault ",
-                       wrong.fault.empty() ? "" : ShellWord(wrong.fault));
-}
-
-int Sweep(const SweepRequest& request, bool asJson) {
-    std::vector<SweepScenario> scenarios;
-    for (const std::string& phone : request.phones) {
-        scenarios.push_back({phone, ReadPhone(phone), request.package, {false, {}}});
-    }
-    (void)OpenPackage(request.package); // Stop if it cannot be read
     for (const std::string& output : {request.junit, request.html}) {
         if (!output.empty()) {
-            CheckOutput(output); // before it takes long
+            CheckOutput(output);
             RequireOther(output, request.package);
             for (const std::string& phone : request.phones) {
                 RequireOther(output, phone);
             }
         }
     }
+}
 
+SweepResult RunAll(const SweepRequest& request, const std::vector<SweepScenario>& scenarios) {
     SweepOptions options;
     options.tool = Companion("ffu");
-    options.processes = request.jobs;
+    options.threads = request.jobs;
     options.keepsTimeLines = !request.html.empty();
     const bool isSeen = isatty(STDERR_FILENO) != 0;
     if (isSeen) {
         options.progress = ShowProgress;
     }
-    const SweepResult result = RunSweep(scenarios, options);
+    SweepResult result = RunSweep(scenarios, options);
     fmt::print(stderr, "{}", isSeen ? "\r\x1b[K" : "");
     if (result.interruptedBy != 0) {
         throw Stop{128 + result.interruptedBy, "interrupted"};
     }
-    Show(asJson, Describe(request, result), [&] { Print(request, result); });
+    return result;
+}
+
+} // namespace
+
+int Sweep(const SweepRequest& request, bool asJson) {
+    if (request.package.empty()) {
+        throw Stop{2, "PACKAGE is required; --help tells more"};
+    }
+    const Package package = OpenPackage(request.package);
+    std::vector<SweepScenario> scenarios;
+    std::vector<SweepPhone> phones;
+    for (const std::string& file : request.phones) {
+        phones.push_back({file, request.settings, "", false, ""});
+        scenarios.push_back(
+            {ReadSwept(phones.back()), request.package, request.state.value_or(StateDirectory{})});
+    }
+    CheckOutputs(request);
+    const SweepResult result = RunAll(request, scenarios);
+    for (size_t i = 0; i < phones.size(); i++) {
+        TellUpdated(package, scenarios[i], result.bases[i], phones[i]);
+    }
+    const Json report = SweepReport(request.package, request.stateFolder, phones, result);
+    Show(asJson, report, [&] { PrintReport(report); });
     if (!request.junit.empty()) {
-        WriteOutput(request.junit, SweepJunit(request, result));
+        WriteOutput(request.junit, SweepJunit(report));
     }
     if (!request.html.empty()) {
-        WriteOutput(request.html, SweepPage(request, result));
+        WriteOutput(request.html, SweepPage(report, result));
     }
-    return result.violations.empty() ? 0 : 1;
+    return IsFine(report) ? 0 : 1;
 }

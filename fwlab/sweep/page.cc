@@ -1,346 +1,310 @@
-// Writes a sweep down as one HTML page and as JUnit XML. Whatever comes from packages, phones and
-// runs is made printable and escaped on its way in.
-#include "fwlab/sweep/report.h"
+// Brings the report of a sweep into the order in which the templates show it. They escape what they
+// are filled with; whatever comes from packages, phones and runs is printable before.
+#include "fwlab/sweep/page.h"
 
-#include "fwlab/phone/device.h"
-#include "fwlab/sweep/style.h"
-#include "simphone/text.h"
+#include "fwlab/sweep/report.h"
+#include "fwlab/sweep/templates.h"
 
 #include <algorithm>
 #include <fmt/format.h>
+#include <iterator>
+#include <kainjow/mustache.hpp>
 #include <map>
-#include <sstream>
+
+namespace mustache = kainjow::mustache;
 
 namespace {
 
 constexpr size_t CALLS_PER_LINE = 64;
 constexpr size_t CONTEXT_LINES = 3; // before a time line differs from the base run's
 
-// For element content and attribute values of HTML and XML. The text is one printable line: what is
-// not comes Escaped.
-std::string Markup(const std::string& text) {
-    static const std::map<char, std::string> entities = {
-        {'&', "&amp;"}, {'<', "&lt;"}, {'>', "&gt;"}, {'"', "&quot;"}, {'\'', "&#39;"}};
-    std::string safe;
-    for (const char c : text) {
-        const auto entity = entities.find(c);
-        safe += entity != entities.end() ? entity->second
-                : c >= ' ' && c <= '~'   ? std::string(1, c)
-                                         : "?";
+std::string TextOf(const Json& value) {
+    return value.is_string() ? value.get<std::string>() : value.dump();
+}
+
+mustache::data DataOf(const Json& value) {
+    if (value.is_array()) {
+        mustache::data list = mustache::data::type::list;
+        for (const Json& element : value) {
+            list.push_back(DataOf(element));
+        }
+        return list;
     }
-    return safe;
+    if (value.is_object()) {
+        mustache::data object = mustache::data::type::object;
+        for (const auto& [key, element] : value.items()) {
+            object.set(key, DataOf(element));
+        }
+        return object;
+    }
+    return value.is_boolean() ? mustache::data(value.get<bool>()) : mustache::data(TextOf(value));
 }
 
-std::string CallText(const CallEntry& call) {
-    return call.function + (call.path == "-" ? "" : " " + Escaped(call.path));
+std::string Filled(const char* text, const Json& data) {
+    return mustache::mustache(text).render(DataOf(data));
 }
 
-std::string Result(const CallEntry& call) {
-    return call.result.rfind("0x", 0) == 0
-               ? "a pointer"
-               : call.result + (call.error.empty() ? "" : " ") + call.error;
+size_t PlaceOf(const Json& fate) {
+    const auto* found = std::find_if(std::begin(FATES), std::end(FATES),
+                                     [&](Fate one) { return fate == FateText(one); });
+    return static_cast<size_t>(found - std::begin(FATES));
 }
 
-// ---- What is left after the jobs at one call ----
+std::string CallText(const Json& call) {
+    const std::string path = call["path"];
+    return call["function"].get<std::string>() + (path.empty() ? "" : " ") + path;
+}
+
+// ---- What is left after the faults at one call ----
 
 struct Chip {
     std::string label;
-    Fate fate;
-    std::string timeLine, nextTimeLine;
-    bool isPowerCut, isWrong;
+    size_t fate;
+    bool isPowerCut, isTorn, isWrong;
+    size_t job, state;
 };
 bool operator==(const Chip& one, const Chip& other) { // but for the time lines
     return one.label == other.label && one.fate == other.fate &&
            one.isPowerCut == other.isPowerCut && one.isWrong == other.isWrong;
 }
 
-// How far the fault reaches, for a failing call; what it loses, for a power cut.
-std::string Label(const SweepJob& job, const SweepLeft& left) {
-    if (!job.isPowerCut) {
-        const bool isAlone = job.fault.first == job.fault.last;
-        const bool hasPath = !job.fault.path.empty();
-        return job.way + (isAlone ? "" : hasPath ? ", later ones on the path" : ", all later ones");
-    }
-    return job.fault.effect == Effect::TORN ? job.way
-           : left.losses.empty()            ? "all survives"
-                                            : left.losses;
-}
-
 // Torn writes that leave the same become one chip, "torn=1 to 114".
-void Add(std::vector<Chip>& chips, const Chip& chip) {
-    const bool isTorn = chip.label.rfind("torn=", 0) == 0;
-    Chip* last = chips.empty() ? nullptr : &chips.back();
-    if (isTorn && last != nullptr && last->label.rfind("torn=", 0) == 0 &&
-        last->fate == chip.fate && last->isWrong == chip.isWrong) {
-        last->label = last->label.substr(0, last->label.find(' ')) + " to " + chip.label.substr(5);
-        return;
-    }
-    chips.push_back(chip);
-}
-
-using Violations = std::vector<const SweepViolation*>;
-
-Violations ViolationsOf(const SweepResult& result, size_t scenario) {
-    Violations found;
-    for (const SweepViolation& wrong : result.violations) {
-        if (wrong.scenario == scenario) {
-            found.push_back(&wrong);
-        }
-    }
-    return found;
-}
-
-// For each call of a base run.
-std::vector<std::vector<Chip>> ChipsOf(const SweepResult& result, size_t scenario) {
-    std::vector<std::vector<Chip>> chips(result.bases[scenario].calls.size());
-    const Violations wrongs = ViolationsOf(result, scenario);
-    for (size_t i = 0; i < result.jobs.size(); i++) {
-        const SweepJob& job = result.jobs[i];
-        const SweepJobResult& done = result.results[i];
-        if (job.scenario != scenario) {
-            continue;
-        }
-        for (const SweepLeft& left : done.left) {
-            const std::string place = FaultText(job.fault);
-            const std::string fault = place + (left.losses.empty() ? "" : " ") + left.losses;
-            const bool isWrong =
-                std::any_of(wrongs.begin(), wrongs.end(), [&](const SweepViolation* wrong) {
-                    return wrong->fault == fault || wrong->fault == place;
-                });
-            Add(chips[job.call], {Label(job, left), left.fate, done.timeLine, left.nextTimeLine,
-                                  job.isPowerCut, isWrong});
+std::vector<Chip> ChipsOf(const Json& call, const SweepResult& result) {
+    std::vector<Chip> chips;
+    for (const Json& left : call["left"]) {
+        const size_t job = left["job"];
+        const Fault& fault = result.jobs[job].fault;
+        const Chip chip = {left["label"],        PlaceOf(left["fate"]),
+                           left["is_power_cut"], fault.effect == Effect::TORN,
+                           left["violates"],     job,
+                           left["state"]};
+        Chip* last = chips.empty() ? nullptr : &chips.back();
+        if (chip.isTorn && last != nullptr && last->isTorn && last->fate == chip.fate &&
+            last->isWrong == chip.isWrong) {
+            last->label =
+                EffectText(result.jobs[last->job].fault) + " to " + std::to_string(fault.value);
+        } else {
+            chips.push_back(chip);
         }
     }
     return chips;
 }
 
-// ---- The page ----
+// ---- Time lines ----
 
-std::string Key() {
-    std::string html = "<p class=\"key\">";
-    for (const Fate fate : FATES) {
-        html +=
-            fmt::format("<span class=\"f{}\">{}</span>", static_cast<int>(fate), FateText(fate));
+using TimeLineIds = std::map<const SweepTimeLine*, size_t>;
+
+// In the order in which the page first shows them.
+TimeLineIds IdsOf(const SweepResult& result) {
+    TimeLineIds ids;
+    for (const SweepJobResult& done : result.results) {
+        ids.try_emplace(done.timeLine, ids.size());
+        for (const SweepLeft& left : done.left) {
+            ids.try_emplace(result.states[left.state].timeLine, ids.size());
+        }
     }
-    return html + "<span class=\"wrong\">a violation</span></p>\n";
+    return ids;
 }
 
+// The lines from one on; equal ones in a row once.
+Json LinesOf(const std::vector<TimeLineEntry>& lines, size_t from) {
+    Json shown = Json::array();
+    for (size_t i = from; i < lines.size(); i++) {
+        const size_t first = i;
+        while (i + 1 < lines.size() && lines[i + 1].text == lines[i].text &&
+               std::string(lines[i + 1].source) == lines[i].source) {
+            i++;
+        }
+        const std::string source = lines[i].source;
+        shown.push_back({{"source", source},
+                         {"column", source + std::string(8 - source.size(), ' ')},
+                         {"text", lines[i].text},
+                         {"times", i > first ? Json(i - first + 1) : Json(false)}});
+    }
+    return shown;
+}
+
+Json TimeLinesOf(const SweepResult& result, const TimeLineIds& ids) {
+    Json shown = Json::array();
+    for (size_t i = 0; i < result.bases.size(); i++) {
+        shown.push_back({{"id", "b" + std::to_string(i)},
+                         {"title", "The run without a fault"},
+                         {"as_base", false},
+                         {"lines", LinesOf(result.bases[i].timeLine, 0)}});
+    }
+    std::map<size_t, const SweepTimeLine*> inOrder;
+    for (const auto& [line, id] : ids) {
+        inOrder[id] = line;
+    }
+    for (const auto& [id, line] : inOrder) {
+        std::vector<TimeLineEntry> lines = result.bases[line->scenario].timeLine;
+        lines.resize(line->common);
+        lines.insert(lines.end(), line->rest.begin(), line->rest.end());
+        const size_t common = line->common;
+        const size_t from = common > CONTEXT_LINES + 2 ? common - CONTEXT_LINES : 0;
+        const Json asBase = {{"base", line->scenario}, {"count", from}};
+        shown.push_back({{"id", "t" + std::to_string(id)},
+                         {"title", "Time line"},
+                         {"as_base", from > 0 ? asBase : Json(false)},
+                         {"lines", LinesOf(lines, from)}});
+    }
+    return shown;
+}
+
+// ---- The page ----
+
 // One of the two bars of a call: the worst that its chips leave.
-std::string Bar(const std::vector<Chip>& chips, bool isPowerCut) {
-    int worst = -1;
+Json BarOf(const std::vector<Chip>& chips, bool isPowerCut) {
+    std::string kind = "none";
+    size_t worst = 0;
     bool isWrong = false;
     for (const Chip& chip : chips) {
         if (chip.isPowerCut == isPowerCut) {
-            worst = std::max(worst, static_cast<int>(chip.fate));
+            worst = std::max(worst, chip.fate);
             isWrong = isWrong || chip.isWrong;
+            kind = "f" + std::to_string(worst);
         }
     }
-    return worst < 0 ? "<i class=\"none\"></i>"
-                     : fmt::format("<i class=\"f{}{}\"></i>", worst, isWrong ? " wrong" : "");
+    return {{"class", kind + (isWrong ? " wrong" : "")}};
 }
 
-std::string Course(const SweepResult& result, size_t scenario,
-                   const std::vector<std::vector<Chip>>& chips) {
-    const RunResult& base = result.bases[scenario];
-    std::string html = "<div class=\"course\">\n";
-    for (size_t i = 0; i < base.calls.size(); i++) {
-        const CallEntry& call = base.calls[i];
-        const bool asks = Updates(base, call.number) != Updates(base, call.number - 1);
-        if (i % CALLS_PER_LINE == 0) {
-            html += fmt::format("{}<div class=\"line\"><b>{}</b>", i == 0 ? "" : "</div>\n",
-                                call.number);
-        }
-        html += fmt::format("<a href=\"#p{}c{}\" title=\"{} {}\"><u>{}</u>{}{}</a>", scenario,
-                            call.number, call.number, Markup(CallText(call)),
-                            asks                       ? "D"
-                            : call.function == "fsync" ? "S"
-                                                       : "",
-                            Bar(chips[i], false), Bar(chips[i], true));
-    }
-    return html + "</div>\n</div>\n";
-}
-
-std::string Cell(const std::vector<Chip>& chips, bool isPowerCut) {
-    std::string html = "<td>";
+Json CellOf(const std::vector<Chip>& chips, bool isPowerCut, const SweepResult& result,
+            const TimeLineIds& ids) {
+    Json shown = Json::array();
     for (const Chip& chip : chips) {
         if (chip.isPowerCut == isPowerCut) {
-            html += fmt::format(
-                "<span><a class=\"run f{}{}\" href=\"#t{}\" title=\"{}\">{}</a>"
-                "<a class=\"next\" href=\"#t{}\" title=\"the next run\">&#9656;</a></span> ",
-                static_cast<int>(chip.fate), chip.isWrong ? " wrong" : "", chip.timeLine,
-                FateText(chip.fate), Markup(chip.label), chip.nextTimeLine);
+            shown.push_back(
+                {{"class", fmt::format("f{}{}", chip.fate, chip.isWrong ? " wrong" : "")},
+                 {"fate", FateText(FATES[chip.fate])},
+                 {"label", chip.label},
+                 {"time_line", ids.at(result.results[chip.job].timeLine)},
+                 {"next_time_line", ids.at(result.states[chip.state].timeLine)}});
         }
     }
-    return html + "</td>";
+    return {{"chips", shown}};
+}
+
+// The calls as columns, in lines of so many.
+Json CourseOf(const Json& calls, const std::vector<std::vector<Chip>>& chips) {
+    Json lines = Json::array();
+    for (size_t i = 0; i < calls.size(); i++) {
+        const Json& call = calls[i];
+        if (i % CALLS_PER_LINE == 0) {
+            lines.push_back({{"first", call["number"]}, {"columns", Json::array()}});
+        }
+        const char* mark = call["asks_for_change"] ? "D" : call["syncs"] ? "S" : "";
+        lines.back()["columns"].push_back(
+            {{"number", call["number"]},
+             {"call", CallText(call)},
+             {"mark", mark},
+             {"bars", {BarOf(chips[i], false), BarOf(chips[i], true)}}});
+    }
+    return lines;
 }
 
 // Calls in a row that leave the same share a row of the table, if they are alike or on no path,
 // such as those of the clock.
-bool SharesRow(const CallEntry& one, const CallEntry& other) {
-    return one.path == other.path &&
-           (one.path == "-" || (one.function == other.function && Result(one) == Result(other)));
+bool SharesRow(const Json& one, const Json& other) {
+    return one["path"] == other["path"] &&
+           (one["path"] == "" ||
+            (one["function"] == other["function"] && one["result"] == other["result"]));
 }
 
-std::string Table(const SweepResult& result, size_t scenario,
-                  const std::vector<std::vector<Chip>>& chips) {
-    const std::vector<CallEntry>& calls = result.bases[scenario].calls;
-    std::string html = "<table>\n<tr><th></th><th>call</th><th>result</th><th>it fails</th>"
-                       "<th>the power fails before it</th></tr>\n";
+Json TableOf(const Json& calls, const std::vector<std::vector<Chip>>& chips,
+             const SweepResult& result, const TimeLineIds& ids) {
+    Json rows = Json::array();
     for (size_t i = 0; i < calls.size();) {
         size_t end = i + 1;
-        std::string ids; // of the calls without a row of their own
+        Json others = Json::array(); // without a row of their own
         Texts kinds = {CallText(calls[i])};
         for (; end < calls.size() && SharesRow(calls[i], calls[end]) && chips[end] == chips[i];
              end++) {
-            ids += fmt::format("<a id=\"p{}c{}\"></a>", scenario, calls[end].number);
+            others.push_back({{"number", calls[end]["number"]}});
             const std::string kind = CallText(calls[end]);
             if (std::find(kinds.begin(), kinds.end(), kind) == kinds.end()) {
                 kinds.push_back(kind);
             }
         }
-        html += fmt::format("<tr id=\"p{}c{}\"><td>{}{}{}</td><td><code>{}</code></td>"
-                            "<td><code>{}</code></td>{}{}</tr>\n",
-                            scenario, calls[i].number, ids, calls[i].number,
-                            end > i + 1 ? fmt::format(" to {}", calls[end - 1].number) : "",
-                            Markup(fmt::format("{}", fmt::join(kinds, ", "))),
-                            kinds.size() > 1 ? "" : Markup(Result(calls[i])), Cell(chips[i], false),
-                            Cell(chips[i], true));
+        rows.push_back(
+            {{"number", calls[i]["number"]},
+             {"others", others},
+             {"last", end > i + 1 ? calls[end - 1]["number"] : Json(false)},
+             {"call", fmt::format("{}", fmt::join(kinds, ", "))},
+             {"result", kinds.size() > 1 ? Json("") : calls[i]["result"]},
+             {"cells",
+              {CellOf(chips[i], false, result, ids), CellOf(chips[i], true, result, ids)}}});
         i = end;
     }
-    return html + "</table>\n";
+    return rows;
 }
 
-Texts Lines(const std::string& text) {
-    std::istringstream stream(text);
-    Texts lines;
-    for (std::string line; std::getline(stream, line);) {
-        lines.push_back(line);
+Json PhoneOf(const Json& phone, size_t index, const SweepResult& result, const TimeLineIds& ids) {
+    std::vector<std::vector<Chip>> chips;
+    for (const Json& call : phone["course"]) {
+        chips.push_back(ChipsOf(call, result));
     }
-    return lines;
-}
-
-// The lines from one on, which are printable; equal ones in a row once.
-std::string TimeLineMarkup(const Texts& lines, size_t from) {
-    std::string html;
-    for (size_t i = from; i < lines.size(); i++) {
-        const size_t first = i;
-        while (i + 1 < lines.size() && lines[i + 1] == lines[i]) {
-            i++;
-        }
-        const size_t tab = lines[i].find('\t');
-        const std::string source = lines[i].substr(0, tab);
-        html += fmt::format("<span class=\"{}\">{:<8}| {}</span>\n", source, source,
-                            Markup(lines[i].substr(tab + 1)));
-        if (i > first) {
-            html += fmt::format("<span class=\"as\">the same {} times</span>\n", i - first + 1);
-        }
+    Json shown = phone;
+    shown["index"] = index;
+    shown["not_updated"] = phone["updated"] ? Json(false) : phone["why"];
+    for (const char* counts : {"failing_calls", "power_cuts", "states_after_cuts"}) {
+        shown[counts] = CountsText(phone[counts]);
     }
-    return html;
-}
-
-std::string TimeLineSection(const std::string& id, const std::string& title,
-                            const std::string& text) {
-    return fmt::format("<section class=\"timeline\" id=\"{}\"><a class=\"close\" "
-                       "href=\"#closed\">close</a><h3>{}</h3>\n<pre>{}</pre></section>\n",
-                       id, title, text);
-}
-
-// Each distinct time line; what it has in common with the base run's is left out.
-std::string TimeLines(const SweepResult& result) {
-    std::map<std::string, size_t> owners; // the scenario of each time line
-    for (size_t i = 0; i < result.jobs.size(); i++) {
-        owners.emplace(result.results[i].timeLine, result.jobs[i].scenario);
-        for (const SweepLeft& left : result.results[i].left) {
-            owners.emplace(left.nextTimeLine, result.jobs[i].scenario);
-        }
-    }
-    std::vector<Texts> bases;
-    std::string html;
-    for (const RunResult& base : result.bases) {
-        bases.push_back(Lines(TimeLineText(base)));
-        html += TimeLineSection(fmt::format("b{}", bases.size() - 1), "The run without a fault",
-                                TimeLineMarkup(bases.back(), 0));
-    }
-    for (const auto& [key, scenario] : owners) {
-        const Texts lines = Lines(result.timeLines.at(key));
-        const Texts& base = bases[scenario];
-        const auto [here, there] =
-            std::mismatch(lines.begin(), lines.end(), base.begin(), base.end());
-        const auto common = static_cast<size_t>(here - lines.begin());
-        const size_t from = common > CONTEXT_LINES + 2 ? common - CONTEXT_LINES : 0;
-        const std::string as = fmt::format("<a class=\"as\" href=\"#b{}\">{} lines as in the run "
-                                           "without a fault</a>\n",
-                                           scenario, from);
-        html += TimeLineSection("t" + key, "Time line",
-                                (from > 0 ? as : "") + TimeLineMarkup(lines, from));
-    }
-    return html;
-}
-
-std::string Wrongs(const SweepRequest& request, const SweepResult& result) {
-    std::string html = "<ol class=\"wrongs\">\n";
-    for (const SweepViolation& wrong : result.violations) {
-        html += fmt::format("<li>{}<code>{}</code></li>\n", Markup(wrong.text),
-                            Markup(RehearseCommand(request, wrong)));
-    }
-    return result.violations.empty() ? "" : html + "</ol>\n";
+    shown["course"] = CourseOf(phone["course"], chips);
+    shown["table"] = TableOf(phone["course"], chips, result, ids);
+    return shown;
 }
 
 } // namespace
 
-std::string SweepPage(const SweepRequest& request, const SweepResult& result) {
-    std::string html =
-        fmt::format("<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\">"
-                    "<meta name=\"viewport\" content=\"width=device-width\">\n"
-                    "<title>Sweep of {0}</title>\n<style>{1}</style></head>\n<body>\n"
-                    "<h1>Sweep of <code>{0}</code></h1>\n<p>{2} runs, {3} violations.</p>\n{4}{5}",
-                    Markup(Escaped(request.package)), SWEEP_STYLE, result.runs,
-                    result.violations.size(), Wrongs(request, result), Key());
-    for (size_t i = 0; i < result.bases.size(); i++) {
-        const SweepSummary sum = Summarize(result, i);
-        const auto chips = ChipsOf(result, i);
-        html += fmt::format(
-            "<h2><code>{}</code>: {}</h2>\n<p><a href=\"#b{}\">Without a fault</a>: {}, in {} "
-            "calls.<br>Failing calls: {}.<br>Power cuts: {}; possible states after these cuts: "
-            "{}.</p>\n<h3>The course of the run</h3>\n<p>A column for each call, in order. Upper "
-            "bar: what the phone is left with when the call fails. Lower bar: when the power fails "
-            "before it. Each shows the worst case. D: the device is asked to change; S: a file is "
-            "synced.</p>\n{}"
-            "<h3>Calls</h3>\n<p>Click a way to fail for the time line of its run, &#9656; for that "
-            "of the run after it.</p>\n{}",
-            Markup(Escaped(request.phones[i])), Markup(Title(result.phones[i])), i,
-            FateText(result.baseFates[i]), result.bases[i].calls.size(),
-            FateCountsText(sum.failingCalls), FateCountsText(sum.powerCuts),
-            FateCountsText(sum.states), Course(result, i, chips), Table(result, i, chips));
+std::string SweepPage(const Json& report, const SweepResult& result) {
+    const TimeLineIds ids = IdsOf(result);
+    Json page = {{"package", report["package"]},
+                 {"style", SWEEP_STYLE},
+                 {"runs", report["runs"]},
+                 {"count", report["violations"].size()},
+                 {"wrong", report["violations"].empty() ? Json(false)
+                                                        : Json{{"items", report["violations"]}}},
+                 {"fates", Json::array()},
+                 {"phones", Json::array()},
+                 {"time_lines", TimeLinesOf(result, ids)}};
+    for (const Fate fate : FATES) {
+        page["fates"].push_back({{"place", static_cast<size_t>(fate)}, {"text", FateText(fate)}});
     }
-    return html + TimeLines(result) + "</body></html>\n";
+    for (const Json& phone : report["phones"]) {
+        page["phones"].push_back(PhoneOf(phone, page["phones"].size(), result, ids));
+    }
+    return Filled(SWEEP_PAGE, page);
 }
 
-std::string SweepJunit(const SweepRequest& request, const SweepResult& result) {
-    std::string suites;
-    for (size_t i = 0; i < result.bases.size(); i++) {
-        std::map<size_t, std::string> failures; // by call, the first of the run too for the base
-        for (const SweepViolation* wrong : ViolationsOf(result, i)) {
-            failures[wrong->call] += fmt::format("{}: {}\n", Markup(wrong->text),
-                                                 Markup(RehearseCommand(request, *wrong)));
+std::string SweepJunit(const Json& report) {
+    Json suites = Json::array();
+    for (const Json& phone : report["phones"]) {
+        Json cases = Json::array();
+        const Json failure = {{"message", "not updated"}, {"wrongs", {{{"line", phone["why"]}}}}};
+        cases.push_back({{"name", "the update without a fault"},
+                         {"failure", phone["updated"] ? Json(false) : failure}});
+        for (const Json& call : phone["course"]) {
+            cases.push_back(
+                {{"name", TextOf(call["number"]) + " " + CallText(call)}, {"failure", false}});
         }
-        const std::vector<CallEntry>& calls = result.bases[i].calls;
-        suites += fmt::format("<testsuite name=\"{}\" tests=\"{}\" failures=\"{}\">\n",
-                              Markup(Escaped(request.phones[i])), calls.size(), failures.size());
-        for (size_t j = 0; j < calls.size(); j++) {
-            suites += fmt::format("<testcase classname=\"{}\" name=\"{} {}\"",
-                                  Markup(Escaped(request.phones[i])), calls[j].number,
-                                  Markup(CallText(calls[j])));
-            suites += failures.count(j) == 0
-                          ? "/>\n"
-                          : fmt::format("><failure message=\"violation\">{}</failure></testcase>\n",
-                                        failures[j]);
+        for (const Json& wrong : report["violations"]) {
+            if (wrong["phone"] == suites.size()) {
+                Json& about = cases[wrong["call"].get<size_t>() + 1]["failure"];
+                if (about == false) {
+                    about = {{"message", "violation"}, {"wrongs", Json::array()}};
+                }
+                const std::string text = wrong["text"], command = wrong["command"];
+                about["wrongs"].push_back({{"line", text + ": " + command}});
+            }
         }
-        const SweepSummary sum = Summarize(result, i);
-        suites += fmt::format("<system-out>failing calls: {}; power cuts: {}</system-out>\n"
-                              "</testsuite>\n",
-                              FateCountsText(sum.failingCalls), FateCountsText(sum.powerCuts));
+        const auto failures = std::count_if(
+            cases.begin(), cases.end(), [](const Json& one) { return one["failure"] != false; });
+        suites.push_back({{"phone", phone["phone"]},
+                          {"tests", cases.size()},
+                          {"failures", failures},
+                          {"cases", cases},
+                          {"failing_calls", CountsText(phone["failing_calls"])},
+                          {"power_cuts", CountsText(phone["power_cuts"])}});
     }
-    return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<testsuites name=\"sweep\">\n" + suites +
-           "</testsuites>\n";
+    return Filled(SWEEP_JUNIT, {{"suites", suites}});
 }

@@ -1,31 +1,32 @@
-// The reports of a sweep: words for people, a page for a browser, a file for a CI system.
+// What a sweep has found, as one report: for programs, for people, and for the page and the JUnit
+// file, which are made from it.
 #pragma once
 
-#include "fwlab/commands/commands.h"
-#include "fwlab/sweep/engine.h"
+#include "fwlab/base/json.h"
+#include "fwlab/sweep/runner.h"
 
-#include <array>
-#include <iterator>
+#include <string>
 
-constexpr Fate FATES[] = {Fate::UPDATED, Fate::UPDATED_NEXT, Fate::UNTOUCHED,
-                          Fate::USED_UP, Fate::STUCK,        Fate::OTHER_IMAGE};
-const char* FateText(Fate fate); // "attempted and used up"
-
-// How many there are of each fate, by its number: "3 updated by the next run, 2 stuck".
-using FateCounts = std::array<size_t, std::size(FATES)>;
-std::string FateCountsText(const FateCounts& counts);
-
-struct SweepSummary {
-    FateCounts failingCalls; // jobs
-    FateCounts powerCuts;    // each counted once, by the worst state that it can leave
-    FateCounts states;       // all states that the cuts can leave
+// A phone of the sweep, for the report.
+struct SweepPhone {
+    std::string file;  // its description
+    Texts settings;    // KEY=VALUE, with which the sweep has read it
+    std::string title; // for people
+    bool isUpdated;    // by the run without a fault
+    std::string why;   // it is not
 };
-SweepSummary Summarize(const SweepResult& result, size_t scenario);
 
-// The shell command that shows the violation.
-std::string RehearseCommand(const SweepRequest& request, const SweepViolation& wrong);
+// Of each phone: what the run without a fault came to, how often the faults leave what, the calls
+// in their order, and what each fault leaves. The violations, each with its sentence and the shell
+// command that shows it. All texts are printable.
+// stateFolder: the state directory with which the phones start; empty: none.
+Json SweepReport(const std::string& package, const std::string& stateFolder,
+                 const std::vector<SweepPhone>& phones, const SweepResult& result);
 
-// One HTML page, which loads nothing from elsewhere.
-std::string SweepPage(const SweepRequest& request, const SweepResult& result);
-// JUnit XML: a suite for each phone, a case for each call.
-std::string SweepJunit(const SweepRequest& request, const SweepResult& result);
+// Whether it is what a release engineer wants to read: no violations, and all phones are updated.
+bool IsFine(const Json& report);
+
+// "3 updated by the next run, 2 stuck", of an object of the report with numbers by fate.
+std::string CountsText(const Json& counts);
+
+void PrintReport(const Json& report);

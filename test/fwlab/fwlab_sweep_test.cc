@@ -25,6 +25,17 @@ protected:
     Answer Sweep(const std::string& arguments) const {
         return Shell(FWLAB_PATH " sweep " + arguments);
     }
+
+    // An fwlab beside a tool that has these flaws, see flawed_tool.cc. Returns how to start it.
+    std::string Flawed(const std::string& flaws) const {
+        for (const auto& [file, name] : {std::pair(FWLAB_PATH, "fwlab"),
+                                         {SIMPHONE_LIBRARY, "libsimphone.so"},
+                                         {FLAWED_TOOL, "ffu"}}) {
+            fs::create_directories(Path("/flawed"));
+            fs::copy_file(file, Path("/flawed/") + name, fs::copy_options::skip_existing);
+        }
+        return "FLAWS=' " + flaws + " ' flawed/fwlab ";
+    }
 };
 
 // How many there are in the line that begins with a number and `what`; all of them with "".
@@ -71,7 +82,7 @@ TEST_F(FwlabSweepTest, TellsWhatPhonesAreLeftWith) {
     Put("/gki.toml", GkiPhone());
     Put("/other.toml", GkiPhone({{"revision", "'FW000002'"}}));
     const Answer answer = Sweep("package --phone gki.toml other.toml --junit out.xml --html page");
-    EXPECT_EQ(answer.status, 0) << answer.text;
+    EXPECT_EQ(answer.status, 1) << answer.text; // the other one is not updated
     EXPECT_NE(answer.text.find("gki.toml: eMMC (GKI mode) \"SIM064\", runs \"FW000001\"\n"
                                "  without a fault: updated, in "),
               std::string::npos);
@@ -89,6 +100,7 @@ TEST_F(FwlabSweepTest, TellsWhatPhonesAreLeftWith) {
     const std::string other = answer.text.substr(answer.text.find("other.toml"));
     EXPECT_EQ(Number(other, "failing calls", "left as it was"), Number(other, "failing calls", ""));
     EXPECT_EQ(Number(other, "power cuts", "left as it was"), Number(other, "power cuts", ""));
+    EXPECT_NE(other.find("NOT UPDATED without a fault: nothing-to-do: "), std::string::npos);
 
     const std::string junit = Get("/out.xml");
     std::smatch calls;
@@ -97,46 +109,108 @@ TEST_F(FwlabSweepTest, TellsWhatPhonesAreLeftWith) {
                                              "failures=\"0\"")));
     EXPECT_EQ(Occurrences(junit, "classname=\"gki.toml\""), std::stol(calls[1]));
 
-    // Whichever process makes a run, all is the same.
-    const Answer again = Sweep("package --phone gki.toml other.toml --jobs 5 --html again");
-    EXPECT_EQ(again.text, answer.text);
+    // Whichever thread makes a run, all is the same, to the byte.
+    const std::string same =
+        "package --phone gki.toml other.toml --json --html again --junit a.xml";
+    const Answer one = Sweep(same + " --jobs 1");
     EXPECT_EQ(Get("/again"), Get("/page"));
+    EXPECT_EQ(Sweep(same + " --jobs 4").text, one.text);
+    EXPECT_EQ(Get("/again"), Get("/page"));
+    EXPECT_EQ(Get("/a.xml"), Get("/out.xml"));
     ExpectWhole(Get("/page"));
 }
 
-// A sync that does nothing, which no program can see, loses the record: the sweep has to find that,
-// and its line, pasted, shows a phone that is not well.
+// Each kind of violation is told, and its line, pasted, shows it.
 TEST_F(FwlabSweepTest, ViolationsAreToldAndCanBePasted) {
-    const std::string name = "it's <b>\x1b&.toml";
+    const std::string name = "it's <b>\x1b&.toml", word = "$'it\\'s <b>\\x1b&.toml'";
     Put("/package", EmmcEntry());
-    Put("/" + name, NormalPhone({{"faults", "['fsync returns=0', 'FFU_INSTALL EIO']"}}));
-    const Answer answer =
-        Sweep("package --phone $'it\\'s <b>\\x1b&.toml' --html out.html --junit out.xml");
-    EXPECT_EQ(answer.status, 1);
-    std::smatch line;
-    ASSERT_TRUE(std::regex_search(
-        answer.text, line,
-        std::regex("VIOLATION: a later run, without a restart, asks the device for the update "
-                   "again:\n    fwlab (rehearse [^\n]*--fault 'any #\\d+ end[^\n]*)\n")));
-    const Answer pasted = Shell(FWLAB_PATH " " + std::string(line[1]));
-    EXPECT_EQ(pasted.status, 1);
-    EXPECT_EQ(Occurrences(pasted.text, "opcode=302 "), 2) << pasted.text; // two runs have asked
-    EXPECT_NE(pasted.text.find("did NOT find nothing to do"), std::string::npos);
-    for (const std::string& text : {answer.text, Get("/out.html"), Get("/out.xml")}) {
-        EXPECT_EQ(text.find('\x1b'), std::string::npos);
+    std::string phone = GkiPhone();
+    const size_t clock = phone.find("clock ="); // the sweep gives it one
+    Put("/" + name, phone.erase(clock, phone.find('\n', clock) - clock));
+    const std::map<std::string, std::string> sentences = {
+        {"no-end", "the tool does not end"},
+        {"bad-end", "the tool does not end as it should"},
+        {"record-shrinks", "the record loses what it had"},
+        {"asked-unrecorded", "the device is asked before the attempt is on record"},
+        {"taken-twice", "the device takes the firmware twice in one run"},
+        {"asked-after-failure", "the device is asked after a failure that must stop the run"},
+        {"asked-again", "a later run, without a restart, asks the device for the update again"},
+        {"record-lost", "later runs cannot read the record, though it was synced"}};
+    for (const Texts& flaws : {Texts{"no-end", "bad-end", "record-shrinks", "taken-twice",
+                                     "asked-after-failure", "asked-again"},
+                               {"asked-unrecorded"},
+                               {"record-lost"}}) {
+        std::string all;
+        for (const std::string& flaw : flaws) {
+            all += (all.empty() ? "" : " ") + flaw;
+        }
+        const std::string fwlab = Flawed(all);
+        const Answer answer =
+            Shell(fwlab + "sweep package --phone " + word + " --html out.html --junit out.xml");
+        EXPECT_EQ(answer.status, 1);
+        for (const std::string& flaw : flaws) {
+            SCOPED_TRACE(flaw);
+            std::smatch line;
+            const std::string text = "VIOLATION: " + sentences.at(flaw);
+            ASSERT_TRUE(std::regex_search(answer.text, line,
+                                          std::regex(text + ":\n    fwlab (rehearse [^\n]*)\n")));
+            const Answer pasted = Shell(fwlab + std::string(line[1]));
+            EXPECT_EQ(pasted.status, 1);
+            EXPECT_NE(pasted.text.find(text + "\n"), std::string::npos) << line[1] << pasted.text;
+            EXPECT_NE(Get("/out.html").find(sentences.at(flaw)), std::string::npos);
+        }
+        for (const std::string& text : {answer.text, Get("/out.html"), Get("/out.xml")}) {
+            EXPECT_EQ(text.find('\x1b'), std::string::npos);
+        }
+        for (const char* file : {"/out.html", "/out.xml"}) {
+            EXPECT_EQ(Get(file).find("<b>\\"), std::string::npos) << file;
+            EXPECT_NE(Get(file).find("it&apos;s &lt;b&gt;\\x1b&amp;.toml"), std::string::npos);
+        }
+        EXPECT_NE(Get("/out.xml").find("<failure message=\"violation\">"), std::string::npos);
     }
-    for (const char* file : {"/out.html", "/out.xml"}) {
-        EXPECT_EQ(Get(file).find("<b>\\"), std::string::npos) << file;
-        EXPECT_NE(Get(file).find("it&#39;s &lt;b&gt;\\x1b&amp;.toml"), std::string::npos) << file;
-        EXPECT_NE(Get(file).find("asks the device for the update again"), std::string::npos);
+}
+
+// Where this machine has failed, the sweep has no answer: neither "fine" nor a violation.
+TEST_F(FwlabSweepTest, AFailureOfThisMachineIsNotThePhones) {
+    Put("/package", EmmcEntry());
+    Put("/phone.toml", GkiPhone());
+    const Answer killed = Shell(Flawed("killed") + "sweep package --phone phone.toml");
+    Expect(killed, 2, "signal 9 has ended a run of the tool, and no fault has sent it");
+
+    if (::Shell("unshare -rm mount -t tmpfs none /mnt").status != 0) {
+        GTEST_SKIP() << "no file system can be mounted here by `unshare -rm`";
     }
-    EXPECT_NE(Get("/out.xml").find("<failure "), std::string::npos);
+    const std::string line = FWLAB_PATH " sweep package --phone phone.toml --jobs 2";
+    const Answer whole = Shell(line);
+    EXPECT_EQ(whole.status, 0);
+    for (const char* size : {"100K", "180K", "400K", "1M", "4M"}) {
+        SCOPED_TRACE(size);
+        const Answer answer =
+            Shell("unshare -rm sh -c 'mount -t tmpfs -o size=" + std::string(size) +
+                  " none tmp && exec " + line + "'");
+        EXPECT_TRUE(answer.status == 2 || (answer.status == 0 && answer.text == whole.text))
+            << answer.status << " " << answer.text;
+    }
+}
+
+// What a release engineer must not take for a tested package.
+TEST_F(FwlabSweepTest, APhoneThatIsNotUpdatedIsNotFine) {
+    Put("/foreign", With(EmmcEntry(), EMMC_MID_FIELD, "x"));
+    Put("/random", std::string(5000, 'r'));
+    Put("/emmc.toml", GkiPhone());
+    Expect(Sweep("foreign --phone emmc.toml --junit out.xml"), 1,
+           "NOT UPDATED without a fault: used-up");
+    EXPECT_NE(Get("/out.xml")
+                  .find("name=\"the update without a fault\"><failure message=\"not "
+                        "updated\">used-up: "),
+              std::string::npos);
+    Expect(Sweep("random --phone emmc.toml"), 2);
 }
 
 // A device that takes a part of the image is not told as updated.
 TEST_F(FwlabSweepTest, ShortReadsLeaveAnotherImage) {
     Put("/package", UfsEntry());
-    Put("/phone.toml", UfsPhone({{"faults", "['open /splash2/test_ffu_trigger.tmp EACCES']"}}));
+    Put("/phone.toml", UfsPhone());
     const Answer answer = Sweep("package --phone phone.toml");
     EXPECT_EQ(answer.status, 0) << answer.text;
     EXPECT_GT(Number(answer.text, "failing calls", "left with another image"), 0);
@@ -146,9 +220,16 @@ TEST_F(FwlabSweepTest, EndsBeforeTheRunsWhereItCannotFinish) {
     Put("/package", EmmcEntry());
     Put("/phone.toml", GkiPhone());
     Put("/bad.toml", "technology = 'ufs'");
+    Put("/faults.toml", GkiPhone({{"faults", "['fsync EIO']"}}));
     Put("/page", "as it was");
     for (const char* arguments :
-         {"package", "gone --phone phone.toml", "package --phone gone", "package --phone bad.toml",
+         {"package", "--phone phone.toml", "package --phone faults.toml",
+          "package --phone phone.toml --set revison=0700",
+          "package --phone phone.toml --state gone",
+          "package --phone phone.toml --html new --junit ./new",
+          "package --phone phone.toml --html page --junit ../$(basename $PWD)/page",
+          "package --phone phone.toml --html ''", "package --phone phone.toml --junit ''",
+          "gone --phone phone.toml", "package --phone gone", "package --phone bad.toml",
           "package --phone phone.toml bad.toml --html page",
           "package --phone phone.toml --html gone/page", "package --phone phone.toml --jobs 0",
           "package --phone phone.toml --html page --junit gone/page"}) {

@@ -5,11 +5,12 @@
 //
 // Runs that would hardly differ from others are left out, but for --all; with --every=N only each
 // Nth one is made.
-#include "fwlab/sweep/engine.h"
+#include "fwlab/base/stop.h"
+#include "fwlab/sweep/runner.h"
 #include "test/phone/phone.h"
 
 #include <algorithm>
-#include <csignal>
+#include <gtest/gtest-spi.h>
 #include <regex>
 #include <unistd.h>
 
@@ -33,7 +34,7 @@ const std::string OLD_ATTEMPT = "product name:P, current fw version:B, upgrading
 
 struct Scenario {
     std::string name, phone, package;
-    std::string updates; // the requests of the base run, as Updates has them
+    std::string updates; // the requests of the base run, see Updates
     bool isUfs = false;
     Files files = {}; // in the state directory before the run
 };
@@ -98,8 +99,26 @@ bool Failed(const RunResult& run, const std::string& function, const std::string
     return call != nullptr && HasFailed(*call);
 }
 
+// A letter for each request, a capital letter if the device has taken it whole: G for a write to
+// the GKI node (s: it took a part), D and I for the download and install requests, B for WRITE
+// BUFFER, r for a reset. Reading a register is none.
+std::string Updates(const RunResult& run) {
+    static const std::map<RequestKind, std::string> letters = {
+        {RequestKind::GKI_WRITE, "gsG"},   {RequestKind::FFU_DOWNLOAD, "d?D"},
+        {RequestKind::FFU_INSTALL, "i?I"}, {RequestKind::SCSI_WRITE_BUFFER, "b?B"},
+        {RequestKind::SCSI_RESET, "rrr"},  {RequestKind::OTHER_MMC, "???"},
+        {RequestKind::OTHER_SCSI, "???"}};
+    std::string updates;
+    for (const CallEntry& call : run.calls) {
+        if (call.request && call.request->kind != RequestKind::SEND_EXT_CSD) {
+            updates += letters.at(call.request->kind)[static_cast<size_t>(call.request->taken)];
+        }
+    }
+    return updates;
+}
+
 bool HasWhole(const std::string& updates) {
-    return std::any_of(updates.begin(), updates.end(), IsComplete);
+    return updates.find_first_of("GIB") != std::string::npos;
 }
 
 // Whether the run came to its end or not: the record grew by one attempt at most, before the device
@@ -160,33 +179,36 @@ void CheckOutcome(const Scenario& scenario, const RunResult& run, const std::str
 }
 
 // A run to its end, on a phone that had the state files before.
-void CheckRun(const Scenario& scenario, const SweepRun& made) {
+void CheckRun(const Scenario& scenario, const SweepRun& swept) {
+    const MadeRun& made = *swept.made;
     ExpectAllGivenBack(made.run);
     CheckRecord(scenario, made.run, made.before.files, made.after.files);
     CheckFlags(made.run, made.before.files, made.after.files);
     std::string downloaded;
-    (void)ReadWholeFile(made.phone + "/device/downloaded.bin", downloaded); // there may be none
+    (void)ReadWholeFile(swept.phone + "/device/downloaded.bin", downloaded); // there may be none
     CheckOutcome(scenario, made.run, downloaded);
 }
 
-void CheckFailingCall(const Scenario& scenario, const SweepRun& made) {
-    CheckRun(scenario, made);
-    const CallEntry& call = made.base->calls[made.job->call];
-    if (HasFailed(call)) {
+void CheckFailingCall(const Scenario& scenario, const SweepRun& swept) {
+    CheckRun(scenario, swept);
+    const RunResult &run = swept.made->run, &base = *swept.base;
+    if (HasFailed(base.calls[swept.job->call])) {
         return; // as it did without the fault
     }
-    const std::string failure = call.function + " " + call.path + " " + made.job->way;
-    const bool isStarted = Find(made.run, "remove", OK) != nullptr; // an update
-    const bool mustStop = !MayGoOn(call, made.job->way) && made.job->way == "EIO";
+    const CallEntry& call = run.calls[swept.job->call];
+    const Fault& fault = swept.job->fault;
+    const std::string failure = call.function + " " + call.path + " " + EffectText(fault);
+    const bool isStarted = Find(run, "remove", OK) != nullptr; // an update
+    const bool mustStop = !MayGoOn(call) && EffectText(fault) == "EIO";
     if (!isStarted && mustStop && call.function != "access") {
-        EXPECT_EQ(made.after.files.count(END), 0U);
+        EXPECT_EQ(swept.made->after.files.count(END), 0U);
     }
-    EXPECT_TRUE(Steps(made.run) + made.run.console != Steps(*made.base) + made.base->console ||
+    EXPECT_TRUE(Steps(run) + run.console != Steps(base) + base.console ||
                 std::regex_match(failure, SILENT));
 }
 
 // What lies there before anything unsynced is lost.
-void CheckPowerCut(const Scenario& scenario, const SweepRun& made) {
+void CheckPowerCut(const Scenario& scenario, const MadeRun& made) {
     const Files left = made.after.files;
     CheckRecord(scenario, made.run, scenario.files, left);
     EXPECT_FALSE(left.count(BEGIN) && left.count(END));
@@ -203,36 +225,52 @@ void CheckPowerCut(const Scenario& scenario, const SweepRun& made) {
 
 // A normal run on what was left, without a restart that would show it what was downloaded: an
 // attempt that is not on record is made, and no other.
-void CheckNext(const Scenario& scenario, const SweepRun& made) {
-    CheckRun(scenario, made);
+void CheckNext(const Scenario& scenario, const SweepRun& swept) {
+    CheckRun(scenario, swept);
+    const MadeRun& made = *swept.made;
     Files before = made.before.files, first = scenario.files;
     const std::string record = before[RECORD];
     const bool isThere = made.before.files.count(RECORD) > 0;
     const bool isOld = isThere == (scenario.files.count(RECORD) > 0) && record == first[RECORD];
     EXPECT_EQ(Updates(made.run), isOld ? scenario.updates : "");
     const bool isWhole = !isThere || isOld || Contains(record, ATTEMPTS[scenario.isUfs]);
-    EXPECT_EQ(Contains(Steps(made.run), "CheckResultFile: ParseResultFile error\n"), !isWhole);
+    EXPECT_EQ(IsStuck(made.run), !isWhole);
 }
 
-Texts Check(const Scenario& scenario, const SweepRun& made) {
-    SCOPED_TRACE(scenario.name + ": " +
-                 (made.job ? FaultText(made.job->fault) : "without a fault"));
-    switch (made.kind) {
+void CheckKind(const Scenario& scenario, const SweepRun& swept) {
+    switch (swept.kind) {
     case SweepRun::BASE:
-        EXPECT_EQ(Updates(made.run), scenario.updates);
-        CheckRun(scenario, made);
+        EXPECT_EQ(Updates(swept.made->run), scenario.updates);
+        CheckRun(scenario, swept);
         break;
     case SweepRun::FAILING_CALL:
-        CheckFailingCall(scenario, made);
+        CheckFailingCall(scenario, swept);
         break;
     case SweepRun::POWER_CUT:
-        CheckPowerCut(scenario, made);
+        CheckPowerCut(scenario, *swept.made);
         break;
     case SweepRun::NEXT:
-        CheckNext(scenario, made);
+        CheckNext(scenario, swept);
+        break;
+    case SweepRun::LATER_CUT:
         break;
     }
-    return testing::Test::HasFailure() ? Texts{"not what the scenario is to do"} : Texts{};
+}
+
+// The failures that this thread has found, as texts: the sweep knows in which run.
+Texts Check(const Scenario& scenario, const SweepRun& swept) {
+    testing::TestPartResultArray failures;
+    {
+        const testing::ScopedFakeTestPartResultReporter reporter(
+            testing::ScopedFakeTestPartResultReporter::INTERCEPT_ONLY_CURRENT_THREAD, &failures);
+        CheckKind(scenario, swept);
+    }
+    Texts found;
+    for (int i = 0; i < failures.size(); i++) {
+        const testing::TestPartResult& one = failures.GetTestPartResult(i);
+        found.push_back("line " + std::to_string(one.line_number()) + ": " + one.message());
+    }
+    return found;
 }
 
 class SweepTest : public PhoneTest {};
@@ -244,8 +282,7 @@ TEST_F(SweepTest, EachCallFailsAndThePowerAtEachCall) {
         const std::string file = "/" + std::to_string(sweeps.size());
         Put(file + ".toml", scenario.phone);
         Put(file, scenario.package);
-        sweeps.push_back({scenario.name,
-                          DescriptionOf(Path(file + ".toml")),
+        sweeps.push_back({DescriptionOf(Path(file + ".toml")),
                           Path(file),
                           {!scenario.files.empty(), scenario.files}});
     }
@@ -256,23 +293,30 @@ TEST_F(SweepTest, EachCallFailsAndThePowerAtEachCall) {
     options.cutsEverywhere = everyPlace;
     options.everyNth = everyNth;
     options.stopsAtFirst = true;
-    options.check = [&](const SweepRun& made) {
-        return Check(scenarios[static_cast<size_t>(made.scenario - &sweeps.front())], made);
-    };
-    const SweepResult result = RunSweep(sweeps, options);
+    options.check = [&](const SweepRun& swept) { return Check(scenarios[swept.scenario], swept); };
+    SweepResult result;
+    try {
+        result = RunSweep(sweeps, options);
+    } catch (const Stop& stop) {
+        FAIL() << stop.text;
+    }
     size_t calls = 0;
-    for (const RunResult& base : result.bases) {
-        calls += base.calls.size();
+    for (const SweepBase& base : result.bases) {
+        calls += base.made.run.calls.size();
     }
     const long cuts = std::count_if(result.jobs.begin(), result.jobs.end(),
-                                    [](const SweepJob& job) { return job.isPowerCut; });
-    printf("%zu scenarios, %zu calls, %ld failing calls, %ld power cuts; each %zu is tried: "
-           "%zu states left, %zu runs\n",
-           scenarios.size(), calls, static_cast<long>(result.jobs.size()) - cuts, cuts, everyNth,
-           result.states, result.runs);
+                                    [](const SweepJob& job) { return IsPowerCut(job.fault); });
+    printf("%zu scenarios, %zu calls; each %zu. fault: %ld failing calls, %ld power cuts, %zu "
+           "states left, %zu runs\n",
+           scenarios.size(), calls, everyNth, static_cast<long>(result.jobs.size()) - cuts, cuts,
+           result.states.size(), result.runs);
     for (const SweepViolation& wrong : result.violations) {
-        ADD_FAILURE() << scenarios[wrong.scenario].name << ": " << wrong.fault << ": "
-                      << wrong.text;
+        std::string course;
+        for (const std::optional<Fault>& fault : wrong.course) {
+            course += ", " + (fault ? FaultText(*fault) : "no fault");
+        }
+        ADD_FAILURE() << scenarios[wrong.scenario].name << course << ": " << SentenceOf(wrong.wrong)
+                      << " " << wrong.detail;
     }
 }
 

@@ -1,0 +1,77 @@
+// Judges runs of the tool on a phone: what must hold for every package, and what the phone is left
+// with. Called by the sweep and by the rehearsal that shows what a sweep has found.
+#pragma once
+
+#include "fwlab/sweep/made_run.h"
+
+#include <string>
+#include <vector>
+
+// What must not happen.
+enum class Wrong {
+    NO_END,              // the tool runs on and on
+    BAD_END,             // a signal ends it
+    RECORD_SHRINKS,      // the record loses what it had
+    ASKED_UNRECORDED,    // the device is asked for the update before the attempt is on record
+    TAKEN_TWICE,         // the device takes the firmware twice in one run
+    ASKED_AFTER_FAILURE, // the device is asked after a failure that must stop the run
+    ASKED_AGAIN,         // a later run, without a restart, asks the device for the update again
+    RECORD_LOST,         // later runs cannot read the record, though it was synced
+    UNEXPECTED           // the caller's own check, see SweepCheck
+};
+const char* NameOf(Wrong wrong);     // for programs: "asked-again"
+const char* SentenceOf(Wrong wrong); // for people, without a full stop
+
+// What is known of the runs so far on a phone, without a restart.
+struct Course {
+    bool isAsked = false;    // the device was asked for the update
+    bool mayBeStuck = false; // it may be that no run can read the record
+};
+bool operator<(const Course& one, const Course& other);
+
+// The course before the first run. `base` is that run without faults.
+Course CourseBefore(const RunResult& base);
+
+// What is wrong with the next run of the course, to which it is added. `base` is the same run
+// without the faults that make calls fail; it may be null for a run without such faults.
+std::vector<Wrong> WrongsOf(const MadeRun& made, const RunResult* base, Course& course);
+
+// Whether the run asked the device to take a firmware; a reset does not.
+bool IsAttempt(const RunResult& run);
+
+bool HasFailed(const CallEntry& call);
+
+// Whether a run may still download after this call was made to fail.
+bool MayGoOn(const CallEntry& call);
+
+// The place of the first call that the faults have changed; the number of calls if there is none.
+size_t FirstFailure(const RunResult& run, const RunResult& base);
+
+// Whether the run could not read the record.
+bool IsStuck(const RunResult& run);
+
+bool HasRecord(const StateDirectory& state);
+std::string RecordOf(const StateDirectory& state); // the record's content; empty without one
+
+// What a phone is left with; the worst one last.
+enum class Fate {
+    UPDATED,      // the device has taken the firmware whole
+    UPDATED_NEXT, // the next run updates it
+    UNTOUCHED,    // nothing was attempted, and the next run attempts nothing
+    USED_UP,      // the attempt is on record, the device is not updated, and no run tries again
+    STUCK,        // later runs stop: they cannot read the record
+    OTHER_IMAGE   // the device has taken other bytes than in the run without a fault
+};
+constexpr Fate FATES[] = {Fate::UPDATED, Fate::UPDATED_NEXT, Fate::UNTOUCHED,
+                          Fate::USED_UP, Fate::STUCK,        Fate::OTHER_IMAGE};
+const char* FateText(Fate fate); // "attempted and used up"
+
+// What is known of a phone after the normal run that follows a run. An image is the one that the
+// device has taken, empty for none.
+struct Left {
+    bool isAttempted;      // one of both has asked the device, or has grown the record
+    bool isStuck;          // the normal run could not read the record
+    std::string image;     // after the first run
+    std::string imageNext; // after the normal run
+};
+Fate FateOf(const Left& left, const std::string& wanted); // wanted: the image without a fault

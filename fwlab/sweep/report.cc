@@ -1,0 +1,221 @@
+// Makes the report of a sweep from its result, and prints it for people.
+#include "fwlab/sweep/report.h"
+
+#include "fwlab/base/text.h"
+#include "simphone/text.h"
+
+#include <algorithm>
+#include <array>
+#include <fmt/format.h>
+#include <iterator>
+#include <map>
+#include <numeric>
+
+namespace {
+
+using Counts = std::array<size_t, std::size(FATES)>; // by fate
+
+Json Describe(const Counts& counts) {
+    Json shown;
+    for (const Fate fate : FATES) {
+        shown[FateText(fate)] = counts[static_cast<size_t>(fate)];
+    }
+    return shown;
+}
+
+// Of one phone.
+struct Summary {
+    Counts failingCalls = {}; // jobs
+    Counts powerCuts = {};    // each counted once, by the worst state that it can leave
+    Counts states = {};       // all states that the cuts can leave
+};
+
+Summary Summarize(const SweepResult& result, size_t scenario) {
+    Summary sum;
+    std::map<size_t, Fate> cuts; // by the call before which the power fails
+    for (size_t i = 0; i < result.jobs.size(); i++) {
+        const SweepJob& job = result.jobs[i];
+        if (job.scenario != scenario) {
+            continue;
+        }
+        for (const SweepLeft& left : result.results[i].left) {
+            const Fate fate = result.states[left.state].fate;
+            const auto place = static_cast<size_t>(fate);
+            if (!IsPowerCut(job.fault)) {
+                sum.failingCalls[place]++;
+                continue;
+            }
+            sum.states[place]++;
+            Fate& worst = cuts[job.call];
+            worst = std::max(worst, fate);
+        }
+    }
+    for (const auto& [call, fate] : cuts) {
+        sum.powerCuts[static_cast<size_t>(fate)]++;
+    }
+    return sum;
+}
+
+// How far the fault reaches, for a failing call; what is lost, for a power cut.
+std::string Label(const Fault& fault, const Losses& losses) {
+    if (fault.effect == Effect::ENDS) {
+        return losses.empty() ? "all survives" : LossText(losses);
+    }
+    const bool isAlone = fault.first == fault.last;
+    return EffectText(fault) + (isAlone              ? ""
+                                : fault.path.empty() ? ", all later ones"
+                                                     : ", later ones on the path");
+}
+
+std::string ResultText(const CallEntry& call) {
+    return call.result.rfind("0x", 0) == 0
+               ? "a pointer"
+               : call.result + (call.error.empty() ? "" : " ") + call.error;
+}
+
+Json Describe(const CallEntry& call) {
+    const bool asks = call.request && call.request->kind != RequestKind::SEND_EXT_CSD;
+    return {{"number", call.number},
+            {"function", call.function},
+            {"path", call.path == "-" ? "" : Escaped(call.path)},
+            {"result", ResultText(call)},
+            {"asks_for_change", asks},
+            {"syncs", call.function == "fsync"},
+            {"left", Json::array()}};
+}
+
+// The calls of the run without a fault, each with what its faults leave.
+Json DescribeCourse(const SweepResult& result, size_t scenario) {
+    Json course = Json::array();
+    for (const CallEntry& call : result.bases[scenario].made.run.calls) {
+        course.push_back(Describe(call));
+    }
+    for (size_t i = 0; i < result.jobs.size(); i++) {
+        const SweepJob& job = result.jobs[i];
+        for (const SweepLeft& left : result.results[i].left) {
+            if (job.scenario != scenario) {
+                continue;
+            }
+            Fault fault = job.fault;
+            fault.losses = left.losses;
+            const SweepState& state = result.states[left.state];
+            course[job.call]["left"].push_back(
+                {{"fault", Escaped(FaultText(fault))},
+                 {"label", Escaped(Label(job.fault, left.losses))},
+                 {"is_power_cut", IsPowerCut(fault)},
+                 {"fate", FateText(state.fate)},
+                 {"violates", result.results[i].isWrong || state.isWrong},
+                 {"job", i},
+                 {"state", left.state}});
+        }
+    }
+    return course;
+}
+
+// The shell command that shows the violation. `begin` has the package.
+std::string RehearseCommand(const std::string& begin, const SweepPhone& phone,
+                            const SweepViolation& wrong) {
+    std::string line = begin + " --phone " + ShellWord(phone.file);
+    for (const std::string& setting : phone.settings) {
+        line += " --set " + ShellWord(setting);
+    }
+    const std::vector<std::optional<Fault>>& course = wrong.course;
+    if (course.front()) {
+        line += " --fault " + ShellWord(FaultText(*course.front()));
+    }
+    for (size_t i = 1; i < course.size(); i++) {
+        line += " --then " + ShellWord(course[i] ? FaultText(*course[i]) : "");
+    }
+    return line;
+}
+
+Json Describe(const std::string& command, const SweepViolation& wrong) {
+    std::string text = SentenceOf(wrong.wrong);
+    text += (wrong.detail.empty() ? "" : ": ") + Escaped(wrong.detail);
+    return {{"kind", NameOf(wrong.wrong)},
+            {"text", text},
+            {"phone", wrong.scenario},
+            {"call", wrong.call},
+            {"command", command}};
+}
+
+size_t Sum(const Json& counts) {
+    return std::accumulate(counts.begin(), counts.end(), size_t{0},
+                           [](size_t sum, const Json& count) { return sum + count.get<size_t>(); });
+}
+
+} // namespace
+
+Json SweepReport(const std::string& package, const std::string& stateFolder,
+                 const std::vector<SweepPhone>& phones, const SweepResult& result) {
+    const std::string begin = "fwlab rehearse " + ShellWord(package) +
+                              (stateFolder.empty() ? "" : " --state " + ShellWord(stateFolder));
+    Json described = Json::array(), violations = Json::array();
+    for (size_t i = 0; i < result.bases.size(); i++) {
+        const Summary sum = Summarize(result, i);
+        described.push_back({{"phone", Escaped(phones[i].file)},
+                             {"title", phones[i].title},
+                             {"updated", phones[i].isUpdated},
+                             {"why", phones[i].why},
+                             {"calls", result.bases[i].made.run.calls.size()},
+                             {"without_fault", FateText(result.bases[i].fate)},
+                             {"failing_calls", Describe(sum.failingCalls)},
+                             {"power_cuts", Describe(sum.powerCuts)},
+                             {"states_after_cuts", Describe(sum.states)},
+                             {"course", DescribeCourse(result, i)}});
+    }
+    for (const SweepViolation& wrong : result.violations) {
+        const std::string command = RehearseCommand(begin, phones[wrong.scenario], wrong);
+        violations.push_back(Describe(command, wrong));
+    }
+    return {{"package", Escaped(package)},
+            {"runs", result.runs},
+            {"phones", described},
+            {"violations", violations}};
+}
+
+bool IsFine(const Json& report) {
+    return report["violations"].empty() &&
+           std::all_of(report["phones"].begin(), report["phones"].end(),
+                       [](const Json& phone) { return phone["updated"].get<bool>(); });
+}
+
+std::string CountsText(const Json& counts) {
+    std::string text;
+    for (const auto& [fate, count] : counts.items()) {
+        if (count > 0) {
+            text += fmt::format("{}{} {}", text.empty() ? "" : ", ", count.get<size_t>(), fate);
+        }
+    }
+    return text;
+}
+
+void PrintReport(const Json& report) {
+    const auto text = [](const Json& value) { return value.get<std::string>(); };
+    for (const Json& phone : report["phones"]) {
+        fmt::print("{}: {}\n", text(phone["phone"]), text(phone["title"]));
+        fmt::print("  without a fault: {}, in {} calls\n", text(phone["without_fault"]),
+                   phone["calls"].get<size_t>());
+        if (!phone["updated"]) {
+            fmt::print("  NOT UPDATED without a fault: {}\n", text(phone["why"]));
+        }
+        for (const auto& [key, what] :
+             {std::pair("failing_calls", "  {} failing calls: {}\n"),
+              {"power_cuts", "  {} power cuts: {}\n"},
+              {"states_after_cuts", "    {} possible states after these cuts: {}\n"}}) {
+            fmt::print(fmt::runtime(what), Sum(phone[key]), CountsText(phone[key]));
+        }
+    }
+    for (const Json& wrong : report["violations"]) {
+        fmt::print("VIOLATION: {}:\n    {}\n", text(wrong["text"]), text(wrong["command"]));
+    }
+    fmt::print("{} runs, {} violations{}\n", report["runs"].get<size_t>(),
+               report["violations"].size(),
+               report["violations"].empty()
+                   ? ": the device got an update request for each revision in one run at most, "
+                     "never after a failure that must stop the run, and never before the attempt "
+                     "was on record; the record only grew; a power cut in the first run left the "
+                     "phone stuck only before the record was synced. A phone that a failing call "
+                     "left stuck is counted, but is no violation."
+                   : ".");
+}

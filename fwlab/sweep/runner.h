@@ -1,0 +1,95 @@
+// Makes every call of a run fail, and the power fail at every call: thousands of runs on simulated
+// phones, in several threads. Called by `fwlab sweep` and by the test of the tool. The phones are
+// in a temporary folder, which is removed at the end, after an interruption too.
+#pragma once
+
+#include "fwlab/base/text.h"
+#include "fwlab/sweep/jobs.h"
+#include "fwlab/sweep/judge.h"
+
+#include <functional>
+#include <optional>
+#include <set>
+
+// One run, for a check of all runs.
+struct SweepRun {
+    // NEXT: a normal run after the job's; LATER_CUT: the power fails in such a run.
+    enum Kind { BASE, FAILING_CALL, POWER_CUT, NEXT, LATER_CUT };
+    Kind kind;
+    size_t scenario;
+    const RunResult* base; // the scenario's base run; may be this one
+    const SweepJob* job;   // null for the base run and for normal runs after it
+    std::string phone;     // its directory
+    const MadeRun* made;
+};
+// Returns what is wrong with the run. Called in several threads at once.
+using SweepCheck = std::function<Texts(const SweepRun& run)>;
+
+struct SweepOptions {
+    std::string tool, phoneLibrary; // phoneLibrary empty: beside the tool
+    unsigned threads = 0;           // 0: one for each processor
+    bool skipsRepeats = false;      // leave out runs much like others, see JobsOf
+    bool cutsEverywhere = false;    // also at calls that change nothing
+    size_t everyNth = 1;            // only each Nth job
+    bool stopsAtFirst = false;      // stop at the first violation: the result is not whole
+    bool keepsTimeLines = false;
+    SweepCheck check = {};
+    // What was done so far, and of how many: faults, then phones that they have left.
+    std::function<void(size_t done, size_t all, const char* what)> progress = {};
+};
+
+// Both logs and the device's requests of a run, from where they differ from the base run's.
+struct SweepTimeLine {
+    size_t scenario;
+    size_t common; // lines at the beginning that are as in the base run
+    std::vector<TimeLineEntry> rest;
+};
+bool operator<(const SweepTimeLine& one, const SweepTimeLine& other);
+
+// A phone that a job has left, and what the normal run on it came to.
+struct SweepState {
+    Fate fate;
+    bool isWrong;                  // a run that followed violates what must hold
+    const SweepTimeLine* timeLine; // of the normal run; null if they are not kept
+};
+
+// What a job leaves: a state for each loss that its power cut may cause.
+struct SweepLeft {
+    Losses losses;
+    size_t state; // in SweepResult.states
+};
+struct SweepJobResult {
+    std::vector<SweepLeft> left; // empty if the job was not done
+    bool isWrong;                // its own run violates what must hold
+    const SweepTimeLine* timeLine;
+};
+
+struct SweepViolation {
+    Wrong wrong;
+    size_t scenario, call; // the call as in SweepJob; 0 for the base run
+    // The fault of each run of the course that shows it, the last one's too; none: a normal run.
+    std::vector<std::optional<Fault>> course;
+    std::string detail; // of the caller's check
+};
+
+struct SweepBase {
+    MadeRun made;
+    std::vector<TimeLineEntry> timeLine = {};
+    std::string image = {}; // that the device has taken
+    Fate fate = {};
+};
+
+struct SweepResult {
+    int interruptedBy = 0; // the signal that ended it early
+    std::vector<SweepBase> bases;
+    std::vector<SweepJob> jobs;          // by scenario and call
+    std::vector<SweepJobResult> results; // of each job
+    std::vector<SweepState> states;      // each distinct phone once
+    std::vector<SweepViolation> violations;
+    size_t runs = 0;
+    std::set<SweepTimeLine> timeLines; // each distinct one once
+};
+
+// The result is the same for any number of threads. Stop if a phone cannot be made or run, or if a
+// single run could not be kept. Signals (see WorkFolder) end it early.
+SweepResult RunSweep(const std::vector<SweepScenario>& scenarios, const SweepOptions& options);
