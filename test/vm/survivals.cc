@@ -5,6 +5,7 @@
 // (bench/disk-states) is in this phone's directory. Prints the lines that the simulation does not
 // allow. Then, for each pair of moments and each file, what the simulation allows there, and in how
 // many lines it was seen. Exit status 0: all are allowed; 1: not all; 2: an error.
+#include "simphone/phone.h"
 #include "simphone/power_loss.h"
 #include "simphone/tool_run.h"
 
@@ -56,15 +57,18 @@ StateDirectory WithoutTimes(StateDirectory state) {
     return state;
 }
 
-// The run on a copy of the phone, with a fault if it has a text.
-RunResult Run(const std::string& phone, const std::string& copy, const std::string& fault) {
+// The run on a copy of the phone.
+RunResult Run(const std::string& phone, const std::string& copy, const std::vector<Fault>& faults) {
     fs::remove_all(copy);
     fs::copy(phone, copy, fs::copy_options::recursive);
-    RunOptions options;
-    if (!fault.empty()) {
-        options.faults = {fault};
+    Phone opened;
+    std::string error;
+    if (!OpenPhone(copy, opened, error)) {
+        Stop(error);
     }
-    RunResult run = RunTool(copy, Companion("ffu"), options);
+    RunOptions options;
+    options.faults = faults;
+    RunResult run = RunTool(opened, Companion("ffu"), options);
     if (!run.error.empty()) {
         Stop(run.error);
     }
@@ -104,13 +108,13 @@ std::vector<Cut> AllCuts(const std::string& phone, const std::string& copy,
                          const std::vector<Survivor>& survivors) {
     const StateDirectory before = ReadStateDirectory(phone);
     std::vector<Cut> cuts;
-    const auto add = [&](size_t first, size_t last, const std::string& fault) {
+    const auto add = [&](size_t first, size_t last, const std::vector<Fault>& faults) {
         if (std::none_of(survivors.begin(), survivors.end(), [&](const Survivor& survivor) {
                 return survivor.first <= last && survivor.last >= first;
             })) {
             return;
         }
-        const RunResult run = Run(phone, copy, fault);
+        const RunResult run = Run(phone, copy, faults);
         Cut cut = {first, last, {}};
         for (const Survival& survival : Survivals(before, ReadStateDirectory(copy), run.calls)) {
             cut.states.push_back(WithoutTimes(survival.state));
@@ -123,16 +127,16 @@ std::vector<Cut> AllCuts(const std::string& phone, const std::string& copy,
         if (!Changes(call)) {
             continue;
         }
-        const std::string number = "any #" + std::to_string(i);
-        add(first, i, number + " end");
+        const auto number = static_cast<long>(i);
+        add(first, i, {{"any", "", number, number, Effect::ENDS}});
         first = i + 1;
         if (call.function == "write") {
             for (const size_t size : TornSizes(call, before, survivors)) {
-                add(i, i, number + " torn=" + std::to_string(size));
+                add(i, i, {{"any", "", number, number, Effect::TORN, static_cast<long>(size)}});
             }
         }
     }
-    add(first, calls.size() + 1, "");
+    add(first, calls.size() + 1, {});
     return cuts;
 }
 
@@ -162,7 +166,7 @@ Limits LimitsOf(const std::string& moment, const std::vector<CallEntry>& calls) 
     }
     if (moment == "request") {
         const size_t request =
-            number([](const CallEntry& call) { return call.IsRequest(); }, false);
+            number([](const CallEntry& call) { return call.request.has_value(); }, false);
         return {request, request};
     }
     if (moment == "triggered") {
@@ -188,7 +192,8 @@ std::string FateOf(const StateDirectory& state, const StateDirectory& before,
     if (full != whole.files.end() && found->second == full->second) {
         return "whole";
     }
-    return old != before.files.end() && found->second == old->second ? "as before" : "in part";
+    return old != before.files.end() && found->second == old->second ? "as before"
+                                                                     : "in part, or zeros";
 }
 
 std::vector<Survivor> ReadSurvivors(const std::vector<CallEntry>& calls) {
@@ -256,7 +261,7 @@ int main(int argc, char** argv) {
         Stop("no temporary folder");
     }
     const std::string copy = folder + "/phone";
-    const std::vector<CallEntry> calls = Run(phone, copy, "").calls;
+    const std::vector<CallEntry> calls = Run(phone, copy, {}).calls;
     const std::vector<Survivor> survivors = ReadSurvivors(calls);
     const std::vector<Cut> cuts = AllCuts(phone, copy, calls, survivors);
     fs::remove_all(folder);
