@@ -68,9 +68,8 @@ std::string FindLibrary(const std::string& tool, const std::string& given) {
                                        Companion("libsimphone.so")};
     std::error_code status;
     for (const fs::path& place : given.empty() ? own : std::vector<fs::path>{given}) {
-        std::string content;
-        if (fs::is_regular_file(place, status) && ReadWholeFile(place, content) &&
-            content.find("simphone_attach") != std::string::npos) {
+        if (fs::is_regular_file(place, status) &&
+            WholeFile(place).find("simphone_attach") != std::string::npos) {
             return fs::absolute(place);
         }
     }
@@ -183,12 +182,11 @@ bool Execute(const Start& start, bool onlyLoad, int& status, RunResult& result) 
 // Whether the program is loaded by glibc's dynamic linker, which alone does what is asked below.
 // Programs that run with more rights than their user's load no library of his.
 bool IsLoadedByGlibc(const std::string& tool) {
-    std::string image;
+    const std::string image = WholeFile(tool);
     Elf64_Ehdr header;
     struct stat status;
     if (stat(tool.c_str(), &status) != 0 || (status.st_mode & (S_ISUID | S_ISGID)) != 0 ||
-        !ReadWholeFile(tool, image) || image.size() < sizeof(header) ||
-        image.compare(0, SELFMAG, ELFMAG) != 0) {
+        image.size() < sizeof(header) || image.compare(0, SELFMAG, ELFMAG) != 0) {
         return false;
     }
     memcpy(&header, image.data(), sizeof(header));
@@ -289,9 +287,9 @@ void RunAlone(const Phone& phone, const std::string& tool, const RunOptions& opt
     }
     const StateDirectory before = ReadStateDirectory(directory);
     int status = 0;
-    const bool isKept = Execute(start, false, status, result);
-    if (!Put(directory + CONSOLE_FILE, result.console, result.error) ||
-        !Put(directory + ERRORS_FILE, result.errors, result.error) || !isKept) {
+    if (!Execute(start, false, status, result) ||
+        !Put(directory + CONSOLE_FILE, result.console, result.error) ||
+        !Put(directory + ERRORS_FILE, result.errors, result.error)) {
         return;
     }
     result.exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : -1;

@@ -79,9 +79,10 @@ std::string KeptPath(const char* path) {
     std::error_code status;
     if (fs::path(path).parent_path() == "/data/vendor/fw" && fs::is_regular_file(host, status)) {
         const fs::path kept = folder + fs::path(path).filename().string();
-        fs::create_directory(folder, status);
-        fs::remove(kept, status);
-        fs::create_hard_link(host, kept, status);
+        if (fs::create_directory(folder, status); !status) {
+            fs::remove(kept, status);
+            fs::create_hard_link(host, kept, status);
+        }
         if (status) {
             EndUnkept(kept, status.value());
         }
@@ -217,11 +218,15 @@ ssize_t write(int fd, const void* data, size_t count) {
         if (Misaligned(fd, file, data, count)) {
             return Failing(EINVAL);
         }
-        const ssize_t written = next(fd, data, count);
-        if (written >= 0 && static_cast<size_t>(written) < count) { // no fault has asked for it
-            EndUnkept("write " + file.path, ENOSPC);
+        size_t written = 0;
+        for (ssize_t piece = 1; piece > 0 && written < count;
+             written += static_cast<size_t>(piece)) {
+            piece = next(fd, static_cast<const char*>(data) + written, count - written);
+            if (piece < 0) {
+                return piece; // that fewer bytes had room is this machine's
+            }
         }
-        return written;
+        return static_cast<ssize_t>(written);
     });
 }
 

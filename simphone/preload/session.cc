@@ -28,7 +28,7 @@ bool isCallUnderWay = false;
 int OpenJournal(const std::string& path) {
     const int flags = O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC;
     const int fd = open(path.c_str(), flags, 0644);
-    const int high = fcntl(fd, F_DUPFD_CLOEXEC, 900);
+    const int high = fd < 0 ? -1 : fcntl(fd, F_DUPFD_CLOEXEC, 900);
     if (high < 0) {
         return fd;
     }
@@ -37,9 +37,12 @@ int OpenJournal(const std::string& path) {
 }
 
 void Append(const std::string& line) {
-    const ssize_t count = write(session->journal, line.data(), line.size());
-    if (count != static_cast<ssize_t>(line.size())) {
-        EndUnkept(JOURNAL_FILE, count < 0 ? errno : ENOSPC);
+    ssize_t count = 0;
+    for (size_t at = 0; at < line.size(); at += static_cast<size_t>(count)) {
+        count = write(session->journal, line.data() + at, line.size() - at);
+        if (count < 0) {
+            EndUnkept(JOURNAL_FILE, errno);
+        }
     }
 }
 
