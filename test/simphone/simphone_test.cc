@@ -284,6 +284,9 @@ TEST_F(SimphoneTest, RunThatCannotBeKeptIsAnError) {
         {"/console.log", "/dev/full", "console.log: No space left on device"},
         {"/console.log", "/", "console.log: Is a directory"},
         {"/errors.log", "/nowhere/file", "errors.log: No such file or directory"},
+        {"/device/downloaded.bin", "/dev/full", "downloaded.bin: No space left on device"},
+        {"/device/pending", "/", "pending: Is a directory"},
+        {"/removed", "/dev/null", "removed/ffu.bgn: Not a directory"},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.log + row.target);
