@@ -93,7 +93,7 @@ Fates FatesOf(const Changes& file, const Content& before, const Content& after,
         fates.emplace_back(Loss::EMPTY, "");
     }
     if (file.isRemoved && file.isThere && (old || file.isRemade)) {
-        fates.emplace_back(Loss::GONE, Content());
+        fates.emplace_back(Loss::GONE, std::nullopt);
     }
     if (file.isMade && file.isRemoved && !file.isThere) {
         fates.emplace_back(Loss::BACK, removed);
