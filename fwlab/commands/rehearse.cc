@@ -14,6 +14,7 @@
 #include "run/state_flags.h"
 #include "simphone/files.h"
 #include "simphone/phone.h"
+#include "simphone/show.h"
 #include "simphone/text.h"
 #include "simphone/tool_run.h"
 
