@@ -3,7 +3,6 @@
 #include "fwlab/base/progress.h"
 #include "fwlab/base/table.h"
 #include "fwlab/commands/commands.h"
-#include "fwlab/package/spans.h"
 #include "fwlab/phone/decision.h"
 #include "fwlab/phone/fleet.h"
 #include "fwlab/phone/state_directory.h"

@@ -1,9 +1,6 @@
 // Describes the headers, and reads and writes their fields.
 #include "fwlab/package/layout.h"
 
-#include "fwlab/base/json.h"
-#include "simphone/text.h"
-
 #include <algorithm>
 #include <cstddef>
 
@@ -83,24 +80,4 @@ std::optional<std::vector<std::string>> BaseRevisionsOf(const Identity& identity
         }
     }
     return revisions;
-}
-
-Json Describe(const Identity& identity) {
-    const Layout& layout = *identity.layout;
-    Json shown;
-    for (const Field* field : FieldsOf(layout)) {
-        const std::string bytes = Get(identity, *field);
-        const bool isZero = bytes == std::string(bytes.size(), '\0');
-        if (!isZero || (field != &layout.productRevision && field != &layout.serialNumber &&
-                        field != &layout.marketName)) {
-            shown[field->key] =
-                field->size == 1 ? Json(static_cast<uint8_t>(bytes[0])) : Json(Escaped(bytes));
-        }
-    }
-    const auto base = BaseRevisionsOf(identity);
-    Json& revisions = shown[layout.baseRevs.key] = base ? Json::array() : Json("any");
-    for (const std::string& revision : base.value_or(std::vector<std::string>())) {
-        revisions.push_back(Escaped(revision));
-    }
-    return shown;
 }

@@ -3,7 +3,6 @@
 
 #include "fwpkg/firmware_package.h"
 
-#include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
 #include <vector>
@@ -45,7 +44,3 @@ bool IsFreeSlot(const std::string& slot);
 // The base revisions of an entry, each once, without free slots. No value if the entry applies to
 // any revision.
 std::optional<std::vector<std::string>> BaseRevisionsOf(const Identity& identity);
-
-// The fields by their keys, without those that phones do not compare where they are zero. Texts
-// are printable.
-nlohmann::ordered_json Describe(const Identity& identity);

@@ -4,7 +4,6 @@
 
 #include "fwlab/base/json.h"
 #include "fwlab/base/stop.h"
-#include "fwlab/package/spans.h"
 #include "fwlab/phone/phone_messages.h"
 
 #include "emmc/emmc_command.h"
@@ -368,7 +367,7 @@ bool IsSent(const Package& package, const Decision& decision, const std::string&
     const size_t padded = size_t{DownloadBlocks(static_cast<uint32_t>(size))} * MMC_BLOCK_SIZE;
     return decision.sent != nullptr && !taken.empty() &&
            (taken.size() == size || (isEmmc && taken.size() == padded)) &&
-           memcmp(taken.data(), package.bytes.get() + decision.sent->body, size) == 0;
+           BodyOf(package, *decision.sent).substr(0, size) == taken.substr(0, size);
 }
 
 Verdict Judge(const Package& package, const Decision& decision, const std::string& taken,
@@ -419,10 +418,10 @@ Texts FindingsOf(const Package& package, const Entry& entry) {
     const std::string revision = Get(entry.identity, layout.revision);
     add(revision[0] == '\0', "the revision begins with a zero byte: once the record has any "
                              "attempt, the phone counts this revision as attempted");
-    const uint8_t* body = package.bytes.get() + entry.body;
+    const std::string_view body = BytesOf(package).substr(entry.body, entry.bodySize);
     for (const Layout* inner : {&EMMC, &UFS}) {
         add(entry.bodyFits && entry.bodySize >= inner->headerSize &&
-                memcmp(body, inner->magic, MAGIC_SIZE) == 0,
+                body.substr(0, MAGIC_SIZE) == inner->magic,
             fmt::format("the body begins with an entry header ({}): is it a package?",
                         inner->title));
     }
@@ -450,7 +449,7 @@ Texts FindingsOf(const Package& package, const Entry& entry) {
 
 void RequireFlawless(const Built& built, bool withLargeEmmc) {
     size_t number = 0;
-    for (const Entry* entry : built.entries) {
+    for (const Entry* entry : OwnEntries(built.package)) {
         number++;
         Texts findings = FindingsOf(built.package, *entry);
         if (NeedsGkiMode(*entry) && !withLargeEmmc) {
