@@ -2,7 +2,7 @@
 #include "fwlab/phone/fleet.h"
 
 #include "fwlab/base/stop.h"
-#include "fwlab/base/toml_file.h"
+#include "fwlab/base/toml.h"
 #include "fwlab/package/fields.h"
 
 #include <algorithm>
