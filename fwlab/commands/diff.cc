@@ -32,9 +32,8 @@ Entries OnlyIn(const Package& package, const Package& other) {
 
 // The fields by which an update selects its entry.
 std::string SelectorOf(const Identity& identity) {
-    const Layout& layout = *identity.layout;
-    return Get(identity, layout.manufacturer) + Get(identity, layout.name) +
-           Get(identity, layout.extCsdRev);
+    return Get(identity, identity.layout->manufacturer) + NameOf(identity) +
+           Get(identity, identity.layout->extCsdRev);
 }
 
 // What phones do not get, as their revision does not change.
@@ -42,13 +41,12 @@ Texts NotesOf(const Entries& removed, const Entries& added) {
     Texts notes;
     for (const Entry* before : removed) {
         for (const Entry* after : added) {
-            const Field& revision = after->identity.layout->revision;
-            const std::string own = Get(after->identity, revision);
+            const std::string revision = RevisionOf(after->identity);
             if (SelectorOf(before->identity) == SelectorOf(after->identity) &&
-                own == Get(before->identity, revision)) {
+                revision == RevisionOf(before->identity)) {
                 notes.push_back(fmt::format("another entry under the same revision: phones that "
                                             "run or attempted {} do not get it",
-                                            Quoted(own)));
+                                            Quoted(revision)));
             }
         }
     }
@@ -77,7 +75,7 @@ std::vector<Model> ModelsOf(const Package& before, const Package& after) {
             for (const std::string& revision : base.value_or(Texts())) {
                 model->revisions.insert(revision);
             }
-            model->revisions.insert(Get(identity, identity.layout->revision));
+            model->revisions.insert(RevisionOf(identity));
             model->isAnyAdmitted = model->isAnyAdmitted || !base;
         }
     }

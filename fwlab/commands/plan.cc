@@ -34,11 +34,6 @@ const Entry* Received(const Case& one) {
     return one.decision.verdict == Verdict::UPDATED ? one.decision.sent : nullptr;
 }
 
-std::string RevisionOf(const Case& one) {
-    const Identity& device = one.decision.device;
-    return Get(device, device.layout->revision);
-}
-
 std::string Gets(const Case& one) {
     const Entry* entry = Received(one);
     return entry != nullptr
@@ -102,7 +97,7 @@ std::vector<Case> CasesOf(const std::vector<Package>& packages, const std::vecto
     const Record& record = attempted.record;
     for (const Model& model : models) {
         const Identity& identity = model.device.identity;
-        if (UpToZero(Get(identity, identity.layout->name)) != record.product) {
+        if (UpToZero(NameOf(identity)) != record.product) {
             continue;
         }
         Texts texts = {record.target};
@@ -127,7 +122,8 @@ uint64_t TakePhones(std::vector<Line>& fleet, const std::vector<Case>& cases, ui
     for (const Case& one : cases) {
         for (Line& line : fleet) {
             const Case& counted = line.cases.front();
-            const bool isIt = counted.model == one.model && RevisionOf(counted) == RevisionOf(one);
+            const bool isIt = counted.model == one.model && RevisionOf(counted.decision.device) ==
+                                                                RevisionOf(one.decision.device);
             const uint64_t more = isIt ? std::min(line.phones, phones - taken) : 0;
             line.phones -= more;
             taken += more;
@@ -156,10 +152,10 @@ void AddUnusedEntries(const std::vector<Package>& packages, Report& report) {
     for (const Package& package : packages) {
         for (const Entry& entry : package.entries) {
             if (used.count(&entry) == 0 && OuterEntry(package, entry) == nullptr) {
-                report.findings.push_back(fmt::format(
-                    "{} of {}, {} for {}: no phone of the fleet gets it", Title(entry),
-                    Quoted(package.path), Quoted(Get(entry.identity, package.layout->revision)),
-                    Quoted(Get(entry.identity, package.layout->name))));
+                report.findings.push_back(
+                    fmt::format("{} of {}, {} for {}: no phone of the fleet gets it", Title(entry),
+                                Quoted(package.path), Quoted(RevisionOf(entry.identity)),
+                                Quoted(NameOf(entry.identity))));
             }
         }
     }
@@ -252,9 +248,9 @@ Report MakeReport(const std::vector<Package>& packages, const std::vector<Model>
 Json Describe(const Case& one) {
     const Identity& identity = one.decision.device;
     const Entry* entry = Received(one);
-    return {{"product_name", Escaped(Get(identity, identity.layout->name))},
+    return {{"product_name", Escaped(NameOf(identity))},
             {"manufacturer", Escaped(Get(identity, identity.layout->manufacturer))},
-            {"revision", Escaped(RevisionOf(one))},
+            {"revision", Escaped(RevisionOf(one.decision.device))},
             {"answer", WordOf(one.decision.verdict)},
             {"gets", Gets(one)},
             {"package", one.package == nullptr ? Json() : Json(Escaped(one.package->path))},
@@ -290,7 +286,7 @@ Texts Details(const Line& line) {
     if (!IsDecided(line)) {
         for (const Case& one : line.cases) {
             details.push_back(fmt::format("if it is {} and runs {}: {}", Title(one.decision.device),
-                                          Quoted(RevisionOf(one)), Gets(one)));
+                                          Quoted(RevisionOf(one.decision.device)), Gets(one)));
         }
     } else if (const Entry* entry = Received(line.cases.front()); entry != nullptr) {
         for (const std::string& note : NotesOf(*entry)) {
@@ -306,7 +302,7 @@ void Print(const std::vector<Line>& lines) {
         std::set<std::string> models, revisions;
         for (const Case& one : line.cases) {
             models.insert(Title(one.decision.device));
-            revisions.insert(Quoted(RevisionOf(one)));
+            revisions.insert(Quoted(RevisionOf(one.decision.device)));
         }
         rows.push_back({fmt::format("{}", fmt::join(models, " or ")),
                         fmt::format("{}", fmt::join(revisions, " or ")),

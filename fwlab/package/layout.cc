@@ -55,6 +55,14 @@ std::string Get(const Identity& identity, const Field& field) {
     return identity.header.substr(field.offset, field.size);
 }
 
+std::string NameOf(const Identity& identity) {
+    return Get(identity, identity.layout->name);
+}
+
+std::string RevisionOf(const Identity& identity) {
+    return Get(identity, identity.layout->revision);
+}
+
 void Set(Identity& identity, const Field& field, const std::string& bytes) {
     std::string whole = bytes;
     whole.resize(field.size);

@@ -36,6 +36,8 @@ struct Identity {
 };
 Identity NewIdentity(const Layout& layout); // the magic, then zeros
 std::string Get(const Identity& identity, const Field& field);
+std::string NameOf(const Identity& identity);     // the product name
+std::string RevisionOf(const Identity& identity); // the one to install, or the running one
 void Set(Identity& identity, const Field& field, const std::string& bytes); // filled up with zeros
 
 // Whether a slot for a base revision admits no device, as it is left free.

@@ -29,6 +29,7 @@ constexpr size_t TAIL_SIZE = 65536; // of a file, as much as is looked at: hundr
 constexpr int DEPTH_MAX = 6;        // REGION/DAY/SERIAL/data/vendor/fw
 
 struct StateFile {
+    const char* name;
     bool isThere, isRegular;
     std::string content; // its end
 };
@@ -55,16 +56,17 @@ std::string ReadTail(const std::string& path, size_t size) {
     return tail;
 }
 
-StateFile Look(const std::string& path, bool isRead) {
+StateFile Look(const fs::path& folder, const char* name, bool isRead) {
+    const std::string path = folder / name;
     struct stat status = {};
     if (lstat(path.c_str(), &status) != 0) {
         if (errno != ENOENT) {
             throw FailureAt(path, errno);
         }
-        return {};
+        return {name, false, false, ""};
     }
     const bool isRegular = S_ISREG(status.st_mode);
-    return {true, isRegular,
+    return {name, true, isRegular,
             isRead && isRegular ? ReadTail(path, static_cast<size_t>(status.st_size)) : ""};
 }
 
@@ -74,7 +76,7 @@ StateFiles ReadStateFiles(const std::string& directory) {
         throw Stop{2, directory + ": " + error.message()};
     }
     const auto look = [&](const char* phonePath, bool isRead) {
-        return Look(fs::path(directory) / FileName(phonePath), isRead);
+        return Look(directory, FileName(phonePath), isRead);
     };
     return {look(BEGIN_FLAG, false), look(END_FLAG, false),   look(OK_FLAG, true),
             look(FAIL_FLAG, true),   look(RESULT_FILE, true), look(UfsFwBodyPath(1), false)};
@@ -148,14 +150,10 @@ OutcomeFlag FlagOf(const StateFiles& files, const StateReport& report) {
 
 // The name of the first of them that is there and not a regular file; empty for none.
 std::string Irregular(const StateFiles& files) {
-    const std::pair<const StateFile&, const char*> read[] = {{files.record, RESULT_FILE},
-                                                             {files.begin, BEGIN_FLAG},
-                                                             {files.end, END_FLAG},
-                                                             {files.ok, OK_FLAG},
-                                                             {files.fail, FAIL_FLAG}};
-    for (const auto& [file, path] : read) {
-        if (file.isThere && !file.isRegular) {
-            return FileName(path);
+    for (const StateFile* file :
+         {&files.record, &files.begin, &files.end, &files.ok, &files.fail}) {
+        if (file->isThere && !file->isRegular) {
+            return file->name;
         }
     }
     return "";
