@@ -100,10 +100,9 @@ std::string FaultLine(size_t place, const Fault& fault) {
 }
 
 Journal ReadJournal(const std::string& phone) {
-    std::string content;
-    (void)ReadWholeFile(phone + JOURNAL_FILE, content); // a run that ended at once has none
+    const std::string content = WholeFile(phone + JOURNAL_FILE);
     std::istringstream lines(content);
-    Journal journal;
+    Journal journal = {{}, {}, content.empty() || content.back() == '\n'};
     for (std::string line; std::getline(lines, line) && !lines.eof();) { // whole ones
         if (line.rfind(FAULT, 0) == 0) {
             journal.faults.push_back(strtoul(line.c_str() + sizeof(FAULT), nullptr, 10));

@@ -74,11 +74,12 @@ unsigned long OpenFlags(const CallEntry& call);
 struct Journal {
     std::vector<CallEntry> calls;
     std::vector<size_t> faults; // those that the run met, in order, by their place in the run's
+    bool isWhole;               // false if it ends in the middle of a line
 };
 
 // The lines of a journal, each with its line feed.
 std::string CallLine(const CallEntry& call);
 std::string FaultLine(size_t place, const Fault& fault);
 
-// The journal of the last run on the phone; empty if there is none.
+// The journal of the last run on the phone; throws std::system_error if it cannot be read.
 Journal ReadJournal(const std::string& phone);

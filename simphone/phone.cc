@@ -100,6 +100,9 @@ bool RebootPhone(const Phone& phone, std::string& error) {
     const std::string device = phone.directory + "/device";
     std::error_code status;
     const bool isPending = fs::exists(device + "/pending", status);
+    if (!isPending && status) {
+        return Failed(error, device + ": " + status.message());
+    }
     if (isPending && !phone.description.ufs &&
         (!ReadWholeFile(device + "/ext_csd.bin", extCsd) || extCsd.size() != EXT_CSD_SIZE)) {
         return Failed(error, device + "/ext_csd.bin: is not 512 bytes that can be read");

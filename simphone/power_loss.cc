@@ -115,12 +115,13 @@ void Put(StateDirectory& state, const std::string& name, const Content& content)
 }
 
 std::map<std::string, std::string> ReadFiles(const fs::path& directory) {
-    std::error_code status;
     std::map<std::string, std::string> files;
-    for (const auto& entry : fs::directory_iterator(directory, status)) {
-        std::string content;
-        if (fs::is_regular_file(entry.symlink_status()) && ReadWholeFile(entry.path(), content)) {
-            files[entry.path().filename()] = content;
+    if (!fs::is_directory(directory)) {
+        return files;
+    }
+    for (const auto& entry : fs::directory_iterator(directory)) {
+        if (fs::is_regular_file(entry.symlink_status())) {
+            files[entry.path().filename()] = WholeFile(entry.path());
         }
     }
     return files;
@@ -129,16 +130,15 @@ std::map<std::string, std::string> ReadFiles(const fs::path& directory) {
 } // namespace
 
 StateDirectory ReadStateDirectory(const std::string& phone) {
-    std::error_code status;
-    return {fs::is_directory(phone + STATE_DIR, status), ReadFiles(phone + STATE_DIR),
+    return {fs::is_directory(phone + STATE_DIR), ReadFiles(phone + STATE_DIR),
             ReadFiles(phone + REMOVED_FOLDER)};
 }
 
 bool WriteStateDirectory(const std::string& phone, const StateDirectory& state) {
     const fs::path directory = phone + STATE_DIR;
     std::error_code status;
-    for (const auto& [name, content] : ReadStateDirectory(phone).files) {
-        fs::remove(directory / name, status);
+    for (const auto& [name, content] : ReadFiles(directory)) {
+        fs::remove(directory / name); // throws if it cannot
     }
     if (!state.isThere) {
         fs::remove_all(directory, status);

@@ -20,6 +20,7 @@ struct StateDirectory {
 inline bool operator==(const StateDirectory& one, const StateDirectory& other) {
     return one.isThere == other.isThere && one.files == other.files;
 }
+// Throws std::system_error if a file of it cannot be read.
 StateDirectory ReadStateDirectory(const std::string& phone);
 
 // Makes the phone's directory so; false if it cannot be (errno tells why).

@@ -19,6 +19,7 @@
 #include <set>
 #include <sstream>
 #include <sys/file.h>
+#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -35,8 +36,8 @@ constexpr char CONSOLE_FILE[] = "/console.log", ERRORS_FILE[] = "/errors.log";
 // A descriptor that is closed with its block.
 struct Descriptor {
     int fd;
-    Descriptor(const std::string& path, int flags)
-        : fd(open(path.c_str(), flags | O_CLOEXEC, 0644)) {
+    int error = fd < 0 ? errno : 0;
+    Descriptor(const std::string& path, int flags) : fd(open(path.c_str(), flags | O_CLOEXEC)) {
     }
     explicit Descriptor(int number) : fd(number) {
     }
@@ -67,9 +68,8 @@ std::string FindLibrary(const std::string& tool, const std::string& given) {
                                        Companion("libsimphone.so")};
     std::error_code status;
     for (const fs::path& place : given.empty() ? own : std::vector<fs::path>{given}) {
-        std::string content;
-        if (fs::is_regular_file(place, status) && ReadWholeFile(place, content) &&
-            content.find("simphone_attach") != std::string::npos) {
+        if (fs::is_regular_file(place, status) &&
+            WholeFile(place).find("simphone_attach") != std::string::npos) {
             return fs::absolute(place);
         }
     }
@@ -82,6 +82,7 @@ std::string FindLibrary(const std::string& tool, const std::string& given) {
     sigset_t none; // that this program holds back does not concern the tool
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
+    signal(SIGXFSZ, SIG_DFL);
     // These outlive exec: the tool ends by SIGALRM, and with the thread that waits for it.
     alarm(process.secondsLimit);
     prctl(PR_SET_PDEATHSIG, SIGKILL);
@@ -117,23 +118,26 @@ Texts Environment(const Texts& variables) {
     return environment;
 }
 
+std::string LastLine(std::string text) {
+    text.erase(text.find_last_not_of('\n') + 1);
+    return text.substr(text.rfind('\n') + 1);
+}
+
 // Returns when the tool has ended, with its wait status and both outputs; false with an error if
 // there was no process, or it had no phone. If `onlyLoad`, it ends when it is loaded, and tells
 // what was loaded. The library is named by a descriptor: LD_PRELOAD takes no path with a blank or a
 // colon. It stands high, so that the tool meets the numbers that it would meet on a phone.
 bool Execute(const Start& start, bool onlyLoad, int& status, RunResult& result) {
     const RunOptions& options = *start.options;
-    const std::string console = start.directory + CONSOLE_FILE;
-    const std::string errors = start.directory + ERRORS_FILE;
-    const int flags = O_WRONLY | O_CREAT | O_TRUNC;
     const Descriptor library(start.phoneLibrary, O_RDONLY), null("/dev/null", O_RDONLY),
-        out(console, flags), err(errors, flags), high(fcntl(library.fd, F_DUPFD_CLOEXEC, 800));
+        out(memfd_create("console", MFD_CLOEXEC)), err(memfd_create("errors", MFD_CLOEXEC)),
+        high(fcntl(library.fd, F_DUPFD_CLOEXEC, 800));
     for (const auto& [file, name] : {std::pair(&library, start.phoneLibrary),
                                      {&null, "/dev/null"},
-                                     {&out, console},
-                                     {&err, errors}}) {
-        if (file->fd < 0) {
-            return Failed(result.error, name + ": " + strerror(errno));
+                                     {&out, "a file in memory"},
+                                     {&err, "a file in memory"}}) {
+        if (file->error != 0) {
+            return Failed(result.error, name + ": " + strerror(file->error));
         }
     }
     Process process = {
@@ -167,23 +171,22 @@ bool Execute(const Start& start, bool onlyLoad, int& status, RunResult& result) 
     if (child < 0) {
         return Failed(result.error, std::string("fork: ") + strerror(errno));
     }
-    (void)ReadWholeFile(console, result.console);
-    (void)ReadWholeFile(errors, result.errors);
-    if (WIFEXITED(status) && WEXITSTATUS(status) == EXIT_NO_PHONE) {
-        result.error = start.directory + ": the run could not be kept: " + result.errors;
-    }
-    return result.error.empty();
+    result.console = WholeFile("/proc/self/fd/" + std::to_string(out.fd));
+    result.errors = WholeFile("/proc/self/fd/" + std::to_string(err.fd));
+    return (WIFEXITED(status) && WEXITSTATUS(status) == EXIT_NO_PHONE)
+               ? Failed(result.error,
+                        start.directory + ": the run could not be kept: " + LastLine(result.errors))
+               : true;
 }
 
 // Whether the program is loaded by glibc's dynamic linker, which alone does what is asked below.
 // Programs that run with more rights than their user's load no library of his.
 bool IsLoadedByGlibc(const std::string& tool) {
-    std::string image;
+    const std::string image = WholeFile(tool);
     Elf64_Ehdr header;
     struct stat status;
     if (stat(tool.c_str(), &status) != 0 || (status.st_mode & (S_ISUID | S_ISGID)) != 0 ||
-        !ReadWholeFile(tool, image) || image.size() < sizeof(header) ||
-        image.compare(0, SELFMAG, ELFMAG) != 0) {
+        image.size() < sizeof(header) || image.compare(0, SELFMAG, ELFMAG) != 0) {
         return false;
     }
     memcpy(&header, image.data(), sizeof(header));
@@ -196,6 +199,11 @@ bool IsLoadedByGlibc(const std::string& tool) {
         }
     }
     return false;
+}
+
+bool Put(const std::string& file, const std::string& content, std::string& error) {
+    return WriteWholeFile(file, content.data(), content.size()) ||
+           Failed(error, file + ": " + strerror(errno));
 }
 
 // Whether the tool's calls will go through the library: asks the dynamic linker what it would load,
@@ -229,10 +237,10 @@ bool IsLibraryLoaded(const Start& start, std::string& error) {
     return true;
 }
 
-// Checks all that the run needs before anything is started. No journal of a run before stays.
+// Checks all that the run needs before anything is started. Nothing of a run before stays.
 bool Prepare(const Start& start, std::string& error) {
     const std::string& given = start.options->libsimphone;
-    const std::string journal = start.directory + JOURNAL_FILE;
+    std::error_code status;
     if (access(start.tool.c_str(), X_OK) != 0) {
         return Failed(error, start.tool + ": " + strerror(errno));
     }
@@ -240,10 +248,11 @@ bool Prepare(const Start& start, std::string& error) {
         return Failed(error, given.empty() ? "libsimphone.so: not found beside " + start.tool
                                            : given + ": is not the phone's library");
     }
-    if (!WriteWholeFile(journal, "", 0)) {
-        return Failed(error, journal + ": " + strerror(errno));
+    if (fs::remove(start.directory + JOURNAL_FILE, status); status) {
+        return Failed(error, start.directory + JOURNAL_FILE + ": " + status.message());
     }
-    return IsLibraryLoaded(start, error);
+    return Put(start.directory + CONSOLE_FILE, "", error) &&
+           Put(start.directory + ERRORS_FILE, "", error) && IsLibraryLoaded(start, error);
 }
 
 // After a power cut: takes from the state directory what its fault says.
@@ -278,12 +287,18 @@ void RunAlone(const Phone& phone, const std::string& tool, const RunOptions& opt
     }
     const StateDirectory before = ReadStateDirectory(directory);
     int status = 0;
-    if (!Execute(start, false, status, result)) {
+    if (!Execute(start, false, status, result) ||
+        !Put(directory + CONSOLE_FILE, result.console, result.error) ||
+        !Put(directory + ERRORS_FILE, result.errors, result.error)) {
         return;
     }
     result.exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     result.signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
     result.timedOut = result.signal == SIGALRM;
+    if (!fs::exists(directory + JOURNAL_FILE)) { // the library makes it
+        result.error = start.tool + ": was not started: " + LastLine(result.errors);
+        return;
+    }
     Journal journal = ReadJournal(directory);
     result.calls = std::move(journal.calls);
     std::vector<Fault> faults = options.faults; // in the order of the library
@@ -294,8 +309,15 @@ void RunAlone(const Phone& phone, const std::string& tool, const RunOptions& opt
     }
     const std::vector<Fault>& own = phone.description.faults;
     faults.insert(faults.end(), own.begin(), own.end());
-    if (result.signal == SIGKILL && !journal.faults.empty()) {
-        LoseUnsynced(directory, before, faults.at(journal.faults.back()), result);
+    const Fault* cut = journal.faults.empty() ? nullptr : &faults.at(journal.faults.back());
+    const bool isCut = result.signal == SIGKILL && cut != nullptr && cut->effect >= Effect::TORN;
+    if (isCut) {
+        LoseUnsynced(directory, before, *cut, result);
+    } else if (result.signal == SIGKILL || result.signal == SIGXFSZ || result.signal == SIGXCPU) {
+        result.error = directory + ": the run could not be kept: this machine ended it: " +
+                       sigdescr_np(result.signal);
+    } else if (result.signal == 0 && !journal.isWhole) {
+        result.error = directory + JOURNAL_FILE + ": ends in the middle";
     }
 }
 
@@ -316,7 +338,11 @@ RunResult RunTool(const Phone& phone, const std::string& tool, const RunOptions&
     } else if (flock(directory.fd, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
         result.error = phone.directory + ": another run is on this phone";
     } else {
-        RunAlone(phone, tool, options, result);
+        try {
+            RunAlone(phone, tool, options, result);
+        } catch (const std::exception& wrong) { // a file that cannot be read, or no memory
+            result.error = phone.directory + ": the run could not be kept: " + wrong.what();
+        }
         flock(directory.fd, LOCK_UN); // a process that another thread has forked may have it, too
     }
     return result;

@@ -96,6 +96,12 @@ size_t RequestsBefore(const std::string& log) {
     return requests;
 }
 
+void Log(const std::string& log, const std::string& line) {
+    if (!(std::ofstream(log, std::ios::app) << line << std::flush)) {
+        Stop(log + ": cannot be written");
+    }
+}
+
 // Tells in the last block of the phone's disk, behind its file system, that a request has come:
 // that has its place among the disk's writes.
 void MarkRequest() {
@@ -116,7 +122,7 @@ void WriteBuffer(const Device& device, Command& command) {
     const std::string text = "WRITE BUFFER cdb=" + Hex(cdb, sizeof(cdb)) +
                              " data=" + std::to_string(command.data.size()) + " -> ";
     if (device.cut == "command") {
-        std::ofstream(log, std::ios::app) << text << "power cut\n";
+        Log(log, text + "power cut\n");
         EndPower(device);
     }
     const Description phone = ReadPhone(device);
@@ -133,10 +139,10 @@ void WriteBuffer(const Device& device, Command& command) {
     Reply reply;
     const int error = AnswerScsi(device.phone, phone.answers[turn], 0, O_RDWR, request, reply);
     if (error != 0) {
-        Stop(std::string("WRITE BUFFER: ") + strerror(error));
+        Stop("WRITE BUFFER: " + (reply.failure.empty() ? strerror(error) : reply.failure));
     }
     command.status = request.status;
-    std::ofstream(log, std::ios::app) << text << reply.text << "\n";
+    Log(log, text + reply.text + "\n");
     if (device.cut == "download") {
         EndPower(device);
     }
@@ -158,8 +164,7 @@ std::string Field(const std::string& text, size_t size) {
 }
 
 std::string Inquiry(const Device& device) {
-    std::string revision;
-    (void)ReadWholeFile(device.phone + "/proc/bootdevice/rev", revision);
+    const std::string revision = WholeFile(device.phone + "/proc/bootdevice/rev");
     const char head[8] = {0, 0, 6, 2, 31, 0, 0, 2}; // SPC-4 disk, 36 bytes, command queuing
     return std::string(head, sizeof(head)) + Field("UFS", 8) +
            Field(ReadPhone(device).productName, 16) + Field(revision, 4);

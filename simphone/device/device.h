@@ -27,7 +27,12 @@ Request DescribeScsiReset(int type);
 struct Reply {
     Taken taken = Taken::NOTHING;
     std::string text = {}; // "GOOD"; empty: the result of the call says it
+    // Why this machine could not keep what the device did. The answer is none of the device then.
+    std::string failure = {};
 };
+
+// Writes a file of the device, by its path. Returns 0; else EIO, with a failure in the reply.
+int Keep(const std::string& file, const void* data, size_t size, Reply& reply);
 
 // Carries out one MMC_IOC_CMD. Returns 0 or the error number that the driver gives.
 // `openFlags` are those of the descriptor.

@@ -19,34 +19,37 @@ constexpr uint32_t FFU_INSTALL = 303;  // the driver's own
 constexpr unsigned R1_DATA_FLAGS = 0xB5;
 constexpr uint32_t R1_READY = 0x900; // ready for data, transfer state
 
-int Install(const std::string& directory) {
+int Install(const std::string& directory, Reply& reply) {
     // The bootloader's answer to an install without a download: nothing to install.
     if (access((directory + "/device/downloaded.bin").c_str(), F_OK) != 0) {
         return EINVAL;
     }
-    return WriteWholeFile(directory + "/device/pending", "", 0) ? 0 : EIO;
+    return Keep(directory + "/device/pending", "", 0, reply);
 }
 
-int SendExtCsd(const std::string& directory, const mmc_ioc_cmd& command) {
+int SendExtCsd(const std::string& directory, const mmc_ioc_cmd& command, Reply& reply) {
     std::string extCsd;
     if (command.write_flag != 0 || command.blocks != 1) {
         return EINVAL;
     }
-    if (!ReadWholeFile(directory + "/device/ext_csd.bin", extCsd) ||
-        extCsd.size() != EXT_CSD_SIZE) {
+    const std::string file = directory + "/device/ext_csd.bin";
+    if (!ReadWholeFile(file, extCsd)) {
+        reply.failure = file + ": " + strerror(errno);
+    }
+    if (extCsd.size() != EXT_CSD_SIZE) {
         return ETIMEDOUT;
     }
     memcpy(reinterpret_cast<void*>(command.data_ptr), extCsd.data(), EXT_CSD_SIZE);
     return 0;
 }
 
-int Download(const std::string& directory, const mmc_ioc_cmd& command) {
+int Download(const std::string& directory, const mmc_ioc_cmd& command, Reply& reply) {
     if (command.write_flag != 1 || command.blocks == 0) {
         return EINVAL;
     }
     const size_t size = size_t{command.blocks} * command.blksz;
     const void* data = reinterpret_cast<const void*>(command.data_ptr);
-    return WriteWholeFile(directory + "/device/downloaded.bin", data, size) ? 0 : EIO;
+    return Keep(directory + "/device/downloaded.bin", data, size, reply);
 }
 
 } // namespace
@@ -81,11 +84,11 @@ int AnswerMmc(const std::string& directory, bool gki, int openFlags, mmc_ioc_cmd
     }
     int status = EINVAL;
     if (command.opcode == SEND_EXT_CSD) {
-        status = SendExtCsd(directory, command);
+        status = SendExtCsd(directory, command, reply);
     } else if (command.opcode == FFU_DOWNLOAD && !gki) {
-        status = Download(directory, command);
+        status = Download(directory, command, reply);
     } else if (isInstall && !gki && command.write_flag == 0 && command.blocks == 0) {
-        status = Install(directory);
+        status = Install(directory, reply);
     }
     if (status == 0) {
         command.response[0] = R1_READY;
@@ -96,11 +99,11 @@ int AnswerMmc(const std::string& directory, bool gki, int openFlags, mmc_ioc_cmd
 
 int TakeGkiImage(const std::string& directory, const void* image, size_t count, size_t size,
                  Reply& reply) {
-    if (!WriteWholeFile(directory + "/device/downloaded.bin", image, count)) {
-        return EIO;
-    }
     const bool isWhole = count == size && size > 0;
-    const int status = isWhole ? Install(directory) : 0;
+    int status = Keep(directory + "/device/downloaded.bin", image, count, reply);
+    if (status == 0 && isWhole) {
+        status = Install(directory, reply);
+    }
     reply.taken = isWhole && status == 0 ? Taken::WHOLE : count > 0 ? Taken::PART : Taken::NOTHING;
     return status;
 }

@@ -1,7 +1,6 @@
 // The UFS side of the device: a SCSI logical unit that takes WRITE BUFFER through SG_IO.
 #include "simphone/device/device.h"
 
-#include "simphone/files.h"
 #include "simphone/text.h"
 
 #include <algorithm>
@@ -117,10 +116,12 @@ int AnswerScsi(const std::string& directory, const DeviceAnswer& answer, uint32_
     const bool isTaken = answer.kind == DeviceAnswer::Kind::ACCEPTED ||
                          (answer.IsSense() && answer.key <= RECOVERED_ERROR);
     if (isTaken && request.dxfer_len > 0 &&
-        (!WriteWholeFile(directory + "/device/downloaded.bin", request.dxferp, request.dxfer_len) ||
-         !WriteWholeFile(directory + "/device/pending", "", 0))) {
+        (Keep(directory + "/device/downloaded.bin", request.dxferp, request.dxfer_len, reply) !=
+             0 ||
+         Keep(directory + "/device/pending", "", 0, reply) != 0)) {
         return EIO;
     }
-    reply = {isTaken ? Taken::WHOLE : Taken::NOTHING, RespondAs(request, answer)};
+    reply.taken = isTaken ? Taken::WHOLE : Taken::NOTHING;
+    reply.text = RespondAs(request, answer);
     return 0;
 }

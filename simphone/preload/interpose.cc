@@ -77,11 +77,15 @@ std::string KeptPath(const char* path) {
     namespace fs = std::filesystem;
     const std::string host = HostPath(path), folder = session->directory + REMOVED_FOLDER;
     std::error_code status;
-    if (fs::path(path).parent_path() == "/data/vendor/fw" && fs::exists(host, status)) {
+    if (fs::path(path).parent_path() == "/data/vendor/fw" && fs::is_regular_file(host, status)) {
         const fs::path kept = folder + fs::path(path).filename().string();
-        fs::create_directory(folder, status);
-        fs::remove(kept, status);
-        fs::create_hard_link(host, kept, status);
+        if (fs::create_directory(folder, status); !status) {
+            fs::remove(kept, status);
+            fs::create_hard_link(host, kept, status);
+        }
+        if (status) {
+            EndUnkept(kept, status.value());
+        }
     }
     return host;
 }
@@ -211,7 +215,18 @@ ssize_t write(int fd, const void* data, size_t count) {
             const int error = TakeGkiImage(session->directory, data, count, asked, reply);
             return error != 0 ? Failing(error) : static_cast<ssize_t>(count);
         }
-        return Misaligned(fd, file, data, count) ? Failing(EINVAL) : next(fd, data, count);
+        if (Misaligned(fd, file, data, count)) {
+            return Failing(EINVAL);
+        }
+        size_t written = 0;
+        for (ssize_t piece = 1; piece > 0 && written < count;
+             written += static_cast<size_t>(piece)) {
+            piece = next(fd, static_cast<const char*>(data) + written, count - written);
+            if (piece < 0) {
+                return piece; // that fewer bytes had room is this machine's
+            }
+        }
+        return static_cast<ssize_t>(written);
     });
 }
 

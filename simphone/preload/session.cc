@@ -14,6 +14,7 @@
 #include <filesystem>
 #include <link.h>
 #include <memory>
+#include <new>
 #include <sstream>
 #include <unistd.h>
 
@@ -27,7 +28,7 @@ bool isCallUnderWay = false;
 int OpenJournal(const std::string& path) {
     const int flags = O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC;
     const int fd = open(path.c_str(), flags, 0644);
-    const int high = fcntl(fd, F_DUPFD_CLOEXEC, 900);
+    const int high = fd < 0 ? -1 : fcntl(fd, F_DUPFD_CLOEXEC, 900);
     if (high < 0) {
         return fd;
     }
@@ -35,13 +36,21 @@ int OpenJournal(const std::string& path) {
     return high;
 }
 
-// A run whose journal has holes would pass for a shorter one: it ends here.
 void Append(const std::string& line) {
-    const ssize_t count = write(session->journal, line.data(), line.size());
-    if (count != static_cast<ssize_t>(line.size())) {
-        fprintf(stderr, "simphone: a line of the journal could not be written\n");
-        _exit(EXIT_NO_PHONE);
+    ssize_t count = 0;
+    for (size_t at = 0; at < line.size(); at += static_cast<size_t>(count)) {
+        count = write(session->journal, line.data() + at, line.size() - at);
+        if (count < 0) {
+            EndUnkept(JOURNAL_FILE, errno);
+        }
     }
+}
+
+// Whether the error says what this machine has not; a device and a phone's file system are told by
+// faults.
+bool IsOfThisMachine(int error) {
+    const int errors[] = {ENOSPC, EDQUOT, EFBIG, EMFILE, ENFILE, ENOMEM, EAGAIN, EIO, EROFS};
+    return std::find(std::begin(errors), std::end(errors), error) != std::end(errors);
 }
 
 [[noreturn]] void EndPower() {
@@ -80,7 +89,9 @@ const Fault* MeetFault(const Call& call) {
 // What has been printed so far, the C library's buffer included; it is emptied on the way. 0 when
 // the tool has closed its standard output.
 long long ConsoleBytes() {
-    fflush(stdout);
+    if (fflush(stdout) != 0 && IsOfThisMachine(errno)) {
+        EndUnkept("the console", errno);
+    }
     return std::max<long long>(lseek(STDOUT_FILENO, 0, SEEK_CUR), 0);
 }
 
@@ -113,12 +124,37 @@ bool Prepare(const std::string& phone, const char* faults, Session& run, std::st
 
 __attribute__((constructor)) void AttachAtStart() {
     const char* directory = getenv("SIMPHONE");
-    if (directory != nullptr && simphone_attach(directory, getenv("SIMPHONE_FAULTS")) != 0) {
-        _exit(EXIT_NO_PHONE);
+    if (directory != nullptr) {
+        std::set_new_handler([] { EndUnkept("memory", ENOMEM); });
+        if (simphone_attach(directory, getenv("SIMPHONE_FAULTS")) != 0) {
+            _exit(EXIT_NO_PHONE);
+        }
+    }
+}
+
+// The tool has ended by itself; the C library has yet to write what it printed last.
+__attribute__((destructor)) void FlushAtEnd() {
+    if (session != nullptr) {
+        (void)ConsoleBytes();
     }
 }
 
 } // namespace
+
+void EndUnkept(const std::string& what, int error) {
+    dprintf(STDERR_FILENO, "simphone: %s: %s\n", what.c_str(), strerrordesc_np(error));
+    _exit(EXIT_NO_PHONE);
+}
+
+void EndIfUnkept(const Call& call, int error) {
+    if (call.reply != nullptr && !call.reply->failure.empty()) {
+        dprintf(STDERR_FILENO, "simphone: %s\n", call.reply->failure.c_str());
+        _exit(EXIT_NO_PHONE);
+    }
+    if (!call.request && IsOfThisMachine(error)) {
+        EndUnkept(call.function + " " + call.path, error);
+    }
+}
 
 bool IsOfTheTool(void* caller) {
     dl_find_object object;

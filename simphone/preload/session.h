@@ -64,6 +64,12 @@ inline std::string ResultText(const void* pointer) {
     return Text("%p", pointer);
 }
 
+// Ends a run that would pass for another one: this machine, and not the phone, could not do `what`.
+[[noreturn]] void EndUnkept(const std::string& what, int error);
+// The same if the call, which no fault has met, has failed for want of room, descriptors or memory
+// here. `error` is 0 unless it failed.
+void EndIfUnkept(const Call& call, int error);
+
 // Whether nothing is done, as the fault stands in for the call.
 bool Replaces(const Fault* fault);
 
@@ -86,6 +92,7 @@ Result Counted(Call call, Perform perform, Result failed = FAILED<Result>) {
         errno = 0;
         result = perform();
         error = errno;
+        EndIfUnkept(call, result == failed ? error : 0);
     }
     if (Replaces(fault)) {
         error = fault->effect == Effect::FAILS ? static_cast<int>(fault->value) : 0;

@@ -6,9 +6,16 @@
 
 #include <array>
 #include <cerrno>
+#include <csignal>
 #include <fcntl.h>
 #include <filesystem>
+#include <functional>
+#include <sched.h>
 #include <sys/file.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <sys/statvfs.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
@@ -21,6 +28,29 @@ protected:
             Put(STATE + "/" + name, content);
         }
         return TryRun(faults);
+    }
+};
+
+class ShortageTest : public PhoneTest {
+protected:
+    // Leaves these amounts, and then as much as ever, for runs of both technologies.
+    void ExpectAsEverOr(const Texts& reasons, const std::vector<rlim_t>& amounts,
+                        const std::function<void(rlim_t)>& leave);
+
+    // So many amounts from 0 on, ever further apart for a power of 2.
+    static std::vector<rlim_t> UpTo(rlim_t count, int power, rlim_t unit) {
+        std::vector<rlim_t> amounts;
+        for (rlim_t i = 0; i < count; i++) {
+            amounts.push_back((power == 2 ? i * i : i) * unit);
+        }
+        return amounts;
+    }
+
+    static void Limit(decltype(RLIMIT_NOFILE) what, rlim_t most) {
+        rlimit limit = {};
+        ASSERT_EQ(getrlimit(what, &limit), 0);
+        limit.rlim_cur = std::min(most, limit.rlim_max);
+        ASSERT_EQ(setrlimit(what, &limit), 0);
     }
 };
 
@@ -251,9 +281,12 @@ TEST_F(SimphoneTest, RunThatCannotBeKeptIsAnError) {
         std::string log, target; // a symbolic link in the phone's directory
         std::string error;
     } rows[] = {
-        {"/journal.log", "/dev/full", "the run could not be kept"},
-        {"/journal.log", "/", "journal.log: Is a directory"},
+        {"/console.log", "/dev/full", "console.log: No space left on device"},
+        {"/console.log", "/", "console.log: Is a directory"},
         {"/errors.log", "/nowhere/file", "errors.log: No such file or directory"},
+        {"/device/downloaded.bin", "/dev/full", "downloaded.bin: No space left on device"},
+        {"/device/pending", "/", "pending: Is a directory"},
+        {"/removed", "/dev/null", "removed/ffu.bgn: Not a directory"},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.log + row.target);
@@ -268,6 +301,90 @@ TEST_F(SimphoneTest, RunThatCannotBeKeptIsAnError) {
     EXPECT_EQ(Left(), "");
     close(other);
     EXPECT_EQ(TryRun().error, "");
+}
+
+// With less and less of something of this machine, a run is as it always is, or it is an error that
+// says what was missing; never another course of the phone.
+void ShortageTest::ExpectAsEverOr(const Texts& reasons, const std::vector<rlim_t>& amounts,
+                                  const std::function<void(rlim_t)>& leave) {
+    for (const bool isUfs : {false, true}) {
+        const std::string body = Body(20000);
+        const auto make = [&] {
+            isUfs ? Make(UfsPhone(), {{UFS_PACKAGE, UfsEntry(UFS_NEW_REV, body)}})
+                  : Make(NormalPhone(), {{EMMC_PACKAGE, EmmcEntry(EMMC_NEW_REV, body)}});
+        };
+        make();
+        leave(RLIM_INFINITY);
+        const RunResult whole = RunAnyhow({});
+        const Files left = State();
+        size_t refused = 0;
+        for (const rlim_t amount : amounts) {
+            SCOPED_TRACE(reasons[0] + " " + std::to_string(amount));
+            make();
+            leave(amount);
+            const RunResult run = TryRun();
+            leave(RLIM_INFINITY);
+            if (run.error.empty()) {
+                EXPECT_EQ(Console(run), Console(whole));
+                EXPECT_EQ(Steps(run) + Requests(run), Steps(whole) + Requests(whole));
+                EXPECT_EQ(State(), left);
+                continue;
+            }
+            refused++;
+            EXPECT_TRUE(std::any_of(reasons.begin(), reasons.end(), [&](const std::string& reason) {
+                return run.error.find(reason) != std::string::npos;
+            })) << run.error;
+        }
+        EXPECT_GT(refused, 0U);
+        EXPECT_LT(refused, amounts.size()); // the last ones had enough
+    }
+}
+
+TEST_F(ShortageTest, FilesStayOpenable) {
+    ExpectAsEverOr({"Too many open files"}, UpTo(24, 1, 1),
+                   [](rlim_t most) { Limit(RLIMIT_NOFILE, most); });
+}
+
+TEST_F(ShortageTest, FilesMayNotGrow) {
+    signal(SIGXFSZ, SIG_IGN); // it is the tool that it must end
+    ExpectAsEverOr({"File too large", "File size limit exceeded"}, UpTo(34, 2, 1000),
+                   [](rlim_t most) { Limit(RLIMIT_FSIZE, most); });
+    signal(SIGXFSZ, SIG_DFL);
+}
+
+TEST_F(ShortageTest, DiskIsFull) {
+    const std::string disk = std::filesystem::path(directory).parent_path();
+    const pid_t child = fork();
+    if (child == 0) { // in namespaces of its own, where a user may mount
+        const std::string users = "0 " + std::to_string(getuid()) + " 1";
+        const std::string groups = "0 " + std::to_string(getgid()) + " 1";
+        if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0 ||
+            !WriteWholeFile("/proc/self/uid_map", users.data(), users.size()) ||
+            !WriteWholeFile("/proc/self/setgroups", "deny", 4) ||
+            !WriteWholeFile("/proc/self/gid_map", groups.data(), groups.size()) ||
+            mount("none", disk.c_str(), "tmpfs", 0, "size=64m") != 0) {
+            _exit(77);
+        }
+        for (const std::string size : {"size", "nr_inodes"}) {
+            ExpectAsEverOr({"No space left on device"}, UpTo(18, 2, 1), [&](rlim_t more) {
+                struct statvfs room = {};
+                ASSERT_EQ(statvfs(disk.c_str(), &room), 0);
+                const rlim_t used =
+                    size == "size" ? room.f_blocks - room.f_bfree : room.f_files - room.f_ffree;
+                const rlim_t all = more == RLIM_INFINITY ? 1000 : used + more;
+                const rlim_t units = all * (size == "size" ? room.f_bsize : 1);
+                const std::string option = size + "=" + std::to_string(units);
+                ASSERT_EQ(mount("none", disk.c_str(), "tmpfs", MS_REMOUNT, option.c_str()), 0);
+            });
+        }
+        _exit(HasFailure() ? 1 : 0);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    if (WIFEXITED(status) && WEXITSTATUS(status) == 77) {
+        GTEST_SKIP() << "no small disk: user namespaces are not allowed here";
+    }
+    EXPECT_EQ(status, 0);
 }
 
 // Whatever a call names stands in its line of the journal, and no line reads as another one.
