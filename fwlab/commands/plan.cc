@@ -55,9 +55,11 @@ Verdict VerdictOf(const Line& line) {
 bool IsDecided(const Line& line) {
     const Case& first = line.cases.front();
     const Reason& reason = first.decision.reason;
-    return std::all_of(line.cases.begin() + 1, line.cases.end(), [&](const Case& other) {
-        return VerdictOf(line) == first.decision.verdict && Received(other) == Received(first) &&
-               other.decision.reason.kind == reason.kind && reason.field == nullptr;
+    return std::all_of(line.cases.begin() + 1, line.cases.end(), [&](const Case& one) {
+        const Reason& other = one.decision.reason;
+        return one.decision.verdict == first.decision.verdict && Received(one) == Received(first) &&
+               other.kind == reason.kind && other.entry == reason.entry &&
+               other.other == reason.other && other.limit == reason.limit && other.field == nullptr;
     });
 }
 
@@ -151,7 +153,7 @@ void AddUnusedEntries(const std::vector<Package>& packages, Report& report) {
     }
     for (const Package& package : packages) {
         for (const Entry& entry : package.entries) {
-            if (used.count(&entry) == 0 && OuterEntry(package, entry) == nullptr) {
+            if (used.count(&entry) == 0 && entry.outer == 0) {
                 report.findings.push_back(
                     fmt::format("{} of {}, {} for {}: no phone of the fleet gets it", Title(entry),
                                 Quoted(package.path), Quoted(RevisionOf(entry.identity)),

@@ -202,7 +202,7 @@ Step UpdateUfs(const Package& package, const Device& device, const Entry& seen) 
 
 // Whether the entry describes exactly this device, under the product name that the update uses, and
 // may be applied from the running revision. The update itself does not check that.
-bool IsFor(const Package& package, const Entry& entry, const Identity& device) {
+bool IsFor(const Entry& entry, const Identity& device) {
     const Layout& layout = *device.layout;
     const auto same = [&](const Field& field) {
         return Get(entry.identity, field) == Get(device, field);
@@ -211,8 +211,7 @@ bool IsFor(const Package& package, const Entry& entry, const Identity& device) {
     const bool isNamed = name == NameOf(device) ? same(layout.name)
                                                 : Trimmed(NameOf(entry.identity)) == Trimmed(name);
     const std::string baseRevs = Get(entry.identity, layout.baseRevs);
-    return isNamed && same(layout.manufacturer) && same(layout.extCsdRev) &&
-           OuterEntry(package, entry) == nullptr &&
+    return isNamed && same(layout.manufacturer) && same(layout.extCsdRev) && entry.outer == 0 &&
            CheckBaseRev(InfoOf(device), reinterpret_cast<const uint8_t*>(baseRevs.data()));
 }
 
@@ -267,9 +266,9 @@ Step CheckRecord(const Record& record, const std::string& target) {
 void JudgeUpdate(const Package& package, Decision& decision) {
     const Entry *seen = decision.PreCheck(), *sent = decision.sent;
     const Entry* outer = OuterEntry(package, *seen);
-    const bool isRight = sent == nullptr || (sent == seen && outer == nullptr) ||
-                         (IsFor(package, *sent, decision.device) &&
-                          RevisionOf(sent->identity) == RevisionOf(seen->identity));
+    const bool isRight =
+        sent == nullptr || (sent == seen && outer == nullptr) ||
+        (IsFor(*sent, decision.device) && RevisionOf(sent->identity) == RevisionOf(seen->identity));
     const DeviceInfo info = InfoOf(decision.device);
     if (!isRight) {
         decision.verdict = Verdict::WRONG_IMAGE;
