@@ -271,17 +271,10 @@ int Run(int argc, char** argv) {
     app.footer("Exit status: 0 fine, 1 the answer is no or there are findings, 2 wrong usage or "
                "input that cannot be read.");
     Arguments args = {};
-    AddPack(app, args);
-    AddList(app, args);
-    AddDiff(app, args);
-    AddUnpack(app, args);
-    AddVerify(app, args);
-    AddMatch(app, args);
-    AddRehearse(app, args);
-    AddPlan(app, args);
-    AddSweep(app, args);
-    AddOutcome(app, args);
-    AddCapture(app, args);
+    for (const auto add : {AddPack, AddList, AddDiff, AddUnpack, AddVerify, AddMatch, AddRehearse,
+                           AddPlan, AddSweep, AddOutcome, AddCapture}) {
+        add(app, args);
+    }
     try {
         RequireCommand(app, argc < 2 ? "-" : argv[1]);
         app.parse(argc, argv);

@@ -35,7 +35,7 @@ void CheckOutput(const std::string& path) {
     }
 }
 
-void WriteOutput(const std::string& path, const std::string& bytes) {
+void WriteOutput(const std::string& path, std::string_view bytes) {
     CheckOutput(path);
     std::string temporary = path + ".XXXXXX";
     const int fd = mkostemp(temporary.data(), O_CLOEXEC);

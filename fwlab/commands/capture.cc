@@ -1,7 +1,7 @@
 // Describes a real phone by the nodes that were pulled from it, for match, plan and rehearse.
 #include "fwlab/base/json.h"
 #include "fwlab/base/output.h"
-#include "fwlab/base/toml_text.h"
+#include "fwlab/base/toml.h"
 #include "fwlab/commands/commands.h"
 #include "fwlab/phone/device.h"
 #include "simphone/files.h"

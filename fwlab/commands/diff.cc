@@ -1,9 +1,7 @@
 // Compares two packages: by their entries, and by what devices get from them.
 #include "fwlab/base/json.h"
 #include "fwlab/commands/commands.h"
-#include "fwlab/package/difference.h"
 #include "fwlab/package/digest.h"
-#include "fwlab/package/spans.h"
 #include "fwlab/phone/decision.h"
 #include "simphone/text.h"
 
@@ -19,8 +17,7 @@ using Entries = std::vector<const Entry*>;
 // The own entries of one package that the other one does not have, byte by byte.
 Entries OnlyIn(const Package& package, const Package& other) {
     const auto bytes = [](const Package& in, const Entry& entry) {
-        const auto* first = reinterpret_cast<const char*>(in.bytes.get() + entry.offset);
-        return std::string_view(first, entry.body - entry.offset + entry.bodySize);
+        return BytesOf(in).substr(entry.offset, entry.body - entry.offset + entry.bodySize);
     };
     std::set<std::string_view> others;
     for (const Entry* entry : OwnEntries(other)) {
@@ -33,11 +30,10 @@ Entries OnlyIn(const Package& package, const Package& other) {
     return only;
 }
 
-bool IsSameDevice(const Identity& one, const Identity& other) {
-    const Layout& layout = *one.layout;
-    const Field fields[] = {layout.manufacturer, layout.name, layout.extCsdRev};
-    return std::all_of(std::begin(fields), std::end(fields),
-                       [&](const Field& field) { return Get(one, field) == Get(other, field); });
+// The fields by which an update selects its entry.
+std::string SelectorOf(const Identity& identity) {
+    return Get(identity, identity.layout->manufacturer) + NameOf(identity) +
+           Get(identity, identity.layout->extCsdRev);
 }
 
 // What phones do not get, as their revision does not change.
@@ -45,13 +41,12 @@ Texts NotesOf(const Entries& removed, const Entries& added) {
     Texts notes;
     for (const Entry* before : removed) {
         for (const Entry* after : added) {
-            const Field& revision = after->identity.layout->revision;
-            const std::string own = Get(after->identity, revision);
-            if (IsSameDevice(before->identity, after->identity) &&
-                own == Get(before->identity, revision)) {
+            const std::string revision = RevisionOf(after->identity);
+            if (SelectorOf(before->identity) == SelectorOf(after->identity) &&
+                revision == RevisionOf(before->identity)) {
                 notes.push_back(fmt::format("another entry under the same revision: phones that "
                                             "run or attempted {} do not get it",
-                                            Quoted(own)));
+                                            Quoted(revision)));
             }
         }
     }
@@ -71,7 +66,7 @@ std::vector<Model> ModelsOf(const Package& before, const Package& after) {
         for (const Entry* entry : OwnEntries(*package)) {
             const Identity& identity = entry->identity;
             auto model = std::find_if(models.begin(), models.end(), [&](const Model& known) {
-                return IsSameDevice(known.identity, identity);
+                return SelectorOf(known.identity) == SelectorOf(identity);
             });
             if (model == models.end()) {
                 model = models.insert(model, {identity, {}, false});
@@ -80,7 +75,7 @@ std::vector<Model> ModelsOf(const Package& before, const Package& after) {
             for (const std::string& revision : base.value_or(Texts())) {
                 model->revisions.insert(revision);
             }
-            model->revisions.insert(Get(identity, identity.layout->revision));
+            model->revisions.insert(RevisionOf(identity));
             model->isAnyAdmitted = model->isAnyAdmitted || !base;
         }
     }
@@ -97,21 +92,30 @@ std::string OtherRevision(const Model& model) {
     return other;
 }
 
-// What a device gets from both packages.
-struct Row {
-    std::string device; // with its revision and mode, for people
-    Decision before, after;
-    bool isSame; // it ends with the same firmware and the same record
+// What a device gets from one package.
+struct Receipt {
+    Decision decision;
+    std::string_view body; // as far as the device gets it
 };
 
-bool IsSameEnd(const Package& one, const Decision& was, const Package& other, const Decision& is) {
-    const auto sent = [](const Package& package, const Decision& decision) {
-        const uint8_t* first =
-            package.bytes.get() + (decision.sent == nullptr ? 0 : decision.sent->body);
-        return std::string_view(reinterpret_cast<const char*>(first), decision.sentSize);
-    };
+Receipt ReceiptOf(const Package& package, const Device& device) {
+    const Decision decision = Decide(package, device);
+    return {decision, decision.sent == nullptr
+                          ? std::string_view()
+                          : BodyOf(package, *decision.sent).substr(0, decision.sentSize)};
+}
+
+// What it gets from both packages.
+struct Row {
+    std::string device; // with its revision and mode, for people
+    Receipt before, after;
+};
+
+// Whether it ends with the same firmware and the same record.
+bool IsSame(const Row& row) {
+    const Decision &was = row.before.decision, &is = row.after.decision;
     return was.verdict == is.verdict && was.recorded == is.recorded &&
-           sent(one, was) == sent(other, is);
+           row.before.body == row.after.body;
 }
 
 std::vector<Row> RowsOf(const Package& one, const Package& other) {
@@ -124,9 +128,8 @@ std::vector<Row> RowsOf(const Package& one, const Package& other) {
             Device device = {model.identity, gki, 0};
             Set(device.identity, model.identity.layout->revision, revision);
             const char* mode = !hasModes ? "" : gki ? " in GKI mode" : " in normal mode";
-            const Decision was = Decide(one, device), is = Decide(other, device);
-            rows.push_back({fmt::format("{} runs {}{}", Title(device.identity), runs, mode), was,
-                            is, IsSameEnd(one, was, other, is)});
+            rows.push_back({fmt::format("{} runs {}{}", Title(device.identity), runs, mode),
+                            ReceiptOf(one, device), ReceiptOf(other, device)});
         }
     };
     for (const Model& model : ModelsOf(one, other)) {
@@ -144,44 +147,37 @@ std::vector<Row> RowsOf(const Package& one, const Package& other) {
 Json Describe(const Package& package, const Entries& entries) {
     Json list = Json::array();
     for (const Entry* entry : entries) {
-        Json shown = {{"number", entry->number}, {"offset", entry->offset}};
-        shown.update(Describe(entry->identity));
-        shown["body_size"] = entry->bodySize;
-        shown["sha256"] = Sha256(package, entry->body, entry->bodySize);
-        list.push_back(shown);
+        list.push_back(Describe(package, *entry));
+        list.back().erase("body_offset");
     }
     return list;
 }
 
 Json Describe(const Package& package) {
     Json others = Json::array();
-    for (const Span& span : Uncovered(package)) {
-        others.push_back({{"offset", span.offset},
-                          {"size", span.size},
-                          {"sha256", Sha256(package, span.offset, span.size)}});
+    for (const auto& [offset, bytes] : Uncovered(package)) {
+        others.push_back({{"offset", offset}, {"size", bytes.size()}, {"sha256", Sha256(bytes)}});
     }
     return {{"package", Escaped(package.path)},
             {"size", package.size},
-            {"sha256", Sha256(package, 0, package.size)},
+            {"sha256", Sha256(BytesOf(package))},
             {"entries", OwnEntries(package).size()},
             {"bytes_of_no_entry", others}};
 }
 
-// What the device gets.
-Json Describe(const Package& package, const Decision& decision) {
-    Json shown = Describe(decision);
+Json Describe(const Receipt& receipt) {
+    Json shown = Describe(receipt.decision);
     shown.erase("steps");
-    shown["sha256"] = decision.sent == nullptr
-                          ? Json()
-                          : Json(Sha256(package, decision.sent->body, decision.sentSize));
+    shown["sha256"] = receipt.decision.sent == nullptr ? Json() : Json(Sha256(receipt.body));
     return shown;
 }
 
-std::string AnswerOf(const Package& package, const Decision& decision) {
+std::string AnswerOf(const Receipt& receipt) {
+    const Decision& decision = receipt.decision;
     return decision.verdict == Verdict::UPDATED
                ? fmt::format("gets {}, {} bytes of entry {}, sha256 {}...",
-                             Quoted(*decision.recorded), decision.sentSize, decision.sent->number,
-                             Sha256(package, decision.sent->body, decision.sentSize).substr(0, 12))
+                             Quoted(*decision.recorded), receipt.body.size(), decision.sent->number,
+                             Sha256(receipt.body).substr(0, 12))
                : InWords(decision.verdict, WhyOf(decision));
 }
 
@@ -204,7 +200,7 @@ int Diff(const std::string& oldFile, const std::string& newFile, bool asJson) {
     }
     const Entries removed = OnlyIn(before, after), added = OnlyIn(after, before);
     const std::vector<Row> rows = RowsOf(before, after);
-    const bool isSame = !FirstDifference(before, after);
+    const bool isSame = BytesOf(before) == BytesOf(after);
     Json report = {{"old", Describe(before)},
                    {"new", Describe(after)},
                    {"same", isSame},
@@ -214,9 +210,9 @@ int Diff(const std::string& oldFile, const std::string& newFile, bool asJson) {
                    {"devices", Json::array()}};
     for (const Row& row : rows) {
         report["devices"].push_back({{"device", row.device},
-                                     {"same", row.isSame},
-                                     {"old", Describe(before, row.before)},
-                                     {"new", Describe(after, row.after)}});
+                                     {"same", IsSame(row)},
+                                     {"old", Describe(row.before)},
+                                     {"new", Describe(row.after)}});
     }
     Show(asJson, report, [&] {
         PrintEntries("removed", report["removed"]);
@@ -224,13 +220,13 @@ int Diff(const std::string& oldFile, const std::string& newFile, bool asJson) {
         for (const std::string& note : NotesOf(removed, added)) {
             fmt::print("NOTE: {}\n", note);
         }
-        if (report["old"]["bytes_of_no_entry"] != report["new"]["bytes_of_no_entry"]) {
+        if (Uncovered(before) != Uncovered(after)) {
             fmt::print("The bytes that belong to no entry differ: `fwlab list` shows them.\n");
         }
         for (const Row& row : rows) {
             fmt::print("{}{}:\n    old: {}\n    new: {}\n",
-                       row.isSame ? "" : "CHANGES: ", row.device, AnswerOf(before, row.before),
-                       AnswerOf(after, row.after));
+                       IsSame(row) ? "" : "CHANGES: ", row.device, AnswerOf(row.before),
+                       AnswerOf(row.after));
         }
         fmt::print("{}\n", isSame ? "The packages are the same." : "The packages differ.");
     });

@@ -9,10 +9,6 @@
 
 namespace {
 
-std::string RevisionOf(const Identity& identity) {
-    return Get(identity, identity.layout->revision);
-}
-
 void Print(const Step& step, const Identity& device) {
     const std::string reason = Sentence(step.reason, device);
     const std::string taken =

@@ -16,14 +16,15 @@ int Pack(const std::string& manifestFile, const std::string& output, bool withLa
     for (const std::string& input : built.inputs) {
         RequireOther(output, input);
     }
-    WriteOutput(output, *built.bytes);
+    const std::string_view bytes = BytesOf(built.package);
+    const size_t entries = OwnEntries(built.package).size();
+    WriteOutput(output, bytes);
     const Json report = {{"package", Escaped(output)},
-                         {"size", built.bytes->size()},
-                         {"entries", built.entries.size()},
-                         {"sha256", Sha256(*built.bytes)}};
+                         {"size", bytes.size()},
+                         {"entries", entries},
+                         {"sha256", Sha256(bytes)}};
     Show(asJson, report, [&] {
-        fmt::print("{}: {} bytes, entries: {}\n", Escaped(output), built.bytes->size(),
-                   built.entries.size());
+        fmt::print("{}: {} bytes, entries: {}\n", Escaped(output), bytes.size(), entries);
     });
     return 0;
 }

@@ -3,7 +3,6 @@
 #include "fwlab/base/progress.h"
 #include "fwlab/base/table.h"
 #include "fwlab/commands/commands.h"
-#include "fwlab/package/spans.h"
 #include "fwlab/phone/decision.h"
 #include "fwlab/phone/fleet.h"
 #include "fwlab/phone/state_directory.h"
@@ -17,12 +16,11 @@
 
 namespace {
 
-// A model that a phone may be of, a revision that it may run, and what it gets then.
+// A model that a phone may be of, with a revision that it may run, and what it gets then.
 struct Case {
     const Model* model;
-    std::string revision;
     const Package* package; // null: there is none for it
-    Decision decision;
+    Decision decision;      // for the model's device with that revision
 };
 
 // Phones of which the same is known.
@@ -52,10 +50,17 @@ Verdict VerdictOf(const Line& line) {
     return isOne ? first : Verdict::UNKNOWN;
 }
 
-// Whether they get the very same in each case.
+// Whether one answer with one reason holds in each case. A field that differs from the device's is
+// a reason of its own for each model.
 bool IsDecided(const Line& line) {
-    return std::all_of(line.cases.begin(), line.cases.end(),
-                       [&](const Case& other) { return Gets(other) == Gets(line.cases.front()); });
+    const Case& first = line.cases.front();
+    const Reason& reason = first.decision.reason;
+    return std::all_of(line.cases.begin() + 1, line.cases.end(), [&](const Case& one) {
+        const Reason& other = one.decision.reason;
+        return one.decision.verdict == first.decision.verdict && Received(one) == Received(first) &&
+               other.kind == reason.kind && other.entry == reason.entry &&
+               other.other == reason.other && other.limit == reason.limit && other.field == nullptr;
+    });
 }
 
 std::string Gets(const Line& line) {
@@ -76,17 +81,6 @@ struct Attempted {
 // By what decides: whether the outcome is open; product; base, if it is open; target.
 using Attempts = std::map<std::tuple<bool, std::string, std::string, std::string>, Attempted>;
 
-// Phones of a row of the fleet's file that no state directory is of.
-struct Row {
-    const Model* model;
-    const Running* running;
-    uint64_t phones;
-};
-
-bool IsOf(const Row& row, const Case& one) {
-    return row.model == one.model && row.running->revision == one.revision;
-}
-
 Case MakeCase(const std::vector<Package>& packages, const Model& model, const std::string& revision,
               const Record* record) {
     const Layout& layout = *model.device.identity.layout;
@@ -94,9 +88,8 @@ Case MakeCase(const std::vector<Package>& packages, const Model& model, const st
     Set(device.identity, layout.revision, revision);
     const auto package = std::find_if(packages.begin(), packages.end(),
                                       [&](const Package& one) { return one.layout == &layout; });
-    return package == packages.end()
-               ? Case{&model, revision, nullptr, DecideWithoutPackage(device)}
-               : Case{&model, revision, &*package, Decide(*package, device, record)};
+    return package == packages.end() ? Case{&model, nullptr, DecideWithoutPackage(device)}
+                                     : Case{&model, &*package, Decide(*package, device, record)};
 }
 
 // A phone whose last attempt passed runs its target. Another one runs its base or its target.
@@ -106,7 +99,7 @@ std::vector<Case> CasesOf(const std::vector<Package>& packages, const std::vecto
     const Record& record = attempted.record;
     for (const Model& model : models) {
         const Identity& identity = model.device.identity;
-        if (UpToZero(Get(identity, identity.layout->name)) != record.product) {
+        if (UpToZero(NameOf(identity)) != record.product) {
             continue;
         }
         Texts texts = {record.target};
@@ -124,14 +117,17 @@ std::vector<Case> CasesOf(const std::vector<Package>& packages, const std::vecto
     return cases;
 }
 
-// Takes the phones out of the rows that count them, those of the first case first. Returns how many
-// there were.
-uint64_t TakePhones(std::vector<Row>& rows, const std::vector<Case>& cases, uint64_t phones) {
+// Takes phones out of the fleet's lines that count them, those of the first case first. Returns how
+// many there were.
+uint64_t TakePhones(std::vector<Line>& fleet, const std::vector<Case>& cases, uint64_t phones) {
     uint64_t taken = 0;
     for (const Case& one : cases) {
-        for (Row& row : rows) {
-            const uint64_t more = IsOf(row, one) ? std::min(row.phones, phones - taken) : 0;
-            row.phones -= more;
+        for (Line& line : fleet) {
+            const Case& counted = line.cases.front();
+            const bool isIt = counted.model == one.model && RevisionOf(counted.decision.device) ==
+                                                                RevisionOf(one.decision.device);
+            const uint64_t more = isIt ? std::min(line.phones, phones - taken) : 0;
+            line.phones -= more;
             taken += more;
         }
     }
@@ -147,26 +143,24 @@ struct Report {
     bool isReleasable;
 };
 
-// The entries that no phone of the fleet gets. A magic inside an image is no entry.
-Texts UnusedEntries(const std::vector<Package>& packages, const std::vector<Line>& lines) {
+// Each entry that no phone of the fleet gets is a finding. A magic inside an image is no entry.
+void AddUnusedEntries(const std::vector<Package>& packages, Report& report) {
     std::set<const Entry*> used;
-    for (const Line& line : lines) {
+    for (const Line& line : report.lines) {
         for (const Case& one : line.cases) {
             used.insert(Received(one));
         }
     }
-    Texts unused;
     for (const Package& package : packages) {
         for (const Entry& entry : package.entries) {
-            if (used.count(&entry) == 0 && OuterEntry(package, entry) == nullptr) {
-                unused.push_back(fmt::format("{} of {}, {} for {}: no phone of the fleet gets it",
-                                             Title(entry), Quoted(package.path),
-                                             Quoted(Get(entry.identity, package.layout->revision)),
-                                             Quoted(Get(entry.identity, package.layout->name))));
+            if (used.count(&entry) == 0 && entry.outer == 0) {
+                report.findings.push_back(
+                    fmt::format("{} of {}, {} for {}: no phone of the fleet gets it", Title(entry),
+                                Quoted(package.path), Quoted(RevisionOf(entry.identity)),
+                                Quoted(NameOf(entry.identity))));
             }
         }
     }
-    return unused;
 }
 
 // The attempts of the phones that have made one; a record that no run can read back is a finding.
@@ -224,44 +218,41 @@ std::vector<Package> ReadPackages(const Texts& paths) {
 Report MakeReport(const std::vector<Package>& packages, const std::vector<Model>& models,
                   const std::string& recordsFolder) {
     Report report = {};
-    std::vector<Row> rows;
+    std::vector<Line> fleet;
     for (const Model& model : models) {
         for (const Running& running : model.running) {
-            rows.push_back({&model, &running, running.phones});
+            fleet.push_back(
+                {running.phones, {MakeCase(packages, model, running.revision, nullptr)}});
         }
     }
     const Attempts attempts =
         recordsFolder.empty() ? Attempts() : ReadAttempts(recordsFolder, report.findings);
-    std::vector<Line> lines;
+    std::vector<Line> tried;
     for (const auto& [key, attempt] : attempts) { // those that passed come first
-        lines.push_back({0, CasesOf(packages, models, attempt)});
-        lines.back().phones = TakePhones(rows, lines.back().cases, attempt.phones);
-        report.otherRecords += attempt.phones - lines.back().phones;
+        tried.push_back({0, CasesOf(packages, models, attempt)});
+        tried.back().phones = TakePhones(fleet, tried.back().cases, attempt.phones);
+        report.otherRecords += attempt.phones - tried.back().phones;
     }
-    for (const Row& row : rows) {
-        report.lines.push_back(
-            {row.phones, {MakeCase(packages, *row.model, row.running->revision, nullptr)}});
+    fleet.insert(fleet.end(), tried.begin(), tried.end());
+    report.isReleasable = true;
+    for (const Line& line : fleet) {
+        if (line.phones > 0) {
+            report.lines.push_back(line);
+            report.totals[VerdictOf(line)] += line.phones;
+            report.isReleasable = report.isReleasable && IsCalm(VerdictOf(line));
+        }
     }
-    report.lines.insert(report.lines.end(), lines.begin(), lines.end());
-    report.lines.erase(std::remove_if(report.lines.begin(), report.lines.end(),
-                                      [](const Line& line) { return line.phones == 0; }),
-                       report.lines.end());
-    const Texts unused = UnusedEntries(packages, report.lines);
-    report.findings.insert(report.findings.end(), unused.begin(), unused.end());
-    report.isReleasable = report.findings.empty();
-    for (const Line& line : report.lines) {
-        report.totals[VerdictOf(line)] += line.phones;
-        report.isReleasable = report.isReleasable && IsCalm(VerdictOf(line));
-    }
+    AddUnusedEntries(packages, report);
+    report.isReleasable = report.isReleasable && report.findings.empty();
     return report;
 }
 
 Json Describe(const Case& one) {
-    const Identity& identity = one.model->device.identity;
+    const Identity& identity = one.decision.device;
     const Entry* entry = Received(one);
-    return {{"product_name", Escaped(Get(identity, identity.layout->name))},
+    return {{"product_name", Escaped(NameOf(identity))},
             {"manufacturer", Escaped(Get(identity, identity.layout->manufacturer))},
-            {"revision", Escaped(one.revision)},
+            {"revision", Escaped(RevisionOf(one.decision.device))},
             {"answer", WordOf(one.decision.verdict)},
             {"gets", Gets(one)},
             {"package", one.package == nullptr ? Json() : Json(Escaped(one.package->path))},
@@ -296,9 +287,8 @@ Texts Details(const Line& line) {
     Texts details;
     if (!IsDecided(line)) {
         for (const Case& one : line.cases) {
-            details.push_back(fmt::format("if it is {} and runs {}: {}",
-                                          Title(one.model->device.identity), Quoted(one.revision),
-                                          Gets(one)));
+            details.push_back(fmt::format("if it is {} and runs {}: {}", Title(one.decision.device),
+                                          Quoted(RevisionOf(one.decision.device)), Gets(one)));
         }
     } else if (const Entry* entry = Received(line.cases.front()); entry != nullptr) {
         for (const std::string& note : NotesOf(*entry)) {
@@ -313,8 +303,8 @@ void Print(const std::vector<Line>& lines) {
     for (const Line& line : lines) {
         std::set<std::string> models, revisions;
         for (const Case& one : line.cases) {
-            models.insert(Title(one.model->device.identity));
-            revisions.insert(Quoted(one.revision));
+            models.insert(Title(one.decision.device));
+            revisions.insert(Quoted(RevisionOf(one.decision.device)));
         }
         rows.push_back({fmt::format("{}", fmt::join(models, " or ")),
                         fmt::format("{}", fmt::join(revisions, " or ")),

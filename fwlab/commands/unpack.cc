@@ -4,7 +4,6 @@
 #include "fwlab/commands/commands.h"
 #include "fwlab/package/difference.h"
 #include "fwlab/package/manifest.h"
-#include "fwlab/package/spans.h"
 #include "fwlab/phone/decision.h"
 #include "simphone/text.h"
 
@@ -37,9 +36,7 @@ int Unpack(const std::string& packageFile, const std::string& folder, bool asJso
     }
     std::vector<ManifestEntry> parts;
     for (const Entry* entry : entries) {
-        const uint8_t* body = package.bytes.get() + entry->body;
-        parts.push_back({entry->identity,
-                         {body, body + entry->bodySize},
+        parts.push_back({entry->identity, std::string(BodyOf(package, *entry)),
                          fmt::format("image-{}.bin", parts.size() + 1)});
     }
     MakeFolder(folder, [&](const std::string& made) {

@@ -3,12 +3,9 @@
 #include "fwlab/base/stop.h"
 #include "fwlab/package/manifest.h"
 
-#include <algorithm>
-
 Built BuildPackage(const std::string& manifestFile) {
     const auto bytes = std::make_shared<std::string>();
-    Built built = {bytes, {}, {}, {manifestFile}};
-    std::vector<size_t> offsets;
+    Built built = {{}, {manifestFile}};
     const Layout* layout = nullptr;
     for (ManifestEntry& entry : ReadManifest(manifestFile)) {
         built.inputs.push_back(entry.imageFile);
@@ -18,7 +15,6 @@ Built BuildPackage(const std::string& manifestFile) {
             size += static_cast<char>(entry.image.size() >> shift);
         }
         Set(entry.identity, layout->bodySize, size);
-        offsets.push_back(bytes->size());
         *bytes += entry.identity.header + entry.image;
         if (bytes->size() > PACKAGE_SIZE_MAX) {
             throw Stop{1, manifestFile + ": the package is 2 GiB or larger: phones refuse it"};
@@ -26,9 +22,5 @@ Built BuildPackage(const std::string& manifestFile) {
     }
     const PackageBytes owned(bytes, reinterpret_cast<const uint8_t*>(bytes->data()));
     built.package = LookInto(manifestFile, owned, bytes->size(), *layout);
-    for (const Entry& entry : built.package.entries) { // others are a magic inside an image
-        const bool isOwn = std::count(offsets.begin(), offsets.end(), entry.offset) > 0;
-        built.entries.insert(built.entries.end(), isOwn ? 1 : 0, &entry);
-    }
     return built;
 }

@@ -1,6 +1,5 @@
 #include "fwlab/package/difference.h"
 
-#include "fwlab/package/spans.h"
 #include "simphone/text.h"
 
 #include <algorithm>
@@ -23,16 +22,16 @@ const Field* FieldAt(const Entry& entry, size_t offset) {
 } // namespace
 
 std::optional<Difference> FirstDifference(const Package& first, const Package& second) {
-    const uint8_t *one = first.bytes.get(), *other = second.bytes.get();
-    const size_t size = std::min(first.size, second.size);
-    const auto offset = static_cast<size_t>(std::mismatch(one, one + size, other).first - one);
-    if (offset == size && first.size == second.size) {
+    const std::string_view one = BytesOf(first), other = BytesOf(second);
+    const size_t size = std::min(one.size(), other.size());
+    const auto offset = static_cast<size_t>(
+        std::mismatch(one.begin(), one.begin() + size, other.begin()).first - one.begin());
+    if (one == other) {
         return {};
     }
     const auto bytes = [](const Package& package, size_t at, size_t count) {
-        const size_t begin = std::min(at, package.size), end = std::min(at + count, package.size);
-        return begin == end ? "no byte"
-                            : Quoted({package.bytes.get() + begin, package.bytes.get() + end});
+        return at < package.size ? Quoted(std::string(BytesOf(package).substr(at, count)))
+                                 : "no byte";
     };
     Difference found = {offset, "behind the last entry", bytes(first, offset, 1),
                         bytes(second, offset, 1)};

@@ -1,7 +1,7 @@
 // SHA-256, in lower-case hexadecimal digits.
 #pragma once
 
-#include "fwlab/package/package.h"
+#include <string>
+#include <string_view>
 
-std::string Sha256(const std::string& bytes);
-std::string Sha256(const Package& package, size_t offset, size_t size);
+std::string Sha256(std::string_view bytes);

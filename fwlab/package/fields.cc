@@ -3,7 +3,7 @@
 
 #include "fwlab/base/stop.h"
 #include "fwlab/base/text.h"
-#include "fwlab/base/toml_text.h"
+#include "fwlab/base/toml.h"
 #include "simphone/text.h"
 
 #include <algorithm>

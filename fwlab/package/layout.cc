@@ -1,9 +1,6 @@
 // Describes the headers, and reads and writes their fields.
 #include "fwlab/package/layout.h"
 
-#include "fwlab/base/json.h"
-#include "simphone/text.h"
-
 #include <algorithm>
 #include <cstddef>
 
@@ -58,6 +55,14 @@ std::string Get(const Identity& identity, const Field& field) {
     return identity.header.substr(field.offset, field.size);
 }
 
+std::string NameOf(const Identity& identity) {
+    return Get(identity, identity.layout->name);
+}
+
+std::string RevisionOf(const Identity& identity) {
+    return Get(identity, identity.layout->revision);
+}
+
 void Set(Identity& identity, const Field& field, const std::string& bytes) {
     std::string whole = bytes;
     whole.resize(field.size);
@@ -83,24 +88,4 @@ std::optional<std::vector<std::string>> BaseRevisionsOf(const Identity& identity
         }
     }
     return revisions;
-}
-
-Json Describe(const Identity& identity) {
-    const Layout& layout = *identity.layout;
-    Json shown;
-    for (const Field* field : FieldsOf(layout)) {
-        const std::string bytes = Get(identity, *field);
-        const bool isZero = bytes == std::string(bytes.size(), '\0');
-        if (!isZero || (field != &layout.productRevision && field != &layout.serialNumber &&
-                        field != &layout.marketName)) {
-            shown[field->key] =
-                field->size == 1 ? Json(static_cast<uint8_t>(bytes[0])) : Json(Escaped(bytes));
-        }
-    }
-    const auto base = BaseRevisionsOf(identity);
-    Json& revisions = shown[layout.baseRevs.key] = base ? Json::array() : Json("any");
-    for (const std::string& revision : base.value_or(std::vector<std::string>())) {
-        revisions.push_back(Escaped(revision));
-    }
-    return shown;
 }

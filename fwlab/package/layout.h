@@ -3,7 +3,6 @@
 
 #include "fwpkg/firmware_package.h"
 
-#include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
 #include <vector>
@@ -37,6 +36,8 @@ struct Identity {
 };
 Identity NewIdentity(const Layout& layout); // the magic, then zeros
 std::string Get(const Identity& identity, const Field& field);
+std::string NameOf(const Identity& identity);     // the product name
+std::string RevisionOf(const Identity& identity); // the one to install, or the running one
 void Set(Identity& identity, const Field& field, const std::string& bytes); // filled up with zeros
 
 // Whether a slot for a base revision admits no device, as it is left free.
@@ -45,7 +46,3 @@ bool IsFreeSlot(const std::string& slot);
 // The base revisions of an entry, each once, without free slots. No value if the entry applies to
 // any revision.
 std::optional<std::vector<std::string>> BaseRevisionsOf(const Identity& identity);
-
-// The fields by their keys, without those that phones do not compare where they are zero. Texts
-// are printable.
-nlohmann::ordered_json Describe(const Identity& identity);

@@ -3,8 +3,7 @@
 #include "fwlab/package/manifest.h"
 
 #include "fwlab/base/stop.h"
-#include "fwlab/base/toml_file.h"
-#include "fwlab/base/toml_text.h"
+#include "fwlab/base/toml.h"
 #include "fwlab/package/digest.h"
 #include "fwlab/package/fields.h"
 #include "simphone/files.h"

@@ -1,7 +1,10 @@
 // Finds the entries of packages, for every command. A file that cannot be read ends the command.
 #include "fwlab/package/package.h"
 
+#include "fwlab/base/json.h"
 #include "fwlab/base/stop.h"
+#include "fwlab/package/digest.h"
+#include "simphone/text.h"
 
 #include <cerrno>
 #include <cstring>
@@ -76,6 +79,7 @@ Package LookInto(const std::string& path, const PackageBytes& bytes, size_t size
     Package package = {path, &layout, bytes, size, {}};
     const uint8_t* first = bytes.get();
     const Find find = FindIn(layout);
+    size_t own = 0, ownEnd = 0; // the last own entry
     for (size_t p = find(first, size, 0); p < size; p = find(first, size, p + 1)) {
         const size_t number = package.entries.size() + 1, body = p + layout.headerSize;
         if (number > ENTRIES_MAX) {
@@ -83,16 +87,79 @@ Package LookInto(const std::string& path, const PackageBytes& bytes, size_t size
                                       path, ENTRIES_MAX)};
         }
         const uint32_t bodySize = ReadBigEndian32(first + p + layout.bodySize.offset);
-        package.entries.push_back({number,
-                                   p,
-                                   body,
-                                   bodySize,
-                                   BodyFits(size, p, layout.headerSize, bodySize),
-                                   {&layout, {first + p, first + body}}});
+        const bool fits = BodyFits(size, p, layout.headerSize, bodySize);
+        const size_t outer = p < ownEnd ? own : 0;
+        if (fits && outer == 0) {
+            own = number;
+            ownEnd = body + bodySize;
+        }
+        const Identity identity = {&layout, {first + p, first + body}};
+        package.entries.push_back({number, p, body, bodySize, fits, outer, identity});
     }
     return package;
 }
 
+std::vector<const Entry*> OwnEntries(const Package& package) {
+    std::vector<const Entry*> own;
+    for (const Entry& entry : package.entries) {
+        own.insert(own.end(), entry.bodyFits && entry.outer == 0 ? 1 : 0, &entry);
+    }
+    return own;
+}
+
+const Entry* OuterEntry(const Package& package, const Entry& entry) {
+    return entry.outer == 0 ? nullptr : &package.entries[entry.outer - 1];
+}
+
+std::map<size_t, std::string_view> Uncovered(const Package& package) {
+    std::map<size_t, std::string_view> spans;
+    size_t end = 0;
+    const auto add = [&](size_t next) {
+        if (next > end) {
+            spans[end] = BytesOf(package).substr(end, next - end);
+        }
+    };
+    for (const Entry* entry : OwnEntries(package)) {
+        add(entry->offset);
+        end = entry->body + entry->bodySize;
+    }
+    add(package.size);
+    return spans;
+}
+
+std::string_view BytesOf(const Package& package) {
+    return {reinterpret_cast<const char*>(package.bytes.get()), package.size};
+}
+
+std::string_view BodyOf(const Package& package, const Entry& entry) {
+    return BytesOf(package).substr(entry.body, entry.bodySize);
+}
+
 std::string Title(const Entry& entry) {
     return fmt::format("entry {} at {:#x}", entry.number, entry.offset);
+}
+
+nlohmann::ordered_json Describe(const Package& package, const Entry& entry) {
+    const Layout& layout = *package.layout;
+    Json shown = {{"number", entry.number}, {"offset", entry.offset}};
+    for (const Field* field : FieldsOf(layout)) {
+        const std::string bytes = Get(entry.identity, *field);
+        const bool isZero = bytes == std::string(bytes.size(), '\0');
+        if (!isZero || (field != &layout.productRevision && field != &layout.serialNumber &&
+                        field != &layout.marketName)) {
+            shown[field->key] =
+                field->size == 1 ? Json(static_cast<uint8_t>(bytes[0])) : Json(Escaped(bytes));
+        }
+    }
+    const auto base = BaseRevisionsOf(entry.identity);
+    Json& revisions = shown[layout.baseRevs.key] = base ? Json::array() : Json("any");
+    for (const std::string& revision : base.value_or(std::vector<std::string>())) {
+        revisions.push_back(Escaped(revision));
+    }
+    shown["body_offset"] = entry.body;
+    shown["body_size"] = entry.bodySize;
+    if (entry.bodyFits && entry.outer == 0) {
+        shown["sha256"] = Sha256(BodyOf(package, entry));
+    }
+    return shown;
 }

@@ -3,7 +3,10 @@
 
 #include "fwlab/package/layout.h"
 
+#include <map>
 #include <memory>
+#include <nlohmann/json_fwd.hpp>
+#include <string_view>
 #include <vector>
 
 struct Entry {
@@ -11,6 +14,7 @@ struct Entry {
     size_t offset, body; // of the header, of the body
     uint32_t bodySize;
     bool bodyFits;
+    size_t outer; // number of the own entry inside which it begins; 0 for none
     Identity identity;
 };
 
@@ -34,4 +38,21 @@ Package OpenPackage(const std::string& path, const Layout* layout = nullptr);
 Package LookInto(const std::string& path, const PackageBytes& bytes, size_t size,
                  const Layout& layout);
 
+// The own entries: those that were packed. An entry that begins inside another one is only a magic
+// in the image. One whose body does not fit is none: phones ignore it.
+std::vector<const Entry*> OwnEntries(const Package& package);
+
+// The own entry inside which this entry begins; null if there is none.
+const Entry* OuterEntry(const Package& package, const Entry& entry);
+
+// The bytes that belong to no own entry, by their offsets.
+std::map<size_t, std::string_view> Uncovered(const Package& package);
+
+std::string_view BytesOf(const Package& package);
+std::string_view BodyOf(const Package& package, const Entry& entry); // which fits
+
 std::string Title(const Entry& entry); // "entry 2 at 0x1040"
+
+// Its number, places and fields by their keys, and the digest of its body if it is an own entry.
+// Without fields that phones do not compare where they are zero. Texts are printable.
+nlohmann::ordered_json Describe(const Package& package, const Entry& entry);

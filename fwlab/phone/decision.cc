@@ -4,7 +4,6 @@
 
 #include "fwlab/base/json.h"
 #include "fwlab/base/stop.h"
-#include "fwlab/package/spans.h"
 #include "fwlab/phone/phone_messages.h"
 
 #include "emmc/emmc_command.h"
@@ -75,8 +74,8 @@ const Entry* EntryAt(const Package& package, size_t offset) {
 DeviceInfo InfoOf(const Identity& identity) {
     DeviceInfo info = {};
     info.type = identity.layout == &UFS ? DEVICE_UFS : DEVICE_EMMC;
-    Get(identity, identity.layout->name).copy(info.pnm, PNM_SIZE);
-    Get(identity, identity.layout->revision).copy(info.localFwRev, REV_SIZE);
+    NameOf(identity).copy(info.pnm, PNM_SIZE);
+    RevisionOf(identity).copy(info.localFwRev, REV_SIZE);
     return info;
 }
 
@@ -90,7 +89,7 @@ UfsFwHeader UfsDevice(const Identity& identity) {
 // The product name that the update uses: it renames some devices.
 std::string UpdateName(const Identity& device) {
     if (device.layout != &UFS) {
-        return Get(device, device.layout->name);
+        return NameOf(device);
     }
     const UfsFwHeader header = UfsDevice(device);
     return {reinterpret_cast<const char*>(header.ufsPnm), sizeof(header.ufsPnm)};
@@ -203,31 +202,28 @@ Step UpdateUfs(const Package& package, const Device& device, const Entry& seen) 
 
 // Whether the entry describes exactly this device, under the product name that the update uses, and
 // may be applied from the running revision. The update itself does not check that.
-bool IsFor(const Package& package, const Entry& entry, const Identity& device) {
+bool IsFor(const Entry& entry, const Identity& device) {
     const Layout& layout = *device.layout;
     const auto same = [&](const Field& field) {
         return Get(entry.identity, field) == Get(device, field);
     };
     const std::string name = UpdateName(device);
-    const bool isNamed = name == Get(device, layout.name)
-                             ? same(layout.name)
-                             : Trimmed(Get(entry.identity, layout.name)) == Trimmed(name);
+    const bool isNamed = name == NameOf(device) ? same(layout.name)
+                                                : Trimmed(NameOf(entry.identity)) == Trimmed(name);
     const std::string baseRevs = Get(entry.identity, layout.baseRevs);
-    return isNamed && same(layout.manufacturer) && same(layout.extCsdRev) &&
-           OuterEntry(package, entry) == nullptr &&
+    return isNamed && same(layout.manufacturer) && same(layout.extCsdRev) && entry.outer == 0 &&
            CheckBaseRev(InfoOf(device), reinterpret_cast<const uint8_t*>(baseRevs.data()));
 }
 
 // Why a device that entry describes would not be sent exactly this entry; empty if it would.
 std::string WhyNotSent(const Package& package, const Entry& entry, const Device& device) {
-    const Field &revision = entry.identity.layout->revision, &name = entry.identity.layout->name;
-    const std::string own = Get(entry.identity, revision);
+    const std::string own = RevisionOf(entry.identity);
     const Decision decision = Decide(package, device);
     const Entry* seen = decision.PreCheck();
     if (seen == nullptr) {
         return WhyOf(decision);
     }
-    if (Get(seen->identity, revision) != own) {
+    if (RevisionOf(seen->identity) != own) {
         return fmt::format("{} comes first and has the same product name, so the phone looks at "
                            "its revision only: "
                            "put them into separate packages",
@@ -237,11 +233,11 @@ std::string WhyNotSent(const Package& package, const Entry& entry, const Device&
         return fmt::format("the pre-check selects {}: {}", Title(*seen), WhyOf(decision));
     }
     const Entry* sent = decision.sent;
-    const bool isRenamed = UpdateName(device.identity) != Get(device.identity, name);
+    const bool isRenamed = UpdateName(device.identity) != NameOf(device.identity);
     const bool isRight =
-        sent == nullptr || sent == &entry || (isRenamed && Get(sent->identity, revision) == own);
+        sent == nullptr || sent == &entry || (isRenamed && RevisionOf(sent->identity) == own);
     if (!isRight) {
-        if (Get(sent->identity, name) == Get(entry.identity, name)) {
+        if (NameOf(sent->identity) == NameOf(entry.identity)) {
             return fmt::format("{} comes first and is for the same devices", Title(*sent));
         }
         return isRenamed
@@ -269,11 +265,10 @@ Step CheckRecord(const Record& record, const std::string& target) {
 // Sets the verdict of a decision whose steps were all taken.
 void JudgeUpdate(const Package& package, Decision& decision) {
     const Entry *seen = decision.PreCheck(), *sent = decision.sent;
-    const Field& revision = decision.device.layout->revision;
     const Entry* outer = OuterEntry(package, *seen);
-    const bool isRight = sent == nullptr || (sent == seen && outer == nullptr) ||
-                         (IsFor(package, *sent, decision.device) &&
-                          Get(sent->identity, revision) == Get(seen->identity, revision));
+    const bool isRight =
+        sent == nullptr || (sent == seen && outer == nullptr) ||
+        (IsFor(*sent, decision.device) && RevisionOf(sent->identity) == RevisionOf(seen->identity));
     const DeviceInfo info = InfoOf(decision.device);
     if (!isRight) {
         decision.verdict = Verdict::WRONG_IMAGE;
@@ -368,7 +363,7 @@ bool IsSent(const Package& package, const Decision& decision, const std::string&
     const size_t padded = size_t{DownloadBlocks(static_cast<uint32_t>(size))} * MMC_BLOCK_SIZE;
     return decision.sent != nullptr && !taken.empty() &&
            (taken.size() == size || (isEmmc && taken.size() == padded)) &&
-           memcmp(taken.data(), package.bytes.get() + decision.sent->body, size) == 0;
+           BodyOf(package, *decision.sent).substr(0, size) == taken.substr(0, size);
 }
 
 Verdict Judge(const Package& package, const Decision& decision, const std::string& taken,
@@ -415,14 +410,14 @@ Texts FindingsOf(const Package& package, const Entry& entry) {
     add(!entry.bodyFits, "the body reaches past the end of the package: phones ignore the entry");
     add(layout.extCsdRev.size > 0 && Get(entry.identity, layout.extCsdRev)[0] > EXT_CSD_REV_5_1,
         "no eMMC has this ext_csd_rev: 7 is eMMC 5.0, 8 is eMMC 5.1");
-    add(Trimmed(Get(entry.identity, layout.name)).empty(), "the product name is empty");
-    const std::string revision = Get(entry.identity, layout.revision);
+    add(Trimmed(NameOf(entry.identity)).empty(), "the product name is empty");
+    const std::string revision = RevisionOf(entry.identity);
     add(revision[0] == '\0', "the revision begins with a zero byte: once the record has any "
                              "attempt, the phone counts this revision as attempted");
-    const uint8_t* body = package.bytes.get() + entry.body;
+    const std::string_view body = BytesOf(package).substr(entry.body, entry.bodySize);
     for (const Layout* inner : {&EMMC, &UFS}) {
         add(entry.bodyFits && entry.bodySize >= inner->headerSize &&
-                memcmp(body, inner->magic, MAGIC_SIZE) == 0,
+                body.substr(0, MAGIC_SIZE) == inner->magic,
             fmt::format("the body begins with an entry header ({}): is it a package?",
                         inner->title));
     }
@@ -450,7 +445,7 @@ Texts FindingsOf(const Package& package, const Entry& entry) {
 
 void RequireFlawless(const Built& built, bool withLargeEmmc) {
     size_t number = 0;
-    for (const Entry* entry : built.entries) {
+    for (const Entry* entry : OwnEntries(built.package)) {
         number++;
         Texts findings = FindingsOf(built.package, *entry);
         if (NeedsGkiMode(*entry) && !withLargeEmmc) {
@@ -470,7 +465,7 @@ bool NeedsGkiMode(const Entry& entry) {
 Texts NotesOf(const Entry& entry) {
     Texts notes;
     const Layout& layout = *entry.identity.layout;
-    const std::string revision = Get(entry.identity, layout.revision),
+    const std::string revision = RevisionOf(entry.identity),
                       text = revision.substr(0, revision.find('\0'));
     if (NeedsGkiMode(entry)) {
         notes.push_back(Sentence({Reason::LARGE_EMMC_BODY}, entry.identity));

@@ -23,7 +23,7 @@ Device DeviceOf(const Description& phone) {
 std::string Title(const Identity& device) {
     const Layout& layout = *device.layout;
     const std::string manufacturer = Get(device, layout.manufacturer);
-    const std::string name = Quoted(Get(device, layout.name));
+    const std::string name = Quoted(NameOf(device));
     return layout.extCsdRev.size == 0
                ? Quoted(manufacturer) + " " + name
                : fmt::format("{:#04x} {} EXT_CSD_REV {}", static_cast<uint8_t>(manufacturer[0]),

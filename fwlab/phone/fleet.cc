@@ -2,7 +2,7 @@
 #include "fwlab/phone/fleet.h"
 
 #include "fwlab/base/stop.h"
-#include "fwlab/base/toml_file.h"
+#include "fwlab/base/toml.h"
 #include "fwlab/package/fields.h"
 
 #include <algorithm>
@@ -17,7 +17,7 @@ std::vector<Running> TakeRunning(Keys keys, Identity identity) {
     const char wanted[] = "a list of tables such as { revision = \"0800\", phones = 9 }";
     TakeTables(keys, "running", wanted, [&](Keys inner) {
         TakeField(inner, identity.layout->revision, REQUIRED, identity);
-        const std::string revision = Get(identity, identity.layout->revision);
+        const std::string revision = RevisionOf(identity);
         const uint32_t phones = TakeNumber(inner, "phones", UINT32_MAX);
         Demand(inner, phones > 0, "phones is 0");
         Demand(inner,

@@ -12,11 +12,9 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
-#include <dirent.h>
-#include <fcntl.h>
 #include <filesystem>
 #include <fmt/format.h>
-#include <memory>
+#include <fstream>
 #include <optional>
 #include <set>
 #include <sys/stat.h>
@@ -27,10 +25,11 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr off_t TAIL_SIZE = 65536; // of a file, as much as is looked at: hundreds of records
-constexpr int DEPTH_MAX = 6;       // REGION/DAY/SERIAL/data/vendor/fw
+constexpr size_t TAIL_SIZE = 65536; // of a file, as much as is looked at: hundreds of records
+constexpr int DEPTH_MAX = 6;        // REGION/DAY/SERIAL/data/vendor/fw
 
 struct StateFile {
+    const char* name;
     bool isThere, isRegular;
     std::string content; // its end
 };
@@ -43,53 +42,41 @@ const char* FileName(const char* phonePath) {
     return strrchr(phonePath, '/') + 1;
 }
 
-std::string ReadTail(int fd, off_t size, const std::string& path) {
-    std::string tail(static_cast<size_t>(std::min(size, TAIL_SIZE)), '\0');
-    size_t done = 0;
-    ssize_t count = 1;
-    while (done < tail.size() && count > 0) {
-        const off_t from = size - static_cast<off_t>(tail.size() - done);
-        count = pread(fd, &tail[done], tail.size() - done, from);
-        done += count > 0 ? static_cast<size_t>(count) : 0;
+std::string ReadTail(const std::string& path, size_t size) {
+    std::string tail(std::min(size, TAIL_SIZE), '\0');
+    std::ifstream file(path, std::ios::binary);
+    file.seekg(static_cast<off_t>(size - tail.size()));
+    if (!file.read(tail.data(), static_cast<std::streamsize>(tail.size()))) {
+        throw FailureAt(path, errno);
     }
-    const int reason = errno;
-    close(fd);
-    if (count < 0) {
-        throw FailureAt(path, reason);
-    }
-    tail.resize(done);
     if (size > TAIL_SIZE) { // from the begin of a line on
-        const size_t lineEnd = tail.find('\n');
-        tail.erase(0, lineEnd == std::string::npos ? lineEnd : lineEnd + 1);
+        tail.erase(0, tail.find('\n'));
+        tail.erase(0, 1);
     }
     return tail;
 }
 
-StateFiles ReadStateFiles(const std::string& directory) {
-    const std::unique_ptr<DIR, int (*)(DIR*)> opened(opendir(directory.c_str()), closedir);
-    if (opened == nullptr) {
-        throw FailureAt(directory, errno);
+StateFile Look(const fs::path& folder, const char* name, bool isRead) {
+    const std::string path = folder / name;
+    struct stat status = {};
+    if (lstat(path.c_str(), &status) != 0) {
+        if (errno != ENOENT) {
+            throw FailureAt(path, errno);
+        }
+        return {name, false, false, ""};
     }
-    const int folder = dirfd(opened.get());
+    const bool isRegular = S_ISREG(status.st_mode);
+    return {name, true, isRegular,
+            isRead && isRegular ? ReadTail(path, static_cast<size_t>(status.st_size)) : ""};
+}
+
+StateFiles ReadStateFiles(const std::string& directory) {
+    std::error_code error;
+    if (fs::directory_iterator(directory, error); error) {
+        throw Stop{2, directory + ": " + error.message()};
+    }
     const auto look = [&](const char* phonePath, bool isRead) {
-        const char* name = FileName(phonePath);
-        const auto failure = [&] { return FailureAt(fs::path(directory) / name, errno); };
-        struct stat status = {};
-        if (fstatat(folder, name, &status, AT_SYMLINK_NOFOLLOW) != 0) {
-            if (errno != ENOENT) {
-                throw failure();
-            }
-            return StateFile();
-        }
-        StateFile file = {true, S_ISREG(status.st_mode), ""};
-        if (isRead && file.isRegular && status.st_size > 0) {
-            const int fd = openat(folder, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-            if (fd < 0) {
-                throw failure();
-            }
-            file.content = ReadTail(fd, status.st_size, fs::path(directory) / name);
-        }
-        return file;
+        return Look(directory, FileName(phonePath), isRead);
     };
     return {look(BEGIN_FLAG, false), look(END_FLAG, false),   look(OK_FLAG, true),
             look(FAIL_FLAG, true),   look(RESULT_FILE, true), look(UfsFwBodyPath(1), false)};
@@ -163,14 +150,10 @@ OutcomeFlag FlagOf(const StateFiles& files, const StateReport& report) {
 
 // The name of the first of them that is there and not a regular file; empty for none.
 std::string Irregular(const StateFiles& files) {
-    const std::pair<const StateFile&, const char*> read[] = {{files.record, RESULT_FILE},
-                                                             {files.begin, BEGIN_FLAG},
-                                                             {files.end, END_FLAG},
-                                                             {files.ok, OK_FLAG},
-                                                             {files.fail, FAIL_FLAG}};
-    for (const auto& [file, path] : read) {
-        if (file.isThere && !file.isRegular) {
-            return FileName(path);
+    for (const StateFile* file :
+         {&files.record, &files.begin, &files.end, &files.ok, &files.fail}) {
+        if (file->isThere && !file->isRegular) {
+            return file->name;
         }
     }
     return "";

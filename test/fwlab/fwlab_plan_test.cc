@@ -175,6 +175,12 @@ TEST_F(PlanTest, KnowsAttemptsOnRecord) {
                    Counted("0700", 1)),
          {{Passed(Record("0800", "0850")), 1}}},
         {1,
+         "1  USED UP: undecided*USED UP: *larger than the 4 KiB*USED UP: *larger than the 8 KiB",
+         Model(NAMED + "max_hw_sectors_kb = 4\n", Counted("0850", 1)) +
+             Model(NAMED + "max_hw_sectors_kb = 8\n", Counted("0850", 1)),
+         {{Passed(Record("0800", "0850")), 1}},
+         UfsEntry("0900", Body(9000))},
+        {1,
          "3  gets*FINDING: 1 phones have a record that no run can read back*NOT",
          Model(NAMED, Counted("0800", 3)),
          {{{{"fw_result", "damaged"}}, 1}}},

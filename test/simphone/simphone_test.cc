@@ -287,7 +287,7 @@ TEST_F(SimphoneTest, RunThatCannotBeKeptIsAnError) {
         {"/errors.log", "/nowhere/file", "errors.log: No such file or directory"},
         {"/device/downloaded.bin", "/dev/full", "downloaded.bin: No space left on device"},
         {"/device/pending", "/", "pending: Is a directory"},
-        {"/removed", "/dev/null", "removed/ffu.bgn: "},
+        {"/removed", "/dev/null", "removed/ffu.bgn.removed: "},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.log + row.target);
