@@ -15,14 +15,10 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// Signals that no tool sends itself. A power cut is the first of them.
-bool IsFromOutside(const MadeRun& made) {
-    const std::vector<Fault>& unmet = made.run.unmetFaults;
-    const bool isCut = made.run.signal == SIGKILL &&
-                       std::count_if(made.faults.begin(), made.faults.end(), IsPowerCut) >
-                           std::count_if(unmet.begin(), unmet.end(), IsPowerCut);
-    const int signals[] = {SIGKILL, SIGTERM, SIGINT, SIGQUIT, SIGHUP};
-    return !isCut && std::count(std::begin(signals), std::end(signals), made.run.signal) > 0;
+// Signals that no tool sends itself.
+bool IsFromOutside(int signal) {
+    const int signals[] = {SIGTERM, SIGINT, SIGQUIT, SIGHUP};
+    return std::count(std::begin(signals), std::end(signals), signal) > 0;
 }
 
 } // namespace
@@ -37,15 +33,13 @@ MadeRun MakeRun(const Phone& phone, const std::string& tool, const std::string& 
     }
     MadeRun made = {faults, {}, ReadStateDirectory(phone.directory), {}};
     made.run = RunTool(phone, tool, options);
-    if (!made.run.error.empty()) {
-        throw Stop{2, made.run.error};
-    }
-    if (IsFromOutside(made)) {
+    if (!made.run.error.empty() || IsFromOutside(made.run.signal)) {
         StopIfInterrupted(); // a terminal interrupts the tool as well
-        throw Stop{2,
-                   fmt::format("signal {} has ended a run of the tool, and no fault has sent it: "
-                               "is this machine short of memory?",
-                               made.run.signal)};
+        throw Stop{2, !made.run.error.empty()
+                          ? made.run.error
+                          : fmt::format("signal {} has ended a run of the tool, and no fault has "
+                                        "sent it",
+                                        made.run.signal)};
     }
     made.after = ReadStateDirectory(phone.directory);
     return made;

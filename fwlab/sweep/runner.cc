@@ -78,6 +78,7 @@ struct Sweep {
     std::vector<Expected> expected; // of each scenario
     std::vector<Worker> workers;
     SweepResult result = {};
+    size_t planned = 0; // jobs
     std::atomic<size_t> runs = 0;
     std::atomic<bool> isEnding = false;            // no more work is begun
     std::mutex mutex = {};                         // of what stands below, and of result.timeLines
@@ -330,7 +331,7 @@ void ShareOut(Sweep& sweep, size_t count, const char* what,
             thread.get();
         }
     }
-    if (done != count && !sweep.isEnding) {
+    if (done != count && sweep.result.interruptedBy == 0) {
         throw Stop{2, fmt::format("only {} of {} {} were tried", done, count, what)};
     }
 }
@@ -353,6 +354,7 @@ void RunBases(Sweep& sweep) {
         if (sweep.options.select) {
             sweep.options.select(base.made.run, jobs);
         }
+        sweep.planned += jobs.size();
         result.jobs.insert(result.jobs.end(), jobs.begin(), jobs.end());
         result.interruptedBy = TakeSignal(0);
     }
@@ -391,6 +393,10 @@ void RunJobs(Sweep& sweep) {
     for (const JobOutcome& outcome : outcomes) {
         result.violations.insert(result.violations.end(), outcome.violations.begin(),
                                  outcome.violations.end());
+    }
+    if (outcomes.size() != sweep.planned) {
+        throw Stop{2,
+                   fmt::format("only {} of {} faults were tried", outcomes.size(), sweep.planned)};
     }
     const std::vector<Followed> distinct = Distinct(outcomes, result);
     std::vector<FollowOutcome> follows(distinct.size());

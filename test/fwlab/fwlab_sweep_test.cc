@@ -109,6 +109,9 @@ TEST_F(FwlabSweepTest, TellsWhatPhonesAreLeftWith) {
                                   std::regex("name=\"gki.toml\" tests=\"(\\d+)\" "
                                              "failures=\"0\"")));
     EXPECT_EQ(Occurrences(junit, "classname=\"gki.toml\""), std::stol(calls[1]));
+    EXPECT_NE(junit.find("<testcase classname=\"other.toml\" name=\"the update without a fault\">"
+                         "<failure message=\"not updated\">nothing-to-do: "),
+              std::string::npos);
 
     // Whichever thread makes a run, all is the same, to the byte.
     const std::string page = Get("/page");
@@ -173,33 +176,19 @@ TEST_F(FwlabSweepTest, AFailureOfThisMachineIsNotThePhones) {
     Put("/package", EmmcEntry());
     Put("/phone.toml", GkiPhone());
     const Answer killed = Shell(Flawed("killed") + "sweep package --phone phone.toml --jobs 1");
-    Expect(killed, 2, "signal 9 has ended a run of the tool, and no fault has sent it");
+    Expect(killed, 2, "the run could not be kept: this machine ended it: Killed");
 
     if (::Shell("unshare -rm mount -t tmpfs none /mnt").status != 0) {
         GTEST_SKIP() << "no file system can be mounted here by `unshare -rm`";
     }
-    for (const char* size : {"16K", "40K", "64K"}) { // a phone and its run do not fit
+    for (const char* size : {"16K", "40K"}) { // a phone and its run do not fit
         SCOPED_TRACE(size);
         const Answer answer =
             Shell("unshare -rm sh -c 'mount -t tmpfs -o size=" + std::string(size) +
                   " none tmp && exec " FWLAB_PATH " sweep package --phone phone.toml --jobs 1'");
-        Expect(answer, 2, "fwlab-");
+        Expect(answer, 2, "No space left on device");
         EXPECT_EQ(answer.text.find("violations"), std::string::npos);
     }
-}
-
-// What a release engineer must not take for a tested package.
-TEST_F(FwlabSweepTest, APhoneThatIsNotUpdatedIsNotFine) {
-    Put("/foreign", With(EmmcEntry(), EMMC_MID_FIELD, "x"));
-    Put("/random", std::string(5000, 'r'));
-    Put("/emmc.toml", GkiPhone());
-    Expect(Sweep("foreign --phone emmc.toml --junit out.xml"), 1,
-           "NOT UPDATED without a fault: used-up");
-    EXPECT_NE(Get("/out.xml")
-                  .find("name=\"the update without a fault\"><failure message=\"not "
-                        "updated\">used-up: "),
-              std::string::npos);
-    Expect(Sweep("random --phone emmc.toml"), 2);
 }
 
 TEST_F(FwlabSweepTest, EndsBeforeTheRunsWhereItCannotFinish) {
@@ -207,10 +196,11 @@ TEST_F(FwlabSweepTest, EndsBeforeTheRunsWhereItCannotFinish) {
     Put("/phone.toml", GkiPhone());
     Put("/bad.toml", "technology = 'ufs'");
     Put("/faults.toml", GkiPhone({{"faults", "['fsync EIO']"}}));
+    Put("/random", std::string(5000, 'r'));
     Put("/page", "as it was");
     for (const char* arguments :
-         {"package", "--phone phone.toml", "package --phone faults.toml",
-          "package --phone phone.toml --set revison=0700",
+         {"package", "random --phone phone.toml", "--phone phone.toml",
+          "package --phone faults.toml", "package --phone phone.toml --set revison=0700",
           "package --phone phone.toml --state gone",
           "package --phone phone.toml --html new --junit ./new",
           "package --phone phone.toml --html page --junit ../$(basename $PWD)/page",
