@@ -165,10 +165,16 @@ bool ParseFault(const std::string& text, Fault& fault, std::string& error) {
         word.clear();
         words >> word;
     }
+    if (word[0] == '/') {
+        return refuse(word + " stands behind the number: CALL PATH #N EFFECT is the order");
+    }
     if (!ParseEffect(word, fault) || !CanHave(fault.call, fault.effect)) {
         return refuse("not an effect that the call can have: " + word);
     }
     while (words >> word) {
+        if (word[0] == '#' || word[0] == '/') {
+            return refuse(word + " stands behind the effect: CALL PATH #N EFFECT is the order");
+        }
         if (fault.effect < Effect::TORN || !ParseLosses(word, fault.losses)) {
             return refuse("not what a power cut can do: " + word);
         }

@@ -14,9 +14,10 @@
 
 constexpr char JOURNAL_FILE[] = "/journal.log"; // in the phone's directory
 constexpr char LOG_FUNCTION[] = "__android_log_print";
-// In the phone's directory: the files that a run has removed from /data/vendor/fw, as they were
-// then.
-constexpr char REMOVED_FOLDER[] = "/removed/";
+// In the phone's directory: the files that runs have removed from /data/vendor/fw, as they were
+// then. Their names end with a word, so that the folder does not pass for a phone's state
+// directory.
+constexpr char REMOVED_FOLDER[] = "/removed/", REMOVED_SUFFIX[] = ".removed";
 // The exit status of a tool that the library ends, as it has no phone or no place for the journal.
 constexpr int EXIT_NO_PHONE = 125;
 

@@ -105,12 +105,12 @@ bool SetKey(toml::table& table, const std::string& setting, std::string& error) 
         return true;
     }
     const toml::parse_result parsed = toml::parse(DeepLine(value) > 0 ? "" : "value = " + value);
-    if (!parsed || parsed.table().size() != 1) {
-        const char* hint = old == nullptr ? " (for a new key a text has quotation marks)" : "";
-        return Failed(error, Escaped(setting) + ": the value is not TOML" + hint);
+    if (parsed && parsed.table().size() == 1) {
+        parent->insert_or_assign(key, *parsed.table().get("value"));
+        return true;
     }
-    parent->insert_or_assign(key, *parsed.table().get("value"));
-    return true;
+    parent->insert(key, value); // a new key: its reader tells what is wrong
+    return old == nullptr || Failed(error, Escaped(setting) + ": the value is not TOML");
 }
 
 void Demand(Keys keys, bool isRight, const std::string& error) {

@@ -23,9 +23,9 @@ enum Need { REQUIRED, OPTIONAL };
                              std::string* text = nullptr);
 
 // Gives a key of the table another value, by a text "KEY=VALUE"; KEY has dots between the tables
-// that it is in. VALUE is TOML. Where the table has a text, its quotation marks may be left out;
-// bytes are \n, \\ and \xHH then, and a line feed at the end of the old text stays. False with an
-// error, which has the setting.
+// that it is in. VALUE is TOML, else a text for a new key. Where the table has a text, its
+// quotation marks may be left out; bytes are \n, \\ and \xHH then, and a line feed at the end of
+// the old text stays. False with an error, which has the setting.
 [[nodiscard]] bool SetKey(toml::table& table, const std::string& setting, std::string& error);
 
 // Lets `use` read the node of the key; it returns false if the node is not `wanted`.

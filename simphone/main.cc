@@ -2,6 +2,7 @@
 // Started by hand and by the demo; exit status 0 fine, 2 an error, and for `run` the tool's own
 // (128 + n for a signal), unless a fault of the command line was never met.
 #include "simphone/phone.h"
+#include "simphone/show.h"
 #include "simphone/text.h"
 #include "simphone/tool_run.h"
 

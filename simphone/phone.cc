@@ -1,4 +1,4 @@
-// Makes, restarts and reads a simulated phone. Called by the simphone command, fwlab and the tests.
+// Makes and restarts a simulated phone. Called by the simphone command, fwlab and the tests.
 #include "simphone/phone.h"
 
 #include "simphone/device/device.h"
@@ -9,15 +9,19 @@
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
-#include <set>
-#include <sstream>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
 
 namespace {
 
-constexpr char CID_NODE[] = "/sys/class/mmc_host/mmc0/mmc0:0001/cid";
+// Whether the name cannot lead to this machine's own files: in a phone at the root, the tool would
+// take this machine for it.
+bool IsPlace(const std::string& directory, std::string& error) {
+    std::error_code status;
+    return (!directory.empty() && fs::weakly_canonical(directory, status) != "/") ||
+           Failed(error, Quoted(directory) + ": is no place for a phone");
+}
 
 bool Put(const std::string& path, const std::string& content, std::string& error) {
     std::error_code status;
@@ -59,6 +63,9 @@ bool PutUfs(const std::string& directory, const Description& phone, std::string&
 
 bool MakePhone(const Description& phone, const std::string& directory, std::string& error) {
     std::error_code status;
+    if (!IsPlace(directory, error)) {
+        return false;
+    }
     if (fs::exists(directory, status) && !fs::is_empty(directory, status)) {
         return Failed(error, directory + ": is there and not an empty directory");
     }
@@ -83,7 +90,8 @@ bool MakePhone(const Description& phone, const std::string& directory, std::stri
 
 bool OpenPhone(const std::string& directory, Phone& phone, std::string& error) {
     phone.directory = directory;
-    return ReadDescription(directory + "/phone.toml", {}, phone.description, error);
+    return IsPlace(directory, error) &&
+           ReadDescription(directory + "/phone.toml", {}, phone.description, error);
 }
 
 bool PutPackage(const Phone& phone, const std::string& packageFile, std::string& error) {
@@ -121,42 +129,4 @@ bool RebootPhone(const Phone& phone, std::string& error) {
     }
     error = status ? device + ": " + status.message() : "";
     return !status;
-}
-
-std::string ShowPhone(const Phone& phone) {
-    const auto& [directory, description] = phone;
-    std::string content;
-    std::string text = description.ufs   ? "UFS phone\n"
-                       : description.gki ? "eMMC phone, GKI mode\n"
-                                         : "eMMC phone\n";
-    const char* product = "/proc/bootdevice/product_name";
-    const auto nodes = description.ufs
-                           ? std::vector{"/proc/bootdevice/manfid", product, "/proc/bootdevice/rev"}
-                           : std::vector{product, CID_NODE};
-    for (const std::string node : nodes) {
-        const bool isRead = ReadWholeFile(directory + node, content);
-        text += "  " + node + ": " + (isRead ? Escaped(content) : strerror(errno)) + "\n";
-    }
-    if (!description.ufs) {
-        const bool isRead = ReadWholeFile(directory + "/device/ext_csd.bin", content);
-        const bool isWhole = isRead && content.size() == EXT_CSD_SIZE;
-        text +=
-            "  EXT_CSD FIRMWARE_VERSION: " +
-            (isWhole ? Escaped(content.substr(EXT_CSD_FIRMWARE_VERSION, 8)) : "cannot be read") +
-            "\n";
-    }
-    std::error_code status;
-    const bool isPending = fs::exists(directory + "/device/pending", status);
-    text += "  pending at the next restart: " +
-            (isPending ? Escaped(description.firmwareRevision) : "nothing") +
-            "\n  /data/vendor/fw:\n";
-    const fs::directory_iterator entries(directory + "/data/vendor/fw", status);
-    for (const fs::path& file : std::set<fs::path>(entries, {})) {
-        text += "    " + Escaped(file.filename()) + "\n";
-        std::istringstream lines(ReadWholeFile(file, content) ? content : "");
-        for (std::string line; std::getline(lines, line);) {
-            text += "      " + Escaped(line) + "\n";
-        }
-    }
-    return text;
 }

@@ -7,12 +7,16 @@
 
 #include <string>
 
+// The node of an eMMC device's CID.
+constexpr char CID_NODE[] = "/sys/class/mmc_host/mmc0/mmc0:0001/cid";
+
 struct Phone {
     std::string directory;
     Description description; // what its phone.toml says
 };
 
-// Makes a phone in `directory`, which must be missing or empty. The description's text becomes
+// Makes a phone in `directory`, which must be missing or empty, and not the root of this machine's
+// files. The description's text becomes
 // phone.toml there, which may be edited between runs: open the phone again then.
 [[nodiscard]] bool MakePhone(const Description& description, const std::string& directory,
                              std::string& error);
@@ -27,7 +31,3 @@ struct Phone {
 // Restarts the phone: a firmware that is pending becomes the running one, what was downloaded but
 // not installed is lost, and nothing below data/ changes.
 [[nodiscard]] bool RebootPhone(const Phone& phone, std::string& error);
-
-// What `simphone show` prints: identity nodes, running and pending revision, the state directory;
-// of what a phone that was made in part lacks, why it cannot be read.
-std::string ShowPhone(const Phone& phone);

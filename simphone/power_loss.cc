@@ -93,7 +93,7 @@ Fates FatesOf(const Changes& file, const Content& before, const Content& after,
         fates.emplace_back(Loss::EMPTY, "");
     }
     if (file.isRemoved && file.isThere && (old || file.isRemade)) {
-        fates.emplace_back(Loss::GONE, Content());
+        fates.emplace_back(Loss::GONE, std::nullopt);
     }
     if (file.isMade && file.isRemoved && !file.isThere) {
         fates.emplace_back(Loss::BACK, removed);
@@ -114,14 +114,17 @@ void Put(StateDirectory& state, const std::string& name, const Content& content)
     }
 }
 
-std::map<std::string, std::string> ReadFiles(const fs::path& directory) {
+// By their names without the suffix, which each has.
+std::map<std::string, std::string> ReadFiles(const fs::path& directory,
+                                             const std::string& suffix = "") {
     std::map<std::string, std::string> files;
     if (!fs::is_directory(directory)) {
         return files;
     }
     for (const auto& entry : fs::directory_iterator(directory)) {
         if (fs::is_regular_file(entry.symlink_status())) {
-            files[entry.path().filename()] = WholeFile(entry.path());
+            const std::string name = entry.path().filename();
+            files[name.substr(0, name.size() - suffix.size())] = WholeFile(entry.path());
         }
     }
     return files;
@@ -131,7 +134,7 @@ std::map<std::string, std::string> ReadFiles(const fs::path& directory) {
 
 StateDirectory ReadStateDirectory(const std::string& phone) {
     return {fs::is_directory(phone + STATE_DIR), ReadFiles(phone + STATE_DIR),
-            ReadFiles(phone + REMOVED_FOLDER)};
+            ReadFiles(phone + REMOVED_FOLDER, REMOVED_SUFFIX)};
 }
 
 bool WriteStateDirectory(const std::string& phone, const StateDirectory& state) {

@@ -31,8 +31,8 @@ struct Survival {
     StateDirectory state;
 };
 
-// Every state that the cut can leave; the first one has lost nothing, and of those that are the
-// same it is the only one, if `isDistinct`. `after` is what lies there when the tool has ended,
+// Every state that the cut can leave, the one that has lost nothing first; no state twice, if
+// `isDistinct`. `after` is what lies there when the tool has ended,
 // `calls` are those of its run.
 //   - A file that was made and not synced is missing, empty or whole. So is one that was removed
 //     before it was made anew, or is what it was before.

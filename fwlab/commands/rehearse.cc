@@ -14,6 +14,7 @@
 #include "run/state_flags.h"
 #include "simphone/files.h"
 #include "simphone/phone.h"
+#include "simphone/show.h"
 #include "simphone/text.h"
 #include "simphone/tool_run.h"
 
@@ -254,9 +255,7 @@ int RehearseIn(const Phone& phone, const RehearseOptions& options, const Faults&
     if (options.runAgain) {
         isQuiet = FindsNothingToDo(phone, report);
         Reboot(phone);
-        const Verdict later = judge(ReadRunning(phone.directory, *package.layout));
-        verdict = verdict != Verdict::UPDATED && later == Verdict::UPDATED ? Verdict::UPDATED_NEXT
-                                                                           : later;
+        verdict = Judge(verdict, judge(ReadRunning(phone.directory, *package.layout)));
     }
     const bool isUpdated = verdict == Verdict::UPDATED;
     report.json["answer"] = WordOf(verdict);

@@ -3,7 +3,6 @@
 // for.
 #include "fwlab/base/output.h"
 #include "fwlab/commands/commands.h"
-#include "fwlab/phone/decision.h"
 #include "fwlab/phone/device.h"
 #include "fwlab/sweep/page.h"
 #include "fwlab/sweep/report.h"
@@ -37,21 +36,6 @@ Description ReadSwept(SweepPhone& phone) {
     }
     phone.title = Title(description);
     return description;
-}
-
-// Whether the run without a fault has updated the phone, by the same decision as a rehearsal's.
-void TellUpdated(const Package& package, const SweepScenario& scenario, const SweepBase& base,
-                 SweepPhone& phone) {
-    const bool hasRecord = HasRecord(scenario.before);
-    const Record record = hasRecord ? ParseRecord(RecordOf(scenario.before)) : Record();
-    const Decision decision =
-        Decide(package, DeviceOf(scenario.phone), hasRecord ? &record : nullptr);
-    const Verdict verdict = Judge(package, decision, base.image, scenario.before, base.made.after);
-    phone.isUpdated = verdict == Verdict::UPDATED;
-    phone.why = phone.isUpdated ? ""
-                                : fmt::format("{}: {}", WordOf(verdict),
-                                              verdict == decision.verdict ? WhyOf(decision)
-                                                                          : SentenceOf(verdict));
 }
 
 // Before it takes long.
@@ -98,19 +82,15 @@ int Sweep(const SweepRequest& request, bool asJson) {
     if (request.package.empty()) {
         throw Stop{2, "PACKAGE is required; --help tells more"};
     }
-    const Package package = OpenPackage(request.package);
     std::vector<SweepScenario> scenarios;
     std::vector<SweepPhone> phones;
     for (const std::string& file : request.phones) {
-        phones.push_back({file, request.settings, "", false, ""});
+        phones.push_back({file, request.settings, ""});
         scenarios.push_back(
             {ReadSwept(phones.back()), request.package, request.state.value_or(StateDirectory{})});
     }
     CheckOutputs(request);
     const SweepResult result = RunAll(request, scenarios);
-    for (size_t i = 0; i < phones.size(); i++) {
-        TellUpdated(package, scenarios[i], result.bases[i], phones[i]);
-    }
     const Json report = SweepReport(request.package, request.stateFolder, phones, result);
     Show(asJson, report, [&] { PrintReport(report); });
     if (!request.junit.empty()) {

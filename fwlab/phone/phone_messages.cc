@@ -11,7 +11,7 @@
 #include <cstdio>
 #include <utility>
 
-static Texts messages;
+static thread_local Texts messages; // of the phone that this thread asks
 
 __attribute__((format(printf, 1, 0))) static void Keep(const char* format, va_list args) {
     char text[1024] = {};

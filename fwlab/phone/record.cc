@@ -52,7 +52,7 @@ Record ParseRecord(const std::string& content) {
     std::string bytes = content;
     ResultLine line = {};
     const std::unique_ptr<FILE, int (*)(FILE*)> file(
-        bytes.empty() ? fopen("/dev/null", "r") : fmemopen(bytes.data(), bytes.size(), "r"),
+        bytes.empty() ? fopen("/dev/null", "re") : fmemopen(bytes.data(), bytes.size(), "r"),
         fclose);
     if (file == nullptr) {
         throw Stop{2, "no memory to read a record"};

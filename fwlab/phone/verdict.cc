@@ -22,7 +22,6 @@ constexpr Words WORDS[] = {
     {"failed", "the last attempt failed"},
     {"stopped", "a run ended early, outside of an attempt"},
     {"updated-next", "the first run does not update it, the next one does"},
-    {"untouched", "nothing was attempted, and the next run attempts nothing"},
     {"unknown", "more than one course of events is possible"},
     {"not-pulled", "there is no file: nothing was pulled from the phone"},
     {"foreign", "there are files, but none of a run: it is no state directory"},

@@ -17,7 +17,6 @@ enum class Verdict {
     FAILED,
     STOPPED,
     UPDATED_NEXT,
-    UNTOUCHED,
     UNKNOWN,
     // Of a folder, perhaps no phone's:
     NOT_PULLED,

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <climits>
 #include <fcntl.h>
+#include <map>
 
 namespace {
 
@@ -49,21 +50,14 @@ bool IsStateWrite(const CallEntry& call) { // to a flag or the record
     return call.function == "write" && call.path.rfind(std::string(STATE_DIR) + "/f", 0) == 0;
 }
 
-bool IsNew(const CallEntry& call, bool hadState, Tried* tried) {
-    const std::string write = call.path + " " + call.result + (hadState ? "+" : "");
-    return tried == nullptr || tried->tornWrites.insert(write).second;
-}
-
 // The power fails before a call that changes the phone, which is also after the one before it, and
-// after the last of them. In a write to a flag or the record it fails after each byte as well,
-// unless a write like it was torn before.
-std::vector<Way> PowerCuts(const CallEntry& call, bool isPlace, bool hadState, Tried* tried) {
+// after the last of them. In a write to a flag or the record it fails after each byte as well.
+std::vector<Way> PowerCuts(const CallEntry& call, bool isAfterLast) {
     std::vector<Way> ways;
-    if (isPlace) {
+    if (ChangesThePhone(call) || isAfterLast) {
         ways.push_back({Effect::ENDS, 0});
     }
-    const bool tears = IsStateWrite(call) && IsNew(call, hadState, tried);
-    for (long count = 0; tears && count <= Moved(call); count++) {
+    for (long count = 0; IsStateWrite(call) && count <= Moved(call); count++) {
         ways.push_back({Effect::TORN, count});
     }
     return ways;
@@ -97,31 +91,20 @@ std::vector<size_t> ChangingCalls(const RunResult& run) {
     return calls;
 }
 
-std::vector<SweepJob> JobsOf(const RunResult& base, size_t scenario, bool hadState,
-                             bool cutsEverywhere, Tried* tried) {
+std::vector<SweepJob> JobsOf(const RunResult& base, size_t scenario) {
     const std::vector<size_t> changing = ChangingCalls(base);
     std::map<std::string, long> count, rank;
     for (const CallEntry& call : base.calls) {
         count[call.function + " " + call.path]++;
     }
     std::vector<SweepJob> jobs;
-    size_t beginning = 0; // the run up to here, by its number among those that were tried
     for (size_t i = 0; i < base.calls.size(); i++) {
         const CallEntry& call = base.calls[i];
         const std::string kind = call.function + " " + call.path;
-        const long ofFunction = ++rank[call.function], ofKind = ++rank[kind], last = count[kind];
-        if (tried != nullptr) {
-            const auto [place, isNew] = tried->beginnings.try_emplace(
-                {beginning, kind + " " + call.error}, tried->beginnings.size() + 1);
-            beginning = place->second;
-            const bool isOneOfThree = ofKind == 1 || ofKind == last / 2 || ofKind == last;
-            if (!isNew || (last > 8 && !isOneOfThree)) {
-                continue;
-            }
-        }
+        const long ofFunction = ++rank[call.function], ofKind = ++rank[kind];
         const Reach alone = {"any", "", call.number, call.number};
         std::vector<Reach> reaches = {alone, {call.function, "", ofFunction, LONG_MAX}};
-        if (call.path != "-" && ofKind < last) {
+        if (call.path != "-" && ofKind < count[kind]) {
             reaches.push_back({call.function, call.path, ofKind, LONG_MAX});
         }
         for (const Way& way : Failures(call)) {
@@ -130,8 +113,7 @@ std::vector<SweepJob> JobsOf(const RunResult& base, size_t scenario, bool hadSta
             }
         }
         const bool isAfterLast = !changing.empty() && i == changing.back() + 1;
-        const bool isPlace = cutsEverywhere || ChangesThePhone(call) || isAfterLast;
-        for (const Way& way : PowerCuts(call, isPlace, hadState, tried)) {
+        for (const Way& way : PowerCuts(call, isAfterLast)) {
             jobs.push_back({scenario, i, FaultOf(alone, way)});
         }
     }

@@ -169,19 +169,7 @@ std::string RecordOf(const StateDirectory& state) {
     return HasRecord(state) ? state.files.at(RECORD_NAME) : "";
 }
 
-const char* FateText(Fate fate) {
-    static const char* const texts[] = {"updated",        "updated by the next run",
-                                        "left as it was", "attempted and used up",
-                                        "stuck",          "left with another image"};
-    return texts[static_cast<size_t>(fate)];
-}
-
-Fate FateOf(const Left& left, const std::string& wanted) {
-    const std::string& image = left.image.empty() ? left.imageNext : left.image;
-    return !image.empty() && image != wanted ? Fate::OTHER_IMAGE
-           : left.isStuck                    ? Fate::STUCK
-           : !left.image.empty()             ? Fate::UPDATED
-           : !left.imageNext.empty()         ? Fate::UPDATED_NEXT
-           : left.isAttempted                ? Fate::USED_UP
-                                             : Fate::UNTOUCHED;
+Verdict Judge(Verdict first, Verdict next) {
+    const bool isLater = first != Verdict::UPDATED && next == Verdict::UPDATED;
+    return isLater ? Verdict::UPDATED_NEXT : next;
 }

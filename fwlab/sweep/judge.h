@@ -1,7 +1,8 @@
-// Judges runs of the tool on a phone: what must hold for every package, and what the phone is left
-// with. Called by the sweep and by the rehearsal that shows what a sweep has found.
+// Judges runs of the tool on a phone: what must hold for every package. Called by the sweep and by
+// the rehearsal that shows what a sweep has found.
 #pragma once
 
+#include "fwlab/phone/verdict.h"
 #include "fwlab/sweep/made_run.h"
 
 #include <string>
@@ -53,25 +54,5 @@ bool IsStuck(const RunResult& run);
 bool HasRecord(const StateDirectory& state);
 std::string RecordOf(const StateDirectory& state); // the record's content; empty without one
 
-// What a phone is left with; the worst one last.
-enum class Fate {
-    UPDATED,      // the device has taken the firmware whole
-    UPDATED_NEXT, // the next run updates it
-    UNTOUCHED,    // nothing was attempted, and the next run attempts nothing
-    USED_UP,      // the attempt is on record, the device is not updated, and no run tries again
-    STUCK,        // later runs stop: they cannot read the record
-    OTHER_IMAGE   // the device has taken other bytes than in the run without a fault
-};
-constexpr Fate FATES[] = {Fate::UPDATED, Fate::UPDATED_NEXT, Fate::UNTOUCHED,
-                          Fate::USED_UP, Fate::STUCK,        Fate::OTHER_IMAGE};
-const char* FateText(Fate fate); // "attempted and used up"
-
-// What is known of a phone after the normal run that follows a run. An image is the one that the
-// device has taken, empty for none.
-struct Left {
-    bool isAttempted;      // one of both has asked the device, or has grown the record
-    bool isStuck;          // the normal run could not read the record
-    std::string image;     // after the first run
-    std::string imageNext; // after the normal run
-};
-Fate FateOf(const Left& left, const std::string& wanted); // wanted: the image without a fault
+// What becomes of a phone, from what two runs in a row leave.
+Verdict Judge(Verdict first, Verdict next);

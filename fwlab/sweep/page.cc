@@ -44,12 +44,6 @@ std::string Filled(const char* text, const Json& data) {
     return mustache::mustache(text).render(DataOf(data));
 }
 
-size_t PlaceOf(const Json& fate) {
-    const auto* found = std::find_if(std::begin(FATES), std::end(FATES),
-                                     [&](Fate one) { return fate == FateText(one); });
-    return static_cast<size_t>(found - std::begin(FATES));
-}
-
 std::string CallText(const Json& call) {
     const std::string path = call["path"];
     return call["function"].get<std::string>() + (path.empty() ? "" : " ") + path;
@@ -59,12 +53,12 @@ std::string CallText(const Json& call) {
 
 struct Chip {
     std::string label;
-    size_t fate;
+    Verdict verdict;
     bool isPowerCut, isTorn, isWrong;
     size_t job, state;
 };
 bool operator==(const Chip& one, const Chip& other) { // but for the time lines
-    return one.label == other.label && one.fate == other.fate &&
+    return one.label == other.label && one.verdict == other.verdict &&
            one.isPowerCut == other.isPowerCut && one.isWrong == other.isWrong;
 }
 
@@ -72,14 +66,17 @@ bool operator==(const Chip& one, const Chip& other) { // but for the time lines
 std::vector<Chip> ChipsOf(const Json& call, const SweepResult& result) {
     std::vector<Chip> chips;
     for (const Json& left : call["left"]) {
-        const size_t job = left["job"];
+        const size_t job = left["job"], state = left["state"];
         const Fault& fault = result.jobs[job].fault;
-        const Chip chip = {left["label"],        PlaceOf(left["fate"]),
-                           left["is_power_cut"], fault.effect == Effect::TORN,
-                           left["violates"],     job,
-                           left["state"]};
+        const Chip chip = {left["label"],
+                           result.states[state].verdict,
+                           left["is_power_cut"],
+                           fault.effect == Effect::TORN,
+                           left["violates"],
+                           job,
+                           state};
         Chip* last = chips.empty() ? nullptr : &chips.back();
-        if (chip.isTorn && last != nullptr && last->isTorn && last->fate == chip.fate &&
+        if (chip.isTorn && last != nullptr && last->isTorn && last->verdict == chip.verdict &&
             last->isWrong == chip.isWrong) {
             last->label =
                 EffectText(result.jobs[last->job].fault) + " to " + std::to_string(fault.value);
@@ -160,9 +157,9 @@ Json BarOf(const std::vector<Chip>& chips, bool isPowerCut) {
     bool isWrong = false;
     for (const Chip& chip : chips) {
         if (chip.isPowerCut == isPowerCut) {
-            worst = std::max(worst, chip.fate);
+            worst = std::max(worst, RankOf(chip.verdict));
             isWrong = isWrong || chip.isWrong;
-            kind = "f" + std::to_string(worst);
+            kind = WordOf(LEFT[worst]);
         }
     }
     return {{"class", kind + (isWrong ? " wrong" : "")}};
@@ -174,8 +171,8 @@ Json CellOf(const std::vector<Chip>& chips, bool isPowerCut, const SweepResult& 
     for (const Chip& chip : chips) {
         if (chip.isPowerCut == isPowerCut) {
             shown.push_back(
-                {{"class", fmt::format("f{}{}", chip.fate, chip.isWrong ? " wrong" : "")},
-                 {"fate", FateText(FATES[chip.fate])},
+                {{"class", std::string(WordOf(chip.verdict)) + (chip.isWrong ? " wrong" : "")},
+                 {"answer", WordOf(chip.verdict)},
                  {"label", chip.label},
                  {"time_line", ids.at(result.results[chip.job].timeLine)},
                  {"next_time_line", ids.at(result.states[chip.state].timeLine)}});
@@ -264,11 +261,11 @@ std::string SweepPage(const Json& report, const SweepResult& result) {
                  {"count", report["violations"].size()},
                  {"wrong", report["violations"].empty() ? Json(false)
                                                         : Json{{"items", report["violations"]}}},
-                 {"fates", Json::array()},
+                 {"verdicts", Json::array()},
                  {"phones", Json::array()},
                  {"time_lines", TimeLinesOf(result, ids)}};
-    for (const Fate fate : FATES) {
-        page["fates"].push_back({{"place", static_cast<size_t>(fate)}, {"text", FateText(fate)}});
+    for (const Verdict verdict : LEFT) {
+        page["verdicts"].push_back({{"word", WordOf(verdict)}, {"sentence", SentenceOf(verdict)}});
     }
     for (const Json& phone : report["phones"]) {
         page["phones"].push_back(PhoneOf(phone, page["phones"].size(), result, ids));
@@ -280,7 +277,9 @@ std::string SweepJunit(const Json& report) {
     Json suites = Json::array();
     for (const Json& phone : report["phones"]) {
         Json cases = Json::array();
-        const Json failure = {{"message", "not updated"}, {"wrongs", {{{"line", phone["why"]}}}}};
+        const Json failure = {
+            {"message", "not updated"},
+            {"wrongs", {{{"line", TextOf(phone["answer"]) + ": " + TextOf(phone["why"])}}}}};
         cases.push_back({{"name", "the update without a fault"},
                          {"failure", phone["updated"] ? Json(false) : failure}});
         for (const Json& call : phone["course"]) {

@@ -13,12 +13,12 @@
 
 namespace {
 
-using Counts = std::array<size_t, std::size(FATES)>; // by fate
+using Counts = std::array<size_t, std::size(LEFT)>; // by rank
 
 Json Describe(const Counts& counts) {
     Json shown;
-    for (const Fate fate : FATES) {
-        shown[FateText(fate)] = counts[static_cast<size_t>(fate)];
+    for (const Verdict verdict : LEFT) {
+        shown[WordOf(verdict)] = counts[RankOf(verdict)];
     }
     return shown;
 }
@@ -32,26 +32,25 @@ struct Summary {
 
 Summary Summarize(const SweepResult& result, size_t scenario) {
     Summary sum;
-    std::map<size_t, Fate> cuts; // by the call before which the power fails
+    std::map<size_t, size_t> cuts; // the worst rank, by the call before which the power fails
     for (size_t i = 0; i < result.jobs.size(); i++) {
         const SweepJob& job = result.jobs[i];
         if (job.scenario != scenario) {
             continue;
         }
         for (const SweepLeft& left : result.results[i].left) {
-            const Fate fate = result.states[left.state].fate;
-            const auto place = static_cast<size_t>(fate);
+            const size_t rank = RankOf(result.states[left.state].verdict);
             if (!IsPowerCut(job.fault)) {
-                sum.failingCalls[place]++;
+                sum.failingCalls[rank]++;
                 continue;
             }
-            sum.states[place]++;
-            Fate& worst = cuts[job.call];
-            worst = std::max(worst, fate);
+            sum.states[rank]++;
+            size_t& worst = cuts[job.call];
+            worst = std::max(worst, rank);
         }
     }
-    for (const auto& [call, fate] : cuts) {
-        sum.powerCuts[static_cast<size_t>(fate)]++;
+    for (const auto& [call, rank] : cuts) {
+        sum.powerCuts[rank]++;
     }
     return sum;
 }
@@ -103,7 +102,7 @@ Json DescribeCourse(const SweepResult& result, size_t scenario) {
                 {{"fault", Escaped(FaultText(fault))},
                  {"label", Escaped(Label(job.fault, left.losses))},
                  {"is_power_cut", IsPowerCut(fault)},
-                 {"fate", FateText(state.fate)},
+                 {"answer", WordOf(state.verdict)},
                  {"violates", result.results[i].isWrong || state.isWrong},
                  {"job", i},
                  {"state", left.state}});
@@ -153,12 +152,13 @@ Json SweepReport(const std::string& package, const std::string& stateFolder,
     Json described = Json::array(), violations = Json::array();
     for (size_t i = 0; i < result.bases.size(); i++) {
         const Summary sum = Summarize(result, i);
+        const SweepBase& base = result.bases[i];
         described.push_back({{"phone", Escaped(phones[i].file)},
                              {"title", phones[i].title},
-                             {"updated", phones[i].isUpdated},
-                             {"why", phones[i].why},
-                             {"calls", result.bases[i].made.run.calls.size()},
-                             {"without_fault", FateText(result.bases[i].fate)},
+                             {"answer", WordOf(base.verdict)},
+                             {"updated", base.verdict == Verdict::UPDATED},
+                             {"why", base.why},
+                             {"calls", base.made.run.calls.size()},
                              {"failing_calls", Describe(sum.failingCalls)},
                              {"power_cuts", Describe(sum.powerCuts)},
                              {"states_after_cuts", Describe(sum.states)},
@@ -174,6 +174,11 @@ Json SweepReport(const std::string& package, const std::string& stateFolder,
             {"violations", violations}};
 }
 
+size_t RankOf(Verdict verdict) {
+    return static_cast<size_t>(std::find(std::begin(LEFT), std::end(LEFT), verdict) -
+                               std::begin(LEFT));
+}
+
 bool IsFine(const Json& report) {
     return report["violations"].empty() &&
            std::all_of(report["phones"].begin(), report["phones"].end(),
@@ -182,9 +187,9 @@ bool IsFine(const Json& report) {
 
 std::string CountsText(const Json& counts) {
     std::string text;
-    for (const auto& [fate, count] : counts.items()) {
+    for (const auto& [word, count] : counts.items()) {
         if (count > 0) {
-            text += fmt::format("{}{} {}", text.empty() ? "" : ", ", count.get<size_t>(), fate);
+            text += fmt::format("{}{} {}", text.empty() ? "" : ", ", count.get<size_t>(), word);
         }
     }
     return text;
@@ -194,10 +199,11 @@ void PrintReport(const Json& report) {
     const auto text = [](const Json& value) { return value.get<std::string>(); };
     for (const Json& phone : report["phones"]) {
         fmt::print("{}: {}\n", text(phone["phone"]), text(phone["title"]));
-        fmt::print("  without a fault: {}, in {} calls\n", text(phone["without_fault"]),
+        fmt::print("  without a fault: {}, in {} calls\n", text(phone["answer"]),
                    phone["calls"].get<size_t>());
         if (!phone["updated"]) {
-            fmt::print("  NOT UPDATED without a fault: {}\n", text(phone["why"]));
+            fmt::print("  NOT UPDATED without a fault: {}: {}\n", text(phone["answer"]),
+                       text(phone["why"]));
         }
         for (const auto& [key, what] :
              {std::pair("failing_calls", "  {} failing calls: {}\n"),
@@ -215,7 +221,7 @@ void PrintReport(const Json& report) {
                    ? ": the device got an update request for each revision in one run at most, "
                      "never after a failure that must stop the run, and never before the attempt "
                      "was on record; the record only grew; a power cut in the first run left the "
-                     "phone stuck only before the record was synced. A phone that a failing call "
-                     "left stuck is counted, but is no violation."
+                     "record unreadable only before it was synced. A record that a failing call "
+                     "left unreadable is counted, but is no violation."
                    : ".");
 }

@@ -12,8 +12,6 @@ struct SweepPhone {
     std::string file;  // its description
     Texts settings;    // KEY=VALUE, with which the sweep has read it
     std::string title; // for people
-    bool isUpdated;    // by the run without a fault
-    std::string why;   // it is not
 };
 
 // Of each phone: what the run without a fault came to, how often the faults leave what, the calls
@@ -26,7 +24,13 @@ Json SweepReport(const std::string& package, const std::string& stateFolder,
 // Whether it is what a release engineer wants to read: no violations, and all phones are updated.
 bool IsFine(const Json& report);
 
-// "3 updated by the next run, 2 stuck", of an object of the report with numbers by fate.
+// With what a phone of a sweep may be left; the worst one last.
+constexpr Verdict LEFT[] = {Verdict::UPDATED, Verdict::UPDATED_NEXT,      Verdict::NOTHING_TO_DO,
+                            Verdict::REFUSED, Verdict::ALREADY_ATTEMPTED, Verdict::STOPPED,
+                            Verdict::USED_UP, Verdict::RECORD_UNREADABLE, Verdict::WRONG_IMAGE};
+size_t RankOf(Verdict verdict); // its place there
+
+// "3 updated-next, 2 used-up", of an object of the report with numbers by verdict.
 std::string CountsText(const Json& counts);
 
 void PrintReport(const Json& report);

@@ -5,6 +5,7 @@
 
 #include "fwlab/base/stop.h"
 #include "fwlab/base/work_folder.h"
+#include "fwlab/phone/decision.h"
 #include "simphone/fault.h"
 
 #include <algorithm>
@@ -48,6 +49,12 @@ struct Followed {
     bool isTorn; // only torn writes leave it
 };
 
+// What the package of a scenario is for its phone.
+struct Expected {
+    Package package;
+    Decision decision;
+};
+
 struct JobOutcome {
     std::vector<std::pair<Losses, Start>> left;
     std::vector<SweepViolation> violations;
@@ -68,6 +75,7 @@ struct Worker {
 struct Sweep {
     const std::vector<SweepScenario>& scenarios;
     const SweepOptions& options;
+    std::vector<Expected> expected; // of each scenario
     std::vector<Worker> workers;
     SweepResult result = {};
     std::atomic<size_t> runs = 0;
@@ -128,10 +136,9 @@ void Prepare(Sweep& sweep, Worker& worker, size_t scenario, const StateDirectory
     PutState(worker.phone, state);
 }
 
-void Violate(Sweep& sweep, Following& following, Wrong wrong, const std::string& detail) {
+void Violate(Following& following, Wrong wrong, const std::string& detail) {
     const size_t call = following.job == nullptr ? 0 : following.job->call;
     following.violations.push_back({wrong, following.scenario, call, following.faults, detail});
-    sweep.isEnding = sweep.isEnding || sweep.options.stopsAtFirst;
 }
 
 // The next run on the phone, judged.
@@ -145,25 +152,42 @@ MadeRun Run(Sweep& sweep, const Worker& worker, SweepRun::Kind kind, Following& 
         made.faults.clear(); // this run ended before the call: it was a normal one
         made.run.unmetFaults.clear();
     } else if (!made.run.unmetFaults.empty()) {
-        throw Stop{2, fmt::format("{} met no call of its run: does the tool make the same calls in "
-                                  "each run?",
-                                  FaultText(*fault))};
+        throw Stop{2, fmt::format("{} met none of the {} calls of its run: does the tool make the "
+                                  "same calls in each run?",
+                                  FaultText(*fault), made.run.calls.size())};
     }
     const bool isBase = kind == SweepRun::BASE;
     const RunResult& base = isBase ? made.run : sweep.result.bases[following.scenario].made.run;
     following.course = isBase ? CourseBefore(base) : following.course;
     following.faults.push_back(made.faults.empty() ? std::nullopt : fault);
     for (const Wrong wrong : WrongsOf(made, &base, following.course)) {
-        Violate(sweep, following, wrong, "");
+        Violate(following, wrong, "");
     }
     if (options.check) {
         const SweepRun run = {kind,          following.scenario,     &base,
                               following.job, worker.phone.directory, &made};
         for (const std::string& detail : options.check(run)) {
-            Violate(sweep, following, Wrong::UNEXPECTED, detail);
+            Violate(following, Wrong::UNEXPECTED, detail);
         }
     }
     return made;
+}
+
+Expected ExpectedOf(const SweepScenario& scenario) {
+    const Device device = DeviceOf(scenario.phone);
+    Expected expected = {OpenPackage(scenario.package, device.identity.layout), {}};
+    const bool hasRecord = HasRecord(scenario.before);
+    const Record record = hasRecord ? ParseRecord(RecordOf(scenario.before)) : Record();
+    expected.decision = Decide(expected.package, device, hasRecord ? &record : nullptr);
+    return expected;
+}
+
+// What has become of a phone of the scenario that has this state directory now.
+Verdict VerdictOf(const Sweep& sweep, size_t scenario, const std::string& image,
+                  const StateDirectory& state) {
+    const Expected& expected = sweep.expected[scenario];
+    return Judge(expected.package, expected.decision, image, sweep.scenarios[scenario].before,
+                 state);
 }
 
 // ---- A job ----
@@ -240,11 +264,10 @@ FollowOutcome Follow(Sweep& sweep, Worker& worker, const Followed& followed, siz
     Prepare(sweep, worker, start.scenario, state);
     Following again = following;
     const MadeRun next = Run(sweep, worker, SweepRun::NEXT, following, std::nullopt);
-    const bool hasGrown =
-        RecordOf(next.after).size() > RecordOf(sweep.scenarios[start.scenario].before).size();
-    outcome.state.fate = FateOf({following.course.isAsked || hasGrown, IsStuck(next.run),
-                                 *start.image, TakenImage(worker.phone)},
-                                sweep.result.bases[start.scenario].image);
+    const std::string later = TakenImage(worker.phone);
+    outcome.state.verdict =
+        Judge(VerdictOf(sweep, start.scenario, *start.image, state),
+              VerdictOf(sweep, start.scenario, later.empty() ? *start.image : later, next.after));
     outcome.state.timeLine = KeptTimeLine(sweep, start.scenario, next.run);
     if (outcome.violations.empty() && !followed.isTorn) { // a torn state is like many others
         CutAndRunNext(sweep, worker, following, next.run, turn);
@@ -316,28 +339,21 @@ void ShareOut(Sweep& sweep, size_t count, const char* what,
 void RunBases(Sweep& sweep) {
     SweepResult& result = sweep.result;
     Worker& worker = sweep.workers.front();
-    Tried tried;
-    size_t count = 0;
     for (size_t i = 0; i < sweep.scenarios.size() && result.interruptedBy == 0; i++) {
-        const SweepScenario& scenario = sweep.scenarios[i];
         Following following = {i, nullptr, {}, {}, result.violations};
-        Prepare(sweep, worker, i, scenario.before);
+        Prepare(sweep, worker, i, sweep.scenarios[i].before);
         result.bases.push_back({Run(sweep, worker, SweepRun::BASE, following, std::nullopt)});
         SweepBase& base = result.bases.back();
+        const Decision& decision = sweep.expected[i].decision;
         base.timeLine = TimeLine(base.made.run);
-        base.image = TakenImage(worker.phone);
-        const MadeRun next = Run(sweep, worker, SweepRun::NEXT, following, std::nullopt);
-        const bool hasGrown = RecordOf(next.after).size() > RecordOf(scenario.before).size();
-        base.fate = FateOf({following.course.isAsked || hasGrown, IsStuck(next.run), base.image,
-                            TakenImage(worker.phone)},
-                           base.image);
-        for (const SweepJob& job :
-             JobsOf(base.made.run, i, scenario.before.isThere, sweep.options.cutsEverywhere,
-                    sweep.options.skipsRepeats ? &tried : nullptr)) {
-            if (count++ % sweep.options.everyNth == 0) {
-                result.jobs.push_back(job);
-            }
+        base.verdict = VerdictOf(sweep, i, TakenImage(worker.phone), base.made.after);
+        base.why = base.verdict == decision.verdict ? WhyOf(decision) : SentenceOf(base.verdict);
+        (void)Run(sweep, worker, SweepRun::NEXT, following, std::nullopt); // for what it violates
+        std::vector<SweepJob> jobs = JobsOf(base.made.run, i);
+        if (sweep.options.select) {
+            sweep.options.select(base.made.run, jobs);
         }
+        result.jobs.insert(result.jobs.end(), jobs.begin(), jobs.end());
         result.interruptedBy = TakeSignal(0);
     }
 }
@@ -406,7 +422,10 @@ SweepResult RunSweep(const std::vector<SweepScenario>& scenarios, const SweepOpt
     // For speed, of the tool's runs: 8 MiB of each UFS run in fewer page faults.
     setenv("GLIBC_TUNABLES", "glibc.malloc.hugetlb=1", 0);
     const size_t processors = std::max(1U, std::thread::hardware_concurrency());
-    Sweep sweep = {scenarios, options, {}};
+    Sweep sweep = {scenarios, options, {}, {}};
+    for (const SweepScenario& scenario : scenarios) {
+        sweep.expected.push_back(ExpectedOf(scenario));
+    }
     for (size_t i = 0; i < (options.threads > 0 ? options.threads : processors); i++) {
         sweep.workers.push_back({{fmt::format("{}/phone-{}", folder.path, i), {}}});
     }

@@ -4,6 +4,7 @@
 #pragma once
 
 #include "fwlab/base/text.h"
+#include "fwlab/phone/verdict.h"
 #include "fwlab/sweep/jobs.h"
 #include "fwlab/sweep/judge.h"
 
@@ -28,11 +29,9 @@ using SweepCheck = std::function<Texts(const SweepRun& run)>;
 struct SweepOptions {
     std::string tool, phoneLibrary; // phoneLibrary empty: beside the tool
     unsigned threads = 0;           // 0: one for each processor
-    bool skipsRepeats = false;      // leave out runs much like others, see JobsOf
-    bool cutsEverywhere = false;    // also at calls that change nothing
-    size_t everyNth = 1;            // only each Nth job
-    bool stopsAtFirst = false;      // stop at the first violation: the result is not whole
     bool keepsTimeLines = false;
+    // Called with the jobs of each scenario, in their order: may leave some out.
+    std::function<void(const RunResult& base, std::vector<SweepJob>& jobs)> select = {};
     SweepCheck check = {};
     // What was done so far, and of how many: faults, then phones that they have left.
     std::function<void(size_t done, size_t all, const char* what)> progress = {};
@@ -48,7 +47,7 @@ bool operator<(const SweepTimeLine& one, const SweepTimeLine& other);
 
 // A phone that a job has left, and what the normal run on it came to.
 struct SweepState {
-    Fate fate;
+    Verdict verdict;
     bool isWrong;                  // a run that followed violates what must hold
     const SweepTimeLine* timeLine; // of the normal run; null if they are not kept
 };
@@ -59,7 +58,7 @@ struct SweepLeft {
     size_t state; // in SweepResult.states
 };
 struct SweepJobResult {
-    std::vector<SweepLeft> left; // empty if the job was not done
+    std::vector<SweepLeft> left; // one at least
     bool isWrong;                // its own run violates what must hold
     const SweepTimeLine* timeLine;
 };
@@ -75,8 +74,8 @@ struct SweepViolation {
 struct SweepBase {
     MadeRun made;
     std::vector<TimeLineEntry> timeLine = {};
-    std::string image = {}; // that the device has taken
-    Fate fate = {};
+    Verdict verdict = {};
+    std::string why = {}; // for people
 };
 
 struct SweepResult {

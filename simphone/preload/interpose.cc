@@ -78,7 +78,7 @@ std::string KeptPath(const char* path) {
     const std::string host = HostPath(path), folder = session->directory + REMOVED_FOLDER;
     std::error_code status;
     if (fs::path(path).parent_path() == "/data/vendor/fw" && fs::is_regular_file(host, status)) {
-        const fs::path kept = folder + fs::path(path).filename().string();
+        const fs::path kept = folder + fs::path(path).filename().string() + REMOVED_SUFFIX;
         if (fs::create_directory(folder, status); !status) {
             fs::remove(kept, status);
             fs::create_hard_link(host, kept, status);

@@ -2,6 +2,7 @@
 // rehearsal. A power cut leaves what a file system may leave, and a fault that did nothing is told.
 #include "simphone/device/device.h"
 #include "simphone/power_loss.h"
+#include "simphone/show.h"
 #include "test/phone/phone.h"
 
 #include <array>
@@ -286,7 +287,7 @@ TEST_F(SimphoneTest, RunThatCannotBeKeptIsAnError) {
         {"/errors.log", "/nowhere/file", "errors.log: No such file or directory"},
         {"/device/downloaded.bin", "/dev/full", "downloaded.bin: No space left on device"},
         {"/device/pending", "/", "pending: Is a directory"},
-        {"/removed", "/dev/null", "removed/ffu.bgn: Not a directory"},
+        {"/removed", "/dev/null", "removed/ffu.bgn.removed: "},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.log + row.target);
@@ -435,6 +436,23 @@ TEST_F(SimphoneTest, HalfMadePhoneIsShownAndNotRestarted) {
     for (const char* part : {"product_name: No such file", "FW000002\n", "    a\\nb\n"}) {
         EXPECT_NE(shown.find(part), std::string::npos) << shown;
     }
+    // No file but flags and records is shown whole: digests of "" and "abc" from FIPS 180-2.
+    Put(STATE + "/ufs_fw_body.bin", "abc");
+    Put(STATE + "/ffu.ok", "passed\xFF");
+    const std::string parts = ShowPhone(phone);
+    for (const char* part :
+         {"    ufs_fw_body.bin\n      3 bytes, sha256 "
+          "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad\n",
+          "    ffu.ok\n      passed\\xff\n", "    a\\nb\n      1 bytes, sha256 "}) {
+        EXPECT_NE(parts.find(part), std::string::npos) << parts;
+    }
+    EXPECT_EQ(parts.find("abc\n"), std::string::npos);
+    for (const std::string place : {"", "/", "/..", "//"}) { // this machine is no phone
+        EXPECT_FALSE(MakePhone(phone.description, place, error));
+        EXPECT_EQ(error, Quoted(place) + ": is no place for a phone");
+        EXPECT_FALSE(OpenPhone(place, phone, error));
+        EXPECT_EQ(error, Quoted(place) + ": is no place for a phone");
+    }
     Put("/phone.toml", ""); // as far as another MakePhone has come
     EXPECT_FALSE(OpenPhone(directory, phone, error));
 }
@@ -455,7 +473,9 @@ TEST_F(SimphoneTest, SettingsReplaceKeys) {
         {{"revision"}, "", "", "revision: is not KEY=VALUE"},
         {{"revision.x=1"}, "", "", "revision.x=1: is not KEY=VALUE"},
         {{"revison=1000"}, "", "", "unknown key: revison"},
-        {{"max_hw_sectors_kb=1\nmode=2"}, "", "", "is not TOML"},
+        {{"revison=0700"}, "", "", "unknown key: revison"}, // no number of TOML
+        {{"max_hw_sectors_kb=1\nmode=2"}, "", "", "max_hw_sectors_kb is not a number"},
+        {{"max_hw_sectors_kb=1", "max_hw_sectors_kb=0700"}, "", "", "is not TOML"},
         {{"firmware.revision=toolong"}, "", "", "revision is not"},
     };
     Make(UfsPhone({{"product_name", R"("\nA'''\\\u0001\u0085\n")"}}));
@@ -474,6 +494,16 @@ TEST_F(SimphoneTest, SettingsReplaceKeys) {
             EXPECT_EQ(Get("/again/proc/bootdevice/product_name"), row.name);
             EXPECT_EQ(Get("/again/proc/bootdevice/manfid"), row.mid);
         }
+    }
+}
+
+TEST(FaultText, PartsHaveAnOrder) {
+    for (const char* text :
+         {"SG_IO EIO #2", "write EIO /dev/block/sdc", "write #2 /dev/block/sdc EIO"}) {
+        Fault fault;
+        std::string error;
+        EXPECT_FALSE(ParseFault(text, fault, error)) << text;
+        EXPECT_NE(error.find("CALL PATH #N EFFECT is the order"), std::string::npos) << error;
     }
 }
 
