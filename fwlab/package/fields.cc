@@ -114,11 +114,11 @@ std::string BaseRevsOf(const Identity& identity) {
 
 } // namespace
 
-void TakeField(Keys keys, const Field& field, Need need, Identity& identity) {
+void TakeField(Keys keys, const Field& field, Identity& identity) {
     if (field.size == 0) {
         return;
     }
-    Take(keys, field.key, need,
+    Take(keys, field.key, field.isOptional ? OPTIONAL : REQUIRED,
          field.size == 1                        ? "a number from 0 to 255"
          : &field == &identity.layout->baseRevs ? "a list of revisions"
                                                 : "made of texts, or of numbers from 0 to 255",

@@ -6,7 +6,7 @@
 #include "simphone/keys.h"
 
 // Takes the field's key into identity; does nothing if the layout does not have the field.
-void TakeField(Keys keys, const Field& field, Need need, Identity& identity);
+void TakeField(Keys keys, const Field& field, Identity& identity);
 
 // The field's value in TOML, from which TakeField reads the same bytes.
 std::string TomlValue(const Identity& identity, const Field& field);

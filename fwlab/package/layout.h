@@ -13,6 +13,7 @@ struct Field {
     const char* key;
     size_t offset, size;
     Filling filling;
+    bool isOptional; // in manifests: phones do not need it
 };
 
 struct Layout {

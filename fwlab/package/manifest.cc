@@ -46,23 +46,17 @@ std::string TakeDigest(Keys keys) {
     return digest;
 }
 
-// For devices of any revision.
+// For devices of any revision: what an entry without the optional keys has.
 Identity NewEntry(const Layout& layout) {
     Identity identity = NewIdentity(layout);
     Set(identity, layout.baseRevs, std::string(BASE_REVS_SIZE, '\xFF'));
     return identity;
 }
 
-// Without its key, such a field is as NewEntry has it.
-bool IsOptional(const Layout& layout, const Field& field) {
-    return &field == &layout.productRevision || &field == &layout.serialNumber ||
-           &field == &layout.marketName || &field == &layout.baseRevs;
-}
-
 ManifestEntry ReadEntry(Keys keys, const Layout& layout, const std::filesystem::path& folder) {
     Identity identity = NewEntry(layout);
     for (const Field* field : FieldsOf(layout)) {
-        TakeField(keys, *field, IsOptional(layout, *field) ? OPTIONAL : REQUIRED, identity);
+        TakeField(keys, *field, identity);
     }
     const std::string imageFile = folder / TakeText(keys, "image");
     const std::string wanted = TakeDigest(keys);
@@ -86,7 +80,7 @@ std::string ManifestText(const Layout& layout, const std::vector<ManifestEntry>&
         text += "\n[[entry]]\n";
         for (const Field* field : FieldsOf(layout)) {
             const bool isDefault = Get(entry.identity, *field) == Get(NewEntry(layout), *field);
-            if (!IsOptional(layout, *field) || !isDefault) {
+            if (!field->isOptional || !isDefault) {
                 add(field->key, TomlValue(entry.identity, *field));
             }
         }

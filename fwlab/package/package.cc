@@ -145,8 +145,7 @@ nlohmann::ordered_json Describe(const Package& package, const Entry& entry) {
     for (const Field* field : FieldsOf(layout)) {
         const std::string bytes = Get(entry.identity, *field);
         const bool isZero = bytes == std::string(bytes.size(), '\0');
-        if (!isZero || (field != &layout.productRevision && field != &layout.serialNumber &&
-                        field != &layout.marketName)) {
+        if (!isZero || !field->isOptional) {
             shown[field->key] =
                 field->size == 1 ? Json(static_cast<uint8_t>(bytes[0])) : Json(Escaped(bytes));
         }

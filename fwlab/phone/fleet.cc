@@ -16,7 +16,7 @@ std::vector<Running> TakeRunning(Keys keys, Identity identity) {
     std::vector<Running> running;
     const char wanted[] = "a list of tables such as { revision = \"0800\", phones = 9 }";
     TakeTables(keys, "running", wanted, [&](Keys inner) {
-        TakeField(inner, identity.layout->revision, REQUIRED, identity);
+        TakeField(inner, identity.layout->revision, identity);
         const std::string revision = RevisionOf(identity);
         const uint32_t phones = TakeNumber(inner, "phones", UINT32_MAX);
         Demand(inner, phones > 0, "phones is 0");
@@ -45,7 +45,7 @@ Device TakeDevice(Keys keys, const std::filesystem::path& folder) {
     const Layout& layout = isEmmc ? EMMC : UFS;
     Device device = {NewIdentity(layout), false, 0};
     for (const Field* field : {&layout.manufacturer, &layout.name, &layout.extCsdRev}) {
-        TakeField(keys, *field, REQUIRED, device.identity);
+        TakeField(keys, *field, device.identity);
     }
     if (isEmmc) {
         device.gki = TakeChoice(keys, "mode", "gki", "normal");

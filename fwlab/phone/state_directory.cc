@@ -12,9 +12,9 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
+#include <fcntl.h>
 #include <filesystem>
 #include <fmt/format.h>
-#include <fstream>
 #include <optional>
 #include <set>
 #include <sys/stat.h>
@@ -44,10 +44,16 @@ const char* FileName(const char* phonePath) {
 
 std::string ReadTail(const std::string& path, size_t size) {
     std::string tail(std::min(size, TAIL_SIZE), '\0');
-    std::ifstream file(path, std::ios::binary);
-    file.seekg(static_cast<off_t>(size - tail.size()));
-    if (!file.read(tail.data(), static_cast<std::streamsize>(tail.size()))) {
-        throw FailureAt(path, errno);
+    const int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    const auto from = static_cast<off_t>(size - tail.size());
+    const ssize_t count = fd < 0 ? -1 : pread(fd, tail.data(), tail.size(), from);
+    const int reason = errno;
+    close(fd);
+    if (count < 0) {
+        throw FailureAt(path, reason);
+    }
+    if (static_cast<size_t>(count) != tail.size()) {
+        throw Stop{2, path + ": becomes shorter while it is read"};
     }
     if (size > TAIL_SIZE) { // from the begin of a line on
         tail.erase(0, tail.find('\n'));

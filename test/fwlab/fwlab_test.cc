@@ -404,7 +404,7 @@ TEST_F(FwlabTest, SettingsThatNoDescriptionCanHaveAreRefused) {
         {"phone.toml: unknown key: colour", "colour=1"},
         {"phone.toml: *revision is not", "revision=08000"},
         {"revision=*backslash", "revision=\\x5"},
-        {"max_hw_sectors_kb=many", "max_hw_sectors_kb=many"},
+        {"phone.toml: max_hw_sectors_kb is not", "max_hw_sectors_kb=many"},
         {"phone.toml: max_hw_sectors_kb is not", "max_hw_sectors_kb=-1"},
         {"phone.toml: write_buffer: ", "write_buffer=\"perhaps\""},
         {"revision: is not KEY=VALUE", "revision"},
