@@ -49,8 +49,6 @@ std::string CallText(const Json& call) {
     return call["function"].get<std::string>() + (path.empty() ? "" : " ") + path;
 }
 
-// ---- What is left after the faults at one call ----
-
 struct Chip {
     std::string label;
     Verdict verdict;
@@ -86,8 +84,6 @@ std::vector<Chip> ChipsOf(const Json& call, const SweepResult& result) {
     }
     return chips;
 }
-
-// ---- Time lines ----
 
 using TimeLineIds = std::map<const SweepTimeLine*, size_t>;
 
@@ -147,8 +143,6 @@ Json TimeLinesOf(const SweepResult& result, const TimeLineIds& ids) {
     }
     return shown;
 }
-
-// ---- The page ----
 
 // One of the two bars of a call: the worst that its chips leave.
 Json BarOf(const std::vector<Chip>& chips, bool isPowerCut) {

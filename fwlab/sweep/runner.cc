@@ -191,8 +191,6 @@ Verdict VerdictOf(const Sweep& sweep, size_t scenario, const std::string& image,
                  state);
 }
 
-// ---- A job ----
-
 Start StartOf(Sweep& sweep, const Following& following, const StateDirectory& state,
               const std::string* image) {
     Start start = {following.scenario, following.course, image, state.isThere, {}};
@@ -222,8 +220,6 @@ JobOutcome Do(Sweep& sweep, Worker& worker, const SweepJob& job) {
     outcome.timeLine = KeptTimeLine(sweep, job.scenario, made.run);
     return outcome;
 }
-
-// ---- What follows a job ----
 
 StateDirectory StateOf(const Start& start) {
     StateDirectory state = {start.isThere, {}};
@@ -280,8 +276,6 @@ FollowOutcome Follow(Sweep& sweep, Worker& worker, const Followed& followed, siz
     outcome.state.isWrong = !outcome.violations.empty();
     return outcome;
 }
-
-// ---- All of them ----
 
 // In a thread of its own: takes the next piece of work until there is none.
 void Work(Sweep& sweep, std::atomic<size_t>& next, size_t count,
