@@ -19,7 +19,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             Match(file, ReadPhone(phone.directory + "/phone.toml"), "", (data[0] & 4) != 0);
         } else if (reader == 2) {
             std::filesystem::rename(file, phone.directory + "/data/vendor/fw/fw_result");
-            Outcome({{phone.directory + "/data/vendor/fw"}, {}}, (data[0] & 4) != 0);
+            Outcome({{phone.directory + "/data/vendor/fw"}, {}, (data[0] & 8) != 0},
+                    (data[0] & 4) != 0);
         } else {
             Pack(file, phone.directory + "/package", false, (data[0] & 4) != 0);
         }
