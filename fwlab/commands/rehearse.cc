@@ -238,10 +238,7 @@ int RehearseIn(const Phone& phone, const RehearseOptions& options, const Faults&
     }
     const StateDirectory before = options.state.value_or(StateDirectory{});
     PutState(phone, before);
-    const bool hasRecord = HasRecord(before);
-    const Record record = hasRecord ? ParseRecord(RecordOf(before)) : Record();
-    const Decision decision =
-        Decide(package, DeviceOf(phone.description), hasRecord ? &record : nullptr);
+    const Decision decision = Decide(package, DeviceOf(phone.description), before);
     const auto judge = [&](const Running& running) {
         return Judge(package, decision, running.image, before, ReadStateDirectory(phone.directory));
     };

@@ -2,6 +2,7 @@
 // phones are left with. Called by hand and by CI systems; leaves only the files that were asked
 // for.
 #include "fwlab/base/output.h"
+#include "fwlab/base/progress.h"
 #include "fwlab/commands/commands.h"
 #include "fwlab/phone/device.h"
 #include "fwlab/sweep/page.h"
@@ -9,7 +10,6 @@
 
 #include <filesystem>
 #include <fmt/format.h>
-#include <unistd.h>
 
 namespace fs = std::filesystem;
 
@@ -17,11 +17,6 @@ namespace {
 
 // Of a phone that has none: the clock stands still, so that equal runs leave equal files.
 constexpr char CLOCK[] = "clock=2026-03-07T09:05:02.041";
-
-void ShowProgress(size_t done, size_t all, const char* what) {
-    fmt::print(stderr, "\r\x1b[K{} of {} {}", done, all, what);
-    fflush(stderr);
-}
 
 // Reads the phone's description, and tells its title.
 Description ReadSwept(SweepPhone& phone) {
@@ -64,12 +59,9 @@ SweepResult RunAll(const SweepRequest& request, const std::vector<SweepScenario>
     options.tool = Companion("ffu");
     options.threads = request.jobs;
     options.keepsTimeLines = !request.html.empty();
-    const bool isSeen = isatty(STDERR_FILENO) != 0;
-    if (isSeen) {
-        options.progress = ShowProgress;
-    }
+    options.progress = ShowProgress;
     SweepResult result = RunSweep(scenarios, options);
-    fmt::print(stderr, "{}", isSeen ? "\r\x1b[K" : "");
+    ShowProgress(0, 0, ""); // nothing is left of it, after an interruption too
     if (result.interruptedBy != 0) {
         throw Stop{128 + result.interruptedBy, "interrupted"};
     }

@@ -294,13 +294,18 @@ Json NumberOf(const Entry* entry) {
     return entry == nullptr ? Json() : Json(entry->number);
 }
 
-// The phone's record; null if there is none.
+} // namespace
+
 const std::string* RecordIn(const StateDirectory& state) {
     const auto record = state.files.find(std::filesystem::path(RESULT_FILE).filename());
     return record == state.files.end() ? nullptr : &record->second;
 }
 
-} // namespace
+Decision Decide(const Package& package, const Device& device, const StateDirectory& state) {
+    const std::string* content = RecordIn(state);
+    const Record record = content == nullptr ? Record() : ParseRecord(*content);
+    return Decide(package, device, content == nullptr ? nullptr : &record);
+}
 
 std::string Sentence(const Reason& reason, const Identity& device) {
     const Layout& layout = *device.layout;

@@ -84,6 +84,12 @@ std::string WhyOf(const Decision& decision); // the sentence of its reason
 // what it gets.
 Decision Decide(const Package& package, const Device& device, const Record* record = nullptr);
 
+// The same for a phone with this state directory.
+Decision Decide(const Package& package, const Device& device, const StateDirectory& state);
+
+// The content of its record; null if there is none.
+const std::string* RecordIn(const StateDirectory& state);
+
 // For a phone without a package of its technology.
 Decision DecideWithoutPackage(const Device& device);
 

@@ -1,18 +1,16 @@
 // Judges runs by their calls, requests, logs and files.
 #include "fwlab/sweep/judge.h"
 
+#include "fwlab/phone/decision.h"
 #include "fwlab/sweep/jobs.h"
 #include "run/result_record.h"
 
 #include <algorithm>
 #include <csignal>
-#include <filesystem>
 #include <regex>
 #include <tuple>
 
 namespace {
-
-const std::string RECORD_NAME = std::filesystem::path(RESULT_FILE).filename();
 
 // Calls, as "function path", whose failure does not keep a run from its download.
 const std::regex GOES_ON(
@@ -106,7 +104,9 @@ std::vector<Wrong> WrongsOf(const MadeRun& made, const RunResult* base, Course& 
     const auto find = [&](bool isSo, Wrong wrong) {
         found.insert(found.end(), isSo ? 1 : 0, wrong);
     };
-    const std::string old = RecordOf(made.before), record = RecordOf(made.after);
+    const std::string *before = RecordIn(made.before), *after = RecordIn(made.after);
+    const std::string old = before == nullptr ? "" : *before;
+    const std::string record = after == nullptr ? "" : *after;
     const bool isAttempt = IsAttempt(run);
     find(run.timedOut, Wrong::NO_END);
     find(!run.timedOut && run.signal != (HasCut(made) ? SIGKILL : 0), Wrong::BAD_END);
@@ -159,14 +159,6 @@ bool IsStuck(const RunResult& run) {
     return std::any_of(run.calls.begin(), run.calls.end(), [](const CallEntry& call) {
         return call.message.find("CheckResultFile: ParseResultFile error") != std::string::npos;
     });
-}
-
-bool HasRecord(const StateDirectory& state) {
-    return state.files.count(RECORD_NAME) > 0;
-}
-
-std::string RecordOf(const StateDirectory& state) {
-    return HasRecord(state) ? state.files.at(RECORD_NAME) : "";
 }
 
 Verdict Judge(Verdict first, Verdict next) {

@@ -51,8 +51,5 @@ size_t FirstFailure(const RunResult& run, const RunResult& base);
 // Whether the run could not read the record.
 bool IsStuck(const RunResult& run);
 
-bool HasRecord(const StateDirectory& state);
-std::string RecordOf(const StateDirectory& state); // the record's content; empty without one
-
 // What becomes of a phone, from what two runs in a row leave.
 Verdict Judge(Verdict first, Verdict next);

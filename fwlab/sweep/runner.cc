@@ -177,9 +177,7 @@ MadeRun Run(Sweep& sweep, const Worker& worker, SweepRun::Kind kind, Following& 
 Expected ExpectedOf(const SweepScenario& scenario) {
     const Device device = DeviceOf(scenario.phone);
     Expected expected = {OpenPackage(scenario.package, device.identity.layout), {}};
-    const bool hasRecord = HasRecord(scenario.before);
-    const Record record = hasRecord ? ParseRecord(RecordOf(scenario.before)) : Record();
-    expected.decision = Decide(expected.package, device, hasRecord ? &record : nullptr);
+    expected.decision = Decide(expected.package, device, scenario.before);
     return expected;
 }
 
