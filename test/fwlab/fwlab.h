@@ -34,6 +34,20 @@ inline Answer FwlabIn(const std::string& folder, const std::string& arguments,
     return Shell("cd " + folder + " && " + before + " " FWLAB_PATH " " + arguments);
 }
 
+// The status, and the texts between the stars in the output, in this order.
+inline void Expect(const Answer& answer, int status, const std::string& texts = "") {
+    EXPECT_EQ(answer.status, status) << answer.text;
+    EXPECT_EQ(fnmatch(("*" + texts + "*").c_str(), answer.text.c_str(), FNM_NOESCAPE), 0)
+        << "no " << texts << " in:\n"
+        << answer.text;
+}
+
+// What a command must say of a package and a phone.
+struct Told {
+    int status;
+    std::string texts, phone, package, options = "";
+};
+
 class FwlabTest : public PhoneTest {
 protected:
     void SetUp() override {
@@ -52,12 +66,12 @@ protected:
         Put("/manifest.toml", manifest);
         return Fwlab("pack manifest.toml -o package " + options);
     }
-};
 
-// The status, and the texts between the stars in the output, in this order.
-inline void Expect(const Answer& answer, int status, const std::string& texts = "") {
-    EXPECT_EQ(answer.status, status) << answer.text;
-    EXPECT_EQ(fnmatch(("*" + texts + "*").c_str(), answer.text.c_str(), FNM_NOESCAPE), 0)
-        << "no " << texts << " in:\n"
-        << answer.text;
-}
+    void ExpectTold(const std::string& command, const Told& told) const {
+        SCOPED_TRACE(told.texts);
+        Put("/phone.toml", told.phone);
+        Put("/package", told.package);
+        Expect(Fwlab(command + " package --phone phone.toml " + told.options), told.status,
+               told.texts);
+    }
+};

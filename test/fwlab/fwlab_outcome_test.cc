@@ -52,11 +52,6 @@ protected:
     }
 };
 
-unsigned FromEnvironment(const char* name, unsigned otherwise) {
-    const char* text = getenv(name);
-    return text == nullptr ? otherwise : static_cast<unsigned>(std::stoul(text));
-}
-
 void ExpectPrintable(const std::string& text) {
     for (const char c : text) {
         EXPECT_TRUE(c == '\n' || (c >= ' ' && c <= '~')) << static_cast<int>(c);

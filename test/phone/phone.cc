@@ -108,6 +108,11 @@ Description DescriptionOf(const std::string& file, const Texts& settings) {
     return phone;
 }
 
+unsigned FromEnvironment(const char* name, unsigned otherwise) {
+    const char* text = getenv(name);
+    return text == nullptr ? otherwise : static_cast<unsigned>(std::stoul(text));
+}
+
 void ExpectProperCalls(const RunResult& result) {
     std::string pathBefore;
     for (const CallEntry& call : result.calls) {

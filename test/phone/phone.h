@@ -43,6 +43,9 @@ Texts FaultTexts(const std::vector<Fault>& faults);
 // What a file says; throws if it describes no phone.
 Description DescriptionOf(const std::string& file, const Texts& settings = {});
 
+// A number from the environment, such as a seed.
+unsigned FromEnvironment(const char* name, unsigned otherwise);
+
 // The shipped descriptions; `overrides` replaces or adds keys, such as {{"ext_csd_rev", "6"}}.
 std::string GkiPhone(const Overrides& overrides = {});
 std::string NormalPhone(Overrides overrides = {});
