@@ -2,13 +2,7 @@
 // be seen here, before the package is on phones.
 #include "test/fwlab/fwlab.h"
 
-#include <nlohmann/json.hpp>
-#include <random>
-#include <regex>
-
 namespace {
-
-using Json = nlohmann::json;
 
 std::string Model(const std::string& keys, const std::string& running) {
     return "[[model]]\n" + keys + "running = [" + running + "]\n";
@@ -214,75 +208,4 @@ TEST_F(PlanTest, KnowsAttemptsOnRecord) {
     Expect(Fwlab("plan package --fleet fleet.toml --records pulled --json"), 1,
            "\"answer\": \"unknown\"*\"entry\": null*\"cases\": *\"answer\": \"already-attempted\"*"
            "\"revision\": \"0900\"*\"answer\": \"nothing-to-do\"*\"totals\": {*\"unknown\": 1");
-}
-
-// Fleets of which each phone is known, with one directory for each that has tried. Each must be in
-// the row with the answer that `match` gives for it, or with both answers if it may run two
-// revisions.
-TEST_F(PlanTest, AnswersLikeMatch) {
-    std::mt19937 random(1);
-    const auto below = [&](unsigned end) { return static_cast<unsigned>(random() % end); };
-    const Texts revisions = {"0700", "0800", "0850", "0900"};
-    Put("/phone.toml", UfsPhone());
-    for (unsigned fleet = 0; fleet < 25 && !HasFailure(); fleet++) {
-        const Texts bases = {std::string(16, '\xFF'), "0800", "07000800"};
-        Put("/package", With(UfsEntry(revisions[below(4)]), UFS_BASE_FIELD, bases[below(3)]));
-        std::map<std::string, std::string> known;
-        const auto match = [&](const std::string& revision, const std::string& record) {
-            std::string& answer = known[revision + record];
-            if (answer.empty()) {
-                Put("/record", record);
-                const std::string option = record.empty() ? "" : " --record record";
-                const Answer matched = Fwlab(
-                    "match package --phone phone.toml --json --set revision=" + revision + option);
-                answer = Json::parse(matched.text)["answer"];
-            }
-            return revision + " " + answer + "; ";
-        };
-        Clear();
-        Pull({{"ffu.end", ""}}); // has not tried
-        std::map<std::string, unsigned> rows;
-        std::string running;
-        for (const std::string& revision : revisions) {
-            const unsigned phones = 1 + below(4);
-            running += Counted(revision, phones);
-            for (unsigned i = 0; i < phones; i++) {
-                const std::string &from = revisions[below(4)], &to = revisions[below(4)];
-                const std::string passed = Record(from, revision), open = Record(revision, to);
-                const std::vector<Files> files = {
-                    Failed(open), Interrupted(open), {{"fw_result", open}}, Passed(passed)};
-                const unsigned end = below(6);
-                if (end >= files.size()) { // has not tried
-                    rows[match(revision, "")]++;
-                    continue;
-                }
-                Pull(files[end]);
-                rows[end == 3         ? match(revision, passed)
-                     : revision == to ? match(revision, open)
-                                      : match(revision, open) + match(to, open)]++;
-            }
-        }
-        Put("/fleet.toml", Model(NAMED, running));
-        const Answer answer = Fwlab("plan package --fleet fleet.toml --records pulled --json");
-        SCOPED_TRACE(answer.text);
-        std::map<std::string, unsigned> shown;
-        const Json report = Json::parse(answer.text);
-        for (const Json& line : report["lines"]) {
-            std::string row;
-            for (const Json& one : line["cases"]) {
-                row += one["revision"].get<std::string>() + " " + one["answer"].get<std::string>() +
-                       "; ";
-            }
-            shown[row] += line["phones"].get<unsigned>();
-        }
-        EXPECT_EQ(shown, rows);
-        bool isCalm = true, isReceived = false;
-        for (const auto& [row, phones] : rows) {
-            const std::string answers = std::regex_replace(row, std::regex("[0-9]+ "), "");
-            const bool isOne = std::regex_match(answers, std::regex("([^;]*; )(\\1)?"));
-            isCalm &= isOne && Count(row, "used-up") == 0;
-            isReceived |= Count(row, "updated") > 0;
-        }
-        EXPECT_EQ(answer.status, isCalm && isReceived ? 0 : 1);
-    }
 }
