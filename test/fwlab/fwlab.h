@@ -6,6 +6,7 @@
 
 #include <filesystem>
 #include <fnmatch.h>
+#include <regex>
 #include <sys/wait.h>
 
 namespace fs = std::filesystem;
@@ -48,6 +49,31 @@ struct Told {
     std::string texts, phone, package, options = "";
 };
 
+// Manifests of packages for the phones of the tests; with other lines in the entry, where a key
+// alone takes its line away.
+inline std::string EntryTable(std::string entry, const Texts& lines) {
+    for (const std::string& line : lines) {
+        const std::string key = line.substr(0, line.find(' '));
+        entry = std::regex_replace(entry, std::regex(key + " = [^\n]*\n"), "");
+        entry += line == key ? "" : line + "\n";
+    }
+    return "[[entry]]\n" + entry;
+}
+inline std::string UfsTable(const Texts& lines = {}) {
+    return EntryTable("manfid = '0x0001ce'\nproduct_name = 'SIMUFS128G-B0B1 '\nrevision = '0900'\n"
+                      "image = 'image'\n",
+                      lines);
+}
+inline std::string UfsManifest(const Texts& lines = {}) {
+    return "technology = 'ufs'\n" + UfsTable(lines);
+}
+inline std::string EmmcManifest(const Texts& lines = {}) {
+    return "technology = 'emmc'\n" +
+           EntryTable("manufacturer_id = 0x13\nproduct_name = 'SIM064'\next_csd_rev = 8\n"
+                      "revision = 'FW000002'\nimage = 'image'\n",
+                      lines);
+}
+
 class FwlabTest : public PhoneTest {
 protected:
     void SetUp() override {
@@ -65,6 +91,14 @@ protected:
     Answer Pack(const std::string& manifest, const std::string& options = "") const {
         Put("/manifest.toml", manifest);
         return Fwlab("pack manifest.toml -o package " + options);
+    }
+
+    // A phone at a place of its own, which is made anew.
+    void MakeAt(const std::string& place, const std::string& description) const {
+        std::string error;
+        fs::remove_all(Path(place));
+        Put("/phone.toml", description);
+        ASSERT_TRUE(MakePhone(DescriptionOf(Path("/phone.toml")), Path(place), error)) << error;
     }
 
     void ExpectTold(const std::string& command, const Told& told) const {

@@ -1,37 +1,7 @@
 // What the workstation tool makes of manifests, packages and phones.
 #include "test/fwlab/fwlab.h"
 
-#include <regex>
 #include <sys/stat.h>
-
-namespace {
-
-// An entry table with other lines; a key alone takes its line away.
-std::string Entry(std::string entry, const Texts& lines) {
-    for (const std::string& line : lines) {
-        const std::string key = line.substr(0, line.find(' '));
-        entry = std::regex_replace(entry, std::regex(key + " = [^\n]*\n"), "");
-        entry += line == key ? "" : line + "\n";
-    }
-    return "[[entry]]\n" + entry;
-}
-
-std::string Ufs(const Texts& lines = {}) { // for the phones of the tests
-    return Entry("manfid = '0x0001ce'\nproduct_name = 'SIMUFS128G-B0B1 '\nrevision = '0900'\n"
-                 "image = 'image'\n",
-                 lines);
-}
-std::string UfsManifest(const Texts& lines = {}) {
-    return "technology = 'ufs'\n" + Ufs(lines);
-}
-std::string EmmcManifest(const Texts& lines = {}) {
-    return "technology = 'emmc'\n" +
-           Entry("manufacturer_id = 0x13\nproduct_name = 'SIM064'\next_csd_rev = 8\n"
-                 "revision = 'FW000002'\nimage = 'image'\n",
-                 lines);
-}
-
-} // namespace
 
 TEST_F(FwlabTest, FromManifestToUpdatedPhone) {
     const std::string body = Body(1000), emmc = EmmcEntry(EMMC_NEW_REV, body);
@@ -129,14 +99,15 @@ TEST_F(FwlabTest, PackRefuses) {
          EmmcManifest({"revision = [5, 1]", "base_revisions = [[4], [5]]"})},
         {1, "the update uses the product name \"KLUEG8U1EM-REWK\"", UfsManifest(original)},
         {1, "entry 2 at 0x41): entry 1 at 0x0 comes first and is for the same",
-         UfsManifest() + Ufs()},
+         UfsManifest() + UfsTable()},
         {1, "entry 2 at 0x41): entry 1 at 0x0 comes first and has the same product name",
-         UfsManifest() + Ufs({"revision = '1000'"})},
+         UfsManifest() + UfsTable({"revision = '1000'"})},
         {1, "the update selects entry 2 at 0x41: it uses the product name \"KLUEG8U1EM-REWK\"",
-         UfsManifest(original) + Ufs({"product_name = 'KLUEG8U1EM-REWK'", "revision = '1100'"})},
-        {1, "the update selects entry 1*a blank*into separate packages", lenient + Ufs()},
-        {1, "entry 2 (in the package entry 3 at 0x83): entry 2 at 0x42 comes first", other + Ufs(),
-         "xx" + UfsEntry("0850", "x")},
+         UfsManifest(original) +
+             UfsTable({"product_name = 'KLUEG8U1EM-REWK'", "revision = '1100'"})},
+        {1, "the update selects entry 1*a blank*into separate packages", lenient + UfsTable()},
+        {1, "entry 2 (in the package entry 3 at 0x83): entry 2 at 0x42 comes first",
+         other + UfsTable(), "xx" + UfsEntry("0850", "x")},
         {1, "1 MiB", EmmcManifest(), Body(0x100001)},
         {1, "8 MiB", UfsManifest(), Body(0x800001)},
     };
@@ -156,7 +127,7 @@ TEST_F(FwlabTest, PackRefuses) {
     // One name for two devices: the pre-check's entry is another, but of the same revision.
     Expect(Pack(EmmcManifest() + EmmcManifest({"ext_csd_rev = 7"}).substr(20)), 0);
     // A device that the update renames is served by both of its entries.
-    const std::string renamed = Ufs({"product_name = 'KLUEG8U1EM-REWK'", "revision = '1000'"});
+    const std::string renamed = UfsTable({"product_name = 'KLUEG8U1EM-REWK'", "revision = '1000'"});
     Expect(Pack(UfsManifest(original) + renamed), 0);
     Expect(Fwlab("pack manifest.toml -o gone/package"), 2, "gone/package: No such file");
     fs::create_symlink("package", directory + "/link");
