@@ -93,6 +93,13 @@ protected:
         return Fwlab("pack manifest.toml -o package " + options);
     }
 
+    void PutState(const std::string& folder, const Files& files) const {
+        fs::create_directories(Path(folder));
+        for (const auto& [name, content] : files) {
+            Put(folder + "/" + name, content);
+        }
+    }
+
     // A phone at a place of its own, which is made anew.
     void MakeAt(const std::string& place, const std::string& description) const {
         std::string error;

@@ -22,10 +22,6 @@ const std::string SECOND = Attempt(BEFORE, "A") + FIRST;
 const Files END = {{"ffu.end", ""}}, BEGIN = {{"ffu.bgn", ""}};
 const Files BOTH = {{"ffu.end", ""}, {"ffu.bgn", ""}};
 
-Files operator+(Files files, const Files& more) {
-    files.insert(more.begin(), more.end());
-    return files;
-}
 Files Ok(const std::string& time) {
     return {{"ffu.ok", time}};
 }
@@ -36,15 +32,7 @@ Files Recorded(const std::string& record) {
     return {{"fw_result", record}};
 }
 
-class OutcomeTest : public FwlabTest {
-protected:
-    void PutState(const std::string& folder, const Files& files) const {
-        fs::create_directories(Path(folder));
-        for (const auto& [name, content] : files) {
-            Put(folder + "/" + name, content);
-        }
-    }
-};
+using OutcomeTest = FwlabTest;
 
 void ExpectPrintable(const std::string& text) {
     for (const char c : text) {

@@ -14,9 +14,13 @@
 #include <vector>
 
 using Texts = std::vector<std::string>;
-using Overrides = std::map<std::string, std::string>; // keys of a description, values in TOML
-using Files = std::map<std::string, std::string>;     // path on the phone and content
-inline const std::string MISSING = "<missing>";       // the content of a file that is not there
+using Overrides = std::map<std::string, std::string>;    // keys of a description, values in TOML
+using Files = std::map<std::string, std::string>;        // path on the phone and content
+inline Files operator+(Files files, const Files& more) { // of two with one path, the first
+    files.insert(more.begin(), more.end());
+    return files;
+}
+inline const std::string MISSING = "<missing>"; // the content of a file that is not there
 
 // The two phones of the tests, and the firmware that they run.
 inline const std::string EMMC_PNM = "SIM064";
