@@ -70,27 +70,10 @@ RunResult Run(const std::string& phone, const std::string& copy, const std::vect
     return run;
 }
 
-// How many bytes of a write survive where it is torn: as many as in a survivor; else half of them.
-std::set<size_t> TornSizes(const CallEntry& write, const StateDirectory& before,
-                           const std::vector<Survivor>& survivors) {
-    const auto size = std::stoul(write.result);
-    const auto sizeIn = [&](const StateDirectory& state) {
-        const auto file = state.files.find(fs::path(write.path).filename());
-        return file == state.files.end() ? 0 : file->second.size();
-    };
-    std::set<size_t> sizes = {size / 2};
-    for (const Survivor& survivor : survivors) {
-        sizes.insert(sizeIn(survivor.state) - std::min(sizeIn(before), sizeIn(survivor.state)));
-    }
-    sizes.erase(0);
-    sizes.erase(sizes.lower_bound(size), sizes.end());
-    return sizes;
-}
-
-// All that the simulation allows: for each stretch of calls without a change, and for torn writes.
+// All that the simulation allows: for each stretch of calls without a change, and for writes to the
+// record and the flags that are torn after each of their bytes.
 std::vector<Cut> AllCuts(const std::string& phone, const std::string& copy,
-                         const std::vector<CallEntry>& calls,
-                         const std::vector<Survivor>& survivors) {
+                         const std::vector<CallEntry>& calls) {
     static const std::set<std::string> changing = {"mkdir",  "open",   "creat", "write",
                                                    "remove", "unlink", "fsync"};
     const StateDirectory before = ReadStateDirectory(phone);
@@ -112,9 +95,8 @@ std::vector<Cut> AllCuts(const std::string& phone, const std::string& copy,
         }
         add(first, place, {{"any", "", number, number, Effect::ENDS}});
         first = place + 1;
-        for (const size_t size :
-             call.function == "write" ? TornSizes(call, before, survivors) : std::set<size_t>()) {
-            const auto count = static_cast<long>(size);
+        const bool isTorn = call.function == "write" && call.path.rfind(STATE_DIR + "f", 0) == 0;
+        for (long count = 1; isTorn && count < std::stol(call.result); count++) {
             add(place, place, {{"any", "", number, number, Effect::TORN, count}});
         }
     }
@@ -174,7 +156,7 @@ int main(int argc, char** argv) {
     const std::string phone = argv[1], copy = folder + "/phone";
     const std::vector<CallEntry> calls = Run(phone, copy, {}).calls;
     const std::vector<Survivor> survivors = ReadSurvivors(calls);
-    const std::vector<Cut> cuts = AllCuts(phone, copy, calls, survivors);
+    const std::vector<Cut> cuts = AllCuts(phone, copy, calls);
     fs::remove_all(folder);
 
     int status = 0;
