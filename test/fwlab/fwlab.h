@@ -108,11 +108,16 @@ protected:
         ASSERT_TRUE(MakePhone(DescriptionOf(Path("/phone.toml")), Path(place), error)) << error;
     }
 
+    // The command has the package behind it.
+    void ExpectOf(const std::string& command, const std::string& package, int status,
+                  const std::string& texts) const {
+        Put("/package", package);
+        Expect(Fwlab(command + " package"), status, texts);
+    }
     void ExpectTold(const std::string& command, const Told& told) const {
         SCOPED_TRACE(told.texts);
         Put("/phone.toml", told.phone);
-        Put("/package", told.package);
-        Expect(Fwlab(command + " package --phone phone.toml " + told.options), told.status,
-               told.texts);
+        ExpectOf(command + " --phone phone.toml " + told.options, told.package, told.status,
+                 told.texts);
     }
 };

@@ -132,31 +132,25 @@ TEST_F(OutcomeTest, SaysNoMoreThanTheFilesTell) {
 }
 
 TEST_F(OutcomeTest, ReadsRegularFilesOnly) {
-    const struct {
-        std::string name, target, texts; // without a target: a FIFO
-    } rows[] = {
-        {"fw_result", "", "record-unreadable: *not a regular file"},
-        {"fw_result", "/dev/zero", "record-unreadable: *not a regular file"},
-        {"fw_result", "../record", "record-unreadable: *not a regular file"},
-        {"fw_result", ".", "record-unreadable: *not a regular file"},
-        {"ffu.ok", "", "unknown: ffu.ok is not a regular file"},
-        {"ffu.ok", "/dev/zero", "unknown: ffu.ok is not a regular file"},
-        {"ffu.end", "gone", "unknown: ffu.end is not a regular file"},
-    };
     Put("/record", FIRST);
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.name + " " + row.target);
+    const auto expect = [&](const std::string& name, const std::string& target, // "": a FIFO
+                            const std::string& text) {
         fs::remove_all(Path("/state"));
-        PutState("/state", END + Ok(LAST_END) + Recorded(FIRST));
-        const std::string file = Path("/state/" + row.name);
+        PutState("/state", END + Ok(LAST_END) + Recorded(FIRST) + Files{{name, ""}});
+        const std::string file = Path("/state/" + name);
         fs::remove(file);
-        if (row.target.empty()) {
+        if (target.empty()) {
             ASSERT_EQ(mkfifo(file.c_str(), 0600), 0);
         } else {
-            fs::create_symlink(row.target, file);
+            fs::create_symlink(target, file);
         }
-        Expect(Fwlab("outcome state"), 1, row.texts);
+        Expect(Fwlab("outcome state"), 1, text);
+    };
+    for (const char* target : {"", "/dev/zero", "../record", "."}) {
+        expect("fw_result", target, "record-unreadable: *not a regular file");
+        expect("ffu.ok", target, "unknown: ffu.ok is not a regular file");
     }
+    expect("ffu.end", "gone", "unknown: ffu.end is not a regular file");
 }
 
 TEST_F(OutcomeTest, ReadsTheEndOfLargeFiles) {

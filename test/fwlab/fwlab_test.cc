@@ -143,7 +143,6 @@ TEST_F(FwlabTest, ListFindsWhatPhonesPassOver) {
     const struct {
         std::string texts, package;
     } rows[] = {
-        {"is empty", ""},
         {"offset           71*the body reaches past the end",
          ufs + "pad" + With(ufs, UFS_SIZE_FIELD, BigEndian32(5))},
         {"offset           68*body_offset      132*entry 1 at 0x0 comes first",
@@ -154,10 +153,7 @@ TEST_F(FwlabTest, ListFindsWhatPhonesPassOver) {
         {"63 bytes from 0x44", ufs + ufs.substr(0, 63)}, // cut in a header
         {"no usable entry has*: entry 1 at 0x0 has no body", EmmcEntry(EMMC_NEW_REV, "")},
         {"its body is empty", UfsEntry(UFS_NEW_REV, "")},
-        {"8 is eMMC 5.1", With(EmmcEntry(), EMMC_REV_FIELD, "3")},
         {"the product name is empty", With(ufs, UFS_PNM_FIELD, "\n")},
-        {"larger than 8 MiB", UfsEntry(UFS_NEW_REV, Body(0x800001))},
-        {"no device can have", With(ufs, UFS_BASE_FIELD, "")},
         {"\\x1b[2J\\x07*0\\n\\x0d\\x9b*line feed", // control characters
          With(With(ufs, UFS_PNM_FIELD, "\x1b[2J\a"), UFS_REV_FIELD, "0\n\r\x9b")},
     };
@@ -173,21 +169,18 @@ TEST_F(FwlabTest, ListFindsWhatPhonesPassOver) {
         Expect(Fwlab("list --json package"), 1, "\"findings\": [");
     }
     // Slots that are left free admit nobody, whatever fills them.
-    Put("/package", With(With(ufs, UFS_BASE_FIELD, "0800" + std::string(12, '\xFF')), {52, 4}, ""));
-    Expect(Fwlab("list package"), 0, "base_revisions   \"0800\"\n");
-    Put("/package", With(EmmcEntry(), EMMC_PNM_FIELD, "UFSM12"));
-    Expect(Fwlab("list package"), 0, "manufacturer_id  19");
+    const std::string slots = "0800" + std::string(12, '\xFF');
+    ExpectOf("list", With(With(ufs, UFS_BASE_FIELD, slots), {52, 4}, ""), 0,
+             "base_revisions   \"0800\"\n");
+    ExpectOf("list", With(EmmcEntry(), EMMC_PNM_FIELD, "UFSM12"), 0, "manufacturer_id  19");
     // What pack admits.
-    for (const std::string& body : {"12" + other + other, "12" + EmmcEntry()}) {
-        Put("/package", UfsEntry(UFS_NEW_REV, body));
-        Expect(Fwlab("list package"), 0, body[2] == 'U' ? "note: a magic inside entry 1" : "");
-    }
-    Put("/package", EmmcEntry(EMMC_NEW_REV, Body(0x100001)));
-    Expect(Fwlab("list package"), 0, "note: the body is larger than 1 MiB");
-    Put("/package", UfsEntry(UFS_NEW_REV, Body(0x100001)));
-    Expect(Fwlab("list package"), 0, "note: the body is larger than the 1 MiB*max_hw_sectors_kb");
-    Put("/package", ufs + std::regex_replace(std::string(1200, 'x'), std::regex("x"), "UFSM"));
-    Expect(Fwlab("list package"), 2, "package: more than 1024 entries");
+    ExpectOf("list", UfsEntry("0900", "12" + other + other), 0, "note: a magic inside entry 1");
+    ExpectOf("list", UfsEntry("0900", "12" + EmmcEntry()), 0, "");
+    const std::string large = Body(0x100001);
+    ExpectOf("list", EmmcEntry(EMMC_NEW_REV, large), 0, "note: the body is larger than 1 MiB");
+    ExpectOf("list", UfsEntry("0900", large), 0, "note: *larger than the 1 MiB*max_hw_sectors_kb");
+    ExpectOf("list", ufs + std::regex_replace(std::string(1200, 'x'), std::regex("x"), "UFSM"), 2,
+             "package: more than 1024 entries");
 }
 
 TEST_F(FwlabTest, ListMapsLargePackages) {
@@ -213,7 +206,6 @@ TEST_F(FwlabTest, MatchTellsBothDecisions) {
     const Told rows[] = {
         {1, "ends here: no usable entry*has no body inside the package*No update.", UfsPhone(),
          named("OTHER") + With(ufs, UFS_SIZE_FIELD, BigEndian32(5))},
-        {1, "ends here: no usable entry*No update.", GkiPhone(), EmmcEntry(EMMC_NEW_REV, "")},
         {1, "ends here: selects entry 1 at 0x0, revision \"0800\"*No update.", UfsPhone(),
          UfsEntry("0800")},
         {1,
@@ -234,13 +226,10 @@ TEST_F(FwlabTest, MatchTellsBothDecisions) {
          With(emmc, EMMC_REV_FIELD, "3")},
         {1, wrong + "entry 1 at 0x0, the update selects entry 2 at 0x34", NormalPhone(),
          With(strange, EMMC_FW_REV_FIELD, "A") + emmc},
-        {1, swapped, UfsPhone(), named("SIMUFS128G\n") + ufs},    // of one revision
-        {1, swapped, UfsPhone(), named("SIMUFS128G-B0B1") + ufs}, // but for a blank
+        {1, swapped, UfsPhone(), named("SIMUFS128G\n") + ufs}, // of one revision
         // The pre-check's entry does not admit the revision that runs.
         {1, wrong + "entry 1 at 0x0, the update selects entry 2 at 0x44", UfsPhone(),
          With(ufs, UFS_MID_FIELD, "0x0001ad") + With(ufs, UFS_BASE_FIELD, "0700070007000700")},
-        {0, "An update to \"0900\": 4 bytes of entry 2", UfsPhone(),
-         With(ufs, UFS_MID_FIELD, "0x0001ad") + ufs},
         {1, "WRONG IMAGE: entry 2 at 0x46 lies inside the image of entry 1", UfsPhone(),
          With(UfsEntry("0900", "xxxxxx" + ufs), UFS_PNM_FIELD, "OTHER")},
         {1, "USED UP: the device is older than eMMC 5.0", GkiPhone({{"ext_csd_rev", "6"}}),

@@ -12,21 +12,16 @@ std::string OtherUfs(const std::string& rev = UFS_NEW_REV, const std::string& bo
     return With(UfsEntry(rev, body), UFS_PNM_FIELD, OTHER_PNM);
 }
 
-// A magic that stands in an image, with a size that reaches far behind it.
-std::string MagicOfSize(uint32_t size) {
-    return With(UfsEntry("1000", ""), UFS_SIZE_FIELD, BigEndian32(size));
-}
-
 } // namespace
 
 TEST_F(FwlabTest, AMagicInAnImageHidesNoEntryBehindIt) {
-    const std::string first =
-        UfsEntry(UFS_NEW_REV, "12" + With(MagicOfSize(20), UFS_PNM_FIELD, "x"));
-    Put("/package", first + OtherUfs());
-    Expect(Fwlab("list package"), 0,
-           "note: a magic inside entry 1 at 0x0*number           3*sha256");
-    Put("/package", first + "pad" + OtherUfs());
-    Expect(Fwlab("list package"), 1, "FINDING: 3 bytes from 0x82 belong to no entry");
+    const std::string first = UfsEntry(
+        UFS_NEW_REV, "12" + With(With(UfsEntry("1000", ""), UFS_SIZE_FIELD, BigEndian32(20)),
+                                 UFS_PNM_FIELD, "x"));
+    ExpectOf("list", first + OtherUfs(), 0,
+             "note: a magic inside entry 1 at 0x0*number           3*sha256");
+    ExpectOf("list", first + "pad" + OtherUfs(), 1,
+             "FINDING: 3 bytes from 0x82 belong to no entry");
 }
 
 // In the same words by every command, and by none that takes a phone's answer from it. In an empty
@@ -87,15 +82,11 @@ TEST_F(FwlabTest, ThePackageIsOfTheTechnologyThatItsBytesAre) {
     const std::string emmc = EmmcEntry(EMMC_NEW_REV, Body(200)), ufs = UfsEntry("0900", Body(200));
     const std::string strayUfs = "UFSM" + std::string(60, '\0'),
                       strayEmmc = "EMMC" + std::string(44, '\0');
-    const struct {
-        bool isUfs;
-        std::string package;
-    } rows[] = {{false, "UFSM" + emmc}, {false, strayUfs + emmc}, {false, emmc + strayUfs},
-                {true, "EMMC" + ufs},   {true, strayEmmc + ufs},  {true, UfsEntry("0900", emmc)}};
-    for (const auto& row : rows) {
-        Put("/package", row.package);
-        Expect(Fwlab("list package"), 1,
-               row.isUfs ? "manfid           \"0x0001ce\"" : "manufacturer_id  19");
+    for (const std::string& package : {"UFSM" + emmc, strayUfs + emmc, emmc + strayUfs}) {
+        ExpectOf("list", package, 1, "manufacturer_id  19");
+    }
+    for (const std::string& package : {"EMMC" + ufs, strayEmmc + ufs, UfsEntry("0900", emmc)}) {
+        ExpectOf("list", package, 1, "manfid           \"0x0001ce\"");
     }
 }
 
