@@ -5,7 +5,6 @@
 #include "simphone/show.h"
 #include "test/phone/phone.h"
 
-#include <array>
 #include <cerrno>
 #include <csignal>
 #include <fcntl.h>
@@ -17,6 +16,7 @@
 #include <sys/resource.h>
 #include <sys/statvfs.h>
 #include <sys/wait.h>
+#include <tuple>
 #include <unistd.h>
 
 namespace {
@@ -41,19 +41,11 @@ protected:
 
 class ShortageTest : public PhoneTest {
 protected:
-    // Leaves these amounts, and then as much as ever, for runs of both technologies.
-    void ExpectAsEverOr(const Texts& reasons, const std::vector<rlim_t>& amounts,
+    // Leaves less and less, so many amounts, and then as much as ever, for runs of both
+    // technologies.
+    void ExpectAsEverOr(const Texts& reasons, rlim_t amounts,
                         const std::function<void(rlim_t)>& leave);
 };
-
-// So many amounts from 0 on: the numbers, or their squares.
-std::vector<rlim_t> UpTo(rlim_t count, bool areSquares, rlim_t unit) {
-    std::vector<rlim_t> amounts;
-    for (rlim_t i = 0; i < count; i++) {
-        amounts.push_back((areSquares ? i * i : i) * unit);
-    }
-    return amounts;
-}
 
 void Limit(decltype(RLIMIT_NOFILE) what, rlim_t most) {
     rlimit limit = {};
@@ -64,74 +56,47 @@ void Limit(decltype(RLIMIT_NOFILE) what, rlim_t most) {
 
 TEST_F(SimphoneTest, EmmcDriverRefusesOddRequests) {
     static uint8_t data[512];
-    mmc_ioc_cmd download = {};
-    download.write_flag = 1;
-    download.opcode = 302;
-    download.flags = 0xB5;
-    download.blksz = 512;
-    download.blocks = 1;
-    mmc_ioc_cmd_set_data(download, data);
     mmc_ioc_cmd install = {};
     install.opcode = 303;
     install.flags = 0xB5;
     install.blksz = 512;
-    const struct {
-        const char* name;
-        int error;
-        mmc_ioc_cmd request;
-        void (*change)(mmc_ioc_cmd& request);
-        int openFlags = O_RDWR;
-    } rows[] = {
-        {"install before download", EINVAL, install, [](auto&) {}},
-        {"download as a read", EINVAL, download, [](auto& request) { request.write_flag = 0; }},
-        {"download of no block", EINVAL, download, [](auto& request) { request.blocks = 0; }},
-        {"download without data", EFAULT, download, [](auto& request) { request.data_ptr = 0; }},
-        {"block size", EINVAL, download, [](auto& request) { request.blksz = 4096; }},
-        {"flags", EINVAL, download, [](auto& request) { request.flags = 0x35; }},
-        {"argument", EINVAL, download, [](auto& request) { request.arg = 1; }},
-        {"application command", EINVAL, download, [](auto& request) { request.is_acmd = 1; }},
-        {"SWITCH", EINVAL, download, [](auto& request) { request.opcode = 6; }},
-        {"EXT_CSD as a write", EINVAL, download, [](auto& request) { request.opcode = 8; }},
-        {"read-only descriptor", EPERM, download, [](auto&) {}, O_RDONLY},
-        {"download", 0, download, [](auto&) {}},
-        {"install with data", EINVAL, install,
-         [](auto& request) { mmc_ioc_cmd_set_data(request, data); }},
-        {"install", 0, install, [](auto&) {}},
-    };
+    mmc_ioc_cmd download = install;
+    download.write_flag = 1;
+    download.opcode = 302;
+    download.blocks = 1;
+    mmc_ioc_cmd_set_data(download, data);
     Make(NormalPhone());
-    for (const auto& row : rows) {
-        mmc_ioc_cmd request = row.request;
-        row.change(request);
+    // A request that is in order, but for the change.
+    const auto expect = [&](const char* what, int error, mmc_ioc_cmd request,
+                            void (*change)(mmc_ioc_cmd & request), int openFlags = O_RDWR) {
+        change(request);
         Reply reply;
-        EXPECT_EQ(AnswerMmc(directory, false, row.openFlags, request, reply), row.error)
-            << row.name;
-        EXPECT_EQ(reply.taken == Taken::WHOLE, row.error == 0) << row.name;
-    }
+        EXPECT_EQ(AnswerMmc(directory, false, openFlags, request, reply), error) << what;
+        EXPECT_EQ(reply.taken == Taken::WHOLE, error == 0) << what;
+    };
+    const auto none = [](mmc_ioc_cmd&) {};
+    expect("install before download", EINVAL, install, none);
+    expect("download as a read", EINVAL, download, [](auto& request) { request.write_flag = 0; });
+    expect("download of no block", EINVAL, download, [](auto& request) { request.blocks = 0; });
+    expect("download without data", EFAULT, download, [](auto& request) { request.data_ptr = 0; });
+    expect("block size", EINVAL, download, [](auto& request) { request.blksz = 4096; });
+    expect("flags", EINVAL, download, [](auto& request) { request.flags = 0x35; });
+    expect("argument", EINVAL, download, [](auto& request) { request.arg = 1; });
+    expect("application command", EINVAL, download, [](auto& request) { request.is_acmd = 1; });
+    expect("SWITCH", EINVAL, download, [](auto& request) { request.opcode = 6; });
+    expect("EXT_CSD as a write", EINVAL, download, [](auto& request) { request.opcode = 8; });
+    expect("read-only descriptor", EPERM, download, none, O_RDONLY);
+    expect("download", 0, download, none);
+    expect("install with data", EINVAL, install,
+           [](auto& request) { mmc_ioc_cmd_set_data(request, data); });
+    expect("install", 0, install, none);
 }
 
 // SPC: key 5 is ILLEGAL REQUEST; ASC 20 operation code, 24 field in CDB, 1A parameter list length.
 TEST_F(SimphoneTest, UfsDeviceRefusesOddCommands) {
-    const struct {
-        const char* name;
-        int error, status, key, asc;
-        void (*change)(sg_io_hdr& request, uint8_t* cdb);
-    } rows[] = {
-        {"operation code", 0, 2, 5, 0x20, [](auto&, uint8_t* cdb) { cdb[0] = 0x3C; }},
-        {"mode", 0, 2, 5, 0x24, [](auto&, uint8_t* cdb) { cdb[1] = 0x0F; }},
-        {"mode specific", 0, 2, 5, 0x24, [](auto&, uint8_t* cdb) { cdb[1] = 0x2E; }},
-        {"buffer ID", 0, 2, 5, 0x24, [](auto&, uint8_t* cdb) { cdb[2] = 1; }},
-        {"buffer offset", 0, 2, 5, 0x24, [](auto&, uint8_t* cdb) { cdb[5] = 1; }},
-        {"control", 0, 2, 5, 0x24, [](auto&, uint8_t* cdb) { cdb[9] = 4; }},
-        {"command length", 0, 2, 5, 0x24, [](auto& request, uint8_t*) { request.cmd_len = 12; }},
-        {"parameter list length", 0, 2, 5, 0x1A, [](auto&, uint8_t* cdb) { cdb[8] = 1; }},
-        {"direction", 0, 2, 5, 0x1A,
-         [](auto& request, uint8_t*) { request.dxfer_direction = SG_DXFER_FROM_DEV; }},
-        {"no data", EFAULT, 0, 0, 0, [](auto& request, uint8_t*) { request.dxferp = nullptr; }},
-        {"interface", EINVAL, 0, 0, 0, [](auto& request, uint8_t*) { request.interface_id = 'Q'; }},
-        {"in order", 0, 0, 0, 0, [](auto&, uint8_t*) {}},
-    };
     Make(UfsPhone());
-    for (const auto& row : rows) {
+    // A command that is in order, but for the change: its error, status, key and ASC.
+    const auto expect = [&](const std::string& answer, const auto& change) {
         uint8_t data[512] = {}, sense[32] = {};
         uint8_t cdb[16] = {0x3B, 0x0E, 0, 0, 0, 0, 0, 2, 0, 0};
         sg_io_hdr request = {};
@@ -143,17 +108,30 @@ TEST_F(SimphoneTest, UfsDeviceRefusesOddCommands) {
         request.dxferp = data;
         request.cmdp = cdb;
         request.sbp = sense;
-        row.change(request, cdb);
+        change(request, cdb);
         Reply reply;
         const int error = AnswerScsi(directory, {}, 0, O_RDWR, request, reply);
-        EXPECT_EQ(error, row.error) << row.name;
-        EXPECT_EQ((std::array<int, 3>{request.status, sense[2], sense[12]}),
-                  (std::array<int, 3>{row.status, row.key, row.asc}))
-            << row.name;
-        const bool isLast = &row == std::end(rows) - 1;
-        EXPECT_EQ(Get("/device/pending") != MISSING, isLast) << row.name;
-        EXPECT_EQ(reply.taken == Taken::WHOLE, isLast) << row.name;
+        char text[40];
+        snprintf(text, sizeof(text), "%d %x/%x/%x", error, request.status, sense[2], sense[12]);
+        EXPECT_EQ(text, answer) << Hex(cdb, 10);
+        const bool isTaken = answer == "0 0/0/0";
+        EXPECT_EQ(Get("/device/pending") != MISSING, isTaken);
+        EXPECT_EQ(reply.taken == Taken::WHOLE, isTaken);
+    };
+    const std::tuple<const char*, int, uint8_t> bytes[] = {
+        // of the CDB
+        {"20", 0, 0x3C}, {"24", 1, 0x0F}, {"24", 1, 0x2E}, {"24", 2, 1},
+        {"24", 5, 1},    {"24", 9, 4},    {"1a", 8, 1}};
+    for (const auto& [asc, at, byte] : bytes) {
+        expect(std::string("0 2/5/") + asc,
+               [at = at, byte = byte](auto&, uint8_t* cdb) { cdb[at] = byte; });
     }
+    expect("0 2/5/24", [](auto& request, uint8_t*) { request.cmd_len = 12; });
+    expect("0 2/5/1a",
+           [](auto& request, uint8_t*) { request.dxfer_direction = SG_DXFER_FROM_DEV; });
+    expect("14 0/0/0", [](auto& request, uint8_t*) { request.dxferp = nullptr; });   // EFAULT
+    expect("22 0/0/0", [](auto& request, uint8_t*) { request.interface_id = 'Q'; }); // EINVAL
+    expect("0 0/0/0", [](auto&, uint8_t*) {});
 }
 
 const std::string ATTEMPT = AttemptRecord(EMMC_REV, EMMC_NEW_REV);
@@ -310,7 +288,7 @@ TEST_F(SimphoneTest, RunThatCannotBeKeptIsAnError) {
 
 // With less and less of something of this machine, a run is as it always is, or it is an error that
 // says what was missing; never another course of the phone.
-void ShortageTest::ExpectAsEverOr(const Texts& reasons, const std::vector<rlim_t>& amounts,
+void ShortageTest::ExpectAsEverOr(const Texts& reasons, rlim_t amounts,
                                   const std::function<void(rlim_t)>& leave) {
     for (const bool isUfs : {false, true}) {
         const std::string body = Body(20000);
@@ -323,7 +301,7 @@ void ShortageTest::ExpectAsEverOr(const Texts& reasons, const std::vector<rlim_t
         const RunResult whole = RunAnyhow({});
         const Files left = State();
         size_t refused = 0;
-        for (const rlim_t amount : amounts) {
+        for (rlim_t amount = 0; amount < amounts; amount++) {
             SCOPED_TRACE(reasons[0] + " " + std::to_string(amount));
             make();
             leave(amount);
@@ -341,19 +319,19 @@ void ShortageTest::ExpectAsEverOr(const Texts& reasons, const std::vector<rlim_t
             })) << run.error;
         }
         EXPECT_GT(refused, 0U);
-        EXPECT_LT(refused, amounts.size()); // the last ones had enough
+        EXPECT_LT(refused, amounts); // the last ones had enough
     }
 }
 
 TEST_F(ShortageTest, FilesStayOpenable) {
-    ExpectAsEverOr({"Too many open files"}, UpTo(24, false, 1),
-                   [](rlim_t most) { Limit(RLIMIT_NOFILE, most); });
+    ExpectAsEverOr({"Too many open files"}, 24, [](rlim_t most) { Limit(RLIMIT_NOFILE, most); });
 }
 
 TEST_F(ShortageTest, FilesMayNotGrow) {
     signal(SIGXFSZ, SIG_IGN); // it is the tool that it must end
-    ExpectAsEverOr({"File too large", "File size limit exceeded"}, UpTo(34, true, 1000),
-                   [](rlim_t most) { Limit(RLIMIT_FSIZE, most); });
+    ExpectAsEverOr({"File too large", "File size limit exceeded"}, 34, [](rlim_t amount) {
+        Limit(RLIMIT_FSIZE, amount == RLIM_INFINITY ? amount : amount * amount * 1000);
+    });
     signal(SIGXFSZ, SIG_DFL);
 }
 
@@ -371,12 +349,12 @@ TEST_F(ShortageTest, DiskIsFull) {
             _exit(77);
         }
         for (const std::string size : {"size", "nr_inodes"}) {
-            ExpectAsEverOr({"No space left on device"}, UpTo(18, true, 1), [&](rlim_t more) {
+            ExpectAsEverOr({"No space left on device"}, 18, [&](rlim_t amount) {
                 struct statvfs room = {};
                 ASSERT_EQ(statvfs(disk.c_str(), &room), 0);
                 const rlim_t used =
                     size == "size" ? room.f_blocks - room.f_bfree : room.f_files - room.f_ffree;
-                const rlim_t all = more == RLIM_INFINITY ? 1000 : used + more;
+                const rlim_t all = amount == RLIM_INFINITY ? 1000 : used + amount * amount;
                 const rlim_t units = all * (size == "size" ? room.f_bsize : 1);
                 const std::string option = size + "=" + std::to_string(units);
                 ASSERT_EQ(mount("none", disk.c_str(), "tmpfs", MS_REMOUNT, option.c_str()), 0);
