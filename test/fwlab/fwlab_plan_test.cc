@@ -40,7 +40,7 @@ TEST_F(FwlabTest, PlanTellsWhatEachPhoneGets) {
          UfsEntry("0900", Body(5000))},
         {1, "entry 2 at 0x44 of *for \"OTHER\\n*: no phone of the fleet gets it*NOT", UFS_FLEET,
          ufs + With(ufs, UFS_PNM_FIELD, "OTHER\n")},
-        {0, "70 updated", Model("phone = 'phone.toml'\n", Running("0800", 70))},
+        {0, "MODEL *RUNS *PHONES*70 updated", Model("phone = 'phone.toml'\n", Running("0800", 70))},
         {0, "there is no eMMC package*Phones: 70 updated 9 nothing-to-do\n",
          UFS_FLEET + EMMC_FLEET},
         {1, "USED UP: entry 1 at 0x0 has ext_csd_rev 8, the device 7",

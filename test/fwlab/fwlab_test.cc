@@ -67,6 +67,7 @@ TEST_F(FwlabTest, PackRefuses) {
         {2, "0 to 255", EmmcManifest({"revision = [256, 1]"})},
         {2, "0 to 255", EmmcManifest({"manufacturer_id = 'E'"})},
         {2, "revision is missing", EmmcManifest({"revision"})},
+        {2, "manfid is missing", UfsManifest({"manfid"})},
         {2, "base_revisions is not", EmmcManifest({"base_revisions = 'A'"})},
         {2, "gone: No such file", UfsManifest({"image = 'gone'"})},
         {2, "mem: Input/output error", UfsManifest({"image = '/proc/self/mem'"})},
@@ -122,6 +123,8 @@ TEST_F(FwlabTest, PackRefuses) {
     Put("/image", Body(0x100001));
     Expect(Pack(EmmcManifest(), "--gki-only"), 0);
     Expect(Pack(EmmcManifest() + EmmcManifest().substr(20), "--gki-only"), 1, "comes first");
+    Put("/image", Body(0x800000));
+    Expect(Pack(UfsManifest()), 0);
     Put("/image", Body(0x100000));
     Expect(Pack(EmmcManifest()), 0);
     // One name for two devices: the pre-check's entry is another, but of the same revision.

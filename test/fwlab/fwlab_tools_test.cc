@@ -30,7 +30,7 @@ TEST_F(FwlabTest, EveryCommandRefusesWhatIsNoPackage) {
     const std::string ufs = UfsEntry(), cut = "no entry in it is whole";
     const struct {
         std::string text, package;
-        off_t size = 0; // that the file is given; 0: its own
+        std::uintmax_t size = 0; // that the file is given; 0: its own
     } rows[] = {
         {"is no firmware package: it has no entry", std::string(20000, '\xA5')},
         {"is no firmware package: it has no entry", ufs.substr(0, 63)}, // cut in its header
@@ -38,7 +38,7 @@ TEST_F(FwlabTest, EveryCommandRefusesWhatIsNoPackage) {
         {"is no firmware package: " + cut,
          With(EmmcEntry(), EMMC_SIZE_FIELD, BigEndian32(999)) + ufs.substr(0, 67)},
         {"No such file", MISSING},
-        {"is 2 GiB or larger", ufs, 1L << 31},
+        {"is 2 GiB or larger", ufs, 1UL << 31},
     };
     const struct {
         std::string command;
@@ -279,6 +279,7 @@ TEST_F(FwlabTest, DiffTellsEntriesAndDevicesApart) {
         {1, "added: ", "", ufs},
         {1, "in normal mode:\n    old: USED UP: *CHANGES: *GKI mode:*gets \"FW000002\", 1048577",
          large, With(large, {0x2000, 1}, "")},
+        {1, "in normal mode:\n    old: gets *\n    new: USED UP: ", EmmcEntry(), large},
         // The second entry's name agrees with that of the first, as far as it goes.
         {1, "\"SIMUFS128G-B0B1 \" runs another*\n    old: gets \"0900\"*\n    new: WRONG IMAGE: ",
          ufs, wrong + ufs},

@@ -414,7 +414,8 @@ TEST_F(SimphoneTest, HalfMadePhoneIsShownAndNotRestarted) {
     Put("/proc/bootdevice/product_name", MISSING);
     Phone phone = {directory, DescriptionOf(Path("/phone.toml"))};
     EXPECT_FALSE(RebootPhone(phone, error)); // nothing was downloaded
-    ExpectShown(phone, {"product_name: No such file", "FW000002\n", "    a\\nb\n"});
+    ExpectShown(
+        phone, {"product_name: No such file", "FIRMWARE_VERSION: FW", "FW000002\n", "    a\\nb\n"});
     // No file but flags and records is shown whole: digests of "" and "abc" from FIPS 180-2.
     Put(STATE + "/ufs_fw_body.bin", "abc");
     Put(STATE + "/ffu.ok", "passed\xFF");
@@ -455,6 +456,7 @@ TEST_F(SimphoneTest, SettingsReplaceKeys) {
         {{"max_hw_sectors_kb=1\nmode=2"}, "", "", "max_hw_sectors_kb is not a number"},
         {{"max_hw_sectors_kb=1", "max_hw_sectors_kb=0700"}, "", "", "is not TOML"},
         {{"firmware.revision=toolong"}, "", "", "revision is not"},
+        {{"revision=08000"}, "", "", "revision is not"},
     };
     Make(UfsPhone({{"product_name", R"("\nA'''\\\u0001\u0085\n")"}}));
     for (const auto& row : rows) {
