@@ -2,10 +2,15 @@
 #include "fwlab/sweep/report.h"
 
 #include "fwlab/base/text.h"
+#include "fwlab/package/digest.h"
 #include "simphone/text.h"
+#include "version.h"
 
 #include <algorithm>
 #include <array>
+#include <cstdlib>
+#include <ctime>
+#include <fmt/chrono.h>
 #include <fmt/format.h>
 #include <iterator>
 #include <map>
@@ -98,6 +103,7 @@ Json DescribeCourse(const SweepResult& result, size_t scenario) {
             Fault fault = job.fault;
             fault.losses = left.losses;
             const SweepState& state = result.states[left.state];
+            const bool isTorn = fault.effect == Effect::TORN;
             course[job.call]["left"].push_back(
                 {{"fault", Escaped(FaultText(fault))},
                  {"label", Escaped(Label(job.fault, left.losses))},
@@ -105,19 +111,28 @@ Json DescribeCourse(const SweepResult& result, size_t scenario) {
                  {"answer", WordOf(state.verdict)},
                  {"violates", result.results[i].isWrong || state.isWrong},
                  {"job", i},
-                 {"state", left.state}});
+                 {"state", left.state},
+                 {"torn", isTorn ? Json(fault.value) : Json()}});
         }
     }
     return course;
 }
 
-// The shell command that shows the violation. `begin` has the package.
-std::string RehearseCommand(const std::string& begin, const SweepPhone& phone,
-                            const SweepViolation& wrong) {
-    std::string line = begin + " --phone " + ShellWord(phone.file);
+// The shell command that rehearses the update on the phone, without a fault.
+std::string RehearseCommand(const std::string& package, const std::string& stateFolder,
+                            const SweepPhone& phone) {
+    std::string line = "fwlab rehearse " + ShellWord(package);
+    line += stateFolder.empty() ? "" : " --state " + ShellWord(stateFolder);
+    line += " --phone " + ShellWord(phone.file);
     for (const std::string& setting : phone.settings) {
         line += " --set " + ShellWord(setting);
     }
+    return line;
+}
+
+// The options with which it shows the violation.
+std::string RunsOf(const SweepViolation& wrong) {
+    std::string line;
     const std::vector<std::optional<Fault>>& course = wrong.course;
     if (course.front()) {
         line += " --fault " + ShellWord(FaultText(*course.front()));
@@ -138,6 +153,12 @@ Json Describe(const std::string& command, const SweepViolation& wrong) {
             {"command", command}};
 }
 
+std::string DateText() {
+    const char* fixed = getenv("SOURCE_DATE_EPOCH");
+    const time_t now = fixed == nullptr ? time(nullptr) : strtoll(fixed, nullptr, 10);
+    return fmt::format("{:%Y-%m-%dT%H:%M:%SZ}", fmt::gmtime(now));
+}
+
 size_t Sum(const Json& counts) {
     return std::accumulate(counts.begin(), counts.end(), size_t{0},
                            [](size_t sum, const Json& count) { return sum + count.get<size_t>(); });
@@ -147,31 +168,36 @@ size_t Sum(const Json& counts) {
 
 Json SweepReport(const std::string& package, const std::string& stateFolder,
                  const std::vector<SweepPhone>& phones, const SweepResult& result) {
-    const std::string begin = "fwlab rehearse " + ShellWord(package) +
-                              (stateFolder.empty() ? "" : " --state " + ShellWord(stateFolder));
     Json described = Json::array(), violations = Json::array();
     for (size_t i = 0; i < result.bases.size(); i++) {
         const Summary sum = Summarize(result, i);
         const SweepBase& base = result.bases[i];
-        described.push_back({{"phone", Escaped(phones[i].file)},
-                             {"title", phones[i].title},
-                             {"answer", WordOf(base.verdict)},
-                             {"updated", base.verdict == Verdict::UPDATED},
-                             {"why", base.why},
-                             {"calls", base.made.run.calls.size()},
-                             {"failing_calls", Describe(sum.failingCalls)},
-                             {"power_cuts", Describe(sum.powerCuts)},
-                             {"states_after_cuts", Describe(sum.states)},
-                             {"course", DescribeCourse(result, i)}});
+        const bool isExpected = base.verdict == base.decision.verdict;
+        const bool isUpdated = base.verdict == Verdict::UPDATED;
+        described.push_back(
+            {{"phone", Escaped(phones[i].file)},
+             {"title", phones[i].title},
+             {"answer", WordOf(base.verdict)},
+             {"updated", isUpdated},
+             {"why", isExpected && !isUpdated ? WhyOf(base.decision) : SentenceOf(base.verdict)},
+             {"rehearse", RehearseCommand(package, stateFolder, phones[i])},
+             {"calls", base.made.run.calls.size()},
+             {"failing_calls", Describe(sum.failingCalls)},
+             {"power_cuts", Describe(sum.powerCuts)},
+             {"states_after_cuts", Describe(sum.states)},
+             {"course", DescribeCourse(result, i)}});
     }
     for (const SweepViolation& wrong : result.violations) {
-        const std::string command = RehearseCommand(begin, phones[wrong.scenario], wrong);
-        violations.push_back(Describe(command, wrong));
+        const std::string rehearse = described[wrong.scenario]["rehearse"];
+        violations.push_back(Describe(rehearse + RunsOf(wrong), wrong));
     }
-    return {{"package", Escaped(package)},
-            {"runs", result.runs},
-            {"phones", described},
-            {"violations", violations}};
+    const std::string_view bytes = BytesOf(result.bases.front().package);
+    Json report = {{"package", Escaped(package)}, {"size", bytes.size()},
+                   {"sha256", Sha256(bytes)},     {"program", std::string("fwlab ") + FFU_VERSION},
+                   {"date", DateText()},          {"runs", result.runs},
+                   {"phones", described},         {"violations", violations}};
+    report["fine"] = IsFine(report);
+    return report;
 }
 
 size_t RankOf(Verdict verdict) {

@@ -14,10 +14,11 @@ struct SweepPhone {
     std::string title; // for people
 };
 
-// Of each phone: what the run without a fault came to, how often the faults leave what, the calls
-// in their order, and what each fault leaves. The violations, each with its sentence and the shell
-// command that shows it. All texts are printable.
-// stateFolder: the state directory with which the phones start; empty: none.
+// What was swept, by which program and when. Of each phone: what the run without a fault came to,
+// how often the faults leave what, the calls in their order, and what each fault leaves. The
+// violations, each with its sentence and the shell command that shows it. All texts are printable.
+// The date is that of SOURCE_DATE_EPOCH, if the environment has it. stateFolder: the state
+// directory with which the phones start; empty: none.
 Json SweepReport(const std::string& package, const std::string& stateFolder,
                  const std::vector<SweepPhone>& phones, const SweepResult& result);
 

@@ -5,7 +5,6 @@
 
 #include "fwlab/base/stop.h"
 #include "fwlab/base/work_folder.h"
-#include "fwlab/phone/decision.h"
 #include "simphone/fault.h"
 
 #include <algorithm>
@@ -17,10 +16,8 @@
 #include <future>
 #include <map>
 #include <mutex>
-#include <string_view>
 #include <thread>
 #include <tuple>
-#include <unordered_set>
 
 namespace fs = std::filesystem;
 
@@ -49,16 +46,10 @@ struct Followed {
     bool isTorn; // only torn writes leave it
 };
 
-// What the package of a scenario is for its phone.
-struct Expected {
-    Package package;
-    Decision decision;
-};
-
 struct JobOutcome {
     std::vector<std::pair<Losses, Start>> left;
     std::vector<SweepViolation> violations;
-    const SweepTimeLine* timeLine = nullptr;
+    SweepTimeLine timeLine;
 };
 struct FollowOutcome {
     SweepState state = {};
@@ -75,13 +66,11 @@ struct Worker {
 struct Sweep {
     const std::vector<SweepScenario>& scenarios;
     const SweepOptions& options;
-    std::vector<Expected> expected; // of each scenario
     std::vector<Worker> workers;
     SweepResult result = {};
-    size_t planned = 0; // jobs
     std::atomic<size_t> runs = 0;
     std::atomic<bool> isEnding = false;            // no more work is begun
-    std::mutex mutex = {};                         // of what stands below, and of result.timeLines
+    std::mutex mutex = {};                         // of what stands below, and of result.lines
     std::unordered_set<std::string> contents = {}; // of files, each distinct one once
 };
 
@@ -99,21 +88,16 @@ const std::string* Kept(Sweep& sweep, const std::string& content) {
     return &*sweep.contents.insert(content).first;
 }
 
-const SweepTimeLine* KeptTimeLine(Sweep& sweep, size_t scenario, const RunResult& run) {
-    if (!sweep.options.keepsTimeLines) {
-        return nullptr;
+SweepTimeLine KeptTimeLine(Sweep& sweep, const RunResult& run) {
+    SweepTimeLine kept;
+    if (sweep.options.keepsTimeLines) {
+        const std::vector<TimeLineEntry> lines = TimeLine(run);
+        const std::lock_guard<std::mutex> lock(sweep.mutex);
+        for (const auto& [source, text] : lines) {
+            kept.push_back(&*sweep.result.lines.insert(source + (" " + text)).first);
+        }
     }
-    const auto isSame = [](const TimeLineEntry& one, const TimeLineEntry& other) {
-        return one.text == other.text && std::string_view(one.source) == other.source;
-    };
-    const std::vector<TimeLineEntry>& base = sweep.result.bases[scenario].timeLine;
-    std::vector<TimeLineEntry> lines = TimeLine(run);
-    const auto differs =
-        std::mismatch(lines.begin(), lines.end(), base.begin(), base.end(), isSame).first;
-    const auto common = static_cast<size_t>(differs - lines.begin());
-    lines.erase(lines.begin(), differs);
-    const std::lock_guard<std::mutex> lock(sweep.mutex);
-    return &*sweep.result.timeLines.insert({scenario, common, lines}).first;
+    return kept;
 }
 
 // Brings the worker's phone into the state from which a run of the scenario starts.
@@ -174,19 +158,11 @@ MadeRun Run(Sweep& sweep, const Worker& worker, SweepRun::Kind kind, Following& 
     return made;
 }
 
-Expected ExpectedOf(const SweepScenario& scenario) {
-    const Device device = DeviceOf(scenario.phone);
-    Expected expected = {OpenPackage(scenario.package, device.identity.layout), {}};
-    expected.decision = Decide(expected.package, device, scenario.before);
-    return expected;
-}
-
 // What has become of a phone of the scenario that has this state directory now.
 Verdict VerdictOf(const Sweep& sweep, size_t scenario, const std::string& image,
                   const StateDirectory& state) {
-    const Expected& expected = sweep.expected[scenario];
-    return Judge(expected.package, expected.decision, image, sweep.scenarios[scenario].before,
-                 state);
+    const SweepBase& base = sweep.result.bases[scenario];
+    return Judge(base.package, base.decision, image, sweep.scenarios[scenario].before, state);
 }
 
 Start StartOf(Sweep& sweep, const Following& following, const StateDirectory& state,
@@ -215,7 +191,7 @@ JobOutcome Do(Sweep& sweep, Worker& worker, const SweepJob& job) {
     for (const auto& [losses, state] : survivals) {
         outcome.left.emplace_back(losses, StartOf(sweep, following, state, image));
     }
-    outcome.timeLine = KeptTimeLine(sweep, job.scenario, made.run);
+    outcome.timeLine = KeptTimeLine(sweep, made.run);
     return outcome;
 }
 
@@ -263,7 +239,7 @@ FollowOutcome Follow(Sweep& sweep, Worker& worker, const Followed& followed, siz
     outcome.state.verdict =
         Judge(VerdictOf(sweep, start.scenario, *start.image, state),
               VerdictOf(sweep, start.scenario, later.empty() ? *start.image : later, next.after));
-    outcome.state.timeLine = KeptTimeLine(sweep, start.scenario, next.run);
+    outcome.state.timeLine = KeptTimeLine(sweep, next.run);
     if (outcome.violations.empty() && !followed.isTorn) { // a torn state is like many others
         CutAndRunNext(sweep, worker, following, next.run, turn);
         if (IsAttempt(next.run)) { // the power fails in that run, too
@@ -335,18 +311,15 @@ void RunBases(Sweep& sweep) {
     for (size_t i = 0; i < sweep.scenarios.size() && result.interruptedBy == 0; i++) {
         Following following = {i, nullptr, {}, {}, result.violations};
         Prepare(sweep, worker, i, sweep.scenarios[i].before);
-        result.bases.push_back({Run(sweep, worker, SweepRun::BASE, following, std::nullopt)});
-        SweepBase& base = result.bases.back();
-        const Decision& decision = sweep.expected[i].decision;
-        base.timeLine = TimeLine(base.made.run);
+        SweepBase& base = result.bases[i];
+        base.made = Run(sweep, worker, SweepRun::BASE, following, std::nullopt);
+        base.timeLine = KeptTimeLine(sweep, base.made.run);
         base.verdict = VerdictOf(sweep, i, TakenImage(worker.phone), base.made.after);
-        base.why = base.verdict == decision.verdict ? WhyOf(decision) : SentenceOf(base.verdict);
         (void)Run(sweep, worker, SweepRun::NEXT, following, std::nullopt); // for what it violates
         std::vector<SweepJob> jobs = JobsOf(base.made.run, i);
         if (sweep.options.select) {
             sweep.options.select(base.made.run, jobs);
         }
-        sweep.planned += jobs.size();
         result.jobs.insert(result.jobs.end(), jobs.begin(), jobs.end());
         result.interruptedBy = TakeSignal(0);
     }
@@ -386,10 +359,6 @@ void RunJobs(Sweep& sweep) {
         result.violations.insert(result.violations.end(), outcome.violations.begin(),
                                  outcome.violations.end());
     }
-    if (outcomes.size() != sweep.planned) {
-        throw Stop{2,
-                   fmt::format("only {} of {} faults were tried", outcomes.size(), sweep.planned)};
-    }
     const std::vector<Followed> distinct = Distinct(outcomes, result);
     std::vector<FollowOutcome> follows(distinct.size());
     ShareOut(sweep, follows.size(), "phones that they leave",
@@ -403,26 +372,18 @@ void RunJobs(Sweep& sweep) {
 
 } // namespace
 
-bool operator<(const SweepTimeLine& one, const SweepTimeLine& other) {
-    const auto key = [](const SweepTimeLine& line) { return std::tie(line.scenario, line.common); };
-    const auto isLess = [](const TimeLineEntry& a, const TimeLineEntry& b) {
-        return std::pair(a.text, std::string_view(a.source)) <
-               std::pair(b.text, std::string_view(b.source));
-    };
-    return key(one) < key(other) ||
-           (key(one) == key(other) &&
-            std::lexicographical_compare(one.rest.begin(), one.rest.end(), other.rest.begin(),
-                                         other.rest.end(), isLess));
-}
-
 SweepResult RunSweep(const std::vector<SweepScenario>& scenarios, const SweepOptions& options) {
     const WorkFolder folder;
     // For speed, of the tool's runs: 8 MiB of each UFS run in fewer page faults.
     setenv("GLIBC_TUNABLES", "glibc.malloc.hugetlb=1", 0);
     const size_t processors = std::max(1U, std::thread::hardware_concurrency());
-    Sweep sweep = {scenarios, options, {}, {}};
+    Sweep sweep = {scenarios, options, {}};
+    sweep.result.bases.reserve(scenarios.size()); // decisions point into their packages
     for (const SweepScenario& scenario : scenarios) {
-        sweep.expected.push_back(ExpectedOf(scenario));
+        const Device device = DeviceOf(scenario.phone);
+        Package package = OpenPackage(scenario.package, device.identity.layout);
+        const Decision decision = Decide(package, device, scenario.before);
+        sweep.result.bases.push_back({std::move(package), decision});
     }
     for (size_t i = 0; i < (options.threads > 0 ? options.threads : processors); i++) {
         sweep.workers.push_back({{fmt::format("{}/phone-{}", folder.path, i), {}}});

@@ -4,13 +4,13 @@
 #pragma once
 
 #include "fwlab/base/text.h"
-#include "fwlab/phone/verdict.h"
+#include "fwlab/phone/decision.h"
 #include "fwlab/sweep/jobs.h"
 #include "fwlab/sweep/judge.h"
 
 #include <functional>
 #include <optional>
-#include <set>
+#include <unordered_set>
 
 // One run, for a check of all runs.
 struct SweepRun {
@@ -37,19 +37,16 @@ struct SweepOptions {
     std::function<void(size_t done, size_t all, const char* what)> progress = {};
 };
 
-// Both logs and the device's requests of a run, from where they differ from the base run's.
-struct SweepTimeLine {
-    size_t scenario;
-    size_t common; // lines at the beginning that are as in the base run
-    std::vector<TimeLineEntry> rest;
-};
-bool operator<(const SweepTimeLine& one, const SweepTimeLine& other);
+// Both logs and the device's requests of a run, in their order: each line is its source (log,
+// device or console), a blank and the text. The lines are among SweepResult.lines. Empty if not
+// kept.
+using SweepTimeLine = std::vector<const std::string*>;
 
 // A phone that a job has left, and what the normal run on it came to.
 struct SweepState {
     Verdict verdict;
-    bool isWrong;                  // a run that followed violates what must hold
-    const SweepTimeLine* timeLine; // of the normal run; null if they are not kept
+    bool isWrong;           // a run that followed violates what must hold
+    SweepTimeLine timeLine; // of the normal run
 };
 
 // What a job leaves: a state for each loss that its power cut may cause.
@@ -60,7 +57,7 @@ struct SweepLeft {
 struct SweepJobResult {
     std::vector<SweepLeft> left; // one at least
     bool isWrong;                // its own run violates what must hold
-    const SweepTimeLine* timeLine;
+    SweepTimeLine timeLine;
 };
 
 struct SweepViolation {
@@ -71,11 +68,13 @@ struct SweepViolation {
     std::string detail; // of the caller's check
 };
 
+// The run of a scenario without a fault.
 struct SweepBase {
-    MadeRun made;
-    std::vector<TimeLineEntry> timeLine = {};
+    Package package;
+    Decision decision; // what was to be expected
+    MadeRun made = {};
+    SweepTimeLine timeLine = {};
     Verdict verdict = {};
-    std::string why = {}; // for people
 };
 
 struct SweepResult {
@@ -86,7 +85,7 @@ struct SweepResult {
     std::vector<SweepState> states;      // each distinct phone once
     std::vector<SweepViolation> violations;
     size_t runs = 0;
-    std::set<SweepTimeLine> timeLines; // each distinct one once
+    std::unordered_set<std::string> lines; // of time lines, each distinct one once
 };
 
 // The result is the same for any number of threads. Stop if a phone cannot be made or run, or if a
