@@ -1,6 +1,6 @@
-// Draws the report of a sweep: for each phone the course of its run and the list of its calls; and, when a
-// fault is chosen, its panel with the time lines. The address names what the panel shows: #p0 the run of
-// the first phone without a fault, #p0c12f3 a fault of its call 12, both from 0.
+// Draws the report of a sweep: for each phone the course of its run and the list of its calls; and,
+// when a fault is chosen, its panel with the time lines. The address names what the panel shows:
+// #p0 the first phone's run without a fault, #p0c12f3 the fault 3 of its call 12, all from 0.
 "use strict";
 
 const report = JSON.parse(document.getElementById("report").textContent);
@@ -80,8 +80,8 @@ function course(calls, ways, id) {
     return groups;
 }
 
-// Calls in a row that leave the same share a row of the list, if they are alike or on no path, such as
-// those of the clock.
+// Calls in a row that leave the same share a row of the list, if they are alike or on no path, such
+// as those of the clock.
 function sharesRow(calls, ways, one, other) {
     const [a, b] = [calls[one], calls[other]];
     const shown = i => JSON.stringify(ways[i].map(
@@ -124,7 +124,8 @@ function lines(numbers) {
         }
         const line = report.lines[numbers[first]], blank = line.indexOf(" ");
         const source = line.slice(0, blank);
-        shown.push(make("span", {class: source}, `${source.padEnd(8)}| ${line.slice(blank + 1)}\n`));
+        shown.push(make("span", {class: source},
+                        `${source.padEnd(8)}| ${line.slice(blank + 1)}\n`));
         if (end > first + 1) {
             shown.push(make("i", {}, `the same ${end - first} times\n`));
         }
@@ -149,8 +150,9 @@ const quoted = text => `'${text.replaceAll("'", "'\\''")}'`;
 // The title and the content of the panel of a fault.
 function ofFault(phone, way, ways) {
     return [`Call ${callText(way.call)}: ${failsText(way)}, ${way.label}`, [
-        make("p", {}, make("span", {class: "way " + classOf(way)}, make("b", {}, letterOf(way)), " ",
-                           answerText(way)), " ", verdicts[way.answer].sentence, "."),
+        make("p", {}, make("span", {class: "way " + classOf(way)},
+                           make("b", {}, letterOf(way)), " ", answerText(way)),
+             " ", verdicts[way.answer].sentence, "."),
         make("p", {}, "Both runs by hand: ",
              make("code", {}, `${phone.rehearse} --fault ${quoted(way.fault)} --then ''`)),
         make("p", {}, "All ways at this call: ", ...chips(ways)),
@@ -168,9 +170,9 @@ const drawn = report.phones.map((phone, p) => {
     const ways = phone.course.map((call, c) => waysOf(call, `p${p}c${c}`)), rows = [];
     document.getElementById(`phone-${p}`).append(
         make("h3", {}, "The course of the run"),
-        make("p", {}, "A column for each call, in order. Upper bar: the worst that the phone is left " +
-             "with when the call fails. Lower bar: when the power fails before it. D: the device is " +
-             "asked to change; S: a file is synced. A bar opens its fault. ",
+        make("p", {}, "A column for each call, in order. Upper bar: the worst that the phone is " +
+             "left with when the call fails. Lower bar: when the power fails before it. D: the " +
+             "device is asked to change; S: a file is synced. A bar opens its fault. ",
              make("a", {href: `#calls-${p}`}, "Past the bars to the list of calls")),
         course(phone.course, ways, `p${p}`),
         make("h3", {id: `calls-${p}`, tabindex: "-1"}, "Calls"),
@@ -179,7 +181,7 @@ const drawn = report.phones.map((phone, p) => {
 });
 
 const panel = document.getElementById("panel");
-let opener = null; // what the panel was opened by
+let opener = null; // the link outside of the panel that was clicked last
 
 function show() {
     const [, p, c, place] = location.hash.match(/^#p(\d+)(?:c(\d+)f(\d+))?$/) || [];
@@ -198,9 +200,6 @@ function show() {
         return;
     }
     const [title, content] = way ? ofFault(phone, way, ofCall) : ofBase(phone);
-    if (!panel.contains(document.activeElement)) {
-        opener = document.activeElement.hash === location.hash ? document.activeElement : null;
-    }
     panel.querySelector("h2").textContent = title;
     panel.querySelector("div").replaceChildren(...content);
     panel.querySelector("h2").focus({preventScroll: true});
@@ -208,11 +207,15 @@ function show() {
     if (way) {
         rows[c].classList.add("here");
         document.getElementById(`p${p}c${c}`).classList.add("here");
-        (opener || rows[c]).scrollIntoView({block: "nearest"}); // not behind the panel
+        const clicked = opener && opener.hash === location.hash ? opener : rows[c];
+        clicked.scrollIntoView({block: "nearest"}); // not behind the panel
     }
 }
 
 addEventListener("hashchange", show);
+addEventListener("click", event => {
+    opener = panel.contains(event.target) ? opener : event.target.closest("a");
+});
 addEventListener("keydown", event => {
     if (event.key === "Escape" && !panel.hidden) {
         location.hash = "closed";
