@@ -91,7 +91,7 @@ Json Describe(const CallEntry& call) {
 // The calls of the run without a fault, each with what its faults leave.
 Json DescribeCourse(const SweepResult& result, size_t scenario) {
     Json course = Json::array();
-    for (const CallEntry& call : result.bases[scenario].made.run.calls) {
+    for (const CallEntry& call : result.bases[scenario].run.calls) {
         course.push_back(Describe(call));
     }
     for (size_t i = 0; i < result.jobs.size(); i++) {
@@ -181,7 +181,7 @@ Json SweepReport(const std::string& package, const std::string& stateFolder,
              {"updated", isUpdated},
              {"why", isExpected && !isUpdated ? WhyOf(base.decision) : SentenceOf(base.verdict)},
              {"rehearse", RehearseCommand(package, stateFolder, phones[i])},
-             {"calls", base.made.run.calls.size()},
+             {"calls", base.run.calls.size()},
              {"failing_calls", Describe(sum.failingCalls)},
              {"power_cuts", Describe(sum.powerCuts)},
              {"states_after_cuts", Describe(sum.states)},

@@ -21,7 +21,7 @@ struct SweepRun {
     const RunResult* base; // the scenario's base run; may be this one
     const SweepJob* job;   // null for the base run and for normal runs after it
     std::string phone;     // its directory
-    const MadeRun* made;
+    const RunResult* run;
 };
 // Returns what is wrong with the run. Called in several threads at once.
 using SweepCheck = std::function<Texts(const SweepRun& run)>;
@@ -66,13 +66,14 @@ struct SweepViolation {
     // The fault of each run of the course that shows it, the last one's too; none: a normal run.
     std::vector<std::optional<Fault>> course;
     std::string detail; // of the caller's check
+    size_t order;       // of the work that has found it
 };
 
 // The run of a scenario without a fault.
 struct SweepBase {
     Package package;
     Decision decision; // what was to be expected
-    MadeRun made = {};
+    RunResult run = {};
     SweepTimeLine timeLine = {};
     Verdict verdict = {};
 };
