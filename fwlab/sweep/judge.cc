@@ -1,14 +1,16 @@
 // Judges runs by their calls, requests, logs and files.
 #include "fwlab/sweep/judge.h"
 
+#include "emmc/emmc_device.h"
 #include "fwlab/phone/decision.h"
 #include "fwlab/sweep/jobs.h"
 #include "run/result_record.h"
+#include "run/state_flags.h"
 
 #include <algorithm>
 #include <csignal>
-#include <cstring>
-#include <iterator>
+#include <set>
+#include <utility>
 
 namespace {
 
@@ -29,45 +31,23 @@ constexpr Words WORDS[] = {
     {"unexpected", "not what the scenario is to do"},
 };
 
-// A function, and how the path ends.
-struct CallKind {
-    const char *function, *path;
-};
+// Calls whose failure does not keep a run from its download: their result is of no use, or the file
+// need not be there.
+const std::set<std::string> GOES_ON = {"close",     "munmap",       "fclose", "time",  "ctime",
+                                       "localtime", "gettimeofday", "remove", "unlink"};
 
-// Calls whose failure does not keep a run from its download.
-constexpr CallKind GOES_ON[] = {
-    {"close", ""},
-    {"munmap", ""},
-    {"fclose", ""},
-    {"time", ""},
-    {"ctime", ""},
-    {"localtime", ""},
-    {"gettimeofday", ""}, // their result is of no use
-    {"remove", ""},
-    {"unlink", ""}, // the file need not be there
-    {"access", "/fw_result"},
-    {"access", "/ffu.ok"},
-    {"access", "/ffu.fail"},       // no record, flag,
-    {"access", "/bootdevice/ffu"}, // GKI mode
-    {"fsync", "/fw_result"},       // the write decides
-    {"fopen", "/proc/devices"},
-    {"fgets", "/proc/devices"}, // by libsgutils2 for the node's kind
-};
+// The same for some paths: no record, flag, GKI mode; a sync, as the write decides; what
+// libsgutils2 asks for the kind of a node.
+using CallKinds = std::set<std::pair<std::string, std::string>>;
+const CallKinds GOES_ON_AT = {{"access", RESULT_FILE},   {"access", OK_FLAG},
+                              {"access", FAIL_FLAG},     {"access", EMMC_FFU_NODE},
+                              {"fsync", RESULT_FILE},    {"fopen", "/proc/devices"},
+                              {"fgets", "/proc/devices"}};
 
-// The same for those that moved fewer bytes.
-constexpr CallKind GOES_ON_SHORT[] = {
-    {"read", "/bootdevice/product_name"},
-    {"read", "/bootdevice/rev"},  // the rest: blanks
-    {"read", "/ufs_fw_body.bin"}, // what could be read is sent
-};
-
-template <size_t count> bool IsAmong(const CallKind (&kinds)[count], const CallEntry& call) {
-    return std::any_of(std::begin(kinds), std::end(kinds), [&](const CallKind& kind) {
-        const size_t size = strlen(kind.path), whole = call.path.size();
-        return call.function == kind.function && whole >= size &&
-               call.path.compare(whole - size, size, kind.path) == 0;
-    });
-}
+// The same for those that moved fewer bytes: the rest is blanks, or what could be read is sent.
+const CallKinds GOES_ON_SHORT = {{"read", "/proc/bootdevice/product_name"},
+                                 {"read", "/proc/bootdevice/rev"},
+                                 {"read", std::string(STATE_DIR) + "/ufs_fw_body.bin"}};
 
 bool IsUpdate(const CallEntry& call) {
     return call.request && call.request->kind != RequestKind::SEND_EXT_CSD &&
@@ -90,6 +70,23 @@ bool IsRecordOpen(const RunResult& run) {
         isOpen = isDone ? call.function != "fsync" && (isOpen || ChangesThePhone(call)) : isOpen;
     }
     return isOpen;
+}
+
+// The place of the first call that the faults have changed; the number of calls if there is none.
+size_t FirstFailure(const RunResult& run, const RunResult& base) {
+    const size_t none = run.calls.size();
+    for (size_t i = 0; i < none && i < base.calls.size(); i++) {
+        const CallEntry &call = run.calls[i], &like = base.calls[i];
+        if (call.function != like.function || call.path != like.path) {
+            return none; // what failed before has failed without the faults, too
+        }
+        const bool isShort =
+            (call.function == "read" || call.function == "write") && call.result != like.result;
+        if (isShort || (call.replaced && !like.replaced)) {
+            return i;
+        }
+    }
+    return none;
 }
 
 // Whether the device was asked though a call before that had failed.
@@ -153,26 +150,11 @@ bool HasFailed(const CallEntry& call) {
 }
 
 bool MayGoOn(const CallEntry& call) {
-    const bool isShort = !call.replaced;
+    const std::pair kind(call.function, call.path);
     const bool isRecorded = call.function == "write" && call.path == RESULT_FILE &&
                             call.result != "0"; // one byte on record is enough
-    return IsAmong(GOES_ON, call) || (isShort && (isRecorded || IsAmong(GOES_ON_SHORT, call)));
-}
-
-size_t FirstFailure(const RunResult& run, const RunResult& base) {
-    const size_t none = run.calls.size();
-    for (size_t i = 0; i < none && i < base.calls.size(); i++) {
-        const CallEntry &call = run.calls[i], &like = base.calls[i];
-        if (call.function != like.function || call.path != like.path) {
-            return none; // what failed before has failed without the faults, too
-        }
-        const bool isShort =
-            (call.function == "read" || call.function == "write") && call.result != like.result;
-        if (isShort || (call.replaced && !like.replaced)) {
-            return i;
-        }
-    }
-    return none;
+    return GOES_ON.count(call.function) > 0 || GOES_ON_AT.count(kind) > 0 ||
+           (!call.replaced && (isRecorded || GOES_ON_SHORT.count(kind) > 0));
 }
 
 bool IsStuck(const RunResult& run) {

@@ -45,9 +45,6 @@ bool HasFailed(const CallEntry& call);
 // Whether a run may still download after this call was made to fail.
 bool MayGoOn(const CallEntry& call);
 
-// The place of the first call that the faults have changed; the number of calls if there is none.
-size_t FirstFailure(const RunResult& run, const RunResult& base);
-
 // Whether the run could not read the record.
 bool IsStuck(const RunResult& run);
 

@@ -104,12 +104,11 @@ std::string Drawn(Json report, const Json& verdicts, const SweepResult& result) 
 } // namespace
 
 std::string SweepPage(const Json& report, const SweepResult& result) {
-    constexpr char LETTERS[][2] = {"", "N", "-", "R", "A", "S", "U", "X", "W"}; // as in LEFT
+    const char* letter[] = {"", "N", "-", "R", "A", "S", "U", "X", "W"}; // as in LEFT
     Json verdicts = Json::array(), wrongs = Json::array();
-    for (const Verdict verdict : LEFT) {
-        verdicts.push_back({{"word", WordOf(verdict)},
-                            {"letter", LETTERS[RankOf(verdict)]},
-                            {"sentence", SentenceOf(verdict)}});
+    for (size_t i = 0; i < std::size(LEFT); i++) {
+        verdicts.push_back(
+            {{"word", WordOf(LEFT[i])}, {"letter", letter[i]}, {"sentence", SentenceOf(LEFT[i])}});
     }
     for (size_t i = 0; i < static_cast<size_t>(Wrong::UNEXPECTED); i++) {
         wrongs.push_back({{"sentence", SentenceOf(static_cast<Wrong>(i))}});

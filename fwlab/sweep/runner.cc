@@ -3,6 +3,7 @@
 // finds at its own place, so that the order of the threads changes nothing.
 #include "fwlab/sweep/runner.h"
 
+#include "fwlab/base/progress.h"
 #include "fwlab/base/stop.h"
 #include "fwlab/base/work_folder.h"
 #include "fwlab/sweep/made_run.h"
@@ -25,29 +26,26 @@ namespace {
 
 // A phone that a job has left, by all that the runs after it depend on.
 struct Start {
-    size_t scenario;
+    const SweepJob* job;
+    Losses losses; // of its power cut
     Course course;
     const std::string* image; // that the device has taken
     bool isThere;             // the state directory
     std::map<std::string, const std::string*> files;
 };
+
+// Whichever job has left it.
 bool operator<(const Start& one, const Start& other) {
     const auto key = [](const Start& start) {
-        return std::tie(start.scenario, start.course.isAsked, start.course.mayBeStuck, start.image,
-                        start.isThere, start.files);
+        return std::tie(start.job->scenario, start.course.isAsked, start.course.mayBeStuck,
+                        start.image, start.isThere, start.files);
     };
     return key(one) < key(other);
 }
 
-// A start with the job that the runs after it are told of.
-struct Followed {
-    const Start* start;
-    const SweepJob* job;
-    const Losses* losses;
-    bool IsTorn() const { // only torn writes leave it
-        return job->fault.effect == Effect::TORN;
-    }
-};
+bool IsTorn(const Start& start) {
+    return start.job->fault.effect == Effect::TORN;
+}
 
 // A thread's phone, which it uses again for each run.
 struct Worker {
@@ -63,8 +61,7 @@ struct Sweep {
     SweepResult result = {};
     std::atomic<size_t> runs = 0;
     std::atomic<bool> isEnding = false; // no more work is begun
-    std::mutex mutex = {};              // of what stands below, and of violations and lines
-    std::unordered_set<std::string> contents = {}; // of files, each distinct one once
+    std::mutex mutex = {};              // of the result's violations and texts
 };
 
 // Runs on one phone, one after the other without a restart.
@@ -77,17 +74,16 @@ struct Runs {
     bool isWrong = false;
 };
 
-const std::string* Kept(Sweep& sweep, std::unordered_set<std::string>& texts,
-                        const std::string& text) {
+const std::string* Kept(Sweep& sweep, const std::string& text) {
     const std::lock_guard<std::mutex> lock(sweep.mutex);
-    return &*texts.insert(text).first;
+    return &*sweep.result.texts.insert(text).first;
 }
 
 SweepTimeLine KeptTimeLine(Sweep& sweep, const RunResult& run) {
     SweepTimeLine kept;
     if (sweep.options.keepsTimeLines) {
         for (const auto& [source, text] : TimeLine(run)) {
-            kept.push_back(Kept(sweep, sweep.result.lines, source + (" " + text)));
+            kept.push_back(Kept(sweep, source + (" " + text)));
         }
     }
     return kept;
@@ -170,12 +166,12 @@ void Do(Sweep& sweep, Worker& worker, size_t number, SweepJobResult& done,
     const bool mayLose = job.fault.effect == Effect::ENDS;
     const std::vector<Survival> survivals = mayLose ? Survivals(run.before, run.after, run.calls)
                                                     : std::vector<Survival>{{{}, run.after}};
-    const std::string* image = Kept(sweep, sweep.contents, TakenImage(worker.phone));
+    const std::string* image = Kept(sweep, TakenImage(worker.phone));
     for (const auto& [losses, state] : survivals) {
         done.left.push_back({losses, 0});
-        starts.push_back({job.scenario, runs.course, image, state.isThere, {}});
+        starts.push_back({&job, losses, runs.course, image, state.isThere, {}});
         for (const auto& [name, content] : state.files) {
-            starts.back().files[name] = Kept(sweep, sweep.contents, content);
+            starts.back().files[name] = Kept(sweep, content);
         }
     }
     done.isWrong = runs.isWrong;
@@ -204,27 +200,26 @@ void CutAndRunNext(Sweep& sweep, const Worker& worker, Runs& runs, const RunResu
 
 // Normal runs on a phone that a job has left, and power cuts between them. What was downloaded and
 // not installed is lost.
-SweepState Follow(Sweep& sweep, Worker& worker, const Followed& followed, size_t turn) {
-    const Start& start = *followed.start;
-    Fault fault = followed.job->fault;
-    fault.losses = *followed.losses;
-    Runs runs = {
-        1 + sweep.result.jobs.size() + turn, start.scenario, followed.job, start.course, {fault}};
+SweepState Follow(Sweep& sweep, Worker& worker, const Start& start, size_t turn) {
+    const size_t scenario = start.job->scenario;
+    Fault fault = start.job->fault;
+    fault.losses = start.losses;
+    Runs runs = {1 + sweep.result.jobs.size() + turn, scenario, start.job, start.course, {fault}};
     Runs again = runs;
     StateDirectory state = {start.isThere, {}};
     for (const auto& [name, content] : start.files) {
         state.files[name] = *content;
     }
-    Prepare(sweep, worker, start.scenario, state);
+    Prepare(sweep, worker, scenario, state);
     const RunResult next = Run(sweep, worker, SweepRun::NEXT, runs);
     const std::string later = TakenImage(worker.phone);
-    const Verdict first = VerdictOf(sweep, start.scenario, *start.image, state);
+    const Verdict first = VerdictOf(sweep, scenario, *start.image, state);
     const Verdict last =
-        VerdictOf(sweep, start.scenario, later.empty() ? *start.image : later, next.after);
-    if (!runs.isWrong && !followed.IsTorn()) { // a torn state is like many others
+        VerdictOf(sweep, scenario, later.empty() ? *start.image : later, next.after);
+    if (!runs.isWrong && !IsTorn(start)) { // a torn state is like many others
         CutAndRunNext(sweep, worker, runs, next, turn);
         if (IsAttempt(next)) { // the power fails in that run, too
-            Prepare(sweep, worker, start.scenario, state);
+            Prepare(sweep, worker, scenario, state);
             CutAndRunNext(sweep, worker, again, next, turn);
         }
     }
@@ -255,23 +250,22 @@ void ShareOut(Sweep& sweep, size_t count, const char* what,
             throw Stop{2, std::string("a thread cannot be started: ") + error.what()};
         }
     }
-    int& interruptedBy = sweep.result.interruptedBy;
+    int signal = 0;
     for (std::future<void>& thread : threads) {
-        while (thread.wait_for(std::chrono::seconds(0)) != std::future_status::ready) {
-            const int signal = TakeSignal(20);
-            interruptedBy = signal != 0 ? signal : interruptedBy;
+        while (thread.wait_for(std::chrono::milliseconds(20)) != std::future_status::ready) {
+            signal = signal == 0 ? TakeSignal(0) : signal;
             sweep.isEnding = sweep.isEnding || signal != 0;
-            if (sweep.options.progress) {
-                sweep.options.progress(done, count, what);
-            }
+            ShowProgress(done, count, what);
         }
+    }
+    ShowProgress(count, count, what); // nothing is left of it
+    if (signal != 0) {                // it may have ended a run, too
+        throw Stop{128 + signal, "interrupted"};
     }
     for (std::future<void>& thread : threads) {
-        if (interruptedBy == 0) { // else a run may have been interrupted, too
-            thread.get();
-        }
+        thread.get();
     }
-    if (done != count && interruptedBy == 0) {
+    if (done != count) {
         throw Stop{2, fmt::format("only {} of {} {} were tried", done, count, what)};
     }
 }
@@ -280,10 +274,15 @@ void ShareOut(Sweep& sweep, size_t count, const char* what,
 void RunBases(Sweep& sweep) {
     SweepResult& result = sweep.result;
     Worker& worker = sweep.workers.front();
-    for (size_t i = 0; i < sweep.scenarios.size() && result.interruptedBy == 0; i++) {
+    result.bases.resize(sweep.scenarios.size());
+    for (size_t i = 0; i < sweep.scenarios.size(); i++) {
+        const SweepScenario& scenario = sweep.scenarios[i];
+        const Device device = DeviceOf(scenario.phone);
         SweepBase& base = result.bases[i];
+        base.package = OpenPackage(scenario.package, device.identity.layout);
+        base.decision = Decide(base.package, device, scenario.before);
         Runs runs = {0, i};
-        Prepare(sweep, worker, i, sweep.scenarios[i].before);
+        Prepare(sweep, worker, i, scenario.before);
         base.run = Run(sweep, worker, SweepRun::BASE, runs);
         base.timeLine = KeptTimeLine(sweep, base.run);
         base.verdict = VerdictOf(sweep, i, TakenImage(worker.phone), base.run.after);
@@ -293,25 +292,25 @@ void RunBases(Sweep& sweep) {
             sweep.options.select(base.run, jobs);
         }
         result.jobs.insert(result.jobs.end(), jobs.begin(), jobs.end());
-        result.interruptedBy = TakeSignal(0);
+        StopIfInterrupted();
     }
 }
 
 // The distinct phones that the jobs have left, in the order of the jobs, each with the first job
 // that leaves it: if there is one, with one that does not tear a write.
-std::vector<Followed> Distinct(const std::vector<std::vector<Start>>& starts, SweepResult& result) {
-    std::vector<Followed> distinct;
+std::vector<const Start*> Distinct(const std::vector<std::vector<Start>>& starts,
+                                   SweepResult& result) {
+    std::vector<const Start*> distinct;
     std::map<Start, size_t> places;
     for (size_t i = 0; i < starts.size(); i++) {
         for (size_t j = 0; j < starts[i].size(); j++) {
-            SweepLeft& left = result.results[i].left[j];
-            const Followed followed = {&starts[i][j], &result.jobs[i], &left.losses};
-            const auto [place, isNew] = places.emplace(starts[i][j], distinct.size());
-            left.state = place->second;
+            const Start& start = starts[i][j];
+            const auto [place, isNew] = places.emplace(start, distinct.size());
+            result.results[i].left[j].state = place->second;
             if (isNew) {
-                distinct.push_back(followed);
-            } else if (distinct[left.state].IsTorn() && !followed.IsTorn()) {
-                distinct[left.state] = followed;
+                distinct.push_back(&start);
+            } else if (IsTorn(*distinct[place->second]) && !IsTorn(start)) {
+                distinct[place->second] = &start;
             }
         }
     }
@@ -324,13 +323,10 @@ void RunJobs(Sweep& sweep) {
     std::vector<std::vector<Start>> starts(result.jobs.size());
     ShareOut(sweep, starts.size(), "faults",
              [&](Worker& worker, size_t i) { Do(sweep, worker, i, result.results[i], starts[i]); });
-    if (result.interruptedBy != 0) {
-        return;
-    }
-    const std::vector<Followed> distinct = Distinct(starts, result);
+    const std::vector<const Start*> distinct = Distinct(starts, result);
     result.states.resize(distinct.size());
     ShareOut(sweep, distinct.size(), "phones that they leave", [&](Worker& worker, size_t i) {
-        result.states[i] = Follow(sweep, worker, distinct[i], i);
+        result.states[i] = Follow(sweep, worker, *distinct[i], i);
     });
 }
 
@@ -342,26 +338,17 @@ SweepResult RunSweep(const std::vector<SweepScenario>& scenarios, const SweepOpt
     setenv("GLIBC_TUNABLES", "glibc.malloc.hugetlb=1", 0);
     const size_t processors = std::max(1U, std::thread::hardware_concurrency());
     Sweep sweep = {scenarios, options};
-    SweepResult& result = sweep.result;
-    result.bases.reserve(scenarios.size()); // decisions point into their packages
-    for (const SweepScenario& scenario : scenarios) {
-        const Device device = DeviceOf(scenario.phone);
-        Package package = OpenPackage(scenario.package, device.identity.layout);
-        const Decision decision = Decide(package, device, scenario.before);
-        result.bases.push_back({std::move(package), decision});
-    }
     for (size_t i = 0; i < (options.threads > 0 ? options.threads : processors); i++) {
         sweep.workers.push_back({{fmt::format("{}/phone-{}", folder.path, i), {}}});
     }
     RunBases(sweep);
-    if (result.interruptedBy == 0) {
-        RunJobs(sweep);
-    }
-    std::stable_sort(result.violations.begin(), result.violations.end(),
+    RunJobs(sweep);
+    std::vector<SweepViolation>& violations = sweep.result.violations;
+    std::stable_sort(violations.begin(), violations.end(),
                      [](const SweepViolation& one, const SweepViolation& other) {
                          return std::tie(one.scenario, one.call, one.order) <
                                 std::tie(other.scenario, other.call, other.order);
                      });
-    result.runs = sweep.runs;
-    return std::move(result);
+    sweep.result.runs = sweep.runs;
+    return std::move(sweep.result);
 }

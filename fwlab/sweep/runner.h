@@ -33,12 +33,10 @@ struct SweepOptions {
     // Called with the jobs of each scenario, in their order: may leave some out.
     std::function<void(const RunResult& base, std::vector<SweepJob>& jobs)> select = {};
     SweepCheck check = {};
-    // What was done so far, and of how many: faults, then phones that they have left.
-    std::function<void(size_t done, size_t all, const char* what)> progress = {};
 };
 
 // Both logs and the device's requests of a run, in their order: each line is its source (log,
-// device or console), a blank and the text. The lines are among SweepResult.lines. Empty if not
+// device or console), a blank and the text. The lines are among SweepResult.texts. Empty if not
 // kept.
 using SweepTimeLine = std::vector<const std::string*>;
 
@@ -71,24 +69,23 @@ struct SweepViolation {
 
 // The run of a scenario without a fault.
 struct SweepBase {
-    Package package;
-    Decision decision; // what was to be expected
+    Package package = {};
+    Decision decision = {}; // what was to be expected; points into the package
     RunResult run = {};
     SweepTimeLine timeLine = {};
     Verdict verdict = {};
 };
 
 struct SweepResult {
-    int interruptedBy = 0; // the signal that ended it early
     std::vector<SweepBase> bases;
     std::vector<SweepJob> jobs;          // by scenario and call
     std::vector<SweepJobResult> results; // of each job
     std::vector<SweepState> states;      // each distinct phone once
     std::vector<SweepViolation> violations;
     size_t runs = 0;
-    std::unordered_set<std::string> lines; // of time lines, each distinct one once
+    std::unordered_set<std::string> texts; // to which time lines point
 };
 
-// The result is the same for any number of threads. Stop if a phone cannot be made or run, or if a
-// single run could not be kept. Signals (see WorkFolder) end it early.
+// The result is the same for any number of threads. Stop if a phone cannot be made or run, if a
+// single run could not be kept, and if a signal interrupts it (see WorkFolder).
 SweepResult RunSweep(const std::vector<SweepScenario>& scenarios, const SweepOptions& options);
