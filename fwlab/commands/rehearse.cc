@@ -84,26 +84,25 @@ void RequireMet(const RunResult& run) {
     }
 }
 
-MadeRun Run(const std::vector<Fault>& faults, const Phone& phone, Report& report) {
-    MadeRun made = MakeRun(phone, Companion("ffu"), "", faults);
+RunResult Run(const std::vector<Fault>& faults, const Phone& phone, Report& report) {
+    RunResult run = MakeRun(phone, Companion("ffu"), "", faults);
     StopIfInterrupted();
     report.json["runs"].push_back({{"faults", TextsOf(faults)},
-                                   {"exit_status", made.run.exitStatus},
-                                   {"signal", made.run.signal},
-                                   {"timed_out", made.run.timedOut}});
-    TellTimeLine(made.run, report);
-    RequireMet(made.run);
-    LoseUnsynced(phone, made);
-    report.Say("\nThe run ended with {}.\n", EndOf(made.run));
+                                   {"exit_status", run.exitStatus},
+                                   {"signal", run.signal},
+                                   {"timed_out", run.timedOut}});
+    TellTimeLine(run, report);
+    RequireMet(run);
+    report.Say("\nThe run ended with {}.\n", EndOf(run));
     report.Say("{}", ShowPhone(phone));
     const StateReport state = ReadState(phone.directory + STATE_DIR);
     report.Say("{}\n", Sentence(state));
     report.json["runs"].back()["state"] = WordOf(state.verdict);
-    return made;
+    return run;
 }
 
 // The same run without any fault, on a phone of its own.
-RunResult RunWithoutFaults(const MadeRun& made, const RehearseOptions& options) {
+RunResult RunWithoutFaults(const StateDirectory& before, const RehearseOptions& options) {
     Texts settings = options.settings;
     settings.emplace_back("faults=[]");
     const WorkFolder folder;
@@ -113,19 +112,19 @@ RunResult RunWithoutFaults(const MadeRun& made, const RehearseOptions& options) 
         !PutPackage(phone, options.package, error)) {
         throw Stop{2, error};
     }
-    PutState(phone, made.before);
-    return MakeRun(phone, Companion("ffu"), "", {}).run;
+    PutState(phone, before);
+    return MakeRun(phone, Companion("ffu"), "", {});
 }
 
 // Asks the judge of sweeps about the next run before a restart.
-void TellViolations(MadeRun made, const Phone& phone, const RehearseOptions& options,
-                    Report& report) {
+void TellViolations(const RunResult& run, std::vector<Fault> faults, const Phone& phone,
+                    const RehearseOptions& options, Report& report) {
     const std::vector<Fault>& own = phone.description.faults; // of every run
-    made.faults.insert(made.faults.end(), own.begin(), own.end());
+    faults.insert(faults.end(), own.begin(), own.end());
     const bool isFirst = report.json["runs"].size() == 1;
-    const RunResult base = made.faults.empty() ? made.run : RunWithoutFaults(made, options);
+    const RunResult base = faults.empty() ? run : RunWithoutFaults(run.before, options);
     report.course = isFirst ? CourseBefore(base) : report.course;
-    for (const Wrong wrong : WrongsOf(made, &base, report.course)) {
+    for (const Wrong wrong : WrongsOf(run, faults, &base, report.course)) {
         report.json["violations"].push_back({{"run", report.json["runs"].size()},
                                              {"kind", NameOf(wrong)},
                                              {"text", SentenceOf(wrong)}});
@@ -214,17 +213,17 @@ Faults ParsedFaults(const RehearseOptions& options) {
 }
 
 // The runs before the restart; returns the last one.
-MadeRun RunAll(const Phone& phone, const Faults& faults, const RehearseOptions& options,
-               Report& report) {
-    MadeRun made;
+RunResult RunAll(const Phone& phone, const Faults& faults, const RehearseOptions& options,
+                 Report& report) {
+    RunResult run = {};
     for (size_t i = 0; i < faults.size(); i++) {
         if (i > 0) {
             report.Say("\nRun {}, without a restart:\n", i + 1);
         }
-        made = Run(faults[i], phone, report);
-        TellViolations(made, phone, options, report);
+        run = Run(faults[i], phone, report);
+        TellViolations(run, faults[i], phone, options, report);
     }
-    return made;
+    return run;
 }
 
 // Makes the phone in an empty or missing folder, runs the tool on it and tells what becomes of it.
@@ -243,7 +242,7 @@ int RehearseIn(const Phone& phone, const RehearseOptions& options, const Faults&
         return Judge(package, decision, running.image, before, ReadStateDirectory(phone.directory));
     };
     report.Say("{}\n", ShowPhone(phone));
-    const RunResult run = RunAll(phone, faults, options, report).run;
+    const RunResult run = RunAll(phone, faults, options, report);
     Reboot(phone);
     const Running running = ReadRunning(phone.directory, *package.layout);
     const bool isReported = TellRunning(running, package, decision, report);

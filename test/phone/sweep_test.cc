@@ -182,18 +182,18 @@ void CheckOutcome(const Scenario& scenario, const RunResult& run, const std::str
 
 // A run to its end, on a phone that had the state files before.
 void CheckRun(const Scenario& scenario, const SweepRun& swept) {
-    const MadeRun& made = *swept.made;
-    ExpectAllGivenBack(made.run);
-    CheckRecord(scenario, made.run, made.before.files, made.after.files);
-    CheckFlags(made.run, made.before.files, made.after.files);
+    const RunResult& run = *swept.run;
+    ExpectAllGivenBack(run);
+    CheckRecord(scenario, run, run.before.files, run.after.files);
+    CheckFlags(run, run.before.files, run.after.files);
     std::string downloaded;
     (void)ReadWholeFile(swept.phone + "/device/downloaded.bin", downloaded); // there may be none
-    CheckOutcome(scenario, made.run, downloaded);
+    CheckOutcome(scenario, run, downloaded);
 }
 
 void CheckFailingCall(const Scenario& scenario, const SweepRun& swept) {
     CheckRun(scenario, swept);
-    const RunResult &run = swept.made->run, &base = *swept.base;
+    const RunResult &run = *swept.run, &base = *swept.base;
     if (HasFailed(base.calls[swept.job->call])) {
         return; // as it did without the fault
     }
@@ -203,19 +203,19 @@ void CheckFailingCall(const Scenario& scenario, const SweepRun& swept) {
     const bool isStarted = Find(run, "remove", OK) != nullptr; // an update
     const bool mustStop = !MayGoOn(call) && EffectText(fault) == "EIO";
     if (!isStarted && mustStop && call.function != "access") {
-        EXPECT_EQ(swept.made->after.files.count(END), 0U);
+        EXPECT_EQ(run.after.files.count(END), 0U);
     }
     EXPECT_TRUE(Steps(run) + run.console != Steps(base) + base.console ||
                 std::regex_match(failure, SILENT));
 }
 
 // What lies there before anything unsynced is lost.
-void CheckPowerCut(const Scenario& scenario, const MadeRun& made) {
-    const Files left = made.after.files;
-    CheckRecord(scenario, made.run, scenario.files, left);
+void CheckPowerCut(const Scenario& scenario, const RunResult& run) {
+    const Files left = run.after.files;
+    CheckRecord(scenario, run, scenario.files, left);
     EXPECT_FALSE(left.count(BEGIN) && left.count(END));
     EXPECT_FALSE(left.count(OK) && left.count(FAIL));
-    const std::string updates = Updates(made.run);
+    const std::string updates = Updates(run);
     for (const std::string& flag : {OK, FAIL}) {
         if (left.count(flag)) { // of the attempt before until the device is asked
             const bool isOld = left.at(flag) == OLD_TIME;
@@ -229,14 +229,14 @@ void CheckPowerCut(const Scenario& scenario, const MadeRun& made) {
 // attempt that is not on record is made, and no other.
 void CheckNext(const Scenario& scenario, const SweepRun& swept) {
     CheckRun(scenario, swept);
-    const MadeRun& made = *swept.made;
-    Files before = made.before.files, first = scenario.files;
+    const RunResult& run = *swept.run;
+    Files before = run.before.files, first = scenario.files;
     const std::string record = before[RECORD];
-    const bool isThere = made.before.files.count(RECORD) > 0;
+    const bool isThere = run.before.files.count(RECORD) > 0;
     const bool isOld = isThere == (scenario.files.count(RECORD) > 0) && record == first[RECORD];
-    EXPECT_EQ(Updates(made.run), isOld ? scenario.updates : "");
+    EXPECT_EQ(Updates(run), isOld ? scenario.updates : "");
     const bool isWhole = !isThere || isOld || Contains(record, ATTEMPTS[scenario.isUfs]);
-    EXPECT_EQ(IsStuck(made.run), !isWhole);
+    EXPECT_EQ(IsStuck(run), !isWhole);
 }
 
 // The failures that this thread has found, as texts: the sweep knows in which run.
@@ -246,12 +246,12 @@ Texts Check(const Scenario& scenario, const SweepRun& swept) {
         const testing::ScopedFakeTestPartResultReporter reporter(
             testing::ScopedFakeTestPartResultReporter::INTERCEPT_ONLY_CURRENT_THREAD, &failures);
         if (swept.kind == SweepRun::BASE) {
-            EXPECT_EQ(Updates(swept.made->run), scenario.updates);
+            EXPECT_EQ(Updates(*swept.run), scenario.updates);
             CheckRun(scenario, swept);
         } else if (swept.kind == SweepRun::FAILING_CALL) {
             CheckFailingCall(scenario, swept);
         } else if (swept.kind == SweepRun::POWER_CUT) {
-            CheckPowerCut(scenario, *swept.made);
+            CheckPowerCut(scenario, *swept.run);
         } else if (swept.kind == SweepRun::NEXT) {
             CheckNext(scenario, swept);
         }
@@ -308,7 +308,7 @@ void CheckShortReads(const SweepResult& result) {
     size_t count = 0;
     for (size_t i = 0; i < result.jobs.size(); i++) {
         const SweepJob& job = result.jobs[i];
-        const CallEntry& call = result.bases[job.scenario].made.run.calls[job.call];
+        const CallEntry& call = result.bases[job.scenario].run.calls[job.call];
         if (call.function == "read" && Contains(call.path, "ufs_fw_body.bin") &&
             job.fault.effect == Effect::SHORT && job.fault.value > 0 &&
             result.bases[job.scenario].verdict == Verdict::UPDATED) {
@@ -350,7 +350,7 @@ TEST_F(SweepTest, EachCallFailsAndThePowerAtEachCall) {
     }
     size_t calls = 0;
     for (const SweepBase& base : result.bases) {
-        calls += base.made.run.calls.size();
+        calls += base.run.calls.size();
     }
     const long cuts = std::count_if(result.jobs.begin(), result.jobs.end(),
                                     [](const SweepJob& job) { return IsPowerCut(job.fault); });
