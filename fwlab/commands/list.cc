@@ -56,7 +56,7 @@ int List(const std::string& packageFile, bool asJson) {
         const Entry* outer = OuterEntry(package, entry);
         findings = outer == nullptr ? FindingsOf(package, entry) : Texts();
         isFlawless = isFlawless && findings.empty();
-        Json shown = Describe(package, entry);
+        Json shown = ReportOf(package, entry);
         shown["findings"] = findings;
         shown["notes"] =
             outer == nullptr ? NotesForAnyPhone(entry) : Texts{"a magic inside " + Title(*outer)};

@@ -74,7 +74,7 @@ int Match(const std::string& packageFile, const Description& phone, const std::s
     const Package package = OpenPackage(packageFile, device.identity.layout);
     const Record record = recordFile.empty() ? Record() : ReadRecord(recordFile);
     const Decision decision = Decide(package, device, recordFile.empty() ? nullptr : &record);
-    Json report = Describe(decision);
+    Json report = ReportOf(decision);
     report["not_looked_at"] = NotLookedAt(phone);
     Show(asJson, report, [&] {
         Print(device.identity, decision);

@@ -139,7 +139,7 @@ std::string Title(const Entry& entry) {
     return fmt::format("entry {} at {:#x}", entry.number, entry.offset);
 }
 
-nlohmann::ordered_json Describe(const Package& package, const Entry& entry) {
+Json ReportOf(const Package& package, const Entry& entry) {
     const Layout& layout = *package.layout;
     Json shown = {{"number", entry.number}, {"offset", entry.offset}};
     for (const Field* field : FieldsOf(layout)) {

@@ -326,22 +326,22 @@ TEST_F(FwlabTest, DiffTellsEntriesAndDevicesApart) {
         {1,
          "removed: number 1, offset 0, manfid \"0x0001ce\", product_name \"SIMUFS128G-B0B1 \", "
          "revision \"0900\", *base_revisions \"any\", body_size 4, sha256 \"230d8358dc8e*\nadded: "
-         "*revision \"1000\", *base_revisions \"0900\", *CHANGES: \"0x0001ce\" \"SIMUFS128G-B0B1 "
-         "\" runs \"0900\":\n    old: nothing to "
+         "*revision \"1000\", *base_revisions \"0900\", *CHANGES: *runs another, older revision:\n"
+         "    old: gets \"0900\", 4 bytes of entry 1, *\n    new: refused: *CHANGES: \"0x0001ce\" "
+         "\"SIMUFS128G-B0B1 \" runs \"0900\":\n    old: nothing to "
          "do: *\n    new: gets \"1000\", 4 bytes of entry 1, sha256 230d8358dc8e*runs \"1000\":\n"
-         "    old: USED UP: its revision is not newer*CHANGES: *runs another, older revision:\n"
-         "    old: gets \"0900\", 4 bytes of entry 1, *\n    new: refused: *differ.",
+         "    old: USED UP: its revision is not newer*differ.",
          ufs, fromNew},
         {1,
-         "removed: *body_size 4*added: *body_size 3*NOTE: another entry under the same revision: "
-         "*\"0900\"",
+         "removed: *body_size 4*added: *body_size 3*CHANGES: *, older revision:*\"0900\", 4 bytes*"
+         "\"0900\", 3 bytes*runs \"0900\":\n    old: nothing to do: *new: nothing to do: ",
          ufs, UfsEntry(UFS_NEW_REV, "abc")},
         {1, "added: number 1, *\"SIMUFS256G-B0B1 \", *CHANGES: ", ufs, other + ufs},
         {1, "removed: number 1, *\"SIMUFS256G-B0B1 \", ", other + ufs, ufs},
         {1, "belong to no entry differ: ", ufs, ufs + "pad"},
         {1, "added: ", "", ufs},
-        {1, "in normal mode:\n    old: USED UP: *CHANGES: *GKI mode:*gets \"FW000002\", 1048577",
-         large, With(large, {0x2000, 1}, "")},
+        {1, "CHANGES: *gets \"FW000002\", 1048577 *; note: *only GKI mode takes it\n", large,
+         With(large, {0x2000, 1}, "")},
         // The second entry's name agrees with that of the first, as far as it goes.
         {1, "\"SIMUFS128G-B0B1 \" runs another*\n    old: gets \"0900\"*\n    new: WRONG IMAGE: ",
          ufs, wrong + ufs},
@@ -489,7 +489,7 @@ TEST_F(FwlabTest, CaptureRefusesWhatIsNoPhone) {
         {1, "no number", ufs, {{limit, "9999999\n"}}},
         {2, "rev: is no regular file", ufs, {{boot + "rev", MISSING}, {boot + "rev/file", ""}}},
         {2, "rev: is larger than any node", ufs, {{boot + "rev", std::string(4097, '0')}}},
-        {2, "--firmware-revision has 3 bytes, not 4", ufs, {}, "ufs --firmware-revision 090"},
+        {2, "--firmware-revision 090: is not 4 bytes", ufs, {}, "ufs --firmware-revision 090"},
         {2, "--kind", ufs, {}, "nand --firmware-revision 0900"},
         // Not optional: a value that nobody gave would decide how a rehearsal ends.
         {2, "--firmware-revision is required", ufs, {}, "ufs"},
