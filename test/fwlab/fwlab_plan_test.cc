@@ -37,7 +37,7 @@ TEST_F(FwlabTest, PlanTellsWhatEachPhoneGets) {
          Model(NAMED, OLD + "{ revision = '0700', phones = 4 }, { revision = [48, 57, 48, 48], "
                             "phones = 5 }"),
          ufs},
-        {1, "\"1000\"*8  USED UP: its revision is not newer*Do NOT release this package",
+        {1, "\"1000\"*8  USED UP: its revision is not newer*Do NOT release",
          Model(NAMED, OLD + "{ revision = '1000', phones = 8 }"), ufs},
         {1, "WRONG IMAGE: the pre-check selects entry 2 at 0x44, the update selects entry 1",
          Model(NAMED, OLD), With(UfsEntry(), UFS_PNM_FIELD, "SIMUFS128G\n") + UfsEntry()},
@@ -175,7 +175,7 @@ TEST_F(PlanTest, KnowsAttemptsOnRecord) {
                    Counted("0700", 1)),
          {{Passed(Record("0800", "0850")), 1}}},
         {1,
-         "1  USED UP: undecided*USED UP: *larger than the 4 KiB*USED UP: *larger than the 8 KiB",
+         "1  USED UP: it is one of*USED UP: *larger than the 4 KiB*USED UP: *larger than the 8 KiB",
          Model(NAMED + "max_hw_sectors_kb = 4\n", Counted("0850", 1)) +
              Model(NAMED + "max_hw_sectors_kb = 8\n", Counted("0850", 1)),
          {{Passed(Record("0800", "0850")), 1}},
