@@ -33,9 +33,8 @@ HeldSignals::~HeldSignals() {
 WorkFolder::WorkFolder() {
     std::error_code error;
     path = fs::temp_directory_path(error) / "fwlab-XXXXXX";
-    if (error || mkdtemp(path.data()) == nullptr) {
-        throw Stop{2, "no folder for temporary phones can be made: does TMPDIR name one?"};
-    }
+    Require(!error && mkdtemp(path.data()) != nullptr, 2,
+            "no folder for temporary phones can be made: does TMPDIR name one?");
 }
 
 WorkFolder::~WorkFolder() {
@@ -51,7 +50,5 @@ int TakeSignal(long milliseconds) {
 
 void StopIfInterrupted() {
     const int number = TakeSignal(0);
-    if (number != 0) {
-        throw Stop{128 + number, "interrupted"};
-    }
+    Require(number == 0, 128 + number, "interrupted");
 }

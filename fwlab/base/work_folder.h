@@ -12,7 +12,7 @@ public:
     HeldSignals(const HeldSignals&) = delete;
     HeldSignals& operator=(const HeldSignals&) = delete;
 
-    sigset_t mask; // the signals held back before: for child processes
+    sigset_t mask; // the signals that were held back before
 };
 
 // A temporary folder; the destructor removes it.

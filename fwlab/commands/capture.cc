@@ -11,6 +11,7 @@
 #include "emmc/emmc_device.h"
 #include "emmc/emmc_register.h"
 
+#include <charconv>
 #include <climits>
 #include <filesystem>
 #include <fmt/format.h>
@@ -32,18 +33,14 @@ struct Nodes {
 std::string Read(Nodes& nodes, const std::string& path) {
     const std::string place = nodes.folder + path;
     std::error_code error;
-    if (!fs::is_regular_file(fs::symlink_status(place, error))) {
-        throw Stop{2, place + ": " + (error ? error.message() : "is no regular file")};
-    }
-    if (fs::file_size(place) > NODE_SIZE_MAX) {
-        throw Stop{2, place + ": is larger than any node"};
-    }
+    const bool isRegular = fs::is_regular_file(fs::symlink_status(place, error));
+    Require(isRegular, 2, place + ": " + (error ? error.message() : "is no regular file"));
+    Require(fs::file_size(place) <= NODE_SIZE_MAX, 2, place + ": is larger than any node");
     const std::string content = WholeFile(place);
     const size_t size = content.size();
-    if (size == 0 || (size > 1 && content.compare(size - 2, 2, "\r\n") == 0)) {
-        throw Stop{1, place + ": is empty or ends with a carriage return, as no node does: take it "
-                              "by `adb exec-out cat`, which keeps every byte"};
-    }
+    Require(size == 1 || (size > 1 && content.compare(size - 2, 2, "\r\n") != 0), 1,
+            place + ": is empty or ends with a carriage return, as no node does: take it by `adb "
+                    "exec-out cat`, which keeps every byte");
     nodes.places.push_back(place);
     return content;
 }
@@ -56,10 +53,9 @@ std::string WithoutLineFeed(std::string text) {
 // The bytes of so many hexadecimal digits. Stop if it is anything else.
 std::string Unhex(const std::string& text, size_t size, const char* name) {
     const std::string digits = WithoutLineFeed(text);
-    if (digits.size() != 2 * size ||
-        digits.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos) {
-        throw Stop{1, fmt::format("{} is not {} hexadecimal digits", name, 2 * size)};
-    }
+    Require(digits.size() == 2 * size &&
+                digits.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos,
+            1, fmt::format("{} is not {} hexadecimal digits", name, 2 * size));
     std::string bytes;
     for (size_t i = 0; i < digits.size(); i += 2) {
         bytes += static_cast<char>(std::stoi(digits.substr(i, 2), nullptr, 16));
@@ -84,11 +80,9 @@ std::string DescribeEmmc(Nodes& nodes, const std::string& mode) {
     // The phone reads as many bytes of the node as the register has.
     const std::string own = cid.substr(CID_PNM, sizeof(EmmcFwHeader::emmcPnm)),
                       name = Read(nodes, "/proc/bootdevice/product_name").substr(0, own.size());
-    if (name != own) {
-        throw Stop{
-            1, fmt::format("product_name is {}, but the CID has {}: no description can have both",
-                           Quoted(name), Quoted(own))};
-    }
+    Require(name == own, 1,
+            fmt::format("product_name is {}, but the CID has {}: no description can have both",
+                        Quoted(name), Quoted(own)));
     std::string revision = extCsd.substr(EXT_CSD_FIRMWARE_VERSION, EMMC_REV_SIZE);
     revision.resize(revision.find_last_not_of('\0') + 1); // zero bytes fill it up
     return Line("technology", "\"emmc\"") + Line("mode", TomlBytes(mode)) +
@@ -103,10 +97,8 @@ std::string DescribeEmmc(Nodes& nodes, const std::string& mode) {
 
 std::string DescribeUfs(Nodes& nodes) {
     const std::string rev = Read(nodes, "/proc/bootdevice/rev");
-    if (rev.size() < UFS_REV_SIZE) {
-        throw Stop{1, fmt::format("rev has {} bytes: the phone reads 4, and stops without them",
-                                  rev.size())};
-    }
+    Require(rev.size() >= UFS_REV_SIZE, 1,
+            fmt::format("rev has {} bytes: the phone reads 4, and stops without them", rev.size()));
     // A simulated phone's node has a line feed behind the revision.
     std::string text =
         Line("technology", "\"ufs\"") +
@@ -115,12 +107,12 @@ std::string DescribeUfs(Nodes& nodes) {
         Line("revision", TomlBytes(WithoutLineFeed(rev.substr(0, UFS_REV_SIZE))));
     if (fs::exists(nodes.folder + MAX_HW_SECTORS_KB)) {
         const std::string number = WithoutLineFeed(Read(nodes, MAX_HW_SECTORS_KB));
-        if (number.empty() || number[0] == '0' ||
-            number.find_first_not_of("0123456789") != std::string::npos || number.size() > 9 ||
-            std::stol(number) > INT_MAX / 1024) {
-            throw Stop{1, "max_hw_sectors_kb is no number of KiB: " + Quoted(number)};
-        }
-        text += Line("max_hw_sectors_kb", number);
+        int kilobytes = 0;
+        const char* end = number.data() + number.size();
+        const bool isWhole = std::from_chars(number.data(), end, kilobytes).ptr == end;
+        Require(isWhole && kilobytes > 0 && kilobytes <= INT_MAX / 1024, 1,
+                "max_hw_sectors_kb is no number of KiB: " + Quoted(number));
+        text += Line("max_hw_sectors_kb", std::to_string(kilobytes));
     }
     return text;
 }
@@ -129,11 +121,9 @@ std::string DescribeUfs(Nodes& nodes) {
 std::string FirmwareRevision(const std::string& option, bool isUfs) {
     std::string revision;
     const size_t least = isUfs ? UFS_REV_SIZE : 1, most = isUfs ? UFS_REV_SIZE : EMMC_REV_SIZE;
-    if (!Unescape(option, revision) || revision.size() < least || revision.size() > most) {
-        throw Stop{2,
-                   fmt::format(R"(--firmware-revision {}: is not {} bytes (\n, \\ or \xHH each))",
-                               option, isUfs ? "4" : "1 to 8")};
-    }
+    Require(Unescape(option, revision) && revision.size() >= least && revision.size() <= most, 2,
+            fmt::format(R"(--firmware-revision {}: is not {} bytes (\n, \\ or \xHH each))", option,
+                        isUfs ? "4" : "1 to 8"));
     return revision;
 }
 

@@ -121,9 +121,8 @@ void PrintEntries(const char* change, const Json& entries) {
 
 int Diff(const std::string& oldFile, const std::string& newFile, bool asJson) {
     const Package before = OpenPackage(oldFile), after = OpenPackage(newFile);
-    if (before.size > 0 && after.size > 0 && before.layout != after.layout) {
-        throw Stop{2, "one package is for eMMC, the other one for UFS"};
-    }
+    Require(before.size == 0 || after.size == 0 || before.layout == after.layout, 2,
+            "one package is for eMMC, the other one for UFS");
     const Layout& layout = *(after.size > 0 ? after : before).layout;
     const bool isSame = BytesOf(before) == BytesOf(after);
     const Json report = {{"old", ReportOf(before)},

@@ -1,7 +1,7 @@
 // The release gate: what each phone of a fleet gets from the packages, before any phone has them.
 #include "fwlab/base/json.h"
 #include "fwlab/base/progress.h"
-#include "fwlab/base/table.h"
+#include "fwlab/base/text.h"
 #include "fwlab/commands/commands.h"
 #include "fwlab/phone/decision.h"
 #include "fwlab/phone/fleet.h"
@@ -178,14 +178,11 @@ std::vector<Package> ReadPackages(const Texts& paths) {
     std::vector<Package> packages;
     for (const std::string& path : paths) {
         const Package package = OpenPackage(path);
-        if (package.size == 0) {
-            throw Stop{1, path + " is empty: phones find nothing to do in it"};
-        }
+        Require(package.size > 0, 1, path + " is empty: phones find nothing to do in it");
         for (const Package& other : packages) {
-            if (other.layout == package.layout) {
-                throw Stop{2, fmt::format("{} and {} are both {} packages: a phone has one",
-                                          other.path, path, package.layout->title)};
-            }
+            Require(other.layout != package.layout, 2,
+                    fmt::format("{} and {} are both {} packages: a phone has one", other.path, path,
+                                package.layout->title));
         }
         packages.push_back(package);
     }
@@ -280,7 +277,7 @@ void PrintLines(const Json& lines) {
             revisions.insert(Shown(one["revision"]));
         }
         rows.push_back({fmt::format("{}", fmt::join(devices, " or ")),
-                        fmt::format("{}", fmt::join(revisions, " or ")), line["phones"].dump(),
+                        fmt::format("{}", fmt::join(revisions, " or ")), Shown(line["phones"]),
                         line["gets"]});
     }
     const Texts shown = InColumns(rows, 2);
@@ -303,7 +300,7 @@ void Print(const Json& report) {
     if (report["records_of_no_phone"] > 0) {
         fmt::print("Note: {} records belong to no phone of the fleet: it counts no phone, or no "
                    "further one, of that model with that revision.\n",
-                   report["records_of_no_phone"].dump());
+                   Shown(report["records_of_no_phone"]));
     }
     for (const Json& finding : report["findings"]) {
         fmt::print("FINDING: {}\n", finding.get<std::string>());

@@ -66,11 +66,10 @@ std::string EndOf(const RunResult& run) {
 }
 
 void RequireMet(const RunResult& run) {
-    if (!run.unmetFaults.empty()) {
-        throw Stop{2, fmt::format("{} met no call of the run: {}",
-                                  run.unmetFaults.size() == 1 ? "this fault" : "these faults",
-                                  fmt::join(TextsOf(run.unmetFaults), "; "))};
-    }
+    Require(run.unmetFaults.empty(), 2,
+            fmt::format("{} met no call of the run: {}",
+                        run.unmetFaults.size() == 1 ? "this fault" : "these faults",
+                        fmt::join(TextsOf(run.unmetFaults), "; ")));
 }
 
 MadeRun Run(const std::vector<Fault>& faults, const Phone& phone, Report& report) {
@@ -94,10 +93,9 @@ MadeRun Run(const std::vector<Fault>& faults, const Phone& phone, Report& report
 // Makes the phone in an empty or missing folder, with the package and what runs have left.
 void Make(const Phone& phone, const std::string& package, const StateDirectory& state) {
     std::string error;
-    if (!MakePhone(phone.description, phone.directory, error) ||
-        !PutPackage(phone, package, error)) {
-        throw Stop{2, error};
-    }
+    Require(MakePhone(phone.description, phone.directory, error) &&
+                PutPackage(phone, package, error),
+            2, error);
     PutState(phone, state);
 }
 
@@ -129,9 +127,7 @@ void TellViolations(MadeRun made, const Phone& phone, const RehearseOptions& opt
 
 void Reboot(const Phone& phone) {
     std::string error;
-    if (!RebootPhone(phone, error)) {
-        throw Stop{2, error};
-    }
+    Require(RebootPhone(phone, error), 2, error);
 }
 
 // Restarts the phone, which then runs `image` or, if it is empty, what it was made with. Returns
@@ -185,9 +181,7 @@ Faults ParsedFaults(const RehearseOptions& options) {
     std::string error;
     for (size_t i = 0; i < texts.size(); i++) {
         for (const std::string& text : texts[i]) {
-            if (!ParseFault(text, faults[i].emplace_back(), error)) {
-                throw Stop{2, error};
-            }
+            Require(ParseFault(text, faults[i].emplace_back(), error), 2, error);
         }
     }
     return faults;
@@ -258,8 +252,6 @@ int Rehearse(const RehearseOptions& options, bool asJson) {
     } else {
         MakeFolder(options.keep, rehearse);
     }
-    if (asJson) {
-        fmt::print("{}\n", report.json.dump(2));
-    }
+    Show(asJson, report.json, [] {}); // people have read it
     return status;
 }

@@ -55,12 +55,8 @@ PackageBytes Map(const std::string& path, size_t size) {
 Package OpenPackage(const std::string& path, const Layout* layout) {
     std::error_code error;
     const size_t size = std::filesystem::file_size(path, error); // of a regular file only
-    if (error) {
-        throw Stop{2, path + ": " + error.message()};
-    }
-    if (size > PACKAGE_SIZE_MAX) {
-        throw Stop{2, path + ": is 2 GiB or larger: phones refuse it"};
-    }
+    Require(!error, 2, path + ": " + error.message());
+    Require(size <= PACKAGE_SIZE_MAX, 2, path + ": is 2 GiB or larger: phones refuse it");
     const PackageBytes bytes = Map(path, size);
     const uint8_t* first = bytes.get();
     const size_t ufs = Covered(UFS, first, size), emmc = Covered(EMMC, first, size);
@@ -82,10 +78,8 @@ Package LookInto(const std::string& path, const PackageBytes& bytes, size_t size
     size_t own = 0, ownEnd = 0; // the last own entry
     for (size_t p = find(first, size, 0); p < size; p = find(first, size, p + 1)) {
         const size_t number = package.entries.size() + 1, body = p + layout.headerSize;
-        if (number > ENTRIES_MAX) {
-            throw Stop{2, fmt::format("{}: more than {} entries, which fwlab does not look into",
-                                      path, ENTRIES_MAX)};
-        }
+        Require(number <= ENTRIES_MAX, 2,
+                fmt::format("{}: more than {} entries", path, ENTRIES_MAX));
         const uint32_t bodySize = ReadBigEndian32(first + p + layout.bodySize.offset);
         const bool fits = BodyFits(size, p, layout.headerSize, bodySize);
         const size_t outer = p < ownEnd ? own : 0;

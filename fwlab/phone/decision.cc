@@ -21,6 +21,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fmt/format.h>
+#include <strings.h>
 
 namespace {
 
@@ -101,12 +102,6 @@ std::string Trimmed(std::string name) {
     return name;
 }
 
-std::string InCapitals(std::string name) {
-    std::transform(name.begin(), name.end(), name.begin(),
-                   [](unsigned char c) { return static_cast<char>(toupper(c)); });
-    return name;
-}
-
 // Why the pre-check finds no entry.
 Reason WhyNoEntry(const Package& package, const Identity& device) {
     const Field& field = device.layout->name;
@@ -116,7 +111,7 @@ Reason WhyNoEntry(const Package& package, const Identity& device) {
         if (other == name) {
             return {Reason::BODY_BEYOND, &entry};
         }
-        if (InCapitals(Trimmed(other)) == InCapitals(Trimmed(name))) {
+        if (strcasecmp(Trimmed(other).c_str(), Trimmed(name).c_str()) == 0) {
             return {Reason::SIMILAR_NAME, &entry};
         }
     }
@@ -461,10 +456,9 @@ void RequireFlawless(const Built& built, bool withLargeEmmc) {
         if (NeedsGkiMode(*entry) && !withLargeEmmc) {
             findings = NotesOf(*entry);
         }
-        if (!findings.empty()) {
-            throw Stop{1, fmt::format("{}: entry {} (in the package {}): {}", built.package.path,
-                                      number, Title(*entry), findings[0])};
-        }
+        Require(findings.empty(), 1,
+                fmt::format("{}: entry {} (in the package {}): {}", built.package.path, number,
+                            Title(*entry), fmt::join(findings, "; ")));
     }
 }
 
@@ -472,7 +466,7 @@ bool NeedsGkiMode(const Entry& entry) {
     return entry.identity.layout == &EMMC && !FitsOneDownload(entry.bodySize);
 }
 
-Texts NotesOf(const Entry& entry) {
+Texts NotesOf(const Entry& entry, bool forAnyPhone) {
     Texts notes;
     const Layout& layout = *entry.identity.layout;
     const std::string revision = RevisionOf(entry.identity),
@@ -491,12 +485,7 @@ Texts NotesOf(const Entry& entry) {
             "the revision has bytes behind a zero byte: the phone compares and records " +
             Quoted(text) + " only");
     }
-    return notes;
-}
-
-Texts NotesForAnyPhone(const Entry& entry) {
-    Texts notes = NotesOf(entry);
-    if (entry.identity.layout == &UFS && !BaseRevisionsOf(entry.identity)) {
+    if (forAnyPhone && &layout == &UFS && !BaseRevisionsOf(entry.identity)) {
         notes.emplace_back(
             "it applies to any revision: a phone that runs a newer one uses up its attempt, as the "
             "update refuses an older revision; list base_revisions to exclude such phones");

@@ -2,7 +2,7 @@
 // routines decide it. Every command that says what a phone does calls this.
 #pragma once
 
-#include "fwlab/package/build.h"
+#include "fwlab/package/manifest.h"
 #include "fwlab/phone/device.h"
 #include "fwlab/phone/record.h"
 #include "fwlab/phone/verdict.h"
@@ -117,7 +117,7 @@ Texts FindingsOf(const Package& package, const Entry& entry);
 // Stop with 1 if an entry has a finding, or needs GKI mode where that is not said.
 void RequireFlawless(const Built& built, bool withLargeEmmc);
 
-// Hints for the user, such as what some phones do not accept.
-Texts NotesOf(const Entry& entry);
-Texts NotesForAnyPhone(const Entry& entry); // and what depends on the running revision
+// Hints for the user, such as what some phones do not accept; forAnyPhone: and what depends on the
+// running revision.
+Texts NotesOf(const Entry& entry, bool forAnyPhone = false);
 bool NeedsGkiMode(const Entry& entry);

@@ -74,9 +74,8 @@ StateFile Look(const std::string& path) {
 
 std::map<std::string, StateFile> ReadStateFiles(const std::string& directory) {
     std::error_code error;
-    if (fs::directory_iterator(directory, error); error) {
-        throw Stop{2, directory + ": " + error.message()};
-    }
+    (void)fs::directory_iterator(directory, error);
+    Require(!error, 2, directory + ": " + error.message());
     std::map<std::string, StateFile> files;
     for (const std::string& name : NAMES) {
         files[name] = Look(fs::path(directory) / name);
@@ -317,16 +316,13 @@ StateDirectory ReadPulledState(const std::string& directory) {
     for (const std::string& name : NAMES) {
         const std::string path = fs::path(directory) / name;
         const fs::file_status status = fs::symlink_status(path);
-        if (fs::exists(status) && !fs::is_regular_file(status)) {
-            throw Stop{2, path + ": is no regular file"};
-        }
         if (fs::exists(status)) {
+            Require(fs::is_regular_file(status), 2, path + ": is no regular file");
             state.files[name] = WholeFile(path);
         }
     }
-    if (state.files.empty()) {
-        throw Stop{2, directory + ": has no file of a run: it is no state directory"};
-    }
+    Require(!state.files.empty(), 2,
+            directory + ": has no file of a run: it is no state directory");
     return state;
 }
 
