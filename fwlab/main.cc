@@ -4,6 +4,8 @@
 #include "fwlab/commands/commands.h"
 #include "fwlab/phone/device.h"
 #include "fwlab/phone/state_directory.h"
+#include "fwlab/phone/verdict.h"
+#include "simphone/help.h"
 #include "simphone/text.h"
 
 #include "version.h"
@@ -34,122 +36,163 @@ struct Arguments {
 const CLI::Validator NAMED([](const std::string& name) { return name.empty() ? "is empty" : ""; },
                            "");
 
+// What a command is, for its help.
+struct Command {
+    const char *name, *summary;
+    const char *fine, *no; // what the exit statuses 0 and 1 mean
+    std::string more = {};
+};
+
 // A command without its own options. `run` returns its exit status.
-CLI::App* AddCommand(CLI::App& app, Arguments& args, const char* name, const char* summary,
-                     const std::function<int()>& run, const char* footer) {
-    CLI::App* command = app.add_subcommand(name, summary);
-    command->add_flag("--json", args.json, "print JSON, for programs");
-    command->callback([&args, run] { args.status = run(); });
-    command->footer(footer);
-    return command;
+CLI::App* Add(CLI::App& app, Arguments& args, const Command& command,
+              const std::function<int()>& run) {
+    CLI::App* added = app.add_subcommand(command.name, command.summary);
+    added->add_flag("--json", args.json, "print JSON, for programs");
+    added->callback([&args, run] { args.status = run(); });
+    added->footer(fmt::format("{}{}Exit status:\n  0  {}\n  1  {}\n"
+                              "  2  wrong usage, or input that cannot be read",
+                              command.more, command.more.empty() ? "" : "\n\n", command.fine,
+                              command.no));
+    return added;
+}
+
+void AddPackage(CLI::App* command, std::string& package) {
+    command->add_option("PACKAGE", package, "the package")->required();
+}
+
+void AddOutput(CLI::App* command, std::string& output, const char* word, const char* what) {
+    command->add_option("-o,--output", output, what)->required()->check(NAMED)->option_text(word);
 }
 
 void AddPack(CLI::App& app, Arguments& args) {
-    CLI::App* pack = AddCommand(
-        app, args, "pack", "Build a package from a manifest",
-        [&] { return Pack(args.manifest, args.output, args.gkiOnly, args.json); },
-        "examples/emmc-package.toml and examples/ufs-package.toml explain the format of manifests. "
-        "Exit "
-        "status 1: refused. A device that an entry describes must get exactly this entry, from "
-        "each of the entry's base revisions.");
+    CLI::App* pack = Add(
+        app, args,
+        {"pack", "Build a package from a manifest", "the package is made",
+         "refused: an entry would not work on a phone. A device that an entry describes must get "
+         "exactly this entry, from each of the entry's base revisions",
+         fmt::format("{} and {} explain the format of manifests.", ExampleFile("emmc-package.toml"),
+                     ExampleFile("ufs-package.toml"))},
+        [&] { return Pack(args.manifest, args.output, args.gkiOnly, args.json); });
     pack->add_option("MANIFEST.toml", args.manifest, "the manifest")->required();
-    pack->add_option("-o,--output", args.output, "the package")->required()->check(NAMED);
+    AddOutput(pack, args.output, "PACKAGE", "the package");
     pack->add_flag("--gki-only", args.gkiOnly, "allow eMMC images above 1 MiB");
 }
 
 void AddList(CLI::App& app, Arguments& args) {
-    CLI::App* list = AddCommand(
-        app, args, "list", "Show the entries of a package and its flaws",
-        [&] { return List(args.package, args.json); },
-        "Exit status 1: there are findings. Bytes that are not printable are shown as \\n, \\\\ "
-        "and \\xHH.");
-    list->add_option("PACKAGE", args.package, "the package")->required();
+    CLI::App* list =
+        Add(app, args,
+            {"list", "Show the entries of a package and its flaws", "no flaws", "there are flaws",
+             "Bytes that are not printable are shown as \\n, \\\\ and \\xHH."},
+            [&] { return List(args.package, args.json); });
+    AddPackage(list, args.package);
 }
 
 void AddDiff(CLI::App& app, Arguments& args) {
-    CLI::App* diff = AddCommand(
-        app, args, "diff", "Compare two packages, by entry and by device",
-        [&] { return Diff(args.package, args.newPackage, args.json); },
-        "The devices are those that an entry describes, without a record of attempts. Each runs, "
-        "in turn, every revision that an entry installs or has as a base revision. Exit status 0: "
-        "the same bytes. 1: they differ. 2: they cannot be compared.");
+    CLI::App* diff = Add(
+        app, args,
+        {"diff", "Compare two packages, by entry and by device", "the same bytes", "they differ",
+         "The devices are those that an entry describes, without a record of attempts. Each runs, "
+         "in turn, every revision that an entry installs or has as a base revision."},
+        [&] { return Diff(args.package, args.newPackage, args.json); });
     diff->add_option("OLD", args.package, "the older package")->required();
     diff->add_option("NEW", args.newPackage, "the newer package")->required();
 }
 
 void AddUnpack(CLI::App& app, Arguments& args) {
-    CLI::App* unpack = AddCommand(
-        app, args, "unpack", "Take a package apart: a manifest and images",
-        [&] { return Unpack(args.package, args.output, args.json); },
-        "pack makes the same bytes again from the package.toml there. Exit status 1: refused, as "
-        "pack would not make this package; nothing is left behind.");
-    unpack->add_option("PACKAGE", args.package, "the package")->required();
-    unpack->add_option("-o,--output", args.output, "a new folder")->required()->check(NAMED);
+    CLI::App* unpack =
+        Add(app, args,
+            {"unpack", "Take a package apart: a manifest and images", "the folder is made",
+             "refused, as pack would not make this package; nothing is left behind",
+             "pack makes the same bytes again from the package.toml in the folder."},
+            [&] { return Unpack(args.package, args.output, args.json); });
+    AddPackage(unpack, args.package);
+    AddOutput(unpack, args.output, "FOLDER", "a new folder");
 }
 
 void AddVerify(CLI::App& app, Arguments& args) {
-    CLI::App* verify = AddCommand(
-        app, args, "verify", "Tell whether a package is what a manifest makes",
-        [&] { return Verify(args.package, args.manifest, args.json); },
-        "The package is made again in memory, nothing is written. Exit status 0: the same bytes. "
-        "1: they differ, and where.");
-    verify->add_option("PACKAGE", args.package, "the package")->required();
-    verify->add_option("--manifest", args.manifest, "what it was made from")->required();
+    CLI::App* verify =
+        Add(app, args,
+            {"verify", "Tell whether a package is what a manifest makes", "the same bytes",
+             "they differ, and where", "The package is made again in memory, nothing is written."},
+            [&] { return Verify(args.package, args.manifest, args.json); });
+    AddPackage(verify, args.package);
+    verify->add_option("--manifest", args.manifest, "what it was made from")
+        ->required()
+        ->option_text("MANIFEST.toml");
 }
 
-void AddSettings(CLI::App& command, Texts& settings) {
+void AddSettings(CLI::App* command, Texts& settings) {
     command
-        .add_option("--set", settings,
-                    "another value for a key of the description, such as "
-                    "cid.product_name=SIM065; bytes are \\n, \\\\ and \\xHH")
-        ->type_name("KEY=VALUE")
-        ->type_size(1);
+        ->add_option("--set", settings,
+                     "another value for a key of the description, such as "
+                     "cid.product_name=SIM065; bytes are \\n, \\\\ and \\xHH")
+        ->type_size(1)
+        ->option_text("KEY=VALUE");
 }
 
 // The phone of a command, which settings may change.
-void AddPhone(CLI::App& command, std::string& phone, Texts& settings) {
-    command.add_option("--phone", phone, "the phone's description")->required();
+void AddPhone(CLI::App* command, std::string& phone, Texts& settings) {
+    command->add_option("--phone", phone, "the phone's description")
+        ->required()
+        ->option_text("PHONE.toml");
     AddSettings(command, settings);
 }
 
+// `take` gets the folder.
+void AddState(CLI::App* command, const std::function<void(const std::string&)>& take) {
+    command
+        ->add_option_function("--state", take,
+                              "start with the files of this state directory, pulled from a phone")
+        ->option_text("FOLDER");
+}
+
 void AddMatch(CLI::App& app, Arguments& args) {
-    CLI::App* match = AddCommand(
-        app, args, "match", "Tell what a phone would do with a package",
-        [&] {
-            const Description phone = ReadPhone(args.phone, args.settings);
-            return Match(args.package, phone, args.record, args.json);
-        },
-        "Exit status 0: the device gets the entry that the pre-check selected, or one for it with "
-        "the same revision. 1: no update, or the attempt is \"used up\": on record and never made "
-        "again, but the device does not get the entry.");
-    match->add_option("PACKAGE", args.package, "the package")->required();
-    AddPhone(*match, args.phone, args.settings);
-    match->add_option("--record", args.record, "its fw_result")->check(CLI::ExistingFile);
+    CLI::App* match =
+        Add(app, args,
+            {"match", "Tell what a phone would do with a package",
+             "the device gets the entry that the pre-check selects, or one for it with the same "
+             "revision",
+             "no update, or the attempt is \"used up\": on record and never made again, but the "
+             "device does not get the entry"},
+            [&] {
+                const Description phone = ReadPhone(args.phone, args.settings);
+                return Match(args.package, phone, args.record, args.json);
+            });
+    AddPackage(match, args.package);
+    AddPhone(match, args.phone, args.settings);
+    match->add_option("--record", args.record, "its record of attempts, pulled from the phone")
+        ->check(CLI::ExistingFile)
+        ->option_text("fw_result");
 }
 
 void AddRehearse(CLI::App& app, Arguments& args) {
     RehearseOptions& options = args.rehearsal;
-    CLI::App* rehearse = AddCommand(
-        app, args, "rehearse", "Run ffu on a simulated phone",
-        [&] { return Rehearse(options, args.json); },
-        "The last line tells what has become of the phone, by what its device took and by its "
-        "record; how the run ended does not count. Exit status 0: the device took the entry's "
-        "body, the phone runs its revision after a restart, and the second run, if asked for, "
-        "finds nothing to do.");
-    rehearse->add_option("PACKAGE", options.package, "the package")->required();
-    AddPhone(*rehearse, options.phone, options.settings);
+    CLI::App* rehearse =
+        Add(app, args,
+            {"rehearse", "Run ffu on a simulated phone",
+             "the device took the entry's body, the phone runs its revision after a restart, and "
+             "the second run, if asked for, finds nothing to do",
+             "anything else, or a violation of what must hold in every run",
+             "The last line tells what has become of the phone, by what its device took and by its "
+             "record; how the run ended does not count."},
+            [&] { return Rehearse(options, args.json); });
+    AddPackage(rehearse, options.package);
+    AddPhone(rehearse, options.phone, options.settings);
     rehearse
-        ->add_option("--fault", options.faults, "a call that fails (see examples/emmc-phone.toml)")
-        ->type_size(1);
+        ->add_option("--fault", options.faults,
+                     fmt::format("a call that fails in the first run ({} explains faults)",
+                                 ExampleFile("emmc-phone.toml")))
+        ->type_size(1)
+        ->option_text("FAULT");
     rehearse
         ->add_option("--then", options.then,
                      "a further run, without a restart, with this fault; without one if it is ''")
-        ->type_size(1);
-    rehearse->add_option_function<std::string>(
-        "--state", [&](const std::string& folder) { options.state = ReadPulledState(folder); },
-        "start with the files of this state directory, pulled from a phone");
+        ->type_size(1)
+        ->option_text("FAULT");
+    AddState(rehearse, [&](const std::string& folder) { options.state = ReadPulledState(folder); });
     rehearse->add_option("--keep", options.keep, "make the phone in this new folder and keep it")
-        ->check(NAMED);
+        ->check(NAMED)
+        ->option_text("FOLDER");
     rehearse->add_flag("--reboot-and-run-again", options.runAgain,
                        "run again after the restart: that run must find nothing to do");
     rehearse->add_flag("--quiet", options.quiet, "leave out console lines of one character each");
@@ -157,47 +200,55 @@ void AddRehearse(CLI::App& app, Arguments& args) {
 
 void AddSweep(CLI::App& app, Arguments& args) {
     SweepRequest& request = args.sweep;
-    CLI::App* sweep = AddCommand(
-        app, args, "sweep", "Rehearse every failing call and power cut",
+    CLI::App* sweep = Add(
+        app, args,
+        {"sweep", "Rehearse every failing call and power cut",
+         "each phone is updated by the run without a fault, and there are no violations",
+         "anything else. Each violation comes with the rehearsal that shows it",
+         "Each call of the run fails, in each way, once and permanently. The power fails before "
+         "each call that changes the phone, with each loss of what was not synced."},
         [&] {
             if (request.package.empty() && request.phones.size() > 1) { // it came after --phone
                 request.package = request.phones.back();
                 request.phones.pop_back();
             }
             return Sweep(request, args.json);
-        },
-        "Each call of the run fails, in each way, once and permanently. The power fails before "
-        "each call that changes the phone, with each loss of what was not synced. Exit status 0: "
-        "each phone is updated by the run without a fault, and there are no violations. Each "
-        "violation comes with the rehearsal that shows it.");
-    sweep->add_option("PACKAGE", request.package, "the package");
-    sweep->add_option("--phone", request.phones, "descriptions of phones")->required();
-    AddSettings(*sweep, request.settings);
-    sweep->add_option_function<std::string>(
-        "--state",
-        [&](const std::string& folder) {
-            request.stateFolder = folder;
-            request.state = ReadPulledState(folder);
-        },
-        "start with the files of this state directory, pulled from a phone");
+        });
+    sweep->add_option("PACKAGE", request.package, "the package; it is required");
+    sweep->add_option("--phone", request.phones, "descriptions of phones")
+        ->required()
+        ->option_text("PHONE.toml...");
+    AddSettings(sweep, request.settings);
+    AddState(sweep, [&](const std::string& folder) {
+        request.stateFolder = folder;
+        request.state = ReadPulledState(folder);
+    });
     sweep->add_option("--jobs", request.jobs, "threads; without it one for each processor")
-        ->check(CLI::Range(1, 1024));
+        ->check(CLI::Range(1, 1024))
+        ->option_text("N");
     sweep->add_option("--junit", request.junit, "write a JUnit report: a test case for each call")
-        ->check(NAMED);
+        ->check(NAMED)
+        ->option_text("FILE");
     sweep->add_option("--html", request.html, "write a page with the runs and their time lines")
-        ->check(NAMED);
+        ->check(NAMED)
+        ->option_text("FILE");
 }
 
 void AddOutcome(CLI::App& app, Arguments& args) {
     OutcomeOptions& options = args.outcome;
-    CLI::App* outcome = AddCommand(
-        app, args, "outcome", "Explain what runs left in /data/vendor/fw",
-        [&] { return Outcome(options, args.json); },
-        "The first word is what became of the phone: updated; nothing-to-do: no attempt on record; "
-        "failed; interrupted; unknown: more than one course of events is possible; stopped: a run "
-        "ended early, outside of an attempt; record-unreadable; not-pulled: no file at all; "
-        "foreign: no file of a run; unreadable. Exit status 0: all are updated or nothing-to-do. "
-        "2: no file of a run could be read.");
+    std::string words = "The first word is what became of the phone:";
+    for (const Verdict verdict :
+         {Verdict::UPDATED, Verdict::NOTHING_TO_DO, Verdict::FAILED, Verdict::INTERRUPTED,
+          Verdict::UNKNOWN, Verdict::STOPPED, Verdict::RECORD_UNREADABLE, Verdict::NOT_PULLED,
+          Verdict::FOREIGN, Verdict::UNREADABLE}) {
+        words += fmt::format("\n  -  {}: {}", WordOf(verdict), SentenceOf(verdict));
+    }
+    CLI::App* outcome =
+        Add(app, args,
+            {"outcome", "Explain what runs left in /data/vendor/fw",
+             "all are \"updated\" or \"nothing-to-do\", or few enough are not: see --fail-above",
+             "others are not", words},
+            [&] { return Outcome(options, args.json); });
     outcome
         ->add_option("DIR", options.directories,
                      "that directory, pulled from a phone, or a folder of many: FOLDER/SERIAL/...")
@@ -207,52 +258,61 @@ void AddOutcome(CLI::App& app, Arguments& args) {
     outcome->add_flag("--list", options.list, "list every directory that is not updated, too");
     outcome
         ->add_option("--fail-above", options.failAbove,
-                     "exit status 1 only if more than this share (percent) is not updated, of all "
-                     "that are neither \"nothing-to-do\" nor \"foreign\"")
+                     "exit status 1 only if more than this share is not updated, of all that are "
+                     "neither \"nothing-to-do\" nor \"foreign\"")
         ->check(CLI::Range(0.0, 100.0))
         ->check(CLI::Validator(
             [](const std::string& text) {
                 return text.find_first_not_of("0123456789.") == text.npos ? "" : "no percentage";
             },
-            "", ""));
+            "", ""))
+        ->option_text("PERCENT");
 }
 
 void AddPlan(CLI::App& app, Arguments& args) {
     PlanOptions& options = args.plan;
-    CLI::App* plan = AddCommand(
-        app, args, "plan", "Tell what each phone of a fleet would get",
-        [&] { return Plan(options, args.json); },
-        "Exit status 0: no phone would use up its attempt or get a wrong image, of each it is "
-        "known "
-        "what it gets, and each entry is for a phone of the fleet.");
+    CLI::App* plan =
+        Add(app, args,
+            {"plan", "Tell what each phone of a fleet would get",
+             "no phone would use up its attempt or get a wrong image, of each it is known what it "
+             "gets, and each entry is for a phone of the fleet",
+             "anything else"},
+            [&] { return Plan(options, args.json); });
     plan->add_option("PACKAGE", options.packages, "the packages, one of each technology")
         ->required();
-    plan->add_option("--fleet", options.fleet, "the device models (see examples/fleet.toml)")
-        ->required();
+    plan->add_option(
+            "--fleet", options.fleet,
+            fmt::format("the device models ({} explains the file)", ExampleFile("fleet.toml")))
+        ->required()
+        ->option_text("FLEET.toml");
     plan->add_option("--records", options.records,
                      "a folder of state directories of phones that the fleet counts")
-        ->check(CLI::ExistingDirectory);
+        ->check(CLI::ExistingDirectory)
+        ->option_text("FOLDER");
 }
 
 void AddCapture(CLI::App& app, Arguments& args) {
     CaptureOptions& options = args.capture;
-    CLI::App* capture = AddCommand(
-        app, args, "capture", "Describe a phone by nodes pulled from it",
-        [&] { return Capture(options, args.json); },
-        "DIR holds the nodes as `adb exec-out cat` gives them, under their paths. All phones: "
-        "/proc/bootdevice/product_name. UFS: manfid and rev beside it and, if known, "
-        "/sys/block/sdc/queue/max_hw_sectors_kb. eMMC: ext_csd beside it and "
-        "/sys/class/mmc_host/mmc0/mmc0:0001/cid. Exit status 1: the nodes do not describe a "
-        "phone.");
+    CLI::App* capture =
+        Add(app, args,
+            {"capture", "Describe a phone by nodes pulled from it", "the description is written",
+             "the nodes do not describe a phone",
+             "DIR holds the nodes as `adb exec-out cat` gives them, under their paths. All phones: "
+             "/proc/bootdevice/product_name. UFS: manfid and rev beside it and, if known, "
+             "/sys/block/sdc/queue/max_hw_sectors_kb. eMMC: ext_csd beside it and "
+             "/sys/class/mmc_host/mmc0/mmc0:0001/cid."},
+            [&] { return Capture(options, args.json); });
     capture->add_option("DIR", options.folder, "where they are")->required();
-    capture->add_option("-o,--output", options.output, "the description")->required()->check(NAMED);
+    AddOutput(capture, options.output, "PHONE.toml", "the description");
     capture
         ->add_option("--firmware-revision", options.firmwareRevision,
                      "the revision that the phone reports after an update (bytes: \\xHH)")
-        ->required();
+        ->required()
+        ->option_text("REVISION");
     capture->add_option("--kind", options.kind, "emmc-gki if /proc/bootdevice/ffu is writable")
         ->required()
-        ->check(CLI::IsMember({"emmc-gki", "emmc-normal", "ufs"}));
+        ->check(CLI::IsMember({"emmc-gki", "emmc-normal", "ufs"}))
+        ->option_text("emmc-gki|emmc-normal|ufs");
 }
 
 // Stop if the first word is no command, which the parser would say in other words.
@@ -266,10 +326,13 @@ void RequireCommand(const CLI::App& app, const std::string& word) {
 
 int Run(int argc, char** argv) {
     CLI::App app("Makes, inspects, matches and rehearses firmware packages", "fwlab");
-    app.set_version_flag("--version", std::string("fwlab ") + FFU_VERSION);
+    app.formatter_fn(HelpText);
+    app.set_help_flag("-h,--help", "print this help");
+    app.set_version_flag("--version", std::string("fwlab ") + FFU_VERSION, "print the version");
     app.require_subcommand(1);
-    app.footer("Exit status: 0 fine, 1 the answer is no or there are findings, 2 wrong usage or "
-               "input that cannot be read.");
+    app.footer("`fwlab COMMAND --help` explains a command.\n\nExit status:\n  0  fine\n"
+               "  1  the answer is no, or there are flaws\n"
+               "  2  wrong usage, or input that cannot be read");
     Arguments args = {};
     for (const auto add : {AddPack, AddList, AddDiff, AddUnpack, AddVerify, AddMatch, AddRehearse,
                            AddPlan, AddSweep, AddOutcome, AddCapture}) {
