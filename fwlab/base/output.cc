@@ -6,19 +6,9 @@
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
-
-namespace {
-
-// A name beside the path, for what is not whole yet.
-std::string Beside(const std::string& path) {
-    return path + "." + std::to_string(getpid());
-}
-
-} // namespace
 
 void CheckOutput(const std::string& path) {
     std::error_code error;
@@ -32,7 +22,7 @@ void CheckOutput(const std::string& path) {
 
 void WriteOutput(const std::string& path, std::string_view bytes) {
     CheckOutput(path);
-    const std::string temporary = Beside(path);
+    const std::string temporary = path + "." + std::to_string(getpid());
     FILE* file = fopen(temporary.c_str(), "wxe"); // x: a new file
     if (file == nullptr) {
         throw FailureAt(path, errno);
@@ -55,21 +45,12 @@ void MakeFolder(const std::string& path, const std::function<void(const std::str
     std::error_code error;
     const bool isThere = folder.empty() || fs::exists(fs::symlink_status(folder, error));
     Require(!isThere, 2, path + ": exists already");
-    const HeldSignals held;
-    const std::string temporary = Beside(folder);
-    if (mkdir(temporary.c_str(), 0777) != 0) {
-        throw FailureAt(path, errno);
-    }
-    try {
-        fill(temporary);
-        StopIfInterrupted();
-        if (rename(temporary.c_str(), folder.c_str()) != 0) {
-            throw FailureAt(path, errno);
-        }
-    } catch (...) {
-        fs::remove_all(temporary, error);
-        throw;
-    }
+    const WorkFolder work(folder + ".");
+    const std::string made = work.path + "/made";
+    fs::create_directory(made);
+    fill(made);
+    StopIfInterrupted();
+    fs::rename(made, folder);
 }
 
 void RequireOther(const std::string& path, const std::string& input) {

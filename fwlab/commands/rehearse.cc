@@ -65,13 +65,6 @@ std::string EndOf(const RunResult& run) {
                        run.timedOut ? ": it took too long" : "");
 }
 
-void RequireMet(const RunResult& run) {
-    Require(run.unmetFaults.empty(), 2,
-            fmt::format("{} met no call of the run: {}",
-                        run.unmetFaults.size() == 1 ? "this fault" : "these faults",
-                        fmt::join(TextsOf(run.unmetFaults), "; ")));
-}
-
 MadeRun Run(const std::vector<Fault>& faults, const Phone& phone, Report& report) {
     MadeRun made = MakeRun(phone, Companion("ffu"), "", faults);
     StopIfInterrupted();
@@ -80,7 +73,9 @@ MadeRun Run(const std::vector<Fault>& faults, const Phone& phone, Report& report
                                    {"signal", made.run.signal},
                                    {"timed_out", made.run.timedOut}});
     TellTimeLine(made.run, report);
-    RequireMet(made.run);
+    Require(made.run.unmetFaults.empty(), 2,
+            fmt::format("faults that met no call of the run: {}",
+                        fmt::join(TextsOf(made.run.unmetFaults), "; ")));
     LoseUnsynced(phone, made);
     report.Say("\nThe run ended with {}.\n", EndOf(made.run));
     report.Say("{}", ShowPhone(phone));

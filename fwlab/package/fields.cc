@@ -88,21 +88,17 @@ std::string ValueOf(const Field& field, const std::string& bytes) {
 std::string BaseRevsOf(const Identity& identity) {
     const Field& revision = identity.layout->revision;
     const std::string bytes = Get(identity, identity.layout->baseRevs);
-    Texts slots;
+    Texts values;
+    bool hasFree = false;
     for (size_t slot = 0; slot < bytes.size(); slot += revision.size) {
-        slots.push_back(bytes.substr(slot, revision.size));
+        const std::string slotBytes = bytes.substr(slot, revision.size);
+        hasFree = hasFree || IsFreeSlot(slotBytes);
+        values.push_back(ValueOf(revision, slotBytes));
     }
-    if (std::any_of(slots.begin(), slots.end(), IsFreeSlot)) {
-        return TomlList(bytes);
+    while (values.size() > 1 && values.back() == values[values.size() - 2]) {
+        values.pop_back();
     }
-    while (slots.size() > 1 && slots.back() == slots[slots.size() - 2]) {
-        slots.pop_back();
-    }
-    std::string list;
-    for (const std::string& slot : slots) {
-        list += (list.empty() ? "" : ", ") + ValueOf(revision, slot);
-    }
-    return "[" + list + "]";
+    return hasFree ? TomlList(bytes) : fmt::format("[{}]", fmt::join(values, ", "));
 }
 
 } // namespace

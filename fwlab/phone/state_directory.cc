@@ -196,6 +196,14 @@ constexpr const char* LAST_RUNS[] = {
     "both run flags are there, as one could not be removed: how the last run ended is unknown",
     "the last run could not create its begin flag or its end flag"};
 
+// How an attempt may have come to have no outcome.
+constexpr char INTERRUPTED[] =
+    ", and the begin flag is there: the power failed during its update, or the run is under way, "
+    "or it could not leave ffu.fail, or it ended without a download and a later run stopped early";
+constexpr char WITHOUT_OUTCOME[] =
+    ": nothing was downloaded (the update found nothing to do, or lacked memory, space or a node), "
+    "or the power failed and a later run removed the traces, or the outcome could not be written";
+
 std::string WhyAttempt(const StateReport& report) {
     const Record& record = report.record;
     const std::string attempt =
@@ -203,13 +211,11 @@ std::string WhyAttempt(const StateReport& report) {
                     Quoted(record.target), record.time.empty() ? "no time" : Escaped(record.time));
     const std::string flag =
         fmt::format("{} ({})", report.isOk ? "ffu.ok" : "ffu.fail", Quoted(report.flagTime));
-    const bool isFailedRun =
-        !report.isOk && report.lastRun == LastRun::STOPPED; // as failed ones do
+    const bool isUsual = !report.isOk && report.lastRun == LastRun::STOPPED; // for one that failed
     switch (report.flag) {
     case OutcomeFlag::LAST:
         return attempt + (report.isOk ? " passed: " : " failed: ") + flag +
-               (isFailedRun ? ""
-                            : fmt::format("; {}", LAST_RUNS[static_cast<int>(report.lastRun)]));
+               (isUsual ? "" : fmt::format("; {}", LAST_RUNS[static_cast<int>(report.lastRun)]));
     case OutcomeFlag::BOTH:
         return "both outcome flags are there: whether " + attempt + " passed cannot be told";
     case OutcomeFlag::UNTOLD:
@@ -218,17 +224,12 @@ std::string WhyAttempt(const StateReport& report) {
                            flag, attempt);
     default:
         return fmt::format(
-            "{} has no outcome{}. Whether the device was sent a firmware cannot be told from here: "
-            "see the revision that it runs after a restart{}",
-            attempt,
-            report.verdict == Verdict::INTERRUPTED
-                ? ", and the begin flag is there: the power failed during its update, or the run "
-                  "is "
-                  "under way, or it could not leave ffu.fail, or a later run stopped early"
-                : ": nothing was downloaded (the update found nothing to do, or lacked memory, "
-                  "space or a node), or the power failed and a later run removed the traces, or "
-                  "the outcome could not be written",
-            report.flag == OutcomeFlag::EARLIER ? "; " + flag + " is of an earlier attempt" : "");
+            "{} has no outcome{}. Whether the device was sent a firmware cannot be "
+            "told from here: see the revision that it runs after a restart{}",
+            attempt, report.verdict == Verdict::INTERRUPTED ? INTERRUPTED : WITHOUT_OUTCOME,
+            report.flag == OutcomeFlag::EARLIER
+                ? fmt::format("; {} is of an earlier attempt, if the clock is right", flag)
+                : "");
     }
 }
 
@@ -237,7 +238,8 @@ std::string WhyUnreadable(const Record& record) {
         "fw_result cannot be read back: {}. Every later run that has an update to attempt stops "
         "there. Keep this directory. Restart the phone, so that no download is pending, and see "
         "which revision it runs. Remove fw_result, ffu.ok and ffu.fail only if it runs the "
-        "package's revision, or if that may be attempted once more.",
+        "package's revision, or if that may be attempted once more: without the record the next "
+        "run attempts it.",
         record.messages.empty() ? "it is not a regular file"
                                 : fmt::format("{}", fmt::join(record.messages, "; ")));
 }
