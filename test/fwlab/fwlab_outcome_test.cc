@@ -68,7 +68,7 @@ TEST_F(OutcomeTest, SaysNoMoreThanTheFilesTell) {
         {1, "unknown: *earlier attempt", END + Ok(BEFORE_END) + Recorded(SECOND)},
         {1, "unknown: *earlier attempt", END + Fail(BEFORE_END) + Recorded(SECOND)},
         {1, "unknown: *both outcome flags", END + Ok(LAST_END) + Fail(LAST_END) + Recorded(FIRST)},
-        {1, "unknown: *both run flags*no attempt", BOTH},
+        {1, "unknown: no attempt*both run flags", BOTH},
         {1, "unknown: *both run flags", BOTH + Ok(LAST_END) + Recorded(FIRST)},
         {1, "unknown: *no attempt is on record", END + Ok(LAST_END)},
         {1, "unknown: *no attempt is on record", END + Files{{"ufs_fw_body.bin", "x"}}},
@@ -112,7 +112,7 @@ TEST_F(OutcomeTest, SaysNoMoreThanTheFilesTell) {
         {1, "record-unreadable: *memcpy_s error!", END + Recorded(Attempt(LAST, "123456789"))},
         {1, "record-unreadable: ", END + Ok(LAST_END) + Recorded(zeros)},
         {2, "not-pulled: there is no file", {}},
-        {2, "foreign: no file of a run", {{"ffu", "x"}, {"FW_RESULT", FIRST}}},
+        {2, "foreign: there are files, but none of a run", {{"ffu", "x"}, {"FW_RESULT", FIRST}}},
         {1, "*\"\\x1b[2J\"*\\x07", END + Recorded(Attempt("\a\n", "\x1b[2J"))},
     };
     for (const auto& row : rows) {

@@ -381,7 +381,7 @@ TEST_F(FwlabTest, RehearseTellsWhatHasBecomeOfThePhone) {
     const std::string wrong = "rehearse package --phone phone.toml --keep kept --fault ";
     Expect(Fwlab(wrong + "'open sometimes'"), 2, "sometimes");
     Expect(Fwlab(wrong + "'SG_IO EIO' --fault 'fsync EIO'"), 2,
-           "this fault met no call of the run: SG_IO EIO");
+           "faults that met no call of the run: SG_IO EIO");
     Expect(Fwlab("rehearse package --phone phone.toml --keep ''"), 2, "--keep: is empty");
     EXPECT_EQ(std::distance(fs::directory_iterator(directory), {}), 2);
 }

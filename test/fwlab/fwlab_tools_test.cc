@@ -263,15 +263,15 @@ TEST_F(FwlabTest, DiffTellsEntriesAndDevicesApart) {
         {1,
          "removed: number 1, offset 0, manfid \"0x0001ce\", product_name \"SIMUFS128G-B0B1 \", "
          "revision \"0900\", *base_revisions \"any\", body_size 4, sha256 \"230d8358dc8e*\nadded: "
-         "*revision \"1000\", *base_revisions \"0900\", *CHANGES: \"0x0001ce\" \"SIMUFS128G-B0B1 "
-         "\" runs \"0900\":\n    old: nothing to "
+         "*revision \"1000\", *base_revisions \"0900\", *CHANGES: *runs another, older revision:\n"
+         "    old: gets \"0900\", 4 bytes of entry 1, *\n    new: refused: *CHANGES: \"0x0001ce\" "
+         "\"SIMUFS128G-B0B1 \" runs \"0900\":\n    old: nothing to "
          "do: *\n    new: gets \"1000\", 4 bytes of entry 1, sha256 230d8358dc8e*runs \"1000\":\n"
-         "    old: USED UP: its revision is not newer*CHANGES: *runs another, older revision:\n"
-         "    old: gets \"0900\", 4 bytes of entry 1, *\n    new: refused: *differ.",
+         "    old: USED UP: its revision is not newer*differ.",
          ufs, fromNew},
         {1,
-         "removed: *body_size 4*added: *body_size 3*NOTE: another entry under the same revision: "
-         "*\"0900\"",
+         "removed: *body_size 4*added: *body_size 3*CHANGES: *, older revision:*\"0900\", 4 bytes*"
+         "\"0900\", 3 bytes*runs \"0900\":\n    old: nothing to do: *new: nothing to do: ",
          ufs, UfsEntry(UFS_NEW_REV, "abc")},
         {1, "added: number 1, *\"SIMUFS256G-B0B1 \", *CHANGES: ", ufs, other + ufs},
         {1, "removed: number 1, *\"SIMUFS256G-B0B1 \", ", other + ufs, ufs},
