@@ -277,9 +277,10 @@ TEST_F(FwlabTest, DiffTellsEntriesAndDevicesApart) {
         {1, "removed: number 1, *\"SIMUFS256G-B0B1 \", ", other + ufs, ufs},
         {1, "belong to no entry differ: ", ufs, ufs + "pad"},
         {1, "added: ", "", ufs},
-        {1, "in normal mode:\n    old: USED UP: *CHANGES: *GKI mode:*gets \"FW000002\", 1048577",
-         large, With(large, {0x2000, 1}, "")},
-        {1, "in normal mode:\n    old: gets *\n    new: USED UP: ", EmmcEntry(), large},
+        {1, "CHANGES: *gets \"FW000002\", 1048577 *; note: *only GKI mode takes it\n", large,
+         With(large, {0x2000, 1}, "")},
+        {1, "old: gets \"FW000002\", 4 *\n    new: gets *; note: *only GKI mode takes it\n",
+         EmmcEntry(), large},
         // The second entry's name agrees with that of the first, as far as it goes.
         {1, "\"SIMUFS128G-B0B1 \" runs another*\n    old: gets \"0900\"*\n    new: WRONG IMAGE: ",
          ufs, wrong + ufs},
@@ -376,7 +377,7 @@ TEST_F(FwlabTest, CaptureRefusesWhatIsNoPhone) {
         {1, "no number", {{limit, "9999999\n"}}},
         {2, "rev: is no regular file", {{rev, MISSING}, {rev + "/file", ""}}},
         {2, "rev: is larger than any node", {{rev, std::string(4097, '0')}}},
-        {2, "--firmware-revision has 3 bytes, not 4", {}, "ufs --firmware-revision 090"},
+        {2, "--firmware-revision 090: is not 4 bytes", {}, "ufs --firmware-revision 090"},
         {2, "--kind", {}, "nand --firmware-revision 0900"},
         // Not optional: a value that nobody gave would decide how a rehearsal ends.
         {2, "--firmware-revision is required", {}, "ufs"},
