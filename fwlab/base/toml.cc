@@ -1,9 +1,8 @@
 #include "fwlab/base/toml.h"
 
 #include "fwlab/base/stop.h"
-#include "simphone/text.h"
+#include "simphone/toml.h"
 
-#include <algorithm>
 #include <fmt/format.h>
 
 void ReadToml(const std::string& path, const std::function<void(Keys)>& use) {
@@ -46,16 +45,4 @@ bool TakeChoice(Keys keys, const char* key, const std::string& first, const std:
         keys.error = fmt::format("{} is not \"{}\" or \"{}\"", key, first, second);
     }
     return text == first;
-}
-
-std::string TomlList(const std::string& bytes) {
-    const std::vector<uint8_t> numbers(bytes.begin(), bytes.end());
-    return fmt::format("[{:#04x}]", fmt::join(numbers, ", "));
-}
-
-std::string TomlBytes(const std::string& bytes) {
-    const bool isText = std::all_of(bytes.begin(), bytes.end(), [](char byte) {
-        return byte == '\n' || (byte >= ' ' && byte <= '~' && byte != '"');
-    });
-    return isText ? Quoted(bytes) : TomlList(bytes);
 }

@@ -179,8 +179,8 @@ void Do(Sweep& sweep, Worker& worker, size_t number, SweepJobResult& done,
     done.timeLine = KeptTimeLine(sweep, run);
 }
 
-// The power fails in a run, at a call that changes the phone in a run like it, and leaves one of
-// the states that it can leave; a normal run follows.
+// Cuts the power at a call that changes the phone (the run `like` says which ones do), leaves one
+// of the states that this cut can leave, and lets a normal run follow.
 void CutAndRunNext(Sweep& sweep, const Worker& worker, Runs& runs, const RunResult& like,
                    size_t turn) {
     const std::vector<size_t> calls = ChangingCalls(like);
