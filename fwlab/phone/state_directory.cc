@@ -262,8 +262,10 @@ std::string Why(const StateReport& report) {
     case Verdict::RECORD_UNREADABLE:
         return WhyUnreadable(report.record);
     case Verdict::NOT_PULLED:
-    case Verdict::FOREIGN:
         return SentenceOf(report.verdict);
+    case Verdict::FOREIGN:
+        return fmt::format("{}, or the tool never ran there, or it could not create its flags",
+                           SentenceOf(report.verdict));
     default:
         break;
     }
