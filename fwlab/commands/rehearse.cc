@@ -1,5 +1,6 @@
 // Runs the unmodified tool on a simulated phone with a package and checks the result. The phone is
 // a directory, which is removed unless the user keeps it.
+#include "emmc/emmc_register.h"
 #include "fwlab/base/json.h"
 #include "fwlab/base/output.h"
 #include "fwlab/base/work_folder.h"
@@ -9,6 +10,7 @@
 #include "fwlab/sweep/judge.h"
 #include "fwlab/sweep/made_run.h"
 #include "run/state_flags.h"
+#include "simphone/files.h"
 #include "simphone/phone.h"
 #include "simphone/show.h"
 #include "simphone/text.h"
@@ -65,24 +67,23 @@ std::string EndOf(const RunResult& run) {
                        run.timedOut ? ": it took too long" : "");
 }
 
-MadeRun Run(const std::vector<Fault>& faults, const Phone& phone, Report& report) {
-    MadeRun made = MakeRun(phone, Companion("ffu"), "", faults);
+RunResult Run(const std::vector<Fault>& faults, const Phone& phone, Report& report) {
+    RunResult run = MakeRun(phone, Companion("ffu"), "", faults);
     StopIfInterrupted();
     report.json["runs"].push_back({{"faults", TextsOf(faults)},
-                                   {"exit_status", made.run.exitStatus},
-                                   {"signal", made.run.signal},
-                                   {"timed_out", made.run.timedOut}});
-    TellTimeLine(made.run, report);
-    Require(made.run.unmetFaults.empty(), 2,
+                                   {"exit_status", run.exitStatus},
+                                   {"signal", run.signal},
+                                   {"timed_out", run.timedOut}});
+    TellTimeLine(run, report);
+    Require(run.unmetFaults.empty(), 2,
             fmt::format("faults that met no call of the run: {}",
-                        fmt::join(TextsOf(made.run.unmetFaults), "; ")));
-    LoseUnsynced(phone, made);
-    report.Say("\nThe run ended with {}.\n", EndOf(made.run));
+                        fmt::join(TextsOf(run.unmetFaults), "; ")));
+    report.Say("\nThe run ended with {}.\n", EndOf(run));
     report.Say("{}", ShowPhone(phone));
     const StateReport state = ReadState(phone.directory + STATE_DIR);
     report.Say("{}\n", Sentence(state));
     report.json["runs"].back()["state"] = WordOf(state.verdict);
-    return made;
+    return run;
 }
 
 // Makes the phone in an empty or missing folder, with the package and what runs have left.
@@ -95,24 +96,24 @@ void Make(const Phone& phone, const std::string& package, const StateDirectory& 
 }
 
 // The same run without any fault, on a phone of its own.
-RunResult RunWithoutFaults(const MadeRun& made, const RehearseOptions& options) {
+RunResult RunWithoutFaults(const StateDirectory& before, const RehearseOptions& options) {
     Texts settings = options.settings;
     settings.emplace_back("faults=[]");
     const WorkFolder folder;
     const Phone phone = {folder.path + "/phone", ReadPhone(options.phone, settings)};
-    Make(phone, options.package, made.before);
-    return MakeRun(phone, Companion("ffu"), "", {}).run;
+    Make(phone, options.package, before);
+    return MakeRun(phone, Companion("ffu"), "", {});
 }
 
 // Asks the judge of sweeps about the next run before a restart.
-void TellViolations(MadeRun made, const Phone& phone, const RehearseOptions& options,
-                    Report& report) {
+void TellViolations(const RunResult& run, std::vector<Fault> faults, const Phone& phone,
+                    const RehearseOptions& options, Report& report) {
     const std::vector<Fault>& own = phone.description.faults; // of every run
-    made.faults.insert(made.faults.end(), own.begin(), own.end());
+    faults.insert(faults.end(), own.begin(), own.end());
     const bool isFirst = report.json["runs"].size() == 1;
-    const RunResult base = made.faults.empty() ? made.run : RunWithoutFaults(made, options);
+    const RunResult base = faults.empty() ? run : RunWithoutFaults(run.before, options);
     report.course = isFirst ? CourseBefore(base) : report.course;
-    for (const Wrong wrong : WrongsOf(made, &base, report.course)) {
+    for (const Wrong wrong : WrongsOf(run, faults, &base, report.course)) {
         report.json["violations"].push_back({{"run", report.json["runs"].size()},
                                              {"kind", NameOf(wrong)},
                                              {"text", SentenceOf(wrong)}});
@@ -130,8 +131,11 @@ void Reboot(const Phone& phone) {
 bool TellRestart(const Phone& phone, const std::string& image, const Package& package,
                  const Decision& decision, Report& report) {
     Reboot(phone);
-    const auto& [directory, description] = phone;
-    std::string revision = image.empty() ? description.revision : description.firmwareRevision;
+    const size_t size = package.layout->revision.size;
+    const std::string revision =
+        phone.description.ufs ? WholeFile(phone.directory + "/proc/bootdevice/rev").substr(0, size)
+                              : WholeFile(phone.directory + "/device/ext_csd.bin")
+                                    .substr(EXT_CSD_FIRMWARE_VERSION, size);
     const bool isSent = IsSent(package, decision, image);
     const Entry* entry = decision.sent != nullptr ? decision.sent : decision.PreCheck();
     report.json["revision"] = Escaped(revision);
@@ -140,13 +144,13 @@ bool TellRestart(const Phone& phone, const std::string& image, const Package& pa
     report.Say("After a restart the phone runs {}, from {} bytes that were downloaded: {}{}.\n",
                Quoted(revision), image.size(), isSent ? "" : "NOT ",
                entry == nullptr ? "an entry for it" : Title(*entry));
-    revision.resize(package.layout->revision.size);
-    const bool isReported = !isSent || revision == RevisionOf(entry->identity);
+    const std::string own = isSent ? Get(entry->identity, package.layout->revision) : "";
+    const bool isReported = !isSent || revision == own;
     report.json["reports_revision_of_entry"] = isReported;
     if (!isReported) {
         report.Say("Its revision is the description's [firmware] revision, but the entry has {}. "
                    "If the image reports that, correct the description.\n",
-                   Quoted(RevisionOf(entry->identity)));
+                   Quoted(own));
     }
     return isReported;
 }
@@ -154,11 +158,11 @@ bool TellRestart(const Phone& phone, const std::string& image, const Package& pa
 // Whether another run, without the faults of the first, leaves the phone alone.
 bool FindsNothingToDo(const Phone& phone, Report& report) {
     report.Say("\nThe second run:\n");
-    const MadeRun made = Run({}, phone, report);
-    const std::string *before = RecordIn(made.before), *after = RecordIn(made.after);
-    const bool isRecorded = after != nullptr && (before == nullptr || *before != *after);
+    const RunResult run = Run({}, phone, report);
+    const std::string *before = RecordIn(run.before), *after = RecordIn(run.after);
+    const bool isSame = before == nullptr || after == nullptr ? before == after : *before == *after;
     const bool isQuiet =
-        !isRecorded && ReadState(phone.directory + STATE_DIR).lastRun == LastRun::REGULAR;
+        isSame && ReadState(phone.directory + STATE_DIR).lastRun == LastRun::REGULAR;
     report.json["second_run_is_quiet"] = isQuiet;
     report.Say("The second run {} nothing to do.\n", isQuiet ? "found" : "did NOT find");
     return isQuiet;
@@ -190,13 +194,13 @@ int RehearseIn(const Phone& phone, const RehearseOptions& options, const Faults&
     Make(phone, options.package, before);
     const Decision decision = Decide(package, DeviceOf(phone.description), before);
     report.Say("{}\n", ShowPhone(phone));
-    MadeRun last;
+    RunResult last;
     for (size_t i = 0; i < faults.size(); i++) {
         if (i > 0) {
             report.Say("\nRun {}, without a restart:\n", i + 1);
         }
         last = Run(faults[i], phone, report);
-        TellViolations(last, phone, options, report);
+        TellViolations(last, faults[i], phone, options, report);
     }
     std::string image = TakenImage(phone);
     const auto judge = [&] {
@@ -219,9 +223,9 @@ int RehearseIn(const Phone& phone, const RehearseOptions& options, const Faults&
                !isUpdated    ? fmt::format(": {}: {}", WordOf(verdict), SentenceOf(verdict))
                : !isReported ? ", but it reports another revision than the entry's"
                : !isQuiet    ? ", but the second run did not find nothing to do"
-               : last.run.signal != 0 || last.run.exitStatus != 0
+               : last.signal != 0 || last.exitStatus != 0
                    ? fmt::format(", though the {} run ended with {}",
-                                 faults.size() > 1 ? "last" : "first", EndOf(last.run))
+                                 faults.size() > 1 ? "last" : "first", EndOf(last))
                    : "");
     const bool isFine = isReported && isQuiet && report.json["violations"].empty();
     return isUpdated && isFine ? 0 : 1;
