@@ -191,8 +191,8 @@ Verdict Judge(const StateReport& report, const std::string& directory) {
 // In the order of the enumerators.
 constexpr const char* LAST_RUNS[] = {
     "the last run came to its regular end",
-    "the last run stopped before its regular end (or is under way): the power failed, or it could "
-    "not use the device's nodes, the package or the record, or there is no storage device",
+    ("the last run stopped before its regular end (or is under way): the power failed, or it "
+     "could not use the device's nodes, the package or the record, or there is no storage device"),
     "both run flags are there, as one could not be removed: how the last run ended is unknown",
     "the last run could not create its begin flag or its end flag"};
 
