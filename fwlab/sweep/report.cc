@@ -2,7 +2,6 @@
 #include "fwlab/sweep/report.h"
 
 #include "fwlab/base/text.h"
-#include "fwlab/package/digest.h"
 #include "simphone/text.h"
 #include "version.h"
 
@@ -169,13 +168,13 @@ Json SweepReport(const std::string& package, const std::string& stateFolder,
         const std::string rehearse = described[wrong.scenario]["rehearse"];
         violations.push_back(Describe(rehearse + RunsOf(wrong), wrong));
     }
-    const std::string_view bytes = BytesOf(result.bases.front().package);
+    const SweepBase& base = result.bases.front();
     const bool areUpdated =
         std::all_of(result.bases.begin(), result.bases.end(),
-                    [](const SweepBase& base) { return base.verdict == Verdict::UPDATED; });
+                    [](const SweepBase& one) { return one.verdict == Verdict::UPDATED; });
     return {{"package", Escaped(package)},
-            {"size", bytes.size()},
-            {"sha256", Sha256(bytes)},
+            {"size", base.package.size},
+            {"sha256", base.digest},
             {"program", std::string("fwlab ") + FFU_VERSION},
             {"date", DateText()},
             {"runs", result.runs},

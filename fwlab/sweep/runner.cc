@@ -6,6 +6,7 @@
 #include "fwlab/base/progress.h"
 #include "fwlab/base/stop.h"
 #include "fwlab/base/work_folder.h"
+#include "fwlab/package/digest.h"
 #include "fwlab/sweep/made_run.h"
 
 #include <algorithm>
@@ -280,6 +281,7 @@ void RunBases(Sweep& sweep) {
         const Device device = DeviceOf(scenario.phone);
         SweepBase& base = result.bases[i];
         base.package = OpenPackage(scenario.package, device.identity.layout);
+        base.digest = Sha256(BytesOf(base.package));
         base.decision = Decide(base.package, device, scenario.before);
         Runs runs = {0, i};
         Prepare(sweep, worker, i, scenario.before);
@@ -330,6 +332,14 @@ void RunJobs(Sweep& sweep) {
     });
 }
 
+// The report names the package by its digest.
+void RequireUnchanged(const SweepBase& base) {
+    const Package now = OpenPackage(base.package.path, base.package.layout);
+    if (Sha256(BytesOf(now)) != base.digest) {
+        throw Stop{2, now.path + ": has changed during the sweep"};
+    }
+}
+
 } // namespace
 
 SweepResult RunSweep(const std::vector<SweepScenario>& scenarios, const SweepOptions& options) {
@@ -343,6 +353,7 @@ SweepResult RunSweep(const std::vector<SweepScenario>& scenarios, const SweepOpt
     }
     RunBases(sweep);
     RunJobs(sweep);
+    std::for_each(sweep.result.bases.begin(), sweep.result.bases.end(), RequireUnchanged);
     std::vector<SweepViolation>& violations = sweep.result.violations;
     std::stable_sort(violations.begin(), violations.end(),
                      [](const SweepViolation& one, const SweepViolation& other) {

@@ -70,7 +70,8 @@ struct SweepViolation {
 // The run of a scenario without a fault.
 struct SweepBase {
     Package package = {};
-    Decision decision = {}; // what was to be expected; points into the package
+    std::string digest = {}; // SHA-256 of the package
+    Decision decision = {};  // what was to be expected; points into the package
     RunResult run = {};
     SweepTimeLine timeLine = {};
     Verdict verdict = {};
@@ -87,5 +88,6 @@ struct SweepResult {
 };
 
 // The result is the same for any number of threads. Stop if a phone cannot be made or run, if a
-// single run could not be kept, and if a signal interrupts it (see WorkFolder).
+// single run could not be kept, if a package changes, and if a signal interrupts it (see
+// WorkFolder).
 SweepResult RunSweep(const std::vector<SweepScenario>& scenarios, const SweepOptions& options);

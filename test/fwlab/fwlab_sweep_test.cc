@@ -274,15 +274,18 @@ TEST_F(FwlabSweepTest, EndsBeforeTheRunsWhereItCannotFinish) {
     EXPECT_EQ(Get("/page"), "as it was");
 }
 
-TEST_F(FwlabSweepTest, AnInterruptionLeavesNothing) {
+TEST_F(FwlabSweepTest, AnInterruptionOrAChangedPackageLeavesNothing) {
     Put("/package", UfsEntry());
     Put("/phone.toml", UfsPhone());
     Put("/page", "as it was");
-    const Answer answer =
-        Shell(FWLAB_PATH " sweep package --phone phone.toml --html page & "
-                         "while kill -0 $! && ! ls tmp/*/phone-0/journal.log; do "
-                         "sleep 0.01; done >tmp.log 2>&1; kill -TERM $!; wait $!");
-    EXPECT_EQ(answer.status, 128 + SIGTERM) << answer.text;
+    const auto sweepAnd = [&](const std::string& what) {
+        return Shell(FWLAB_PATH " sweep package --phone phone.toml --html page & "
+                                "while kill -0 $! && ! ls tmp/*/phone-0/journal.log; do "
+                                "sleep 0.01; done >tmp.log 2>&1; " +
+                     what + "; wait $!");
+    };
+    Expect(sweepAnd("kill -TERM $!"), 128 + SIGTERM);
+    Expect(sweepAnd("printf x >> package"), 2, "package: has changed during the sweep");
     EXPECT_EQ(Get("/page"), "as it was");
     EXPECT_EQ(std::distance(fs::directory_iterator(directory), {}),
               6); // those, tmp, tmp.log and line
