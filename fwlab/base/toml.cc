@@ -1,6 +1,7 @@
 #include "fwlab/base/toml.h"
 
 #include "fwlab/base/stop.h"
+#include "simphone/text.h"
 
 #include <algorithm>
 #include <fmt/format.h>
@@ -8,9 +9,7 @@
 void ReadToml(const std::string& path, const std::function<void(Keys)>& use) {
     toml::table table;
     std::string error;
-    if (!ReadTable(path, table, error)) {
-        throw Stop{2, error};
-    }
+    Require(ReadTable(path, table, error), 2, error);
     try {
         use({table, error});
         FinishTable({table, error});
@@ -38,9 +37,7 @@ void TakeTables(Keys keys, const char* key, const char* wanted,
 
 void FinishTable(Keys keys) {
     RefuseTheRest(keys);
-    if (!keys.error.empty()) {
-        throw Stop{2, keys.error};
-    }
+    Require(keys.error.empty(), 2, keys.error);
 }
 
 bool TakeChoice(Keys keys, const char* key, const std::string& first, const std::string& second) {
@@ -52,24 +49,13 @@ bool TakeChoice(Keys keys, const char* key, const std::string& first, const std:
 }
 
 std::string TomlList(const std::string& bytes) {
-    std::string list;
-    for (const char byte : bytes) {
-        list += fmt::format("{}{:#04x}", list.empty() ? "" : ", ", static_cast<uint8_t>(byte));
-    }
-    return "[" + list + "]";
+    const std::vector<uint8_t> numbers(bytes.begin(), bytes.end());
+    return fmt::format("[{:#04x}]", fmt::join(numbers, ", "));
 }
 
 std::string TomlBytes(const std::string& bytes) {
     const bool isText = std::all_of(bytes.begin(), bytes.end(), [](char byte) {
-        return byte == '\n' || (byte >= ' ' && byte <= '~');
+        return byte == '\n' || (byte >= ' ' && byte <= '~' && byte != '"');
     });
-    if (!isText) {
-        return TomlList(bytes);
-    }
-    std::string text;
-    for (const char byte : bytes) {
-        text += byte == '\n' ? "\\n" : byte == '"' || byte == '\\' ? "\\" : "";
-        text += byte == '\n' ? "" : std::string(1, byte);
-    }
-    return '"' + text + '"';
+    return isText ? Quoted(bytes) : TomlList(bytes);
 }

@@ -239,33 +239,22 @@ void CheckNext(const Scenario& scenario, const SweepRun& swept) {
     EXPECT_EQ(IsStuck(run), !isWhole);
 }
 
-void CheckKind(const Scenario& scenario, const SweepRun& swept) {
-    switch (swept.kind) {
-    case SweepRun::BASE:
-        EXPECT_EQ(Updates(*swept.run), scenario.updates);
-        CheckRun(scenario, swept);
-        break;
-    case SweepRun::FAILING_CALL:
-        CheckFailingCall(scenario, swept);
-        break;
-    case SweepRun::POWER_CUT:
-        CheckPowerCut(scenario, *swept.run);
-        break;
-    case SweepRun::NEXT:
-        CheckNext(scenario, swept);
-        break;
-    case SweepRun::LATER_CUT:
-        break;
-    }
-}
-
 // The failures that this thread has found, as texts: the sweep knows in which run.
 Texts Check(const Scenario& scenario, const SweepRun& swept) {
     testing::TestPartResultArray failures;
     {
         const testing::ScopedFakeTestPartResultReporter reporter(
             testing::ScopedFakeTestPartResultReporter::INTERCEPT_ONLY_CURRENT_THREAD, &failures);
-        CheckKind(scenario, swept);
+        if (swept.kind == SweepRun::BASE) {
+            EXPECT_EQ(Updates(*swept.run), scenario.updates);
+            CheckRun(scenario, swept);
+        } else if (swept.kind == SweepRun::FAILING_CALL) {
+            CheckFailingCall(scenario, swept);
+        } else if (swept.kind == SweepRun::POWER_CUT) {
+            CheckPowerCut(scenario, *swept.run);
+        } else if (swept.kind == SweepRun::NEXT) {
+            CheckNext(scenario, swept);
+        }
     }
     Texts found;
     for (int i = 0; i < failures.size(); i++) {
@@ -275,49 +264,40 @@ Texts Check(const Scenario& scenario, const SweepRun& swept) {
     return found;
 }
 
-// What was tried in the scenarios so far.
+// What was tried in the scenarios so far: beginnings of runs, one call longer each, and torn
+// writes.
 struct Tried {
-    std::map<std::pair<size_t, std::string>, size_t> beginnings; // of runs: one call longer each
-    std::set<std::string> tornWrites;
+    std::set<std::string> texts;
     size_t jobs = 0;
 };
 
-// The calls up to which no earlier scenario ran the same; of more than eight calls of a function on
-// one path, such as those of the UFS trigger test, the first, a middle one and the last.
-std::set<size_t> NewCalls(const RunResult& base, Tried& tried) {
+// Leaves out the jobs that would hardly differ from others: at a call up to which an earlier
+// scenario ran the same, and a write that was torn before. Of more than eight calls of a function
+// on one path, such as those of the UFS trigger test, the first, a middle one and the last stay.
+void Select(const RunResult& base, bool hadState, Tried& tried, std::vector<SweepJob>& jobs) {
     std::map<std::string, long> count, rank;
     for (const CallEntry& call : base.calls) {
         count[call.function + " " + call.path]++;
     }
-    std::set<size_t> calls;
-    size_t beginning = 0; // the run up to here, by its number among those that were tried
+    std::set<size_t> calls, torn;
+    std::string beginning;
     for (size_t i = 0; i < base.calls.size(); i++) {
-        const std::string kind = base.calls[i].function + " " + base.calls[i].path;
-        const long place = ++rank[kind], last = count[kind];
-        const auto [known, isNew] = tried.beginnings.try_emplace(
-            {beginning, kind + " " + base.calls[i].error}, tried.beginnings.size() + 1);
-        beginning = known->second;
-        if (isNew && (last <= 8 || place == 1 || place == last / 2 || place == last)) {
-            calls.insert(i);
-        }
-    }
-    return calls;
-}
-
-// Leaves out the jobs that would hardly differ from others.
-void Select(const RunResult& base, bool hadState, Tried& tried, std::vector<SweepJob>& jobs) {
-    const std::set<size_t> calls = NewCalls(base, tried);
-    std::set<size_t> torn;
-    for (const size_t i : calls) {
         const CallEntry& call = base.calls[i];
-        if (call.function == "write" &&
-            tried.tornWrites.insert(call.path + " " + call.result + (hadState ? "+" : "")).second) {
-            torn.insert(i);
+        const std::string kind = call.function + " " + call.path;
+        const long place = ++rank[kind], last = count[kind];
+        beginning = std::to_string(std::hash<std::string>()(beginning + kind + call.error));
+        if (tried.texts.insert(beginning).second &&
+            (last <= 8 || place == 1 || place == last / 2 || place == last)) {
+            calls.insert(i);
+            const std::string write = kind + " " + call.result + (hadState ? "+" : "");
+            if (call.function == "write" && tried.texts.insert(write).second) {
+                torn.insert(i);
+            }
         }
     }
     const auto isLeftOut = [&](const SweepJob& job) {
-        const bool isRepeat = calls.count(job.call) == 0 ||
-                              (job.fault.effect == Effect::TORN && torn.count(job.call) == 0);
+        const bool isTorn = job.fault.effect == Effect::TORN;
+        const bool isRepeat = (isTorn ? torn : calls).count(job.call) == 0;
         return (isRepeat && !areAll) || tried.jobs++ % everyNth != 0;
     };
     jobs.erase(std::remove_if(jobs.begin(), jobs.end(), isLeftOut), jobs.end());
