@@ -15,8 +15,8 @@
 #include <elf.h>
 #include <fcntl.h>
 #include <filesystem>
+#include <map>
 #include <mutex>
-#include <set>
 #include <sstream>
 #include <sys/file.h>
 #include <sys/mman.h>
@@ -61,28 +61,14 @@ struct Process {
     unsigned secondsLimit;
 };
 
-// The library to use; empty if there is none. Only one that is ours stands between a tool and this
-// machine.
-std::string FindLibrary(const std::string& tool, const std::string& given) {
-    const std::vector<fs::path> own = {fs::path(tool).parent_path() / "libsimphone.so",
-                                       Companion("libsimphone.so")};
-    std::error_code status;
-    for (const fs::path& place : given.empty() ? own : std::vector<fs::path>{given}) {
-        if (fs::is_regular_file(place, status) &&
-            WholeFile(place).find("simphone_attach") != std::string::npos) {
-            return fs::absolute(place);
-        }
-    }
-    return "";
-}
-
-// In a new process: becomes the tool, and never returns. Other threads of this program may hold
-// locks here: only async-signal-safe calls.
+// In a new process: becomes the tool, and never returns. It has this program's memory, whose other
+// threads may hold locks: only async-signal-safe calls.
 [[noreturn]] void Become(const Process& process) {
     sigset_t none; // that this program holds back does not concern the tool
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
-    signal(SIGXFSZ, SIG_DFL);
+    const struct sigaction standard = {};
+    sigaction(SIGXFSZ, &standard, nullptr);
     // These outlive exec: the tool ends by SIGALRM, and with the thread that waits for it.
     alarm(process.secondsLimit);
     prctl(PR_SET_PDEATHSIG, SIGKILL);
@@ -93,6 +79,16 @@ std::string FindLibrary(const std::string& tool, const std::string& given) {
     const char* why = strerrordesc_np(errno);
     (void)!write(process.errors, why, strlen(why));
     _exit(EXIT_NO_PHONE);
+}
+
+// Returns when the new process has become the tool, or has ended: its number, -1 with errno. No
+// page of this program is copied for it, which would take longer than the tool's run.
+pid_t Spawn(const Process& process) {
+    const pid_t child = vfork();
+    if (child == 0) {
+        Become(process);
+    }
+    return child;
 }
 
 std::vector<char*> Pointers(Texts& texts) {
@@ -162,14 +158,11 @@ bool Execute(const Start& start, bool onlyLoad, int& status, RunResult& result) 
     Texts environment = Environment(variables);
     process.arguments = Pointers(words);
     process.environment = Pointers(environment);
-    const pid_t child = fork();
-    if (child == 0) {
-        Become(process);
-    }
+    const pid_t child = Spawn(process);
     while (child > 0 && waitpid(child, &status, 0) < 0 && errno == EINTR) {
     }
     if (child < 0) {
-        return Failed(result.error, std::string("fork: ") + strerror(errno));
+        return Failed(result.error, start.tool + ": " + strerror(errno));
     }
     result.console = WholeFile("/proc/self/fd/" + std::to_string(out.fd));
     result.errors = WholeFile("/proc/self/fd/" + std::to_string(err.fd));
@@ -206,16 +199,16 @@ bool Put(const std::string& file, const std::string& content, std::string& error
            Failed(error, file + ": " + strerror(errno));
 }
 
+// Only a library that is ours stands between a tool and this machine.
+bool IsOurs(const fs::path& library) {
+    std::error_code status;
+    return fs::is_regular_file(library, status) &&
+           WholeFile(library).find("simphone_attach") != std::string::npos;
+}
+
 // Whether the tool's calls will go through the library: asks the dynamic linker what it would load,
-// which runs nothing. Asks once for each tool and library.
+// which runs nothing.
 bool IsLibraryLoaded(const Start& start, std::string& error) {
-    static std::mutex mutex;
-    static std::set<std::string> known;
-    const std::lock_guard<std::mutex> lock(mutex);
-    const std::string what = start.tool + "\n" + start.phoneLibrary;
-    if (known.count(what) > 0) {
-        return true;
-    }
     if (!IsLoadedByGlibc(start.tool)) {
         return Failed(error,
                       start.tool +
@@ -228,31 +221,44 @@ bool IsLibraryLoaded(const Start& start, std::string& error) {
         return Failed(error, result.error);
     }
     const std::string loaded = result.console + result.errors;
-    if (loaded.find("/proc/self/fd/") == std::string::npos ||
-        loaded.find("cannot be preloaded") != std::string::npos) {
-        return Failed(error, start.tool + ": does not load " + start.phoneLibrary + ": " +
-                                 Escaped(loaded));
+    return (loaded.find("/proc/self/fd/") != std::string::npos &&
+            loaded.find("cannot be preloaded") == std::string::npos) ||
+           Failed(error,
+                  start.tool + ": does not load " + start.phoneLibrary + ": " + Escaped(loaded));
+}
+
+// Sets the library that the tool loads. Looks once for each tool.
+bool FindLibrary(Start& start, std::string& error) {
+    static std::mutex mutex;
+    static std::map<std::pair<std::string, std::string>, std::string> known;
+    const std::lock_guard<std::mutex> lock(mutex);
+    const std::string& given = start.options->libsimphone;
+    std::string& library = known[{start.tool, given}];
+    if (library.empty()) {
+        const fs::path beside = fs::path(start.tool).parent_path() / "libsimphone.so";
+        const std::string own = IsOurs(beside) ? beside.string() : Companion("libsimphone.so");
+        start.phoneLibrary = fs::absolute(given.empty() ? own : given);
+        if (!IsOurs(start.phoneLibrary)) {
+            return Failed(error, given.empty() ? "libsimphone.so: not found beside " + start.tool
+                                               : given + ": is not the phone's library");
+        }
+        library = IsLibraryLoaded(start, error) ? start.phoneLibrary : "";
     }
-    known.insert(what);
-    return true;
+    start.phoneLibrary = library;
+    return !library.empty();
 }
 
 // Checks all that the run needs before anything is started. Nothing of a run before stays.
-bool Prepare(const Start& start, std::string& error) {
-    const std::string& given = start.options->libsimphone;
+bool Prepare(Start& start, std::string& error) {
     std::error_code status;
     if (access(start.tool.c_str(), X_OK) != 0) {
         return Failed(error, start.tool + ": " + strerror(errno));
-    }
-    if (start.phoneLibrary.empty()) {
-        return Failed(error, given.empty() ? "libsimphone.so: not found beside " + start.tool
-                                           : given + ": is not the phone's library");
     }
     if (fs::remove(start.directory + JOURNAL_FILE, status); status) {
         return Failed(error, start.directory + JOURNAL_FILE + ": " + status.message());
     }
     return Put(start.directory + CONSOLE_FILE, "", error) &&
-           Put(start.directory + ERRORS_FILE, "", error) && IsLibraryLoaded(start, error);
+           Put(start.directory + ERRORS_FILE, "", error) && FindLibrary(start, error);
 }
 
 // After a power cut: takes from the state directory what its fault says.
@@ -280,8 +286,7 @@ void AddLines(const char* source, const std::string& text, std::vector<TimeLineE
 void RunAlone(const Phone& phone, const std::string& tool, const RunOptions& options,
               RunResult& result) {
     const std::string& directory = phone.directory;
-    const Start start = {directory, FindLibrary(tool, options.libsimphone), fs::absolute(tool),
-                         &options};
+    Start start = {directory, "", fs::absolute(tool), &options};
     if (!Prepare(start, result.error)) {
         return;
     }
