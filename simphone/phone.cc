@@ -89,9 +89,16 @@ bool MakePhone(const Description& phone, const std::string& directory, std::stri
 }
 
 bool OpenPhone(const std::string& directory, Phone& phone, std::string& error) {
+    const std::string file = directory + "/phone.toml";
+    std::error_code status;
     phone.directory = directory;
-    return IsPlace(directory, error) &&
-           ReadDescription(directory + "/phone.toml", {}, phone.description, error);
+    if (!IsPlace(directory, error)) {
+        return false;
+    }
+    if (fs::is_directory(directory, status) && !fs::exists(file, status) && !status) {
+        return Failed(error, directory + ": is no phone: there is no phone.toml in it");
+    }
+    return ReadDescription(file, {}, phone.description, error);
 }
 
 bool PutPackage(const Phone& phone, const std::string& packageFile, std::string& error) {

@@ -218,15 +218,15 @@ ssize_t write(int fd, const void* data, size_t count) {
         if (Misaligned(fd, file, data, count)) {
             return Failing(EINVAL);
         }
-        size_t written = 0;
-        for (ssize_t piece = 1; piece > 0 && written < count;
-             written += static_cast<size_t>(piece)) {
+        // That fewer bytes have room is this machine's.
+        ssize_t piece = 0;
+        for (size_t written = 0; written < count; written += static_cast<size_t>(piece)) {
             piece = next(fd, static_cast<const char*>(data) + written, count - written);
-            if (piece < 0) {
-                return piece; // that fewer bytes had room is this machine's
+            if (piece <= 0) {
+                return piece < 0 ? piece : Failing(ENOSPC);
             }
         }
-        return static_cast<ssize_t>(written);
+        return static_cast<ssize_t>(count);
     });
 }
 

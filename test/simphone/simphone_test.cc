@@ -455,6 +455,9 @@ TEST_F(SimphoneTest, HalfMadePhoneIsShownAndNotRestarted) {
     }
     Put("/phone.toml", ""); // as far as another MakePhone has come
     EXPECT_FALSE(OpenPhone(directory, phone, error));
+    Put("/phone.toml", MISSING);
+    EXPECT_FALSE(OpenPhone(directory, phone, error));
+    EXPECT_EQ(error, directory + ": is no phone: there is no phone.toml in it");
 }
 
 // What settings make of a description is read as they say, and all else as it was.
