@@ -4,6 +4,7 @@
 
 #include "simphone/keys.h"
 #include "simphone/text.h"
+#include "simphone/toml.h"
 
 #include <climits>
 #include <iomanip>
@@ -66,8 +67,7 @@ constexpr uint8_t CBX_BGA = 0x01; // JEDEC CID: a device soldered to the board
 void TakeCid(Keys keys, Description& phone) {
     const uint32_t serial = TakeNumber(keys, "serial_number", UINT32_MAX);
     phone.cid[0] = static_cast<uint8_t>(TakeNumber(keys, "manufacturer_id", 0xFF));
-    const bool hasCbx = keys.table.contains("cbx");
-    phone.cid[1] = static_cast<uint8_t>(hasCbx ? TakeNumber(keys, "cbx", 0xFF) : CBX_BGA);
+    phone.cid[1] = static_cast<uint8_t>(Has(keys, "cbx") ? TakeNumber(keys, "cbx", 0xFF) : CBX_BGA);
     phone.cid[2] = static_cast<uint8_t>(TakeNumber(keys, "oem_id", 0xFF, OPTIONAL));
     phone.productName = TakeBytes(keys, "product_name", 6);
     phone.productName.copy(reinterpret_cast<char*>(phone.cid) + 3, 6);

@@ -42,18 +42,24 @@ bool ParseNumber(const std::string& text, long& number) {
     return status == std::errc() && stop == end && number >= 0;
 }
 
-constexpr const char* COUNTS[] = {"returns=", "short=", "torn="}; // Effect, from RETURNS on
+constexpr const char* EFFECTS[] = {"returns=", "short=", "torn=", "end"}; // from RETURNS on
+constexpr const char* LOSSES[] = {"lost=", "empty=", "gone=", "back=", "zeros="};
+
+// The place of a word's beginning, up to its "=", in a table of SIZE; SIZE if it is not there.
+template <size_t SIZE>
+size_t Find(const char* const (&table)[SIZE], const std::string& word, std::string& rest) {
+    const size_t begin = std::min(word.find('='), word.size() - 1) + 1;
+    rest = word.substr(begin);
+    return static_cast<size_t>(
+        std::find(std::begin(table), std::end(table), word.substr(0, begin)) - std::begin(table));
+}
 
 bool ParseEffect(const std::string& word, Fault& fault) {
-    const size_t begin = word.find('=') + 1; // 0 without one
-    const auto* found = std::find(std::begin(COUNTS), std::end(COUNTS), word.substr(0, begin));
-    if (found != std::end(COUNTS)) {
-        fault.effect = static_cast<Effect>(found - COUNTS + static_cast<int>(Effect::RETURNS));
-        return ParseNumber(word.substr(begin), fault.value);
-    }
-    if (word == "end") {
-        fault.effect = Effect::ENDS;
-        return true;
+    std::string number;
+    const size_t place = Find(EFFECTS, word, number);
+    if (place < std::size(EFFECTS)) {
+        fault.effect = static_cast<Effect>(place + static_cast<size_t>(Effect::RETURNS));
+        return fault.effect == Effect::ENDS || ParseNumber(number, fault.value);
     }
     fault.effect = Effect::FAILS;
     for (fault.value = 1; fault.value < 256; fault.value++) {
@@ -77,22 +83,15 @@ bool ParseRange(const std::string& word, Fault& fault) {
             fault.last >= fault.first);
 }
 
-constexpr const char* LOSS_WORDS[] = {
-    "lost=", "empty=", "gone=", "back=", "zeros="}; // in the order of Loss
-
 // One word, such as "lost=fw_result,ffu.bgn"; a file has one fate.
 bool ParseLosses(const std::string& word, Losses& losses) {
-    const size_t begin = word.find('=') + 1; // 0 without one
-    const auto* found =
-        std::find(std::begin(LOSS_WORDS), std::end(LOSS_WORDS), word.substr(0, begin));
-    if (found == std::end(LOSS_WORDS)) {
-        return false;
-    }
-    std::istringstream names(word.substr(begin));
-    bool right = names.peek() != EOF && word.back() != ',';
+    std::string rest;
+    const size_t place = Find(LOSSES, word, rest);
+    std::istringstream names(rest);
+    bool right = place < std::size(LOSSES) && !rest.empty() && rest.back() != ',';
     for (std::string name; right && std::getline(names, name, ',');) {
         right = !name.empty() && name.find('/') == std::string::npos &&
-                losses.emplace(name, static_cast<Loss>(found - LOSS_WORDS)).second;
+                losses.emplace(name, static_cast<Loss>(place)).second;
     }
     return right;
 }
@@ -108,26 +107,21 @@ bool CanHave(const std::string& call, Effect effect) {
 
 std::string LossText(const Losses& losses) {
     std::string text;
-    for (const Loss loss : {Loss::LOST, Loss::EMPTY, Loss::GONE, Loss::BACK, Loss::ZEROS}) {
-        std::string begin =
-            std::string(text.empty() ? "" : " ") + LOSS_WORDS[static_cast<int>(loss)];
+    for (size_t loss = 0; loss < std::size(LOSSES); loss++) {
+        std::string begin = std::string(text.empty() ? "" : " ") + LOSSES[loss];
         for (const auto& [name, fate] : losses) {
-            text += fate == loss ? std::exchange(begin, ",") + name : "";
+            text += static_cast<size_t>(fate) == loss ? std::exchange(begin, ",") + name : "";
         }
     }
     return text;
 }
 
 std::string EffectText(const Fault& fault) {
-    switch (fault.effect) {
-    case Effect::FAILS:
+    if (fault.effect == Effect::FAILS) {
         return strerrorname_np(static_cast<int>(fault.value));
-    case Effect::ENDS:
-        return "end";
-    default:
-        return COUNTS[static_cast<int>(fault.effect) - static_cast<int>(Effect::RETURNS)] +
-               std::to_string(fault.value);
     }
+    const char* word = EFFECTS[static_cast<int>(fault.effect) - static_cast<int>(Effect::RETURNS)];
+    return word + (fault.effect == Effect::ENDS ? "" : std::to_string(fault.value));
 }
 
 std::string FaultText(const Fault& fault) {

@@ -5,6 +5,7 @@
 
 #include "simphone/files.h"
 #include "simphone/text.h"
+#include "simphone/toml.h"
 
 #include <cerrno>
 #include <cstring>
@@ -32,21 +33,6 @@ size_t DeepLine(const std::string& text) {
 
 bool EndsLine(const std::string& text) {
     return !text.empty() && text.back() == '\n';
-}
-
-// A text if it is one of printable characters, perhaps with a line feed at its end; else a list of
-// numbers.
-void Assign(toml::table& table, const std::string& key, const std::string& bytes) {
-    const std::string line = bytes.substr(0, bytes.size() - (EndsLine(bytes) ? 1 : 0));
-    if (Displayed(line) == line) {
-        table.insert_or_assign(key, bytes);
-        return;
-    }
-    toml::array numbers;
-    for (const char c : bytes) {
-        numbers.push_back(int64_t{static_cast<unsigned char>(c)});
-    }
-    table.insert_or_assign(key, numbers);
 }
 
 } // namespace
@@ -95,22 +81,59 @@ bool SetKey(toml::table& table, const std::string& setting, std::string& error) 
     const toml::node* old = parent->get(key);
     const bool isBare = old != nullptr && (old->is_string() || old->is_array()) &&
                         (value.empty() || strchr("\"'[", value[0]) == nullptr);
+    std::string text = DeepLine(value) > 0 ? "" : "value = " + value;
     if (isBare) {
         std::string bytes;
         if (!Unescape(value, bytes)) {
             return Failed(error, Escaped(setting) + R"(: a backslash begins \n, \\ or \xHH)");
         }
         const bool isLine = EndsLine(old->value_exact<std::string>().value_or(""));
-        Assign(*parent, key, bytes + (isLine && !EndsLine(bytes) ? "\n" : ""));
-        return true;
+        text = "value = " + TomlBytes(bytes + (isLine && !EndsLine(bytes) ? "\n" : ""));
     }
-    const toml::parse_result parsed = toml::parse(DeepLine(value) > 0 ? "" : "value = " + value);
+    const toml::parse_result parsed = toml::parse(text);
     if (parsed && parsed.table().size() == 1) {
         parent->insert_or_assign(key, *parsed.table().get("value"));
         return true;
     }
     parent->insert(key, value); // a new key: its reader tells what is wrong
     return old == nullptr || Failed(error, Escaped(setting) + ": the value is not TOML");
+}
+
+std::string TomlList(const std::string& bytes) {
+    std::string list;
+    for (const char byte : bytes) {
+        list += (list.empty() ? "0x" : ", 0x") + Hex(&byte, 1);
+    }
+    return "[" + list + "]";
+}
+
+std::string TomlBytes(const std::string& bytes) {
+    std::string text;
+    for (const char byte : bytes) {
+        if (byte != '\n' && (byte < ' ' || byte > '~')) {
+            return TomlList(bytes);
+        }
+        text += byte == '\n' ? "\\n" : std::string(byte == '"' || byte == '\\' ? "\\" : "") + byte;
+    }
+    return '"' + text + '"';
+}
+
+bool Has(Keys keys, const char* key) {
+    return keys.table.contains(key);
+}
+
+void Take(Keys keys, const char* key, Need need, const char* wanted,
+          const std::function<bool(toml::node&)>& use) {
+    toml::node* node = keys.table.get(key);
+    if (!keys.error.empty() || (node == nullptr && need == OPTIONAL)) {
+        return;
+    }
+    if (node == nullptr) {
+        keys.error = std::string(key) + " is missing";
+    } else if (!use(*node) && keys.error.empty()) {
+        keys.error = std::string(key) + " is not " + wanted;
+    }
+    keys.table.erase(key);
 }
 
 void Demand(Keys keys, bool isRight, const std::string& error) {
@@ -169,4 +192,14 @@ void RefuseTheRest(Keys keys) {
     if (keys.error.empty() && !keys.table.empty()) {
         keys.error = "unknown key: " + Escaped(std::string(keys.table.begin()->first.str()));
     }
+}
+
+void TakeTable(Keys keys, const char* key, const std::function<void(Keys)>& use) {
+    Take(keys, key, REQUIRED, "a table", [&](toml::node& node) {
+        if (toml::table* table = node.as_table()) {
+            use(Keys{*table, keys.error});
+            RefuseTheRest({*table, keys.error});
+        }
+        return node.is_table();
+    });
 }

@@ -4,12 +4,17 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
-#define TOML_EXCEPTIONS 0
-#define TOML_HEADER_ONLY 0
-#include <toml++/toml.h>
+// Of the TOML library, whose own headers few files need: simphone/toml.h.
+namespace toml {
+inline namespace v3 {
+class node;
+class table;
+} // namespace v3
+} // namespace toml
 
 struct Keys {
     toml::table& table;
@@ -28,20 +33,16 @@ enum Need { REQUIRED, OPTIONAL };
 // the old text stays. False with an error, which has the setting.
 [[nodiscard]] bool SetKey(toml::table& table, const std::string& setting, std::string& error);
 
+// A text in quotation marks if all bytes are printable or line feeds, else a list of numbers: TOML
+// that AppendBytes reads in both forms.
+std::string TomlBytes(const std::string& bytes);
+std::string TomlList(const std::string& bytes); // always a list of numbers
+
+bool Has(Keys keys, const char* key);
+
 // Lets `use` read the node of the key; it returns false if the node is not `wanted`.
-template <typename Use>
-void Take(Keys keys, const char* key, Need need, const char* wanted, Use use) {
-    toml::node* node = keys.table.get(key);
-    if (!keys.error.empty() || (node == nullptr && need == OPTIONAL)) {
-        return;
-    }
-    if (node == nullptr) {
-        keys.error = std::string(key) + " is missing";
-    } else if (!use(*node) && keys.error.empty()) {
-        keys.error = std::string(key) + " is not " + wanted;
-    }
-    keys.table.erase(key);
-}
+void Take(Keys keys, const char* key, Need need, const char* wanted,
+          const std::function<bool(toml::node&)>& use);
 
 // Notes the error if it is the first one and `isRight` does not hold.
 void Demand(Keys keys, bool isRight, const std::string& error);
@@ -60,12 +61,4 @@ std::vector<std::string> TakeTexts(Keys keys, const char* key);
 void RefuseTheRest(Keys keys);
 
 // Lets `use` take the keys of the table that the key is.
-template <typename Use> void TakeTable(Keys keys, const char* key, Use use) {
-    Take(keys, key, REQUIRED, "a table", [&](toml::node& node) {
-        if (toml::table* table = node.as_table()) {
-            use(Keys{*table, keys.error});
-            RefuseTheRest({*table, keys.error});
-        }
-        return node.is_table();
-    });
-}
+void TakeTable(Keys keys, const char* key, const std::function<void(Keys)>& use);

@@ -1,8 +1,8 @@
 #include "fwlab/base/toml.h"
 
 #include "fwlab/base/stop.h"
+#include "simphone/toml.h"
 
-#include <algorithm>
 #include <fmt/format.h>
 
 void ReadToml(const std::string& path, const std::function<void(Keys)>& use) {
@@ -49,27 +49,4 @@ bool TakeChoice(Keys keys, const char* key, const std::string& first, const std:
         keys.error = fmt::format("{} is not \"{}\" or \"{}\"", key, first, second);
     }
     return text == first;
-}
-
-std::string TomlList(const std::string& bytes) {
-    std::string list;
-    for (const char byte : bytes) {
-        list += fmt::format("{}{:#04x}", list.empty() ? "" : ", ", static_cast<uint8_t>(byte));
-    }
-    return "[" + list + "]";
-}
-
-std::string TomlBytes(const std::string& bytes) {
-    const bool isText = std::all_of(bytes.begin(), bytes.end(), [](char byte) {
-        return byte == '\n' || (byte >= ' ' && byte <= '~');
-    });
-    if (!isText) {
-        return TomlList(bytes);
-    }
-    std::string text;
-    for (const char byte : bytes) {
-        text += byte == '\n' ? "\\n" : byte == '"' || byte == '\\' ? "\\" : "";
-        text += byte == '\n' ? "" : std::string(1, byte);
-    }
-    return '"' + text + '"';
 }

@@ -20,8 +20,3 @@ void FinishTable(Keys keys);
 
 // Takes a text that must be first or second; returns whether it is first.
 bool TakeChoice(Keys keys, const char* key, const std::string& first, const std::string& second);
-
-// A text in quotation marks if all bytes are printable or line feeds, else a list of numbers. The
-// readers of manifests and descriptions accept both forms.
-std::string TomlBytes(const std::string& bytes);
-std::string TomlList(const std::string& bytes); // always a list of numbers

@@ -5,6 +5,7 @@
 #include "fwlab/base/text.h"
 #include "fwlab/base/toml.h"
 #include "simphone/text.h"
+#include "simphone/toml.h"
 
 #include <algorithm>
 #include <fmt/format.h>

@@ -7,6 +7,7 @@
 #include "fwlab/package/digest.h"
 #include "fwlab/package/fields.h"
 #include "simphone/files.h"
+#include "simphone/toml.h"
 
 #include <cerrno>
 #include <filesystem>

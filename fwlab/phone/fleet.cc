@@ -36,7 +36,7 @@ bool IsSame(const Device& one, const Device& other) { // their magic tells the t
 
 // The device of a description, or of the keys of the model itself.
 Device TakeDevice(Keys keys, const std::filesystem::path& folder) {
-    if (keys.table.contains("phone")) {
+    if (Has(keys, "phone")) {
         Device device = DeviceOf(ReadPhone(folder / TakeText(keys, "phone")));
         Set(device.identity, device.identity.layout->revision, "");
         return device;
