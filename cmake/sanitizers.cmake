@@ -4,7 +4,7 @@
 execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-runtime-dir
     OUTPUT_VARIABLE RUNTIME_FOLDER OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
 add_compile_options(
-    -O1 -fno-omit-frame-pointer -fno-sanitize-recover=all
+    -fno-omit-frame-pointer -fno-sanitize-recover=all
     -fsanitize=fuzzer-no-link,address,undefined
     -ftrivial-auto-var-init=pattern
     -fsanitize-ignorelist=${CMAKE_CURRENT_LIST_DIR}/sanitizers-ignore.txt)
