@@ -227,8 +227,8 @@ StateDirectory StateOf(const Start& start) {
     return state;
 }
 
-// The power fails in a run, at a call that changes the phone in a run like it, and leaves one of
-// the states that it can leave; a normal run follows.
+// Cuts the power at a call that changes the phone (the run `like` says which ones do), leaves one
+// of the states that this cut can leave, and lets a normal run follow.
 void CutAndRunNext(Sweep& sweep, const Worker& worker, Following& following, const RunResult& like,
                    size_t turn) {
     const std::vector<size_t> calls = ChangingCalls(like);
