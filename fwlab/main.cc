@@ -3,7 +3,7 @@
 #include "fwlab/base/json.h"
 #include "fwlab/commands/commands.h"
 #include "fwlab/phone/device.h"
-#include "fwlab/phone/pulled_state.h"
+#include "fwlab/phone/state_directory.h"
 #include "fwlab/phone/verdict.h"
 #include "simphone/help.h"
 #include "simphone/text.h"

@@ -169,7 +169,7 @@ bool ParseFault(const std::string& text, Fault& fault, std::string& error) {
         if (word[0] == '#' || word[0] == '/') {
             return refuse(word + " stands behind the effect: CALL PATH #N EFFECT is the order");
         }
-        if (fault.effect < Effect::TORN || !ParseLosses(word, fault.losses)) {
+        if (!IsPowerCut(fault) || !ParseLosses(word, fault.losses)) {
             return refuse("not what a power cut can do: " + word);
         }
     }

@@ -25,6 +25,9 @@ struct Fault {
     long value = 0;     // the error number, the result or the count of bytes
     Losses losses = {}; // of a power cut
 };
+inline bool IsPowerCut(const Fault& fault) {
+    return fault.effect >= Effect::TORN;
+}
 
 // Returns false with an error for the user, which has the text.
 [[nodiscard]] bool ParseFault(const std::string& text, Fault& fault, std::string& error);

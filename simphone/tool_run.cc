@@ -4,7 +4,6 @@
 #include "simphone/tool_run.h"
 
 #include "simphone/files.h"
-#include "simphone/power_loss.h"
 #include "simphone/text.h"
 
 #include <algorithm>
@@ -262,17 +261,22 @@ bool Prepare(Start& start, std::string& error) {
 }
 
 // After a power cut: takes from the state directory what its fault says.
-void LoseUnsynced(const std::string& directory, const StateDirectory& before, const Fault& cut,
-                  RunResult& result) {
+void LoseUnsynced(const std::string& directory, const Fault& cut, RunResult& result) {
     StateDirectory left;
     if (cut.losses.empty()) {
         return;
     }
-    if (!Lose(before, ReadStateDirectory(directory), result.calls, cut.losses, left)) {
+    if (!Lose(result.before, result.after, result.calls, cut.losses, left)) {
         result.error = "fault " + Quoted(FaultText(cut)) + ": the cut cannot leave that";
     } else if (!WriteStateDirectory(directory, left)) {
         result.error = directory + ": the state after the power cut: " + strerror(errno);
     }
+}
+
+// Signals that this machine or its user sends; no tool ends by them.
+bool IsFromOutside(int signal) {
+    const int signals[] = {SIGKILL, SIGXFSZ, SIGXCPU, SIGTERM, SIGINT, SIGQUIT, SIGHUP};
+    return std::count(std::begin(signals), std::end(signals), signal) > 0;
 }
 
 void AddLines(const char* source, const std::string& text, std::vector<TimeLineEntry>& entries) {
@@ -290,7 +294,7 @@ void RunAlone(const Phone& phone, const std::string& tool, const RunOptions& opt
     if (!Prepare(start, result.error)) {
         return;
     }
-    const StateDirectory before = ReadStateDirectory(directory);
+    result.before = ReadStateDirectory(directory);
     int status = 0;
     if (!Execute(start, false, status, result) ||
         !Put(directory + CONSOLE_FILE, result.console, result.error) ||
@@ -301,11 +305,14 @@ void RunAlone(const Phone& phone, const std::string& tool, const RunOptions& opt
     result.signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
     result.timedOut = result.signal == SIGALRM;
     if (!fs::exists(directory + JOURNAL_FILE)) { // the library makes it
-        result.error = start.tool + ": was not started: " + LastLine(result.errors);
+        result.error = start.tool + ": was not started: " +
+                       (result.errors.empty() ? start.phoneLibrary + ": is not loaded into it"
+                                              : LastLine(result.errors));
         return;
     }
     Journal journal = ReadJournal(directory);
     result.calls = std::move(journal.calls);
+    result.after = ReadStateDirectory(directory);
     std::vector<Fault> faults = options.faults; // in the order of the library
     for (size_t i = 0; i < faults.size(); i++) {
         if (std::count(journal.faults.begin(), journal.faults.end(), i) == 0) {
@@ -315,10 +322,10 @@ void RunAlone(const Phone& phone, const std::string& tool, const RunOptions& opt
     const std::vector<Fault>& own = phone.description.faults;
     faults.insert(faults.end(), own.begin(), own.end());
     const Fault* cut = journal.faults.empty() ? nullptr : &faults.at(journal.faults.back());
-    const bool isCut = result.signal == SIGKILL && cut != nullptr && cut->effect >= Effect::TORN;
+    const bool isCut = result.signal == SIGKILL && cut != nullptr && IsPowerCut(*cut);
     if (isCut) {
-        LoseUnsynced(directory, before, *cut, result);
-    } else if (result.signal == SIGKILL || result.signal == SIGXFSZ || result.signal == SIGXCPU) {
+        LoseUnsynced(directory, *cut, result);
+    } else if (IsFromOutside(result.signal)) {
         result.error = directory + ": the run could not be kept: this machine ended it: " +
                        sigdescr_np(result.signal);
     } else if (result.signal == 0 && !journal.isWhole) {

@@ -4,6 +4,7 @@
 
 #include "simphone/journal.h"
 #include "simphone/phone.h"
+#include "simphone/power_loss.h"
 
 #include <string>
 #include <vector>
@@ -27,6 +28,7 @@ struct RunResult {
     std::string console;
     std::string errors; // its standard error
     std::vector<CallEntry> calls;
+    StateDirectory before, after;   // after: before a power cut loses anything
     std::vector<Fault> unmetFaults; // of the options: no call of the run had their effect
 };
 

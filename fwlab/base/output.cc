@@ -5,30 +5,15 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <fcntl.h>
 #include <filesystem>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
 
-namespace {
-
-// The mode that the umask leaves. Temporary files are made for their owner only.
-mode_t Permitted(mode_t mode) {
-    const mode_t mask = umask(0);
-    (void)umask(mask);
-    return mode & ~mask;
-}
-
-} // namespace
-
 void CheckOutput(const std::string& path) {
     std::error_code error;
     const fs::file_status there = fs::symlink_status(path, error);
-    if (fs::exists(there) && !fs::is_regular_file(there)) {
-        throw Stop{2, path + ": is no regular file"};
-    }
+    Require(!fs::exists(there) || fs::is_regular_file(there), 2, path + ": is no regular file");
     const std::string folder = fs::path(path).parent_path();
     if (access(folder.empty() ? "." : folder.c_str(), W_OK) != 0) {
         throw FailureAt(path, errno);
@@ -37,21 +22,15 @@ void CheckOutput(const std::string& path) {
 
 void WriteOutput(const std::string& path, std::string_view bytes) {
     CheckOutput(path);
-    std::string temporary = path + ".XXXXXX";
-    const int fd = mkostemp(temporary.data(), O_CLOEXEC);
-    if (fd < 0) {
+    const std::string temporary = path + "." + std::to_string(getpid());
+    FILE* file = fopen(temporary.c_str(), "wxe"); // x: a new file
+    if (file == nullptr) {
         throw FailureAt(path, errno);
     }
-    size_t done = 0;
-    ssize_t count = 1;
-    while (done < bytes.size() && count > 0) {
-        count = write(fd, bytes.data() + done, bytes.size() - done);
-        done += count > 0 ? static_cast<size_t>(count) : 0;
-    }
-    const bool isWritten =
-        done == bytes.size() && fchmod(fd, Permitted(0666)) == 0 && fsync(fd) == 0;
+    const bool isWritten = fwrite(bytes.data(), 1, bytes.size(), file) == bytes.size() &&
+                           fflush(file) == 0 && fsync(fileno(file)) == 0;
     int reason = isWritten ? 0 : errno;
-    reason = close(fd) != 0 && reason == 0 ? errno : reason;
+    reason = fclose(file) != 0 && reason == 0 ? errno : reason;
     if (reason == 0 && rename(temporary.c_str(), path.c_str()) != 0) {
         reason = errno;
     }
@@ -64,31 +43,18 @@ void WriteOutput(const std::string& path, std::string_view bytes) {
 void MakeFolder(const std::string& path, const std::function<void(const std::string&)>& fill) {
     const std::string folder = path.substr(0, path.find_last_not_of('/') + 1);
     std::error_code error;
-    if (folder.empty() || fs::exists(fs::symlink_status(folder, error))) {
-        throw Stop{2, path + ": exists already"};
-    }
-    const HeldSignals held;
-    std::string temporary = folder + ".XXXXXX";
-    if (mkdtemp(temporary.data()) == nullptr) {
-        throw FailureAt(path, errno);
-    }
-    try {
-        fill(temporary);
-        StopIfInterrupted();
-        if (chmod(temporary.c_str(), Permitted(0777)) != 0 ||
-            rename(temporary.c_str(), folder.c_str()) != 0) {
-            throw FailureAt(path, errno);
-        }
-    } catch (...) {
-        fs::remove_all(temporary, error);
-        throw;
-    }
+    const bool isThere = folder.empty() || fs::exists(fs::symlink_status(folder, error));
+    Require(!isThere, 2, path + ": exists already");
+    const WorkFolder work(folder + ".");
+    const std::string made = work.path + "/made";
+    fs::create_directory(made);
+    fill(made);
+    StopIfInterrupted();
+    fs::rename(made, folder);
 }
 
 void RequireOther(const std::string& path, const std::string& input) {
     std::error_code error;
     const bool isSame = fs::equivalent(path, input, error);
-    if (isSame && !error) {
-        throw Stop{2, path + ": is an input of this command"};
-    }
+    Require(!isSame || error, 2, path + ": is an input of this command");
 }

@@ -10,5 +10,8 @@ struct Stop {
     std::string text;
 };
 
+// Stop with this status and reason, unless it is right.
+void Require(bool isRight, int status, const std::string& otherwise);
+
 // For a system call that has failed at path with this errno.
 Stop FailureAt(const std::string& path, int error);

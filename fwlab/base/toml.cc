@@ -8,9 +8,7 @@
 void ReadToml(const std::string& path, const std::function<void(Keys)>& use) {
     toml::table table;
     std::string error;
-    if (!ReadTable(path, table, error)) {
-        throw Stop{2, error};
-    }
+    Require(ReadTable(path, table, error), 2, error);
     try {
         use({table, error});
         FinishTable({table, error});
@@ -38,9 +36,7 @@ void TakeTables(Keys keys, const char* key, const char* wanted,
 
 void FinishTable(Keys keys) {
     RefuseTheRest(keys);
-    if (!keys.error.empty()) {
-        throw Stop{2, keys.error};
-    }
+    Require(keys.error.empty(), 2, keys.error);
 }
 
 bool TakeChoice(Keys keys, const char* key, const std::string& first, const std::string& second) {

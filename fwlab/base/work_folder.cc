@@ -3,6 +3,7 @@
 #include "fwlab/base/stop.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <ctime>
 #include <filesystem>
 
@@ -21,26 +22,21 @@ sigset_t EndingSignals() {
 
 } // namespace
 
-HeldSignals::HeldSignals() : mask() {
+WorkFolder::WorkFolder() : WorkFolder(fs::temp_directory_path() / "fwlab-") {
+}
+
+WorkFolder::WorkFolder(const std::string& begin) : path(begin + "XXXXXX"), mask() {
     const sigset_t signals = EndingSignals();
     sigprocmask(SIG_BLOCK, &signals, &mask);
-}
-
-HeldSignals::~HeldSignals() {
-    sigprocmask(SIG_SETMASK, &mask, nullptr);
-}
-
-WorkFolder::WorkFolder() {
-    std::error_code error;
-    path = fs::temp_directory_path(error) / "fwlab-XXXXXX";
-    if (error || mkdtemp(path.data()) == nullptr) {
-        throw Stop{2, "no folder for temporary phones can be made: does TMPDIR name one?"};
+    if (mkdtemp(path.data()) == nullptr) {
+        throw FailureAt(path, errno); // which ends the command
     }
 }
 
 WorkFolder::~WorkFolder() {
     std::error_code ignored; // what cannot be removed stays
     fs::remove_all(path, ignored);
+    sigprocmask(SIG_SETMASK, &mask, nullptr);
 }
 
 int TakeSignal(long milliseconds) {
@@ -51,7 +47,5 @@ int TakeSignal(long milliseconds) {
 
 void StopIfInterrupted() {
     const int number = TakeSignal(0);
-    if (number != 0) {
-        throw Stop{128 + number, "interrupted"};
-    }
+    Require(number == 0, 128 + number, "interrupted");
 }

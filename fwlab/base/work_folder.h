@@ -4,27 +4,20 @@
 #include <csignal>
 #include <string>
 
-// SIGINT, SIGTERM, SIGQUIT and SIGHUP are held back while it exists: ask TakeSignal for them.
-class HeldSignals {
-public:
-    HeldSignals();
-    ~HeldSignals();
-    HeldSignals(const HeldSignals&) = delete;
-    HeldSignals& operator=(const HeldSignals&) = delete;
-
-    sigset_t mask; // the signals held back before: for child processes
-};
-
-// A temporary folder; the destructor removes it.
+// A temporary folder; the destructor removes it. SIGINT, SIGTERM, SIGQUIT and SIGHUP are held back
+// while it exists: ask TakeSignal for them.
 class WorkFolder {
 public:
-    WorkFolder(); // Stop if it cannot be made
+    WorkFolder();                                  // for phones, in TMPDIR
+    explicit WorkFolder(const std::string& begin); // of its path. Stop if it cannot be made
     ~WorkFolder();
     WorkFolder(const WorkFolder&) = delete;
     WorkFolder& operator=(const WorkFolder&) = delete;
 
-    HeldSignals signals;
     std::string path;
+
+private:
+    sigset_t mask; // the signals that were held back before
 };
 
 // Returns a signal that was held back, and waits for one if there is none. 0 if none came in time.

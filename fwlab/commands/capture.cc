@@ -5,12 +5,13 @@
 #include "fwlab/commands/commands.h"
 #include "fwlab/phone/device.h"
 #include "simphone/files.h"
+#include "simphone/phone.h"
 #include "simphone/text.h"
 
 #include "emmc/emmc_device.h"
 #include "emmc/emmc_register.h"
 
-#include <cerrno>
+#include <charconv>
 #include <climits>
 #include <filesystem>
 #include <fmt/format.h>
@@ -32,33 +33,29 @@ struct Nodes {
 std::string Read(Nodes& nodes, const std::string& path) {
     const std::string place = nodes.folder + path;
     std::error_code error;
-    if (!fs::is_regular_file(fs::symlink_status(place, error))) {
-        throw Stop{2, place + ": " + (error ? error.message() : "is no regular file")};
-    }
-    std::string content;
-    if (fs::file_size(place, error) > NODE_SIZE_MAX || error) {
-        throw Stop{2, place + ": is larger than any node"};
-    }
-    if (!ReadWholeFile(place, content)) {
-        throw FailureAt(place, errno);
-    }
+    const bool isRegular = fs::is_regular_file(fs::symlink_status(place, error));
+    Require(isRegular, 2, place + ": " + (error ? error.message() : "is no regular file"));
+    Require(fs::file_size(place) <= NODE_SIZE_MAX, 2, place + ": is larger than any node");
+    const std::string content = WholeFile(place);
     const size_t size = content.size();
-    if (size == 0 || (size > 1 && content.compare(size - 2, 2, "\r\n") == 0)) {
-        throw Stop{1, place + ": is empty or ends with a carriage return, as no node does: take it "
-                              "by `adb exec-out cat`, which keeps every byte"};
-    }
+    Require(size == 1 || (size > 1 && content.compare(size - 2, 2, "\r\n") != 0), 1,
+            place + ": is empty or ends with a carriage return, as no node does: take it by `adb "
+                    "exec-out cat`, which keeps every byte");
     nodes.places.push_back(place);
     return content;
 }
 
-// The bytes of so many hexadecimal digits, which only a line feed may follow. Stop if it is
-// anything else.
+std::string WithoutLineFeed(std::string text) {
+    text.resize(text.size() - (text.back() == '\n' ? 1 : 0));
+    return text;
+}
+
+// The bytes of so many hexadecimal digits. Stop if it is anything else.
 std::string Unhex(const std::string& text, size_t size, const char* name) {
-    const std::string digits = text.substr(0, text.find('\n'));
-    if (digits.size() != 2 * size || text.size() > digits.size() + 1 ||
-        digits.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos) {
-        throw Stop{1, fmt::format("{} is not {} hexadecimal digits", name, 2 * size)};
-    }
+    const std::string digits = WithoutLineFeed(text);
+    Require(digits.size() == 2 * size &&
+                digits.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos,
+            1, fmt::format("{} is not {} hexadecimal digits", name, 2 * size));
     std::string bytes;
     for (size_t i = 0; i < digits.size(); i += 2) {
         bytes += static_cast<char>(std::stoi(digits.substr(i, 2), nullptr, 16));
@@ -70,8 +67,8 @@ std::string Line(const char* key, const std::string& value) {
     return fmt::format("{} = {}\n", key, value);
 }
 
-std::string Number(const std::string& bytes, size_t at) {
-    return fmt::format("{:#04x}", static_cast<uint8_t>(bytes[at]));
+std::string Number(const std::string& bytes, size_t at, size_t size = 1) {
+    return "0x" + Hex(&bytes[at], size);
 }
 
 std::string DescribeEmmc(Nodes& nodes, const std::string& mode) {
@@ -79,16 +76,13 @@ std::string DescribeEmmc(Nodes& nodes, const std::string& mode) {
     if (extCsd.size() != EXT_CSD_SIZE) { // not the register itself
         extCsd = Unhex(extCsd, EXT_CSD_SIZE, "ext_csd");
     }
-    const std::string cid =
-        Unhex(Read(nodes, "/sys/class/mmc_host/mmc0/mmc0:0001/cid"), CID_SIZE, "cid");
+    const std::string cid = Unhex(Read(nodes, CID_NODE), CID_SIZE, "cid");
     // The phone reads as many bytes of the node as the register has.
     const std::string own = cid.substr(CID_PNM, sizeof(EmmcFwHeader::emmcPnm)),
                       name = Read(nodes, "/proc/bootdevice/product_name").substr(0, own.size());
-    if (name != own) {
-        throw Stop{
-            1, fmt::format("product_name is {}, but the CID has {}: no description can have both",
-                           Quoted(name), Quoted(own))};
-    }
+    Require(name == own, 1,
+            fmt::format("product_name is {}, but the CID has {}: no description can have both",
+                        Quoted(name), Quoted(own)));
     std::string revision = extCsd.substr(EXT_CSD_FIRMWARE_VERSION, EMMC_REV_SIZE);
     revision.resize(revision.find_last_not_of('\0') + 1); // zero bytes fill it up
     return Line("technology", "\"emmc\"") + Line("mode", TomlBytes(mode)) +
@@ -97,34 +91,28 @@ std::string DescribeEmmc(Nodes& nodes, const std::string& mode) {
            Line("manufacturer_id", Number(cid, CID_MID)) + Line("cbx", Number(cid, 1)) +
            Line("oem_id", Number(cid, 2)) + Line("product_name", TomlBytes(own)) +
            Line("product_revision", Number(cid, CID_PRV)) +
-           Line("serial_number", "0x" + Hex(cid.data() + CID_PSN, 4)) +
+           Line("serial_number", Number(cid, CID_PSN, 4)) +
            Line("manufacturing_date", Number(cid, 14)) + Line("crc", Number(cid, 15));
 }
 
 std::string DescribeUfs(Nodes& nodes) {
-    const std::string manfid = Read(nodes, "/proc/bootdevice/manfid"),
-                      name = Read(nodes, "/proc/bootdevice/product_name"),
-                      rev = Read(nodes, "/proc/bootdevice/rev");
-    if (rev.size() < UFS_REV_SIZE) {
-        throw Stop{1, fmt::format("rev has {} bytes: the phone reads 4, and stops without them",
-                                  rev.size())};
-    }
+    const std::string rev = Read(nodes, "/proc/bootdevice/rev");
+    Require(rev.size() >= UFS_REV_SIZE, 1,
+            fmt::format("rev has {} bytes: the phone reads 4, and stops without them", rev.size()));
     // A simulated phone's node has a line feed behind the revision.
-    std::string revision = rev.substr(0, UFS_REV_SIZE);
-    revision.resize(revision.back() == '\n' ? revision.size() - 1 : revision.size());
-    std::string text = Line("technology", "\"ufs\"") + Line("manfid", TomlBytes(manfid)) +
-                       Line("product_name", TomlBytes(name)) +
-                       Line("revision", TomlBytes(revision));
+    std::string text =
+        Line("technology", "\"ufs\"") +
+        Line("manfid", TomlBytes(Read(nodes, "/proc/bootdevice/manfid"))) +
+        Line("product_name", TomlBytes(Read(nodes, "/proc/bootdevice/product_name"))) +
+        Line("revision", TomlBytes(WithoutLineFeed(rev.substr(0, UFS_REV_SIZE))));
     if (fs::exists(nodes.folder + MAX_HW_SECTORS_KB)) {
-        std::string number = Read(nodes, MAX_HW_SECTORS_KB);
-        number.resize(number.back() == '\n' ? number.size() - 1 : number.size());
-        const bool isNumber = !number.empty() && number.size() < 10 && number[0] != '0' &&
-                              number.find_first_not_of("0123456789") == std::string::npos &&
-                              std::stol(number) <= INT_MAX / 1024;
-        if (!isNumber) {
-            throw Stop{1, "max_hw_sectors_kb is no number of KiB: " + Quoted(number)};
-        }
-        text += Line("max_hw_sectors_kb", number);
+        const std::string number = WithoutLineFeed(Read(nodes, MAX_HW_SECTORS_KB));
+        int kilobytes = 0;
+        const char* end = number.data() + number.size();
+        const bool isWhole = std::from_chars(number.data(), end, kilobytes).ptr == end;
+        Require(isWhole && kilobytes > 0 && kilobytes <= INT_MAX / 1024, 1,
+                "max_hw_sectors_kb is no number of KiB: " + Quoted(number));
+        text += Line("max_hw_sectors_kb", std::to_string(kilobytes));
     }
     return text;
 }
@@ -132,14 +120,10 @@ std::string DescribeUfs(Nodes& nodes) {
 // The bytes of the option --firmware-revision.
 std::string FirmwareRevision(const std::string& option, bool isUfs) {
     std::string revision;
-    if (!Unescape(option, revision)) {
-        throw Stop{2, "--firmware-revision " + option + R"(: a backslash begins \n, \\ or \xHH)"};
-    }
     const size_t least = isUfs ? UFS_REV_SIZE : 1, most = isUfs ? UFS_REV_SIZE : EMMC_REV_SIZE;
-    if (revision.size() < least || revision.size() > most) {
-        throw Stop{2, fmt::format("--firmware-revision has {} bytes, not {}", revision.size(),
-                                  isUfs ? "4" : "1 to 8")};
-    }
+    Require(Unescape(option, revision) && revision.size() >= least && revision.size() <= most, 2,
+            fmt::format(R"(--firmware-revision {}: is not {} bytes (\n, \\ or \xHH each))", option,
+                        isUfs ? "4" : "1 to 8"));
     return revision;
 }
 

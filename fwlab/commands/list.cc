@@ -23,19 +23,21 @@ Texts FindingsOf(const Package& package) {
     return findings;
 }
 
-// A key and its value a line.
+// A line for each key, and one for each finding and note.
 void Print(const Json& object, const char* margin) {
     for (const auto& [key, value] : object.items()) {
-        for (const Json& element : value.is_array() ? value : Json::array({value})) {
-            if (key == "entries") {
+        const bool isNote = key == "notes";
+        if (key == "entries") {
+            for (const Json& entry : value) {
                 fmt::print("\n");
-                Print(element, "    ");
-            } else if (key == "findings" || key == "notes") {
-                fmt::print("{}{}: {}\n", margin, key == "notes" ? "note" : "FINDING",
-                           element.get<std::string>());
+                Print(entry, "    ");
             }
-        }
-        if (!value.is_array() || key == "base_revisions") {
+        } else if (isNote || key == "findings") {
+            for (const Json& text : value) {
+                fmt::print("{}{}: {}\n", margin, isNote ? "note" : "FINDING",
+                           text.get<std::string>());
+            }
+        } else {
             fmt::print("{}{:<17}{}\n", margin, key, Shown(value));
         }
     }
@@ -56,10 +58,10 @@ int List(const std::string& packageFile, bool asJson) {
         const Entry* outer = OuterEntry(package, entry);
         findings = outer == nullptr ? FindingsOf(package, entry) : Texts();
         isFlawless = isFlawless && findings.empty();
-        Json shown = Describe(package, entry);
+        Json shown = ReportOf(package, entry);
         shown["findings"] = findings;
         shown["notes"] =
-            outer == nullptr ? NotesForAnyPhone(entry) : Texts{"a magic inside " + Title(*outer)};
+            outer == nullptr ? NotesOf(entry, true) : Texts{"a magic inside " + Title(*outer)};
         report["entries"].push_back(shown);
     }
     Show(asJson, report, [&] { Print(report, ""); });

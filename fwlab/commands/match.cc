@@ -55,17 +55,6 @@ Texts NotLookedAt(const Description& phone) {
     return keys;
 }
 
-void Print(const Identity& device, const Decision& decision) {
-    fmt::print("device: {}, runs {}\n", Title(device), Quoted(RevisionOf(device)));
-    for (const Step& step : decision.steps) {
-        Print(step, device);
-    }
-    fmt::print("{}\n", AnswerOf(decision));
-    for (const std::string& note : decision.sent == nullptr ? Texts() : NotesOf(*decision.sent)) {
-        fmt::print("Note: {}.\n", note);
-    }
-}
-
 } // namespace
 
 int Match(const std::string& packageFile, const Description& phone, const std::string& recordFile,
@@ -74,10 +63,19 @@ int Match(const std::string& packageFile, const Description& phone, const std::s
     const Package package = OpenPackage(packageFile, device.identity.layout);
     const Record record = recordFile.empty() ? Record() : ReadRecord(recordFile);
     const Decision decision = Decide(package, device, recordFile.empty() ? nullptr : &record);
-    Json report = Describe(decision);
+    Json report = ReportOf(decision);
     report["not_looked_at"] = NotLookedAt(phone);
     Show(asJson, report, [&] {
-        Print(device.identity, decision);
+        fmt::print("device: {}, runs {}\n", Title(decision.device),
+                   Quoted(RevisionOf(decision.device)));
+        for (const Step& step : decision.steps) {
+            Print(step, decision.device);
+        }
+        fmt::print("{}\n", AnswerOf(decision));
+        for (const std::string& note :
+             decision.sent == nullptr ? Texts() : NotesOf(*decision.sent)) {
+            fmt::print("Note: {}.\n", note);
+        }
         for (const std::string& key : NotLookedAt(phone)) {
             fmt::print("Note: {} in the description is not looked at: rehearse does.\n", key);
         }

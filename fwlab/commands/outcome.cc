@@ -2,20 +2,19 @@
 // One that is damaged, foreign or unreadable is counted like any other.
 #include "fwlab/base/json.h"
 #include "fwlab/base/progress.h"
-#include "fwlab/base/table.h"
+#include "fwlab/base/text.h"
 #include "fwlab/commands/commands.h"
 #include "fwlab/phone/state_directory.h"
 #include "simphone/text.h"
 
 #include <fmt/format.h>
 #include <map>
-#include <tuple>
 
 namespace {
 
 constexpr int SCHEMA = 1; // of the JSON lines; counts up when a key changes its meaning
 
-Json Describe(const std::string& directory, const StateReport& report) {
+Json ReportOf(const std::string& directory, const StateReport& report) {
     const Record& record = report.record;
     const auto text = [&](const std::string& bytes) {
         return record.isReadable ? Json(Escaped(bytes)) : Json();
@@ -30,7 +29,6 @@ Json Describe(const std::string& directory, const StateReport& report) {
             {"text", Sentence(report)}};
 }
 
-using Group = std::tuple<std::string, std::string, std::string, Verdict>; // product, from, to
 struct Members {
     size_t count;
     Texts examples;
@@ -38,22 +36,25 @@ struct Members {
 
 // What the directories show together.
 struct Summary {
-    std::map<Group, Members> groups;
+    std::map<std::pair<Texts, Verdict>, Members> groups; // by product, from and to
     std::map<Verdict, size_t> counts;
     Texts notUpdated; // a line each
 };
 
 void Count(const std::string& directory, const StateReport& report, Summary& summary) {
     const Record& record = report.record;
-    const auto text = [&](const std::string& bytes) {
-        return record.isReadable ? Quoted(bytes) : "-";
-    };
-    Members& members =
-        summary
-            .groups[{text(record.product), text(record.base), text(record.target), report.verdict}];
+    Texts texts = {"-", "-", "-"};
+    if (record.isReadable) {
+        texts = {Quoted(record.product), Quoted(record.base), Quoted(record.target)};
+    }
+    Members& members = summary.groups[{texts, report.verdict}];
     members.count++;
     if (members.examples.size() < 3) {
         members.examples.push_back(Escaped(directory));
+    }
+    if (!IsCalm(report.verdict)) {
+        summary.notUpdated.push_back(
+            fmt::format("{}  {}", WordOf(report.verdict), Escaped(directory)));
     }
 }
 
@@ -73,9 +74,10 @@ Share ShareOf(Summary& summary, size_t all) {
 void Print(const Summary& summary, const Share& share, size_t all, bool withList) {
     std::vector<Texts> rows = {{"product", "from", "to", "state", "count", "such as"}};
     for (const auto& [group, members] : summary.groups) {
-        const auto& [product, from, to, state] = group;
-        rows.push_back({product, from, to, WordOf(state), std::to_string(members.count),
-                        fmt::format("{}", fmt::join(members.examples, ", "))});
+        rows.push_back(group.first);
+        rows.back().insert(rows.back().end(),
+                           {WordOf(group.second), std::to_string(members.count),
+                            fmt::format("{}", fmt::join(members.examples, ", "))});
     }
     fmt::print("{}\n", fmt::join(InColumns(rows, 4), "\n"));
     if (withList) {
@@ -95,38 +97,32 @@ void Print(const Summary& summary, const Share& share, size_t all, bool withList
 int Outcome(const OutcomeOptions& options, bool asJson) {
     const Texts directories = StateDirectoriesIn(options.directories);
     const size_t all = directories.size();
-    const bool isOne = all == 1 && !options.list;
+    const bool isTable = !asJson && (all > 1 || options.list);
     Summary summary;
+    size_t noPhones = 0;
     for (size_t i = 0; i < all; i++) {
         if (!asJson) {
             ShowProgress(i, all, "directories");
         }
         const StateReport report = ReadState(directories[i]);
         summary.counts[report.verdict]++;
-        if (asJson) {
-            fmt::print("{}\n", Describe(directories[i], report).dump());
-        } else if (isOne) {
-            fmt::print("{}\n", Sentence(report));
-        } else {
+        noPhones += IsNoPhone(report.verdict) ? 1 : 0;
+        if (isTable) {
             Count(directories[i], report, summary);
-        }
-        if (options.list && !IsCalm(report.verdict)) {
-            summary.notUpdated.push_back(
-                fmt::format("{}  {}", WordOf(report.verdict), Escaped(directories[i])));
+        } else {
+            fmt::print("{}\n",
+                       asJson ? InOneLine(ReportOf(directories[i], report)) : Sentence(report));
         }
     }
     const Share share = ShareOf(summary, all);
     if (!asJson) {
         ShowProgress(all, all, "directories");
     }
-    if (!asJson && !isOne) {
+    if (isTable) {
         Print(summary, share, all, options.list);
     }
-    std::map<Verdict, size_t>& counts = summary.counts;
-    if (counts[Verdict::FOREIGN] + counts[Verdict::NOT_PULLED] + counts[Verdict::UNREADABLE] ==
-        all) {
-        return 2;
-    }
-    return options.failAbove ? share.notUpdated > *options.failAbove
-                             : counts[Verdict::UPDATED] + counts[Verdict::NOTHING_TO_DO] < all;
+    const size_t fine = summary.counts[Verdict::UPDATED] + summary.counts[Verdict::NOTHING_TO_DO];
+    return noPhones == all     ? 2
+           : options.failAbove ? share.notUpdated > *options.failAbove
+                               : fine < all;
 }

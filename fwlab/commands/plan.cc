@@ -1,7 +1,7 @@
 // The release gate: what each phone of a fleet gets from the packages, before any phone has them.
 #include "fwlab/base/json.h"
 #include "fwlab/base/progress.h"
-#include "fwlab/base/table.h"
+#include "fwlab/base/text.h"
 #include "fwlab/commands/commands.h"
 #include "fwlab/phone/decision.h"
 #include "fwlab/phone/fleet.h"
@@ -26,7 +26,7 @@ struct Case {
 // Phones of which the same is known.
 struct Line {
     uint64_t phones;
-    std::vector<Case> cases; // at least one
+    std::vector<Case> cases; // at least one, if there are phones
 };
 
 // The entry that a phone gets; null for none.
@@ -50,36 +50,17 @@ Verdict VerdictOf(const Line& line) {
     return isOne ? first : Verdict::UNKNOWN;
 }
 
-// Whether one answer with one reason holds in each case. A field that differs from the device's is
-// a reason of its own for each model.
+// Whether there is only one case, or the phones get the same entry in each.
 bool IsDecided(const Line& line) {
-    const Case& first = line.cases.front();
-    const Reason& reason = first.decision.reason;
-    return std::all_of(line.cases.begin() + 1, line.cases.end(), [&](const Case& one) {
-        const Reason& other = one.decision.reason;
-        return one.decision.verdict == first.decision.verdict && Received(one) == Received(first) &&
-               other.kind == reason.kind && other.entry == reason.entry &&
-               other.other == reason.other && other.limit == reason.limit && other.field == nullptr;
-    });
-}
-
-std::string Gets(const Line& line) {
-    return IsDecided(line) ? Gets(line.cases.front())
-                           : InWords(VerdictOf(line), "undecided between these cases");
+    const Entry* first = Received(line.cases.front());
+    return line.cases.size() == 1 ||
+           (first != nullptr && std::all_of(line.cases.begin(), line.cases.end(),
+                                            [&](auto& other) { return Received(other) == first; }));
 }
 
 std::string UpToZero(const std::string& bytes) {
     return bytes.substr(0, bytes.find('\0'));
 }
-
-// Phones whose last attempt is the same.
-struct Attempted {
-    Record record;
-    bool hasPassed;
-    uint64_t phones;
-};
-// By what decides: whether the outcome is open; product; base, if it is open; target.
-using Attempts = std::map<std::tuple<bool, std::string, std::string, std::string>, Attempted>;
 
 Case MakeCase(const std::vector<Package>& packages, const Model& model, const std::string& revision,
               const Record* record) {
@@ -94,24 +75,23 @@ Case MakeCase(const std::vector<Package>& packages, const Model& model, const st
 
 // A phone whose last attempt passed runs its target. Another one runs its base or its target.
 std::vector<Case> CasesOf(const std::vector<Package>& packages, const std::vector<Model>& models,
-                          const Attempted& attempted) {
+                          const Record& record, bool hasPassed) {
     std::vector<Case> cases;
-    const Record& record = attempted.record;
+    Texts texts = {record.target};
+    if (!hasPassed && record.base != record.target) {
+        texts.insert(texts.begin(), record.base);
+    }
     for (const Model& model : models) {
         const Identity& identity = model.device.identity;
         if (UpToZero(NameOf(identity)) != record.product) {
             continue;
         }
-        Texts texts = {record.target};
-        if (!attempted.hasPassed && record.base != record.target) {
-            texts.insert(texts.begin(), record.base);
-        }
         for (const std::string& text : texts) {
             const auto isIt = [&](const Running& one) { return UpToZero(one.revision) == text; };
             const auto running = std::find_if(model.running.begin(), model.running.end(), isIt);
-            std::string revision = running == model.running.end() ? text : running->revision;
-            revision.resize(identity.layout->revision.size);
-            cases.push_back(MakeCase(packages, model, revision, &record));
+            cases.push_back(MakeCase(packages, model,
+                                     running == model.running.end() ? text : running->revision,
+                                     &record));
         }
     }
     return cases;
@@ -134,34 +114,34 @@ uint64_t TakePhones(std::vector<Line>& fleet, const std::vector<Case>& cases, ui
     return taken;
 }
 
-// What is to be said before the packages are released.
-struct Report {
-    std::vector<Line> lines;
-    std::map<Verdict, uint64_t> totals; // phones
-    Texts findings;
-    uint64_t otherRecords; // of no phone of the fleet
-    bool isReleasable;
-};
-
 // Each entry that no phone of the fleet gets is a finding. A magic inside an image is no entry.
-void AddUnusedEntries(const std::vector<Package>& packages, Report& report) {
+void FindUnusedEntries(const std::vector<Package>& packages, const std::vector<Line>& fleet,
+                       Texts& findings) {
     std::set<const Entry*> used;
-    for (const Line& line : report.lines) {
+    for (const Line& line : fleet) {
         for (const Case& one : line.cases) {
-            used.insert(Received(one));
+            used.insert(line.phones > 0 ? Received(one) : nullptr);
         }
     }
     for (const Package& package : packages) {
         for (const Entry& entry : package.entries) {
             if (used.count(&entry) == 0 && entry.outer == 0) {
-                report.findings.push_back(
-                    fmt::format("{} of {}, {} for {}: no phone of the fleet gets it", Title(entry),
-                                Quoted(package.path), Quoted(RevisionOf(entry.identity)),
-                                Quoted(NameOf(entry.identity))));
+                findings.push_back(fmt::format("{} of {}, {} for {}: no phone of the fleet gets it",
+                                               Title(entry), Quoted(package.path),
+                                               Quoted(RevisionOf(entry.identity)),
+                                               Quoted(NameOf(entry.identity))));
             }
         }
     }
 }
+
+// Phones whose last attempt is the same.
+struct Attempted {
+    Record record; // of one of them
+    uint64_t phones;
+};
+// By what decides: whether the outcome is open; product; base, if it is open; target.
+using Attempts = std::map<std::tuple<bool, std::string, std::string, std::string>, Attempted>;
 
 // The attempts of the phones that have made one; a record that no run can read back is a finding.
 Attempts ReadAttempts(const std::string& folder, Texts& findings) {
@@ -175,12 +155,10 @@ Attempts ReadAttempts(const std::string& folder, Texts& findings) {
         damaged += report.verdict == Verdict::RECORD_UNREADABLE ? 1 : 0;
         others += IsNoPhone(report.verdict) ? 1 : 0;
         if (record.isReadable) {
-            const bool hasPassed = HasPassed(report);
-            attempts
-                .try_emplace(
-                    {!hasPassed, record.product, hasPassed ? "" : record.base, record.target},
-                    Attempted{record, hasPassed, 0})
-                .first->second.phones++;
+            const bool isOpen = !HasPassed(report);
+            const auto key =
+                std::make_tuple(isOpen, record.product, isOpen ? record.base : "", record.target);
+            attempts.try_emplace(key, Attempted{record, 0}).first->second.phones++;
         }
     }
     ShowProgress(directories.size(), directories.size(), "state directories");
@@ -200,24 +178,56 @@ std::vector<Package> ReadPackages(const Texts& paths) {
     std::vector<Package> packages;
     for (const std::string& path : paths) {
         const Package package = OpenPackage(path);
-        if (package.size == 0) {
-            throw Stop{1, path + " is empty: phones find nothing to do in it"};
-        }
+        Require(package.size > 0, 1, path + " is empty: phones find nothing to do in it");
         for (const Package& other : packages) {
-            if (other.layout == package.layout) {
-                throw Stop{2, fmt::format("{} and {} are both {} packages: a phone has one",
-                                          other.path, path, package.layout->title)};
-            }
+            Require(other.layout != package.layout, 2,
+                    fmt::format("{} and {} are both {} packages: a phone has one", other.path, path,
+                                package.layout->title));
         }
         packages.push_back(package);
     }
     return packages;
 }
 
-// The packages and the models are borrowed by the report.
-Report MakeReport(const std::vector<Package>& packages, const std::vector<Model>& models,
-                  const std::string& recordsFolder) {
-    Report report = {};
+Json ReportOf(const Case& one) {
+    const Identity& identity = one.decision.device;
+    const Entry* entry = Received(one);
+    return {{"product_name", Escaped(NameOf(identity))},
+            {"manufacturer", Escaped(Get(identity, identity.layout->manufacturer))},
+            {"revision", Escaped(RevisionOf(identity))},
+            {"device", Title(identity)},
+            {"answer", WordOf(one.decision.verdict)},
+            {"gets", Gets(one)},
+            {"package", one.package == nullptr ? Json() : Json(Escaped(one.package->path))},
+            {"entry", entry == nullptr ? Json() : Json(entry->number)}};
+}
+
+// As the first case, but for what is not the same in each.
+Json ReportOf(const Line& line) {
+    Json report = ReportOf(line.cases.front()), cases = Json::array();
+    Texts details;
+    for (const Case& one : line.cases) {
+        cases.push_back(ReportOf(one));
+        details.push_back(fmt::format("if it is {} and runs {}: {}", Title(one.decision.device),
+                                      Quoted(RevisionOf(one.decision.device)), Gets(one)));
+    }
+    if (IsDecided(line)) {
+        const Entry* entry = Received(line.cases.front());
+        details = entry == nullptr ? Texts() : NotesOf(*entry);
+    } else {
+        report["gets"] = InWords(VerdictOf(line), "it is one of these cases");
+        report["entry"] = Json();
+    }
+    report["phones"] = line.phones;
+    report["answer"] = WordOf(VerdictOf(line));
+    report["cases"] = cases;
+    report["details"] = details;
+    return report;
+}
+
+// What is to be said before the packages are released.
+Json MakeReport(const std::vector<Package>& packages, const std::vector<Model>& models,
+                const std::string& recordsFolder) {
     std::vector<Line> fleet;
     for (const Model& model : models) {
         for (const Running& running : model.running) {
@@ -225,122 +235,79 @@ Report MakeReport(const std::vector<Package>& packages, const std::vector<Model>
                 {running.phones, {MakeCase(packages, model, running.revision, nullptr)}});
         }
     }
+    Texts findings;
     const Attempts attempts =
-        recordsFolder.empty() ? Attempts() : ReadAttempts(recordsFolder, report.findings);
+        recordsFolder.empty() ? Attempts() : ReadAttempts(recordsFolder, findings);
     std::vector<Line> tried;
+    uint64_t otherRecords = 0;
     for (const auto& [key, attempt] : attempts) { // those that passed come first
-        tried.push_back({0, CasesOf(packages, models, attempt)});
-        tried.back().phones = TakePhones(fleet, tried.back().cases, attempt.phones);
-        report.otherRecords += attempt.phones - tried.back().phones;
+        const std::vector<Case> cases =
+            CasesOf(packages, models, attempt.record, !std::get<0>(key));
+        tried.push_back({TakePhones(fleet, cases, attempt.phones), cases});
+        otherRecords += attempt.phones - tried.back().phones;
     }
     fleet.insert(fleet.end(), tried.begin(), tried.end());
-    report.isReleasable = true;
+    FindUnusedEntries(packages, fleet, findings);
+    Json lines = Json::array(), totals = Json::object();
+    std::map<Verdict, uint64_t> phones;
     for (const Line& line : fleet) {
         if (line.phones > 0) {
-            report.lines.push_back(line);
-            report.totals[VerdictOf(line)] += line.phones;
-            report.isReleasable = report.isReleasable && IsCalm(VerdictOf(line));
+            lines.push_back(ReportOf(line));
+            phones[VerdictOf(line)] += line.phones;
         }
     }
-    AddUnusedEntries(packages, report);
-    report.isReleasable = report.isReleasable && report.findings.empty();
-    return report;
-}
-
-Json Describe(const Case& one) {
-    const Identity& identity = one.decision.device;
-    const Entry* entry = Received(one);
-    return {{"product_name", Escaped(NameOf(identity))},
-            {"manufacturer", Escaped(Get(identity, identity.layout->manufacturer))},
-            {"revision", Escaped(RevisionOf(one.decision.device))},
-            {"answer", WordOf(one.decision.verdict)},
-            {"gets", Gets(one)},
-            {"package", one.package == nullptr ? Json() : Json(Escaped(one.package->path))},
-            {"entry", entry == nullptr ? Json() : Json(entry->number)}};
-}
-
-Json Describe(const Report& report) {
-    Json lines = Json::array(), totals = Json::object();
-    for (const Line& line : report.lines) {
-        lines.push_back(Describe(line.cases.front()));
-        Json& shown = lines.back();
-        shown["phones"] = line.phones;
-        shown["answer"] = WordOf(VerdictOf(line));
-        shown["gets"] = Gets(line);
-        shown["entry"] = IsDecided(line) ? shown["entry"] : Json();
-        shown["cases"] = Json::array();
-        for (const Case& one : line.cases) {
-            shown["cases"].push_back(Describe(one));
-        }
+    bool isReleasable = findings.empty();
+    for (const auto& [verdict, count] : phones) {
+        totals[WordOf(verdict)] = count;
+        isReleasable = isReleasable && IsCalm(verdict);
     }
-    for (const auto& [verdict, phones] : report.totals) {
-        totals[WordOf(verdict)] = phones;
-    }
-    return {{"lines", lines},
+    return {{"releasable", isReleasable},
+            {"lines", lines},
             {"totals", totals},
-            {"findings", report.findings},
-            {"records_of_no_phone", report.otherRecords}};
+            {"findings", findings},
+            {"records_of_no_phone", otherRecords}};
 }
 
-// The lines below that of the phones: what they get in each case, and notes on the entry.
-Texts Details(const Line& line) {
-    Texts details;
-    if (!IsDecided(line)) {
-        for (const Case& one : line.cases) {
-            details.push_back(fmt::format("if it is {} and runs {}: {}", Title(one.decision.device),
-                                          Quoted(RevisionOf(one.decision.device)), Gets(one)));
-        }
-    } else if (const Entry* entry = Received(line.cases.front()); entry != nullptr) {
-        for (const std::string& note : NotesOf(*entry)) {
-            details.push_back("note: " + note);
-        }
-    }
-    return details;
-}
-
-void Print(const std::vector<Line>& lines) {
+void PrintLines(const Json& lines) {
     std::vector<Texts> rows = {{"MODEL", "RUNS", "PHONES", ""}};
-    for (const Line& line : lines) {
-        std::set<std::string> models, revisions;
-        for (const Case& one : line.cases) {
-            models.insert(Title(one.decision.device));
-            revisions.insert(Quoted(RevisionOf(one.decision.device)));
+    for (const Json& line : lines) {
+        std::set<std::string> devices, revisions;
+        for (const Json& one : line["cases"]) {
+            devices.insert(one["device"]);
+            revisions.insert(Shown(one["revision"]));
         }
-        rows.push_back({fmt::format("{}", fmt::join(models, " or ")),
-                        fmt::format("{}", fmt::join(revisions, " or ")),
-                        std::to_string(line.phones), Gets(line)});
+        rows.push_back({fmt::format("{}", fmt::join(devices, " or ")),
+                        fmt::format("{}", fmt::join(revisions, " or ")), Shown(line["phones"]),
+                        line["gets"]});
     }
     const Texts shown = InColumns(rows, 2);
     fmt::print("{}\n", shown.front());
     for (size_t i = 0; i < lines.size(); i++) {
         fmt::print("{}\n", shown[i + 1]);
-        for (const std::string& detail : Details(lines[i])) {
-            fmt::print("    {}\n", detail);
+        for (const Json& detail : lines[i]["details"]) {
+            fmt::print("    {}\n", detail.get<std::string>());
         }
     }
 }
 
-void Print(const Report& report, size_t packages) {
-    Print(report.lines);
+void Print(const Json& report) {
+    PrintLines(report["lines"]);
     fmt::print("\nPhones:");
-    for (const auto& [verdict, phones] : report.totals) {
-        fmt::print(" {} {}", phones, WordOf(verdict));
+    for (const auto& [word, phones] : report["totals"].items()) {
+        fmt::print(" {} {}", phones.get<uint64_t>(), word);
     }
     fmt::print("\n");
-    if (report.otherRecords > 0) {
+    if (report["records_of_no_phone"] > 0) {
         fmt::print("Note: {} records belong to no phone of the fleet: it counts no phone, or no "
                    "further one, of that model with that revision.\n",
-                   report.otherRecords);
+                   Shown(report["records_of_no_phone"]));
     }
-    for (const std::string& text : report.findings) {
-        fmt::print("FINDING: {}\n", text);
+    for (const Json& finding : report["findings"]) {
+        fmt::print("FINDING: {}\n", finding.get<std::string>());
     }
-    if (report.isReleasable) {
-        fmt::print("No phone of this fleet would use up its attempt or get a wrong image.\n");
-    } else {
-        fmt::print("Do NOT release {} to this fleet.\n",
-                   packages == 1 ? "this package" : "these packages");
-    }
+    fmt::print(report["releasable"]
+                   ? "No phone of this fleet would use up its attempt or get a wrong image.\n"
+                   : "Do NOT release to this fleet.\n");
 }
 
 } // namespace
@@ -348,7 +315,7 @@ void Print(const Report& report, size_t packages) {
 int Plan(const PlanOptions& options, bool asJson) {
     const std::vector<Package> packages = ReadPackages(options.packages);
     const std::vector<Model> models = ReadFleet(options.fleet);
-    const Report report = MakeReport(packages, models, options.records);
-    Show(asJson, Describe(report), [&] { Print(report, packages.size()); });
-    return report.isReleasable ? 0 : 1;
+    const Json report = MakeReport(packages, models, options.records);
+    Show(asJson, report, [&] { Print(report); });
+    return report["releasable"] ? 0 : 1;
 }

@@ -6,11 +6,9 @@
 #include "fwlab/base/work_folder.h"
 #include "fwlab/commands/commands.h"
 #include "fwlab/phone/decision.h"
-#include "fwlab/phone/pulled_state.h"
 #include "fwlab/phone/state_directory.h"
 #include "fwlab/sweep/judge.h"
 #include "fwlab/sweep/made_run.h"
-#include "run/result_record.h"
 #include "run/state_flags.h"
 #include "simphone/files.h"
 #include "simphone/phone.h"
@@ -19,24 +17,17 @@
 #include "simphone/tool_run.h"
 
 #include <algorithm>
-#include <filesystem>
 #include <fmt/format.h>
-#include <regex>
-
-namespace fs = std::filesystem;
 
 namespace {
 
-std::string Content(const std::string& file) {
-    std::string content;
-    return ReadWholeFile(file, content) ? content : "";
-}
-
 // A console line of one character of an identity, or of one byte of a command.
 bool IsOfOneCharacter(const TimeLineEntry& entry) {
-    static const std::regex messages(
-        "(PrintCid|PrintChar|sg_ll_write_buffer_v2),line=(154|65|159)");
-    return std::regex_search(entry.text, messages);
+    const char* const messages[] = {
+        "PrintCid,line=154:", "PrintChar,line=65:", "sg_ll_write_buffer_v2,line=159:"};
+    return std::any_of(std::begin(messages), std::end(messages), [&](const char* message) {
+        return entry.text.find(message) != std::string::npos;
+    });
 }
 
 // The steps of a rehearsal: printed as they come for people, or kept for programs.
@@ -76,56 +67,53 @@ std::string EndOf(const RunResult& run) {
                        run.timedOut ? ": it took too long" : "");
 }
 
-void RequireMet(const RunResult& run) {
-    if (!run.unmetFaults.empty()) {
-        throw Stop{2, fmt::format("{} met no call of the run: {}",
-                                  run.unmetFaults.size() == 1 ? "this fault" : "these faults",
-                                  fmt::join(TextsOf(run.unmetFaults), "; "))};
-    }
-}
-
-MadeRun Run(const std::vector<Fault>& faults, const Phone& phone, Report& report) {
-    MadeRun made = MakeRun(phone, Companion("ffu"), "", faults);
+RunResult Run(const std::vector<Fault>& faults, const Phone& phone, Report& report) {
+    RunResult run = MakeRun(phone, Companion("ffu"), "", faults);
     StopIfInterrupted();
     report.json["runs"].push_back({{"faults", TextsOf(faults)},
-                                   {"exit_status", made.run.exitStatus},
-                                   {"signal", made.run.signal},
-                                   {"timed_out", made.run.timedOut}});
-    TellTimeLine(made.run, report);
-    RequireMet(made.run);
-    LoseUnsynced(phone, made);
-    report.Say("\nThe run ended with {}.\n", EndOf(made.run));
+                                   {"exit_status", run.exitStatus},
+                                   {"signal", run.signal},
+                                   {"timed_out", run.timedOut}});
+    TellTimeLine(run, report);
+    Require(run.unmetFaults.empty(), 2,
+            fmt::format("faults that met no call of the run: {}",
+                        fmt::join(TextsOf(run.unmetFaults), "; ")));
+    report.Say("\nThe run ended with {}.\n", EndOf(run));
     report.Say("{}", ShowPhone(phone));
     const StateReport state = ReadState(phone.directory + STATE_DIR);
     report.Say("{}\n", Sentence(state));
     report.json["runs"].back()["state"] = WordOf(state.verdict);
-    return made;
+    return run;
+}
+
+// Makes the phone in an empty or missing folder, with the package and what runs have left.
+void Make(const Phone& phone, const std::string& package, const StateDirectory& state) {
+    std::string error;
+    Require(MakePhone(phone.description, phone.directory, error) &&
+                PutPackage(phone, package, error),
+            2, error);
+    PutState(phone, state);
 }
 
 // The same run without any fault, on a phone of its own.
-RunResult RunWithoutFaults(const MadeRun& made, const RehearseOptions& options) {
+RunResult RunWithoutFaults(const StateDirectory& before, const RehearseOptions& options) {
     Texts settings = options.settings;
     settings.emplace_back("faults=[]");
     const WorkFolder folder;
     const Phone phone = {folder.path + "/phone", ReadPhone(options.phone, settings)};
-    std::string error;
-    if (!MakePhone(phone.description, phone.directory, error) ||
-        !PutPackage(phone, options.package, error)) {
-        throw Stop{2, error};
-    }
-    PutState(phone, made.before);
-    return MakeRun(phone, Companion("ffu"), "", {}).run;
+    Make(phone, options.package, before);
+    return MakeRun(phone, Companion("ffu"), "", {});
 }
 
 // Asks the judge of sweeps about the next run before a restart.
-void TellViolations(MadeRun made, const Phone& phone, const RehearseOptions& options,
-                    Report& report) {
+void TellViolations(const RunResult& run, std::vector<Fault> faults, const Phone& phone,
+                    const RehearseOptions& options, Report& report) {
     const std::vector<Fault>& own = phone.description.faults; // of every run
-    made.faults.insert(made.faults.end(), own.begin(), own.end());
+    faults.insert(faults.end(), own.begin(), own.end());
     const bool isFirst = report.json["runs"].size() == 1;
-    const RunResult base = made.faults.empty() ? made.run : RunWithoutFaults(made, options);
+    const RunResult base = faults.empty() ? run : RunWithoutFaults(run.before, options);
     report.course = isFirst ? CourseBefore(base) : report.course;
-    for (const Wrong wrong : WrongsOf(made, &base, report.course)) {
+    for (const Wrong wrong : WrongsOf(run, faults, &base, report.course)) {
         report.json["violations"].push_back({{"run", report.json["runs"].size()},
                                              {"kind", NameOf(wrong)},
                                              {"text", SentenceOf(wrong)}});
@@ -135,37 +123,29 @@ void TellViolations(MadeRun made, const Phone& phone, const RehearseOptions& opt
 
 void Reboot(const Phone& phone) {
     std::string error;
-    if (!RebootPhone(phone, error)) {
-        throw Stop{2, error};
-    }
+    Require(RebootPhone(phone, error), 2, error);
 }
 
-// What the phone that has restarted runs.
-struct Running {
-    std::string revision, image; // the image is empty if no run has downloaded one
-};
-
-Running ReadRunning(const std::string& phone, const Layout& layout) {
-    const size_t size = layout.revision.size;
-    return {&layout == &UFS
-                ? Content(phone + "/proc/bootdevice/rev").substr(0, size)
-                : Content(phone + "/device/ext_csd.bin").substr(EXT_CSD_FIRMWARE_VERSION, size),
-            Content(phone + "/device/running.bin")};
-}
-
-// Returns whether the phone reports the revision of the entry that it took; also if it took none.
-bool TellRunning(const Running& running, const Package& package, const Decision& decision,
-                 Report& report) {
-    const bool isSent = IsSent(package, decision, running.image);
+// Restarts the phone, which then runs `image` or, if it is empty, what it was made with. Returns
+// whether the phone reports the revision of the entry that it took; also if it took none.
+bool TellRestart(const Phone& phone, const std::string& image, const Package& package,
+                 const Decision& decision, Report& report) {
+    Reboot(phone);
+    const size_t size = package.layout->revision.size;
+    const std::string revision =
+        phone.description.ufs ? WholeFile(phone.directory + "/proc/bootdevice/rev").substr(0, size)
+                              : WholeFile(phone.directory + "/device/ext_csd.bin")
+                                    .substr(EXT_CSD_FIRMWARE_VERSION, size);
+    const bool isSent = IsSent(package, decision, image);
     const Entry* entry = decision.sent != nullptr ? decision.sent : decision.PreCheck();
-    report.json["revision"] = Escaped(running.revision);
-    report.json["downloaded_bytes"] = running.image.size();
+    report.json["revision"] = Escaped(revision);
+    report.json["downloaded_bytes"] = image.size();
     report.json["is_entry"] = isSent;
     report.Say("After a restart the phone runs {}, from {} bytes that were downloaded: {}{}.\n",
-               Quoted(running.revision), running.image.size(), isSent ? "" : "NOT ",
+               Quoted(revision), image.size(), isSent ? "" : "NOT ",
                entry == nullptr ? "an entry for it" : Title(*entry));
     const std::string own = isSent ? Get(entry->identity, package.layout->revision) : "";
-    const bool isReported = !isSent || running.revision == own;
+    const bool isReported = !isSent || revision == own;
     report.json["reports_revision_of_entry"] = isReported;
     if (!isReported) {
         report.Say("Its revision is the description's [firmware] revision, but the entry has {}. "
@@ -177,12 +157,12 @@ bool TellRunning(const Running& running, const Package& package, const Decision&
 
 // Whether another run, without the faults of the first, leaves the phone alone.
 bool FindsNothingToDo(const Phone& phone, Report& report) {
-    const std::string& directory = phone.directory;
-    const std::string record = Content(directory + RESULT_FILE);
     report.Say("\nThe second run:\n");
-    (void)Run({}, phone, report); // what it leaves is looked at below
-    const bool isQuiet = Content(directory + RESULT_FILE) == record &&
-                         fs::exists(directory + END_FLAG) && !fs::exists(directory + BEGIN_FLAG);
+    const RunResult run = Run({}, phone, report);
+    const std::string *before = RecordIn(run.before), *after = RecordIn(run.after);
+    const bool isSame = before == nullptr || after == nullptr ? before == after : *before == *after;
+    const bool isQuiet =
+        isSame && ReadState(phone.directory + STATE_DIR).lastRun == LastRun::REGULAR;
     report.json["second_run_is_quiet"] = isQuiet;
     report.Say("The second run {} nothing to do.\n", isQuiet ? "found" : "did NOT find");
     return isQuiet;
@@ -191,68 +171,50 @@ bool FindsNothingToDo(const Phone& phone, Report& report) {
 // The faults of each run before the restart.
 using Faults = std::vector<std::vector<Fault>>;
 
-Fault ParsedFault(const std::string& text) {
-    Fault fault;
-    std::string error;
-    if (!ParseFault(text, fault, error)) {
-        throw Stop{2, error};
-    }
-    return fault;
-}
-
 Faults ParsedFaults(const RehearseOptions& options) {
-    Faults faults(1 + options.then.size());
-    for (const std::string& text : options.faults) {
-        faults[0].push_back(ParsedFault(text));
+    std::vector<Texts> texts = {options.faults};
+    for (const std::string& text : options.then) {
+        texts.push_back(text.empty() ? Texts() : Texts{text});
     }
-    for (size_t i = 0; i < options.then.size(); i++) {
-        if (!options.then[i].empty()) {
-            faults[i + 1].push_back(ParsedFault(options.then[i]));
+    Faults faults(texts.size());
+    std::string error;
+    for (size_t i = 0; i < texts.size(); i++) {
+        for (const std::string& text : texts[i]) {
+            Require(ParseFault(text, faults[i].emplace_back(), error), 2, error);
         }
     }
     return faults;
-}
-
-// The runs before the restart; returns the last one.
-MadeRun RunAll(const Phone& phone, const Faults& faults, const RehearseOptions& options,
-               Report& report) {
-    MadeRun made;
-    for (size_t i = 0; i < faults.size(); i++) {
-        if (i > 0) {
-            report.Say("\nRun {}, without a restart:\n", i + 1);
-        }
-        made = Run(faults[i], phone, report);
-        TellViolations(made, phone, options, report);
-    }
-    return made;
 }
 
 // Makes the phone in an empty or missing folder, runs the tool on it and tells what becomes of it.
 // Returns the exit status.
 int RehearseIn(const Phone& phone, const RehearseOptions& options, const Faults& faults,
                const Package& package, Report& report) {
-    std::string error;
-    if (!MakePhone(phone.description, phone.directory, error) ||
-        !PutPackage(phone, options.package, error)) {
-        throw Stop{2, error};
-    }
     const StateDirectory before = options.state.value_or(StateDirectory{});
-    PutState(phone, before);
+    Make(phone, options.package, before);
     const Decision decision = Decide(package, DeviceOf(phone.description), before);
-    const auto judge = [&](const Running& running) {
-        return Judge(package, decision, running.image, before, ReadStateDirectory(phone.directory));
-    };
     report.Say("{}\n", ShowPhone(phone));
-    const RunResult run = RunAll(phone, faults, options, report).run;
-    Reboot(phone);
-    const Running running = ReadRunning(phone.directory, *package.layout);
-    const bool isReported = TellRunning(running, package, decision, report);
+    RunResult last;
+    for (size_t i = 0; i < faults.size(); i++) {
+        if (i > 0) {
+            report.Say("\nRun {}, without a restart:\n", i + 1);
+        }
+        last = Run(faults[i], phone, report);
+        TellViolations(last, faults[i], phone, options, report);
+    }
+    std::string image = TakenImage(phone);
+    const auto judge = [&] {
+        return Judge(package, decision, image, before, ReadStateDirectory(phone.directory));
+    };
+    Verdict verdict = judge();
+    const bool isReported = TellRestart(phone, image, package, decision, report);
     bool isQuiet = true;
-    Verdict verdict = judge(running);
     if (options.runAgain) {
         isQuiet = FindsNothingToDo(phone, report);
+        const std::string next = TakenImage(phone);
+        image = next.empty() ? image : next;
         Reboot(phone);
-        verdict = Judge(verdict, judge(ReadRunning(phone.directory, *package.layout)));
+        verdict = Judge(verdict, judge());
     }
     const bool isUpdated = verdict == Verdict::UPDATED;
     report.json["answer"] = WordOf(verdict);
@@ -261,9 +223,9 @@ int RehearseIn(const Phone& phone, const RehearseOptions& options, const Faults&
                !isUpdated    ? fmt::format(": {}: {}", WordOf(verdict), SentenceOf(verdict))
                : !isReported ? ", but it reports another revision than the entry's"
                : !isQuiet    ? ", but the second run did not find nothing to do"
-               : run.signal != 0 || run.exitStatus != 0
+               : last.signal != 0 || last.exitStatus != 0
                    ? fmt::format(", though the {} run ended with {}",
-                                 faults.size() > 1 ? "last" : "first", EndOf(run))
+                                 faults.size() > 1 ? "last" : "first", EndOf(last))
                    : "");
     const bool isFine = isReported && isQuiet && report.json["violations"].empty();
     return isUpdated && isFine ? 0 : 1;
@@ -289,8 +251,6 @@ int Rehearse(const RehearseOptions& options, bool asJson) {
     } else {
         MakeFolder(options.keep, rehearse);
     }
-    if (asJson) {
-        fmt::print("{}\n", report.json.dump(2));
-    }
+    Show(asJson, report.json, [] {}); // people have read it
     return status;
 }

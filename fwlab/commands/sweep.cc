@@ -2,14 +2,12 @@
 // phones are left with. Called by hand and by CI systems; leaves only the files that were asked
 // for.
 #include "fwlab/base/output.h"
-#include "fwlab/base/progress.h"
 #include "fwlab/commands/commands.h"
 #include "fwlab/phone/device.h"
 #include "fwlab/sweep/page.h"
 #include "fwlab/sweep/report.h"
 
 #include <filesystem>
-#include <fmt/format.h>
 
 namespace fs = std::filesystem;
 
@@ -35,37 +33,21 @@ Description ReadSwept(SweepPhone& phone) {
 
 // Before it takes long.
 void CheckOutputs(const SweepRequest& request) {
+    Texts inputs = request.phones, outputs;
+    inputs.push_back(request.package);
     std::error_code error;
-    const auto whole = [&](const std::string& path) {
-        return fs::weakly_canonical(fs::absolute(path), error);
-    };
-    const bool areBoth = !request.junit.empty() && !request.html.empty();
-    if (areBoth && whole(request.junit) == whole(request.html)) {
-        throw Stop{2, request.html + ": is the file of both reports"};
-    }
     for (const std::string& output : {request.junit, request.html}) {
         if (!output.empty()) {
             CheckOutput(output);
-            RequireOther(output, request.package);
-            for (const std::string& phone : request.phones) {
-                RequireOther(output, phone);
+            for (const std::string& input : inputs) {
+                RequireOther(output, input);
             }
+            outputs.push_back(fs::weakly_canonical(fs::absolute(output), error));
         }
     }
-}
-
-SweepResult RunAll(const SweepRequest& request, const std::vector<SweepScenario>& scenarios) {
-    SweepOptions options;
-    options.tool = Companion("ffu");
-    options.threads = request.jobs;
-    options.keepsTimeLines = !request.html.empty();
-    options.progress = ShowProgress;
-    SweepResult result = RunSweep(scenarios, options);
-    ShowProgress(0, 0, ""); // nothing is left of it, after an interruption too
-    if (result.interruptedBy != 0) {
-        throw Stop{128 + result.interruptedBy, "interrupted"};
+    if (outputs.size() == 2 && outputs[0] == outputs[1]) {
+        throw Stop{2, request.html + ": is the file of both reports"};
     }
-    return result;
 }
 
 } // namespace
@@ -82,7 +64,11 @@ int Sweep(const SweepRequest& request, bool asJson) {
             {ReadSwept(phones.back()), request.package, request.state.value_or(StateDirectory{})});
     }
     CheckOutputs(request);
-    const SweepResult result = RunAll(request, scenarios);
+    SweepOptions options;
+    options.tool = Companion("ffu");
+    options.threads = request.jobs;
+    options.keepsTimeLines = !request.html.empty();
+    const SweepResult result = RunSweep(scenarios, options);
     const Json report = SweepReport(request.package, request.stateFolder, phones, result);
     Show(asJson, report, [&] { PrintReport(report); });
     if (!request.junit.empty()) {
@@ -91,5 +77,5 @@ int Sweep(const SweepRequest& request, bool asJson) {
     if (!request.html.empty()) {
         WriteOutput(request.html, SweepPage(report, result));
     }
-    return IsFine(report) ? 0 : 1;
+    return report["fine"] ? 0 : 1;
 }

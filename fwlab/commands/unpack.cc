@@ -31,9 +31,7 @@ void RequireSame(const std::string& manifest, const Package& package) {
 int Unpack(const std::string& packageFile, const std::string& folder, bool asJson) {
     const Package package = OpenPackage(packageFile);
     const std::vector<const Entry*> entries = OwnEntries(package);
-    if (entries.empty()) {
-        throw Stop{1, packageFile + ": is empty: pack makes no such package"};
-    }
+    Require(!entries.empty(), 1, packageFile + ": is empty: pack makes no such package");
     std::vector<ManifestEntry> parts;
     for (const Entry* entry : entries) {
         parts.push_back({entry->identity, std::string(BodyOf(package, *entry)),

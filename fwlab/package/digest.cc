@@ -8,8 +8,7 @@
 std::string Sha256(std::string_view bytes) {
     uint8_t digest[EVP_MAX_MD_SIZE];
     unsigned length = 0;
-    if (EVP_Digest(bytes.data(), bytes.size(), digest, &length, EVP_sha256(), nullptr) != 1) {
-        throw Stop{2, "libcrypto has no SHA-256"};
-    }
+    Require(EVP_Digest(bytes.data(), bytes.size(), digest, &length, EVP_sha256(), nullptr) == 1, 2,
+            "libcrypto has no SHA-256");
     return Hex(digest, length);
 }

@@ -20,29 +20,24 @@ bool ReadBytes(const toml::node& node, const Field& field, std::string& bytes) {
     if (field.size == 1 ? !AppendBytes(toml::array{node}, bytes) : !AppendBytes(node, bytes)) {
         return false;
     }
-    if (bytes.size() > field.size || (isExact && bytes.size() != field.size)) {
-        throw Stop{1, fmt::format("{} has {} bytes, not {}{}", field.key, bytes.size(),
-                                  isExact ? "" : "at most ", field.size)};
-    }
-    if (field.filling == Field::NODE && bytes.empty()) {
-        throw Stop{1, std::string(field.key) + " must not be empty"};
-    }
+    const std::string key = field.key;
+    const bool isNode = field.filling == Field::NODE;
+    Require(bytes.size() == field.size || (!isExact && bytes.size() < field.size), 1,
+            fmt::format("{} has {} bytes, not {}{}", key, bytes.size(), isExact ? "" : "at most ",
+                        field.size));
+    Require(!isNode || !bytes.empty(), 1, key + " must not be empty");
     if (&field == &UFS.manufacturer && isText) {
         const bool isRight = bytes.size() == field.size && bytes.rfind("0x", 0) == 0 &&
                              bytes.find_first_not_of("0123456789abcdef", 2) == std::string::npos;
-        if (!isRight) {
-            throw Stop{1, Quoted(bytes) +
-                              " is no manfid as kernels print it, such as \"0x0001ce\": 0x and "
-                              "six digits, letters in lower case; if a kernel prints another "
-                              "one, write it as a list of 8 numbers"};
-        }
+        Require(isRight, 1,
+                Quoted(bytes) +
+                    " is no manfid as kernels print it, such as \"0x0001ce\": 0x and six "
+                    "digits, letters in lower case; if a kernel prints another one, "
+                    "write it as a list of 8 numbers");
     }
-    if (field.filling == Field::NODE && isText) {
-        if (bytes.find('\n') != std::string::npos) {
-            throw Stop{1,
-                       std::string(field.key) +
-                           " has a line feed: leave it out, fwlab adds the one that phones read"};
-        }
+    if (isNode && isText) {
+        Require(bytes.find('\n') == std::string::npos, 1,
+                key + " has a line feed: leave it out, fwlab adds the one that phones read");
         bytes += '\n';
     }
     bytes.resize(field.size);
@@ -56,16 +51,14 @@ bool ReadBaseRevs(const toml::node& node, const Field& revision, std::string& by
         return AppendBytes(node, bytes) && bytes.size() == BASE_REVS_SIZE; // all slots as they are
     }
     const size_t count = node.is_array() ? node.as_array()->size() : 0;
-    if (node.is_array() && (count == 0 || count > slots)) {
-        throw Stop{1, fmt::format("base_revisions has {} revisions, not 1 to {}", count, slots)};
-    }
     bool isRight = node.is_array();
+    Require(!isRight || (count >= 1 && count <= slots), 1,
+            fmt::format("base_revisions has {} revisions, not 1 to {}", count, slots));
     for (size_t slot = 0; isRight && slot < slots; slot++) {
         std::string slotBytes;
         isRight = ReadBytes((*node.as_array())[std::min(slot, count - 1)], revision, slotBytes);
-        if (isRight && IsFreeSlot(slotBytes)) {
-            throw Stop{1, "base_revisions: no device can have " + Quoted(slotBytes)};
-        }
+        Require(!isRight || !IsFreeSlot(slotBytes), 1,
+                "base_revisions: no device can have " + Quoted(slotBytes));
         bytes += slotBytes;
     }
     return isRight;
@@ -96,21 +89,17 @@ std::string ValueOf(const Field& field, const std::string& bytes) {
 std::string BaseRevsOf(const Identity& identity) {
     const Field& revision = identity.layout->revision;
     const std::string bytes = Get(identity, identity.layout->baseRevs);
-    Texts slots;
+    Texts values;
+    bool hasFree = false;
     for (size_t slot = 0; slot < bytes.size(); slot += revision.size) {
-        slots.push_back(bytes.substr(slot, revision.size));
+        const std::string slotBytes = bytes.substr(slot, revision.size);
+        hasFree = hasFree || IsFreeSlot(slotBytes);
+        values.push_back(ValueOf(revision, slotBytes));
     }
-    if (std::any_of(slots.begin(), slots.end(), IsFreeSlot)) {
-        return TomlList(bytes);
+    while (values.size() > 1 && values.back() == values[values.size() - 2]) {
+        values.pop_back();
     }
-    while (slots.size() > 1 && slots.back() == slots[slots.size() - 2]) {
-        slots.pop_back();
-    }
-    std::string list;
-    for (const std::string& slot : slots) {
-        list += (list.empty() ? "" : ", ") + ValueOf(revision, slot);
-    }
-    return "[" + list + "]";
+    return hasFree ? TomlList(bytes) : fmt::format("[{}]", fmt::join(values, ", "));
 }
 
 } // namespace

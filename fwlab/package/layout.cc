@@ -69,6 +69,10 @@ void Set(Identity& identity, const Field& field, const std::string& bytes) {
     identity.header.replace(field.offset, field.size, whole);
 }
 
+std::string OldestRevision(const Layout& layout) {
+    return std::string(layout.revision.size, '\1');
+}
+
 bool IsFreeSlot(const std::string& slot) {
     return slot[0] == '\0' || slot == std::string(slot.size(), '\xFF');
 }

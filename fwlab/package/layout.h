@@ -41,6 +41,9 @@ std::string NameOf(const Identity& identity);     // the product name
 std::string RevisionOf(const Identity& identity); // the one to install, or the running one
 void Set(Identity& identity, const Field& field, const std::string& bytes); // filled up with zeros
 
+// A revision before all printable ones.
+std::string OldestRevision(const Layout& layout);
+
 // Whether a slot for a base revision admits no device, as it is left free.
 bool IsFreeSlot(const std::string& slot);
 

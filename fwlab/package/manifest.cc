@@ -19,16 +19,10 @@ std::string ReadImage(const std::string& path) {
     const std::string title = "image " + path;
     std::string image;
     std::error_code error;
-    if (path.find('\0') != std::string::npos) {
-        throw Stop{2, "image has a zero byte in its name"};
-    }
+    Require(path.find('\0') == std::string::npos, 2, "image has a zero byte in its name");
     const size_t size = std::filesystem::file_size(path, error); // of a regular file only
-    if (error) {
-        throw Stop{2, title + ": " + error.message()};
-    }
-    if (size > PACKAGE_SIZE_MAX) {
-        throw Stop{1, title + ": 2 GiB or larger"};
-    }
+    Require(!error, 2, title + ": " + error.message());
+    Require(size <= PACKAGE_SIZE_MAX, 1, title + ": 2 GiB or larger");
     if (!ReadWholeFile(path, image)) {
         throw FailureAt(title, errno);
     }
@@ -64,10 +58,21 @@ ManifestEntry ReadEntry(Keys keys, const Layout& layout, const std::filesystem::
     FinishTable(keys);
     const std::string image = ReadImage(imageFile);
     const std::string digest = Sha256(image);
-    if (!wanted.empty() && wanted != digest) {
-        throw Stop{1, fmt::format("image {}: its sha256 is {}, not {}", imageFile, digest, wanted)};
-    }
+    Require(wanted.empty() || wanted == digest, 1,
+            fmt::format("image {}: its sha256 is {}, not {}", imageFile, digest, wanted));
     return {identity, image, imageFile};
+}
+
+std::vector<ManifestEntry> ReadManifest(const std::string& path) {
+    std::vector<ManifestEntry> entries;
+    ReadToml(path, [&](Keys keys) {
+        const Layout& layout = TakeChoice(keys, "technology", "emmc", "ufs") ? EMMC : UFS;
+        TakeTables(keys, "entry", "[[entry]] tables", [&](Keys entry) {
+            const auto folder = std::filesystem::path(path).parent_path();
+            entries.push_back(ReadEntry(entry, layout, folder));
+        });
+    });
+    return entries;
 }
 
 } // namespace
@@ -91,14 +96,23 @@ std::string ManifestText(const Layout& layout, const std::vector<ManifestEntry>&
     return text;
 }
 
-std::vector<ManifestEntry> ReadManifest(const std::string& path) {
-    std::vector<ManifestEntry> entries;
-    ReadToml(path, [&](Keys keys) {
-        const Layout& layout = TakeChoice(keys, "technology", "emmc", "ufs") ? EMMC : UFS;
-        TakeTables(keys, "entry", "[[entry]] tables", [&](Keys entry) {
-            const auto folder = std::filesystem::path(path).parent_path();
-            entries.push_back(ReadEntry(entry, layout, folder));
-        });
-    });
-    return entries;
+Built BuildPackage(const std::string& manifestFile) {
+    const auto bytes = std::make_shared<std::string>();
+    Built built = {{}, {manifestFile}};
+    const Layout* layout = nullptr;
+    for (ManifestEntry& entry : ReadManifest(manifestFile)) {
+        built.inputs.push_back(entry.imageFile);
+        layout = entry.identity.layout;
+        std::string size;
+        for (const int shift : {24, 16, 8, 0}) {
+            size += static_cast<char>(entry.image.size() >> shift);
+        }
+        Set(entry.identity, layout->bodySize, size);
+        *bytes += entry.identity.header + entry.image;
+        Require(bytes->size() <= PACKAGE_SIZE_MAX, 1,
+                manifestFile + ": the package is 2 GiB or larger: phones refuse it");
+    }
+    const PackageBytes owned(bytes, reinterpret_cast<const uint8_t*>(bytes->data()));
+    built.package = LookInto(manifestFile, owned, bytes->size(), *layout);
+    return built;
 }

@@ -19,20 +19,11 @@ namespace {
 // No package has more entries: a file with more is something else.
 constexpr size_t ENTRIES_MAX = 1024;
 
-using Find = size_t (*)(const uint8_t* package, size_t size, size_t from);
-Find FindIn(const Layout& layout) {
-    return &layout == &UFS ? FindUfsEntry : FindEmmcEntry;
-}
-
-// How many bytes the layout's entries cover. Those whose body does not fit cover none.
-size_t Covered(const Layout& layout, const uint8_t* bytes, size_t size) {
-    const Find find = FindIn(layout);
+// How many bytes its own entries have.
+size_t Covered(const Package& package) {
     size_t covered = 0;
-    for (size_t p = find(bytes, size, 0), next = 0; p < size; p = find(bytes, size, next)) {
-        const uint32_t bodySize = ReadBigEndian32(bytes + p + layout.bodySize.offset);
-        const bool fits = BodyFits(size, p, layout.headerSize, bodySize);
-        covered += fits ? layout.headerSize + bodySize : 0;
-        next = p + (fits ? layout.headerSize + bodySize : 1);
+    for (const Entry* entry : OwnEntries(package)) {
+        covered += package.layout->headerSize + entry->bodySize;
     }
     return covered;
 }
@@ -55,37 +46,29 @@ PackageBytes Map(const std::string& path, size_t size) {
 Package OpenPackage(const std::string& path, const Layout* layout) {
     std::error_code error;
     const size_t size = std::filesystem::file_size(path, error); // of a regular file only
-    if (error) {
-        throw Stop{2, path + ": " + error.message()};
-    }
-    if (size > PACKAGE_SIZE_MAX) {
-        throw Stop{2, path + ": is 2 GiB or larger: phones refuse it"};
-    }
+    Require(!error, 2, path + ": " + error.message());
+    Require(size <= PACKAGE_SIZE_MAX, 2, path + ": is 2 GiB or larger: phones refuse it");
     const PackageBytes bytes = Map(path, size);
-    const uint8_t* first = bytes.get();
-    const size_t ufs = Covered(UFS, first, size), emmc = Covered(EMMC, first, size);
-    if (size > 0 && ufs == 0 && emmc == 0) {
-        const bool hasNone =
-            FindUfsEntry(first, size, 0) == size && FindEmmcEntry(first, size, 0) == size;
-        throw Stop{2, path + ": is no firmware package: " +
-                          (hasNone ? "it has no entry"
-                                   : "no entry in it is whole (perhaps it is cut short)")};
-    }
-    return LookInto(path, bytes, size, layout != nullptr ? *layout : ufs > emmc ? UFS : EMMC);
+    const Package ufs = LookInto(path, bytes, size, UFS), emmc = LookInto(path, bytes, size, EMMC);
+    const std::string isNone = path + ": is no firmware package: ";
+    Require(size == 0 || !ufs.entries.empty() || !emmc.entries.empty(), 2,
+            isNone + "it has no entry");
+    Require(size == 0 || Covered(ufs) + Covered(emmc) > 0, 2,
+            isNone + "no entry in it is whole (perhaps it is cut short)");
+    const bool isUfs = layout != nullptr ? layout == &UFS : Covered(ufs) > Covered(emmc);
+    return isUfs ? ufs : emmc;
 }
 
 Package LookInto(const std::string& path, const PackageBytes& bytes, size_t size,
                  const Layout& layout) {
     Package package = {path, &layout, bytes, size, {}};
     const uint8_t* first = bytes.get();
-    const Find find = FindIn(layout);
+    const auto find = &layout == &UFS ? FindUfsEntry : FindEmmcEntry;
     size_t own = 0, ownEnd = 0; // the last own entry
     for (size_t p = find(first, size, 0); p < size; p = find(first, size, p + 1)) {
         const size_t number = package.entries.size() + 1, body = p + layout.headerSize;
-        if (number > ENTRIES_MAX) {
-            throw Stop{2, fmt::format("{}: more than {} entries, which fwlab does not look into",
-                                      path, ENTRIES_MAX)};
-        }
+        Require(number <= ENTRIES_MAX, 2,
+                fmt::format("{}: more than {} entries", path, ENTRIES_MAX));
         const uint32_t bodySize = ReadBigEndian32(first + p + layout.bodySize.offset);
         const bool fits = BodyFits(size, p, layout.headerSize, bodySize);
         const size_t outer = p < ownEnd ? own : 0;
@@ -139,7 +122,7 @@ std::string Title(const Entry& entry) {
     return fmt::format("entry {} at {:#x}", entry.number, entry.offset);
 }
 
-nlohmann::ordered_json Describe(const Package& package, const Entry& entry) {
+Json ReportOf(const Package& package, const Entry& entry) {
     const Layout& layout = *package.layout;
     Json shown = {{"number", entry.number}, {"offset", entry.offset}};
     for (const Field* field : FieldsOf(layout)) {

@@ -55,4 +55,4 @@ std::string Title(const Entry& entry); // "entry 2 at 0x1040"
 
 // Its number, places and fields by their keys, and the digest of its body if it is an own entry.
 // Without fields that phones do not compare where they are zero. Texts are printable.
-nlohmann::ordered_json Describe(const Package& package, const Entry& entry);
+nlohmann::ordered_json ReportOf(const Package& package, const Entry& entry);

@@ -21,6 +21,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fmt/format.h>
+#include <strings.h>
 
 namespace {
 
@@ -101,12 +102,6 @@ std::string Trimmed(std::string name) {
     return name;
 }
 
-std::string InCapitals(std::string name) {
-    std::transform(name.begin(), name.end(), name.begin(),
-                   [](unsigned char c) { return static_cast<char>(toupper(c)); });
-    return name;
-}
-
 // Why the pre-check finds no entry.
 Reason WhyNoEntry(const Package& package, const Identity& device) {
     const Field& field = device.layout->name;
@@ -116,7 +111,7 @@ Reason WhyNoEntry(const Package& package, const Identity& device) {
         if (other == name) {
             return {Reason::BODY_BEYOND, &entry};
         }
-        if (InCapitals(Trimmed(other)) == InCapitals(Trimmed(name))) {
+        if (strcasecmp(Trimmed(other).c_str(), Trimmed(name).c_str()) == 0) {
             return {Reason::SIMILAR_NAME, &entry};
         }
     }
@@ -144,7 +139,47 @@ Step PreCheck(const Package& package, const Identity& device, PackageRevs& revs)
     return step;
 }
 
-// Why the update finds no entry, though this one has the product name.
+// The entry that the update selects, null for none, and why the device does not get all of it.
+struct Selection {
+    const Entry* entry;
+    Reason::Kind kind;
+};
+
+Selection SelectEmmc(const Package& package, const Device& device) {
+    const auto header = HeaderOf<EmmcFwHeader>(device.identity);
+    const uint8_t *bytes = package.bytes.get(), *body = nullptr;
+    uint32_t size = 0;
+    const int status =
+        EmmcFwhdrCheck(header, bytes, static_cast<int32_t>(package.size), body, size);
+    if (body == nullptr) {
+        return {};
+    }
+    return {EntryAt(package, static_cast<size_t>(body - bytes) - sizeof(header)),
+            status != 0                             ? Reason::RUNS_ALREADY
+            : !IsEmmc50OrLater(header.emmcRev)      ? Reason::OLD_EMMC
+            : !device.gki && !FitsOneDownload(size) ? Reason::LARGE_EMMC_BODY
+            : size == 0                             ? Reason::EMPTY_BODY
+                                                    : Reason::NONE};
+}
+
+Selection SelectUfs(const Package& package, const Device& device) {
+    const UfsFwHeader header = UfsDevice(device.identity);
+    UfsSelection selection = {};
+    if (SelectUfsFw(header, package.bytes.get(), static_cast<int32_t>(package.size), selection) !=
+        0) {
+        return {};
+    }
+    const uint32_t size = selection.ufsCurrentFwSize;
+    const bool isRefused = device.maxHwSectorsKb > 0 && size > device.maxHwSectorsKb * 1024;
+    return {EntryAt(package, selection.ufsCurrentFwOffset - sizeof(header)),
+            selection.verdict != 0 ? Reason::NOT_NEWER
+            : isRefused            ? Reason::HOST_LIMIT
+            : size > TRANSFER_SIZE ? Reason::LARGE_UFS_BODY
+            : size == 0            ? Reason::EMPTY_BODY
+                                   : Reason::NONE};
+}
+
+// Why the update selects no entry, though this one has the product name.
 Reason WhyNotSelected(const Entry& entry, const Identity& device) {
     for (const Field* field : {&device.layout->manufacturer, &device.layout->extCsdRev}) {
         if (Get(device, *field) != Get(entry.identity, *field)) {
@@ -155,48 +190,16 @@ Reason WhyNotSelected(const Entry& entry, const Identity& device) {
 }
 
 // seen is the pre-check's entry.
-Step UpdateEmmc(const Package& package, const Device& device, const Entry& seen) {
-    const auto header = HeaderOf<EmmcFwHeader>(device.identity);
-    const uint8_t* body = nullptr;
-    uint32_t bodySize = 0;
-    const int status = EmmcFwhdrCheck(header, package.bytes.get(),
-                                      static_cast<int32_t>(package.size), body, bodySize);
-    Step step = {"update", false, nullptr, {}, TakePhoneMessages()};
-    if (body == nullptr) {
-        step.reason = WhyNotSelected(seen, device.identity);
-        return step;
-    }
-    step.entry = EntryAt(package, static_cast<size_t>(body - package.bytes.get()) - sizeof(header));
-    const bool isTooLarge = !device.gki && !FitsOneDownload(bodySize);
-    step.reason.kind = status != 0                        ? Reason::RUNS_ALREADY
-                       : !IsEmmc50OrLater(header.emmcRev) ? Reason::OLD_EMMC
-                       : isTooLarge                       ? Reason::LARGE_EMMC_BODY
-                       : bodySize == 0                    ? Reason::EMPTY_BODY
-                                                          : Reason::NONE;
-    step.goesOn = step.reason.kind == Reason::NONE;
-    return step;
-}
-
-Step UpdateUfs(const Package& package, const Device& device, const Entry& seen) {
-    const UfsFwHeader header = UfsDevice(device.identity);
-    UfsSelection selection = {};
-    const int status =
-        SelectUfsFw(header, package.bytes.get(), static_cast<int32_t>(package.size), selection);
-    Step step = {"update", false, nullptr, {}, TakePhoneMessages()};
-    if (status != 0) {
-        step.reason = WhyNotSelected(seen, device.identity);
-        return step;
-    }
-    step.entry = EntryAt(package, selection.ufsCurrentFwOffset - sizeof(header));
-    const uint32_t size = selection.ufsCurrentFwSize;
-    const bool isRefused = device.maxHwSectorsKb > 0 && size > device.maxHwSectorsKb * 1024;
-    step.reason.kind = selection.verdict != 0 ? Reason::NOT_NEWER
-                       : isRefused            ? Reason::HOST_LIMIT
-                       : size > TRANSFER_SIZE ? Reason::LARGE_UFS_BODY
-                       : size == 0            ? Reason::EMPTY_BODY
-                                              : Reason::NONE;
+Step Update(const Package& package, const Device& device, const Entry& seen) {
+    (void)TakePhoneMessages();
+    const bool isUfs = device.identity.layout == &UFS;
+    const auto [entry, kind] = (isUfs ? SelectUfs : SelectEmmc)(package, device);
+    Step step = {
+        "update", entry != nullptr && kind == Reason::NONE, entry, {kind}, TakePhoneMessages()};
     step.reason.limit = device.maxHwSectorsKb;
-    step.goesOn = step.reason.kind == Reason::NONE;
+    if (entry == nullptr) {
+        step.reason = WhyNotSelected(seen, device.identity);
+    }
     return step;
 }
 
@@ -219,39 +222,32 @@ bool IsFor(const Entry& entry, const Identity& device) {
 std::string WhyNotSent(const Package& package, const Entry& entry, const Device& device) {
     const std::string own = RevisionOf(entry.identity);
     const Decision decision = Decide(package, device);
-    const Entry* seen = decision.PreCheck();
+    const Entry *seen = decision.PreCheck(), *sent = decision.sent;
     if (seen == nullptr) {
         return WhyOf(decision);
     }
     if (RevisionOf(seen->identity) != own) {
-        return fmt::format("{} comes first and has the same product name, so the phone looks at "
-                           "its revision only: "
-                           "put them into separate packages",
-                           Title(*seen));
+        return Title(*seen) + " comes first and has the same product name, so the phone looks at "
+                              "its revision only: put them into separate packages";
     }
     if (!decision.steps.front().goesOn) {
         return fmt::format("the pre-check selects {}: {}", Title(*seen), WhyOf(decision));
     }
-    const Entry* sent = decision.sent;
-    const bool isRenamed = UpdateName(device.identity) != NameOf(device.identity);
-    const bool isRight =
-        sent == nullptr || sent == &entry || (isRenamed && RevisionOf(sent->identity) == own);
-    if (!isRight) {
-        if (NameOf(sent->identity) == NameOf(entry.identity)) {
-            return fmt::format("{} comes first and is for the same devices", Title(*sent));
-        }
-        return isRenamed
-                   ? fmt::format(
-                         "the update selects {}: it uses the product name {} for the device",
-                         Title(*sent), Quoted(Trimmed(UpdateName(device.identity))))
-                   : fmt::format("the update selects {}: a blank in one product name matches any "
-                                 "character in the other, so put the two entries into separate "
-                                 "packages",
-                                 Title(*sent));
+    const std::string used = UpdateName(device.identity);
+    const bool isRenamed = used != NameOf(device.identity);
+    if (sent == nullptr || sent == &entry || (isRenamed && RevisionOf(sent->identity) == own)) {
+        return decision.verdict == Verdict::UPDATED
+                   ? ""
+                   : "a phone would use up its attempt: " + WhyOf(decision);
     }
-    return decision.verdict == Verdict::UPDATED
-               ? ""
-               : "a phone would use up its attempt: " + WhyOf(decision);
+    if (NameOf(sent->identity) == NameOf(entry.identity)) {
+        return Title(*sent) + " comes first and is for the same devices";
+    }
+    return fmt::format("the update selects {}: {}", Title(*sent),
+                       isRenamed
+                           ? "it uses the product name " + Quoted(Trimmed(used)) + " for the device"
+                           : "a blank in one product name matches any character in the "
+                             "other, so put the two entries into separate packages");
 }
 
 Step CheckRecord(const Record& record, const std::string& target) {
@@ -260,6 +256,14 @@ Step CheckRecord(const Record& record, const std::string& target) {
     reason.to = record.target;
     const bool goesOn = record.isReadable && !IsOnRecord(record, target);
     return {"record", goesOn, nullptr, reason, record.messages};
+}
+
+// Of a phone whose run ends before the update.
+Verdict VerdictOf(Reason::Kind kind) {
+    return kind == Reason::NO_BASE             ? Verdict::REFUSED
+           : kind == Reason::LAST_ATTEMPT      ? Verdict::ALREADY_ATTEMPTED
+           : kind == Reason::UNREADABLE_RECORD ? Verdict::RECORD_UNREADABLE
+                                               : Verdict::NOTHING_TO_DO;
 }
 
 // Sets the verdict of a decision whose steps were all taken.
@@ -328,31 +332,25 @@ std::string WhyOf(const Decision& decision) {
 Decision Decide(const Package& package, const Device& device, const Record* record) {
     PackageRevs revs = {};
     Decision decision = DecideWithoutPackage(device);
-    const auto takeStep = [&](const Step& step) {
-        decision.steps.push_back(step);
-        return step.goesOn;
-    };
-    const auto end = [&](Verdict verdict) {
-        decision.verdict = verdict;
-        decision.reason = decision.steps.back().reason;
+    std::vector<Step>& steps = decision.steps;
+    steps.push_back(PreCheck(package, device.identity, revs));
+    if (steps.back().goesOn && record != nullptr) {
+        steps.push_back(CheckRecord(*record, revs.fwFileRev));
+    }
+    if (!steps.back().goesOn) {
+        decision.reason = steps.back().reason;
+        decision.verdict = VerdictOf(decision.reason.kind);
         return decision;
-    };
-    if (!takeStep(PreCheck(package, device.identity, revs))) {
-        const bool isRefused = decision.steps.back().reason.kind == Reason::NO_BASE;
-        return end(isRefused ? Verdict::REFUSED : Verdict::NOTHING_TO_DO);
     }
-    if (record != nullptr && !takeStep(CheckRecord(*record, revs.fwFileRev))) {
-        return end(record->isReadable ? Verdict::ALREADY_ATTEMPTED : Verdict::RECORD_UNREADABLE);
-    }
-    const bool isUfs = device.identity.layout == &UFS;
-    (void)TakePhoneMessages();
     decision.recorded = revs.fwFileRev;
-    const Step update = (isUfs ? UpdateUfs : UpdateEmmc)(package, device, *decision.PreCheck());
-    if (takeStep(update) || update.reason.kind == Reason::LARGE_UFS_BODY) {
+    const Step update = Update(package, device, *decision.PreCheck());
+    if (update.goesOn || update.reason.kind == Reason::LARGE_UFS_BODY) {
+        const bool isUfs = device.identity.layout == &UFS;
         decision.sent = update.entry;
         decision.sentSize =
             std::min<size_t>(update.entry->bodySize, isUfs ? TRANSFER_SIZE : PACKAGE_SIZE_MAX);
     }
+    steps.push_back(update);
     JudgeUpdate(package, decision);
     (void)TakePhoneMessages();
     return decision;
@@ -362,13 +360,18 @@ Decision DecideWithoutPackage(const Device& device) {
     return {Verdict::NOTHING_TO_DO, device.identity, {Reason::NO_PACKAGE}, {}, {}, nullptr, 0};
 }
 
+std::string_view SentBody(const Package& package, const Decision& decision) {
+    return decision.sent == nullptr ? std::string_view()
+                                    : BodyOf(package, *decision.sent).substr(0, decision.sentSize);
+}
+
 bool IsSent(const Package& package, const Decision& decision, const std::string& taken) {
     const size_t size = decision.sentSize;
     const bool isEmmc = decision.device.layout == &EMMC; // a request carries whole blocks
     const size_t padded = size_t{DownloadBlocks(static_cast<uint32_t>(size))} * MMC_BLOCK_SIZE;
     return decision.sent != nullptr && !taken.empty() &&
            (taken.size() == size || (isEmmc && taken.size() == padded)) &&
-           BodyOf(package, *decision.sent).substr(0, size) == taken.substr(0, size);
+           SentBody(package, decision) == std::string_view(taken).substr(0, size);
 }
 
 Verdict Judge(const Package& package, const Decision& decision, const std::string& taken,
@@ -388,7 +391,7 @@ Verdict Judge(const Package& package, const Decision& decision, const std::strin
     return isSent && decision.verdict != Verdict::USED_UP ? Verdict::UPDATED : Verdict::USED_UP;
 }
 
-nlohmann::ordered_json Describe(const Decision& decision) {
+Json ReportOf(const Decision& decision) {
     Json steps = Json::array();
     for (const Step& step : decision.steps) {
         steps.push_back({{"step", step.name},
@@ -431,18 +434,15 @@ Texts FindingsOf(const Package& package, const Entry& entry) {
     if (!findings.empty()) {
         return findings;
     }
-    // From any: try a revision that sorts before all printable ones, and the one just before the
-    // entry's own.
-    const bool isTaken = revision == std::string(revision.size(), '\1');
-    Texts any = {std::string(revision.size(), isTaken ? '\2' : '\1')};
-    if (&layout == &UFS && revision.back() != '\0') {
+    Texts any = {OldestRevision(layout)};
+    if (&layout == &UFS && revision.back() != '\0') { // and the one just before the entry's own
         any.push_back(revision);
         any.back().back() = static_cast<char>(revision.back() - 1);
     }
     for (const std::string& from : base.value_or(any)) {
         Device device = {entry.identity, true, 0};
         Set(device.identity, layout.revision, from);
-        const std::string why = WhyNotSent(package, entry, device);
+        const std::string why = base || from != revision ? WhyNotSent(package, entry, device) : "";
         add(!why.empty() && findings.empty(), (base ? "from " + Quoted(from) + ": " : "") + why);
     }
     return findings;
@@ -456,10 +456,9 @@ void RequireFlawless(const Built& built, bool withLargeEmmc) {
         if (NeedsGkiMode(*entry) && !withLargeEmmc) {
             findings = NotesOf(*entry);
         }
-        if (!findings.empty()) {
-            throw Stop{1, fmt::format("{}: entry {} (in the package {}): {}", built.package.path,
-                                      number, Title(*entry), findings[0])};
-        }
+        Require(findings.empty(), 1,
+                fmt::format("{}: entry {} (in the package {}): {}", built.package.path, number,
+                            Title(*entry), fmt::join(findings, "; ")));
     }
 }
 
@@ -467,7 +466,7 @@ bool NeedsGkiMode(const Entry& entry) {
     return entry.identity.layout == &EMMC && !FitsOneDownload(entry.bodySize);
 }
 
-Texts NotesOf(const Entry& entry) {
+Texts NotesOf(const Entry& entry, bool forAnyPhone) {
     Texts notes;
     const Layout& layout = *entry.identity.layout;
     const std::string revision = RevisionOf(entry.identity),
@@ -486,12 +485,7 @@ Texts NotesOf(const Entry& entry) {
             "the revision has bytes behind a zero byte: the phone compares and records " +
             Quoted(text) + " only");
     }
-    return notes;
-}
-
-Texts NotesForAnyPhone(const Entry& entry) {
-    Texts notes = NotesOf(entry);
-    if (entry.identity.layout == &UFS && !BaseRevisionsOf(entry.identity)) {
+    if (forAnyPhone && &layout == &UFS && !BaseRevisionsOf(entry.identity)) {
         notes.emplace_back(
             "it applies to any revision: a phone that runs a newer one uses up its attempt, as the "
             "update refuses an older revision; list base_revisions to exclude such phones");

@@ -2,7 +2,7 @@
 // routines decide it. Every command that says what a phone does calls this.
 #pragma once
 
-#include "fwlab/package/build.h"
+#include "fwlab/package/manifest.h"
 #include "fwlab/phone/device.h"
 #include "fwlab/phone/record.h"
 #include "fwlab/phone/verdict.h"
@@ -70,12 +70,12 @@ struct Decision {
     Verdict verdict;
     Identity device;
     Reason reason;           // for the verdict
-    std::vector<Step> steps; // in order, as far as the phone gets; the pre-check at least
+    std::vector<Step> steps; // in order, as far as the phone gets; none without a package
     std::optional<std::string> recorded; // the revision that goes on record, as text
     const Entry* sent;                   // the entry whose body the device gets; null for none
     size_t sentSize;                     // bytes of that body
-    const Entry* PreCheck() const {
-        return steps.front().entry;
+    const Entry* PreCheck() const {      // the one that it selects; null for none
+        return steps.empty() ? nullptr : steps.front().entry;
     }
 };
 std::string WhyOf(const Decision& decision); // the sentence of its reason
@@ -99,12 +99,15 @@ Decision DecideWithoutPackage(const Device& device);
 Verdict Judge(const Package& package, const Decision& decision, const std::string& taken,
               const StateDirectory& before, const StateDirectory& after);
 
+// As much of the body as the device gets; empty if it gets none.
+std::string_view SentBody(const Package& package, const Decision& decision);
+
 // Whether `taken` is, to its last byte, what the decision says that the device gets.
 bool IsSent(const Package& package, const Decision& decision, const std::string& taken);
 
 // "answer" (see WordOf), "why", the entries by their numbers (null for none), the revision that
 // goes on record, the number of bytes that the device gets, and the steps.
-nlohmann::ordered_json Describe(const Decision& decision);
+nlohmann::ordered_json ReportOf(const Decision& decision);
 
 // What is wrong with the entry. A device that it describes must get exactly its body, from each of
 // its base revisions. A device that the update knows under another name may get the entry with that
@@ -114,7 +117,7 @@ Texts FindingsOf(const Package& package, const Entry& entry);
 // Stop with 1 if an entry has a finding, or needs GKI mode where that is not said.
 void RequireFlawless(const Built& built, bool withLargeEmmc);
 
-// Hints for the user, such as what some phones do not accept.
-Texts NotesOf(const Entry& entry);
-Texts NotesForAnyPhone(const Entry& entry); // and what depends on the running revision
+// Hints for the user, such as what some phones do not accept; forAnyPhone: and what depends on the
+// running revision.
+Texts NotesOf(const Entry& entry, bool forAnyPhone = false);
 bool NeedsGkiMode(const Entry& entry);

@@ -7,9 +7,8 @@
 #include <fmt/format.h>
 
 Device DeviceOf(const Description& phone) {
-    if (phone.ufs && phone.revision.size() + 1 < UFS_REV_SIZE) {
-        throw Stop{1, "revision has fewer than 3 bytes: the run on the phone would stop"};
-    }
+    Require(!phone.ufs || phone.revision.size() + 1 >= UFS_REV_SIZE, 1,
+            "revision has fewer than 3 bytes: the run on the phone would stop");
     const Layout& layout = phone.ufs ? UFS : EMMC;
     const std::string mid(1, static_cast<char>(phone.cid[0]));
     Identity identity = NewIdentity(layout);
@@ -38,8 +37,6 @@ std::string Title(const Description& phone) {
 Description ReadPhone(const std::string& descriptionFile, const Texts& settings) {
     Description phone;
     std::string error;
-    if (!ReadDescription(descriptionFile, settings, phone, error)) {
-        throw Stop{2, error};
-    }
+    Require(ReadDescription(descriptionFile, settings, phone, error), 2, error);
     return phone;
 }

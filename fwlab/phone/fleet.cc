@@ -5,33 +5,25 @@
 #include "fwlab/base/toml.h"
 #include "fwlab/package/fields.h"
 
-#include <algorithm>
 #include <climits>
 #include <filesystem>
+#include <set>
+#include <tuple>
 
 namespace {
 
 // What runs on devices of this identity.
 std::vector<Running> TakeRunning(Keys keys, Identity identity) {
     std::vector<Running> running;
+    std::set<std::string> seen;
     const char wanted[] = "a list of tables such as { revision = \"0800\", phones = 9 }";
     TakeTables(keys, "running", wanted, [&](Keys inner) {
         TakeField(inner, identity.layout->revision, identity);
-        const std::string revision = RevisionOf(identity);
-        const uint32_t phones = TakeNumber(inner, "phones", UINT32_MAX);
-        Demand(inner, phones > 0, "phones is 0");
-        Demand(inner,
-               std::none_of(running.begin(), running.end(),
-                            [&](const Running& other) { return other.revision == revision; }),
-               "the revision is there twice");
-        running.push_back({revision, phones});
+        running.push_back({RevisionOf(identity), TakeNumber(inner, "phones", UINT32_MAX)});
+        Demand(inner, running.back().phones > 0, "phones is 0");
+        Demand(inner, seen.insert(running.back().revision).second, "the revision is there twice");
     });
     return running;
-}
-
-bool IsSame(const Device& one, const Device& other) { // their magic tells the technology
-    return one.identity.header == other.identity.header && one.gki == other.gki &&
-           one.maxHwSectorsKb == other.maxHwSectorsKb;
 }
 
 // The device of a description, or of the keys of the model itself.
@@ -59,15 +51,16 @@ Device TakeDevice(Keys keys, const std::filesystem::path& folder) {
 
 std::vector<Model> ReadFleet(const std::string& path) {
     std::vector<Model> fleet;
+    std::set<std::tuple<std::string, bool, uint32_t>> seen;
     const auto folder = std::filesystem::path(path).parent_path();
     try {
         ReadToml(path, [&](Keys keys) {
             TakeTables(keys, "model", "[[model]] tables", [&](Keys model) {
                 const Device device = TakeDevice(model, folder);
+                // The magic in the header tells the technology.
                 Demand(
                     model,
-                    std::none_of(fleet.begin(), fleet.end(),
-                                 [&](const Model& other) { return IsSame(other.device, device); }),
+                    seen.emplace(device.identity.header, device.gki, device.maxHwSectorsKb).second,
                     "the model is there twice");
                 fleet.push_back({device, TakeRunning(model, device.identity)});
             });

@@ -6,7 +6,6 @@
 #include "run/result_record.h"
 #include "simphone/files.h"
 
-#include <cerrno>
 #include <cstring>
 #include <filesystem>
 
@@ -54,9 +53,7 @@ Record ParseRecord(const std::string& content) {
     const std::unique_ptr<FILE, int (*)(FILE*)> file(
         bytes.empty() ? fopen("/dev/null", "re") : fmemopen(bytes.data(), bytes.size(), "r"),
         fclose);
-    if (file == nullptr) {
-        throw Stop{2, "no memory to read a record"};
-    }
+    Require(file != nullptr, 2, "no memory to read a record");
     LastAttempt last = {};
     ReadLastLine(file.get(), line);
     const bool isReadable = ParseAttempt(line.data(), last) == 0;
@@ -77,15 +74,8 @@ Record ParseRecord(const std::string& content) {
 }
 
 Record ReadRecord(const std::string& path) {
-    std::error_code error;
-    if (!std::filesystem::is_regular_file(path, error)) {
-        throw Stop{2, path + ": " + (error ? error.message() : "is no regular file")};
-    }
-    std::string content;
-    if (!ReadWholeFile(path, content)) {
-        throw FailureAt(path, errno);
-    }
-    return ParseRecord(content);
+    Require(std::filesystem::is_regular_file(path), 2, path + ": is no regular file");
+    return ParseRecord(WholeFile(path));
 }
 
 bool IsOnRecord(const Record& record, const std::string& revision) {

@@ -13,7 +13,7 @@ struct Record {
 };
 // content may be the end of a long record, from the beginning of a line on.
 Record ParseRecord(const std::string& content);
-Record ReadRecord(const std::string& path); // of a regular file; Stop if it cannot be read
+Record ReadRecord(const std::string& path); // Stop or std::system_error if it cannot be read
 
 // Whether the phone finds that the last attempt on record was for this revision.
 bool IsOnRecord(const Record& record, const std::string& revision);

@@ -5,6 +5,7 @@
 #include "fwlab/base/stop.h"
 #include "run/result_record.h"
 #include "run/state_flags.h"
+#include "simphone/files.h"
 #include "simphone/text.h"
 #include "ufs/ufs_selection.h"
 
@@ -15,10 +16,10 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fmt/format.h>
+#include <map>
 #include <optional>
 #include <set>
 #include <sys/stat.h>
-#include <tuple>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
@@ -29,63 +30,57 @@ constexpr size_t TAIL_SIZE = 65536; // of a file, as much as is looked at: hundr
 constexpr int DEPTH_MAX = 6;        // REGION/DAY/SERIAL/data/vendor/fw
 
 struct StateFile {
-    const char* name;
     bool isThere, isRegular;
     std::string content; // its end
-};
-
-struct StateFiles {
-    StateFile begin, end, ok, fail, record, body;
 };
 
 const char* FileName(const char* phonePath) {
     return strrchr(phonePath, '/') + 1;
 }
 
+// What runs leave in their state directory.
+const Texts NAMES = {FileName(BEGIN_FLAG), FileName(END_FLAG),    FileName(OK_FLAG),
+                     FileName(FAIL_FLAG),  FileName(RESULT_FILE), FileName(UfsFwBodyPath(1))};
+
+// From the begin of a line on.
 std::string ReadTail(const std::string& path, size_t size) {
     std::string tail(std::min(size, TAIL_SIZE), '\0');
     const int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
     const auto from = static_cast<off_t>(size - tail.size());
     const ssize_t count = fd < 0 ? -1 : pread(fd, tail.data(), tail.size(), from);
-    const int reason = errno;
+    const int reason = count < 0 ? errno : EIO; // or it has become shorter
     close(fd);
-    if (count < 0) {
+    if (count != static_cast<ssize_t>(tail.size())) {
         throw FailureAt(path, reason);
     }
-    if (static_cast<size_t>(count) != tail.size()) {
-        throw Stop{2, path + ": becomes shorter while it is read"};
-    }
-    if (size > TAIL_SIZE) { // from the begin of a line on
+    if (size > TAIL_SIZE) {
         tail.erase(0, tail.find('\n'));
         tail.erase(0, 1);
     }
     return tail;
 }
 
-StateFile Look(const fs::path& folder, const char* name, bool isRead) {
-    const std::string path = folder / name;
+StateFile Look(const std::string& path) {
     struct stat status = {};
     if (lstat(path.c_str(), &status) != 0) {
         if (errno != ENOENT) {
             throw FailureAt(path, errno);
         }
-        return {name, false, false, ""};
+        return {};
     }
     const bool isRegular = S_ISREG(status.st_mode);
-    return {name, true, isRegular,
-            isRead && isRegular ? ReadTail(path, static_cast<size_t>(status.st_size)) : ""};
+    return {true, isRegular, isRegular ? ReadTail(path, static_cast<size_t>(status.st_size)) : ""};
 }
 
-StateFiles ReadStateFiles(const std::string& directory) {
+std::map<std::string, StateFile> ReadStateFiles(const std::string& directory) {
     std::error_code error;
-    if (fs::directory_iterator(directory, error); error) {
-        throw Stop{2, directory + ": " + error.message()};
+    (void)fs::directory_iterator(directory, error);
+    Require(!error, 2, directory + ": " + error.message());
+    std::map<std::string, StateFile> files;
+    for (const std::string& name : NAMES) {
+        files[name] = Look(fs::path(directory) / name);
     }
-    const auto look = [&](const char* phonePath, bool isRead) {
-        return Look(directory, FileName(phonePath), isRead);
-    };
-    return {look(BEGIN_FLAG, false), look(END_FLAG, false),   look(OK_FLAG, true),
-            look(FAIL_FLAG, true),   look(RESULT_FILE, true), look(UfsFwBodyPath(1), false)};
+    return files;
 }
 
 // The seconds of a text that ctime made, without its line end; nothing for any other text. They are
@@ -141,28 +136,9 @@ OutcomeFlag WhoseIs(const std::string& flagTime, const Record& record) {
                                                                          : OutcomeFlag::UNTOLD;
 }
 
-LastRun LastRunOf(const StateFiles& files) {
-    return files.begin.isThere ? (files.end.isThere ? LastRun::BOTH_FLAGS : LastRun::STOPPED)
-                               : (files.end.isThere ? LastRun::REGULAR : LastRun::NO_FLAG);
-}
-
-OutcomeFlag FlagOf(const StateFiles& files, const StateReport& report) {
-    if (files.ok.isThere && files.fail.isThere) {
-        return OutcomeFlag::BOTH;
-    }
-    return files.ok.isThere || files.fail.isThere ? WhoseIs(report.flagTime, report.record)
-                                                  : OutcomeFlag::NONE;
-}
-
-// The name of the first of them that is there and not a regular file; empty for none.
-std::string Irregular(const StateFiles& files) {
-    for (const StateFile* file :
-         {&files.record, &files.begin, &files.end, &files.ok, &files.fail}) {
-        if (file->isThere && !file->isRegular) {
-            return file->name;
-        }
-    }
-    return "";
+LastRun LastRunOf(bool begins, bool ends) {
+    return begins ? (ends ? LastRun::BOTH_FLAGS : LastRun::STOPPED)
+                  : (ends ? LastRun::REGULAR : LastRun::NO_FLAG);
 }
 
 // Whether there is anything but folders.
@@ -176,15 +152,18 @@ bool HoldsFiles(const std::string& directory) {
     return error || entry != end;
 }
 
+// Whether there is anything of an attempt that is not on record.
+bool HasTraces(const StateReport& report) {
+    return report.flag != OutcomeFlag::NONE || report.hasBody;
+}
+
 Verdict JudgeWithoutRecord(const StateReport& report, const std::string& directory) {
     const LastRun lastRun = report.lastRun;
-    if (report.flag != OutcomeFlag::NONE || report.hasBody || lastRun == LastRun::BOTH_FLAGS) {
-        return Verdict::UNKNOWN;
-    }
-    return lastRun == LastRun::REGULAR   ? Verdict::NOTHING_TO_DO
-           : lastRun == LastRun::STOPPED ? Verdict::STOPPED
-           : HoldsFiles(directory)       ? Verdict::FOREIGN
-                                         : Verdict::NOT_PULLED;
+    return HasTraces(report) || lastRun == LastRun::BOTH_FLAGS ? Verdict::UNKNOWN
+           : lastRun == LastRun::REGULAR                       ? Verdict::NOTHING_TO_DO
+           : lastRun == LastRun::STOPPED                       ? Verdict::STOPPED
+           : HoldsFiles(directory)                             ? Verdict::FOREIGN
+                                                               : Verdict::NOT_PULLED;
 }
 
 Verdict JudgeAttempt(const StateReport& report) {
@@ -209,51 +188,21 @@ Verdict Judge(const StateReport& report, const std::string& directory) {
     return report.hasRecord ? JudgeAttempt(report) : JudgeWithoutRecord(report, directory);
 }
 
-std::string Words(LastRun lastRun) {
-    constexpr const char* WORDS[] = {
-        "the last run came to its regular end",
-        "the last run stopped before its regular end (or is under way): the power failed, or it "
-        "could not use the device's nodes, the package or the record",
-        "both run flags are there, as one could not be removed: how the last run ended cannot be "
-        "told",
-        "the last run could not create its begin flag or its end flag"};
-    return WORDS[static_cast<size_t>(lastRun)];
-}
+// In the order of the enumerators.
+constexpr const char* LAST_RUNS[] = {
+    "the last run came to its regular end",
+    "the last run stopped before its regular end (or is under way): the power failed, or it could "
+    "not use the device's nodes, the package or the record, or there is no storage device",
+    "both run flags are there, as one could not be removed: how the last run ended is unknown",
+    "the last run could not create its begin flag or its end flag"};
 
-std::string WhyWithoutRecord(const StateReport& report) {
-    const std::string lastRun = Words(report.lastRun);
-    switch (report.verdict) {
-    case Verdict::NOT_PULLED:
-        return "there is no file here: nothing was pulled from the phone";
-    case Verdict::FOREIGN:
-        return "no file of a run is here: this is no state directory, or the tool never ran there, "
-               "or it could not create its flags";
-    case Verdict::NOTHING_TO_DO:
-        return "no attempt is on record, and " + lastRun;
-    case Verdict::STOPPED:
-        return "no attempt is on record; " + lastRun + ", or there is no storage device";
-    default:
-        return report.flag != OutcomeFlag::NONE || report.hasBody
-                   ? "an attempt has left files, but no attempt is on record"
-                   : lastRun + "; no attempt is on record";
-    }
-}
-
-std::string WhyNoOutcome(const StateReport& report, const std::string& attempt,
-                         const std::string& flag) {
-    const char* courses = report.verdict == Verdict::INTERRUPTED
-                              ? ", and the begin flag is there: the power failed during its "
-                                "update, or the run is under way, or it could not leave ffu.fail, "
-                                "or it ended without a download and a later run stopped early"
-                              : ": nothing was downloaded (the update found nothing to do, or "
-                                "lacked memory, space or a node), or the power failed and a later "
-                                "run removed the traces, or the outcome could not be written";
-    return attempt + " has no outcome" + courses +
-           ". Whether the device was sent a firmware cannot be told from here: see the revision "
-           "that it runs after a restart" +
-           (flag.empty() ? ""
-                         : "; " + flag + " is older: of an earlier attempt, if the clock is right");
-}
+// How an attempt may have come to have no outcome.
+constexpr char INTERRUPTED[] =
+    ", and the begin flag is there: the power failed during its update, or the run is under way, "
+    "or it could not leave ffu.fail, or it ended without a download and a later run stopped early";
+constexpr char WITHOUT_OUTCOME[] =
+    ": nothing was downloaded (the update found nothing to do, or lacked memory, space or a node), "
+    "or the power failed and a later run removed the traces, or the outcome could not be written";
 
 std::string WhyAttempt(const StateReport& report) {
     const Record& record = report.record;
@@ -261,45 +210,49 @@ std::string WhyAttempt(const StateReport& report) {
         fmt::format("the last attempt, from {} to {} ({}),", Quoted(record.base),
                     Quoted(record.target), record.time.empty() ? "no time" : Escaped(record.time));
     const std::string flag =
-        fmt::format("{} (\"{}\")", report.isOk ? "ffu.ok" : "ffu.fail", Escaped(report.flagTime));
+        fmt::format("{} ({})", report.isOk ? "ffu.ok" : "ffu.fail", Quoted(report.flagTime));
+    const bool isUsual = !report.isOk && report.lastRun == LastRun::STOPPED; // for one that failed
     switch (report.flag) {
-    case OutcomeFlag::NONE:
-        return WhyNoOutcome(report, attempt, "");
-    case OutcomeFlag::EARLIER:
-        return WhyNoOutcome(report, attempt, flag);
+    case OutcomeFlag::LAST:
+        return attempt + (report.isOk ? " passed: " : " failed: ") + flag +
+               (isUsual ? "" : fmt::format("; {}", LAST_RUNS[static_cast<int>(report.lastRun)]));
     case OutcomeFlag::BOTH:
         return "both outcome flags are there: whether " + attempt + " passed cannot be told";
     case OutcomeFlag::UNTOLD:
-        return "the times contradict each other, are missing or fit an earlier attempt as well: "
-               "whether " +
-               flag + " is the outcome of " + attempt + " cannot be told";
-    default: // a run whose update fails leaves its begin flag
-        return attempt + (report.isOk ? " passed: " : " failed: ") + flag +
-               (!report.isOk && report.lastRun == LastRun::STOPPED ? ""
-                                                                   : "; " + Words(report.lastRun));
+        return fmt::format("the times contradict each other, are missing or fit an earlier attempt "
+                           "as well: whether {} is the outcome of {} cannot be told",
+                           flag, attempt);
+    default:
+        return fmt::format(
+            "{} has no outcome{}. Whether the device was sent a firmware cannot be "
+            "told from here: see the revision that it runs after a restart{}",
+            attempt, report.verdict == Verdict::INTERRUPTED ? INTERRUPTED : WITHOUT_OUTCOME,
+            report.flag == OutcomeFlag::EARLIER
+                ? fmt::format("; {} is of an earlier attempt, if the clock is right", flag)
+                : "");
     }
 }
 
-std::string WhyDamaged(const StateReport& report) {
+std::string WhyUnreadable(const Record& record) {
     return fmt::format(
         "fw_result cannot be read back: {}. Every later run that has an update to attempt stops "
         "there. Keep this directory. Restart the phone, so that no download is pending, and see "
-        "which revision it runs. Remove fw_result, ffu.ok and ffu.fail from it only if it runs the "
+        "which revision it runs. Remove fw_result, ffu.ok and ffu.fail only if it runs the "
         "package's revision, or if that may be attempted once more: without the record the next "
         "run attempts it.",
-        report.irregular.empty() ? fmt::format("{}", fmt::join(report.record.messages, "; "))
-                                 : "it is not a regular file");
+        record.messages.empty() ? "it is not a regular file"
+                                : fmt::format("{}", fmt::join(record.messages, "; ")));
 }
 
 std::string NextRun(const StateReport& report) {
-    if (!report.hasRecord) {
-        return ". The next run will attempt the update that its package has for the device, if "
-               "any.";
-    }
     const std::string target = Quoted(report.record.target);
-    return fmt::format(". The next run will not attempt {} again; it will attempt any other that "
-                       "its package has for the device, unless that revision is a prefix of {}.",
-                       target, target);
+    return report.hasRecord
+               ? fmt::format("The next run will not attempt {} again; it will attempt any other "
+                             "that its package has for the device, unless that revision is a "
+                             "prefix of {}.",
+                             target, target)
+               : "The next run will attempt the update that its package has for the device, if "
+                 "any.";
 }
 
 std::string Why(const StateReport& report) {
@@ -307,29 +260,32 @@ std::string Why(const StateReport& report) {
     case Verdict::UNREADABLE:
         return Escaped(report.failure);
     case Verdict::RECORD_UNREADABLE:
-        return WhyDamaged(report);
+        return WhyUnreadable(report.record);
     case Verdict::NOT_PULLED:
     case Verdict::FOREIGN:
-        return WhyWithoutRecord(report);
+        return SentenceOf(report.verdict);
     default:
-        return (!report.irregular.empty()
-                    ? report.irregular + " is not a regular file; runs leave only regular files"
-                : report.hasRecord ? WhyAttempt(report)
-                                   : WhyWithoutRecord(report)) +
-               NextRun(report);
+        break;
     }
+    const std::string why =
+        !report.irregular.empty()
+            ? report.irregular + " is not a regular file; runs leave only regular files"
+        : report.hasRecord  ? WhyAttempt(report)
+        : HasTraces(report) ? "an attempt has left files, but no attempt is on record"
+                            : fmt::format("no attempt is on record, and {}",
+                                          LAST_RUNS[static_cast<int>(report.lastRun)]);
+    return why + ". " + NextRun(report);
 }
 
 // Adds the state directories that are at directory or below it to found, in the order of their
 // names, and each folder that cannot be read. Returns whether there is any. Links are not followed.
 bool Search(const std::string& directory, int depth, Texts& found) {
-    const Texts& names = StateFileNames();
     Texts folders;
     bool isState = false;
     std::error_code error;
     for (fs::directory_iterator entry(directory, error), end; !error && entry != end;
          entry.increment(error)) {
-        isState |= std::count(names.begin(), names.end(), entry->path().filename()) > 0;
+        isState |= std::count(NAMES.begin(), NAMES.end(), entry->path().filename()) > 0;
         std::error_code gone;
         if (depth < DEPTH_MAX && entry->symlink_status(gone).type() == fs::file_type::directory) {
             folders.push_back(entry->path());
@@ -357,27 +313,39 @@ bool Search(const std::string& directory, int depth, Texts& found) {
 
 } // namespace
 
-const Texts& StateFileNames() {
-    static const Texts names = {FileName(BEGIN_FLAG),  FileName(END_FLAG),
-                                FileName(OK_FLAG),     FileName(FAIL_FLAG),
-                                FileName(RESULT_FILE), FileName(UfsFwBodyPath(1))};
-    return names;
+StateDirectory ReadPulledState(const std::string& directory) {
+    StateDirectory state = {true, {}};
+    for (const std::string& name : NAMES) {
+        const std::string path = fs::path(directory) / name;
+        const fs::file_status status = fs::symlink_status(path);
+        if (fs::exists(status)) {
+            Require(fs::is_regular_file(status), 2, path + ": is no regular file");
+            state.files[name] = WholeFile(path);
+        }
+    }
+    Require(!state.files.empty(), 2,
+            directory + ": has no file of a run: it is no state directory");
+    return state;
 }
 
 StateReport ReadState(const std::string& directory) {
     StateReport report = {};
     try {
-        const StateFiles files = ReadStateFiles(directory);
-        report.lastRun = LastRunOf(files);
-        report.isOk = files.ok.isThere;
-        report.flagTime = TimeIn(report.isOk ? files.ok : files.fail);
-        report.hasBody = files.body.isThere;
-        report.hasRecord = files.record.isThere;
-        report.irregular = Irregular(files);
-        if (files.record.isRegular) {
-            report.record = ParseRecord(files.record.content);
+        const auto files = ReadStateFiles(directory);
+        const auto at = [&](const char* phonePath) { return files.at(FileName(phonePath)); };
+        const StateFile ok = at(OK_FLAG), fail = at(FAIL_FLAG), record = at(RESULT_FILE);
+        report.lastRun = LastRunOf(at(BEGIN_FLAG).isThere, at(END_FLAG).isThere);
+        report.isOk = ok.isThere;
+        report.flagTime = TimeIn(ok.isThere ? ok : fail);
+        report.hasBody = at(UfsFwBodyPath(1)).isThere;
+        report.hasRecord = record.isThere;
+        report.record = record.isRegular ? ParseRecord(record.content) : Record{};
+        for (const auto& [name, file] : files) {
+            report.irregular = file.isThere && !file.isRegular ? name : report.irregular;
         }
-        report.flag = FlagOf(files, report);
+        report.flag = ok.isThere && fail.isThere   ? OutcomeFlag::BOTH
+                      : ok.isThere || fail.isThere ? WhoseIs(report.flagTime, report.record)
+                                                   : OutcomeFlag::NONE;
         report.verdict = Judge(report, directory);
     } catch (const Stop& stop) {
         report.verdict = Verdict::UNREADABLE;
@@ -406,17 +374,14 @@ Texts StateDirectoriesIn(const Texts& directories) {
             all.push_back(directory);
         }
     }
-    if (directories.size() == 1) {
-        return all;
-    }
-    std::set<std::tuple<dev_t, ino_t, std::string>> seen; // by name if it cannot be looked at
-    Texts found;
-    for (const std::string& directory : all) {
+    std::set<std::pair<dev_t, ino_t>> seen;
+    const auto isAgain = [&](const std::string& directory) {
         struct stat status = {};
-        const bool isThere = stat(directory.c_str(), &status) == 0;
-        if (seen.emplace(status.st_dev, status.st_ino, isThere ? "" : directory).second) {
-            found.push_back(directory);
-        }
+        return stat(directory.c_str(), &status) == 0 &&
+               !seen.emplace(status.st_dev, status.st_ino).second;
+    };
+    if (directories.size() > 1) {
+        all.erase(std::remove_if(all.begin(), all.end(), isAgain), all.end());
     }
-    return found;
+    return all;
 }

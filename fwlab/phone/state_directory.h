@@ -3,6 +3,7 @@
 
 #include "fwlab/phone/record.h"
 #include "fwlab/phone/verdict.h"
+#include "simphone/power_loss.h"
 
 // What ffu.bgn and ffu.end tell of the last run: one of them is there, both or none.
 enum class LastRun { REGULAR, STOPPED, BOTH_FLAGS, NO_FLAG };
@@ -42,5 +43,7 @@ std::string Sentence(const StateReport& report);
 // none in it. Links below are not followed.
 Texts StateDirectoriesIn(const Texts& directories);
 
-// The names of the files that runs leave in their state directory.
-const Texts& StateFileNames();
+// A state directory that was pulled from a phone, for runs that start from it: the files of runs;
+// others are left out. Stop with 2 if one of them is not a regular file, or if there is none;
+// throws std::system_error if one cannot be read.
+StateDirectory ReadPulledState(const std::string& directory);

@@ -7,9 +7,10 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <climits>
 #include <fcntl.h>
 #include <map>
+#include <tuple>
+#include <utility>
 
 namespace {
 
@@ -22,10 +23,7 @@ long Moved(const CallEntry& call) {
     return strtol(call.result.c_str(), nullptr, 10);
 }
 
-struct Way {
-    Effect effect;
-    long value;
-};
+using Way = std::pair<Effect, long>; // with its value
 
 // The ways in which a call can fail.
 std::vector<Way> Failures(const CallEntry& call) {
@@ -35,12 +33,12 @@ std::vector<Way> Failures(const CallEntry& call) {
     std::vector<Way> ways = {{Effect::FAILS, EIO}};
     if (IsAmong({"read", "write"}, call.function)) {
         for (const long count : {0L, 1L, Moved(call) / 2}) {
-            ways.push_back({Effect::SHORT, count});
+            ways.emplace_back(Effect::SHORT, count);
         }
     } else if (call.function == "ioctl") {
-        ways.push_back({Effect::FAILS, EINTR});
+        ways.emplace_back(Effect::FAILS, EINTR);
         if (call.path != UFS_BLOCK_NODE) {
-            ways.push_back({Effect::RETURNS, 1});
+            ways.emplace_back(Effect::RETURNS, 1);
         }
     }
     return ways;
@@ -55,22 +53,12 @@ bool IsStateWrite(const CallEntry& call) { // to a flag or the record
 std::vector<Way> PowerCuts(const CallEntry& call, bool isAfterLast) {
     std::vector<Way> ways;
     if (ChangesThePhone(call) || isAfterLast) {
-        ways.push_back({Effect::ENDS, 0});
+        ways.emplace_back(Effect::ENDS, 0);
     }
     for (long count = 0; IsStateWrite(call) && count <= Moved(call); count++) {
-        ways.push_back({Effect::TORN, count});
+        ways.emplace_back(Effect::TORN, count);
     }
     return ways;
-}
-
-// Which of the calls a fault meets.
-struct Reach {
-    std::string call, path;
-    long first, last;
-};
-
-Fault FaultOf(const Reach& reach, const Way& way) {
-    return {reach.call, reach.path, reach.first, reach.last, way.effect, way.value, {}};
 }
 
 } // namespace
@@ -102,19 +90,23 @@ std::vector<SweepJob> JobsOf(const RunResult& base, size_t scenario) {
         const CallEntry& call = base.calls[i];
         const std::string kind = call.function + " " + call.path;
         const long ofFunction = ++rank[call.function], ofKind = ++rank[kind];
-        const Reach alone = {"any", "", call.number, call.number};
-        std::vector<Reach> reaches = {alone, {call.function, "", ofFunction, LONG_MAX}};
+        const Fault alone = {"any", "", call.number, call.number};
+        std::vector<Fault> reaches = {alone, {call.function, "", ofFunction}};
         if (call.path != "-" && ofKind < count[kind]) {
-            reaches.push_back({call.function, call.path, ofKind, LONG_MAX});
+            reaches.push_back({call.function, call.path, ofKind});
         }
+        const auto add = [&](Fault fault, const Way& way) {
+            std::tie(fault.effect, fault.value) = way;
+            jobs.push_back({scenario, i, fault});
+        };
         for (const Way& way : Failures(call)) {
-            for (const Reach& reach : reaches) {
-                jobs.push_back({scenario, i, FaultOf(reach, way)});
+            for (const Fault& reach : reaches) {
+                add(reach, way);
             }
         }
         const bool isAfterLast = !changing.empty() && i == changing.back() + 1;
         for (const Way& way : PowerCuts(call, isAfterLast)) {
-            jobs.push_back({scenario, i, FaultOf(alone, way)});
+            add(alone, way);
         }
     }
     return jobs;

@@ -2,7 +2,6 @@
 #pragma once
 
 #include "simphone/description.h"
-#include "simphone/power_loss.h"
 #include "simphone/tool_run.h"
 
 #include <string>

@@ -1,28 +1,53 @@
 // Judges runs by their calls, requests, logs and files.
 #include "fwlab/sweep/judge.h"
 
+#include "emmc/emmc_device.h"
 #include "fwlab/phone/decision.h"
 #include "fwlab/sweep/jobs.h"
 #include "run/result_record.h"
+#include "run/state_flags.h"
 
 #include <algorithm>
 #include <csignal>
-#include <regex>
-#include <tuple>
+#include <set>
+#include <utility>
 
 namespace {
 
-// Calls, as "function path", whose failure does not keep a run from its download.
-const std::regex GOES_ON(
-    "(close|munmap|fclose|time|ctime|localtime|gettimeofday) .*" // their result is of no use
-    "|(remove|unlink) .*"                                        // the file need not be there
-    "|access .*/(fw_result|ffu.ok|ffu.fail|bootdevice/ffu)"      // no record, flag, GKI mode
-    "|fsync .*/fw_result"                                        // the write decides
-    "|(fopen|fgets) /proc/devices"); // by libsgutils2 for the node's kind
+struct Words {
+    const char *name, *sentence;
+};
 
-// The same for those that moved fewer bytes.
-const std::regex GOES_ON_SHORT("read /proc/bootdevice/(product_name|rev)" // the rest: blanks
-                               "|read .*/ufs_fw_body.bin"); // what could be read is sent
+// In the order of the enumerators.
+constexpr Words WORDS[] = {
+    {"no-end", "the tool does not end"},
+    {"bad-end", "the tool does not end as it should"},
+    {"record-shrinks", "the record loses what it had"},
+    {"asked-unrecorded", "the device is asked before the attempt is on record"},
+    {"taken-twice", "the device takes the firmware twice in one run"},
+    {"asked-after-failure", "the device is asked after a failure that must stop the run"},
+    {"asked-again", "a later run, without a restart, asks the device for the update again"},
+    {"record-lost", "later runs cannot read the record, though it was synced"},
+    {"unexpected", "not what the scenario is to do"},
+};
+
+// Calls whose failure does not keep a run from its download: their result is of no use, or the file
+// need not be there.
+const std::set<std::string> GOES_ON = {"close",     "munmap",       "fclose", "time",  "ctime",
+                                       "localtime", "gettimeofday", "remove", "unlink"};
+
+// The same for some paths: no record, flag, GKI mode; a sync, as the write decides; what
+// libsgutils2 asks for the kind of a node.
+using CallKinds = std::set<std::pair<std::string, std::string>>;
+const CallKinds GOES_ON_AT = {{"access", RESULT_FILE},   {"access", OK_FLAG},
+                              {"access", FAIL_FLAG},     {"access", EMMC_FFU_NODE},
+                              {"fsync", RESULT_FILE},    {"fopen", "/proc/devices"},
+                              {"fgets", "/proc/devices"}};
+
+// The same for those that moved fewer bytes: the rest is blanks, or what could be read is sent.
+const CallKinds GOES_ON_SHORT = {{"read", "/proc/bootdevice/product_name"},
+                                 {"read", "/proc/bootdevice/rev"},
+                                 {"read", std::string(STATE_DIR) + "/ufs_fw_body.bin"}};
 
 bool IsUpdate(const CallEntry& call) {
     return call.request && call.request->kind != RequestKind::SEND_EXT_CSD &&
@@ -37,14 +62,6 @@ bool IsComplete(const CallEntry& call) {
             call.request->kind == RequestKind::SCSI_WRITE_BUFFER);
 }
 
-bool HasCut(const MadeRun& made) {
-    return std::any_of(made.faults.begin(), made.faults.end(), IsPowerCut);
-}
-
-bool HasFailingCall(const MadeRun& made) {
-    return !std::all_of(made.faults.begin(), made.faults.end(), IsPowerCut);
-}
-
 // Whether the run ended between the record's opening and its sync.
 bool IsRecordOpen(const RunResult& run) {
     bool isOpen = false;
@@ -53,6 +70,23 @@ bool IsRecordOpen(const RunResult& run) {
         isOpen = isDone ? call.function != "fsync" && (isOpen || ChangesThePhone(call)) : isOpen;
     }
     return isOpen;
+}
+
+// The place of the first call that the faults have changed; the number of calls if there is none.
+size_t FirstFailure(const RunResult& run, const RunResult& base) {
+    const size_t none = run.calls.size();
+    for (size_t i = 0; i < none && i < base.calls.size(); i++) {
+        const CallEntry &call = run.calls[i], &like = base.calls[i];
+        if (call.function != like.function || call.path != like.path) {
+            return none; // what failed before has failed without the faults, too
+        }
+        const bool isShort =
+            (call.function == "read" || call.function == "write") && call.result != like.result;
+        if (isShort || (call.replaced && !like.replaced)) {
+            return i;
+        }
+    }
+    return none;
 }
 
 // Whether the device was asked though a call before that had failed.
@@ -70,55 +104,40 @@ bool IsAskedAfterFailure(const RunResult& run, const RunResult& base) {
 } // namespace
 
 const char* NameOf(Wrong wrong) {
-    static const char* const names[] = {"no-end",           "bad-end",     "record-shrinks",
-                                        "asked-unrecorded", "taken-twice", "asked-after-failure",
-                                        "asked-again",      "record-lost", "unexpected"};
-    return names[static_cast<size_t>(wrong)];
+    return WORDS[static_cast<size_t>(wrong)].name;
 }
 
 const char* SentenceOf(Wrong wrong) {
-    static const char* const sentences[] = {
-        "the tool does not end",
-        "the tool does not end as it should",
-        "the record loses what it had",
-        "the device is asked before the attempt is on record",
-        "the device takes the firmware twice in one run",
-        "the device is asked after a failure that must stop the run",
-        "a later run, without a restart, asks the device for the update again",
-        "later runs cannot read the record, though it was synced",
-        "not what the scenario is to do"};
-    return sentences[static_cast<size_t>(wrong)];
-}
-
-bool operator<(const Course& one, const Course& other) {
-    return std::tie(one.isAsked, one.mayBeStuck) < std::tie(other.isAsked, other.mayBeStuck);
+    return WORDS[static_cast<size_t>(wrong)].sentence;
 }
 
 Course CourseBefore(const RunResult& base) {
     return {false, IsStuck(base)};
 }
 
-std::vector<Wrong> WrongsOf(const MadeRun& made, const RunResult* base, Course& course) {
-    const RunResult& run = made.run;
+std::vector<Wrong> WrongsOf(const RunResult& run, const std::vector<Fault>& faults,
+                            const RunResult* base, Course& course) {
     std::vector<Wrong> found;
     const auto find = [&](bool isSo, Wrong wrong) {
         found.insert(found.end(), isSo ? 1 : 0, wrong);
     };
-    const std::string *before = RecordIn(made.before), *after = RecordIn(made.after);
+    const std::string *before = RecordIn(run.before), *after = RecordIn(run.after);
     const std::string old = before == nullptr ? "" : *before;
     const std::string record = after == nullptr ? "" : *after;
-    const bool isAttempt = IsAttempt(run);
+    const bool isAttempt = IsAttempt(run), isStuck = IsStuck(run);
+    const auto cuts = std::count_if(faults.begin(), faults.end(), IsPowerCut);
+    const bool hasFailingCall = faults.size() > static_cast<size_t>(cuts);
     find(run.timedOut, Wrong::NO_END);
-    find(!run.timedOut && run.signal != (HasCut(made) ? SIGKILL : 0), Wrong::BAD_END);
+    find(!run.timedOut && run.signal != (cuts > 0 ? SIGKILL : 0), Wrong::BAD_END);
     find(record.rfind(old, 0) != 0, Wrong::RECORD_SHRINKS);
     find(isAttempt && record.size() <= old.size(), Wrong::ASKED_UNRECORDED);
     find(std::count_if(run.calls.begin(), run.calls.end(), IsComplete) > 1, Wrong::TAKEN_TWICE);
-    find(HasFailingCall(made) && IsAskedAfterFailure(run, *base), Wrong::ASKED_AFTER_FAILURE);
+    find(hasFailingCall && IsAskedAfterFailure(run, *base), Wrong::ASKED_AFTER_FAILURE);
     find(course.isAsked && isAttempt, Wrong::ASKED_AGAIN);
-    find(!course.mayBeStuck && IsStuck(run) && !HasFailingCall(made), Wrong::RECORD_LOST);
+    find(!course.mayBeStuck && isStuck && !hasFailingCall, Wrong::RECORD_LOST);
     course.isAsked = course.isAsked || isAttempt;
-    course.mayBeStuck = course.mayBeStuck || HasFailingCall(made) || IsStuck(run) ||
-                        (HasCut(made) && IsRecordOpen(run));
+    course.mayBeStuck =
+        course.mayBeStuck || hasFailingCall || isStuck || (cuts > 0 && IsRecordOpen(run));
     return found;
 }
 
@@ -131,28 +150,11 @@ bool HasFailed(const CallEntry& call) {
 }
 
 bool MayGoOn(const CallEntry& call) {
-    const std::string text = call.function + " " + call.path;
-    const bool isShort = !call.replaced;
+    const std::pair kind(call.function, call.path);
     const bool isRecorded = call.function == "write" && call.path == RESULT_FILE &&
                             call.result != "0"; // one byte on record is enough
-    return std::regex_match(text, GOES_ON) ||
-           (isShort && (isRecorded || std::regex_match(text, GOES_ON_SHORT)));
-}
-
-size_t FirstFailure(const RunResult& run, const RunResult& base) {
-    const size_t none = run.calls.size();
-    for (size_t i = 0; i < none && i < base.calls.size(); i++) {
-        const CallEntry &call = run.calls[i], &like = base.calls[i];
-        if (call.function != like.function || call.path != like.path) {
-            return none; // what failed before has failed without the faults, too
-        }
-        const bool isShort =
-            (call.function == "read" || call.function == "write") && call.result != like.result;
-        if (isShort || (call.replaced && !like.replaced)) {
-            return i;
-        }
-    }
-    return none;
+    return GOES_ON.count(call.function) > 0 || GOES_ON_AT.count(kind) > 0 ||
+           (!call.replaced && (isRecorded || GOES_ON_SHORT.count(kind) > 0));
 }
 
 bool IsStuck(const RunResult& run) {

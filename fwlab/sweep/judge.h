@@ -3,9 +3,8 @@
 #pragma once
 
 #include "fwlab/phone/verdict.h"
-#include "fwlab/sweep/made_run.h"
+#include "simphone/tool_run.h"
 
-#include <string>
 #include <vector>
 
 // What must not happen.
@@ -28,14 +27,15 @@ struct Course {
     bool isAsked = false;    // the device was asked for the update
     bool mayBeStuck = false; // it may be that no run can read the record
 };
-bool operator<(const Course& one, const Course& other);
 
 // The course before the first run. `base` is that run without faults.
 Course CourseBefore(const RunResult& base);
 
-// What is wrong with the next run of the course, to which it is added. `base` is the same run
-// without the faults that make calls fail; it may be null for a run without such faults.
-std::vector<Wrong> WrongsOf(const MadeRun& made, const RunResult* base, Course& course);
+// What is wrong with the next run of the course, to which it is added. faults: those that the run
+// has met. base: the same run without the faults that make calls fail; it may be null for a run
+// without such faults.
+std::vector<Wrong> WrongsOf(const RunResult& run, const std::vector<Fault>& faults,
+                            const RunResult* base, Course& course);
 
 // Whether the run asked the device to take a firmware; a reset does not.
 bool IsAttempt(const RunResult& run);
@@ -44,9 +44,6 @@ bool HasFailed(const CallEntry& call);
 
 // Whether a run may still download after this call was made to fail.
 bool MayGoOn(const CallEntry& call);
-
-// The place of the first call that the faults have changed; the number of calls if there is none.
-size_t FirstFailure(const RunResult& run, const RunResult& base);
 
 // Whether the run could not read the record.
 bool IsStuck(const RunResult& run);

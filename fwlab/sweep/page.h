@@ -6,7 +6,8 @@
 
 #include <string>
 
-// One HTML page, which loads nothing from elsewhere; with the time lines of the result.
+// One HTML page, which loads nothing from elsewhere: what it says in short, and the report with the
+// time lines of the result, which page.js draws.
 std::string SweepPage(const Json& report, const SweepResult& result);
 
 // JUnit XML: a suite for each phone; a case for the update without a fault, and one for each call.

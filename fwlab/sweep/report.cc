@@ -2,58 +2,21 @@
 #include "fwlab/sweep/report.h"
 
 #include "fwlab/base/text.h"
+#include "fwlab/package/digest.h"
 #include "simphone/text.h"
+#include "version.h"
 
 #include <algorithm>
-#include <array>
+#include <cstdlib>
+#include <ctime>
+#include <fmt/chrono.h>
 #include <fmt/format.h>
 #include <iterator>
 #include <map>
 #include <numeric>
+#include <utility>
 
 namespace {
-
-using Counts = std::array<size_t, std::size(LEFT)>; // by rank
-
-Json Describe(const Counts& counts) {
-    Json shown;
-    for (const Verdict verdict : LEFT) {
-        shown[WordOf(verdict)] = counts[RankOf(verdict)];
-    }
-    return shown;
-}
-
-// Of one phone.
-struct Summary {
-    Counts failingCalls = {}; // jobs
-    Counts powerCuts = {};    // each counted once, by the worst state that it can leave
-    Counts states = {};       // all states that the cuts can leave
-};
-
-Summary Summarize(const SweepResult& result, size_t scenario) {
-    Summary sum;
-    std::map<size_t, size_t> cuts; // the worst rank, by the call before which the power fails
-    for (size_t i = 0; i < result.jobs.size(); i++) {
-        const SweepJob& job = result.jobs[i];
-        if (job.scenario != scenario) {
-            continue;
-        }
-        for (const SweepLeft& left : result.results[i].left) {
-            const size_t rank = RankOf(result.states[left.state].verdict);
-            if (!IsPowerCut(job.fault)) {
-                sum.failingCalls[rank]++;
-                continue;
-            }
-            sum.states[rank]++;
-            size_t& worst = cuts[job.call];
-            worst = std::max(worst, rank);
-        }
-    }
-    for (const auto& [call, rank] : cuts) {
-        sum.powerCuts[rank]++;
-    }
-    return sum;
-}
 
 // How far the fault reaches, for a failing call; what is lost, for a power cut.
 std::string Label(const Fault& fault, const Losses& losses) {
@@ -83,47 +46,90 @@ Json Describe(const CallEntry& call) {
             {"left", Json::array()}};
 }
 
-// The calls of the run without a fault, each with what its faults leave.
-Json DescribeCourse(const SweepResult& result, size_t scenario) {
-    Json course = Json::array();
-    for (const CallEntry& call : result.bases[scenario].made.run.calls) {
+// Of one phone, without what its faults leave.
+Json Describe(const SweepPhone& phone, const SweepBase& base, const std::string& rehearse) {
+    Json counts, course = Json::array();
+    for (const Verdict verdict : LEFT) {
+        counts[WordOf(verdict)] = 0;
+    }
+    for (const CallEntry& call : base.run.calls) {
         course.push_back(Describe(call));
     }
+    const bool isUpdated = base.verdict == Verdict::UPDATED;
+    const bool isExpected = base.verdict == base.decision.verdict && !isUpdated;
+    return {{"phone", Escaped(phone.file)},
+            {"title", phone.title},
+            {"answer", WordOf(base.verdict)},
+            {"updated", isUpdated},
+            {"why", isExpected ? WhyOf(base.decision) : SentenceOf(base.verdict)},
+            {"rehearse", rehearse},
+            {"calls", course.size()},
+            {"failing_calls", counts},
+            {"power_cuts", counts},
+            {"states_after_cuts", counts},
+            {"course", course}};
+}
+
+void Count(Json& counts, Verdict verdict) {
+    Json& count = counts[WordOf(verdict)];
+    count = count.get<size_t>() + 1;
+}
+
+// What each fault leaves, at its call, and how often which is left. The cuts before a call count
+// once, by the worst state that they can leave.
+void AddLeft(const SweepResult& result, Json& phones) {
+    std::map<std::pair<size_t, size_t>, size_t> cuts; // the worst rank, by phone and call
     for (size_t i = 0; i < result.jobs.size(); i++) {
         const SweepJob& job = result.jobs[i];
-        for (const SweepLeft& left : result.results[i].left) {
-            if (job.scenario != scenario) {
-                continue;
-            }
+        Json& phone = phones[job.scenario];
+        const bool isCut = IsPowerCut(job.fault), isTorn = job.fault.effect == Effect::TORN;
+        for (const auto& [losses, place] : result.results[i].left) {
+            const SweepState& state = result.states[place];
             Fault fault = job.fault;
-            fault.losses = left.losses;
-            const SweepState& state = result.states[left.state];
-            course[job.call]["left"].push_back(
+            fault.losses = losses;
+            phone["course"][job.call]["left"].push_back(
                 {{"fault", Escaped(FaultText(fault))},
-                 {"label", Escaped(Label(job.fault, left.losses))},
-                 {"is_power_cut", IsPowerCut(fault)},
+                 {"label", Escaped(Label(job.fault, losses))},
+                 {"is_power_cut", isCut},
                  {"answer", WordOf(state.verdict)},
                  {"violates", result.results[i].isWrong || state.isWrong},
                  {"job", i},
-                 {"state", left.state}});
+                 {"state", place},
+                 {"torn", isTorn ? Json(fault.value) : Json()}});
+            Count(phone[isCut ? "states_after_cuts" : "failing_calls"], state.verdict);
+            if (isCut) {
+                size_t& worst = cuts[{job.scenario, job.call}];
+                const auto rank = std::find(std::begin(LEFT), std::end(LEFT), state.verdict);
+                worst = std::max(worst, static_cast<size_t>(rank - std::begin(LEFT)));
+            }
         }
     }
-    return course;
+    for (const auto& [place, rank] : cuts) {
+        Count(phones[place.first]["power_cuts"], LEFT[rank]);
+    }
 }
 
-// The shell command that shows the violation. `begin` has the package.
-std::string RehearseCommand(const std::string& begin, const SweepPhone& phone,
-                            const SweepViolation& wrong) {
-    std::string line = begin + " --phone " + ShellWord(phone.file);
+// The shell command that rehearses the update on the phone, without a fault.
+std::string RehearseCommand(const std::string& package, const std::string& stateFolder,
+                            const SweepPhone& phone) {
+    std::string line = "fwlab rehearse " + ShellWord(package);
+    line += stateFolder.empty() ? "" : " --state " + ShellWord(stateFolder);
+    line += " --phone " + ShellWord(phone.file);
     for (const std::string& setting : phone.settings) {
         line += " --set " + ShellWord(setting);
     }
-    const std::vector<std::optional<Fault>>& course = wrong.course;
-    if (course.front()) {
-        line += " --fault " + ShellWord(FaultText(*course.front()));
-    }
-    for (size_t i = 1; i < course.size(); i++) {
-        line += " --then " + ShellWord(course[i] ? FaultText(*course[i]) : "");
+    return line;
+}
+
+// The options with which it shows the violation.
+std::string RunsOf(const SweepViolation& wrong) {
+    std::string line;
+    for (size_t i = 0; i < wrong.course.size(); i++) {
+        const std::optional<Fault>& fault = wrong.course[i];
+        if (i > 0 || fault) {
+            line += i == 0 ? " --fault " : " --then ";
+            line += ShellWord(fault ? FaultText(*fault) : "");
+        }
     }
     return line;
 }
@@ -138,6 +144,12 @@ Json Describe(const std::string& command, const SweepViolation& wrong) {
             {"command", command}};
 }
 
+std::string DateText() {
+    const char* fixed = getenv("SOURCE_DATE_EPOCH");
+    const time_t now = fixed == nullptr ? time(nullptr) : strtoll(fixed, nullptr, 10);
+    return fmt::format("{:%Y-%m-%dT%H:%M:%SZ}", fmt::gmtime(now));
+}
+
 size_t Sum(const Json& counts) {
     return std::accumulate(counts.begin(), counts.end(), size_t{0},
                            [](size_t sum, const Json& count) { return sum + count.get<size_t>(); });
@@ -147,42 +159,29 @@ size_t Sum(const Json& counts) {
 
 Json SweepReport(const std::string& package, const std::string& stateFolder,
                  const std::vector<SweepPhone>& phones, const SweepResult& result) {
-    const std::string begin = "fwlab rehearse " + ShellWord(package) +
-                              (stateFolder.empty() ? "" : " --state " + ShellWord(stateFolder));
     Json described = Json::array(), violations = Json::array();
     for (size_t i = 0; i < result.bases.size(); i++) {
-        const Summary sum = Summarize(result, i);
-        const SweepBase& base = result.bases[i];
-        described.push_back({{"phone", Escaped(phones[i].file)},
-                             {"title", phones[i].title},
-                             {"answer", WordOf(base.verdict)},
-                             {"updated", base.verdict == Verdict::UPDATED},
-                             {"why", base.why},
-                             {"calls", base.made.run.calls.size()},
-                             {"failing_calls", Describe(sum.failingCalls)},
-                             {"power_cuts", Describe(sum.powerCuts)},
-                             {"states_after_cuts", Describe(sum.states)},
-                             {"course", DescribeCourse(result, i)}});
+        const std::string rehearse = RehearseCommand(package, stateFolder, phones[i]);
+        described.push_back(Describe(phones[i], result.bases[i], rehearse));
     }
+    AddLeft(result, described);
     for (const SweepViolation& wrong : result.violations) {
-        const std::string command = RehearseCommand(begin, phones[wrong.scenario], wrong);
-        violations.push_back(Describe(command, wrong));
+        const std::string rehearse = described[wrong.scenario]["rehearse"];
+        violations.push_back(Describe(rehearse + RunsOf(wrong), wrong));
     }
+    const std::string_view bytes = BytesOf(result.bases.front().package);
+    const bool areUpdated =
+        std::all_of(result.bases.begin(), result.bases.end(),
+                    [](const SweepBase& base) { return base.verdict == Verdict::UPDATED; });
     return {{"package", Escaped(package)},
+            {"size", bytes.size()},
+            {"sha256", Sha256(bytes)},
+            {"program", std::string("fwlab ") + FFU_VERSION},
+            {"date", DateText()},
             {"runs", result.runs},
             {"phones", described},
-            {"violations", violations}};
-}
-
-size_t RankOf(Verdict verdict) {
-    return static_cast<size_t>(std::find(std::begin(LEFT), std::end(LEFT), verdict) -
-                               std::begin(LEFT));
-}
-
-bool IsFine(const Json& report) {
-    return report["violations"].empty() &&
-           std::all_of(report["phones"].begin(), report["phones"].end(),
-                       [](const Json& phone) { return phone["updated"].get<bool>(); });
+            {"violations", violations},
+            {"fine", violations.empty() && areUpdated}};
 }
 
 std::string CountsText(const Json& counts) {

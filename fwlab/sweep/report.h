@@ -14,21 +14,19 @@ struct SweepPhone {
     std::string title; // for people
 };
 
-// Of each phone: what the run without a fault came to, how often the faults leave what, the calls
-// in their order, and what each fault leaves. The violations, each with its sentence and the shell
-// command that shows it. All texts are printable.
-// stateFolder: the state directory with which the phones start; empty: none.
+// What was swept, by which program and when. Of each phone: what the run without a fault came to,
+// how often the faults leave what, the calls in their order, and what each fault leaves. The
+// violations, each with its sentence and the shell command that shows it. "fine": there are no
+// violations, and all phones are updated without a fault. All texts are printable. The date is that
+// of SOURCE_DATE_EPOCH, if the environment has it. stateFolder: the state directory with which the
+// phones start; empty: none.
 Json SweepReport(const std::string& package, const std::string& stateFolder,
                  const std::vector<SweepPhone>& phones, const SweepResult& result);
-
-// Whether it is what a release engineer wants to read: no violations, and all phones are updated.
-bool IsFine(const Json& report);
 
 // With what a phone of a sweep may be left; the worst one last.
 constexpr Verdict LEFT[] = {Verdict::UPDATED, Verdict::UPDATED_NEXT,      Verdict::NOTHING_TO_DO,
                             Verdict::REFUSED, Verdict::ALREADY_ATTEMPTED, Verdict::STOPPED,
                             Verdict::USED_UP, Verdict::RECORD_UNREADABLE, Verdict::WRONG_IMAGE};
-size_t RankOf(Verdict verdict); // its place there
 
 // "3 updated-next, 2 used-up", of an object of the report with numbers by verdict.
 std::string CountsText(const Json& counts);

@@ -3,10 +3,10 @@
 // finds at its own place, so that the order of the threads changes nothing.
 #include "fwlab/sweep/runner.h"
 
+#include "fwlab/base/progress.h"
 #include "fwlab/base/stop.h"
 #include "fwlab/base/work_folder.h"
-#include "fwlab/phone/decision.h"
-#include "simphone/fault.h"
+#include "fwlab/sweep/made_run.h"
 
 #include <algorithm>
 #include <atomic>
@@ -17,10 +17,8 @@
 #include <future>
 #include <map>
 #include <mutex>
-#include <string_view>
 #include <thread>
 #include <tuple>
-#include <unordered_set>
 
 namespace fs = std::filesystem;
 
@@ -28,42 +26,26 @@ namespace {
 
 // A phone that a job has left, by all that the runs after it depend on.
 struct Start {
-    size_t scenario;
+    const SweepJob* job;
+    Losses losses; // of its power cut
     Course course;
     const std::string* image; // that the device has taken
     bool isThere;             // the state directory
     std::map<std::string, const std::string*> files;
 };
+
+// Whichever job has left it.
 bool operator<(const Start& one, const Start& other) {
     const auto key = [](const Start& start) {
-        return std::tie(start.scenario, start.course, start.image, start.isThere, start.files);
+        return std::tie(start.job->scenario, start.course.isAsked, start.course.mayBeStuck,
+                        start.image, start.isThere, start.files);
     };
     return key(one) < key(other);
 }
 
-// A start with the job that the runs after it are told of.
-struct Followed {
-    Start start;
-    const SweepJob* job;
-    Losses losses;
-    bool isTorn; // only torn writes leave it
-};
-
-// What the package of a scenario is for its phone.
-struct Expected {
-    Package package;
-    Decision decision;
-};
-
-struct JobOutcome {
-    std::vector<std::pair<Losses, Start>> left;
-    std::vector<SweepViolation> violations;
-    const SweepTimeLine* timeLine = nullptr;
-};
-struct FollowOutcome {
-    SweepState state = {};
-    std::vector<SweepViolation> violations;
-};
+bool IsTorn(const Start& start) {
+    return start.job->fault.effect == Effect::TORN;
+}
 
 // A thread's phone, which it uses again for each run.
 struct Worker {
@@ -75,49 +57,40 @@ struct Worker {
 struct Sweep {
     const std::vector<SweepScenario>& scenarios;
     const SweepOptions& options;
-    std::vector<Expected> expected; // of each scenario
-    std::vector<Worker> workers;
+    std::vector<Worker> workers = {};
     SweepResult result = {};
-    size_t planned = 0; // jobs
     std::atomic<size_t> runs = 0;
-    std::atomic<bool> isEnding = false;            // no more work is begun
-    std::mutex mutex = {};                         // of what stands below, and of result.timeLines
-    std::unordered_set<std::string> contents = {}; // of files, each distinct one once
+    std::atomic<bool> isEnding = false; // no more work is begun
+    std::mutex mutex = {};              // of the result's violations and texts
 };
 
-// The runs on one phone, from a job's run on.
-struct Following {
+// Runs on one phone, one after the other without a restart.
+struct Runs {
+    size_t order; // of this work
     size_t scenario;
-    const SweepJob* job; // null for the base run
-    std::vector<std::optional<Fault>> faults;
-    Course course;
-    std::vector<SweepViolation>& violations;
+    const SweepJob* job = nullptr; // null for the base run
+    Course course = {};
+    std::vector<std::optional<Fault>> faults = {}; // of each run
+    bool isWrong = false;
 };
 
-const std::string* Kept(Sweep& sweep, const std::string& content) {
+const std::string* Kept(Sweep& sweep, const std::string& text) {
     const std::lock_guard<std::mutex> lock(sweep.mutex);
-    return &*sweep.contents.insert(content).first;
+    return &*sweep.result.texts.insert(text).first;
 }
 
-const SweepTimeLine* KeptTimeLine(Sweep& sweep, size_t scenario, const RunResult& run) {
-    if (!sweep.options.keepsTimeLines) {
-        return nullptr;
+SweepTimeLine KeptTimeLine(Sweep& sweep, const RunResult& run) {
+    SweepTimeLine kept;
+    if (sweep.options.keepsTimeLines) {
+        for (const auto& [source, text] : TimeLine(run)) {
+            kept.push_back(Kept(sweep, source + (" " + text)));
+        }
     }
-    const auto isSame = [](const TimeLineEntry& one, const TimeLineEntry& other) {
-        return one.text == other.text && std::string_view(one.source) == other.source;
-    };
-    const std::vector<TimeLineEntry>& base = sweep.result.bases[scenario].timeLine;
-    std::vector<TimeLineEntry> lines = TimeLine(run);
-    const auto differs =
-        std::mismatch(lines.begin(), lines.end(), base.begin(), base.end(), isSame).first;
-    const auto common = static_cast<size_t>(differs - lines.begin());
-    lines.erase(lines.begin(), differs);
-    const std::lock_guard<std::mutex> lock(sweep.mutex);
-    return &*sweep.result.timeLines.insert({scenario, common, lines}).first;
+    return kept;
 }
 
 // Brings the worker's phone into the state from which a run of the scenario starts.
-void Prepare(Sweep& sweep, Worker& worker, size_t scenario, const StateDirectory& state) {
+void Prepare(const Sweep& sweep, Worker& worker, size_t scenario, const StateDirectory& state) {
     const std::string& directory = worker.phone.directory;
     if (worker.scenario != scenario) {
         worker.scenario = SIZE_MAX;
@@ -137,193 +110,162 @@ void Prepare(Sweep& sweep, Worker& worker, size_t scenario, const StateDirectory
     PutState(worker.phone, state);
 }
 
-void Violate(Following& following, Wrong wrong, const std::string& detail) {
-    const size_t call = following.job == nullptr ? 0 : following.job->call;
-    following.violations.push_back({wrong, following.scenario, call, following.faults, detail});
+void Violate(Sweep& sweep, Runs& runs, Wrong wrong, const std::string& detail) {
+    const size_t call = runs.job == nullptr ? 0 : runs.job->call;
+    const std::lock_guard<std::mutex> lock(sweep.mutex);
+    sweep.result.violations.push_back(
+        {wrong, runs.scenario, call, runs.faults, detail, runs.order});
+    runs.isWrong = true;
 }
 
-// The next run on the phone, judged.
-MadeRun Run(Sweep& sweep, const Worker& worker, SweepRun::Kind kind, Following& following,
-            const std::optional<Fault>& fault) {
+// The next run on the phone, judged; at most one fault.
+RunResult Run(Sweep& sweep, const Worker& worker, SweepRun::Kind kind, Runs& runs,
+              std::vector<Fault> faults = {}) {
     const SweepOptions& options = sweep.options;
-    MadeRun made = MakeRun(worker.phone, options.tool, options.phoneLibrary,
-                           fault ? std::vector<Fault>{*fault} : std::vector<Fault>{});
+    const RunResult run = MakeRun(worker.phone, options.tool, options.phoneLibrary, faults);
     sweep.runs++;
-    if (kind == SweepRun::LATER_CUT && !made.run.unmetFaults.empty()) {
-        made.faults.clear(); // this run ended before the call: it was a normal one
-        made.run.unmetFaults.clear();
-    } else if (!made.run.unmetFaults.empty()) {
+    if (kind == SweepRun::LATER_CUT && !run.unmetFaults.empty()) {
+        faults.clear(); // this run ended before the call: it was a normal one
+    } else if (!run.unmetFaults.empty()) {
         throw Stop{2, fmt::format("{} met none of the {} calls of its run: does the tool make the "
                                   "same calls in each run?",
-                                  FaultText(*fault), made.run.calls.size())};
+                                  FaultText(faults[0]), run.calls.size())};
     }
-    const bool isBase = kind == SweepRun::BASE;
-    const RunResult& base = isBase ? made.run : sweep.result.bases[following.scenario].made.run;
-    following.course = isBase ? CourseBefore(base) : following.course;
-    following.faults.push_back(made.faults.empty() ? std::nullopt : fault);
-    for (const Wrong wrong : WrongsOf(made, &base, following.course)) {
-        Violate(following, wrong, "");
+    const RunResult& base = kind == SweepRun::BASE ? run : sweep.result.bases[runs.scenario].run;
+    runs.course = runs.faults.empty() ? CourseBefore(base) : runs.course;
+    runs.faults.push_back(faults.empty() ? std::nullopt : std::optional(faults[0]));
+    for (const Wrong wrong : WrongsOf(run, faults, &base, runs.course)) {
+        Violate(sweep, runs, wrong, "");
     }
     if (options.check) {
-        const SweepRun run = {kind,          following.scenario,     &base,
-                              following.job, worker.phone.directory, &made};
-        for (const std::string& detail : options.check(run)) {
-            Violate(following, Wrong::UNEXPECTED, detail);
+        for (const std::string& detail :
+             options.check({kind, runs.scenario, &base, runs.job, worker.phone.directory, &run})) {
+            Violate(sweep, runs, Wrong::UNEXPECTED, detail);
         }
     }
-    return made;
-}
-
-Expected ExpectedOf(const SweepScenario& scenario) {
-    const Device device = DeviceOf(scenario.phone);
-    Expected expected = {OpenPackage(scenario.package, device.identity.layout), {}};
-    expected.decision = Decide(expected.package, device, scenario.before);
-    return expected;
+    return run;
 }
 
 // What has become of a phone of the scenario that has this state directory now.
 Verdict VerdictOf(const Sweep& sweep, size_t scenario, const std::string& image,
                   const StateDirectory& state) {
-    const Expected& expected = sweep.expected[scenario];
-    return Judge(expected.package, expected.decision, image, sweep.scenarios[scenario].before,
-                 state);
+    const SweepBase& base = sweep.result.bases[scenario];
+    return Judge(base.package, base.decision, image, sweep.scenarios[scenario].before, state);
 }
 
-Start StartOf(Sweep& sweep, const Following& following, const StateDirectory& state,
-              const std::string* image) {
-    Start start = {following.scenario, following.course, image, state.isThere, {}};
-    for (const auto& [name, content] : state.files) {
-        start.files[name] = Kept(sweep, content);
-    }
-    return start;
-}
-
-JobOutcome Do(Sweep& sweep, Worker& worker, const SweepJob& job) {
-    JobOutcome outcome;
-    Following following = {job.scenario, &job, {}, {}, outcome.violations};
-    following.course = CourseBefore(sweep.result.bases[job.scenario].made.run);
+// Makes the run of a job. `starts` are the phones that it may leave, one for each of done.left.
+void Do(Sweep& sweep, Worker& worker, size_t number, SweepJobResult& done,
+        std::vector<Start>& starts) {
+    const SweepJob& job = sweep.result.jobs[number];
+    Runs runs = {1 + number, job.scenario, &job};
     Prepare(sweep, worker, job.scenario, sweep.scenarios[job.scenario].before);
     const bool isCut = IsPowerCut(job.fault);
-    const MadeRun made = Run(sweep, worker, isCut ? SweepRun::POWER_CUT : SweepRun::FAILING_CALL,
-                             following, job.fault);
+    const RunResult run =
+        Run(sweep, worker, isCut ? SweepRun::POWER_CUT : SweepRun::FAILING_CALL, runs, {job.fault});
     // What may be lost besides a torn write is so at the next cut, after the whole write.
     const bool mayLose = job.fault.effect == Effect::ENDS;
-    const std::vector<Survival> survivals = mayLose
-                                                ? Survivals(made.before, made.after, made.run.calls)
-                                                : std::vector<Survival>{{{}, made.after}};
+    const std::vector<Survival> survivals = mayLose ? Survivals(run.before, run.after, run.calls)
+                                                    : std::vector<Survival>{{{}, run.after}};
     const std::string* image = Kept(sweep, TakenImage(worker.phone));
     for (const auto& [losses, state] : survivals) {
-        outcome.left.emplace_back(losses, StartOf(sweep, following, state, image));
+        done.left.push_back({losses, 0});
+        starts.push_back({&job, losses, runs.course, image, state.isThere, {}});
+        for (const auto& [name, content] : state.files) {
+            starts.back().files[name] = Kept(sweep, content);
+        }
     }
-    outcome.timeLine = KeptTimeLine(sweep, job.scenario, made.run);
-    return outcome;
-}
-
-StateDirectory StateOf(const Start& start) {
-    StateDirectory state = {start.isThere, {}};
-    for (const auto& [name, content] : start.files) {
-        state.files[name] = *content;
-    }
-    return state;
+    done.isWrong = runs.isWrong;
+    done.timeLine = KeptTimeLine(sweep, run);
 }
 
 // Cuts the power at a call that changes the phone (the run `like` says which ones do), leaves one
 // of the states that this cut can leave, and lets a normal run follow.
-void CutAndRunNext(Sweep& sweep, const Worker& worker, Following& following, const RunResult& like,
+void CutAndRunNext(Sweep& sweep, const Worker& worker, Runs& runs, const RunResult& like,
                    size_t turn) {
     const std::vector<size_t> calls = ChangingCalls(like);
     if (calls.empty()) {
         return;
     }
     const long number = like.calls[calls[turn % calls.size()]].number;
-    const Fault cut = {"any", "", number, number, Effect::ENDS, 0, {}};
-    const MadeRun made = Run(sweep, worker, SweepRun::LATER_CUT, following, cut);
-    if (following.faults.back()) {
-        const auto survivals = Survivals(made.before, made.after, made.run.calls);
+    const RunResult run =
+        Run(sweep, worker, SweepRun::LATER_CUT, runs, {{"any", "", number, number, Effect::ENDS}});
+    if (runs.faults.back()) {
+        const auto survivals = Survivals(run.before, run.after, run.calls);
         const Survival& left = survivals[turn / calls.size() % survivals.size()];
         PutState(worker.phone, left.state);
-        following.faults.back()->losses = left.losses;
+        runs.faults.back()->losses = left.losses;
     }
-    (void)Run(sweep, worker, SweepRun::NEXT, following, std::nullopt);
+    (void)Run(sweep, worker, SweepRun::NEXT, runs);
 }
 
 // Normal runs on a phone that a job has left, and power cuts between them. What was downloaded and
 // not installed is lost.
-FollowOutcome Follow(Sweep& sweep, Worker& worker, const Followed& followed, size_t turn) {
-    const Start& start = followed.start;
-    FollowOutcome outcome;
-    Fault fault = followed.job->fault;
-    fault.losses = followed.losses;
-    Following following = {start.scenario, followed.job, {fault}, start.course, outcome.violations};
-    const StateDirectory state = StateOf(start);
-    Prepare(sweep, worker, start.scenario, state);
-    Following again = following;
-    const MadeRun next = Run(sweep, worker, SweepRun::NEXT, following, std::nullopt);
+SweepState Follow(Sweep& sweep, Worker& worker, const Start& start, size_t turn) {
+    const size_t scenario = start.job->scenario;
+    Fault fault = start.job->fault;
+    fault.losses = start.losses;
+    Runs runs = {1 + sweep.result.jobs.size() + turn, scenario, start.job, start.course, {fault}};
+    Runs again = runs;
+    StateDirectory state = {start.isThere, {}};
+    for (const auto& [name, content] : start.files) {
+        state.files[name] = *content;
+    }
+    Prepare(sweep, worker, scenario, state);
+    const RunResult next = Run(sweep, worker, SweepRun::NEXT, runs);
     const std::string later = TakenImage(worker.phone);
-    outcome.state.verdict =
-        Judge(VerdictOf(sweep, start.scenario, *start.image, state),
-              VerdictOf(sweep, start.scenario, later.empty() ? *start.image : later, next.after));
-    outcome.state.timeLine = KeptTimeLine(sweep, start.scenario, next.run);
-    if (outcome.violations.empty() && !followed.isTorn) { // a torn state is like many others
-        CutAndRunNext(sweep, worker, following, next.run, turn);
-        if (IsAttempt(next.run)) { // the power fails in that run, too
-            Prepare(sweep, worker, start.scenario, state);
-            CutAndRunNext(sweep, worker, again, next.run, turn);
+    const Verdict first = VerdictOf(sweep, scenario, *start.image, state);
+    const Verdict last =
+        VerdictOf(sweep, scenario, later.empty() ? *start.image : later, next.after);
+    if (!runs.isWrong && !IsTorn(start)) { // a torn state is like many others
+        CutAndRunNext(sweep, worker, runs, next, turn);
+        if (IsAttempt(next)) { // the power fails in that run, too
+            Prepare(sweep, worker, scenario, state);
+            CutAndRunNext(sweep, worker, again, next, turn);
         }
     }
-    outcome.state.isWrong = !outcome.violations.empty();
-    return outcome;
-}
-
-// In a thread of its own: takes the next piece of work until there is none.
-void Work(Sweep& sweep, std::atomic<size_t>& next, size_t count,
-          const std::function<void(size_t)>& work) {
-    try {
-        for (size_t i = next++; i < count && !sweep.isEnding; i = next++) {
-            work(i);
-        }
-    } catch (...) {
-        sweep.isEnding = true;
-        throw;
-    }
+    return {Judge(first, last), runs.isWrong || again.isWrong, KeptTimeLine(sweep, next)};
 }
 
 // Calls `work` for each number below count, in all threads. Returns early if a signal came.
 void ShareOut(Sweep& sweep, size_t count, const char* what,
               const std::function<void(Worker&, size_t)>& work) {
-    std::atomic<size_t> next = 0, done = 0;
-    const auto begin = [&](Worker& worker) {
-        return std::async(std::launch::async, Work, std::ref(sweep), std::ref(next), count,
-                          [&](size_t i) {
-                              work(worker, i);
-                              done++;
-                          });
+    std::atomic<size_t> begun = 0, done = 0;
+    const auto takeAll = [&](Worker& worker) {
+        try {
+            for (size_t i = begun++; i < count && !sweep.isEnding; i = begun++) {
+                work(worker, i);
+                done++;
+            }
+        } catch (...) {
+            sweep.isEnding = true;
+            throw;
+        }
     };
     std::vector<std::future<void>> threads;
     for (Worker& worker : sweep.workers) {
         try {
-            threads.push_back(begin(worker));
+            threads.push_back(std::async(std::launch::async, takeAll, std::ref(worker)));
         } catch (const std::system_error& error) {
             sweep.isEnding = true;
             throw Stop{2, std::string("a thread cannot be started: ") + error.what()};
         }
     }
+    int signal = 0;
     for (std::future<void>& thread : threads) {
-        while (thread.wait_for(std::chrono::seconds(0)) != std::future_status::ready) {
-            const int signal = TakeSignal(20);
-            sweep.result.interruptedBy = signal != 0 ? signal : sweep.result.interruptedBy;
+        while (thread.wait_for(std::chrono::milliseconds(20)) != std::future_status::ready) {
+            signal = signal == 0 ? TakeSignal(0) : signal;
             sweep.isEnding = sweep.isEnding || signal != 0;
-            if (sweep.options.progress) {
-                sweep.options.progress(done, count, what);
-            }
+            ShowProgress(done, count, what);
         }
+    }
+    ShowProgress(count, count, what); // nothing is left of it
+    if (signal != 0) {                // it may have ended a run, too
+        throw Stop{128 + signal, "interrupted"};
     }
     for (std::future<void>& thread : threads) {
-        if (sweep.result.interruptedBy == 0) { // else a run may have been interrupted, too
-            thread.get();
-        }
+        thread.get();
     }
-    if (done != count && sweep.result.interruptedBy == 0) {
+    if (done != count) {
         throw Stop{2, fmt::format("only {} of {} {} were tried", done, count, what)};
     }
 }
@@ -332,110 +274,80 @@ void ShareOut(Sweep& sweep, size_t count, const char* what,
 void RunBases(Sweep& sweep) {
     SweepResult& result = sweep.result;
     Worker& worker = sweep.workers.front();
-    for (size_t i = 0; i < sweep.scenarios.size() && result.interruptedBy == 0; i++) {
-        Following following = {i, nullptr, {}, {}, result.violations};
-        Prepare(sweep, worker, i, sweep.scenarios[i].before);
-        result.bases.push_back({Run(sweep, worker, SweepRun::BASE, following, std::nullopt)});
-        SweepBase& base = result.bases.back();
-        const Decision& decision = sweep.expected[i].decision;
-        base.timeLine = TimeLine(base.made.run);
-        base.verdict = VerdictOf(sweep, i, TakenImage(worker.phone), base.made.after);
-        base.why = base.verdict == decision.verdict ? WhyOf(decision) : SentenceOf(base.verdict);
-        (void)Run(sweep, worker, SweepRun::NEXT, following, std::nullopt); // for what it violates
-        std::vector<SweepJob> jobs = JobsOf(base.made.run, i);
+    result.bases.resize(sweep.scenarios.size());
+    for (size_t i = 0; i < sweep.scenarios.size(); i++) {
+        const SweepScenario& scenario = sweep.scenarios[i];
+        const Device device = DeviceOf(scenario.phone);
+        SweepBase& base = result.bases[i];
+        base.package = OpenPackage(scenario.package, device.identity.layout);
+        base.decision = Decide(base.package, device, scenario.before);
+        Runs runs = {0, i};
+        Prepare(sweep, worker, i, scenario.before);
+        base.run = Run(sweep, worker, SweepRun::BASE, runs);
+        base.timeLine = KeptTimeLine(sweep, base.run);
+        base.verdict = VerdictOf(sweep, i, TakenImage(worker.phone), base.run.after);
+        (void)Run(sweep, worker, SweepRun::NEXT, runs); // for what it violates
+        std::vector<SweepJob> jobs = JobsOf(base.run, i);
         if (sweep.options.select) {
-            sweep.options.select(base.made.run, jobs);
+            sweep.options.select(base.run, jobs);
         }
-        sweep.planned += jobs.size();
         result.jobs.insert(result.jobs.end(), jobs.begin(), jobs.end());
-        result.interruptedBy = TakeSignal(0);
+        StopIfInterrupted();
     }
 }
 
 // The distinct phones that the jobs have left, in the order of the jobs, each with the first job
 // that leaves it: if there is one, with one that does not tear a write.
-std::vector<Followed> Distinct(const std::vector<JobOutcome>& outcomes, SweepResult& result) {
-    std::vector<Followed> distinct;
+std::vector<const Start*> Distinct(const std::vector<std::vector<Start>>& starts,
+                                   SweepResult& result) {
+    std::vector<const Start*> distinct;
     std::map<Start, size_t> places;
-    for (size_t i = 0; i < outcomes.size(); i++) {
-        const SweepJob& job = result.jobs[i];
-        const bool isTorn = job.fault.effect == Effect::TORN;
-        SweepJobResult done = {{}, !outcomes[i].violations.empty(), outcomes[i].timeLine};
-        for (const auto& [losses, start] : outcomes[i].left) {
+    for (size_t i = 0; i < starts.size(); i++) {
+        for (size_t j = 0; j < starts[i].size(); j++) {
+            const Start& start = starts[i][j];
             const auto [place, isNew] = places.emplace(start, distinct.size());
+            result.results[i].left[j].state = place->second;
             if (isNew) {
-                distinct.push_back({start, &job, losses, isTorn});
+                distinct.push_back(&start);
+            } else if (IsTorn(*distinct[place->second]) && !IsTorn(start)) {
+                distinct[place->second] = &start;
             }
-            Followed& followed = distinct[place->second];
-            if (followed.isTorn && !isTorn) {
-                followed = {start, &job, losses, false};
-            }
-            done.left.push_back({losses, place->second});
         }
-        result.results.push_back(done);
     }
     return distinct;
 }
 
 void RunJobs(Sweep& sweep) {
     SweepResult& result = sweep.result;
-    std::vector<JobOutcome> outcomes(result.jobs.size());
-    ShareOut(sweep, outcomes.size(), "faults",
-             [&](Worker& worker, size_t i) { outcomes[i] = Do(sweep, worker, result.jobs[i]); });
-    for (const JobOutcome& outcome : outcomes) {
-        result.violations.insert(result.violations.end(), outcome.violations.begin(),
-                                 outcome.violations.end());
-    }
-    if (outcomes.size() != sweep.planned) {
-        throw Stop{2,
-                   fmt::format("only {} of {} faults were tried", outcomes.size(), sweep.planned)};
-    }
-    const std::vector<Followed> distinct = Distinct(outcomes, result);
-    std::vector<FollowOutcome> follows(distinct.size());
-    ShareOut(sweep, follows.size(), "phones that they leave",
-             [&](Worker& worker, size_t i) { follows[i] = Follow(sweep, worker, distinct[i], i); });
-    for (const FollowOutcome& follow : follows) {
-        result.states.push_back(follow.state);
-        result.violations.insert(result.violations.end(), follow.violations.begin(),
-                                 follow.violations.end());
-    }
+    result.results.resize(result.jobs.size());
+    std::vector<std::vector<Start>> starts(result.jobs.size());
+    ShareOut(sweep, starts.size(), "faults",
+             [&](Worker& worker, size_t i) { Do(sweep, worker, i, result.results[i], starts[i]); });
+    const std::vector<const Start*> distinct = Distinct(starts, result);
+    result.states.resize(distinct.size());
+    ShareOut(sweep, distinct.size(), "phones that they leave", [&](Worker& worker, size_t i) {
+        result.states[i] = Follow(sweep, worker, *distinct[i], i);
+    });
 }
 
 } // namespace
-
-bool operator<(const SweepTimeLine& one, const SweepTimeLine& other) {
-    const auto key = [](const SweepTimeLine& line) { return std::tie(line.scenario, line.common); };
-    const auto isLess = [](const TimeLineEntry& a, const TimeLineEntry& b) {
-        return std::pair(a.text, std::string_view(a.source)) <
-               std::pair(b.text, std::string_view(b.source));
-    };
-    return key(one) < key(other) ||
-           (key(one) == key(other) &&
-            std::lexicographical_compare(one.rest.begin(), one.rest.end(), other.rest.begin(),
-                                         other.rest.end(), isLess));
-}
 
 SweepResult RunSweep(const std::vector<SweepScenario>& scenarios, const SweepOptions& options) {
     const WorkFolder folder;
     // For speed, of the tool's runs: 8 MiB of each UFS run in fewer page faults.
     setenv("GLIBC_TUNABLES", "glibc.malloc.hugetlb=1", 0);
     const size_t processors = std::max(1U, std::thread::hardware_concurrency());
-    Sweep sweep = {scenarios, options, {}, {}};
-    for (const SweepScenario& scenario : scenarios) {
-        sweep.expected.push_back(ExpectedOf(scenario));
-    }
+    Sweep sweep = {scenarios, options};
     for (size_t i = 0; i < (options.threads > 0 ? options.threads : processors); i++) {
         sweep.workers.push_back({{fmt::format("{}/phone-{}", folder.path, i), {}}});
     }
     RunBases(sweep);
-    if (sweep.result.interruptedBy == 0) {
-        RunJobs(sweep);
-    }
-    // By scenario and call; of those at one call, in the order of the work.
-    std::stable_sort(sweep.result.violations.begin(), sweep.result.violations.end(),
+    RunJobs(sweep);
+    std::vector<SweepViolation>& violations = sweep.result.violations;
+    std::stable_sort(violations.begin(), violations.end(),
                      [](const SweepViolation& one, const SweepViolation& other) {
-                         return std::tie(one.scenario, one.call) <
-                                std::tie(other.scenario, other.call);
+                         return std::tie(one.scenario, one.call, one.order) <
+                                std::tie(other.scenario, other.call, other.order);
                      });
     sweep.result.runs = sweep.runs;
     return std::move(sweep.result);

@@ -4,13 +4,13 @@
 #pragma once
 
 #include "fwlab/base/text.h"
-#include "fwlab/phone/verdict.h"
+#include "fwlab/phone/decision.h"
 #include "fwlab/sweep/jobs.h"
 #include "fwlab/sweep/judge.h"
 
 #include <functional>
 #include <optional>
-#include <set>
+#include <unordered_set>
 
 // One run, for a check of all runs.
 struct SweepRun {
@@ -21,7 +21,7 @@ struct SweepRun {
     const RunResult* base; // the scenario's base run; may be this one
     const SweepJob* job;   // null for the base run and for normal runs after it
     std::string phone;     // its directory
-    const MadeRun* made;
+    const RunResult* run;
 };
 // Returns what is wrong with the run. Called in several threads at once.
 using SweepCheck = std::function<Texts(const SweepRun& run)>;
@@ -33,23 +33,18 @@ struct SweepOptions {
     // Called with the jobs of each scenario, in their order: may leave some out.
     std::function<void(const RunResult& base, std::vector<SweepJob>& jobs)> select = {};
     SweepCheck check = {};
-    // What was done so far, and of how many: faults, then phones that they have left.
-    std::function<void(size_t done, size_t all, const char* what)> progress = {};
 };
 
-// Both logs and the device's requests of a run, from where they differ from the base run's.
-struct SweepTimeLine {
-    size_t scenario;
-    size_t common; // lines at the beginning that are as in the base run
-    std::vector<TimeLineEntry> rest;
-};
-bool operator<(const SweepTimeLine& one, const SweepTimeLine& other);
+// Both logs and the device's requests of a run, in their order: each line is its source (log,
+// device or console), a blank and the text. The lines are among SweepResult.texts. Empty if not
+// kept.
+using SweepTimeLine = std::vector<const std::string*>;
 
 // A phone that a job has left, and what the normal run on it came to.
 struct SweepState {
     Verdict verdict;
-    bool isWrong;                  // a run that followed violates what must hold
-    const SweepTimeLine* timeLine; // of the normal run; null if they are not kept
+    bool isWrong;           // a run that followed violates what must hold
+    SweepTimeLine timeLine; // of the normal run
 };
 
 // What a job leaves: a state for each loss that its power cut may cause.
@@ -60,7 +55,7 @@ struct SweepLeft {
 struct SweepJobResult {
     std::vector<SweepLeft> left; // one at least
     bool isWrong;                // its own run violates what must hold
-    const SweepTimeLine* timeLine;
+    SweepTimeLine timeLine;
 };
 
 struct SweepViolation {
@@ -69,26 +64,28 @@ struct SweepViolation {
     // The fault of each run of the course that shows it, the last one's too; none: a normal run.
     std::vector<std::optional<Fault>> course;
     std::string detail; // of the caller's check
+    size_t order;       // of the work that has found it
 };
 
+// The run of a scenario without a fault.
 struct SweepBase {
-    MadeRun made;
-    std::vector<TimeLineEntry> timeLine = {};
+    Package package = {};
+    Decision decision = {}; // what was to be expected; points into the package
+    RunResult run = {};
+    SweepTimeLine timeLine = {};
     Verdict verdict = {};
-    std::string why = {}; // for people
 };
 
 struct SweepResult {
-    int interruptedBy = 0; // the signal that ended it early
     std::vector<SweepBase> bases;
     std::vector<SweepJob> jobs;          // by scenario and call
     std::vector<SweepJobResult> results; // of each job
     std::vector<SweepState> states;      // each distinct phone once
     std::vector<SweepViolation> violations;
     size_t runs = 0;
-    std::set<SweepTimeLine> timeLines; // each distinct one once
+    std::unordered_set<std::string> texts; // to which time lines point
 };
 
-// The result is the same for any number of threads. Stop if a phone cannot be made or run, or if a
-// single run could not be kept. Signals (see WorkFolder) end it early.
+// The result is the same for any number of threads. Stop if a phone cannot be made or run, if a
+// single run could not be kept, and if a signal interrupts it (see WorkFolder).
 SweepResult RunSweep(const std::vector<SweepScenario>& scenarios, const SweepOptions& options);

@@ -6,6 +6,7 @@
 
 #include <filesystem>
 #include <fnmatch.h>
+#include <regex>
 #include <sys/wait.h>
 
 namespace fs = std::filesystem;
@@ -34,6 +35,45 @@ inline Answer FwlabIn(const std::string& folder, const std::string& arguments,
     return Shell("cd " + folder + " && " + before + " " FWLAB_PATH " " + arguments);
 }
 
+// The status, and the texts between the stars in the output, in this order.
+inline void Expect(const Answer& answer, int status, const std::string& texts = "") {
+    EXPECT_EQ(answer.status, status) << answer.text;
+    EXPECT_EQ(fnmatch(("*" + texts + "*").c_str(), answer.text.c_str(), FNM_NOESCAPE), 0)
+        << "no " << texts << " in:\n"
+        << answer.text;
+}
+
+// What a command must say of a package and a phone.
+struct Told {
+    int status;
+    std::string texts, phone, package, options = "";
+};
+
+// Manifests of packages for the phones of the tests; with other lines in the entry, where a key
+// alone takes its line away.
+inline std::string EntryTable(std::string entry, const Texts& lines) {
+    for (const std::string& line : lines) {
+        const std::string key = line.substr(0, line.find(' '));
+        entry = std::regex_replace(entry, std::regex(key + " = [^\n]*\n"), "");
+        entry += line == key ? "" : line + "\n";
+    }
+    return "[[entry]]\n" + entry;
+}
+inline std::string UfsTable(const Texts& lines = {}) {
+    return EntryTable("manfid = '0x0001ce'\nproduct_name = 'SIMUFS128G-B0B1 '\nrevision = '0900'\n"
+                      "image = 'image'\n",
+                      lines);
+}
+inline std::string UfsManifest(const Texts& lines = {}) {
+    return "technology = 'ufs'\n" + UfsTable(lines);
+}
+inline std::string EmmcManifest(const Texts& lines = {}) {
+    return "technology = 'emmc'\n" +
+           EntryTable("manufacturer_id = 0x13\nproduct_name = 'SIM064'\next_csd_rev = 8\n"
+                      "revision = 'FW000002'\nimage = 'image'\n",
+                      lines);
+}
+
 class FwlabTest : public PhoneTest {
 protected:
     void SetUp() override {
@@ -52,12 +92,32 @@ protected:
         Put("/manifest.toml", manifest);
         return Fwlab("pack manifest.toml -o package " + options);
     }
-};
 
-// The status, and the texts between the stars in the output, in this order.
-inline void Expect(const Answer& answer, int status, const std::string& texts = "") {
-    EXPECT_EQ(answer.status, status) << answer.text;
-    EXPECT_EQ(fnmatch(("*" + texts + "*").c_str(), answer.text.c_str(), FNM_NOESCAPE), 0)
-        << "no " << texts << " in:\n"
-        << answer.text;
-}
+    void PutState(const std::string& folder, const Files& files) const {
+        fs::create_directories(Path(folder));
+        for (const auto& [name, content] : files) {
+            Put(folder + "/" + name, content);
+        }
+    }
+
+    // A phone at a place of its own, which is made anew.
+    void MakeAt(const std::string& place, const std::string& description) const {
+        std::string error;
+        fs::remove_all(Path(place));
+        Put("/phone.toml", description);
+        ASSERT_TRUE(MakePhone(DescriptionOf(Path("/phone.toml")), Path(place), error)) << error;
+    }
+
+    // The command has the package behind it.
+    void ExpectOf(const std::string& command, const std::string& package, int status,
+                  const std::string& texts) const {
+        Put("/package", package);
+        Expect(Fwlab(command + " package"), status, texts);
+    }
+    void ExpectTold(const std::string& command, const Told& told) const {
+        SCOPED_TRACE(told.texts);
+        Put("/phone.toml", told.phone);
+        ExpectOf(command + " --phone phone.toml " + told.options, told.package, told.status,
+                 told.texts);
+    }
+};

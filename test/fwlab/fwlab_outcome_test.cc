@@ -2,13 +2,7 @@
 // files that no run leaves. It may never say more than they tell.
 #include "test/fwlab/fwlab.h"
 
-#include "simphone/power_loss.h"
-
-#include <ctime>
 #include <fstream>
-#include <iomanip>
-#include <random>
-#include <regex>
 #include <sys/stat.h>
 
 namespace {
@@ -28,10 +22,6 @@ const std::string SECOND = Attempt(BEFORE, "A") + FIRST;
 const Files END = {{"ffu.end", ""}}, BEGIN = {{"ffu.bgn", ""}};
 const Files BOTH = {{"ffu.end", ""}, {"ffu.bgn", ""}};
 
-Files operator+(Files files, const Files& more) {
-    files.insert(more.begin(), more.end());
-    return files;
-}
 Files Ok(const std::string& time) {
     return {{"ffu.ok", time}};
 }
@@ -42,20 +32,7 @@ Files Recorded(const std::string& record) {
     return {{"fw_result", record}};
 }
 
-class OutcomeTest : public FwlabTest {
-protected:
-    void PutState(const std::string& folder, const Files& files) const {
-        fs::create_directories(Path(folder));
-        for (const auto& [name, content] : files) {
-            Put(folder + "/" + name, content);
-        }
-    }
-};
-
-unsigned FromEnvironment(const char* name, unsigned otherwise) {
-    const char* text = getenv(name);
-    return text == nullptr ? otherwise : static_cast<unsigned>(std::stoul(text));
-}
+using OutcomeTest = FwlabTest;
 
 void ExpectPrintable(const std::string& text) {
     for (const char c : text) {
@@ -91,7 +68,7 @@ TEST_F(OutcomeTest, SaysNoMoreThanTheFilesTell) {
         {1, "unknown: *earlier attempt", END + Ok(BEFORE_END) + Recorded(SECOND)},
         {1, "unknown: *earlier attempt", END + Fail(BEFORE_END) + Recorded(SECOND)},
         {1, "unknown: *both outcome flags", END + Ok(LAST_END) + Fail(LAST_END) + Recorded(FIRST)},
-        {1, "unknown: *both run flags*no attempt", BOTH},
+        {1, "unknown: no attempt*both run flags", BOTH},
         {1, "unknown: *both run flags", BOTH + Ok(LAST_END) + Recorded(FIRST)},
         {1, "unknown: *no attempt is on record", END + Ok(LAST_END)},
         {1, "unknown: *no attempt is on record", END + Files{{"ufs_fw_body.bin", "x"}}},
@@ -135,7 +112,7 @@ TEST_F(OutcomeTest, SaysNoMoreThanTheFilesTell) {
         {1, "record-unreadable: *memcpy_s error!", END + Recorded(Attempt(LAST, "123456789"))},
         {1, "record-unreadable: ", END + Ok(LAST_END) + Recorded(zeros)},
         {2, "not-pulled: there is no file", {}},
-        {2, "foreign: no file of a run", {{"ffu", "x"}, {"FW_RESULT", FIRST}}},
+        {2, "foreign: there are files, but none of a run", {{"ffu", "x"}, {"FW_RESULT", FIRST}}},
         {1, "*\"\\x1b[2J\"*\\x07", END + Recorded(Attempt("\a\n", "\x1b[2J"))},
     };
     for (const auto& row : rows) {
@@ -155,31 +132,25 @@ TEST_F(OutcomeTest, SaysNoMoreThanTheFilesTell) {
 }
 
 TEST_F(OutcomeTest, ReadsRegularFilesOnly) {
-    const struct {
-        std::string name, target, texts; // without a target: a FIFO
-    } rows[] = {
-        {"fw_result", "", "record-unreadable: *not a regular file"},
-        {"fw_result", "/dev/zero", "record-unreadable: *not a regular file"},
-        {"fw_result", "../record", "record-unreadable: *not a regular file"},
-        {"fw_result", ".", "record-unreadable: *not a regular file"},
-        {"ffu.ok", "", "unknown: ffu.ok is not a regular file"},
-        {"ffu.ok", "/dev/zero", "unknown: ffu.ok is not a regular file"},
-        {"ffu.end", "gone", "unknown: ffu.end is not a regular file"},
-    };
     Put("/record", FIRST);
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.name + " " + row.target);
+    const auto expect = [&](const std::string& name, const std::string& target, // "": a FIFO
+                            const std::string& text) {
         fs::remove_all(Path("/state"));
-        PutState("/state", END + Ok(LAST_END) + Recorded(FIRST));
-        const std::string file = Path("/state/" + row.name);
+        PutState("/state", END + Ok(LAST_END) + Recorded(FIRST) + Files{{name, ""}});
+        const std::string file = Path("/state/" + name);
         fs::remove(file);
-        if (row.target.empty()) {
+        if (target.empty()) {
             ASSERT_EQ(mkfifo(file.c_str(), 0600), 0);
         } else {
-            fs::create_symlink(row.target, file);
+            fs::create_symlink(target, file);
         }
-        Expect(Fwlab("outcome state"), 1, row.texts);
+        Expect(Fwlab("outcome state"), 1, text);
+    };
+    for (const char* target : {"", "/dev/zero", "../record", "."}) {
+        expect("fw_result", target, "record-unreadable: *not a regular file");
+        expect("ffu.ok", target, "unknown: ffu.ok is not a regular file");
     }
+    expect("ffu.end", "gone", "unknown: ffu.end is not a regular file");
 }
 
 TEST_F(OutcomeTest, ReadsTheEndOfLargeFiles) {
@@ -241,181 +212,4 @@ TEST_F(OutcomeTest, CountsAFleet) {
     // A phone that was pulled whole is one phone.
     PutState("/fleet/S1/proc/bootdevice", {{"rev", "0900\n"}});
     Expect(Fwlab("outcome fleet/S1"), 0, "updated: ");
-}
-
-// Courses of up to four runs of one phone: right clocks and wrong ones, firmware that the device
-// takes and refuses, failing calls, and power cuts with any loss of what was not synced. What is
-// said of the last attempt on record must be what the device and the tool did in its run.
-class OutcomeOfCourses : public PhoneTest {
-protected:
-    enum Clock { RIGHT, RESTARTS, IS_SET, STANDS_STILL, JUMPS };
-    static constexpr size_t FIRST_NUMBER = 10000; // of the directories below /states
-
-    struct Course {
-        bool isUfs, isPlain; // plain: without a fault
-        Clock clock;
-        bool isTaken, isRefused, isFailed, isLast; // the last attempt; it was made in the last run
-        bool runsWhole;                            // and that was not cut
-        std::string text;
-    };
-    std::mt19937 random{FromEnvironment("FFU_SEED", 1)};
-    time_t now = 0, start = 0; // the right time; at which a wrong clock starts
-    std::vector<Course> courses;
-
-    unsigned Below(unsigned end) {
-        return static_cast<unsigned>(random() % end);
-    }
-    static std::string In(const char* format, time_t time) {
-        tm parts = {};
-        std::ostringstream text;
-        text << std::put_time(localtime_r(&time, &parts), format);
-        return text.str();
-    }
-    // What a run's clock shows when it writes the record, and the outcome flag.
-    std::pair<time_t, time_t> Times(Clock clock) {
-        now += 2400 + (Below(2) == 0 ? Below(90) * 86400 : 0);
-        const time_t lasts = Below(5) == 0 ? Below(600) : Below(20);
-        const time_t jumps[] = {0, 0, 7, -7, 500, 1500, -1500, 3600, -3600, 86400, -86400};
-        const time_t wrong = start + 15 + Below(30);
-        switch (clock) {
-        case RIGHT:
-            return {now, now + lasts};
-        case RESTARTS:
-            return {wrong, wrong + lasts};
-        case IS_SET:
-            return {wrong, Below(2) == 0 ? now : wrong + lasts};
-        case STANDS_STILL:
-            return {start, start};
-        default:
-            start += jumps[Below(11)];
-            return {start, start + lasts};
-        }
-    }
-    std::string Fault() {
-        const unsigned ends[] = {150, 60, 45}; // the record and the flags are among the first ones
-        const std::string call = "any #" + std::to_string(1 + Below(ends[Below(3)]));
-        return Below(5) < 2 ? "" : call + (Below(4) == 0 ? " EIO" : " end");
-    }
-
-    void RunOnce(Course& course, const std::string& fault) {
-        const char* targets[] = {"0800", "0900", "1000", "1100", "1200"};
-        const std::string target = targets[Below(5)];
-        const bool refuses = Below(4) == 0;
-        const auto [begins, ends] = Times(course.clock);
-        Overrides keys = {{"clock", In("%Y-%m-%dT%H:%M:%S", begins)},
-                          {"firmware.revision", "'" + target + "'"}};
-        keys["faults"] = refuses && !course.isUfs ? "['FFU_INSTALL EIO']" : "[]";
-        if (course.isUfs) {
-            keys["write_buffer"] = refuses ? "'sense 5/26/00'" : "'good'";
-            Put(UFS_PACKAGE, UfsEntry(target));
-        } else {
-            keys["firmware.revision"] = "'" + target + "0000'";
-            Put(EMMC_PACKAGE, EmmcEntry(target + "0000"));
-        }
-        Put("/phone.toml", course.isUfs ? UfsPhone(keys) : NormalPhone(keys));
-        const StateDirectory before = ReadStateDirectory(directory);
-        const RunResult run = RunAnyhow({fault});
-        StateDirectory after = ReadStateDirectory(directory);
-        for (const CallEntry& call : run.calls) {
-            const std::string name = fs::path(call.path).filename();
-            if (call.function == "write" && call.error.empty() &&
-                (name == "ffu.ok" || name == "ffu.fail")) {
-                std::string& flag = after.files[name]; // ended later than the record was written
-                flag.replace(flag.size() - 25, 25, In("%a %b %e %H:%M:%S %Y\n", ends));
-            }
-        }
-        const bool isCut = run.signal != 0;
-        const auto survivals =
-            isCut ? Survivals(before, after, run.calls) : std::vector<Survival>{{{}, after}};
-        const Survival& survival = survivals[Below(static_cast<unsigned>(survivals.size()))];
-        ASSERT_TRUE(WriteStateDirectory(directory, survival.state));
-        const auto record = [](const StateDirectory& state) {
-            const auto found = state.files.find("fw_result");
-            return found == state.files.end() ? 0 : found->second.size();
-        };
-        course.isLast = record(survival.state) > record(before);
-        if (course.isLast) {
-            const std::string requests = Requests(run);
-            course.isTaken = std::regex_search(
-                requests, std::regex(course.isUfs ? "WRITE BUFFER.*-> GOOD" : "opcode=303.*-> 0"));
-            course.isRefused = !requests.empty() && !course.isTaken;
-            course.isFailed = Count(Steps(run), "UpdateResultFlag: upgrade to ") > 0;
-        }
-        course.runsWhole = !isCut;
-        course.isPlain = course.isPlain && fault.empty();
-        course.text += In("\n%F %T", begins) + In(" to %F %T", ends) + " " + target +
-                       (refuses ? ", refused " : " ") + fault + LossText(survival.losses);
-        if (isCut || Below(2) == 0) {
-            Reboot();
-        }
-    }
-
-    void RunCourse() {
-        const time_t starts[] = {10, 1230768000, 1772870000};
-        now = 1772870000 + Below(1000000);
-        start = starts[Below(3)];
-        Course course = {};
-        course.isUfs = Below(2) == 0;
-        course.isPlain = true;
-        course.clock = static_cast<Clock>(Below(5));
-        Make(course.isUfs ? UfsPhone() : NormalPhone());
-        for (unsigned runs = 1 + Below(4); runs > 0; runs--) {
-            RunOnce(course, Fault());
-        }
-        const fs::path states = fs::path(directory).parent_path() / "states";
-        const fs::path copy = states / std::to_string(FIRST_NUMBER + courses.size());
-        fs::create_directories(copy);
-        for (const auto& [name, content] : State()) {
-            ASSERT_TRUE(WriteWholeFile(copy / name, content.data(), content.size()));
-        }
-        courses.push_back(course);
-    }
-};
-
-TEST_F(OutcomeOfCourses, SaysOnlyWhatHappened) {
-    const unsigned count = FromEnvironment("FFU_COURSES", 300);
-    for (unsigned i = 0; i < count && !HasFailure(); i++) {
-        RunCourse();
-    }
-    const Answer answer = FwlabIn(fs::path(directory).parent_path(), "outcome --json states");
-    std::istringstream lines(answer.text);
-    std::map<std::string, size_t> states;
-    size_t wholes = 0, definite = 0;
-    for (std::string line; std::getline(lines, line);) {
-        const size_t number = line.find("states/") + 7, key = line.find("\"state\":\"") + 9;
-        const Course& course = courses.at(std::stoul(line.substr(number, 5)) - FIRST_NUMBER);
-        const std::string state = line.substr(key, line.find('"', key) - key);
-        SCOPED_TRACE(course.text + "\n" + line);
-        states[state]++;
-        const bool saysPassed = Count(line, ", passed: ") > 0, saysFailed = state == "failed";
-        EXPECT_TRUE(state != "updated" || saysPassed);
-        EXPECT_TRUE(!saysPassed || course.isTaken);
-        EXPECT_TRUE(!saysFailed || course.isFailed);
-        EXPECT_FALSE(saysFailed && course.isPlain && course.isTaken);
-        EXPECT_FALSE(state == "nothing-to-do" && Count(line, "\"to\":\"") > 0);
-        if (course.clock != RIGHT) {
-            continue;
-        }
-        if (course.isLast && course.runsWhole && (course.isTaken || course.isRefused)) {
-            wholes++;
-            definite += saysPassed || saysFailed;
-        }
-        if (course.isPlain && course.isLast) {
-            EXPECT_EQ(state == "updated", course.isTaken);
-            EXPECT_EQ(saysFailed, course.isRefused);
-        }
-    }
-    size_t all = 0;
-    for (const auto& [state, number] : states) {
-        printf("%-12s %zu\n", state.c_str(), number);
-        all += number;
-    }
-    printf("right clock, last run whole and with an attempt: %zu of %zu definite\n", definite,
-           wholes);
-    EXPECT_EQ(all, courses.size());
-    EXPECT_GE(10 * definite, 9 * wholes);
-    for (const char* state : {"updated", "nothing-to-do", "failed", "interrupted", "unknown",
-                              "stopped", "record-unreadable"}) {
-        EXPECT_GT(states[state], 0U) << state;
-    }
 }

@@ -19,7 +19,8 @@ protected:
 
     // A shell command in the test's directory, with its own place for temporary phones.
     Answer Shell(const std::string& line) const {
-        Put("/line", "cd " + directory + "\nexport TMPDIR=$PWD/tmp\n" + line + "\n");
+        Put("/line", "cd " + directory + "\nexport TMPDIR=$PWD/tmp SOURCE_DATE_EPOCH=1772874302\n" +
+                         line + "\n");
         return ::Shell("bash " + Path("/line"));
     }
     Answer Sweep(const std::string& arguments) const {
@@ -58,19 +59,36 @@ long Occurrences(const std::string& text, const std::string& part) {
     return count;
 }
 
-// Nothing in the page points nowhere or elsewhere.
-void ExpectWhole(const std::string& page) {
-    EXPECT_EQ(page.find("http"), std::string::npos);
-    EXPECT_EQ(page.find("<script"), std::string::npos);
-    const std::regex link("href=\"#([a-z0-9]+)\"");
-    for (auto at = std::sregex_iterator(page.begin(), page.end(), link);
-         at != std::sregex_iterator(); ++at) {
-        const std::string target = (*at)[1];
-        if (target != "closed" && page.find("id=\"" + target + "\"") == std::string::npos) {
-            ADD_FAILURE() << target;
-        }
+// What somebody signs, and nothing that is loaded from elsewhere or could be taken for a script.
+void ExpectWhole(const std::string& page, const std::string& verdict) {
+    for (const std::string& part :
+         {std::string("<code>package</code>, "),
+          " " + std::to_string(EmmcEntry().size()) + " bytes",
+          std::string("<dt>SHA-256</dt><dd><code>"), std::string("<dd>fwlab "),
+          std::string("2026-03-07T09:05:02Z"), verdict}) {
+        EXPECT_NE(page.find(part), std::string::npos) << part;
     }
-    EXPECT_NE(page.find("device  | GKI write "), std::string::npos);
+    EXPECT_EQ(page.find("http"), std::string::npos);
+    EXPECT_EQ(Occurrences(page, "<script"), 2);
+    EXPECT_EQ(Occurrences(page, "</script"), 2);
+}
+
+// A page in Chromium, in frames of both widths. The script sends texts; returns them.
+std::string InChromium(const std::string& folder, const std::string& page,
+                       const std::string& script) {
+    const auto put = [&](const char* name, const std::string& text) {
+        EXPECT_TRUE(WriteWholeFile(folder + name, text.data(), text.size()));
+    };
+    put("/page.html", page + "<script>{" + script + "}</script>");
+    put("/frames.html", "<script>onmessage = sent => document.body.append(sent.data)</script>"
+                        "<iframe src=page.html width=1280 height=900></iframe>"
+                        "<iframe src=page.html width=400 height=900></iframe>");
+    return Shell("cd " + folder +
+                 " && chromium --headless --no-sandbox --disable-gpu --disable-quic --no-first-run "
+                 "--disable-background-networking --disable-component-update --disable-sync "
+                 "--user-data-dir=$PWD/chromium --virtual-time-budget=20000 --dump-dom "
+                 "file://$PWD/frames.html")
+        .text;
 }
 
 } // namespace
@@ -107,10 +125,11 @@ TEST_F(FwlabSweepTest, TellsWhatPhonesAreLeftWith) {
     std::smatch calls;
     ASSERT_TRUE(std::regex_search(junit, calls,
                                   std::regex("name=\"gki.toml\" tests=\"(\\d+)\" "
-                                             "failures=\"0\"")));
+                                             "failures=\"0\" errors=\"0\" ")));
     EXPECT_EQ(Occurrences(junit, "classname=\"gki.toml\""), std::stol(calls[1]));
-    EXPECT_NE(junit.find("<testcase classname=\"other.toml\" name=\"the update without a fault\">"
-                         "<failure message=\"not updated\">nothing-to-do: "),
+    EXPECT_NE(junit.find("<testcase classname=\"other.toml\" name=\"the update without a fault\" "
+                         "time=\"0\"><failure type=\"not-updated\" message=\"not updated\">"
+                         "nothing-to-do: "),
               std::string::npos);
 
     // Whichever thread makes a run, all is the same, to the byte.
@@ -118,12 +137,50 @@ TEST_F(FwlabSweepTest, TellsWhatPhonesAreLeftWith) {
     EXPECT_EQ(Sweep(all + " --jobs 1").text, answer.text);
     EXPECT_EQ(Get("/page"), page);
     EXPECT_EQ(Get("/out.xml"), junit);
-    ExpectWhole(Get("/page"));
+    ExpectWhole(page, "0 violations in ");
+    EXPECT_NE(page.find("; not updated: other.toml."), std::string::npos);
+}
+
+TEST_F(FwlabSweepTest, ABarOpensThePanelOfItsFault) {
+    if (::Shell("command -v chromium").status != 0) {
+        GTEST_SKIP() << "there is no chromium here to look at the page";
+    }
+    Put("/package", EmmcEntry());
+    Put("/phone.toml", GkiPhone());
+    ASSERT_EQ(Sweep("package --phone phone.toml --html out.html").status, 0);
+    const std::string answers = InChromium(directory, Get("/out.html"), R"(
+        const bar = [...document.querySelectorAll(".course a")].find(
+            one => one.title.includes("write /data/vendor/fw/fw_result, it fails"));
+        const panel = document.getElementById("panel"), rows = document.querySelectorAll("tr");
+        const fits = () => document.documentElement.scrollWidth <= innerWidth &&
+                           panel.scrollWidth <= panel.clientWidth;
+        const next = () => new Promise(done => addEventListener("hashchange", done, {once: true}));
+        async function look() {
+            const all = {width: innerWidth, fits: fits()};
+            bar.click();
+            await next();
+            all.title = document.getElementById(panel.getAttribute("aria-labelledby")).textContent;
+            all.lines = panel.textContent.includes("log     | FFU process BeginFlag: remove ");
+            all.fitsOpen = fits();
+            all.isSeen = bar.getBoundingClientRect().bottom <= panel.getBoundingClientRect().top;
+            dispatchEvent(new KeyboardEvent("keydown", {key: "Escape"}));
+            await next();
+            all.closed = panel.hidden && document.activeElement === bar;
+            parent.postMessage(JSON.stringify(all), "*");
+        }
+        look().catch(wrong => parent.postMessage(String(wrong), "*"));)");
+    for (const char* width : {"1280", "400"}) {
+        const std::regex all("\\{\"width\":" + std::string(width) +
+                             ",\"fits\":true,\"title\":\"Call [0-9]+ write "
+                             "/data/vendor/fw/fw_result: it fails, EIO\",\"lines\":true,"
+                             "\"fitsOpen\":true,\"isSeen\":true,\"closed\":true\\}");
+        EXPECT_TRUE(std::regex_search(answers, all)) << answers;
+    }
 }
 
 // Each kind of violation is told, and its line, pasted, shows it.
 TEST_F(FwlabSweepTest, ViolationsAreToldAndCanBePasted) {
-    const std::string name = "it's <b>\x1b&.toml", word = "$'it\\'s <b>\\x1b&.toml'";
+    const std::string name = "it's <script>\"\x1b&.toml", word = "$'it\\'s <script>\"\\x1b&.toml'";
     Put("/package", EmmcEntry());
     std::string phone = GkiPhone();
     const size_t clock = phone.find("clock ="); // the sweep gives it one
@@ -164,10 +221,12 @@ TEST_F(FwlabSweepTest, ViolationsAreToldAndCanBePasted) {
             EXPECT_EQ(text.find('\x1b'), std::string::npos);
         }
         for (const char* file : {"/out.html", "/out.xml"}) {
-            EXPECT_EQ(Get(file).find("<b>\\"), std::string::npos) << file;
-            EXPECT_NE(Get(file).find("it&apos;s &lt;b&gt;\\x1b&amp;.toml"), std::string::npos);
+            EXPECT_NE(Get(file).find("it&apos;s &lt;script&gt;&quot;\\x1b&amp;.toml"),
+                      std::string::npos);
         }
-        EXPECT_NE(Get("/out.xml").find("<failure message=\"violation\">"), std::string::npos);
+        ExpectWhole(Get("/out.html"), " violations in ");
+        EXPECT_NE(Get("/out.xml").find("<failure type=\"violation\" message=\"violation\">"),
+                  std::string::npos);
     }
 }
 

@@ -1,37 +1,7 @@
 // What the workstation tool makes of manifests, packages and phones.
 #include "test/fwlab/fwlab.h"
 
-#include <regex>
 #include <sys/stat.h>
-
-namespace {
-
-// An entry table with other lines; a key alone takes its line away.
-std::string Entry(std::string entry, const Texts& lines) {
-    for (const std::string& line : lines) {
-        const std::string key = line.substr(0, line.find(' '));
-        entry = std::regex_replace(entry, std::regex(key + " = [^\n]*\n"), "");
-        entry += line == key ? "" : line + "\n";
-    }
-    return "[[entry]]\n" + entry;
-}
-
-std::string Ufs(const Texts& lines = {}) { // for the phones of the tests
-    return Entry("manfid = '0x0001ce'\nproduct_name = 'SIMUFS128G-B0B1 '\nrevision = '0900'\n"
-                 "image = 'image'\n",
-                 lines);
-}
-std::string UfsManifest(const Texts& lines = {}) {
-    return "technology = 'ufs'\n" + Ufs(lines);
-}
-std::string EmmcManifest(const Texts& lines = {}) {
-    return "technology = 'emmc'\n" +
-           Entry("manufacturer_id = 0x13\nproduct_name = 'SIM064'\next_csd_rev = 8\n"
-                 "revision = 'FW000002'\nimage = 'image'\n",
-                 lines);
-}
-
-} // namespace
 
 TEST_F(FwlabTest, FromManifestToUpdatedPhone) {
     const std::string body = Body(1000), emmc = EmmcEntry(EMMC_NEW_REV, body);
@@ -97,6 +67,7 @@ TEST_F(FwlabTest, PackRefuses) {
         {2, "0 to 255", EmmcManifest({"revision = [256, 1]"})},
         {2, "0 to 255", EmmcManifest({"manufacturer_id = 'E'"})},
         {2, "revision is missing", EmmcManifest({"revision"})},
+        {2, "manfid is missing", UfsManifest({"manfid"})},
         {2, "base_revisions is not", EmmcManifest({"base_revisions = 'A'"})},
         {2, "gone: No such file", UfsManifest({"image = 'gone'"})},
         {2, "mem: Input/output error", UfsManifest({"image = '/proc/self/mem'"})},
@@ -129,14 +100,15 @@ TEST_F(FwlabTest, PackRefuses) {
          EmmcManifest({"revision = [5, 1]", "base_revisions = [[4], [5]]"})},
         {1, "the update uses the product name \"KLUEG8U1EM-REWK\"", UfsManifest(original)},
         {1, "entry 2 at 0x41): entry 1 at 0x0 comes first and is for the same",
-         UfsManifest() + Ufs()},
+         UfsManifest() + UfsTable()},
         {1, "entry 2 at 0x41): entry 1 at 0x0 comes first and has the same product name",
-         UfsManifest() + Ufs({"revision = '1000'"})},
+         UfsManifest() + UfsTable({"revision = '1000'"})},
         {1, "the update selects entry 2 at 0x41: it uses the product name \"KLUEG8U1EM-REWK\"",
-         UfsManifest(original) + Ufs({"product_name = 'KLUEG8U1EM-REWK'", "revision = '1100'"})},
-        {1, "the update selects entry 1*a blank*into separate packages", lenient + Ufs()},
-        {1, "entry 2 (in the package entry 3 at 0x83): entry 2 at 0x42 comes first", other + Ufs(),
-         "xx" + UfsEntry("0850", "x")},
+         UfsManifest(original) +
+             UfsTable({"product_name = 'KLUEG8U1EM-REWK'", "revision = '1100'"})},
+        {1, "the update selects entry 1*a blank*into separate packages", lenient + UfsTable()},
+        {1, "entry 2 (in the package entry 3 at 0x83): entry 2 at 0x42 comes first",
+         other + UfsTable(), "xx" + UfsEntry("0850", "x")},
         {1, "1 MiB", EmmcManifest(), Body(0x100001)},
         {1, "8 MiB", UfsManifest(), Body(0x800001)},
     };
@@ -151,12 +123,14 @@ TEST_F(FwlabTest, PackRefuses) {
     Put("/image", Body(0x100001));
     Expect(Pack(EmmcManifest(), "--gki-only"), 0);
     Expect(Pack(EmmcManifest() + EmmcManifest().substr(20), "--gki-only"), 1, "comes first");
+    Put("/image", Body(0x800000));
+    Expect(Pack(UfsManifest()), 0);
     Put("/image", Body(0x100000));
     Expect(Pack(EmmcManifest()), 0);
     // One name for two devices: the pre-check's entry is another, but of the same revision.
     Expect(Pack(EmmcManifest() + EmmcManifest({"ext_csd_rev = 7"}).substr(20)), 0);
     // A device that the update renames is served by both of its entries.
-    const std::string renamed = Ufs({"product_name = 'KLUEG8U1EM-REWK'", "revision = '1000'"});
+    const std::string renamed = UfsTable({"product_name = 'KLUEG8U1EM-REWK'", "revision = '1000'"});
     Expect(Pack(UfsManifest(original) + renamed), 0);
     Expect(Fwlab("pack manifest.toml -o gone/package"), 2, "gone/package: No such file");
     fs::create_symlink("package", directory + "/link");
@@ -172,7 +146,6 @@ TEST_F(FwlabTest, ListFindsWhatPhonesPassOver) {
     const struct {
         std::string texts, package;
     } rows[] = {
-        {"is empty", ""},
         {"offset           71*the body reaches past the end",
          ufs + "pad" + With(ufs, UFS_SIZE_FIELD, BigEndian32(5))},
         {"offset           68*body_offset      132*entry 1 at 0x0 comes first",
@@ -183,10 +156,7 @@ TEST_F(FwlabTest, ListFindsWhatPhonesPassOver) {
         {"63 bytes from 0x44", ufs + ufs.substr(0, 63)}, // cut in a header
         {"no usable entry has*: entry 1 at 0x0 has no body", EmmcEntry(EMMC_NEW_REV, "")},
         {"its body is empty", UfsEntry(UFS_NEW_REV, "")},
-        {"8 is eMMC 5.1", With(EmmcEntry(), EMMC_REV_FIELD, "3")},
         {"the product name is empty", With(ufs, UFS_PNM_FIELD, "\n")},
-        {"larger than 8 MiB", UfsEntry(UFS_NEW_REV, Body(0x800001))},
-        {"no device can have", With(ufs, UFS_BASE_FIELD, "")},
         {"\\x1b[2J\\x07*0\\n\\x0d\\x9b*line feed", // control characters
          With(With(ufs, UFS_PNM_FIELD, "\x1b[2J\a"), UFS_REV_FIELD, "0\n\r\x9b")},
     };
@@ -202,21 +172,18 @@ TEST_F(FwlabTest, ListFindsWhatPhonesPassOver) {
         Expect(Fwlab("list --json package"), 1, "\"findings\": [");
     }
     // Slots that are left free admit nobody, whatever fills them.
-    Put("/package", With(With(ufs, UFS_BASE_FIELD, "0800" + std::string(12, '\xFF')), {52, 4}, ""));
-    Expect(Fwlab("list package"), 0, "base_revisions   \"0800\"\n");
-    Put("/package", With(EmmcEntry(), EMMC_PNM_FIELD, "UFSM12"));
-    Expect(Fwlab("list package"), 0, "manufacturer_id  19");
+    const std::string slots = "0800" + std::string(12, '\xFF');
+    ExpectOf("list", With(With(ufs, UFS_BASE_FIELD, slots), {52, 4}, ""), 0,
+             "base_revisions   \"0800\"\n");
+    ExpectOf("list", With(EmmcEntry(), EMMC_PNM_FIELD, "UFSM12"), 0, "manufacturer_id  19");
     // What pack admits.
-    for (const std::string& body : {"12" + other + other, "12" + EmmcEntry()}) {
-        Put("/package", UfsEntry(UFS_NEW_REV, body));
-        Expect(Fwlab("list package"), 0, body[2] == 'U' ? "note: a magic inside entry 1" : "");
-    }
-    Put("/package", EmmcEntry(EMMC_NEW_REV, Body(0x100001)));
-    Expect(Fwlab("list package"), 0, "note: the body is larger than 1 MiB");
-    Put("/package", UfsEntry(UFS_NEW_REV, Body(0x100001)));
-    Expect(Fwlab("list package"), 0, "note: the body is larger than the 1 MiB*max_hw_sectors_kb");
-    Put("/package", ufs + std::regex_replace(std::string(1200, 'x'), std::regex("x"), "UFSM"));
-    Expect(Fwlab("list package"), 2, "package: more than 1024 entries");
+    ExpectOf("list", UfsEntry("0900", "12" + other + other), 0, "note: a magic inside entry 1");
+    ExpectOf("list", UfsEntry("0900", "12" + EmmcEntry()), 0, "");
+    const std::string large = Body(0x100001);
+    ExpectOf("list", EmmcEntry(EMMC_NEW_REV, large), 0, "note: the body is larger than 1 MiB");
+    ExpectOf("list", UfsEntry("0900", large), 0, "note: *larger than the 1 MiB*max_hw_sectors_kb");
+    ExpectOf("list", ufs + std::regex_replace(std::string(1200, 'x'), std::regex("x"), "UFSM"), 2,
+             "package: more than 1024 entries");
 }
 
 TEST_F(FwlabTest, ListMapsLargePackages) {
@@ -229,57 +196,49 @@ TEST_F(FwlabTest, ListMapsLargePackages) {
 TEST_F(FwlabTest, MatchTellsBothDecisions) {
     const std::string record = "Sat Mar  7 09:05:02 2026\nproduct name:SIMUFS128G-B0B1 , "
                                "current fw version:0800, upgrading to version:";
-    const std::string ufs = UfsEntry(), strange = With(EmmcEntry(), EMMC_MID_FIELD, "\x11");
-    const std::string strangeOther = With(strange, EMMC_FW_REV_FIELD, "A");
-    const std::string oldName = With(UfsEntry("1000"), UFS_PNM_FIELD, "KLUEG8U1EM-B0B1\n");
-    const std::string newName = With(UfsEntry("1000"), UFS_PNM_FIELD, "KLUEG8U1EM-REWK");
+    const std::string ufs = UfsEntry(), emmc = EmmcEntry();
+    const std::string strange = With(emmc, EMMC_MID_FIELD, "\x11");
     const std::string large = EmmcEntry(EMMC_NEW_REV, Body(0x100001));
-    const Overrides renamed = {{"product_name", "\"KLUEG8U1EM-B0B1\\n\""}, {"revision", "'0900'"}};
-    const struct {
-        int status;
-        std::string texts, phone, package, record = "";
-    } rows[] = {
-        {1, "pre-check: ends here: no usable entry*has no body inside the package*No update.",
-         UfsPhone(), With(ufs, UFS_PNM_FIELD, "OTHER") + With(ufs, UFS_SIZE_FIELD, BigEndian32(5))},
-        {1, "ends here: no usable entry*No update.", GkiPhone(), EmmcEntry(EMMC_NEW_REV, "")},
+    const std::string wrong = "WRONG IMAGE: the pre-check selects ", second = "entry 2 at 0x44, ";
+    const std::string swapped = wrong + second + "the update selects entry 1 at 0x0";
+    const std::string renamed =
+        UfsPhone({{"product_name", "\"KLUEG8U1EM-B0B1\\n\""}, {"revision", "'0900'"}});
+    const auto named = [](const std::string& name, const std::string& rev = UFS_NEW_REV) {
+        return With(UfsEntry(rev), UFS_PNM_FIELD, name);
+    };
+    const Told rows[] = {
+        {1, "ends here: no usable entry*has no body inside the package*No update.", UfsPhone(),
+         named("OTHER") + With(ufs, UFS_SIZE_FIELD, BigEndian32(5))},
         {1, "ends here: selects entry 1 at 0x0, revision \"0800\"*No update.", UfsPhone(),
          UfsEntry("0800")},
         {1,
-         "not among its base revisions*would log: FFU process CheckBaseRev: Revision validity*"
-         "would log: FFU process CheckFwBin: local fw rev is not valid*No update.",
+         "not among its base revisions*log: FFU process CheckFwBin: local fw rev is not valid*No",
          UfsPhone(), With(ufs, UFS_BASE_FIELD, "0700")},
         {1, "entry 1 at 0x0 has \"SIMUFS128G-B0B1\\x00\", which differs only in blanks", UfsPhone(),
-         With(ufs, UFS_PNM_FIELD, "SIMUFS128G-B0B1")},
-        {1, "the package holds eMMC entries", UfsPhone(), EmmcEntry()},
+         named("SIMUFS128G-B0B1")},
+        {1, "the package holds eMMC entries", UfsPhone(), emmc},
         {1,
-         "pre-check: goes on*update: ends here*would log: FwVerCheck,line=248: *USED UP: its "
-         "revision is not newer*attempt for \"0700\" on record",
+         "pre-check: goes on*update: ends here*would log: FwVerCheck,line=248: *"
+         "USED UP: its revision is not newer*attempt for \"0700\" on record",
          UfsPhone(), UfsEntry("0700")},
         {1, "USED UP: entry 1 at 0x0 has manufacturer_id 17, the device 19", NormalPhone(),
          strange},
         {1, "USED UP: entry 1 at 0x0 has manfid \"0x1ce", UfsPhone(),
          With(ufs, UFS_MID_FIELD, "0x1ce\n")},
         {1, "USED UP: entry 1 at 0x0 has ext_csd_rev 51, the device 8", GkiPhone(),
-         With(EmmcEntry(), EMMC_REV_FIELD, "3")},
-        {1, "WRONG IMAGE: the pre-check selects entry 1 at 0x0, the update selects entry 2 at 0x34",
-         NormalPhone(), strangeOther + EmmcEntry()},
-        {1, "WRONG IMAGE: the pre-check selects entry 2 at 0x44, the update selects entry 1 at 0x0",
-         UfsPhone(), With(ufs, UFS_PNM_FIELD, "SIMUFS128G\n") + ufs}, // of one revision
-        {1, "WRONG IMAGE: the pre-check selects entry 2 at 0x44, the update selects entry 1 at 0x0",
-         UfsPhone(), With(ufs, UFS_PNM_FIELD, "SIMUFS128G-B0B1") + ufs}, // but for a blank
-        {1, "WRONG IMAGE: the pre-check selects entry 1 at 0x0, the update selects entry 2 at 0x44",
-         UfsPhone(), // which does not admit the revision that runs
+         With(emmc, EMMC_REV_FIELD, "3")},
+        {1, wrong + "entry 1 at 0x0, the update selects entry 2 at 0x34", NormalPhone(),
+         With(strange, EMMC_FW_REV_FIELD, "A") + emmc},
+        {1, swapped, UfsPhone(), named("SIMUFS128G\n") + ufs}, // of one revision
+        // The pre-check's entry does not admit the revision that runs.
+        {1, wrong + "entry 1 at 0x0, the update selects entry 2 at 0x44", UfsPhone(),
          With(ufs, UFS_MID_FIELD, "0x0001ad") + With(ufs, UFS_BASE_FIELD, "0700070007000700")},
-        {0, "An update to \"0900\": 4 bytes of entry 2", UfsPhone(),
-         With(ufs, UFS_MID_FIELD, "0x0001ad") + ufs},
         {1, "WRONG IMAGE: entry 2 at 0x46 lies inside the image of entry 1", UfsPhone(),
          With(UfsEntry("0900", "xxxxxx" + ufs), UFS_PNM_FIELD, "OTHER")},
         {1, "USED UP: the device is older than eMMC 5.0", GkiPhone({{"ext_csd_rev", "6"}}),
-         With(EmmcEntry(), EMMC_REV_FIELD, "\6")},
-        {0,
-         "selects entry 1*selects entry 2*would log: UpdateProductName,line=155: *"
-         "An update to \"1000\": 4 bytes of entry 2",
-         UfsPhone(renamed), oldName + newName},
+         With(emmc, EMMC_REV_FIELD, "\6")},
+        {0, "selects entry 1*selects entry 2*An update to \"1000\": 4 bytes of entry 2", renamed,
+         named("KLUEG8U1EM-B0B1\n", "1000") + named("KLUEG8U1EM-REWK", "1000")},
         {1, "USED UP: the body is larger than 8 MiB", UfsPhone(), UfsEntry("0900", Body(0x800001))},
         {1, "USED UP: its body is empty", UfsPhone(), UfsEntry("0900", "")},
         {1, "USED UP: the body is larger than 1 MiB", NormalPhone(), large},
@@ -291,140 +250,86 @@ TEST_F(FwlabTest, MatchTellsBothDecisions) {
         {1, "goes on*record: ends here*\"0800\" to \"0900\"*already attempted: *No update.",
          UfsPhone(), ufs, record + "0900\n"},
         {0, "record: goes on", UfsPhone(), ufs, record + "0850\n"},
-        {1,
-         "cannot parse the record*would log: FFU process SubParseResultFile: Parse base rev "
-         "failed!",
+        {1, "cannot parse the record*log: FFU process SubParseResultFile: Parse base rev failed!",
          UfsPhone(), ufs, record},
     };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.texts);
-        Put("/phone.toml", row.phone);
-        Put("/package", row.package);
-        Put("/record", row.record);
-        const std::string option = row.record.empty() ? "" : " --record record";
-        Expect(Fwlab("match package --phone phone.toml" + option), row.status, row.texts);
+    for (const Told& row : rows) { // the option is a record
+        Put("/record", row.options);
+        ExpectTold("match", {row.status, row.texts, row.phone, row.package,
+                             row.options.empty() ? "" : "--record record"});
     }
     // What a device answers and which calls fail, match does not know.
-    Put("/package", ufs);
-    Put("/phone.toml",
-        UfsPhone({{"write_buffer", "['good', 'sense 5/26/00']"}, {"faults", "'SG_IO EIO'"}}));
-    Expect(Fwlab("match package --phone phone.toml"), 0,
-           "Note: write_buffer in the description is not looked at*Note: faults in the");
-    Expect(Fwlab("match --json package --phone phone.toml"), 0,
-           "\"not_looked_at\": [*\"write_buffer\",*\"faults\"");
+    const std::string answers =
+        UfsPhone({{"write_buffer", "['good', 'sense 5/26/00']"}, {"faults", "'SG_IO EIO'"}});
+    ExpectTold("match",
+               {0, "Note: write_buffer in the description is not looked at*Note: faults in",
+                answers, ufs});
+    ExpectTold("match",
+               {0, "\"not_looked_at\": [*\"write_buffer\",*\"faults\"", answers, ufs, "--json"});
     // An empty revision goes on record, too.
-    Put("/package", EmmcEntry(std::string(8, '\0')));
-    Put("/phone.toml", GkiPhone());
-    Expect(Fwlab("match --json package --phone phone.toml"), 0, "\"recorded\": \"\"");
-    Put("/package", With(EmmcEntry(), EMMC_BASE_FIELD, std::string("\5\0\0\0\0\0\0\0\6", 9)));
-    const std::string match = "match package --phone phone.toml --set ";
-    Expect(Fwlab(match + "'revision=\\x05'"), 0, "runs \"\\x05\\x00");
-    Expect(Fwlab(match + "'revision=\\x05\\x01'"), 1, "not among its base revisions");
+    ExpectTold("match",
+               {0, "\"recorded\": \"\"", GkiPhone(), EmmcEntry(std::string(8, '\0')), "--json"});
+    const std::string bytes = With(emmc, EMMC_BASE_FIELD, std::string("\5\0\0\0\0\0\0\0\6", 9));
+    ExpectTold("match", {0, "runs \"\\x05\\x00", GkiPhone({{"revision", "[5]"}}), bytes});
+    ExpectTold("match",
+               {1, "not among its base revisions", GkiPhone({{"revision", "[5, 1]"}}), bytes});
     // A run reads four bytes of the node, and the node has a line feed behind the revision.
-    Put("/package", UfsEntry());
-    Put("/phone.toml", UfsPhone());
-    Expect(Fwlab(match + "revision=08"), 1, "revision has fewer than 3 bytes");
-    Expect(Fwlab(match + "revision=080"), 1,
-           "RECORD UNREADABLE: the running or the new revision has a line feed");
+    ExpectTold("match",
+               {1, "revision has fewer than 3 bytes", UfsPhone({{"revision", "'08'"}}), ufs});
+    ExpectTold("match", {1, "RECORD UNREADABLE: the running or the new revision has a line feed",
+                         UfsPhone({{"revision", "'080'"}}), ufs});
 }
-
-namespace {
-
-struct Setting {
-    std::string key, value; // as --set has it
-    std::string toml;       // the same value in a description
-};
-
-std::string Options(const std::vector<Setting>& settings) {
-    std::string options;
-    for (const Setting& setting : settings) {
-        options += " --set '" + setting.key + "=" + setting.value + "'";
-    }
-    return options;
-}
-
-Overrides KeysOf(const std::vector<Setting>& settings) {
-    Overrides keys;
-    for (const Setting& setting : settings) {
-        keys[setting.key] = setting.toml;
-    }
-    return keys;
-}
-
-} // namespace
 
 // Every key that decides an answer, each alone and all together.
 TEST_F(FwlabTest, SettingsMakeThePhoneThatADescriptionMakes) {
-    const std::vector<Setting> ufs = {
-        {"manfid", "0x0001ad", "\"0x0001ad\\n\""},
-        {"product_name", "SIMUFS128G", "\"SIMUFS128G\\n\""},
-        {"revision", "07\\x00\\x01", "[48, 55, 0, 1]"},
-        {"max_hw_sectors_kb", "4", "4"},
-        {"firmware.revision", "1000", "'1000'"},
+    struct Case {
+        std::string plain, described, package;
+        Texts settings;
     };
-    const std::vector<Setting> emmc = {
-        {"cid.product_name", "SI\\n\\\\=4", "\"SI\\n\\\\=4\""},
-        {"cid.manufacturer_id", "0x11", "17"},
-        {"ext_csd_rev", "7", "7"},
-        {"revision", "\\x05\\xff", "[5, 255]"},
-        {"mode", "normal", "'normal'"},
-        {"firmware.revision", "FW000003", "'FW000003'"},
-    };
-    Put("/ufs", With(UfsEntry(UFS_NEW_REV, Body(5000)), UFS_BASE_FIELD, "0800080008000800"));
-    Put("/emmc",
-        With(EmmcEntry(EMMC_NEW_REV, Body(0x100001)), EMMC_BASE_FIELD, EMMC_REV + EMMC_REV));
-    for (const bool isUfs : {true, false}) {
-        const auto make = isUfs ? UfsPhone : GkiPhone;
-        const std::vector<Setting>& all = isUfs ? ufs : emmc;
-        const std::string package = isUfs ? "ufs" : "emmc";
-        const auto answers = [&](const std::string& command, const std::vector<Setting>& settings) {
-            SCOPED_TRACE(Options(settings));
-            Put("/phone.toml", make({}));
-            Put("/set.toml", make(KeysOf(settings)));
-            const std::string begin = command + " --json " + package + " --phone ";
-            const Answer set = Fwlab(begin + "phone.toml" + Options(settings));
-            const Answer file = Fwlab(begin + "set.toml");
-            EXPECT_EQ(set.status, file.status);
-            EXPECT_EQ(set.text, file.text);
-            return set.text;
-        };
-        const std::string plain = answers("match", {});
-        for (const Setting& setting : all) {
-            EXPECT_EQ(answers("match", {setting}) == plain, setting.key == "firmware.revision");
+    const Case cases[] = {
+        {UfsPhone(),
+         UfsPhone({{"manfid", "\"0x0001ad\\n\""},
+                   {"product_name", "\"SIMUFS128G\\n\""},
+                   {"revision", "[48, 55, 0, 1]"},
+                   {"max_hw_sectors_kb", "4"},
+                   {"firmware.revision", "'1000'"}}),
+         With(UfsEntry(UFS_NEW_REV, Body(5000)), UFS_BASE_FIELD, "0800080008000800"),
+         {"firmware.revision=1000", "manfid=0x0001ad", "product_name=SIMUFS128G",
+          "revision=07\\x00\\x01", "max_hw_sectors_kb=4"}},
+        {GkiPhone(),
+         NormalPhone({{"cid.product_name", "\"SI\\n\\\\=4\""},
+                      {"cid.manufacturer_id", "17"},
+                      {"ext_csd_rev", "7"},
+                      {"revision", "[5, 255]"},
+                      {"firmware.revision", "'FW000003'"}}),
+         With(EmmcEntry(EMMC_NEW_REV, Body(0x100001)), EMMC_BASE_FIELD, EMMC_REV + EMMC_REV),
+         {"firmware.revision=FW000003", "cid.product_name=SI\\n\\\\=4", "cid.manufacturer_id=0x11",
+          "ext_csd_rev=7", "revision=\\x05\\xff", "mode=normal"}}};
+    for (const Case& one : cases) {
+        Put("/plain.toml", one.plain);
+        Put("/described.toml", one.described);
+        Put("/package", one.package);
+        std::string all;
+        const std::string match = "match --json package --phone plain.toml",
+                          rehearse = "rehearse --json package --phone ";
+        const std::string plain = Fwlab(match).text;
+        for (const std::string& setting : one.settings) { // the first one is the firmware's
+            all += " --set '" + setting + "'";
+            const Answer alone = Fwlab(match + " --set '" + setting + "'");
+            EXPECT_EQ(alone.text == plain, setting == one.settings[0]) << setting << alone.text;
         }
-        EXPECT_NE(answers("match", all), plain);
-        EXPECT_NE(answers("rehearse", all), answers("rehearse", {}));
+        EXPECT_EQ(Fwlab(match + all).text,
+                  Fwlab("match --json package --phone described.toml").text);
+        EXPECT_EQ(Fwlab(rehearse + "plain.toml" + all).text,
+                  Fwlab(rehearse + "described.toml").text);
+        EXPECT_NE(Fwlab(rehearse + "plain.toml" + all).text, Fwlab(rehearse + "plain.toml").text);
     }
-}
-
-TEST_F(FwlabTest, SettingsThatNoDescriptionCanHaveAreRefused) {
-    const struct {
-        std::string text, setting;
-    } rows[] = {
-        {"phone.toml: unknown key: colour", "colour=1"},
-        {"phone.toml: *revision is not", "revision=08000"},
-        {"revision=*backslash", "revision=\\x5"},
-        {"phone.toml: max_hw_sectors_kb is not", "max_hw_sectors_kb=many"},
-        {"phone.toml: max_hw_sectors_kb is not", "max_hw_sectors_kb=-1"},
-        {"phone.toml: write_buffer: ", "write_buffer=\"perhaps\""},
-        {"revision: is not KEY=VALUE", "revision"},
-        {"=1: is not KEY=VALUE", "=1"},
-        {"cid.product_name=SIM064", "cid.product_name=SIM064"}, // of an eMMC phone
-    };
-    Put("/package", UfsEntry());
-    Put("/phone.toml", UfsPhone());
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.setting);
-        for (const std::string command : {"match", "rehearse --keep kept"}) {
-            Expect(Fwlab(command + " package --phone phone.toml --set '" + row.setting + "'"), 2,
-                   "fwlab: *" + row.text);
-            EXPECT_FALSE(fs::exists(directory + "/kept"));
-        }
-    }
-    Put("/phone.toml", GkiPhone());
-    const std::string emmc = "match package --phone phone.toml --set ";
-    Expect(Fwlab(emmc + "cid.product_name=SIM06"), 2, "product_name is not 6 characters");
-    Expect(Fwlab(emmc + "cid.manufacturer_id=256"), 2, "manufacturer_id is not a number");
+    const std::string options = " package --phone plain.toml --set "; // of the eMMC phone
+    Expect(Fwlab("rehearse --keep kept" + options + "colour=1"), 2, "plain.toml: unknown key: col");
+    EXPECT_FALSE(fs::exists(directory + "/kept"));
+    Expect(Fwlab("match" + options + "cid.product_name=SIM06"), 2, "name is not 6 characters");
+    Expect(Fwlab("match" + options + "cid.manufacturer_id=256"), 2, "id is not a number");
+    Expect(Fwlab("match" + options + "product_name=SIM064"), 2, "unknown key: product_name");
 }
 
 TEST_F(FwlabTest, RehearseTellsWhatHasBecomeOfThePhone) {
@@ -432,10 +337,7 @@ TEST_F(FwlabTest, RehearseTellsWhatHasBecomeOfThePhone) {
     const std::string again = "--reboot-and-run-again ";
     const std::string inside =
         With(UfsEntry("0900", "xxxxxx" + UfsEntry()), UFS_PNM_FIELD, "OTHER");
-    const struct {
-        int status;
-        std::string texts, phone, package, options = "";
-    } rows[] = {
+    const Told rows[] = {
         {1, "runs \"0900\", from 0 bytes*NOT entry 1 at 0x0*is NOT updated: nothing-to-do: ",
          UfsPhone({{"revision", "'0900'"}}), UfsEntry()},
         {1,
@@ -471,19 +373,15 @@ TEST_F(FwlabTest, RehearseTellsWhatHasBecomeOfThePhone) {
          "The phone is updated, but it reports another revision",
          GkiPhone({{"firmware.revision", "'FW3'"}}), EmmcEntry()},
     };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.texts);
-        Put("/phone.toml", row.phone);
-        Put("/package", row.package);
-        Expect(Fwlab("rehearse package --phone phone.toml --keep kept " + row.options), row.status,
-               row.texts);
+    for (const Told& row : rows) {
+        ExpectTold("rehearse --keep kept", row);
         EXPECT_TRUE(fs::remove_all(directory + "/kept") > 0);
     }
     // Nothing is left of a rehearsal that did not come about.
     const std::string wrong = "rehearse package --phone phone.toml --keep kept --fault ";
     Expect(Fwlab(wrong + "'open sometimes'"), 2, "sometimes");
     Expect(Fwlab(wrong + "'SG_IO EIO' --fault 'fsync EIO'"), 2,
-           "this fault met no call of the run: SG_IO EIO");
+           "faults that met no call of the run: SG_IO EIO");
     Expect(Fwlab("rehearse package --phone phone.toml --keep ''"), 2, "--keep: is empty");
     EXPECT_EQ(std::distance(fs::directory_iterator(directory), {}), 2);
 }

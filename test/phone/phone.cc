@@ -108,6 +108,11 @@ Description DescriptionOf(const std::string& file, const Texts& settings) {
     return phone;
 }
 
+unsigned FromEnvironment(const char* name, unsigned otherwise) {
+    const char* text = getenv(name);
+    return text == nullptr ? otherwise : static_cast<unsigned>(std::stoul(text));
+}
+
 void ExpectProperCalls(const RunResult& result) {
     std::string pathBefore;
     for (const CallEntry& call : result.calls) {
@@ -155,13 +160,13 @@ std::string BigEndian32(uint32_t number) {
 }
 
 std::string Body(size_t size) {
-    std::string body(size, '\0');
-    uint32_t state = 1;
-    for (char& byte : body) {
+    static std::string bytes; // all that were asked for so far
+    static uint32_t state = 1;
+    while (bytes.size() < size) {
         state = state * 1664525 + 1013904223;
-        byte = static_cast<char>(state >> 24 | 0x80); // no ASCII
+        bytes += static_cast<char>(state >> 24 | 0x80); // no ASCII
     }
-    return body;
+    return bytes.substr(0, size);
 }
 
 std::string EmmcEntry(const std::string& rev, const std::string& body) {

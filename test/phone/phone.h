@@ -14,9 +14,13 @@
 #include <vector>
 
 using Texts = std::vector<std::string>;
-using Overrides = std::map<std::string, std::string>; // keys of a description, values in TOML
-using Files = std::map<std::string, std::string>;     // path on the phone and content
-inline const std::string MISSING = "<missing>";       // the content of a file that is not there
+using Overrides = std::map<std::string, std::string>;    // keys of a description, values in TOML
+using Files = std::map<std::string, std::string>;        // path on the phone and content
+inline Files operator+(Files files, const Files& more) { // of two with one path, the first
+    files.insert(more.begin(), more.end());
+    return files;
+}
+inline const std::string MISSING = "<missing>"; // the content of a file that is not there
 
 // The two phones of the tests, and the firmware that they run.
 inline const std::string EMMC_PNM = "SIM064";
@@ -42,6 +46,9 @@ std::vector<Fault> Faults(const Texts& texts);
 Texts FaultTexts(const std::vector<Fault>& faults);
 // What a file says; throws if it describes no phone.
 Description DescriptionOf(const std::string& file, const Texts& settings = {});
+
+// A number from the environment, such as a seed.
+unsigned FromEnvironment(const char* name, unsigned otherwise);
 
 // The shipped descriptions; `overrides` replaces or adds keys, such as {{"ext_csd_rev", "6"}}.
 std::string GkiPhone(const Overrides& overrides = {});

@@ -182,18 +182,18 @@ void CheckOutcome(const Scenario& scenario, const RunResult& run, const std::str
 
 // A run to its end, on a phone that had the state files before.
 void CheckRun(const Scenario& scenario, const SweepRun& swept) {
-    const MadeRun& made = *swept.made;
-    ExpectAllGivenBack(made.run);
-    CheckRecord(scenario, made.run, made.before.files, made.after.files);
-    CheckFlags(made.run, made.before.files, made.after.files);
+    const RunResult& run = *swept.run;
+    ExpectAllGivenBack(run);
+    CheckRecord(scenario, run, run.before.files, run.after.files);
+    CheckFlags(run, run.before.files, run.after.files);
     std::string downloaded;
     (void)ReadWholeFile(swept.phone + "/device/downloaded.bin", downloaded); // there may be none
-    CheckOutcome(scenario, made.run, downloaded);
+    CheckOutcome(scenario, run, downloaded);
 }
 
 void CheckFailingCall(const Scenario& scenario, const SweepRun& swept) {
     CheckRun(scenario, swept);
-    const RunResult &run = swept.made->run, &base = *swept.base;
+    const RunResult &run = *swept.run, &base = *swept.base;
     if (HasFailed(base.calls[swept.job->call])) {
         return; // as it did without the fault
     }
@@ -203,19 +203,19 @@ void CheckFailingCall(const Scenario& scenario, const SweepRun& swept) {
     const bool isStarted = Find(run, "remove", OK) != nullptr; // an update
     const bool mustStop = !MayGoOn(call) && EffectText(fault) == "EIO";
     if (!isStarted && mustStop && call.function != "access") {
-        EXPECT_EQ(swept.made->after.files.count(END), 0U);
+        EXPECT_EQ(run.after.files.count(END), 0U);
     }
     EXPECT_TRUE(Steps(run) + run.console != Steps(base) + base.console ||
                 std::regex_match(failure, SILENT));
 }
 
 // What lies there before anything unsynced is lost.
-void CheckPowerCut(const Scenario& scenario, const MadeRun& made) {
-    const Files left = made.after.files;
-    CheckRecord(scenario, made.run, scenario.files, left);
+void CheckPowerCut(const Scenario& scenario, const RunResult& run) {
+    const Files left = run.after.files;
+    CheckRecord(scenario, run, scenario.files, left);
     EXPECT_FALSE(left.count(BEGIN) && left.count(END));
     EXPECT_FALSE(left.count(OK) && left.count(FAIL));
-    const std::string updates = Updates(made.run);
+    const std::string updates = Updates(run);
     for (const std::string& flag : {OK, FAIL}) {
         if (left.count(flag)) { // of the attempt before until the device is asked
             const bool isOld = left.at(flag) == OLD_TIME;
@@ -229,34 +229,14 @@ void CheckPowerCut(const Scenario& scenario, const MadeRun& made) {
 // attempt that is not on record is made, and no other.
 void CheckNext(const Scenario& scenario, const SweepRun& swept) {
     CheckRun(scenario, swept);
-    const MadeRun& made = *swept.made;
-    Files before = made.before.files, first = scenario.files;
+    const RunResult& run = *swept.run;
+    Files before = run.before.files, first = scenario.files;
     const std::string record = before[RECORD];
-    const bool isThere = made.before.files.count(RECORD) > 0;
+    const bool isThere = run.before.files.count(RECORD) > 0;
     const bool isOld = isThere == (scenario.files.count(RECORD) > 0) && record == first[RECORD];
-    EXPECT_EQ(Updates(made.run), isOld ? scenario.updates : "");
+    EXPECT_EQ(Updates(run), isOld ? scenario.updates : "");
     const bool isWhole = !isThere || isOld || Contains(record, ATTEMPTS[scenario.isUfs]);
-    EXPECT_EQ(IsStuck(made.run), !isWhole);
-}
-
-void CheckKind(const Scenario& scenario, const SweepRun& swept) {
-    switch (swept.kind) {
-    case SweepRun::BASE:
-        EXPECT_EQ(Updates(swept.made->run), scenario.updates);
-        CheckRun(scenario, swept);
-        break;
-    case SweepRun::FAILING_CALL:
-        CheckFailingCall(scenario, swept);
-        break;
-    case SweepRun::POWER_CUT:
-        CheckPowerCut(scenario, *swept.made);
-        break;
-    case SweepRun::NEXT:
-        CheckNext(scenario, swept);
-        break;
-    case SweepRun::LATER_CUT:
-        break;
-    }
+    EXPECT_EQ(IsStuck(run), !isWhole);
 }
 
 // The failures that this thread has found, as texts: the sweep knows in which run.
@@ -265,7 +245,16 @@ Texts Check(const Scenario& scenario, const SweepRun& swept) {
     {
         const testing::ScopedFakeTestPartResultReporter reporter(
             testing::ScopedFakeTestPartResultReporter::INTERCEPT_ONLY_CURRENT_THREAD, &failures);
-        CheckKind(scenario, swept);
+        if (swept.kind == SweepRun::BASE) {
+            EXPECT_EQ(Updates(*swept.run), scenario.updates);
+            CheckRun(scenario, swept);
+        } else if (swept.kind == SweepRun::FAILING_CALL) {
+            CheckFailingCall(scenario, swept);
+        } else if (swept.kind == SweepRun::POWER_CUT) {
+            CheckPowerCut(scenario, *swept.run);
+        } else if (swept.kind == SweepRun::NEXT) {
+            CheckNext(scenario, swept);
+        }
     }
     Texts found;
     for (int i = 0; i < failures.size(); i++) {
@@ -275,49 +264,40 @@ Texts Check(const Scenario& scenario, const SweepRun& swept) {
     return found;
 }
 
-// What was tried in the scenarios so far.
+// What was tried in the scenarios so far: beginnings of runs, one call longer each, and torn
+// writes.
 struct Tried {
-    std::map<std::pair<size_t, std::string>, size_t> beginnings; // of runs: one call longer each
-    std::set<std::string> tornWrites;
+    std::set<std::string> texts;
     size_t jobs = 0;
 };
 
-// The calls up to which no earlier scenario ran the same; of more than eight calls of a function on
-// one path, such as those of the UFS trigger test, the first, a middle one and the last.
-std::set<size_t> NewCalls(const RunResult& base, Tried& tried) {
+// Leaves out the jobs that would hardly differ from others: at a call up to which an earlier
+// scenario ran the same, and a write that was torn before. Of more than eight calls of a function
+// on one path, such as those of the UFS trigger test, the first, a middle one and the last stay.
+void Select(const RunResult& base, bool hadState, Tried& tried, std::vector<SweepJob>& jobs) {
     std::map<std::string, long> count, rank;
     for (const CallEntry& call : base.calls) {
         count[call.function + " " + call.path]++;
     }
-    std::set<size_t> calls;
-    size_t beginning = 0; // the run up to here, by its number among those that were tried
+    std::set<size_t> calls, torn;
+    std::string beginning;
     for (size_t i = 0; i < base.calls.size(); i++) {
-        const std::string kind = base.calls[i].function + " " + base.calls[i].path;
-        const long place = ++rank[kind], last = count[kind];
-        const auto [known, isNew] = tried.beginnings.try_emplace(
-            {beginning, kind + " " + base.calls[i].error}, tried.beginnings.size() + 1);
-        beginning = known->second;
-        if (isNew && (last <= 8 || place == 1 || place == last / 2 || place == last)) {
-            calls.insert(i);
-        }
-    }
-    return calls;
-}
-
-// Leaves out the jobs that would hardly differ from others.
-void Select(const RunResult& base, bool hadState, Tried& tried, std::vector<SweepJob>& jobs) {
-    const std::set<size_t> calls = NewCalls(base, tried);
-    std::set<size_t> torn;
-    for (const size_t i : calls) {
         const CallEntry& call = base.calls[i];
-        if (call.function == "write" &&
-            tried.tornWrites.insert(call.path + " " + call.result + (hadState ? "+" : "")).second) {
-            torn.insert(i);
+        const std::string kind = call.function + " " + call.path;
+        const long place = ++rank[kind], last = count[kind];
+        beginning = std::to_string(std::hash<std::string>()(beginning + kind + call.error));
+        if (tried.texts.insert(beginning).second &&
+            (last <= 8 || place == 1 || place == last / 2 || place == last)) {
+            calls.insert(i);
+            const std::string write = kind + " " + call.result + (hadState ? "+" : "");
+            if (call.function == "write" && tried.texts.insert(write).second) {
+                torn.insert(i);
+            }
         }
     }
     const auto isLeftOut = [&](const SweepJob& job) {
-        const bool isRepeat = calls.count(job.call) == 0 ||
-                              (job.fault.effect == Effect::TORN && torn.count(job.call) == 0);
+        const bool isTorn = job.fault.effect == Effect::TORN;
+        const bool isRepeat = (isTorn ? torn : calls).count(job.call) == 0;
         return (isRepeat && !areAll) || tried.jobs++ % everyNth != 0;
     };
     jobs.erase(std::remove_if(jobs.begin(), jobs.end(), isLeftOut), jobs.end());
@@ -328,7 +308,7 @@ void CheckShortReads(const SweepResult& result) {
     size_t count = 0;
     for (size_t i = 0; i < result.jobs.size(); i++) {
         const SweepJob& job = result.jobs[i];
-        const CallEntry& call = result.bases[job.scenario].made.run.calls[job.call];
+        const CallEntry& call = result.bases[job.scenario].run.calls[job.call];
         if (call.function == "read" && Contains(call.path, "ufs_fw_body.bin") &&
             job.fault.effect == Effect::SHORT && job.fault.value > 0 &&
             result.bases[job.scenario].verdict == Verdict::UPDATED) {
@@ -370,7 +350,7 @@ TEST_F(SweepTest, EachCallFailsAndThePowerAtEachCall) {
     }
     size_t calls = 0;
     for (const SweepBase& base : result.bases) {
-        calls += base.made.run.calls.size();
+        calls += base.run.calls.size();
     }
     const long cuts = std::count_if(result.jobs.begin(), result.jobs.end(),
                                     [](const SweepJob& job) { return IsPowerCut(job.fault); });
