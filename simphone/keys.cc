@@ -7,6 +7,7 @@
 #include "simphone/text.h"
 #include "simphone/toml.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -108,14 +109,10 @@ std::string TomlList(const std::string& bytes) {
 }
 
 std::string TomlBytes(const std::string& bytes) {
-    std::string text;
-    for (const char byte : bytes) {
-        if (byte != '\n' && (byte < ' ' || byte > '~')) {
-            return TomlList(bytes);
-        }
-        text += byte == '\n' ? "\\n" : std::string(byte == '"' || byte == '\\' ? "\\" : "") + byte;
-    }
-    return '"' + text + '"';
+    const bool isText = std::all_of(bytes.begin(), bytes.end(), [](char byte) {
+        return byte == '\n' || (byte >= ' ' && byte <= '~' && byte != '"');
+    });
+    return isText ? Quoted(bytes) : TomlList(bytes);
 }
 
 bool Has(Keys keys, const char* key) {

@@ -33,8 +33,8 @@ enum Need { REQUIRED, OPTIONAL };
 // the old text stays. False with an error, which has the setting.
 [[nodiscard]] bool SetKey(toml::table& table, const std::string& setting, std::string& error);
 
-// A text in quotation marks if all bytes are printable or line feeds, else a list of numbers: TOML
-// that AppendBytes reads in both forms.
+// A text in quotation marks if it needs no escapes but \n and \\, else a list of numbers:
+// AppendBytes reads both.
 std::string TomlBytes(const std::string& bytes);
 std::string TomlList(const std::string& bytes); // always a list of numbers
 

@@ -286,6 +286,7 @@ void JudgeUpdate(const Package& package, Decision& decision) {
         decision.reason = decision.steps.back().reason;
     } else {
         decision.verdict = Verdict::UPDATED;
+        decision.reason = {};
     }
 }
 
