@@ -46,6 +46,59 @@ int Run(const Phone& phone, const std::string& tool, const RunOptions& options) 
     return result.signal != 0 ? 128 + result.signal : result.exitStatus;
 }
 
+// What the command line says.
+struct Arguments {
+    std::string file, directory, package, launcher, tool = Companion("ffu");
+    std::vector<std::string> settings, faults;
+    RunOptions options = {};
+};
+
+void AddCommands(CLI::App& app, Arguments& args) {
+    app.formatter_fn(HelpText);
+    app.set_help_flag("-h,--help", "print this help");
+    app.set_version_flag("--version", std::string("simphone ") + FFU_VERSION, "print the version");
+    app.footer("`simphone COMMAND --help` explains a command.\n\nExit status:\n  0  fine\n"
+               "  2  wrong usage, or the phone cannot be made, run or read");
+    app.require_subcommand(1);
+
+    CLI::App* make = app.add_subcommand("make", "Make a phone after a description");
+    make->add_option("PHONE.toml", args.file, "its description")->required();
+    make->add_option("DIR", args.directory, "a missing or empty directory")->required();
+    make->add_option("--set", args.settings,
+                     "another value for a key of the description, such as "
+                     "cid.product_name=SIM065; bytes are \\n, \\\\ and \\xHH")
+        ->type_size(1)
+        ->option_text("KEY=VALUE");
+    make->add_option("--package", args.package, "the firmware package that the phone has")
+        ->option_text("PACKAGE");
+    make->footer("Exit status:\n  0  the phone is made\n  2  it is not");
+
+    CLI::App* run = app.add_subcommand("run", "Run an unmodified tool on a phone");
+    run->add_option("DIR", args.directory, "the phone")->required();
+    run->add_option("TOOL", args.tool, "the program, if not the ffu that comes with simphone");
+    run->add_option("--fault", args.faults,
+                    "a call that fails (" + ExampleFile("emmc-phone.toml") + " explains faults)")
+        ->type_size(1)
+        ->option_text("FAULT");
+    run->add_option("--launcher", args.launcher, "a program that starts the tool, as qemu-aarch64")
+        ->option_text("PROGRAM");
+    run->add_option("--library", args.options.libsimphone, "libsimphone.so, if not beside TOOL")
+        ->option_text("FILE");
+    run->add_option("--seconds", args.options.secondsLimit,
+                    "end the tool after so many seconds; 0: never")
+        ->option_text("N");
+    run->footer("Exit status: the tool's own; 128 and the signal's number if a signal ended it; 2 "
+                "if it could not be run, or if no call met a --fault.\n");
+
+    CLI::App* reboot = app.add_subcommand("reboot", "Restart a phone with its pending firmware");
+    reboot->add_option("DIR", args.directory, "the phone")->required();
+    reboot->footer("Exit status:\n  0  the phone has restarted\n  2  it has not");
+
+    CLI::App* show = app.add_subcommand("show", "Show what a phone is and what the tool left");
+    show->add_option("DIR", args.directory, "the phone")->required();
+    show->footer("Exit status:\n  0  shown\n  2  the phone cannot be read");
+}
+
 } // namespace
 
 // An exception ends the command with its text, as it should.
@@ -53,54 +106,10 @@ int Run(const Phone& phone, const std::string& tool, const RunOptions& options) 
 int main(int argc, char** argv) {
     CLI::App app("A phone that is a directory: its nodes, its storage device, its faults",
                  "simphone");
-    app.formatter_fn(HelpText);
-    app.set_help_flag("-h,--help", "print this help");
-    app.set_version_flag("--version", std::string("simphone ") + FFU_VERSION, "print the version");
-    app.footer("`simphone COMMAND --help` explains a command.\n\nExit status:\n  0  fine\n"
-               "  2  wrong usage, or the phone cannot be made, run or read");
-    app.require_subcommand(1);
-    std::string file, directory, package, launcher, error;
-    std::string tool = Companion("ffu");
-    RunOptions options;
-    std::vector<std::string> settings, faults;
+    Arguments args;
     Phone phone;
-
-    CLI::App* make = app.add_subcommand("make", "Make a phone after a description");
-    make->add_option("PHONE.toml", file, "its description")->required();
-    make->add_option("DIR", directory, "a missing or empty directory")->required();
-    make->add_option("--set", settings,
-                     "another value for a key of the description, such as "
-                     "cid.product_name=SIM065; bytes are \\n, \\\\ and \\xHH")
-        ->type_size(1)
-        ->option_text("KEY=VALUE");
-    make->add_option("--package", package, "the firmware package that the phone has")
-        ->option_text("PACKAGE");
-    make->footer("Exit status:\n  0  the phone is made\n  2  it is not");
-
-    CLI::App* run = app.add_subcommand("run", "Run an unmodified tool on a phone");
-    run->add_option("DIR", directory, "the phone")->required();
-    run->add_option("TOOL", tool, "the program, if not the ffu that comes with simphone");
-    run->add_option("--fault", faults,
-                    "a call that fails (" + ExampleFile("emmc-phone.toml") + " explains faults)")
-        ->type_size(1)
-        ->option_text("FAULT");
-    run->add_option("--launcher", launcher, "a program that starts the tool, as qemu-aarch64")
-        ->option_text("PROGRAM");
-    run->add_option("--library", options.libsimphone, "libsimphone.so, if not beside TOOL")
-        ->option_text("FILE");
-    run->add_option("--seconds", options.secondsLimit,
-                    "end the tool after so many seconds; 0: never")
-        ->option_text("N");
-    run->footer("Exit status: the tool's own; 128 and the signal's number if a signal ended it; 2 "
-                "if it could not be run, or if no call met a --fault.\n");
-
-    CLI::App* reboot = app.add_subcommand("reboot", "Restart a phone with its pending firmware");
-    reboot->add_option("DIR", directory, "the phone")->required();
-    reboot->footer("Exit status:\n  0  the phone has restarted\n  2  it has not");
-
-    CLI::App* show = app.add_subcommand("show", "Show what a phone is and what the tool left");
-    show->add_option("DIR", directory, "the phone")->required();
-    show->footer("Exit status:\n  0  shown\n  2  the phone cannot be read");
+    std::string error;
+    AddCommands(app, args);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& wrong) {
@@ -109,26 +118,27 @@ int main(int argc, char** argv) {
                    : Finish(false, std::string(wrong.what()) + "; --help tells more");
     }
 
-    if (*make) {
-        const bool isMade = ReadDescription(file, settings, phone.description, error) &&
-                            MakePhone(phone.description, directory, error);
-        phone.directory = directory;
-        return Finish(isMade && (package.empty() || PutPackage(phone, package, error)), error);
+    if (app.got_subcommand("make")) {
+        const bool isMade = ReadDescription(args.file, args.settings, phone.description, error) &&
+                            MakePhone(phone.description, args.directory, error);
+        phone.directory = args.directory;
+        return Finish(isMade && (args.package.empty() || PutPackage(phone, args.package, error)),
+                      error);
     }
-    for (const std::string& text : faults) {
-        if (!ParseFault(text, options.faults.emplace_back(), error)) {
+    for (const std::string& text : args.faults) {
+        if (!ParseFault(text, args.options.faults.emplace_back(), error)) {
             return Finish(false, error);
         }
     }
-    if (!OpenPhone(directory, phone, error)) {
+    if (!OpenPhone(args.directory, phone, error)) {
         return Finish(false, error);
     }
-    if (*run) {
-        std::istringstream words(launcher);
-        options.launcher.assign(std::istream_iterator<std::string>(words), {});
-        return Run(phone, tool, options);
+    if (app.got_subcommand("run")) {
+        std::istringstream words(args.launcher);
+        args.options.launcher.assign(std::istream_iterator<std::string>(words), {});
+        return Run(phone, args.tool, args.options);
     }
-    if (*reboot) {
+    if (app.got_subcommand("reboot")) {
         return Finish(RebootPhone(phone, error), error);
     }
     std::cout << ShowPhone(phone);
