@@ -46,11 +46,88 @@ int Run(const Phone& phone, const std::string& tool, const RunOptions& options) 
     return result.signal != 0 ? 128 + result.signal : result.exitStatus;
 }
 
+// What the command line says, with what holds where it says nothing.
+struct Arguments {
+    std::string file, directory, package, launcher, tool = Companion("ffu");
+    std::vector<std::string> settings, faults;
+    RunOptions options;
+};
+
+void AddCommands(CLI::App& app, Arguments& given) {
+    CLI::App* make = app.add_subcommand("make", "Make a phone after a description");
+    make->add_option("PHONE.toml", given.file, "its description")->required();
+    make->add_option("DIR", given.directory, "a missing or empty directory")->required();
+    make->add_option("--set", given.settings,
+                     "another value for a key of the description, such as "
+                     "cid.product_name=SIM065; bytes are \\n, \\\\ and \\xHH")
+        ->type_size(1)
+        ->option_text("KEY=VALUE");
+    make->add_option("--package", given.package, "the firmware package that the phone has")
+        ->option_text("PACKAGE");
+    make->footer("Exit status:\n  0  the phone is made\n  2  it is not");
+
+    CLI::App* run = app.add_subcommand("run", "Run an unmodified tool on a phone");
+    run->add_option("DIR", given.directory, "the phone")->required();
+    run->add_option("TOOL", given.tool, "the program, if not the ffu that comes with simphone");
+    run->add_option("--fault", given.faults,
+                    "a call that fails (" + ExampleFile("emmc-phone.toml") + " explains faults)")
+        ->type_size(1)
+        ->option_text("FAULT");
+    run->add_option("--launcher", given.launcher, "a program that starts the tool, as qemu-aarch64")
+        ->option_text("PROGRAM");
+    run->add_option("--library", given.options.libsimphone, "libsimphone.so, if not beside TOOL")
+        ->option_text("FILE");
+    run->add_option("--seconds", given.options.secondsLimit,
+                    "end the tool after so many seconds; 0: never")
+        ->option_text("N");
+    run->footer("Exit status: the tool's own; 128 and the signal's number if a signal ended it; 2 "
+                "if it could not be run, or if no call met a --fault.\n");
+
+    CLI::App* reboot = app.add_subcommand("reboot", "Restart a phone with its pending firmware");
+    reboot->add_option("DIR", given.directory, "the phone")->required();
+    reboot->footer("Exit status:\n  0  the phone has restarted\n  2  it has not");
+
+    CLI::App* show = app.add_subcommand("show", "Show what a phone is and what the tool left");
+    show->add_option("DIR", given.directory, "the phone")->required();
+    show->footer("Exit status:\n  0  shown\n  2  the phone cannot be read");
+}
+
+int Do(const CLI::App& app, Arguments& given) {
+    Phone phone;
+    std::string error;
+    if (app.got_subcommand("make")) {
+        const bool isMade = ReadDescription(given.file, given.settings, phone.description, error) &&
+                            MakePhone(phone.description, given.directory, error);
+        phone.directory = given.directory;
+        return Finish(isMade && (given.package.empty() || PutPackage(phone, given.package, error)),
+                      error);
+    }
+    for (const std::string& text : given.faults) {
+        if (!ParseFault(text, given.options.faults.emplace_back(), error)) {
+            return Finish(false, error);
+        }
+    }
+    if (!OpenPhone(given.directory, phone, error)) {
+        return Finish(false, error);
+    }
+    if (app.got_subcommand("run")) {
+        std::istringstream words(given.launcher);
+        given.options.launcher.assign(std::istream_iterator<std::string>(words), {});
+        return Run(phone, given.tool, given.options);
+    }
+    if (app.got_subcommand("reboot")) {
+        return Finish(RebootPhone(phone, error), error);
+    }
+    std::cout << ShowPhone(phone);
+    return Finish(true, "");
+}
+
 } // namespace
 
 // An exception ends the command with its text, as it should.
 // NOLINTNEXTLINE(bugprone-exception-escape)
 int main(int argc, char** argv) {
+    Arguments given;
     CLI::App app("A phone that is a directory: its nodes, its storage device, its faults",
                  "simphone");
     app.formatter_fn(HelpText);
@@ -59,48 +136,7 @@ int main(int argc, char** argv) {
     app.footer("`simphone COMMAND --help` explains a command.\n\nExit status:\n  0  fine\n"
                "  2  wrong usage, or the phone cannot be made, run or read");
     app.require_subcommand(1);
-    std::string file, directory, package, launcher, error;
-    std::string tool = Companion("ffu");
-    RunOptions options;
-    std::vector<std::string> settings, faults;
-    Phone phone;
-
-    CLI::App* make = app.add_subcommand("make", "Make a phone after a description");
-    make->add_option("PHONE.toml", file, "its description")->required();
-    make->add_option("DIR", directory, "a missing or empty directory")->required();
-    make->add_option("--set", settings,
-                     "another value for a key of the description, such as "
-                     "cid.product_name=SIM065; bytes are \\n, \\\\ and \\xHH")
-        ->type_size(1)
-        ->option_text("KEY=VALUE");
-    make->add_option("--package", package, "the firmware package that the phone has")
-        ->option_text("PACKAGE");
-    make->footer("Exit status:\n  0  the phone is made\n  2  it is not");
-
-    CLI::App* run = app.add_subcommand("run", "Run an unmodified tool on a phone");
-    run->add_option("DIR", directory, "the phone")->required();
-    run->add_option("TOOL", tool, "the program, if not the ffu that comes with simphone");
-    run->add_option("--fault", faults,
-                    "a call that fails (" + ExampleFile("emmc-phone.toml") + " explains faults)")
-        ->type_size(1)
-        ->option_text("FAULT");
-    run->add_option("--launcher", launcher, "a program that starts the tool, as qemu-aarch64")
-        ->option_text("PROGRAM");
-    run->add_option("--library", options.libsimphone, "libsimphone.so, if not beside TOOL")
-        ->option_text("FILE");
-    run->add_option("--seconds", options.secondsLimit,
-                    "end the tool after so many seconds; 0: never")
-        ->option_text("N");
-    run->footer("Exit status: the tool's own; 128 and the signal's number if a signal ended it; 2 "
-                "if it could not be run, or if no call met a --fault.\n");
-
-    CLI::App* reboot = app.add_subcommand("reboot", "Restart a phone with its pending firmware");
-    reboot->add_option("DIR", directory, "the phone")->required();
-    reboot->footer("Exit status:\n  0  the phone has restarted\n  2  it has not");
-
-    CLI::App* show = app.add_subcommand("show", "Show what a phone is and what the tool left");
-    show->add_option("DIR", directory, "the phone")->required();
-    show->footer("Exit status:\n  0  shown\n  2  the phone cannot be read");
+    AddCommands(app, given);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& wrong) {
@@ -108,29 +144,5 @@ int main(int argc, char** argv) {
                    ? app.exit(wrong)
                    : Finish(false, std::string(wrong.what()) + "; --help tells more");
     }
-
-    if (*make) {
-        const bool isMade = ReadDescription(file, settings, phone.description, error) &&
-                            MakePhone(phone.description, directory, error);
-        phone.directory = directory;
-        return Finish(isMade && (package.empty() || PutPackage(phone, package, error)), error);
-    }
-    for (const std::string& text : faults) {
-        if (!ParseFault(text, options.faults.emplace_back(), error)) {
-            return Finish(false, error);
-        }
-    }
-    if (!OpenPhone(directory, phone, error)) {
-        return Finish(false, error);
-    }
-    if (*run) {
-        std::istringstream words(launcher);
-        options.launcher.assign(std::istream_iterator<std::string>(words), {});
-        return Run(phone, tool, options);
-    }
-    if (*reboot) {
-        return Finish(RebootPhone(phone, error), error);
-    }
-    std::cout << ShowPhone(phone);
-    return Finish(true, "");
+    return Do(app, given);
 }
