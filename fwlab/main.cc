@@ -121,21 +121,12 @@ void AddVerify(CLI::App& app, Arguments& args) {
         ->option_text("MANIFEST.toml");
 }
 
-void AddSettings(CLI::App* command, Texts& settings) {
-    command
-        ->add_option("--set", settings,
-                     "another value for a key of the description, such as "
-                     "cid.product_name=SIM065; bytes are \\n, \\\\ and \\xHH")
-        ->type_size(1)
-        ->option_text("KEY=VALUE");
-}
-
 // The phone of a command, which settings may change.
 void AddPhone(CLI::App* command, std::string& phone, Texts& settings) {
     command->add_option("--phone", phone, "the phone's description")
         ->required()
         ->option_text("PHONE.toml");
-    AddSettings(command, settings);
+    AddSettings(*command, settings);
 }
 
 // `take` gets the folder.
@@ -218,7 +209,7 @@ void AddSweep(CLI::App& app, Arguments& args) {
     sweep->add_option("--phone", request.phones, "descriptions of phones")
         ->required()
         ->option_text("PHONE.toml...");
-    AddSettings(sweep, request.settings);
+    AddSettings(*sweep, request.settings);
     AddState(sweep, [&](const std::string& folder) {
         request.stateFolder = folder;
         request.state = ReadPulledState(folder);
@@ -326,10 +317,7 @@ void RequireCommand(const CLI::App& app, const std::string& word) {
 
 int Run(int argc, char** argv) {
     CLI::App app("Makes, inspects, matches and rehearses firmware packages", "fwlab");
-    app.formatter_fn(HelpText);
-    app.set_help_flag("-h,--help", "print this help");
-    app.set_version_flag("--version", std::string("fwlab ") + FFU_VERSION, "print the version");
-    app.require_subcommand(1);
+    AddCommonOptions(app, FFU_VERSION);
     app.footer("`fwlab COMMAND --help` explains a command.\n\nExit status:\n  0  fine\n"
                "  1  the answer is no, or there are flaws\n"
                "  2  wrong usage, or input that cannot be read");

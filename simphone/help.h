@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <sstream>
 #include <string>
+#include <vector>
 
 // The text in lines of 76 columns; those after the first begin with so many blanks, and so do those
 // after a line feed of the text.
@@ -62,6 +63,24 @@ inline std::string HelpText(const CLI::App* app, const std::string& name, CLI::A
     return app->get_description() + "\n" + Wrapped("Usage: " + name + usage, 7) + "\n" +
            list("Arguments", arguments) + list("Options", options) + list("Commands", commands) +
            "\n" + footer;
+}
+
+// The options of every program: its help and its version.
+inline void AddCommonOptions(CLI::App& app, const char* version) {
+    app.formatter_fn(HelpText);
+    app.set_help_flag("-h,--help", "print this help");
+    app.set_version_flag("--version", app.get_name() + " " + version, "print the version");
+    app.require_subcommand(1);
+}
+
+// The option that changes keys of a description: texts for SetKey in keys.h.
+inline void AddSettings(CLI::App& command, std::vector<std::string>& settings) {
+    command
+        .add_option("--set", settings,
+                    "another value for a key of the description, such as "
+                    "cid.product_name=SIM065; bytes are \\n, \\\\ and \\xHH")
+        ->type_size(1)
+        ->option_text("KEY=VALUE");
 }
 
 // Where this example is: as installed, or in the checkout.

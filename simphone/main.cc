@@ -54,21 +54,14 @@ struct Arguments {
 };
 
 void AddCommands(CLI::App& app, Arguments& args) {
-    app.formatter_fn(HelpText);
-    app.set_help_flag("-h,--help", "print this help");
-    app.set_version_flag("--version", std::string("simphone ") + FFU_VERSION, "print the version");
+    AddCommonOptions(app, FFU_VERSION);
     app.footer("`simphone COMMAND --help` explains a command.\n\nExit status:\n  0  fine\n"
                "  2  wrong usage, or the phone cannot be made, run or read");
-    app.require_subcommand(1);
 
     CLI::App* make = app.add_subcommand("make", "Make a phone after a description");
     make->add_option("PHONE.toml", args.file, "its description")->required();
     make->add_option("DIR", args.directory, "a missing or empty directory")->required();
-    make->add_option("--set", args.settings,
-                     "another value for a key of the description, such as "
-                     "cid.product_name=SIM065; bytes are \\n, \\\\ and \\xHH")
-        ->type_size(1)
-        ->option_text("KEY=VALUE");
+    AddSettings(*make, args.settings);
     make->add_option("--package", args.package, "the firmware package that the phone has")
         ->option_text("PACKAGE");
     make->footer("Exit status:\n  0  the phone is made\n  2  it is not");

@@ -10,10 +10,6 @@ void Show(bool asJson, const Json& report, const std::function<void()>& print) {
     }
 }
 
-std::string InOneLine(const Json& report) {
-    return report.dump();
-}
-
 std::string Shown(const Json& value) {
     std::string shown;
     for (const Json& element : value.is_array() ? value : Json::array({value})) {

@@ -9,8 +9,5 @@ using Json = nlohmann::ordered_json;
 // Prints the report for programs, or calls `print`, which prints the answer for people.
 void Show(bool asJson, const Json& report, const std::function<void()>& print);
 
-// The report in one line.
-std::string InOneLine(const Json& report);
-
 // For people: a text in quotation marks, the elements of a list with blanks between them.
 std::string Shown(const Json& value);

@@ -110,8 +110,7 @@ int Outcome(const OutcomeOptions& options, bool asJson) {
         if (isTable) {
             Count(directories[i], report, summary);
         } else {
-            fmt::print("{}\n",
-                       asJson ? InOneLine(ReportOf(directories[i], report)) : Sentence(report));
+            fmt::print("{}\n", asJson ? ReportOf(directories[i], report).dump() : Sentence(report));
         }
     }
     const Share share = ShareOf(summary, all);
