@@ -6,20 +6,15 @@
 
 #include <unistd.h>
 
-namespace {
-
-// MMC_RSP_SPI_R1 | MMC_RSP_R1 | MMC_CMD_ADTC of the kernel's linux/mmc/core.h, for which user space
-// has no header.
-constexpr unsigned MMC_R1_DATA_FLAGS = 0xB5;
-
-} // namespace
-
 bool IsGkiMode() {
     return access(EMMC_FFU_NODE, W_OK) == 0;
 }
 
 int MakeMmcRequest(int writeFlag, uint32_t opcode, uint32_t blocks, const uint8_t* data,
                    mmc_ioc_cmd& request) {
+    // MMC_RSP_SPI_R1 | MMC_RSP_R1 | MMC_CMD_ADTC of the kernel's linux/mmc/core.h, for which user
+    // space has no header.
+    constexpr unsigned MMC_R1_DATA_FLAGS = 0xB5;
     const int status = memset_s(&request, sizeof(request), 0, sizeof(request));
     if (status != 0) {
         return status;

@@ -95,13 +95,11 @@ constexpr char CHECK_FW_BIN[] = "CheckFwBin";
         SYSTEM_LOG("FFU process %s: No fw include, no need to ffu! \n", PARSE_FW_BIN);
         return ENTRY_NOT_FOUND;
     }
-    void* mapped = MAP_FAILED;
     const auto size = static_cast<size_t>(status.st_size);
-    if (status.st_size > PACKAGE_SIZE_MAX) {
-        errno = EFBIG;
-    } else {
-        mapped = mmap(nullptr, size, PROT_READ, MAP_PRIVATE, fd, 0);
-    }
+    errno = EFBIG; // unless mmap says why
+    void* mapped = status.st_size > PACKAGE_SIZE_MAX
+                       ? MAP_FAILED
+                       : mmap(nullptr, size, PROT_READ, MAP_PRIVATE, fd, 0);
     if (mapped == MAP_FAILED) {
         SYSTEM_LOG("FFU process %s: map fw file failed! %s\n", PARSE_FW_BIN, strerror(errno));
         return PARSE_FAILED;

@@ -68,9 +68,8 @@ void UpdateResultFlag(int result, const char* fwBinRev) {
     if (result == STEP_NOTHING_TO_DO) {
         return;
     }
-    const char* flag = FAIL_FLAG;
+    const char* flag = result == STEP_DONE ? OK_FLAG : FAIL_FLAG;
     if (result == STEP_DONE) {
-        flag = OK_FLAG;
         SYSTEM_LOG("FFU process %s: update to %s pass", __func__, fwBinRev);
     } else {
         SYSTEM_LOG("FFU process %s: upgrade to %s fail", __func__, fwBinRev);
