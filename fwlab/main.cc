@@ -56,12 +56,20 @@ CLI::App* Add(CLI::App& app, Arguments& args, const Command& command,
     return added;
 }
 
+// An option, or an argument if its name does not begin with "-". `word` is what the help calls an
+// option's value; each time that the option is given it takes one.
+template <typename Value>
+CLI::Option* AddValue(CLI::App* command, const char* name, Value& value, const char* word,
+                      const std::string& what) {
+    return command->add_option(name, value, what)->type_size(1)->option_text(word);
+}
+
 void AddPackage(CLI::App* command, std::string& package) {
     command->add_option("PACKAGE", package, "the package")->required();
 }
 
 void AddOutput(CLI::App* command, std::string& output, const char* word, const char* what) {
-    command->add_option("-o,--output", output, what)->required()->check(NAMED)->option_text(word);
+    AddValue(command, "-o,--output", output, word, what)->required()->check(NAMED);
 }
 
 void AddPack(CLI::App& app, Arguments& args) {
@@ -116,16 +124,13 @@ void AddVerify(CLI::App& app, Arguments& args) {
              "they differ, and where", "The package is made again in memory, nothing is written."},
             [&] { return Verify(args.package, args.manifest, args.json); });
     AddPackage(verify, args.package);
-    verify->add_option("--manifest", args.manifest, "what it was made from")
-        ->required()
-        ->option_text("MANIFEST.toml");
+    AddValue(verify, "--manifest", args.manifest, "MANIFEST.toml", "what it was made from")
+        ->required();
 }
 
 // The phone of a command, which settings may change.
 void AddPhone(CLI::App* command, std::string& phone, Texts& settings) {
-    command->add_option("--phone", phone, "the phone's description")
-        ->required()
-        ->option_text("PHONE.toml");
+    AddValue(command, "--phone", phone, "PHONE.toml", "the phone's description")->required();
     AddSettings(*command, settings);
 }
 
@@ -135,6 +140,15 @@ void AddState(CLI::App* command, const std::function<void(const std::string&)>& 
         ->add_option_function("--state", take,
                               "start with the files of this state directory, pulled from a phone")
         ->option_text("FOLDER");
+}
+
+std::vector<Fault> FaultsOf(const Texts& texts) {
+    std::vector<Fault> faults;
+    std::string error;
+    for (const std::string& text : texts) {
+        Require(ParseFault(text, faults.emplace_back(), error), 2, error);
+    }
+    return faults;
 }
 
 void AddMatch(CLI::App& app, Arguments& args) {
@@ -151,13 +165,14 @@ void AddMatch(CLI::App& app, Arguments& args) {
             });
     AddPackage(match, args.package);
     AddPhone(match, args.phone, args.settings);
-    match->add_option("--record", args.record, "its record of attempts, pulled from the phone")
-        ->check(CLI::ExistingFile)
-        ->option_text("fw_result");
+    AddValue(match, "--record", args.record, "fw_result",
+             "its record of attempts, pulled from the phone")
+        ->check(CLI::ExistingFile);
 }
 
 void AddRehearse(CLI::App& app, Arguments& args) {
     RehearseOptions& options = args.rehearsal;
+    options.faults.resize(1);
     CLI::App* rehearse =
         Add(app, args,
             {"rehearse", "Run ffu on a simulated phone",
@@ -169,21 +184,25 @@ void AddRehearse(CLI::App& app, Arguments& args) {
             [&] { return Rehearse(options, args.json); });
     AddPackage(rehearse, options.package);
     AddPhone(rehearse, options.phone, options.settings);
-    rehearse
-        ->add_option("--fault", options.faults,
-                     fmt::format("a call that fails in the first run ({} explains faults)",
-                                 ExampleFile("emmc-phone.toml")))
-        ->type_size(1)
-        ->option_text("FAULT");
-    rehearse
-        ->add_option("--then", options.then,
-                     "a further run, without a restart, with this fault; without one if it is ''")
-        ->type_size(1)
-        ->option_text("FAULT");
+    const auto addFaults = [&](const char* name, const std::string& what,
+                               const std::function<void(const Texts&)>& take) {
+        rehearse->add_option_function(name, take, what)->type_size(1)->option_text("FAULT");
+    };
+    addFaults("--fault",
+              fmt::format("a call that fails in the first run ({} explains faults)",
+                          ExampleFile("emmc-phone.toml")),
+              [&](const Texts& texts) { options.faults.front() = FaultsOf(texts); });
+    addFaults("--then",
+              "a further run, without a restart, with this fault; without one if it is ''",
+              [&](const Texts& texts) {
+                  for (const std::string& text : texts) {
+                      options.faults.push_back(FaultsOf(text.empty() ? Texts() : Texts{text}));
+                  }
+              });
     AddState(rehearse, [&](const std::string& folder) { options.state = ReadPulledState(folder); });
-    rehearse->add_option("--keep", options.keep, "make the phone in this new folder and keep it")
-        ->check(NAMED)
-        ->option_text("FOLDER");
+    AddValue(rehearse, "--keep", options.keep, "FOLDER",
+             "make the phone in this new folder and keep it")
+        ->check(NAMED);
     rehearse->add_flag("--reboot-and-run-again", options.runAgain,
                        "run again after the restart: that run must find nothing to do");
     rehearse->add_flag("--quiet", options.quiet, "leave out console lines of one character each");
@@ -214,15 +233,14 @@ void AddSweep(CLI::App& app, Arguments& args) {
         request.stateFolder = folder;
         request.state = ReadPulledState(folder);
     });
-    sweep->add_option("--jobs", request.jobs, "threads; without it one for each processor")
-        ->check(CLI::Range(1, 1024))
-        ->option_text("N");
-    sweep->add_option("--junit", request.junit, "write a JUnit report: a test case for each call")
-        ->check(NAMED)
-        ->option_text("FILE");
-    sweep->add_option("--html", request.html, "write a page with the runs and their time lines")
-        ->check(NAMED)
-        ->option_text("FILE");
+    AddValue(sweep, "--jobs", request.jobs, "N", "threads; without it one for each processor")
+        ->check(CLI::Range(1, 1024));
+    AddValue(sweep, "--junit", request.junit, "FILE",
+             "write a JUnit report: a test case for each call")
+        ->check(NAMED);
+    AddValue(sweep, "--html", request.html, "FILE",
+             "write a page with the runs and their time lines")
+        ->check(NAMED);
 }
 
 void AddOutcome(CLI::App& app, Arguments& args) {
@@ -271,15 +289,12 @@ void AddPlan(CLI::App& app, Arguments& args) {
             [&] { return Plan(options, args.json); });
     plan->add_option("PACKAGE", options.packages, "the packages, one of each technology")
         ->required();
-    plan->add_option(
-            "--fleet", options.fleet,
-            fmt::format("the device models ({} explains the file)", ExampleFile("fleet.toml")))
-        ->required()
-        ->option_text("FLEET.toml");
-    plan->add_option("--records", options.records,
-                     "a folder of state directories of phones that the fleet counts")
-        ->check(CLI::ExistingDirectory)
-        ->option_text("FOLDER");
+    AddValue(plan, "--fleet", options.fleet, "FLEET.toml",
+             fmt::format("the device models ({} explains the file)", ExampleFile("fleet.toml")))
+        ->required();
+    AddValue(plan, "--records", options.records, "FOLDER",
+             "a folder of state directories of phones that the fleet counts")
+        ->check(CLI::ExistingDirectory);
 }
 
 void AddCapture(CLI::App& app, Arguments& args) {
@@ -295,15 +310,13 @@ void AddCapture(CLI::App& app, Arguments& args) {
             [&] { return Capture(options, args.json); });
     capture->add_option("DIR", options.folder, "where they are")->required();
     AddOutput(capture, options.output, "PHONE.toml", "the description");
-    capture
-        ->add_option("--firmware-revision", options.firmwareRevision,
-                     "the revision that the phone reports after an update (bytes: \\xHH)")
+    AddValue(capture, "--firmware-revision", options.firmwareRevision, "REVISION",
+             "the revision that the phone reports after an update (bytes: \\xHH)")
+        ->required();
+    AddValue(capture, "--kind", options.kind, "emmc-gki|emmc-normal|ufs",
+             "emmc-gki if /proc/bootdevice/ffu is writable")
         ->required()
-        ->option_text("REVISION");
-    capture->add_option("--kind", options.kind, "emmc-gki if /proc/bootdevice/ffu is writable")
-        ->required()
-        ->check(CLI::IsMember({"emmc-gki", "emmc-normal", "ufs"}))
-        ->option_text("emmc-gki|emmc-normal|ufs");
+        ->check(CLI::IsMember({"emmc-gki", "emmc-normal", "ufs"}));
 }
 
 // Stop if the first word is no command, which the parser would say in other words.

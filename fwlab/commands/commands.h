@@ -36,10 +36,9 @@ struct RehearseOptions {
     Texts settings;                      // KEY=VALUE: see ReadPhone
     std::string keep;                    // where to make and keep the phone; empty: it is temporary
     std::optional<StateDirectory> state; // that the phone starts with; see ReadPulledState
-    Texts faults;                        // of the first run
-    Texts then;                          // the fault of each further run; empty: none
-    bool runAgain;                       // after a restart
-    bool quiet;                          // leave out console lines of one character each
+    std::vector<std::vector<Fault>> faults; // of each run before the restart; one run at least
+    bool runAgain;                          // after a restart
+    bool quiet;                             // leave out console lines of one character each
 };
 // Runs the ffu that was built or installed with this program.
 int Rehearse(const RehearseOptions& options, bool asJson);

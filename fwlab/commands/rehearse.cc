@@ -168,28 +168,11 @@ bool FindsNothingToDo(const Phone& phone, Report& report) {
     return isQuiet;
 }
 
-// The faults of each run before the restart.
-using Faults = std::vector<std::vector<Fault>>;
-
-Faults ParsedFaults(const RehearseOptions& options) {
-    std::vector<Texts> texts = {options.faults};
-    for (const std::string& text : options.then) {
-        texts.push_back(text.empty() ? Texts() : Texts{text});
-    }
-    Faults faults(texts.size());
-    std::string error;
-    for (size_t i = 0; i < texts.size(); i++) {
-        for (const std::string& text : texts[i]) {
-            Require(ParseFault(text, faults[i].emplace_back(), error), 2, error);
-        }
-    }
-    return faults;
-}
-
 // Makes the phone in an empty or missing folder, runs the tool on it and tells what becomes of it.
 // Returns the exit status.
-int RehearseIn(const Phone& phone, const RehearseOptions& options, const Faults& faults,
-               const Package& package, Report& report) {
+int RehearseIn(const Phone& phone, const RehearseOptions& options, const Package& package,
+               Report& report) {
+    const auto& faults = options.faults;
     const StateDirectory before = options.state.value_or(StateDirectory{});
     Make(phone, options.package, before);
     const Decision decision = Decide(package, DeviceOf(phone.description), before);
@@ -234,7 +217,6 @@ int RehearseIn(const Phone& phone, const RehearseOptions& options, const Faults&
 } // namespace
 
 int Rehearse(const RehearseOptions& options, bool asJson) {
-    const Faults faults = ParsedFaults(options); // before anything is made
     Phone phone = {"", ReadPhone(options.phone, options.settings)};
     const Device device = DeviceOf(phone.description);
     const Package package = OpenPackage(options.package, device.identity.layout);
@@ -243,7 +225,7 @@ int Rehearse(const RehearseOptions& options, bool asJson) {
     int status = 0;
     const auto rehearse = [&](const std::string& directory) {
         phone.directory = directory;
-        status = RehearseIn(phone, options, faults, package, report);
+        status = RehearseIn(phone, options, package, report);
     };
     if (options.keep.empty()) {
         const WorkFolder folder;
