@@ -58,7 +58,7 @@ int List(const std::string& packageFile, bool asJson) {
         const Entry* outer = OuterEntry(package, entry);
         findings = outer == nullptr ? FindingsOf(package, entry) : Texts();
         isFlawless = isFlawless && findings.empty();
-        Json shown = ReportOf(package, entry);
+        Json shown = ReportOf(entry);
         shown["findings"] = findings;
         shown["notes"] =
             outer == nullptr ? NotesOf(entry, true) : Texts{"a magic inside " + Title(*outer)};
