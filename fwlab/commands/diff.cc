@@ -1,7 +1,6 @@
 // Compares two packages: by their entries, and by what devices get from them.
 #include "fwlab/base/json.h"
 #include "fwlab/commands/commands.h"
-#include "fwlab/package/digest.h"
 #include "fwlab/phone/decision.h"
 #include "simphone/text.h"
 
@@ -12,20 +11,15 @@
 
 namespace {
 
-std::string_view Whole(const Package& package, const Entry& entry) {
-    const size_t size = entry.body - entry.offset + entry.bodySize;
-    return BytesOf(package).substr(entry.offset, size);
-}
-
 // The own entries of one package that the other one does not have, byte by byte.
 Json OnlyIn(const Package& package, const Package& other) {
-    std::set<std::string_view> others;
+    std::set<std::pair<std::string_view, std::string_view>> others; // header and body
     for (const Entry* entry : OwnEntries(other)) {
-        others.insert(Whole(other, *entry));
+        others.emplace(entry->identity.header, entry->image);
     }
     Json only = Json::array();
     for (const Entry* entry : OwnEntries(package)) {
-        if (others.count(Whole(package, *entry)) == 0) {
+        if (others.count({entry->identity.header, entry->image}) == 0) {
             only.push_back(ReportOf(*entry));
             only.back().erase("body_offset");
         }

@@ -1,7 +1,6 @@
 // Shows what a package holds and what is wrong with it, without changing it.
 #include "fwlab/base/json.h"
 #include "fwlab/commands/commands.h"
-#include "fwlab/package/digest.h"
 #include "fwlab/phone/decision.h"
 #include "simphone/text.h"
 

@@ -5,7 +5,6 @@
 #include "fwlab/base/output.h"
 #include "fwlab/base/stop.h"
 #include "fwlab/base/toml.h"
-#include "fwlab/package/digest.h"
 #include "fwlab/package/fields.h"
 #include "simphone/files.h"
 #include "simphone/toml.h"

@@ -3,7 +3,6 @@
 
 #include "fwlab/base/json.h"
 #include "fwlab/base/stop.h"
-#include "fwlab/package/digest.h"
 #include "simphone/text.h"
 
 #include <cerrno>
@@ -11,6 +10,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fmt/format.h>
+#include <openssl/evp.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -113,6 +113,14 @@ std::map<size_t, std::string_view> Uncovered(const Package& package) {
 
 std::string_view BytesOf(const Package& package) {
     return {reinterpret_cast<const char*>(package.bytes.get()), package.size};
+}
+
+std::string Sha256(std::string_view bytes) {
+    uint8_t digest[EVP_MAX_MD_SIZE];
+    unsigned length = 0;
+    Require(EVP_Digest(bytes.data(), bytes.size(), digest, &length, EVP_sha256(), nullptr) == 1, 2,
+            "libcrypto has no SHA-256");
+    return Hex(digest, length);
 }
 
 std::string Title(const Entry& entry) {

@@ -50,6 +50,7 @@ const Entry* OuterEntry(const Package& package, const Entry& entry);
 std::map<size_t, std::string_view> Uncovered(const Package& package);
 
 std::string_view BytesOf(const Package& package);
+std::string Sha256(std::string_view bytes); // in lower-case hexadecimal digits
 
 std::string Title(const Entry& entry); // "entry 2 at 0x1040"
 

@@ -164,11 +164,8 @@ Step PreCheck(const Package& package, const Identity& device, PackageRevs& revs)
 
 Step CheckRecord(const Record& record, const std::string& target) {
     const bool goesOn = record.isReadable && !IsOnRecord(record, target);
-    return {"record",
-            goesOn,
-            nullptr,
-            {record.isReadable ? &LAST_ATTEMPT : &UNREADABLE_RECORD},
-            record.messages};
+    const Cause& cause = record.isReadable ? LAST_ATTEMPT : UNREADABLE_RECORD;
+    return {"record", goesOn, nullptr, Reason{&cause}, record.messages};
 }
 
 // The entry that the update selects, null for none, and whether the device gets all of it.

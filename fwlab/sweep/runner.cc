@@ -6,7 +6,6 @@
 #include "fwlab/base/progress.h"
 #include "fwlab/base/stop.h"
 #include "fwlab/base/work_folder.h"
-#include "fwlab/package/digest.h"
 #include "fwlab/sweep/made_run.h"
 
 #include <algorithm>
