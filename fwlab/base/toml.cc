@@ -5,16 +5,21 @@
 
 #include <fmt/format.h>
 
+// Calls `use`, and finishes the table. Stop names the table.
+static void UseTable(const std::string& title, Keys keys, const std::function<void(Keys)>& use) {
+    try {
+        use(keys);
+        FinishTable(keys);
+    } catch (const Stop& stop) {
+        throw Stop{stop.status, title + ": " + stop.text};
+    }
+}
+
 void ReadToml(const std::string& path, const std::function<void(Keys)>& use) {
     toml::table table;
     std::string error;
     Require(ReadTable(path, table, error), 2, error);
-    try {
-        use({table, error});
-        FinishTable({table, error});
-    } catch (const Stop& stop) {
-        throw Stop{stop.status, path + ": " + stop.text};
-    }
+    UseTable(path, {table, error}, use);
 }
 
 void TakeTables(Keys keys, const char* key, const char* wanted,
@@ -22,13 +27,8 @@ void TakeTables(Keys keys, const char* key, const char* wanted,
     Take(keys, key, REQUIRED, wanted, [&](toml::node& node) {
         const size_t count = node.is_array_of_tables() ? node.as_array()->size() : 0;
         for (size_t i = 0; i < count; i++) {
-            const Keys inner = {*(*node.as_array())[i].as_table(), keys.error};
-            try {
-                use(inner);
-                FinishTable(inner);
-            } catch (const Stop& stop) {
-                throw Stop{stop.status, fmt::format("{} {}: {}", key, i + 1, stop.text)};
-            }
+            toml::table& table = *(*node.as_array())[i].as_table();
+            UseTable(fmt::format("{} {}", key, i + 1), {table, keys.error}, use);
         }
         return count > 0;
     });
@@ -41,8 +41,7 @@ void FinishTable(Keys keys) {
 
 bool TakeChoice(Keys keys, const char* key, const std::string& first, const std::string& second) {
     const std::string text = TakeText(keys, key);
-    if (keys.error.empty() && text != first && text != second) {
-        keys.error = fmt::format("{} is not \"{}\" or \"{}\"", key, first, second);
-    }
+    Demand(keys, text == first || text == second,
+           fmt::format("{} is not \"{}\" or \"{}\"", key, first, second));
     return text == first;
 }

@@ -23,15 +23,9 @@ namespace {
 constexpr size_t NODE_SIZE_MAX = 4096; // a page: kernels give no more
 constexpr char MAX_HW_SECTORS_KB[] = "/sys/block/sdc/queue/max_hw_sectors_kb";
 
-// The folder that was pulled, and the files in it that were read.
-struct Nodes {
-    std::string folder;
-    Texts places;
-};
-
-// A node by its path on the phone.
-std::string Read(Nodes& nodes, const std::string& path) {
-    const std::string place = nodes.folder + path;
+// A node by its path on the phone. Stop if it is the output, too.
+std::string Read(const CaptureOptions& options, const std::string& path) {
+    const std::string place = options.folder + path;
     std::error_code error;
     const bool isRegular = fs::is_regular_file(fs::symlink_status(place, error));
     Require(isRegular, 2, place + ": " + (error ? error.message() : "is no regular file"));
@@ -41,7 +35,7 @@ std::string Read(Nodes& nodes, const std::string& path) {
     Require(size == 1 || (size > 1 && content.compare(size - 2, 2, "\r\n") != 0), 1,
             place + ": is empty or ends with a carriage return, as no node does: take it by `adb "
                     "exec-out cat`, which keeps every byte");
-    nodes.places.push_back(place);
+    RequireOther(options.output, place);
     return content;
 }
 
@@ -71,15 +65,16 @@ std::string Number(const std::string& bytes, size_t at, size_t size = 1) {
     return "0x" + Hex(&bytes[at], size);
 }
 
-std::string DescribeEmmc(Nodes& nodes, const std::string& mode) {
-    std::string extCsd = Read(nodes, "/proc/bootdevice/ext_csd");
+std::string DescribeEmmc(const CaptureOptions& options) {
+    const char* mode = options.kind == "emmc-gki" ? "gki" : "normal";
+    std::string extCsd = Read(options, "/proc/bootdevice/ext_csd");
     if (extCsd.size() != EXT_CSD_SIZE) { // not the register itself
         extCsd = Unhex(extCsd, EXT_CSD_SIZE, "ext_csd");
     }
-    const std::string cid = Unhex(Read(nodes, CID_NODE), CID_SIZE, "cid");
+    const std::string cid = Unhex(Read(options, CID_NODE), CID_SIZE, "cid");
     // The phone reads as many bytes of the node as the register has.
     const std::string own = cid.substr(CID_PNM, sizeof(EmmcFwHeader::emmcPnm)),
-                      name = Read(nodes, "/proc/bootdevice/product_name").substr(0, own.size());
+                      name = Read(options, "/proc/bootdevice/product_name").substr(0, own.size());
     Require(name == own, 1,
             fmt::format("product_name is {}, but the CID has {}: no description can have both",
                         Quoted(name), Quoted(own)));
@@ -95,18 +90,18 @@ std::string DescribeEmmc(Nodes& nodes, const std::string& mode) {
            Line("manufacturing_date", Number(cid, 14)) + Line("crc", Number(cid, 15));
 }
 
-std::string DescribeUfs(Nodes& nodes) {
-    const std::string rev = Read(nodes, "/proc/bootdevice/rev");
+std::string DescribeUfs(const CaptureOptions& options) {
+    const std::string rev = Read(options, "/proc/bootdevice/rev");
     Require(rev.size() >= UFS_REV_SIZE, 1,
             fmt::format("rev has {} bytes: the phone reads 4, and stops without them", rev.size()));
     // A simulated phone's node has a line feed behind the revision.
     std::string text =
         Line("technology", "\"ufs\"") +
-        Line("manfid", TomlBytes(Read(nodes, "/proc/bootdevice/manfid"))) +
-        Line("product_name", TomlBytes(Read(nodes, "/proc/bootdevice/product_name"))) +
+        Line("manfid", TomlBytes(Read(options, "/proc/bootdevice/manfid"))) +
+        Line("product_name", TomlBytes(Read(options, "/proc/bootdevice/product_name"))) +
         Line("revision", TomlBytes(WithoutLineFeed(rev.substr(0, UFS_REV_SIZE))));
-    if (fs::exists(nodes.folder + MAX_HW_SECTORS_KB)) {
-        const std::string number = WithoutLineFeed(Read(nodes, MAX_HW_SECTORS_KB));
+    if (fs::exists(options.folder + MAX_HW_SECTORS_KB)) {
+        const std::string number = WithoutLineFeed(Read(options, MAX_HW_SECTORS_KB));
         int kilobytes = 0;
         const char* end = number.data() + number.size();
         const bool isWhole = std::from_chars(number.data(), end, kilobytes).ptr == end;
@@ -130,15 +125,9 @@ std::string FirmwareRevision(const std::string& option, bool isUfs) {
 } // namespace
 
 int Capture(const CaptureOptions& options, bool asJson) {
-    Nodes nodes = {options.folder, {}};
     const bool isUfs = options.kind == "ufs";
     const std::string next = FirmwareRevision(options.firmwareRevision, isUfs);
-    const std::string described =
-        isUfs ? DescribeUfs(nodes)
-              : DescribeEmmc(nodes, options.kind == "emmc-gki" ? "gki" : "normal");
-    for (const std::string& place : nodes.places) {
-        RequireOther(options.output, place);
-    }
+    const std::string described = (isUfs ? DescribeUfs : DescribeEmmc)(options);
     WriteOutput(options.output,
                 "# A phone, made by `fwlab capture` from its nodes.\n" + described +
                     "\n# What the phone reports after an update; its nodes do not tell.\n"

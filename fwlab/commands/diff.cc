@@ -1,7 +1,6 @@
 // Compares two packages: by their entries, and by what devices get from them.
 #include "fwlab/base/json.h"
 #include "fwlab/commands/commands.h"
-#include "fwlab/package/digest.h"
 #include "fwlab/phone/decision.h"
 #include "simphone/text.h"
 
@@ -12,21 +11,16 @@
 
 namespace {
 
-std::string_view Whole(const Package& package, const Entry& entry) {
-    const size_t size = entry.body - entry.offset + entry.bodySize;
-    return BytesOf(package).substr(entry.offset, size);
-}
-
 // The own entries of one package that the other one does not have, byte by byte.
 Json OnlyIn(const Package& package, const Package& other) {
-    std::set<std::string_view> others;
+    std::set<std::pair<std::string_view, std::string_view>> others; // header and body
     for (const Entry* entry : OwnEntries(other)) {
-        others.insert(Whole(other, *entry));
+        others.emplace(entry->identity.header, entry->image);
     }
     Json only = Json::array();
     for (const Entry* entry : OwnEntries(package)) {
-        if (others.count(Whole(package, *entry)) == 0) {
-            only.push_back(ReportOf(package, *entry));
+        if (others.count({entry->identity.header, entry->image}) == 0) {
+            only.push_back(ReportOf(*entry));
             only.back().erase("body_offset");
         }
     }
@@ -60,10 +54,10 @@ void AddDevices(const Package& package, Devices& devices) {
 }
 
 // What a device gets from the package.
-Json ReportOf(const Package& package, const Decision& decision) {
+Json DeviceReport(const Decision& decision) {
     Json report = ReportOf(decision);
     report.erase("steps");
-    const std::string digest = Sha256(SentBody(package, decision));
+    const std::string digest = Sha256(decision.sentBody);
     report["sha256"] = decision.sent == nullptr ? Json() : Json(digest);
     if (decision.verdict != Verdict::UPDATED) {
         report["gets"] = InWords(decision.verdict, WhyOf(decision));
@@ -71,7 +65,7 @@ Json ReportOf(const Package& package, const Decision& decision) {
     }
     Texts gets = NotesOf(*decision.sent);
     gets.insert(gets.begin(), fmt::format("gets {}, {} bytes of entry {}, sha256 {}...",
-                                          Quoted(*decision.recorded), decision.sentSize,
+                                          Quoted(*decision.recorded), decision.sentBody.size(),
                                           decision.sent->number, digest.substr(0, 12)));
     report["gets"] = fmt::format("{}", fmt::join(gets, "; note: "));
     return report;
@@ -90,11 +84,11 @@ Json DevicesReport(const Package& before, const Package& after, const Layout& la
             const Decision was = Decide(before, device), is = Decide(after, device);
             // It ends with the same firmware and the same record.
             const bool isSame = was.verdict == is.verdict && was.recorded == is.recorded &&
-                                SentBody(before, was) == SentBody(after, is);
+                                was.sentBody == is.sentBody;
             reports.push_back({{"device", Title(device.identity) + " runs " + name},
                                {"same", isSame},
-                               {"old", ReportOf(before, was)},
-                               {"new", ReportOf(after, is)}});
+                               {"old", DeviceReport(was)},
+                               {"new", DeviceReport(is)}});
         }
     }
     return reports;

@@ -1,7 +1,6 @@
 // Shows what a package holds and what is wrong with it, without changing it.
 #include "fwlab/base/json.h"
 #include "fwlab/commands/commands.h"
-#include "fwlab/package/digest.h"
 #include "fwlab/phone/decision.h"
 #include "simphone/text.h"
 
@@ -58,7 +57,7 @@ int List(const std::string& packageFile, bool asJson) {
         const Entry* outer = OuterEntry(package, entry);
         findings = outer == nullptr ? FindingsOf(package, entry) : Texts();
         isFlawless = isFlawless && findings.empty();
-        Json shown = ReportOf(package, entry);
+        Json shown = ReportOf(entry);
         shown["findings"] = findings;
         shown["notes"] =
             outer == nullptr ? NotesOf(entry, true) : Texts{"a magic inside " + Title(*outer)};

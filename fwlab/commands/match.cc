@@ -9,8 +9,8 @@
 
 namespace {
 
-void Print(const Step& step, const Identity& device) {
-    const std::string reason = Sentence(step.reason, device);
+void Print(const Step& step, const Decision& decision) {
+    const std::string reason = Sentence(step.reason, decision);
     const std::string taken =
         step.entry == nullptr
             ? ""
@@ -26,7 +26,7 @@ void Print(const Step& step, const Identity& device) {
 std::string AnswerOf(const Decision& decision) {
     if (decision.verdict == Verdict::UPDATED) {
         return fmt::format("An update to {}: {} bytes of {}.", Quoted(*decision.recorded),
-                           decision.sentSize, Title(*decision.sent));
+                           decision.sentBody.size(), Title(*decision.sent));
     }
     const std::string answer = InWords(decision.verdict, WhyOf(decision)) + ". ";
     if (decision.verdict == Verdict::RECORD_UNREADABLE) {
@@ -61,15 +61,16 @@ int Match(const std::string& packageFile, const Description& phone, const std::s
           bool asJson) {
     const Device device = DeviceOf(phone);
     const Package package = OpenPackage(packageFile, device.identity.layout);
-    const Record record = recordFile.empty() ? Record() : ReadRecord(recordFile);
-    const Decision decision = Decide(package, device, recordFile.empty() ? nullptr : &record);
+    const std::optional<Record> record =
+        recordFile.empty() ? std::nullopt : std::optional(ReadRecord(recordFile));
+    const Decision decision = Decide(package, device, record);
     Json report = ReportOf(decision);
     report["not_looked_at"] = NotLookedAt(phone);
     Show(asJson, report, [&] {
-        fmt::print("device: {}, runs {}\n", Title(decision.device),
-                   Quoted(RevisionOf(decision.device)));
+        fmt::print("device: {}, runs {}\n", Title(device.identity),
+                   Quoted(RevisionOf(device.identity)));
         for (const Step& step : decision.steps) {
-            Print(step, decision.device);
+            Print(step, decision);
         }
         fmt::print("{}\n", AnswerOf(decision));
         for (const std::string& note :

@@ -99,14 +99,14 @@ int Outcome(const OutcomeOptions& options, bool asJson) {
     const size_t all = directories.size();
     const bool isTable = !asJson && (all > 1 || options.list);
     Summary summary;
-    size_t noPhones = 0;
+    size_t phones = 0;
     for (size_t i = 0; i < all; i++) {
         if (!asJson) {
             ShowProgress(i, all, "directories");
         }
         const StateReport report = ReadState(directories[i]);
         summary.counts[report.verdict]++;
-        noPhones += IsNoPhone(report.verdict) ? 1 : 0;
+        phones += IsNoPhone(report.verdict) ? 0 : 1;
         if (isTable) {
             Count(directories[i], report, summary);
         } else {
@@ -121,7 +121,5 @@ int Outcome(const OutcomeOptions& options, bool asJson) {
         Print(summary, share, all, options.list);
     }
     const size_t fine = summary.counts[Verdict::UPDATED] + summary.counts[Verdict::NOTHING_TO_DO];
-    return noPhones == all     ? 2
-           : options.failAbove ? share.notUpdated > *options.failAbove
-                               : fine < all;
+    return phones == 0 ? 2 : options.failAbove ? share.notUpdated > *options.failAbove : fine < all;
 }

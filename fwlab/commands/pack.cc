@@ -3,7 +3,6 @@
 #include "fwlab/base/json.h"
 #include "fwlab/base/output.h"
 #include "fwlab/commands/commands.h"
-#include "fwlab/package/digest.h"
 #include "fwlab/phone/decision.h"
 #include "simphone/text.h"
 

@@ -16,37 +16,30 @@
 
 namespace {
 
-// A model that a phone may be of, with a revision that it may run, and what it gets then.
-struct Case {
-    const Model* model;
-    const Package* package; // null: there is none for it
-    Decision decision;      // for the model's device with that revision
-};
-
 // Phones of which the same is known.
 struct Line {
     uint64_t phones;
-    std::vector<Case> cases; // at least one, if there are phones
+    // For each device that they may be, with each revision that it may run; at least one, if there
+    // are phones.
+    std::vector<Decision> cases;
 };
 
 // The entry that a phone gets; null for none.
-const Entry* Received(const Case& one) {
-    return one.decision.verdict == Verdict::UPDATED ? one.decision.sent : nullptr;
+const Entry* Received(const Decision& one) {
+    return one.verdict == Verdict::UPDATED ? one.sent : nullptr;
 }
 
-std::string Gets(const Case& one) {
+std::string Gets(const Decision& one) {
     const Entry* entry = Received(one);
-    return entry != nullptr
-               ? fmt::format("gets entry {}, {}", entry->number, Quoted(*one.decision.recorded))
-               : InWords(one.decision.verdict, WhyOf(one.decision));
+    return entry != nullptr ? fmt::format("gets entry {}, {}", entry->number, Quoted(*one.recorded))
+                            : InWords(one.verdict, WhyOf(one));
 }
 
 // The answer for the phones: UNKNOWN if it depends on the case.
 Verdict VerdictOf(const Line& line) {
-    const Verdict first = line.cases.front().decision.verdict;
-    const bool isOne = std::all_of(line.cases.begin(), line.cases.end(), [&](const Case& other) {
-        return other.decision.verdict == first;
-    });
+    const Verdict first = line.cases.front().verdict;
+    const bool isOne = std::all_of(line.cases.begin(), line.cases.end(),
+                                   [&](const Decision& other) { return other.verdict == first; });
     return isOne ? first : Verdict::UNKNOWN;
 }
 
@@ -62,21 +55,23 @@ std::string UpToZero(const std::string& bytes) {
     return bytes.substr(0, bytes.find('\0'));
 }
 
-Case MakeCase(const std::vector<Package>& packages, const Model& model, const std::string& revision,
-              const Record* record) {
-    const Layout& layout = *model.device.identity.layout;
+// What a device of the model that runs this revision gets.
+Decision DecideFor(const std::vector<Package>& packages, const Model& model,
+                   const std::string& revision, const std::optional<Record>& record) {
+    static const Package none = {};
     Device device = model.device;
-    Set(device.identity, layout.revision, revision);
+    const Layout* layout = device.identity.layout;
+    Set(device.identity, layout->revision, revision);
     const auto package = std::find_if(packages.begin(), packages.end(),
-                                      [&](const Package& one) { return one.layout == &layout; });
-    return package == packages.end() ? Case{&model, nullptr, DecideWithoutPackage(device)}
-                                     : Case{&model, &*package, Decide(*package, device, record)};
+                                      [&](const Package& one) { return one.layout == layout; });
+    return Decide(package == packages.end() ? none : *package, device, record);
 }
 
 // A phone whose last attempt passed runs its target. Another one runs its base or its target.
-std::vector<Case> CasesOf(const std::vector<Package>& packages, const std::vector<Model>& models,
-                          const Record& record, bool hasPassed) {
-    std::vector<Case> cases;
+std::vector<Decision> CasesOf(const std::vector<Package>& packages,
+                              const std::vector<Model>& models, const Record& record,
+                              bool hasPassed) {
+    std::vector<Decision> cases;
     Texts texts = {record.target};
     if (!hasPassed && record.base != record.target) {
         texts.insert(texts.begin(), record.base);
@@ -89,9 +84,9 @@ std::vector<Case> CasesOf(const std::vector<Package>& packages, const std::vecto
         for (const std::string& text : texts) {
             const auto isIt = [&](const Running& one) { return UpToZero(one.revision) == text; };
             const auto running = std::find_if(model.running.begin(), model.running.end(), isIt);
-            cases.push_back(MakeCase(packages, model,
-                                     running == model.running.end() ? text : running->revision,
-                                     &record));
+            cases.push_back(DecideFor(packages, model,
+                                      running == model.running.end() ? text : running->revision,
+                                      record));
         }
     }
     return cases;
@@ -99,13 +94,11 @@ std::vector<Case> CasesOf(const std::vector<Package>& packages, const std::vecto
 
 // Takes phones out of the fleet's lines that count them, those of the first case first. Returns how
 // many there were.
-uint64_t TakePhones(std::vector<Line>& fleet, const std::vector<Case>& cases, uint64_t phones) {
+uint64_t TakePhones(std::vector<Line>& fleet, const std::vector<Decision>& cases, uint64_t phones) {
     uint64_t taken = 0;
-    for (const Case& one : cases) {
+    for (const Decision& one : cases) {
         for (Line& line : fleet) {
-            const Case& counted = line.cases.front();
-            const bool isIt = counted.model == one.model && RevisionOf(counted.decision.device) ==
-                                                                RevisionOf(one.decision.device);
+            const bool isIt = KeyOf(line.cases.front().device) == KeyOf(one.device);
             const uint64_t more = isIt ? std::min(line.phones, phones - taken) : 0;
             line.phones -= more;
             taken += more;
@@ -119,7 +112,7 @@ void FindUnusedEntries(const std::vector<Package>& packages, const std::vector<L
                        Texts& findings) {
     std::set<const Entry*> used;
     for (const Line& line : fleet) {
-        for (const Case& one : line.cases) {
+        for (const Decision& one : line.cases) {
             used.insert(line.phones > 0 ? Received(one) : nullptr);
         }
     }
@@ -189,27 +182,29 @@ std::vector<Package> ReadPackages(const Texts& paths) {
     return packages;
 }
 
-Json ReportOf(const Case& one) {
-    const Identity& identity = one.decision.device;
+Json Describe(const Decision& one) {
+    const Identity& device = one.device.identity;
     const Entry* entry = Received(one);
-    return {{"product_name", Escaped(NameOf(identity))},
-            {"manufacturer", Escaped(Get(identity, identity.layout->manufacturer))},
-            {"revision", Escaped(RevisionOf(identity))},
-            {"device", Title(identity)},
-            {"answer", WordOf(one.decision.verdict)},
+    const std::string& path = one.package->path;
+    return {{"product_name", Escaped(NameOf(device))},
+            {"manufacturer", Escaped(Get(device, device.layout->manufacturer))},
+            {"revision", Escaped(RevisionOf(device))},
+            {"device", Title(device)},
+            {"answer", WordOf(one.verdict)},
             {"gets", Gets(one)},
-            {"package", one.package == nullptr ? Json() : Json(Escaped(one.package->path))},
+            {"package", path.empty() ? Json() : Json(Escaped(path))},
             {"entry", entry == nullptr ? Json() : Json(entry->number)}};
 }
 
 // As the first case, but for what is not the same in each.
-Json ReportOf(const Line& line) {
-    Json report = ReportOf(line.cases.front()), cases = Json::array();
+Json Describe(const Line& line) {
+    Json report = Describe(line.cases.front()), cases = Json::array();
     Texts details;
-    for (const Case& one : line.cases) {
-        cases.push_back(ReportOf(one));
-        details.push_back(fmt::format("if it is {} and runs {}: {}", Title(one.decision.device),
-                                      Quoted(RevisionOf(one.decision.device)), Gets(one)));
+    for (const Decision& one : line.cases) {
+        const Identity& device = one.device.identity;
+        cases.push_back(Describe(one));
+        details.push_back(fmt::format("if it is {} and runs {}: {}", Title(device),
+                                      Quoted(RevisionOf(device)), Gets(one)));
     }
     if (IsDecided(line)) {
         const Entry* entry = Received(line.cases.front());
@@ -231,8 +226,7 @@ Json MakeReport(const std::vector<Package>& packages, const std::vector<Model>& 
     std::vector<Line> fleet;
     for (const Model& model : models) {
         for (const Running& running : model.running) {
-            fleet.push_back(
-                {running.phones, {MakeCase(packages, model, running.revision, nullptr)}});
+            fleet.push_back({running.phones, {DecideFor(packages, model, running.revision, {})}});
         }
     }
     Texts findings;
@@ -241,7 +235,7 @@ Json MakeReport(const std::vector<Package>& packages, const std::vector<Model>& 
     std::vector<Line> tried;
     uint64_t otherRecords = 0;
     for (const auto& [key, attempt] : attempts) { // those that passed come first
-        const std::vector<Case> cases =
+        const std::vector<Decision> cases =
             CasesOf(packages, models, attempt.record, !std::get<0>(key));
         tried.push_back({TakePhones(fleet, cases, attempt.phones), cases});
         otherRecords += attempt.phones - tried.back().phones;
@@ -252,7 +246,7 @@ Json MakeReport(const std::vector<Package>& packages, const std::vector<Model>& 
     std::map<Verdict, uint64_t> phones;
     for (const Line& line : fleet) {
         if (line.phones > 0) {
-            lines.push_back(ReportOf(line));
+            lines.push_back(Describe(line));
             phones[VerdictOf(line)] += line.phones;
         }
     }

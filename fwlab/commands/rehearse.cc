@@ -136,7 +136,7 @@ bool TellRestart(const Phone& phone, const std::string& image, const Package& pa
         phone.description.ufs ? WholeFile(phone.directory + "/proc/bootdevice/rev").substr(0, size)
                               : WholeFile(phone.directory + "/device/ext_csd.bin")
                                     .substr(EXT_CSD_FIRMWARE_VERSION, size);
-    const bool isSent = IsSent(package, decision, image);
+    const bool isSent = IsSent(decision, image);
     const Entry* entry = decision.sent != nullptr ? decision.sent : decision.PreCheck();
     report.json["revision"] = Escaped(revision);
     report.json["downloaded_bytes"] = image.size();
@@ -159,10 +159,8 @@ bool TellRestart(const Phone& phone, const std::string& image, const Package& pa
 bool FindsNothingToDo(const Phone& phone, Report& report) {
     report.Say("\nThe second run:\n");
     const RunResult run = Run({}, phone, report);
-    const std::string *before = RecordIn(run.before), *after = RecordIn(run.after);
-    const bool isSame = before == nullptr || after == nullptr ? before == after : *before == *after;
-    const bool isQuiet =
-        isSame && ReadState(phone.directory + STATE_DIR).lastRun == LastRun::REGULAR;
+    const bool isQuiet = RecordIn(run.before) == RecordIn(run.after) &&
+                         ReadState(phone.directory + STATE_DIR).lastRun == LastRun::REGULAR;
     report.json["second_run_is_quiet"] = isQuiet;
     report.Say("The second run {} nothing to do.\n", isQuiet ? "found" : "did NOT find");
     return isQuiet;
@@ -187,7 +185,7 @@ int RehearseIn(const Phone& phone, const RehearseOptions& options, const Package
     }
     std::string image = TakenImage(phone);
     const auto judge = [&] {
-        return Judge(package, decision, image, before, ReadStateDirectory(phone.directory));
+        return Judge(decision, image, before, ReadStateDirectory(phone.directory));
     };
     Verdict verdict = judge();
     const bool isReported = TellRestart(phone, image, package, decision, report);

@@ -13,8 +13,6 @@
 
 namespace {
 
-constexpr char MANIFEST[] = "package.toml";
-
 // Stop unless pack makes these bytes of the manifest.
 void RequireSame(const std::string& manifest, const Package& package) {
     Built built = BuildPackage(manifest);
@@ -32,16 +30,8 @@ int Unpack(const std::string& packageFile, const std::string& folder, bool asJso
     const Package package = OpenPackage(packageFile);
     const std::vector<const Entry*> entries = OwnEntries(package);
     Require(!entries.empty(), 1, packageFile + ": is empty: pack makes no such package");
-    std::vector<ManifestEntry> parts;
-    for (const Entry* entry : entries) {
-        parts.push_back({entry->identity, std::string(BodyOf(package, *entry)),
-                         fmt::format("image-{}.bin", parts.size() + 1)});
-    }
     MakeFolder(folder, [&](const std::string& made) {
-        for (const ManifestEntry& part : parts) {
-            WriteOutput(made + "/" + part.imageFile, part.image);
-        }
-        WriteOutput(made + "/" + MANIFEST, ManifestText(*package.layout, parts));
+        TakeApart(package, made);
         RequireSame(made + "/" + MANIFEST, package);
     });
     const bool needsGki = std::any_of(entries.begin(), entries.end(),

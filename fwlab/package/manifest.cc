@@ -1,10 +1,10 @@
-// Reads and writes manifests. Whatever is unknown, missing or of the wrong type is input that
-// cannot be read; a value that would not work on a phone is refused.
+// Makes packages of manifests, and manifests of packages. Whatever is unknown, missing or of the
+// wrong type is input that cannot be read; a value that would not work on a phone is refused.
 #include "fwlab/package/manifest.h"
 
+#include "fwlab/base/output.h"
 #include "fwlab/base/stop.h"
 #include "fwlab/base/toml.h"
-#include "fwlab/package/digest.h"
 #include "fwlab/package/fields.h"
 #include "simphone/files.h"
 #include "simphone/toml.h"
@@ -13,6 +13,8 @@
 #include <filesystem>
 #include <fmt/format.h>
 
+namespace fs = std::filesystem;
+
 namespace {
 
 std::string ReadImage(const std::string& path) {
@@ -20,7 +22,7 @@ std::string ReadImage(const std::string& path) {
     std::string image;
     std::error_code error;
     Require(path.find('\0') == std::string::npos, 2, "image has a zero byte in its name");
-    const size_t size = std::filesystem::file_size(path, error); // of a regular file only
+    const size_t size = fs::file_size(path, error); // of a regular file only
     Require(!error, 2, title + ": " + error.message());
     Require(size <= PACKAGE_SIZE_MAX, 1, title + ": 2 GiB or larger");
     if (!ReadWholeFile(path, image)) {
@@ -48,7 +50,9 @@ Identity NewEntry(const Layout& layout) {
     return identity;
 }
 
-ManifestEntry ReadEntry(Keys keys, const Layout& layout, const std::filesystem::path& folder) {
+// Appends an entry to the package's bytes, and its image file to the inputs.
+void AddEntry(Keys keys, const Layout& layout, const fs::path& folder, std::string& bytes,
+              std::vector<std::string>& inputs) {
     Identity identity = NewEntry(layout);
     for (const Field* field : FieldsOf(layout)) {
         TakeField(keys, *field, identity);
@@ -60,59 +64,50 @@ ManifestEntry ReadEntry(Keys keys, const Layout& layout, const std::filesystem::
     const std::string digest = Sha256(image);
     Require(wanted.empty() || wanted == digest, 1,
             fmt::format("image {}: its sha256 is {}, not {}", imageFile, digest, wanted));
-    return {identity, image, imageFile};
-}
-
-std::vector<ManifestEntry> ReadManifest(const std::string& path) {
-    std::vector<ManifestEntry> entries;
-    ReadToml(path, [&](Keys keys) {
-        const Layout& layout = TakeChoice(keys, "technology", "emmc", "ufs") ? EMMC : UFS;
-        TakeTables(keys, "entry", "[[entry]] tables", [&](Keys entry) {
-            const auto folder = std::filesystem::path(path).parent_path();
-            entries.push_back(ReadEntry(entry, layout, folder));
-        });
-    });
-    return entries;
+    std::string size;
+    for (const int shift : {24, 16, 8, 0}) {
+        size += static_cast<char>(image.size() >> shift);
+    }
+    Set(identity, layout.bodySize, size);
+    bytes += identity.header;
+    bytes += image;
+    inputs.push_back(imageFile);
 }
 
 } // namespace
 
-std::string ManifestText(const Layout& layout, const std::vector<ManifestEntry>& entries) {
-    std::string text = fmt::format("technology = \"{}\"\n", &layout == &UFS ? "ufs" : "emmc");
-    for (const ManifestEntry& entry : entries) {
-        const auto add = [&](const char* key, const std::string& value) {
-            text += fmt::format("{} = {}\n", key, value);
-        };
-        text += "\n[[entry]]\n";
-        for (const Field* field : FieldsOf(layout)) {
-            const bool isDefault = Get(entry.identity, *field) == Get(NewEntry(layout), *field);
-            if (!field->isOptional || !isDefault) {
-                add(field->key, TomlValue(entry.identity, *field));
-            }
-        }
-        add("image", TomlBytes(entry.imageFile));
-        add("image_sha256", '"' + Sha256(entry.image) + '"');
-    }
-    return text;
-}
-
 Built BuildPackage(const std::string& manifestFile) {
     const auto bytes = std::make_shared<std::string>();
-    Built built = {{}, {manifestFile}};
+    std::vector<std::string> inputs = {manifestFile};
     const Layout* layout = nullptr;
-    for (ManifestEntry& entry : ReadManifest(manifestFile)) {
-        built.inputs.push_back(entry.imageFile);
-        layout = entry.identity.layout;
-        std::string size;
-        for (const int shift : {24, 16, 8, 0}) {
-            size += static_cast<char>(entry.image.size() >> shift);
-        }
-        Set(entry.identity, layout->bodySize, size);
-        *bytes += entry.identity.header + entry.image;
-        Require(bytes->size() <= PACKAGE_SIZE_MAX, 1,
-                manifestFile + ": the package is 2 GiB or larger: phones refuse it");
-    }
+    ReadToml(manifestFile, [&](Keys keys) {
+        layout = TakeChoice(keys, "technology", "emmc", "ufs") ? &EMMC : &UFS;
+        TakeTables(keys, "entry", "[[entry]] tables", [&](Keys entry) {
+            AddEntry(entry, *layout, fs::path(manifestFile).parent_path(), *bytes, inputs);
+        });
+    });
+    Require(bytes->size() <= PACKAGE_SIZE_MAX, 1,
+            manifestFile + ": the package is 2 GiB or larger: phones refuse it");
     const PackageBytes owned(bytes, reinterpret_cast<const uint8_t*>(bytes->data()));
-    built.package = LookInto(manifestFile, owned, bytes->size(), *layout);
-    return built;
+    return {LookInto(manifestFile, owned, bytes->size(), *layout), inputs};
+}
+
+void TakeApart(const Package& package, const std::string& folder) {
+    const Layout& layout = *package.layout;
+    const Identity plain = NewEntry(layout);
+    std::string text = fmt::format("technology = \"{}\"\n", &layout == &UFS ? "ufs" : "emmc");
+    size_t number = 0;
+    for (const Entry* entry : OwnEntries(package)) {
+        const std::string imageFile = fmt::format("image-{}.bin", ++number);
+        WriteOutput(folder + "/" + imageFile, entry->image);
+        text += "\n[[entry]]\n";
+        for (const Field* field : FieldsOf(layout)) {
+            if (!field->isOptional || Get(entry->identity, *field) != Get(plain, *field)) {
+                text += fmt::format("{} = {}\n", field->key, TomlValue(entry->identity, *field));
+            }
+        }
+        text +=
+            fmt::format("image = \"{}\"\nimage_sha256 = \"{}\"\n", imageFile, Sha256(entry->image));
+    }
+    WriteOutput(folder + "/" + MANIFEST, text);
 }

@@ -1,15 +1,7 @@
-// The manifest of a package: its entries and their images, as the user writes them down.
+// Packages and their manifests: the entries and their images, as the user writes them down.
 #pragma once
 
 #include "fwlab/package/package.h"
-
-struct ManifestEntry {
-    Identity identity;            // without the size of the body
-    std::string image, imageFile; // the image's bytes and path
-};
-
-// The text of a manifest with these entries, for a folder to which imageFile is relative.
-std::string ManifestText(const Layout& layout, const std::vector<ManifestEntry>& entries);
 
 // A package, made in memory.
 struct Built {
@@ -19,3 +11,9 @@ struct Built {
 // Its own entries are those of the manifest, in its order, whatever they are. Stop if the manifest
 // or an image cannot be read, or if the package has 2 GiB or more.
 Built BuildPackage(const std::string& manifestFile);
+
+constexpr char MANIFEST[] = "package.toml";
+
+// Writes the images of the package's own entries into an empty folder, and a manifest of them,
+// which has this name there.
+void TakeApart(const Package& package, const std::string& folder);

@@ -3,7 +3,6 @@
 
 #include "fwlab/base/json.h"
 #include "fwlab/base/stop.h"
-#include "fwlab/package/digest.h"
 #include "simphone/text.h"
 
 #include <cerrno>
@@ -11,6 +10,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fmt/format.h>
+#include <openssl/evp.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -77,7 +77,8 @@ Package LookInto(const std::string& path, const PackageBytes& bytes, size_t size
             ownEnd = body + bodySize;
         }
         const Identity identity = {&layout, {first + p, first + body}};
-        package.entries.push_back({number, p, body, bodySize, fits, outer, identity});
+        const std::string_view image = BytesOf(package).substr(body, fits ? bodySize : 0);
+        package.entries.push_back({number, p, body, bodySize, fits, image, outer, identity});
     }
     return package;
 }
@@ -114,16 +115,20 @@ std::string_view BytesOf(const Package& package) {
     return {reinterpret_cast<const char*>(package.bytes.get()), package.size};
 }
 
-std::string_view BodyOf(const Package& package, const Entry& entry) {
-    return BytesOf(package).substr(entry.body, entry.bodySize);
+std::string Sha256(std::string_view bytes) {
+    uint8_t digest[EVP_MAX_MD_SIZE];
+    unsigned length = 0;
+    Require(EVP_Digest(bytes.data(), bytes.size(), digest, &length, EVP_sha256(), nullptr) == 1, 2,
+            "libcrypto has no SHA-256");
+    return Hex(digest, length);
 }
 
 std::string Title(const Entry& entry) {
     return fmt::format("entry {} at {:#x}", entry.number, entry.offset);
 }
 
-Json ReportOf(const Package& package, const Entry& entry) {
-    const Layout& layout = *package.layout;
+Json ReportOf(const Entry& entry) {
+    const Layout& layout = *entry.identity.layout;
     Json shown = {{"number", entry.number}, {"offset", entry.offset}};
     for (const Field* field : FieldsOf(layout)) {
         const std::string bytes = Get(entry.identity, *field);
@@ -141,7 +146,7 @@ Json ReportOf(const Package& package, const Entry& entry) {
     shown["body_offset"] = entry.body;
     shown["body_size"] = entry.bodySize;
     if (entry.bodyFits && entry.outer == 0) {
-        shown["sha256"] = Sha256(BodyOf(package, entry));
+        shown["sha256"] = Sha256(entry.image);
     }
     return shown;
 }

@@ -14,7 +14,8 @@ struct Entry {
     size_t offset, body; // of the header, of the body
     uint32_t bodySize;
     bool bodyFits;
-    size_t outer; // number of the own entry inside which it begins; 0 for none
+    std::string_view image; // the body; empty if it does not fit
+    size_t outer;           // number of the own entry inside which it begins; 0 for none
     Identity identity;
 };
 
@@ -23,7 +24,7 @@ using PackageBytes = std::shared_ptr<const uint8_t>;
 struct Package {
     std::string path;
     const Layout* layout;
-    PackageBytes bytes;
+    PackageBytes bytes; // null: there is no package
     size_t size;
     std::vector<Entry> entries; // every candidate, by offset
 };
@@ -49,10 +50,10 @@ const Entry* OuterEntry(const Package& package, const Entry& entry);
 std::map<size_t, std::string_view> Uncovered(const Package& package);
 
 std::string_view BytesOf(const Package& package);
-std::string_view BodyOf(const Package& package, const Entry& entry); // which fits
+std::string Sha256(std::string_view bytes); // in lower-case hexadecimal digits
 
 std::string Title(const Entry& entry); // "entry 2 at 0x1040"
 
 // Its number, places and fields by their keys, and the digest of its body if it is an own entry.
 // Without fields that phones do not compare where they are zero. Texts are printable.
-nlohmann::ordered_json ReportOf(const Package& package, const Entry& entry);
+nlohmann::ordered_json ReportOf(const Entry& entry);

@@ -25,37 +25,59 @@
 
 namespace {
 
-// In the order of the enumerators.
-constexpr const char* SENTENCES[] = {
-    "",
-    "there is no {layout} package",
-    "the package is empty",
-    "no entry has the product name {device}: the package holds {second} entries",
-    "no entry has the product name {device}",
-    "no entry has the product name {device}: {entry} has {value}, which differs only in blanks, "
-    "zero bytes or case",
-    "no usable entry has the product name {device}: {entry} has no body inside the package",
-    "its revision is not the running one, and it may be applied to the running one",
-    "the phone finds the entry's revision equal to the running one (it compares only the "
-    "beginning)",
-    "the running revision is not among its base revisions",
-    "the last attempt was from {from} to {to}",
-    "the phone cannot parse the record, so the run stops",
-    "{entry} has {field} {value}, the device {device}",
-    "the update uses the product name {used} for the device, and no entry has it",
-    "its revision is running already",
-    "its revision is not newer than the running one",
-    "the device is older than eMMC 5.0",
-    "its body is empty: the device gets no firmware",
-    "the body is larger than 1 MiB: only GKI mode takes it",
-    "the body is larger than 8 MiB: the device gets only its first 8 MiB",
-    "its body is larger than the {limit} KiB that the phone's host takes in one request",
-    "{entry} lies inside the image of {other}",
-    "the pre-check selects {entry}, the update selects {other}",
-    "the running or the new revision has a line feed: the phone cannot parse the record of the "
-    "attempt",
-};
-static_assert(std::size(SENTENCES) == Reason::UNREADABLE_ATTEMPT + 1);
+// Of the pre-check: no entry is selected.
+constexpr Cause NO_PACKAGE = {Verdict::NOTHING_TO_DO, "there is no {layout} package"};
+constexpr Cause EMPTY_PACKAGE = {Verdict::NOTHING_TO_DO, "the package is empty"};
+constexpr Cause OTHER_TECHNOLOGY = {
+    Verdict::NOTHING_TO_DO,
+    "no entry has the product name {device}: the package holds {second} entries"};
+constexpr Cause NO_NAME = {Verdict::NOTHING_TO_DO, "no entry has the product name {device}"};
+constexpr Cause SIMILAR_NAME = {
+    Verdict::NOTHING_TO_DO, "no entry has the product name {device}: {entry} has {value}, which "
+                            "differs only in blanks, zero bytes or case"};
+constexpr Cause BODY_BEYOND = {
+    Verdict::NOTHING_TO_DO,
+    "no usable entry has the product name {device}: {entry} has no body inside the package"};
+// Of the pre-check: an entry is selected.
+constexpr Cause NEW_REVISION = {
+    Verdict::UPDATED,
+    "its revision is not the running one, and it may be applied to the running one"};
+constexpr Cause SAME_REVISION = {Verdict::NOTHING_TO_DO,
+                                 "the phone finds the entry's revision equal to the running one "
+                                 "(it compares only the beginning)"};
+constexpr Cause NO_BASE = {Verdict::REFUSED,
+                           "the running revision is not among its base revisions"};
+// Of the record.
+constexpr Cause LAST_ATTEMPT = {Verdict::ALREADY_ATTEMPTED,
+                                "the last attempt was from {from} to {to}"};
+constexpr Cause UNREADABLE_RECORD = {Verdict::RECORD_UNREADABLE,
+                                     "the phone cannot parse the record, so the run stops"};
+// Of the update: no entry is selected, though the pre-check's has the product name.
+constexpr Cause OTHER_FIELD = {Verdict::USED_UP,
+                               "{entry} has {field} {value}, the device {device}"};
+constexpr Cause OTHER_NAME = {
+    Verdict::USED_UP,
+    "the update uses the product name {used} for the device, and no entry has it"};
+// Of the update: an entry is selected.
+constexpr Cause TAKEN = {Verdict::UPDATED, ""};
+constexpr Cause RUNS_ALREADY = {Verdict::USED_UP, "its revision is running already"};
+constexpr Cause NOT_NEWER = {Verdict::USED_UP, "its revision is not newer than the running one"};
+constexpr Cause OLD_EMMC = {Verdict::USED_UP, "the device is older than eMMC 5.0"};
+constexpr Cause EMPTY_BODY = {Verdict::USED_UP, "its body is empty: the device gets no firmware"};
+constexpr Cause LARGE_EMMC_BODY = {Verdict::USED_UP,
+                                   "the body is larger than 1 MiB: only GKI mode takes it"};
+constexpr Cause LARGE_UFS_BODY = {
+    Verdict::USED_UP, "the body is larger than 8 MiB: the device gets only its first 8 MiB"};
+constexpr Cause HOST_LIMIT = {
+    Verdict::USED_UP,
+    "its body is larger than the {limit} KiB that the phone's host takes in one request"};
+// Of the attempt as a whole.
+constexpr Cause INSIDE = {Verdict::WRONG_IMAGE, "{entry} lies inside the image of {other}"};
+constexpr Cause OTHER_SELECTED = {Verdict::WRONG_IMAGE,
+                                  "the pre-check selects {entry}, the update selects {other}"};
+constexpr Cause UNREADABLE_ATTEMPT = {
+    Verdict::RECORD_UNREADABLE, "the running or the new revision has a line feed: the phone cannot "
+                                "parse the record of the attempt"};
 
 constexpr char EXT_CSD_REV_5_1 = 8;                     // JEDEC, the last one
 constexpr size_t LINUX_UFS_TRANSFER_SIZE = 1024 * 1024; // ufshcd, since 5.19
@@ -109,19 +131,20 @@ Reason WhyNoEntry(const Package& package, const Identity& device) {
     for (const Entry& entry : package.entries) {
         const std::string other = Get(entry.identity, field);
         if (other == name) {
-            return {Reason::BODY_BEYOND, &entry};
+            return {&BODY_BEYOND, &entry};
         }
         if (strcasecmp(Trimmed(other).c_str(), Trimmed(name).c_str()) == 0) {
-            return {Reason::SIMILAR_NAME, &entry};
+            return {&SIMILAR_NAME, &entry};
         }
     }
     const Layout& other = device.layout == &UFS ? EMMC : UFS;
     const bool isOther =
         package.entries.empty() &&
         !LookInto(package.path, package.bytes, package.size, other).entries.empty();
-    return {package.size == 0 ? Reason::EMPTY_PACKAGE
-            : isOther         ? Reason::OTHER_TECHNOLOGY
-                              : Reason::NO_NAME};
+    return {package.bytes == nullptr ? &NO_PACKAGE
+            : package.size == 0      ? &EMPTY_PACKAGE
+            : isOther                ? &OTHER_TECHNOLOGY
+                                     : &NO_NAME};
 }
 
 Step PreCheck(const Package& package, const Identity& device, PackageRevs& revs) {
@@ -133,19 +156,20 @@ Step PreCheck(const Package& package, const Identity& device, PackageRevs& revs)
     const Entry* entry = parsed == 0 ? EntryAt(package, revs.entry) : nullptr;
     Step step = {"pre-check", verdict == STEP_DONE, entry, {}, TakePhoneMessages()};
     step.reason = entry == nullptr                             ? WhyNoEntry(package, device)
-                  : step.goesOn                                ? Reason{Reason::NEW_REVISION}
-                  : IsSameRev(info.localFwRev, revs.fwFileRev) ? Reason{Reason::SAME_REVISION}
-                                                               : Reason{Reason::NO_BASE};
+                  : step.goesOn                                ? Reason{&NEW_REVISION}
+                  : IsSameRev(info.localFwRev, revs.fwFileRev) ? Reason{&SAME_REVISION}
+                                                               : Reason{&NO_BASE};
     return step;
 }
 
-// The entry that the update selects, null for none, and why the device does not get all of it.
-struct Selection {
-    const Entry* entry;
-    Reason::Kind kind;
-};
+Step CheckRecord(const Record& record, const std::string& target) {
+    const bool goesOn = record.isReadable && !IsOnRecord(record, target);
+    const Cause& cause = record.isReadable ? LAST_ATTEMPT : UNREADABLE_RECORD;
+    return {"record", goesOn, nullptr, Reason{&cause}, record.messages};
+}
 
-Selection SelectEmmc(const Package& package, const Device& device) {
+// The entry that the update selects, null for none, and whether the device gets all of it.
+Reason SelectEmmc(const Package& package, const Device& device) {
     const auto header = HeaderOf<EmmcFwHeader>(device.identity);
     const uint8_t *bytes = package.bytes.get(), *body = nullptr;
     uint32_t size = 0;
@@ -154,15 +178,15 @@ Selection SelectEmmc(const Package& package, const Device& device) {
     if (body == nullptr) {
         return {};
     }
-    return {EntryAt(package, static_cast<size_t>(body - bytes) - sizeof(header)),
-            status != 0                             ? Reason::RUNS_ALREADY
-            : !IsEmmc50OrLater(header.emmcRev)      ? Reason::OLD_EMMC
-            : !device.gki && !FitsOneDownload(size) ? Reason::LARGE_EMMC_BODY
-            : size == 0                             ? Reason::EMPTY_BODY
-                                                    : Reason::NONE};
+    return {status != 0                             ? &RUNS_ALREADY
+            : !IsEmmc50OrLater(header.emmcRev)      ? &OLD_EMMC
+            : !device.gki && !FitsOneDownload(size) ? &LARGE_EMMC_BODY
+            : size == 0                             ? &EMPTY_BODY
+                                                    : &TAKEN,
+            EntryAt(package, static_cast<size_t>(body - bytes) - sizeof(header))};
 }
 
-Selection SelectUfs(const Package& package, const Device& device) {
+Reason SelectUfs(const Package& package, const Device& device) {
     const UfsFwHeader header = UfsDevice(device.identity);
     UfsSelection selection = {};
     if (SelectUfsFw(header, package.bytes.get(), static_cast<int32_t>(package.size), selection) !=
@@ -171,36 +195,33 @@ Selection SelectUfs(const Package& package, const Device& device) {
     }
     const uint32_t size = selection.ufsCurrentFwSize;
     const bool isRefused = device.maxHwSectorsKb > 0 && size > device.maxHwSectorsKb * 1024;
-    return {EntryAt(package, selection.ufsCurrentFwOffset - sizeof(header)),
-            selection.verdict != 0 ? Reason::NOT_NEWER
-            : isRefused            ? Reason::HOST_LIMIT
-            : size > TRANSFER_SIZE ? Reason::LARGE_UFS_BODY
-            : size == 0            ? Reason::EMPTY_BODY
-                                   : Reason::NONE};
+    return {selection.verdict != 0 ? &NOT_NEWER
+            : isRefused            ? &HOST_LIMIT
+            : size > TRANSFER_SIZE ? &LARGE_UFS_BODY
+            : size == 0            ? &EMPTY_BODY
+                                   : &TAKEN,
+            EntryAt(package, selection.ufsCurrentFwOffset - sizeof(header))};
 }
 
 // Why the update selects no entry, though this one has the product name.
 Reason WhyNotSelected(const Entry& entry, const Identity& device) {
     for (const Field* field : {&device.layout->manufacturer, &device.layout->extCsdRev}) {
         if (Get(device, *field) != Get(entry.identity, *field)) {
-            return {Reason::OTHER_FIELD, &entry, nullptr, field};
+            return {&OTHER_FIELD, &entry, nullptr, field};
         }
     }
-    return {Reason::OTHER_NAME};
+    return {&OTHER_NAME};
 }
 
 // seen is the pre-check's entry.
 Step Update(const Package& package, const Device& device, const Entry& seen) {
     (void)TakePhoneMessages();
     const bool isUfs = device.identity.layout == &UFS;
-    const auto [entry, kind] = (isUfs ? SelectUfs : SelectEmmc)(package, device);
-    Step step = {
-        "update", entry != nullptr && kind == Reason::NONE, entry, {kind}, TakePhoneMessages()};
-    step.reason.limit = device.maxHwSectorsKb;
-    if (entry == nullptr) {
-        step.reason = WhyNotSelected(seen, device.identity);
-    }
-    return step;
+    const Reason selected = (isUfs ? SelectUfs : SelectEmmc)(package, device);
+    const Entry* entry = selected.entry;
+    return {"update", selected.cause == &TAKEN, entry,
+            entry != nullptr ? selected : WhyNotSelected(seen, device.identity),
+            TakePhoneMessages()};
 }
 
 // Whether the entry describes exactly this device, under the product name that the update uses, and
@@ -250,44 +271,21 @@ std::string WhyNotSent(const Package& package, const Entry& entry, const Device&
                              "other, so put the two entries into separate packages");
 }
 
-Step CheckRecord(const Record& record, const std::string& target) {
-    Reason reason = {record.isReadable ? Reason::LAST_ATTEMPT : Reason::UNREADABLE_RECORD};
-    reason.from = record.base;
-    reason.to = record.target;
-    const bool goesOn = record.isReadable && !IsOnRecord(record, target);
-    return {"record", goesOn, nullptr, reason, record.messages};
-}
-
-// Of a phone whose run ends before the update.
-Verdict VerdictOf(Reason::Kind kind) {
-    return kind == Reason::NO_BASE             ? Verdict::REFUSED
-           : kind == Reason::LAST_ATTEMPT      ? Verdict::ALREADY_ATTEMPTED
-           : kind == Reason::UNREADABLE_RECORD ? Verdict::RECORD_UNREADABLE
-                                               : Verdict::NOTHING_TO_DO;
-}
-
-// Sets the verdict of a decision whose steps were all taken.
-void JudgeUpdate(const Package& package, Decision& decision) {
+// What the attempt comes to, when all steps are taken.
+Reason ReasonOfAttempt(const Decision& decision) {
+    const Identity& device = decision.device.identity;
     const Entry *seen = decision.PreCheck(), *sent = decision.sent;
-    const Entry* outer = OuterEntry(package, *seen);
+    const Entry* outer = OuterEntry(*decision.package, *seen);
     const bool isRight =
         sent == nullptr || (sent == seen && outer == nullptr) ||
-        (IsFor(*sent, decision.device) && RevisionOf(sent->identity) == RevisionOf(seen->identity));
-    const DeviceInfo info = InfoOf(decision.device);
+        (IsFor(*sent, device) && RevisionOf(sent->identity) == RevisionOf(seen->identity));
     if (!isRight) {
-        decision.verdict = Verdict::WRONG_IMAGE;
-        decision.reason = {sent == seen ? Reason::INSIDE : Reason::OTHER_SELECTED, seen,
-                           sent == seen ? outer : sent};
-    } else if (!ParseRecord(RecordText(info.pnm, info.localFwRev, *decision.recorded)).isReadable) {
-        decision.verdict = Verdict::RECORD_UNREADABLE;
-        decision.reason = {Reason::UNREADABLE_ATTEMPT};
-    } else if (!decision.steps.back().goesOn) {
-        decision.verdict = Verdict::USED_UP;
-        decision.reason = decision.steps.back().reason;
-    } else {
-        decision.verdict = Verdict::UPDATED;
-        decision.reason = {};
+        return sent == seen ? Reason{&INSIDE, seen, outer} : Reason{&OTHER_SELECTED, seen, sent};
     }
+    const DeviceInfo info = InfoOf(device);
+    const bool isReadable =
+        ParseRecord(RecordText(info.pnm, info.localFwRev, *decision.recorded)).isReadable;
+    return isReadable ? decision.steps.back().reason : Reason{&UNREADABLE_ATTEMPT};
 }
 
 std::string ValueOf(const Identity& identity, const Field& field) {
@@ -301,92 +299,83 @@ Json NumberOf(const Entry* entry) {
 
 } // namespace
 
-const std::string* RecordIn(const StateDirectory& state) {
-    const auto record = state.files.find(std::filesystem::path(RESULT_FILE).filename());
-    return record == state.files.end() ? nullptr : &record->second;
-}
-
-Decision Decide(const Package& package, const Device& device, const StateDirectory& state) {
-    const std::string* content = RecordIn(state);
-    const Record record = content == nullptr ? Record() : ParseRecord(*content);
-    return Decide(package, device, content == nullptr ? nullptr : &record);
-}
-
-std::string Sentence(const Reason& reason, const Identity& device) {
+std::string Sentence(const Reason& reason, const Decision& decision) {
+    const Identity& device = decision.device.identity;
     const Layout& layout = *device.layout;
     const Field& field = reason.field == nullptr ? layout.name : *reason.field;
+    const Record record = decision.record.value_or(Record());
     const auto title = [](const Entry* entry) { return entry == nullptr ? "" : Title(*entry); };
     return fmt::format(
-        fmt::runtime(SENTENCES[reason.kind]), fmt::arg("entry", title(reason.entry)),
+        fmt::runtime(reason.cause->sentence), fmt::arg("entry", title(reason.entry)),
         fmt::arg("other", title(reason.other)), fmt::arg("field", field.key),
         fmt::arg("device", ValueOf(device, field)),
         fmt::arg("value", reason.entry == nullptr ? "" : ValueOf(reason.entry->identity, field)),
         fmt::arg("used", Quoted(Trimmed(UpdateName(device)))), fmt::arg("layout", layout.title),
-        fmt::arg("second", (&layout == &UFS ? EMMC : UFS).title), fmt::arg("limit", reason.limit),
-        fmt::arg("from", Quoted(reason.from)), fmt::arg("to", Quoted(reason.to)));
+        fmt::arg("second", (&layout == &UFS ? EMMC : UFS).title),
+        fmt::arg("limit", decision.device.maxHwSectorsKb), fmt::arg("from", Quoted(record.base)),
+        fmt::arg("to", Quoted(record.target)));
 }
 
 std::string WhyOf(const Decision& decision) {
-    return Sentence(decision.reason, decision.device);
+    return Sentence(decision.reason, decision);
 }
 
-Decision Decide(const Package& package, const Device& device, const Record* record) {
+Decision Decide(const Package& package, const Device& device, const std::optional<Record>& record) {
     PackageRevs revs = {};
-    Decision decision = DecideWithoutPackage(device);
+    Decision decision = {&package, device, record, {}, {}, {}, {}, nullptr, {}};
     std::vector<Step>& steps = decision.steps;
     steps.push_back(PreCheck(package, device.identity, revs));
-    if (steps.back().goesOn && record != nullptr) {
+    if (steps.back().goesOn && record) {
         steps.push_back(CheckRecord(*record, revs.fwFileRev));
     }
-    if (!steps.back().goesOn) {
-        decision.reason = steps.back().reason;
-        decision.verdict = VerdictOf(decision.reason.kind);
-        return decision;
+    decision.reason = steps.back().reason;
+    if (steps.back().goesOn) {
+        decision.recorded = revs.fwFileRev;
+        const Step update = Update(package, device, *decision.PreCheck());
+        if (update.goesOn || update.reason.cause == &LARGE_UFS_BODY) {
+            const bool isUfs = device.identity.layout == &UFS;
+            decision.sent = update.entry;
+            decision.sentBody =
+                update.entry->image.substr(0, isUfs ? TRANSFER_SIZE : std::string_view::npos);
+        }
+        steps.push_back(update);
+        decision.reason = ReasonOfAttempt(decision);
     }
-    decision.recorded = revs.fwFileRev;
-    const Step update = Update(package, device, *decision.PreCheck());
-    if (update.goesOn || update.reason.kind == Reason::LARGE_UFS_BODY) {
-        const bool isUfs = device.identity.layout == &UFS;
-        decision.sent = update.entry;
-        decision.sentSize =
-            std::min<size_t>(update.entry->bodySize, isUfs ? TRANSFER_SIZE : PACKAGE_SIZE_MAX);
-    }
-    steps.push_back(update);
-    JudgeUpdate(package, decision);
+    decision.verdict = decision.reason.cause->verdict;
     (void)TakePhoneMessages();
     return decision;
 }
 
-Decision DecideWithoutPackage(const Device& device) {
-    return {Verdict::NOTHING_TO_DO, device.identity, {Reason::NO_PACKAGE}, {}, {}, nullptr, 0};
+Decision Decide(const Package& package, const Device& device, const StateDirectory& state) {
+    const std::optional<std::string> content = RecordIn(state);
+    return Decide(package, device, content ? std::optional(ParseRecord(*content)) : std::nullopt);
 }
 
-std::string_view SentBody(const Package& package, const Decision& decision) {
-    return decision.sent == nullptr ? std::string_view()
-                                    : BodyOf(package, *decision.sent).substr(0, decision.sentSize);
+std::optional<std::string> RecordIn(const StateDirectory& state) {
+    const auto record = state.files.find(std::filesystem::path(RESULT_FILE).filename());
+    return record == state.files.end() ? std::nullopt : std::optional(record->second);
 }
 
-bool IsSent(const Package& package, const Decision& decision, const std::string& taken) {
-    const size_t size = decision.sentSize;
-    const bool isEmmc = decision.device.layout == &EMMC; // a request carries whole blocks
+bool IsSent(const Decision& decision, const std::string& taken) {
+    const size_t size = decision.sentBody.size();
+    const bool isEmmc = decision.device.identity.layout == &EMMC; // a request carries whole blocks
     const size_t padded = size_t{DownloadBlocks(static_cast<uint32_t>(size))} * MMC_BLOCK_SIZE;
     return decision.sent != nullptr && !taken.empty() &&
            (taken.size() == size || (isEmmc && taken.size() == padded)) &&
-           SentBody(package, decision) == std::string_view(taken).substr(0, size);
+           decision.sentBody == std::string_view(taken).substr(0, size);
 }
 
-Verdict Judge(const Package& package, const Decision& decision, const std::string& taken,
-              const StateDirectory& before, const StateDirectory& after) {
-    const std::string *earlier = RecordIn(before), *record = RecordIn(after);
-    const bool isSent = IsSent(package, decision, taken);
+Verdict Judge(const Decision& decision, const std::string& taken, const StateDirectory& before,
+              const StateDirectory& after) {
+    const std::optional<std::string> record = RecordIn(after);
+    const bool isSent = IsSent(decision, taken);
     if (!taken.empty() && (!isSent || decision.verdict == Verdict::WRONG_IMAGE)) {
         return Verdict::WRONG_IMAGE;
     }
-    const bool isChanged = record != nullptr && (earlier == nullptr || *record != *earlier);
-    if (taken.empty() && !isChanged) {
+    if (taken.empty() && (!record || record == RecordIn(before))) {
         return decision.recorded ? Verdict::STOPPED : decision.verdict;
     }
-    if (record != nullptr && !ParseRecord(*record).isReadable) {
+    if (record && !ParseRecord(*record).isReadable) {
         return Verdict::RECORD_UNREADABLE;
     }
     return isSent && decision.verdict != Verdict::USED_UP ? Verdict::UPDATED : Verdict::USED_UP;
@@ -398,7 +387,7 @@ Json ReportOf(const Decision& decision) {
         steps.push_back({{"step", step.name},
                          {"goes_on", step.goesOn},
                          {"entry", NumberOf(step.entry)},
-                         {"reason", Sentence(step.reason, decision.device)},
+                         {"reason", Sentence(step.reason, decision)},
                          {"messages", step.messages}});
     }
     return {{"answer", WordOf(decision.verdict)},
@@ -406,7 +395,7 @@ Json ReportOf(const Decision& decision) {
             {"pre_check", NumberOf(decision.PreCheck())},
             {"recorded", decision.recorded ? Json(Escaped(*decision.recorded)) : Json()},
             {"sent", NumberOf(decision.sent)},
-            {"sent_bytes", decision.sentSize},
+            {"sent_bytes", decision.sentBody.size()},
             {"steps", steps}};
 }
 
@@ -423,10 +412,9 @@ Texts FindingsOf(const Package& package, const Entry& entry) {
     const std::string revision = RevisionOf(entry.identity);
     add(revision[0] == '\0', "the revision begins with a zero byte: once the record has any "
                              "attempt, the phone counts this revision as attempted");
-    const std::string_view body = BytesOf(package).substr(entry.body, entry.bodySize);
     for (const Layout* inner : {&EMMC, &UFS}) {
-        add(entry.bodyFits && entry.bodySize >= inner->headerSize &&
-                body.substr(0, MAGIC_SIZE) == inner->magic,
+        add(entry.image.size() >= inner->headerSize &&
+                entry.image.substr(0, MAGIC_SIZE) == inner->magic,
             fmt::format("the body begins with an entry header ({}): is it a package?",
                         inner->title));
     }
@@ -473,7 +461,7 @@ Texts NotesOf(const Entry& entry, bool forAnyPhone) {
     const std::string revision = RevisionOf(entry.identity),
                       text = revision.substr(0, revision.find('\0'));
     if (NeedsGkiMode(entry)) {
-        notes.push_back(Sentence({Reason::LARGE_EMMC_BODY}, entry.identity));
+        notes.emplace_back(LARGE_EMMC_BODY.sentence);
     }
     if (&layout == &UFS && entry.bodySize > LINUX_UFS_TRANSFER_SIZE) {
         notes.emplace_back(

@@ -11,49 +11,19 @@
 #include <nlohmann/json_fwd.hpp>
 #include <optional>
 
+// What a step comes to, such as NO_BASE in decision.cc: compared by its address.
+struct Cause {
+    Verdict verdict;      // if the run ends with it
+    const char* sentence; // for people, with the names of what a reason has
+};
+
 // Why a step ends or goes on. `entry` is the one that it is about.
 struct Reason {
-    enum Kind {
-        NONE,
-        // Of the pre-check: no entry is selected
-        NO_PACKAGE, // of the device's technology
-        EMPTY_PACKAGE,
-        OTHER_TECHNOLOGY, // the package has entries of the other one
-        NO_NAME,          // no entry has the product name
-        SIMILAR_NAME,     // `entry` has one that differs in blanks, zero bytes or case
-        BODY_BEYOND,      // `entry` has the name, but no body inside the package
-        // Of the pre-check: an entry is selected
-        NEW_REVISION,
-        SAME_REVISION,
-        NO_BASE, // the running revision is not among its base revisions
-        // Of the record
-        LAST_ATTEMPT, // from `from` to `to`
-        UNREADABLE_RECORD,
-        // Of the update: no entry is selected
-        OTHER_FIELD, // `entry`, which has the name, differs from the device in `field`
-        OTHER_NAME,  // the update uses another name for the device, which no entry has
-        // Of the update: an entry is selected
-        RUNS_ALREADY,
-        NOT_NEWER,
-        OLD_EMMC,
-        EMPTY_BODY,
-        LARGE_EMMC_BODY,
-        LARGE_UFS_BODY,
-        HOST_LIMIT, // `limit` KiB in one request
-        // Of both together
-        INSIDE,            // `entry` lies inside the image of `other`
-        OTHER_SELECTED,    // the pre-check selects `entry`, the update `other`
-        UNREADABLE_ATTEMPT // the phone cannot read the record that it writes of this attempt
-    };
-    Kind kind = NONE;
+    const Cause* cause;
     const Entry* entry = nullptr;
     const Entry* other = nullptr;
     const Field* field = nullptr;
-    uint32_t limit = 0;
-    std::string from = {}, to = {};
 };
-// For people, without a stop at the end; empty for NONE.
-std::string Sentence(const Reason& reason, const Identity& device);
 
 struct Step {
     const char* name;
@@ -67,43 +37,41 @@ struct Step {
 // read the record that the attempt leaves (`recorded` has a value), even if the device gets the
 // entry.
 struct Decision {
+    const Package* package;
+    Device device;
+    std::optional<Record> record; // that the phone has before
     Verdict verdict;
-    Identity device;
-    Reason reason;           // for the verdict
-    std::vector<Step> steps; // in order, as far as the phone gets; none without a package
+    Reason reason;                       // for the verdict
+    std::vector<Step> steps;             // in order, as far as the phone gets
     std::optional<std::string> recorded; // the revision that goes on record, as text
     const Entry* sent;                   // the entry whose body the device gets; null for none
-    size_t sentSize;                     // bytes of that body
+    std::string_view sentBody;           // as much of it as the device gets
     const Entry* PreCheck() const {      // the one that it selects; null for none
-        return steps.empty() ? nullptr : steps.front().entry;
+        return steps.front().entry;
     }
 };
-std::string WhyOf(const Decision& decision); // the sentence of its reason
+std::string Sentence(const Reason& reason, const Decision& decision); // without a stop at the end
+std::string WhyOf(const Decision& decision);                          // that of its reason
 
-// record: the phone's record of attempts; null if it has made none. Assumes that the device accepts
-// what it gets.
-Decision Decide(const Package& package, const Device& device, const Record* record = nullptr);
+// record: the phone's record of attempts, if it has made any. Assumes that the device accepts what
+// it gets. The package must live as long as the decision.
+Decision Decide(const Package& package, const Device& device,
+                const std::optional<Record>& record = {});
 
 // The same for a phone with this state directory.
 Decision Decide(const Package& package, const Device& device, const StateDirectory& state);
 
-// The content of its record; null if there is none.
-const std::string* RecordIn(const StateDirectory& state);
-
-// For a phone without a package of its technology.
-Decision DecideWithoutPackage(const Device& device);
+// The content of its record; none if there is none.
+std::optional<std::string> RecordIn(const StateDirectory& state);
 
 // What has become of the phone, for which `decision` was made, by runs with the package. taken: the
 // firmware that the device took and will run or runs after a restart; empty for none. before,
 // after: the state directory.
-Verdict Judge(const Package& package, const Decision& decision, const std::string& taken,
-              const StateDirectory& before, const StateDirectory& after);
-
-// As much of the body as the device gets; empty if it gets none.
-std::string_view SentBody(const Package& package, const Decision& decision);
+Verdict Judge(const Decision& decision, const std::string& taken, const StateDirectory& before,
+              const StateDirectory& after);
 
 // Whether `taken` is, to its last byte, what the decision says that the device gets.
-bool IsSent(const Package& package, const Decision& decision, const std::string& taken);
+bool IsSent(const Decision& decision, const std::string& taken);
 
 // "answer" (see WordOf), "why", the entries by their numbers (null for none), the revision that
 // goes on record, the number of bytes that the device gets, and the steps.

@@ -8,7 +8,6 @@
 #include <climits>
 #include <filesystem>
 #include <set>
-#include <tuple>
 
 namespace {
 
@@ -57,11 +56,7 @@ std::vector<Model> ReadFleet(const std::string& path) {
         ReadToml(path, [&](Keys keys) {
             TakeTables(keys, "model", "[[model]] tables", [&](Keys model) {
                 const Device device = TakeDevice(model, folder);
-                // The magic in the header tells the technology.
-                Demand(
-                    model,
-                    seen.emplace(device.identity.header, device.gki, device.maxHwSectorsKb).second,
-                    "the model is there twice");
+                Demand(model, seen.insert(KeyOf(device)).second, "the model is there twice");
                 fleet.push_back({device, TakeRunning(model, device.identity)});
             });
         });

@@ -121,9 +121,8 @@ std::vector<Wrong> WrongsOf(const RunResult& run, const std::vector<Fault>& faul
     const auto find = [&](bool isSo, Wrong wrong) {
         found.insert(found.end(), isSo ? 1 : 0, wrong);
     };
-    const std::string *before = RecordIn(run.before), *after = RecordIn(run.after);
-    const std::string old = before == nullptr ? "" : *before;
-    const std::string record = after == nullptr ? "" : *after;
+    const std::string old = RecordIn(run.before).value_or(""),
+                      record = RecordIn(run.after).value_or("");
     const bool isAttempt = IsAttempt(run), isStuck = IsStuck(run);
     const auto cuts = std::count_if(faults.begin(), faults.end(), IsPowerCut);
     const bool hasFailingCall = faults.size() > static_cast<size_t>(cuts);

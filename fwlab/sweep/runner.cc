@@ -6,7 +6,6 @@
 #include "fwlab/base/progress.h"
 #include "fwlab/base/stop.h"
 #include "fwlab/base/work_folder.h"
-#include "fwlab/package/digest.h"
 #include "fwlab/sweep/made_run.h"
 
 #include <algorithm>
@@ -151,7 +150,7 @@ RunResult Run(Sweep& sweep, const Worker& worker, SweepRun::Kind kind, Runs& run
 Verdict VerdictOf(const Sweep& sweep, size_t scenario, const std::string& image,
                   const StateDirectory& state) {
     const SweepBase& base = sweep.result.bases[scenario];
-    return Judge(base.package, base.decision, image, sweep.scenarios[scenario].before, state);
+    return Judge(base.decision, image, sweep.scenarios[scenario].before, state);
 }
 
 // Makes the run of a job. `starts` are the phones that it may leave, one for each of done.left.

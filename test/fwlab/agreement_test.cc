@@ -176,9 +176,8 @@ protected:
         const Verdict verdict = decision.verdict;
         verdicts[verdict]++;
         // What rehearse and sweep say of the run is what match said before it.
-        EXPECT_STREQ(
-            WordOf(Judge(package, decision, shown.sent, before, ReadStateDirectory(directory))),
-            WordOf(verdict));
+        EXPECT_STREQ(WordOf(Judge(decision, shown.sent, before, ReadStateDirectory(directory))),
+                     WordOf(verdict));
         const bool isUpdate =
             verdict == Verdict::UPDATED ||
             (verdict == Verdict::RECORD_UNREADABLE && decision.steps.back().goesOn);
@@ -186,7 +185,7 @@ protected:
         EXPECT_EQ(shown.recorded, decision.recorded.value_or(""));
         std::string body = decision.sent == nullptr
                                ? ""
-                               : made.package.substr(decision.sent->body, decision.sentSize);
+                               : made.package.substr(decision.sent->body, decision.sentBody.size());
         const bool isPadded = !made.isUfs && !description.gki;
         EXPECT_EQ(shown.sent.substr(0, body.size()), body);
         EXPECT_EQ(shown.sent.size(), isPadded ? (body.size() + 511) / 512 * 512 : body.size());
@@ -231,7 +230,7 @@ protected:
             for (size_t slot = 0; slot < slots.size(); slot += running.size()) {
                 isAdmitted |= slots.compare(slot, running.size(), running) == 0;
             }
-            const std::string body = entry.bodyFits ? std::string(BodyOf(package, entry)) : "";
+            const std::string body(entry.image);
             return (name == "KLUEG8U1EM-REWK" ? trimmed(own) == name : own == name) &&
                    isSame(layout.manufacturer) && isSame(layout.extCsdRev) && isAdmitted &&
                    RevisionOf(entry.identity) == seen && !body.empty() && entry.outer == 0 &&
