@@ -55,7 +55,7 @@ ManifestEntry ReadEntry(Keys keys, const Layout& layout, const std::filesystem::
     }
     const std::string imageFile = folder / TakeText(keys, "image");
     const std::string wanted = TakeDigest(keys);
-    FinishTable(keys);
+    RefuseTheRest(keys);
     const std::string image = ReadImage(imageFile);
     const std::string digest = Sha256(image);
     Require(wanted.empty() || wanted == digest, 1,

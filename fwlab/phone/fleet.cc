@@ -20,8 +20,8 @@ std::vector<Running> TakeRunning(Keys keys, Identity identity) {
     TakeTables(keys, "running", wanted, [&](Keys inner) {
         TakeField(inner, identity.layout->revision, identity);
         running.push_back({RevisionOf(identity), TakeNumber(inner, "phones", UINT32_MAX)});
-        Demand(inner, running.back().phones > 0, "phones is 0");
-        Demand(inner, seen.insert(running.back().revision).second, "the revision is there twice");
+        Demand(running.back().phones > 0, "phones is 0");
+        Demand(seen.insert(running.back().revision).second, "the revision is there twice");
     });
     return running;
 }
@@ -59,7 +59,6 @@ std::vector<Model> ReadFleet(const std::string& path) {
                 const Device device = TakeDevice(model, folder);
                 // The magic in the header tells the technology.
                 Demand(
-                    model,
                     seen.emplace(device.identity.header, device.gki, device.maxHwSectorsKb).second,
                     "the model is there twice");
                 fleet.push_back({device, TakeRunning(model, device.identity)});
