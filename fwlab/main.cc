@@ -143,11 +143,8 @@ void AddState(CLI::App* command, const std::function<void(const std::string&)>& 
 }
 
 std::vector<Fault> FaultsOf(const Texts& texts) {
-    std::vector<Fault> faults;
-    std::string error;
-    for (const std::string& text : texts) {
-        Require(ParseFault(text, faults.emplace_back(), error), 2, error);
-    }
+    std::vector<Fault> faults(texts.size());
+    std::transform(texts.begin(), texts.end(), faults.begin(), ParseFault);
     return faults;
 }
 

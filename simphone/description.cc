@@ -10,6 +10,7 @@
 #include <iomanip>
 #include <map>
 #include <sstream>
+#include <stdexcept>
 
 namespace {
 
@@ -77,13 +78,13 @@ void TakeCid(Keys keys, Description& phone) {
     for (int i = 0; i < 4; i++) {
         phone.cid[10 + i] = static_cast<uint8_t>(serial >> (24 - 8 * i));
     }
-    Demand(keys, phone.productName.size() == 6, "product_name is not 6 characters");
+    Demand(phone.productName.size() == 6, "product_name is not 6 characters");
 }
 
 void TakeEmmc(Keys keys, Description& phone) {
     const std::string mode = TakeText(keys, "mode");
     phone.gki = mode == "gki";
-    Demand(keys, phone.gki || mode == "normal", "mode is not \"gki\" or \"normal\"");
+    Demand(phone.gki || mode == "normal", "mode is not \"gki\" or \"normal\"");
     phone.revision = TakeBytes(keys, "revision", 8);
     phone.extCsdRev = static_cast<uint8_t>(TakeNumber(keys, "ext_csd_rev", 0xFF));
     TakeTable(keys, "cid", [&](Keys cid) { TakeCid(cid, phone); });
@@ -97,9 +98,8 @@ void TakeUfs(Keys keys, Description& phone) {
     phone.revision = TakeBytes(keys, "revision", 4);
     phone.maxHwSectorsKb = TakeNumber(keys, "max_hw_sectors_kb", INT_MAX / 1024, OPTIONAL);
     for (const std::string& text : TakeTexts(keys, "write_buffer")) {
-        phone.answers.emplace_back();
-        const bool isAnswer = ParseAnswer(text, phone.answers.back());
-        Demand(keys, isAnswer, "write_buffer: not an answer: " + text);
+        Demand(ParseAnswer(text, phone.answers.emplace_back()),
+               "write_buffer: not an answer: " + Escaped(text));
     }
     if (phone.answers.empty()) {
         phone.answers.emplace_back();
@@ -109,17 +109,14 @@ void TakeUfs(Keys keys, Description& phone) {
 void TakePhone(Keys keys, Description& phone) {
     const std::string technology = TakeText(keys, "technology");
     phone.ufs = technology == "ufs";
-    Demand(keys, phone.ufs || technology == "emmc", "technology is not \"emmc\" or \"ufs\"");
+    Demand(phone.ufs || technology == "emmc", "technology is not \"emmc\" or \"ufs\"");
     phone.ufs ? TakeUfs(keys, phone) : TakeEmmc(keys, phone);
     TakeTable(keys, "firmware", [&](Keys firmware) {
         phone.firmwareRevision = TakeBytes(firmware, "revision", phone.ufs ? 4 : 8);
     });
     TakeClock(keys, phone);
     for (const std::string& text : TakeTexts(keys, "faults")) {
-        phone.faults.emplace_back();
-        if (keys.error.empty()) {
-            (void)ParseFault(text, phone.faults.back(), keys.error);
-        }
+        phone.faults.push_back(ParseFault(text));
     }
     RefuseTheRest(keys);
 }
@@ -132,25 +129,21 @@ constexpr auto TEXT_FLAGS =
 
 } // namespace
 
-bool ReadDescription(const std::string& file, const std::vector<std::string>& settings,
-                     Description& description, std::string& error) {
-    toml::table table;
-    description = {};
-    if (!ReadTable(file, table, error, &description.text)) {
-        return false;
-    }
+Description ReadDescription(const std::string& file, const std::vector<std::string>& settings) {
+    Description phone = {};
+    toml::table table = ReadTable(file, &phone.text);
     for (const std::string& setting : settings) {
-        if (!SetKey(table, setting, error)) {
-            return false;
-        }
+        SetKey(table, setting);
     }
     if (!settings.empty()) {
         std::ostringstream stream;
         stream << toml::toml_formatter(table, TEXT_FLAGS) << "\n";
-        description.text = stream.str();
+        phone.text = stream.str();
     }
-    std::string wrong;
-    TakePhone({table, wrong}, description);
-    error = wrong.empty() ? "" : file + ": " + wrong;
-    return wrong.empty();
+    try {
+        TakePhone(table, phone);
+    } catch (const std::runtime_error& wrong) {
+        throw std::runtime_error(file + ": " + wrong.what());
+    }
+    return phone;
 }

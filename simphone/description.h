@@ -37,8 +37,6 @@ struct Description {
 };
 
 // Reads a description, with other values for the keys that the settings name (KEY=VALUE, see SetKey
-// in keys.h). Returns false with an error for the user, which names the file, and the key or the
+// in keys.h). Throws std::runtime_error for the user, which names the file, and the key, or the
 // setting.
-[[nodiscard]] bool ReadDescription(const std::string& file,
-                                   const std::vector<std::string>& settings,
-                                   Description& description, std::string& error);
+Description ReadDescription(const std::string& file, const std::vector<std::string>& settings = {});

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <iterator>
 #include <sstream>
+#include <stdexcept>
 #include <utility>
 
 namespace {
@@ -134,44 +135,38 @@ std::string FaultText(const Fault& fault) {
            EffectText(fault) + (fault.losses.empty() ? "" : " ") + LossText(fault.losses);
 }
 
-bool ParseFault(const std::string& text, Fault& fault, std::string& error) {
-    const auto refuse = [&](const std::string& why) {
-        return Failed(error, "fault " + Quoted(text) + ": " + why);
+Fault ParseFault(const std::string& text) {
+    const std::string order = ": CALL PATH #N EFFECT is the order";
+    const auto demand = [&](bool isRight, const std::string& otherwise) {
+        if (!isRight) {
+            throw std::runtime_error("fault " + Quoted(text) + ": " + otherwise);
+        }
     };
     std::istringstream words(text);
-    std::string word;
-    fault = {};
-    if (text.find('\n') != std::string::npos) { // one a line, on their way to the library
-        return refuse("has a line feed");
-    }
-    words >> fault.call >> word;
-    if (EffectsOf(fault.call) == nullptr) {
-        return refuse("no such call: " + fault.call);
-    }
-    if (word[0] == '/') {
-        fault.path = std::exchange(word, "");
+    const auto next = [&words] { // empty behind the last one
+        std::string word;
         words >> word;
+        return word;
+    };
+    Fault fault = {};
+    demand(text.find('\n') == std::string::npos, "has a line feed"); // one a line, to the library
+    fault.call = next();
+    demand(EffectsOf(fault.call) != nullptr, "no such call: " + fault.call);
+    std::string word = next();
+    if (word[0] == '/') {
+        fault.path = std::exchange(word, next());
     }
     if (word[0] == '#') {
-        if (!ParseRange(word, fault)) {
-            return refuse(word + " is not #N, #N-M or #N+");
-        }
-        word.clear();
-        words >> word;
+        demand(ParseRange(word, fault), word + " is not #N, #N-M or #N+");
+        word = next();
     }
-    if (word[0] == '/') {
-        return refuse(word + " stands behind the number: CALL PATH #N EFFECT is the order");
+    demand(word[0] != '/', word + " stands behind the number" + order);
+    demand(ParseEffect(word, fault) && CanHave(fault.call, fault.effect),
+           "not an effect that the call can have: " + word);
+    for (word = next(); !word.empty(); word = next()) {
+        demand(word[0] != '#' && word[0] != '/', word + " stands behind the effect" + order);
+        demand(IsPowerCut(fault) && ParseLosses(word, fault.losses),
+               "not what a power cut can do: " + word);
     }
-    if (!ParseEffect(word, fault) || !CanHave(fault.call, fault.effect)) {
-        return refuse("not an effect that the call can have: " + word);
-    }
-    while (words >> word) {
-        if (word[0] == '#' || word[0] == '/') {
-            return refuse(word + " stands behind the effect: CALL PATH #N EFFECT is the order");
-        }
-        if (!IsPowerCut(fault) || !ParseLosses(word, fault.losses)) {
-            return refuse("not what a power cut can do: " + word);
-        }
-    }
-    return true;
+    return fault;
 }

@@ -29,8 +29,8 @@ inline bool IsPowerCut(const Fault& fault) {
     return fault.effect >= Effect::TORN;
 }
 
-// Returns false with an error for the user, which has the text.
-[[nodiscard]] bool ParseFault(const std::string& text, Fault& fault, std::string& error);
+// Throws std::runtime_error for the user, with the text, if that names no fault.
+Fault ParseFault(const std::string& text);
 
 // A text of which ParseFault makes the same fault; the words of its effect alone, such as
 // "short=1".

@@ -5,8 +5,11 @@
 #include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
-#include <system_error>
 #include <unistd.h>
+
+std::system_error FailureOf(const std::string& path) {
+    return {errno, std::generic_category(), path};
+}
 
 bool ReadWholeFile(const std::string& path, std::string& content) {
     content.clear();
@@ -29,16 +32,31 @@ bool ReadWholeFile(const std::string& path, std::string& content) {
 std::string WholeFile(const std::string& path) {
     std::string content;
     if (!ReadWholeFile(path, content)) {
-        throw std::system_error(errno, std::generic_category(), path);
+        throw FailureOf(path);
     }
     return content;
 }
 
-bool WriteWholeFile(const std::string& path, const void* data, size_t size) {
+int OpenHigh(const std::string& path, int flags) {
+    const int fd = open(path.c_str(), flags | O_CLOEXEC, 0644);
+    if (fd < 0) {
+        throw FailureOf(path);
+    }
+    const int high = fcntl(fd, F_DUPFD_CLOEXEC, 800);
+    if (high < 0) {
+        return fd;
+    }
+    close(fd);
+    return high;
+}
+
+void WriteWholeFile(const std::string& path, std::string_view content) {
     FILE* file = fopen(path.c_str(), "we");
     if (file == nullptr) {
-        return false;
+        throw FailureOf(path);
     }
-    const bool isWritten = fwrite(data, 1, size, file) == size;
-    return fclose(file) == 0 && isWritten;
+    const bool isWritten = fwrite(content.data(), 1, content.size(), file) == content.size();
+    if (fclose(file) != 0 || !isWritten) {
+        throw FailureOf(path);
+    }
 }

@@ -1,13 +1,22 @@
 // Whole files, for the phone's library and for the workstation side alike.
 #pragma once
 
-#include <cstddef>
 #include <string>
+#include <string_view>
+#include <system_error>
+
+// To throw: why a call at this path has just failed (errno).
+std::system_error FailureOf(const std::string& path);
 
 // The whole content; false if the file cannot be read (errno tells why; the content is empty then).
 [[nodiscard]] bool ReadWholeFile(const std::string& path, std::string& content);
 // The whole content; throws std::system_error, with the path, if the file cannot be read.
 std::string WholeFile(const std::string& path);
 
-// Creates or replaces a file; false if it cannot be written whole (errno tells why).
-[[nodiscard]] bool WriteWholeFile(const std::string& path, const void* data, size_t size);
+// Opens a file with a high number, where there may be one: so the tool meets the numbers that it
+// would meet on a phone. Throws std::system_error, with the path.
+int OpenHigh(const std::string& path, int flags);
+
+// Creates or replaces a file; throws std::system_error, with the path, if it cannot be written
+// whole.
+void WriteWholeFile(const std::string& path, std::string_view content);

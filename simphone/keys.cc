@@ -8,9 +8,9 @@
 #include "simphone/toml.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <stdexcept>
 
 namespace {
 
@@ -38,66 +38,56 @@ bool EndsLine(const std::string& text) {
 
 } // namespace
 
-bool ReadTable(const std::string& file, toml::table& table, std::string& error, std::string* kept) {
-    std::string text;
+toml::table ReadTable(const std::string& file, std::string* text) {
     std::error_code status;
     const bool isRegular = std::filesystem::is_regular_file(file, status);
     if (!isRegular || std::filesystem::file_size(file, status) > FILE_SIZE_MAX) {
-        return Failed(error,
-                      file + ": " +
-                          (status ? status.message() : "is no regular file of at most 16 MiB"));
+        throw std::runtime_error(
+            file + ": " + (status ? status.message() : "is no regular file of at most 16 MiB"));
     }
-    if (!ReadWholeFile(file, text)) {
-        return Failed(error, file + ": " + strerror(errno));
-    }
-    const size_t deep = DeepLine(text);
-    if (deep > 0) {
-        return Failed(error, file + ":" + std::to_string(deep) + ": more than " +
-                                 std::to_string(DOTS_MAX) + " dots in a line");
-    }
-    toml::parse_result parsed = toml::parse(text);
+    const std::string content = WholeFile(file);
+    const size_t deep = DeepLine(content);
+    Demand(deep == 0, file + ":" + std::to_string(deep) + ": more than " +
+                          std::to_string(DOTS_MAX) + " dots in a line");
+    toml::parse_result parsed = toml::parse(content);
     if (!parsed) {
-        return Failed(error, file + ":" + std::to_string(parsed.error().source().begin.line) +
-                                 ": " + std::string(parsed.error().description()));
+        const toml::parse_error& error = parsed.error();
+        throw std::runtime_error(file + ":" + std::to_string(error.source().begin.line) + ": " +
+                                 std::string(error.description()));
     }
-    table = std::move(parsed).table();
-    if (kept != nullptr) {
-        *kept = text;
+    if (text != nullptr) {
+        *text = content;
     }
-    return true;
+    return std::move(parsed).table();
 }
 
-bool SetKey(toml::table& table, const std::string& setting, std::string& error) {
+void SetKey(Keys keys, const std::string& setting) {
     const size_t equals = setting.find('=');
     const std::string path = setting.substr(0, equals), key = path.substr(path.rfind('.') + 1);
     const std::string value = equals == std::string::npos ? "" : setting.substr(equals + 1);
-    toml::table* parent = &table;
+    toml::table* parent = &keys;
     if (key.size() < path.size()) {
-        parent = table.at_path(path.substr(0, path.size() - key.size() - 1)).as_table();
+        parent = keys.at_path(path.substr(0, path.size() - key.size() - 1)).as_table();
     }
-    if (equals == std::string::npos || key.empty() || parent == nullptr) {
-        return Failed(error, Escaped(setting) +
-                                 ": is not KEY=VALUE, with a key that the description can have");
-    }
+    Demand(equals != std::string::npos && !key.empty() && parent != nullptr,
+           Escaped(setting) + ": is not KEY=VALUE, with a key that the description can have");
     const toml::node* old = parent->get(key);
     const bool isBare = old != nullptr && (old->is_string() || old->is_array()) &&
                         (value.empty() || strchr("\"'[", value[0]) == nullptr);
     std::string text = DeepLine(value) > 0 ? "" : "value = " + value;
     if (isBare) {
         std::string bytes;
-        if (!Unescape(value, bytes)) {
-            return Failed(error, Escaped(setting) + R"(: a backslash begins \n, \\ or \xHH)");
-        }
+        Demand(Unescape(value, bytes), Escaped(setting) + R"(: a backslash begins \n, \\ or \xHH)");
         const bool isLine = EndsLine(old->value_exact<std::string>().value_or(""));
         text = "value = " + TomlBytes(bytes + (isLine && !EndsLine(bytes) ? "\n" : ""));
     }
     const toml::parse_result parsed = toml::parse(text);
     if (parsed && parsed.table().size() == 1) {
         parent->insert_or_assign(key, *parsed.table().get("value"));
-        return true;
+    } else {
+        Demand(old == nullptr, Escaped(setting) + ": the value is not TOML");
+        parent->insert(key, value); // a new key: its reader tells what is wrong
     }
-    parent->insert(key, value); // a new key: its reader tells what is wrong
-    return old == nullptr || Failed(error, Escaped(setting) + ": the value is not TOML");
 }
 
 std::string TomlList(const std::string& bytes) {
@@ -116,25 +106,23 @@ std::string TomlBytes(const std::string& bytes) {
 }
 
 bool Has(Keys keys, const char* key) {
-    return keys.table.contains(key);
+    return keys.contains(key);
 }
 
 void Take(Keys keys, const char* key, Need need, const char* wanted,
           const std::function<bool(toml::node&)>& use) {
-    toml::node* node = keys.table.get(key);
-    if (!keys.error.empty() || (node == nullptr && need == OPTIONAL)) {
-        return;
+    toml::node* node = keys.get(key);
+    Demand(node != nullptr || need == OPTIONAL, std::string(key) + " is missing");
+    if (node != nullptr) {
+        Demand(use(*node), std::string(key) + " is not " + wanted);
+        keys.erase(key);
     }
-    if (node == nullptr) {
-        keys.error = std::string(key) + " is missing";
-    } else if (!use(*node) && keys.error.empty()) {
-        keys.error = std::string(key) + " is not " + wanted;
-    }
-    keys.table.erase(key);
 }
 
-void Demand(Keys keys, bool isRight, const std::string& error) {
-    keys.error = keys.error.empty() && !isRight ? error : keys.error;
+void Demand(bool isRight, const std::string& otherwise) {
+    if (!isRight) {
+        throw std::runtime_error(otherwise);
+    }
 }
 
 std::string TakeText(Keys keys, const char* key) {
@@ -186,16 +174,16 @@ bool AppendBytes(const toml::node& node, std::string& bytes) {
 }
 
 void RefuseTheRest(Keys keys) {
-    if (keys.error.empty() && !keys.table.empty()) {
-        keys.error = "unknown key: " + Escaped(std::string(keys.table.begin()->first.str()));
+    if (!keys.empty()) {
+        throw std::runtime_error("unknown key: " + Escaped(std::string(keys.begin()->first.str())));
     }
 }
 
 void TakeTable(Keys keys, const char* key, const std::function<void(Keys)>& use) {
     Take(keys, key, REQUIRED, "a table", [&](toml::node& node) {
         if (toml::table* table = node.as_table()) {
-            use(Keys{*table, keys.error});
-            RefuseTheRest({*table, keys.error});
+            use(*table);
+            RefuseTheRest(*table);
         }
         return node.is_table();
     });

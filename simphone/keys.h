@@ -1,6 +1,6 @@
 // Reads TOML tables key by key: phones' descriptions, and the workstation tool's manifests. Keys
-// are taken out of their table as they are read, so that what is left in the end is unknown. After
-// the first error nothing more is read.
+// are taken out of their table as they are read, so that what is left in the end is unknown. What
+// is wrong is thrown as std::runtime_error, for the user.
 #pragma once
 
 #include <cstdint>
@@ -16,22 +16,17 @@ class table;
 } // namespace v3
 } // namespace toml
 
-struct Keys {
-    toml::table& table;
-    std::string& error; // empty until the first one
-};
+using Keys = toml::table&;
 enum Need { REQUIRED, OPTIONAL };
 
-// False with an error, which names the file and the line, if the file is no TOML. `text`, if it is
-// given, becomes the file's.
-[[nodiscard]] bool ReadTable(const std::string& file, toml::table& table, std::string& error,
-                             std::string* text = nullptr);
+// The error names the file and the line. `text`, if it is given, becomes the file's.
+toml::table ReadTable(const std::string& file, std::string* text = nullptr);
 
 // Gives a key of the table another value, by a text "KEY=VALUE"; KEY has dots between the tables
 // that it is in. VALUE is TOML, else a text for a new key. Where the table has a text, its
 // quotation marks may be left out; bytes are \n, \\ and \xHH then, and a line feed at the end of
-// the old text stays. False with an error, which has the setting.
-[[nodiscard]] bool SetKey(toml::table& table, const std::string& setting, std::string& error);
+// the old text stays. The error has the setting.
+void SetKey(Keys keys, const std::string& setting);
 
 // A text in quotation marks if it needs no escapes but \n and \\, else a list of numbers:
 // AppendBytes reads both.
@@ -40,14 +35,14 @@ std::string TomlList(const std::string& bytes); // always a list of numbers
 
 bool Has(Keys keys, const char* key);
 
-// Lets `use` read the node of the key; it returns false if the node is not `wanted`.
+// Lets `use` read the node of the key; false: the node is not `wanted`.
 void Take(Keys keys, const char* key, Need need, const char* wanted,
           const std::function<bool(toml::node&)>& use);
 
-// Notes the error if it is the first one and `isRight` does not hold.
-void Demand(Keys keys, bool isRight, const std::string& error);
+// Throws unless it is right.
+void Demand(bool isRight, const std::string& otherwise);
 
-// A required key each, if nothing else is said; empty or 0 after an error and without the key.
+// A required key each, if nothing else is said; else 0 without the key.
 std::string TakeText(Keys keys, const char* key);
 uint32_t TakeNumber(Keys keys, const char* key, uint32_t most, Need need = REQUIRED);
 std::string TakeBytes(Keys keys, const char* key, size_t most);

@@ -9,41 +9,18 @@
 
 #include "version.h"
 
+#include <algorithm>
 #include <CLI/CLI.hpp>
 #include <iostream>
+#include <iterator>
+#include <sstream>
 
 namespace {
 
-int Finish(bool right, const std::string& error) {
-    if (!right) {
-        std::cerr << "simphone: " << Displayed(error) << "\n";
-    } else if (!std::cout.flush()) {
-        std::cerr << "simphone: the answer could not be written\n";
-    }
-    return right && std::cout ? 0 : 2;
-}
-
-int Run(const Phone& phone, const std::string& tool, const RunOptions& options) {
-    const RunResult result = RunTool(phone, tool, options);
-    if (!result.error.empty()) {
-        return Finish(false, result.error);
-    }
-    std::cout << result.console << std::flush;
-    std::cerr << result.errors;
-    if (result.timedOut) {
-        std::cerr << "simphone: " << Escaped(tool) << " did not end in time\n";
-    } else if (result.signal != 0) {
-        std::cerr << "simphone: " << Escaped(tool) << " was ended by signal " << result.signal
-                  << "\n";
-    }
-    for (const Fault& fault : result.unmetFaults) {
-        std::cerr << "simphone: fault " << Quoted(FaultText(fault))
-                  << ": no call of the run met it\n";
-    }
-    if (!result.unmetFaults.empty() || Finish(true, "") != 0) {
-        return 2;
-    }
-    return result.signal != 0 ? 128 + result.signal : result.exitStatus;
+// What is wrong, for the user; the exit status then.
+int Tell(const std::string& wrong) {
+    std::cerr << "simphone: " << wrong << "\n";
+    return 2;
 }
 
 // What the command line says.
@@ -52,6 +29,27 @@ struct Arguments {
     std::vector<std::string> settings, faults;
     RunOptions options = {};
 };
+
+int Run(const Arguments& args) {
+    RunOptions options = args.options;
+    std::transform(args.faults.begin(), args.faults.end(), std::back_inserter(options.faults),
+                   ParseFault);
+    std::istringstream words(args.launcher);
+    options.launcher.assign(std::istream_iterator<std::string>(words), {});
+    const RunResult result = RunTool(OpenPhone(args.directory), args.tool, options);
+    int status = result.signal != 0 ? 128 + result.signal : result.exitStatus;
+    std::cout << result.console << std::flush;
+    std::cerr << result.errors;
+    if (result.timedOut) {
+        (void)Tell(Escaped(args.tool) + " did not end in time");
+    } else if (result.signal != 0) {
+        (void)Tell(Escaped(args.tool) + " was ended by signal " + std::to_string(result.signal));
+    }
+    for (const Fault& fault : result.unmetFaults) {
+        status = Tell("fault " + Quoted(FaultText(fault)) + ": no call of the run met it");
+    }
+    return status;
+}
 
 void AddCommands(CLI::App& app, Arguments& args) {
     AddCommonOptions(app, FFU_VERSION);
@@ -94,46 +92,32 @@ void AddCommands(CLI::App& app, Arguments& args) {
 
 } // namespace
 
-// An exception ends the command with its text, as it should.
-// NOLINTNEXTLINE(bugprone-exception-escape)
 int main(int argc, char** argv) {
     CLI::App app("A phone that is a directory: its nodes, its storage device, its faults",
                  "simphone");
     Arguments args;
-    Phone phone;
-    std::string error;
+    int status = 0;
     AddCommands(app, args);
     try {
         app.parse(argc, argv);
-    } catch (const CLI::ParseError& wrong) {
-        return wrong.get_exit_code() == 0
-                   ? app.exit(wrong)
-                   : Finish(false, std::string(wrong.what()) + "; --help tells more");
-    }
-
-    if (app.got_subcommand("make")) {
-        const bool isMade = ReadDescription(args.file, args.settings, phone.description, error) &&
-                            MakePhone(phone.description, args.directory, error);
-        phone.directory = args.directory;
-        return Finish(isMade && (args.package.empty() || PutPackage(phone, args.package, error)),
-                      error);
-    }
-    for (const std::string& text : args.faults) {
-        if (!ParseFault(text, args.options.faults.emplace_back(), error)) {
-            return Finish(false, error);
+        if (app.got_subcommand("make")) {
+            const Phone phone = {args.directory, ReadDescription(args.file, args.settings)};
+            MakePhone(phone);
+            if (!args.package.empty()) {
+                PutPackage(phone, args.package);
+            }
+        } else if (app.got_subcommand("run")) {
+            status = Run(args);
+        } else if (app.got_subcommand("reboot")) {
+            RebootPhone(OpenPhone(args.directory));
+        } else {
+            std::cout << ShowPhone(OpenPhone(args.directory));
         }
+    } catch (const CLI::ParseError& wrong) {
+        return wrong.get_exit_code() == 0 ? app.exit(wrong)
+                                          : Tell(Displayed(wrong.what()) + "; --help tells more");
+    } catch (const std::exception& wrong) {
+        return Tell(Displayed(wrong.what()));
     }
-    if (!OpenPhone(args.directory, phone, error)) {
-        return Finish(false, error);
-    }
-    if (app.got_subcommand("run")) {
-        std::istringstream words(args.launcher);
-        args.options.launcher.assign(std::istream_iterator<std::string>(words), {});
-        return Run(phone, args.tool, args.options);
-    }
-    if (app.got_subcommand("reboot")) {
-        return Finish(RebootPhone(phone, error), error);
-    }
-    std::cout << ShowPhone(phone);
-    return Finish(true, "");
+    return std::cout.flush() ? status : Tell("the answer could not be written");
 }

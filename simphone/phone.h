@@ -1,6 +1,6 @@
 // The simulated phone as the workstation sees it: a directory that is made, restarted and read.
 // Called by the simphone command, by fwlab and by the tests. A failure leaves the directory as far
-// as it got, and comes with an error for the user; nothing outside of it is written.
+// as it got, and throws std::runtime_error for the user; nothing outside of it is written.
 #pragma once
 
 #include "simphone/description.h"
@@ -15,19 +15,17 @@ struct Phone {
     Description description; // what its phone.toml says
 };
 
-// Makes a phone in `directory`, which must be missing or empty, and not the root of this machine's
-// files. The description's text becomes
-// phone.toml there, which may be edited between runs: open the phone again then.
-[[nodiscard]] bool MakePhone(const Description& description, const std::string& directory,
-                             std::string& error);
+// Makes the phone in its directory, which must be missing or empty, and not the root of this
+// machine's files. The description's text becomes phone.toml there, which may be edited between
+// runs: open the phone again then.
+void MakePhone(const Phone& phone);
 
-// Reads the description of the phone that is in `directory`.
-[[nodiscard]] bool OpenPhone(const std::string& directory, Phone& phone, std::string& error);
+// The phone that is in the directory.
+Phone OpenPhone(const std::string& directory);
 
 // Copies a firmware package to the place where the phone's technology has it.
-[[nodiscard]] bool PutPackage(const Phone& phone, const std::string& packageFile,
-                              std::string& error);
+void PutPackage(const Phone& phone, const std::string& packageFile);
 
 // Restarts the phone: a firmware that is pending becomes the running one, what was downloaded but
 // not installed is lost, and nothing below data/ changes.
-[[nodiscard]] bool RebootPhone(const Phone& phone, std::string& error);
+void RebootPhone(const Phone& phone);

@@ -5,7 +5,6 @@
 #include "simphone/files.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <fcntl.h>
 #include <filesystem>
 #include <optional>
@@ -137,21 +136,19 @@ StateDirectory ReadStateDirectory(const std::string& phone) {
             ReadFiles(phone + REMOVED_FOLDER, REMOVED_SUFFIX)};
 }
 
-bool WriteStateDirectory(const std::string& phone, const StateDirectory& state) {
+void WriteStateDirectory(const std::string& phone, const StateDirectory& state) {
     const fs::path directory = phone + STATE_DIR;
-    std::error_code status;
     for (const auto& [name, content] : ReadFiles(directory)) {
-        fs::remove(directory / name); // throws if it cannot
+        fs::remove(directory / name);
     }
     if (!state.isThere) {
-        fs::remove_all(directory, status);
+        fs::remove_all(directory);
     } else {
-        fs::create_directories(directory, status);
+        fs::create_directories(directory);
     }
-    errno = status.value();
-    return !status && std::all_of(state.files.begin(), state.files.end(), [&](const auto& file) {
-        return WriteWholeFile(directory / file.first, file.second.data(), file.second.size());
-    });
+    for (const auto& [name, content] : state.files) {
+        WriteWholeFile(directory / name, content);
+    }
 }
 
 std::vector<Survival> Survivals(const StateDirectory& before, const StateDirectory& after,
@@ -182,16 +179,4 @@ std::vector<Survival> Survivals(const StateDirectory& before, const StateDirecto
         survivals.push_back({{{".", Loss::LOST}}, {false, {}}});
     }
     return survivals;
-}
-
-bool Lose(const StateDirectory& before, const StateDirectory& after,
-          const std::vector<CallEntry>& calls, const Losses& losses, StateDirectory& state) {
-    const std::vector<Survival> survivals = Survivals(before, after, calls, false);
-    const auto found =
-        std::find_if(survivals.begin(), survivals.end(),
-                     [&](const Survival& survival) { return survival.losses == losses; });
-    if (found != survivals.end()) {
-        state = found->state;
-    }
-    return found != survivals.end();
 }

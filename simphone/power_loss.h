@@ -23,8 +23,8 @@ inline bool operator==(const StateDirectory& one, const StateDirectory& other) {
 // Throws std::system_error if a file of it cannot be read.
 StateDirectory ReadStateDirectory(const std::string& phone);
 
-// Makes the phone's directory so; false if it cannot be (errno tells why).
-[[nodiscard]] bool WriteStateDirectory(const std::string& phone, const StateDirectory& state);
+// Makes the phone's directory so; throws std::system_error if it cannot be.
+void WriteStateDirectory(const std::string& phone, const StateDirectory& state);
 
 struct Survival {
     Losses losses;
@@ -42,8 +42,3 @@ struct Survival {
 //   - A directory that the run has made is there for sure once a file in it was synced.
 std::vector<Survival> Survivals(const StateDirectory& before, const StateDirectory& after,
                                 const std::vector<CallEntry>& calls, bool isDistinct = true);
-
-// The state with these losses; false if the cut cannot leave it.
-[[nodiscard]] bool Lose(const StateDirectory& before, const StateDirectory& after,
-                        const std::vector<CallEntry>& calls, const Losses& losses,
-                        StateDirectory& state);

@@ -5,11 +5,6 @@
 #include <cstdarg>
 #include <cstdio>
 
-bool Failed(std::string& error, const std::string& text) {
-    error = text;
-    return false;
-}
-
 std::string Displayed(const std::string& text) {
     std::string line;
     for (const char c : text) {

@@ -4,9 +4,6 @@
 #include <cstddef>
 #include <string>
 
-// Sets the error and returns false, for the caller to return.
-[[nodiscard]] bool Failed(std::string& error, const std::string& text);
-
 // One line of printable characters: line feeds become \n, backslashes \\, every other byte \xHH.
 std::string Escaped(const std::string& text);
 // The same for a text with such forms in it already: its backslashes stay.

@@ -17,6 +17,7 @@
 #include <map>
 #include <mutex>
 #include <sstream>
+#include <stdexcept>
 #include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
@@ -30,15 +31,16 @@ namespace {
 
 using Texts = std::vector<std::string>;
 
-constexpr char CONSOLE_FILE[] = "/console.log", ERRORS_FILE[] = "/errors.log";
-
-// A descriptor that is closed with its block.
+// A descriptor that is closed with its block; the name is for the error if there is none.
 struct Descriptor {
     int fd;
-    int error = fd < 0 ? errno : 0;
-    Descriptor(const std::string& path, int flags) : fd(open(path.c_str(), flags | O_CLOEXEC)) {
+    Descriptor(int opened, const std::string& name) : fd(opened) {
+        if (fd < 0) {
+            throw FailureOf(name);
+        }
     }
-    explicit Descriptor(int number) : fd(number) {
+    Descriptor(const std::string& path, int flags)
+        : Descriptor(open(path.c_str(), flags | O_CLOEXEC), path) {
     }
     ~Descriptor() {
         close(fd);
@@ -47,10 +49,36 @@ struct Descriptor {
     Descriptor& operator=(const Descriptor&) = delete;
 };
 
+// Keeps other runs off a phone.
+struct PhoneLock {
+    Descriptor directory;
+    explicit PhoneLock(const std::string& path) : directory(path, O_RDONLY | O_DIRECTORY) {
+        if (flock(directory.fd, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
+            throw std::runtime_error(path + ": another run is on this phone");
+        }
+    }
+    ~PhoneLock() { // a process that another thread has forked may have the descriptor, too
+        flock(directory.fd, LOCK_UN);
+    }
+    PhoneLock(const PhoneLock&) = delete;
+    PhoneLock& operator=(const PhoneLock&) = delete;
+};
+
 // What a run starts: the tool on a phone, with the library of the phone in it.
 struct Start {
-    std::string directory, phoneLibrary, tool;
-    const RunOptions* options;
+    const Phone& phone;
+    const RunOptions& options;
+    std::string tool, phoneLibrary;
+};
+
+std::runtime_error Unkept(const Start& start, const std::string& why) {
+    return std::runtime_error(start.phone.directory + ": the run could not be kept: " + why);
+}
+
+// How a process ended, and what it has written.
+struct Ended {
+    int status;
+    std::string console, errors;
 };
 
 // What the new process needs, all of it made before the fork.
@@ -118,57 +146,47 @@ std::string LastLine(std::string text) {
     return text.substr(text.rfind('\n') + 1);
 }
 
-// Returns when the tool has ended, with its wait status and both outputs; false with an error if
-// there was no process, or it had no phone. If `onlyLoad`, it ends when it is loaded, and tells
-// what was loaded. The library is named by a descriptor: LD_PRELOAD takes no path with a blank or a
-// colon. It stands high, so that the tool meets the numbers that it would meet on a phone.
-bool Execute(const Start& start, bool onlyLoad, int& status, RunResult& result) {
-    const RunOptions& options = *start.options;
-    const Descriptor library(start.phoneLibrary, O_RDONLY), null("/dev/null", O_RDONLY),
-        out(memfd_create("console", MFD_CLOEXEC)), err(memfd_create("errors", MFD_CLOEXEC)),
-        high(fcntl(library.fd, F_DUPFD_CLOEXEC, 800));
-    for (const auto& [file, name] : {std::pair(&library, start.phoneLibrary),
-                                     {&null, "/dev/null"},
-                                     {&out, "a file in memory"},
-                                     {&err, "a file in memory"}}) {
-        if (file->error != 0) {
-            return Failed(result.error, name + ": " + strerror(file->error));
-        }
-    }
-    Process process = {
-        null.fd, out.fd, err.fd, high.fd < 0 ? library.fd : high.fd, {}, {}, options.secondsLimit};
-    Texts preload = {"LD_PRELOAD=/proc/self/fd/" + std::to_string(process.library)};
-    preload.insert(preload.end(), onlyLoad ? 1 : 0, "LD_TRACE_LOADED_OBJECTS=1");
-    Texts variables = options.launcher.empty() ? preload : Texts();
-    Texts words = options.launcher;
-    for (const std::string& variable : words.empty() ? Texts() : preload) {
-        words.insert(words.end(), {"-E", variable});
-    }
-    words.push_back(start.tool);
+// Returns when the tool has ended; with `onlyLoad` it ends when it is loaded, and tells what was
+// loaded. The library is named by a descriptor: LD_PRELOAD takes no path with a blank or a colon.
+Ended Execute(const Start& start, bool onlyLoad) {
+    const RunOptions& options = start.options;
+    const Descriptor library(OpenHigh(start.phoneLibrary, O_RDONLY), start.phoneLibrary),
+        null("/dev/null", O_RDONLY), out(memfd_create("console", MFD_CLOEXEC), "a file in memory"),
+        err(memfd_create("errors", MFD_CLOEXEC), "a file in memory");
+    Texts loading = {"LD_PRELOAD=/proc/self/fd/" + std::to_string(library.fd)};
+    loading.insert(loading.end(), onlyLoad ? 1 : 0, "LD_TRACE_LOADED_OBJECTS=1");
     std::string faults;
     for (const Fault& fault : options.faults) {
         faults += FaultText(fault) + "\n";
     }
     const char* asan = getenv("ASAN_OPTIONS");
-    variables.insert(
-        variables.end(),
-        {std::string("ASAN_OPTIONS=") + (asan != nullptr ? asan : "") + ":verify_asan_link_order=0",
-         "SIMPHONE=" + start.directory, "SIMPHONE_FAULTS=" + faults});
+    Texts variables = {"SIMPHONE=" + start.phone.directory, "SIMPHONE_FAULTS=" + faults,
+                       std::string("ASAN_OPTIONS=") + (asan != nullptr ? asan : "") +
+                           ":verify_asan_link_order=0"};
+    Texts words = options.launcher;
+    for (const std::string& variable : loading) {
+        if (options.launcher.empty()) {
+            variables.push_back(variable);
+        } else {
+            words.insert(words.end(), {"-E", variable});
+        }
+    }
+    words.push_back(start.tool);
     Texts environment = Environment(variables);
-    process.arguments = Pointers(words);
-    process.environment = Pointers(environment);
-    const pid_t child = Spawn(process);
-    while (child > 0 && waitpid(child, &status, 0) < 0 && errno == EINTR) {
-    }
+    const pid_t child = Spawn({null.fd, out.fd, err.fd, library.fd, Pointers(words),
+                               Pointers(environment), options.secondsLimit});
     if (child < 0) {
-        return Failed(result.error, start.tool + ": " + strerror(errno));
+        throw FailureOf(start.tool);
     }
-    result.console = WholeFile("/proc/self/fd/" + std::to_string(out.fd));
-    result.errors = WholeFile("/proc/self/fd/" + std::to_string(err.fd));
-    return (WIFEXITED(status) && WEXITSTATUS(status) == EXIT_NO_PHONE)
-               ? Failed(result.error,
-                        start.directory + ": the run could not be kept: " + LastLine(result.errors))
-               : true;
+    int status = 0;
+    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
+    const Ended ended = {status, WholeFile("/proc/self/fd/" + std::to_string(out.fd)),
+                         WholeFile("/proc/self/fd/" + std::to_string(err.fd))};
+    if (WIFEXITED(status) && WEXITSTATUS(status) == EXIT_NO_PHONE) {
+        throw Unkept(start, LastLine(ended.errors));
+    }
+    return ended;
 }
 
 // Whether the program is loaded by glibc's dynamic linker, which alone does what is asked below.
@@ -193,11 +211,6 @@ bool IsLoadedByGlibc(const std::string& tool) {
     return false;
 }
 
-bool Put(const std::string& file, const std::string& content, std::string& error) {
-    return WriteWholeFile(file, content.data(), content.size()) ||
-           Failed(error, file + ": " + strerror(errno));
-}
-
 // Only a library that is ours stands between a tool and this machine.
 bool IsOurs(const fs::path& library) {
     std::error_code status;
@@ -205,72 +218,56 @@ bool IsOurs(const fs::path& library) {
            WholeFile(library).find("simphone_attach") != std::string::npos;
 }
 
-// Whether the tool's calls will go through the library: asks the dynamic linker what it would load,
-// which runs nothing.
-bool IsLibraryLoaded(const Start& start, std::string& error) {
-    if (!IsLoadedByGlibc(start.tool)) {
-        return Failed(error,
-                      start.tool +
-                          ": is no program that loads the phone's library (dynamically linked "
-                          "to glibc, without more rights than its user's)");
+// The library for the tool. Whether the tool's calls will go through it is asked of the dynamic
+// linker, which tells what it would load, and runs nothing.
+std::string FindLibrary(Start start) {
+    const std::string &tool = start.tool, &given = start.options.libsimphone;
+    const fs::path beside = fs::path(tool).parent_path() / "libsimphone.so";
+    const std::string own = IsOurs(beside) ? beside.string() : Companion("libsimphone.so");
+    start.phoneLibrary = fs::absolute(given.empty() ? own : given);
+    if (!IsOurs(start.phoneLibrary)) {
+        throw std::runtime_error(given.empty() ? "libsimphone.so: not found beside " + tool
+                                               : given + ": is not the phone's library");
     }
-    RunResult result = {};
-    int status = 0;
-    if (!Execute(start, true, status, result)) {
-        return Failed(error, result.error);
+    if (!IsLoadedByGlibc(tool)) {
+        throw std::runtime_error(tool +
+                                 ": is no program that loads the phone's library (dynamically "
+                                 "linked to glibc, without more rights than its user's)");
     }
-    const std::string loaded = result.console + result.errors;
-    return (loaded.find("/proc/self/fd/") != std::string::npos &&
-            loaded.find("cannot be preloaded") == std::string::npos) ||
-           Failed(error,
-                  start.tool + ": does not load " + start.phoneLibrary + ": " + Escaped(loaded));
+    const Ended ended = Execute(start, true);
+    const std::string loaded = ended.console + ended.errors;
+    if (loaded.find("/proc/self/fd/") == std::string::npos ||
+        loaded.find("cannot be preloaded") != std::string::npos) {
+        throw std::runtime_error(tool + ": does not load " + start.phoneLibrary + ": " +
+                                 Escaped(loaded));
+    }
+    return start.phoneLibrary;
 }
 
-// Sets the library that the tool loads. Looks once for each tool.
-bool FindLibrary(Start& start, std::string& error) {
+// Looks for it once for each tool.
+std::string LibraryOf(const Start& start) {
     static std::mutex mutex;
     static std::map<std::pair<std::string, std::string>, std::string> known;
     const std::lock_guard<std::mutex> lock(mutex);
-    const std::string& given = start.options->libsimphone;
-    std::string& library = known[{start.tool, given}];
+    std::string& library = known[{start.tool, start.options.libsimphone}];
     if (library.empty()) {
-        const fs::path beside = fs::path(start.tool).parent_path() / "libsimphone.so";
-        const std::string own = IsOurs(beside) ? beside.string() : Companion("libsimphone.so");
-        start.phoneLibrary = fs::absolute(given.empty() ? own : given);
-        if (!IsOurs(start.phoneLibrary)) {
-            return Failed(error, given.empty() ? "libsimphone.so: not found beside " + start.tool
-                                               : given + ": is not the phone's library");
-        }
-        library = IsLibraryLoaded(start, error) ? start.phoneLibrary : "";
+        library = FindLibrary(start);
     }
-    start.phoneLibrary = library;
-    return !library.empty();
-}
-
-// Checks all that the run needs before anything is started. Nothing of a run before stays.
-bool Prepare(Start& start, std::string& error) {
-    std::error_code status;
-    if (access(start.tool.c_str(), X_OK) != 0) {
-        return Failed(error, start.tool + ": " + strerror(errno));
-    }
-    if (fs::remove(start.directory + JOURNAL_FILE, status); status) {
-        return Failed(error, start.directory + JOURNAL_FILE + ": " + status.message());
-    }
-    return Put(start.directory + CONSOLE_FILE, "", error) &&
-           Put(start.directory + ERRORS_FILE, "", error) && FindLibrary(start, error);
+    return library;
 }
 
 // After a power cut: takes from the state directory what its fault says.
-void LoseUnsynced(const std::string& directory, const Fault& cut, RunResult& result) {
-    StateDirectory left;
+void LoseUnsynced(const std::string& directory, const Fault& cut, const RunResult& result) {
     if (cut.losses.empty()) {
         return;
     }
-    if (!Lose(result.before, result.after, result.calls, cut.losses, left)) {
-        result.error = "fault " + Quoted(FaultText(cut)) + ": the cut cannot leave that";
-    } else if (!WriteStateDirectory(directory, left)) {
-        result.error = directory + ": the state after the power cut: " + strerror(errno);
+    for (const Survival& survival : Survivals(result.before, result.after, result.calls, false)) {
+        if (survival.losses == cut.losses) {
+            WriteStateDirectory(directory, survival.state);
+            return;
+        }
     }
+    throw std::runtime_error("fault " + Quoted(FaultText(cut)) + ": the cut cannot leave that");
 }
 
 // Signals that this machine or its user sends; no tool ends by them.
@@ -279,57 +276,41 @@ bool IsFromOutside(int signal) {
     return std::count(std::begin(signals), std::end(signals), signal) > 0;
 }
 
-void AddLines(const char* source, const std::string& text, std::vector<TimeLineEntry>& entries) {
-    std::istringstream lines(text);
-    for (std::string line; std::getline(lines, line);) {
-        entries.push_back({source, Escaped(line)});
-    }
-}
-
-// A run on a phone that no other run is on.
-void RunAlone(const Phone& phone, const std::string& tool, const RunOptions& options,
-              RunResult& result) {
-    const std::string& directory = phone.directory;
-    Start start = {directory, "", fs::absolute(tool), &options};
-    if (!Prepare(start, result.error)) {
-        return;
-    }
-    result.before = ReadStateDirectory(directory);
-    int status = 0;
-    if (!Execute(start, false, status, result) ||
-        !Put(directory + CONSOLE_FILE, result.console, result.error) ||
-        !Put(directory + ERRORS_FILE, result.errors, result.error)) {
-        return;
-    }
-    result.exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    result.signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
-    result.timedOut = result.signal == SIGALRM;
+// What the journal tells of the run, once the tool has ended. After a power cut, what was not
+// synced is lost.
+void ReadRun(const Start& start, RunResult& result) {
+    const std::string& directory = start.phone.directory;
     if (!fs::exists(directory + JOURNAL_FILE)) { // the library makes it
-        result.error = start.tool + ": was not started: " +
-                       (result.errors.empty() ? start.phoneLibrary + ": is not loaded into it"
-                                              : LastLine(result.errors));
-        return;
+        throw std::runtime_error(start.tool + ": was not started: " +
+                                 (result.errors.empty()
+                                      ? start.phoneLibrary + ": is not loaded into it"
+                                      : LastLine(result.errors)));
     }
     Journal journal = ReadJournal(directory);
     result.calls = std::move(journal.calls);
     result.after = ReadStateDirectory(directory);
-    std::vector<Fault> faults = options.faults; // in the order of the library
+    std::vector<Fault> faults = start.options.faults; // in the order of the library
     for (size_t i = 0; i < faults.size(); i++) {
         if (std::count(journal.faults.begin(), journal.faults.end(), i) == 0) {
             result.unmetFaults.push_back(faults[i]);
         }
     }
-    const std::vector<Fault>& own = phone.description.faults;
+    const std::vector<Fault>& own = start.phone.description.faults;
     faults.insert(faults.end(), own.begin(), own.end());
-    const Fault* cut = journal.faults.empty() ? nullptr : &faults.at(journal.faults.back());
-    const bool isCut = result.signal == SIGKILL && cut != nullptr && IsPowerCut(*cut);
-    if (isCut) {
-        LoseUnsynced(directory, *cut, result);
+    const Fault last = journal.faults.empty() ? Fault() : faults.at(journal.faults.back());
+    if (result.signal == SIGKILL && IsPowerCut(last)) {
+        LoseUnsynced(directory, last, result);
     } else if (IsFromOutside(result.signal)) {
-        result.error = directory + ": the run could not be kept: this machine ended it: " +
-                       sigdescr_np(result.signal);
+        throw Unkept(start, std::string("this machine ended it: ") + sigdescr_np(result.signal));
     } else if (result.signal == 0 && !journal.isWhole) {
-        result.error = directory + JOURNAL_FILE + ": ends in the middle";
+        throw std::runtime_error(directory + JOURNAL_FILE + ": ends in the middle");
+    }
+}
+
+void AddLines(const char* source, const std::string& text, std::vector<TimeLineEntry>& entries) {
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        entries.push_back({source, Escaped(line)});
     }
 }
 
@@ -343,20 +324,31 @@ std::string Companion(const std::string& name) {
 }
 
 RunResult RunTool(const Phone& phone, const std::string& tool, const RunOptions& options) {
-    RunResult result = {};
-    const Descriptor directory(phone.directory, O_RDONLY | O_DIRECTORY);
-    if (directory.fd < 0) {
-        result.error = phone.directory + ": " + strerror(errno);
-    } else if (flock(directory.fd, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
-        result.error = phone.directory + ": another run is on this phone";
-    } else {
-        try {
-            RunAlone(phone, tool, options, result);
-        } catch (const std::exception& wrong) { // a file that cannot be read, or no memory
-            result.error = phone.directory + ": the run could not be kept: " + wrong.what();
-        }
-        flock(directory.fd, LOCK_UN); // a process that another thread has forked may have it, too
+    const PhoneLock lock(phone.directory);
+    const std::string journal = phone.directory + JOURNAL_FILE,
+                      console = phone.directory + "/console.log",
+                      errors = phone.directory + "/errors.log";
+    Start start = {phone, options, fs::absolute(tool), ""};
+    if (access(start.tool.c_str(), X_OK) != 0) {
+        throw FailureOf(start.tool);
     }
+    if (unlink(journal.c_str()) != 0 && errno != ENOENT) { // nothing of a run before stays
+        throw FailureOf(journal);
+    }
+    WriteWholeFile(console, "");
+    WriteWholeFile(errors, "");
+    start.phoneLibrary = LibraryOf(start);
+    RunResult result = {};
+    result.before = ReadStateDirectory(phone.directory);
+    const Ended ended = Execute(start, false);
+    result.console = ended.console;
+    result.errors = ended.errors;
+    WriteWholeFile(console, result.console);
+    WriteWholeFile(errors, result.errors);
+    result.exitStatus = WIFEXITED(ended.status) ? WEXITSTATUS(ended.status) : -1;
+    result.signal = WIFSIGNALED(ended.status) ? WTERMSIG(ended.status) : 0;
+    result.timedOut = result.signal == SIGALRM;
+    ReadRun(start, result);
     return result;
 }
 

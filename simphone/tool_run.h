@@ -19,9 +19,6 @@ struct RunOptions {
 };
 
 struct RunResult {
-    // Why the tool could not be started or its run not be kept, or why a power cut cannot have left
-    // what its fault says; empty if it ran.
-    std::string error;
     int exitStatus; // -1 when a signal ended it
     int signal;     // 0 when it ended by itself; 9 for a power cut
     bool timedOut;  // ended because secondsLimit had passed
@@ -40,7 +37,8 @@ std::string Companion(const std::string& name);
 // power cut, /data/vendor/fw is as the fault says. Its outputs and the journal of its calls stay in
 // console.log, errors.log and journal.log of the phone's directory. May be called by several
 // threads at once. The tool ends with the thread that called, and gets no signal that this program
-// holds back.
+// holds back. Throws std::runtime_error for the user, if the tool could not be started or its run
+// not be kept, or if a power cut cannot have left what its fault says.
 [[nodiscard]] RunResult RunTool(const Phone& phone, const std::string& tool,
                                 const RunOptions& options);
 

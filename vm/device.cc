@@ -58,11 +58,7 @@ void EndPower(const Device& device) {
 
 // Stops at what this machine cannot be: better no phone than another one.
 Description ReadPhone(const Device& device) {
-    Description phone;
-    std::string error;
-    if (!ReadDescription(device.phone + "/phone.toml", {}, phone, error)) {
-        Stop(error);
-    }
+    const Description phone = ReadDescription(device.phone + "/phone.toml");
     if (!phone.ufs || !phone.faults.empty()) {
         Stop("vm/rehearse supports only UFS phones without faults");
     }
@@ -139,7 +135,7 @@ void WriteBuffer(const Device& device, Command& command) {
     Reply reply;
     const int error = AnswerScsi(device.phone, phone.answers[turn], 0, O_RDWR, request, reply);
     if (error != 0) {
-        Stop("WRITE BUFFER: " + (reply.failure.empty() ? strerror(error) : reply.failure));
+        Stop(std::string("WRITE BUFFER: ") + strerror(error));
     }
     command.status = request.status;
     Log(log, text + reply.text + "\n");
@@ -243,7 +239,11 @@ void Serve(Device& device, char* base, tcmu::tcmu_cmd_entry& entry) {
         while (!answered) {
         }
     });
-    AnswerCommand(device, command);
+    try {
+        AnswerCommand(device, command);
+    } catch (const std::exception& wrong) {
+        Stop(wrong.what());
+    }
     answered = true;
     busy.join();
     if (command.status == BUSY << 1) {

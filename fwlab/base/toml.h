@@ -15,8 +15,5 @@ void ReadToml(const std::string& path, const std::function<void(Keys)>& use);
 void TakeTables(Keys keys, const char* key, const char* wanted,
                 const std::function<void(Keys)>& use);
 
-// Stop if there was an error, or if a key is left.
-void FinishTable(Keys keys);
-
 // Takes a text that must be first or second; returns whether it is first.
 bool TakeChoice(Keys keys, const char* key, const std::string& first, const std::string& second);

@@ -88,11 +88,9 @@ RunResult Run(const std::vector<Fault>& faults, const Phone& phone, Report& repo
 
 // Makes the phone in an empty or missing folder, with the package and what runs have left.
 void Make(const Phone& phone, const std::string& package, const StateDirectory& state) {
-    std::string error;
-    Require(MakePhone(phone.description, phone.directory, error) &&
-                PutPackage(phone, package, error),
-            2, error);
-    PutState(phone, state);
+    MakePhone(phone);
+    PutPackage(phone, package);
+    WriteStateDirectory(phone.directory, state);
 }
 
 // The same run without any fault, on a phone of its own.
@@ -121,16 +119,11 @@ void TellViolations(const RunResult& run, std::vector<Fault> faults, const Phone
     }
 }
 
-void Reboot(const Phone& phone) {
-    std::string error;
-    Require(RebootPhone(phone, error), 2, error);
-}
-
 // Restarts the phone, which then runs `image` or, if it is empty, what it was made with. Returns
 // whether the phone reports the revision of the entry that it took; also if it took none.
 bool TellRestart(const Phone& phone, const std::string& image, const Package& package,
                  const Decision& decision, Report& report) {
-    Reboot(phone);
+    RebootPhone(phone);
     const size_t size = package.layout->revision.size;
     const std::string revision =
         phone.description.ufs ? WholeFile(phone.directory + "/proc/bootdevice/rev").substr(0, size)
@@ -194,7 +187,7 @@ int RehearseIn(const Phone& phone, const RehearseOptions& options, const Package
         isQuiet = FindsNothingToDo(phone, report);
         const std::string next = TakenImage(phone);
         image = next.empty() ? image : next;
-        Reboot(phone);
+        RebootPhone(phone);
         verdict = Judge(verdict, judge());
     }
     const bool isUpdated = verdict == Verdict::UPDATED;

@@ -59,7 +59,7 @@ void AddEntry(Keys keys, const Layout& layout, const fs::path& folder, std::stri
     }
     const std::string imageFile = folder / TakeText(keys, "image");
     const std::string wanted = TakeDigest(keys);
-    FinishTable(keys);
+    RefuseTheRest(keys);
     const std::string image = ReadImage(imageFile);
     const std::string digest = Sha256(image);
     Require(wanted.empty() || wanted == digest, 1,

@@ -35,8 +35,5 @@ std::string Title(const Description& phone) {
 }
 
 Description ReadPhone(const std::string& descriptionFile, const Texts& settings) {
-    Description phone;
-    std::string error;
-    Require(ReadDescription(descriptionFile, settings, phone, error), 2, error);
-    return phone;
+    return ReadDescription(descriptionFile, settings);
 }

@@ -19,8 +19,8 @@ std::vector<Running> TakeRunning(Keys keys, Identity identity) {
     TakeTables(keys, "running", wanted, [&](Keys inner) {
         TakeField(inner, identity.layout->revision, identity);
         running.push_back({RevisionOf(identity), TakeNumber(inner, "phones", UINT32_MAX)});
-        Demand(inner, running.back().phones > 0, "phones is 0");
-        Demand(inner, seen.insert(running.back().revision).second, "the revision is there twice");
+        Demand(running.back().phones > 0, "phones is 0");
+        Demand(seen.insert(running.back().revision).second, "the revision is there twice");
     });
     return running;
 }
@@ -56,7 +56,7 @@ std::vector<Model> ReadFleet(const std::string& path) {
         ReadToml(path, [&](Keys keys) {
             TakeTables(keys, "model", "[[model]] tables", [&](Keys model) {
                 const Device device = TakeDevice(model, folder);
-                Demand(model, seen.insert(KeyOf(device)).second, "the model is there twice");
+                Demand(seen.insert(KeyOf(device)).second, "the model is there twice");
                 fleet.push_back({device, TakeRunning(model, device.identity)});
             });
         });

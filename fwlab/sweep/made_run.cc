@@ -5,8 +5,8 @@
 #include "fwlab/base/work_folder.h"
 #include "simphone/files.h"
 
-#include <cerrno>
 #include <filesystem>
+#include <stdexcept>
 
 namespace fs = std::filesystem;
 
@@ -15,21 +15,15 @@ RunResult MakeRun(const Phone& phone, const std::string& tool, const std::string
     RunOptions options;
     options.libsimphone = phoneLibrary;
     options.faults = faults;
-    RunResult run = RunTool(phone, tool, options);
-    if (!run.error.empty()) {
+    try {
+        return RunTool(phone, tool, options);
+    } catch (const std::runtime_error&) {
         StopIfInterrupted(); // a terminal interrupts the tool as well
-        throw Stop{2, run.error};
+        throw;
     }
-    return run;
 }
 
 std::string TakenImage(const Phone& phone) {
     const std::string file = phone.directory + "/device/downloaded.bin";
     return fs::exists(phone.directory + "/device/pending") ? WholeFile(file) : "";
-}
-
-void PutState(const Phone& phone, const StateDirectory& state) {
-    if (!WriteStateDirectory(phone.directory, state)) {
-        throw FailureAt(phone.directory + ": the state directory", errno);
-    }
 }

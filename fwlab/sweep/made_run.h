@@ -15,6 +15,3 @@ RunResult MakeRun(const Phone& phone, const std::string& tool, const std::string
 // The image that the device has taken and will run after a restart; empty: none. Stop if it cannot
 // be read.
 std::string TakenImage(const Phone& phone);
-
-// The state directory becomes so. Stop if it cannot be written.
-void PutState(const Phone& phone, const StateDirectory& state);

@@ -96,18 +96,15 @@ void Prepare(const Sweep& sweep, Worker& worker, size_t scenario, const StateDir
         worker.scenario = SIZE_MAX;
         fs::remove_all(directory);
         worker.phone.description = sweep.scenarios[scenario].phone;
-        std::string error;
-        if (!MakePhone(worker.phone.description, directory, error) ||
-            !PutPackage(worker.phone, sweep.scenarios[scenario].package, error)) {
-            throw Stop{2, error};
-        }
+        MakePhone(worker.phone);
+        PutPackage(worker.phone, sweep.scenarios[scenario].package);
         worker.scenario = scenario;
     }
     for (const char* file :
          {"/device/downloaded.bin", "/device/pending", "/splash2/test_ffu_trigger.tmp"}) {
         fs::remove(directory + file);
     }
-    PutState(worker.phone, state);
+    WriteStateDirectory(worker.phone.directory, state);
 }
 
 void Violate(Sweep& sweep, Runs& runs, Wrong wrong, const std::string& detail) {
@@ -192,7 +189,7 @@ void CutAndRunNext(Sweep& sweep, const Worker& worker, Runs& runs, const RunResu
     if (runs.faults.back()) {
         const auto survivals = Survivals(run.before, run.after, run.calls);
         const Survival& left = survivals[turn / calls.size() % survivals.size()];
-        PutState(worker.phone, left.state);
+        WriteStateDirectory(worker.phone.directory, left.state);
         runs.faults.back()->losses = left.losses;
     }
     (void)Run(sweep, worker, SweepRun::NEXT, runs);

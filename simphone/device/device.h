@@ -2,7 +2,8 @@
 // the phone's directory: ext_csd.bin (eMMC), downloaded.bin (the image taken last), pending (there
 // is an installed firmware that the next restart activates) and running.bin (the image that was
 // activated). Called by the library for the requests of the tool, and by the device of the virtual
-// machine. A request that is refused changes nothing.
+// machine. A request that is refused changes nothing. What this machine cannot keep is none of the
+// device's answers: std::system_error.
 #pragma once
 
 #include "simphone/description.h"
@@ -11,6 +12,7 @@
 #include <linux/mmc/ioctl.h>
 #include <scsi/sg.h>
 #include <string>
+#include <string_view>
 
 // JEDEC EXT_CSD: its size, and places in it.
 constexpr size_t EXT_CSD_SIZE = 512;
@@ -27,22 +29,15 @@ Request DescribeScsiReset(int type);
 struct Reply {
     Taken taken = Taken::NOTHING;
     std::string text = {}; // "GOOD"; empty: the result of the call says it
-    // Why this machine could not keep what the device did. The answer is none of the device then.
-    std::string failure = {};
 };
-
-// Writes a file of the device, by its path. Returns 0; else EIO, with a failure in the reply.
-int Keep(const std::string& file, const void* data, size_t size, Reply& reply);
 
 // Carries out one MMC_IOC_CMD. Returns 0 or the error number that the driver gives.
 // `openFlags` are those of the descriptor.
 int AnswerMmc(const std::string& directory, bool gki, int openFlags, mmc_ioc_cmd& command,
               Reply& reply);
 
-// The write to the GKI node: `count` of `size` bytes reach the driver, which installs a whole
-// image. Returns 0 or an error number.
-int TakeGkiImage(const std::string& directory, const void* image, size_t count, size_t size,
-                 Reply& reply);
+// The write to the GKI node: the bytes that reach the driver, which installs a whole image.
+void TakeGkiImage(const std::string& directory, std::string_view image, bool isWhole, Reply& reply);
 
 // Carries out one SG_IO; a WRITE BUFFER that is in order gets `answer`. Returns 0 with the response
 // in the request, or the error number that the kernel gives, EIO for more than maxHwSectorsKb KiB

@@ -19,23 +19,20 @@ constexpr uint32_t FFU_INSTALL = 303;  // the driver's own
 constexpr unsigned R1_DATA_FLAGS = 0xB5;
 constexpr uint32_t R1_READY = 0x900; // ready for data, transfer state
 
-int Install(const std::string& directory, Reply& reply) {
+int Install(const std::string& directory) {
     // The bootloader's answer to an install without a download: nothing to install.
     if (access((directory + "/device/downloaded.bin").c_str(), F_OK) != 0) {
         return EINVAL;
     }
-    return Keep(directory + "/device/pending", "", 0, reply);
+    WriteWholeFile(directory + "/device/pending", "");
+    return 0;
 }
 
-int SendExtCsd(const std::string& directory, const mmc_ioc_cmd& command, Reply& reply) {
-    std::string extCsd;
+int SendExtCsd(const std::string& directory, const mmc_ioc_cmd& command) {
     if (command.write_flag != 0 || command.blocks != 1) {
         return EINVAL;
     }
-    const std::string file = directory + "/device/ext_csd.bin";
-    if (!ReadWholeFile(file, extCsd)) {
-        reply.failure = file + ": " + strerror(errno);
-    }
+    const std::string extCsd = WholeFile(directory + "/device/ext_csd.bin");
     if (extCsd.size() != EXT_CSD_SIZE) {
         return ETIMEDOUT;
     }
@@ -43,13 +40,14 @@ int SendExtCsd(const std::string& directory, const mmc_ioc_cmd& command, Reply& 
     return 0;
 }
 
-int Download(const std::string& directory, const mmc_ioc_cmd& command, Reply& reply) {
+int Download(const std::string& directory, const mmc_ioc_cmd& command) {
     if (command.write_flag != 1 || command.blocks == 0) {
         return EINVAL;
     }
     const size_t size = size_t{command.blocks} * command.blksz;
-    const void* data = reinterpret_cast<const void*>(command.data_ptr);
-    return Keep(directory + "/device/downloaded.bin", data, size, reply);
+    const char* data = reinterpret_cast<const char*>(command.data_ptr);
+    WriteWholeFile(directory + "/device/downloaded.bin", {data, size});
+    return 0;
 }
 
 } // namespace
@@ -84,11 +82,11 @@ int AnswerMmc(const std::string& directory, bool gki, int openFlags, mmc_ioc_cmd
     }
     int status = EINVAL;
     if (command.opcode == SEND_EXT_CSD) {
-        status = SendExtCsd(directory, command, reply);
+        status = SendExtCsd(directory, command);
     } else if (command.opcode == FFU_DOWNLOAD && !gki) {
-        status = Download(directory, command, reply);
+        status = Download(directory, command);
     } else if (isInstall && !gki && command.write_flag == 0 && command.blocks == 0) {
-        status = Install(directory, reply);
+        status = Install(directory);
     }
     if (status == 0) {
         command.response[0] = R1_READY;
@@ -97,13 +95,11 @@ int AnswerMmc(const std::string& directory, bool gki, int openFlags, mmc_ioc_cmd
     return status;
 }
 
-int TakeGkiImage(const std::string& directory, const void* image, size_t count, size_t size,
-                 Reply& reply) {
-    const bool isWhole = count == size && size > 0;
-    int status = Keep(directory + "/device/downloaded.bin", image, count, reply);
-    if (status == 0 && isWhole) {
-        status = Install(directory, reply);
+void TakeGkiImage(const std::string& directory, std::string_view image, bool isWhole,
+                  Reply& reply) {
+    WriteWholeFile(directory + "/device/downloaded.bin", image);
+    if (isWhole) {
+        WriteWholeFile(directory + "/device/pending", "");
     }
-    reply.taken = isWhole && status == 0 ? Taken::WHOLE : count > 0 ? Taken::PART : Taken::NOTHING;
-    return status;
+    reply.taken = isWhole ? Taken::WHOLE : image.empty() ? Taken::NOTHING : Taken::PART;
 }

@@ -1,6 +1,7 @@
 // The UFS side of the device: a SCSI logical unit that takes WRITE BUFFER through SG_IO.
 #include "simphone/device/device.h"
 
+#include "simphone/files.h"
 #include "simphone/text.h"
 
 #include <algorithm>
@@ -115,11 +116,10 @@ int AnswerScsi(const std::string& directory, const DeviceAnswer& answer, uint32_
     }
     const bool isTaken = answer.kind == DeviceAnswer::Kind::ACCEPTED ||
                          (answer.IsSense() && answer.key <= RECOVERED_ERROR);
-    if (isTaken && request.dxfer_len > 0 &&
-        (Keep(directory + "/device/downloaded.bin", request.dxferp, request.dxfer_len, reply) !=
-             0 ||
-         Keep(directory + "/device/pending", "", 0, reply) != 0)) {
-        return EIO;
+    if (isTaken && request.dxfer_len > 0) {
+        const std::string_view image(static_cast<char*>(request.dxferp), request.dxfer_len);
+        WriteWholeFile(directory + "/device/downloaded.bin", image);
+        WriteWholeFile(directory + "/device/pending", "");
     }
     reply.taken = isTaken ? Taken::WHOLE : Taken::NOTHING;
     reply.text = RespondAs(request, answer);

@@ -84,7 +84,7 @@ std::string KeptPath(const char* path) {
             fs::create_hard_link(host, kept, status);
         }
         if (status) {
-            EndUnkept(kept, status.value());
+            throw std::system_error(status, kept);
         }
     }
     return host;
@@ -94,15 +94,6 @@ std::string KeptPath(const char* path) {
 int Failing(int error) {
     errno = error;
     return error != 0 ? -1 : 0;
-}
-
-template <typename Perform> ssize_t ReadCall(int fd, void* data, size_t count, Perform perform) {
-    const OpenFile file = Opened(fd);
-    Call call{{"read", file.path, Text("fd=%d count=%zu", fd, count)}};
-    call.count = &count;
-    return Counted(call, [&]() -> ssize_t {
-        return Misaligned(fd, file, data, count) ? Failing(EINVAL) : perform(count);
-    });
 }
 
 // A request to the storage device, which the faults know by `name`.
@@ -131,35 +122,10 @@ int MmcCall(int fd, const OpenFile& file, mmc_ioc_cmd& command) {
     });
 }
 
-// A phone path resolves to the phone's own path; a link that leads out of the phone leads nowhere.
-template <typename Perform> char* RealPathCall(const char* path, char* resolved, Perform perform) {
-    return Counted({{"realpath", path, ""}}, [&]() -> char* {
-        const size_t root = IsPhonePath(path) ? session->directory.size() : 0;
-        char whole[PATH_MAX];
-        if (perform(HostPath(path).c_str(), whole) == nullptr) {
-            return nullptr;
-        }
-        if (session->directory.compare(0, root, whole, root) != 0) {
-            errno = ENOENT;
-            return nullptr;
-        }
-        const char* inside = whole + root;
-        if (resolved == nullptr) {
-            return strdup(inside);
-        }
-        return static_cast<char*>(memcpy(resolved, inside, strlen(inside) + 1));
-    });
-}
-
 } // namespace
 
 #pragma GCC visibility push(default)
 extern "C" {
-// The checked variants that _FORTIFY_SOURCE calls; no header declares them for a build without it.
-ssize_t __read_chk(int fd, void* data, size_t count, size_t size);
-char* __realpath_chk(const char* path, char* resolved, size_t size) noexcept;
-char* __fgets_chk(char* line, size_t space, int size, FILE* stream);
-
 int open(const char* path, int flags, ...) {
     mode_t mode = 0;
     if ((flags & (O_CREAT | O_TMPFILE)) != 0) {
@@ -191,13 +157,14 @@ int access(const char* path, int mode) noexcept {
 
 ssize_t read(int fd, void* data, size_t count) {
     PASS_OTHERS(read, fd, data, count);
-    return ReadCall(fd, data, count, [&](size_t kept) { return next(fd, data, kept); });
+    const OpenFile file = Opened(fd);
+    Call call{{"read", file.path, Text("fd=%d count=%zu", fd, count)}};
+    call.count = &count;
+    return Counted(call, [&]() -> ssize_t {
+        return Misaligned(fd, file, data, count) ? Failing(EINVAL) : next(fd, data, count);
+    });
 }
-
-ssize_t __read_chk(int fd, void* data, size_t count, size_t size) {
-    PASS_OTHERS(__read_chk, fd, data, count, size);
-    return ReadCall(fd, data, count, [&](size_t kept) { return next(fd, data, kept, size); });
-}
+SAME(__read_chk, read); // the checked variant, without the size
 
 ssize_t write(int fd, const void* data, size_t count) {
     PASS_OTHERS(write, fd, data, count);
@@ -212,8 +179,9 @@ ssize_t write(int fd, const void* data, size_t count) {
     }
     return Counted(call, [&]() -> ssize_t {
         if (file.node == Node::GKI) {
-            const int error = TakeGkiImage(session->directory, data, count, asked, reply);
-            return error != 0 ? Failing(error) : static_cast<ssize_t>(count);
+            TakeGkiImage(session->directory, {static_cast<const char*>(data), count},
+                         count == asked && asked > 0, reply);
+            return static_cast<ssize_t>(count);
         }
         if (Misaligned(fd, file, data, count)) {
             return Failing(EINVAL);
@@ -299,16 +267,27 @@ int mkdir(const char* path, mode_t mode) noexcept {
                    [&] { return next(HostPath(path).c_str(), mode); });
 }
 
+// A phone path resolves to the phone's own path; a link that leads out of the phone leads nowhere.
 char* realpath(const char* path, char* resolved) noexcept {
     PASS_OTHERS(realpath, path, resolved);
-    return RealPathCall(path, resolved, next);
+    return Counted({{"realpath", path, ""}}, [&]() -> char* {
+        const size_t root = IsPhonePath(path) ? session->directory.size() : 0;
+        char whole[PATH_MAX];
+        if (next(HostPath(path).c_str(), whole) == nullptr) {
+            return nullptr;
+        }
+        if (session->directory.compare(0, root, whole, root) != 0) {
+            errno = ENOENT;
+            return nullptr;
+        }
+        const char* inside = whole + root;
+        if (resolved == nullptr) {
+            return strdup(inside);
+        }
+        return static_cast<char*>(memcpy(resolved, inside, strlen(inside) + 1));
+    });
 }
-
-char* __realpath_chk(const char* path, char* resolved, size_t size) noexcept {
-    PASS_OTHERS(__realpath_chk, path, resolved, size);
-    return RealPathCall(path, resolved,
-                        [&](const char* host, char* whole) { return next(host, whole, PATH_MAX); });
-}
+SAME(__realpath_chk, realpath); // the checked variant, without the size
 
 int ioctl(int fd, unsigned long request, ...) noexcept {
     va_list more;
@@ -411,12 +390,6 @@ char* fgets(char* line, int size, FILE* stream) {
     PASS_OTHERS(fgets, line, size, stream);
     return Counted({{"fgets", Opened(fileno(stream)).path, ""}},
                    [&] { return next(line, size, stream); });
-}
-
-char* __fgets_chk(char* line, size_t space, int size, FILE* stream) {
-    PASS_OTHERS(__fgets_chk, line, space, size, stream);
-    return Counted({{"fgets", Opened(fileno(stream)).path, ""}},
-                   [&] { return next(line, space, size, stream); });
 }
 
 int fclose(FILE* stream) {

@@ -3,6 +3,7 @@
 // call.
 #include "simphone/preload/session.h"
 
+#include "simphone/files.h"
 #include "simphone/preload/attach.h"
 
 #include <algorithm>
@@ -24,24 +25,12 @@ namespace {
 
 bool isCallUnderWay = false;
 
-// Stands high, so that the tool meets the numbers that it would meet on a phone.
-int OpenJournal(const std::string& path) {
-    const int flags = O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC;
-    const int fd = open(path.c_str(), flags, 0644);
-    const int high = fd < 0 ? -1 : fcntl(fd, F_DUPFD_CLOEXEC, 900);
-    if (high < 0) {
-        return fd;
-    }
-    close(fd);
-    return high;
-}
-
 void Append(const std::string& line) {
     ssize_t count = 0;
     for (size_t at = 0; at < line.size(); at += static_cast<size_t>(count)) {
         count = write(session->journal, line.data() + at, line.size() - at);
         if (count < 0) {
-            EndUnkept(JOURNAL_FILE, errno);
+            EndUnkept(FailureOf(JOURNAL_FILE).what());
         }
     }
 }
@@ -90,42 +79,15 @@ const Fault* MeetFault(const Call& call) {
 // the tool has closed its standard output.
 long long ConsoleBytes() {
     if (fflush(stdout) != 0 && IsOfThisMachine(errno)) {
-        EndUnkept("the console", errno);
+        EndUnkept(FailureOf("the console").what());
     }
     return std::max<long long>(lseek(STDOUT_FILENO, 0, SEEK_CUR), 0);
-}
-
-// Reads the phone's description, and the faults before its own.
-bool Prepare(const std::string& phone, const char* faults, Session& run, std::string& error) {
-    std::istringstream lines(faults != nullptr ? faults : "");
-    for (std::string line; std::getline(lines, line);) {
-        run.faults.push_back({});
-        if (!ParseFault(line, run.faults.back().fault, error)) {
-            return false;
-        }
-    }
-    std::error_code status;
-    run.directory = std::filesystem::canonical(phone, status);
-    if (status) {
-        return Failed(error, phone + ": " + status.message());
-    }
-    if (!ReadDescription(phone + "/phone.toml", {}, run.phone, error)) {
-        return false;
-    }
-    for (const Fault& fault : run.phone.faults) {
-        run.faults.push_back({fault, 0, false});
-    }
-    run.journal = OpenJournal(run.directory + JOURNAL_FILE);
-    if (run.journal < 0) {
-        return Failed(error, run.directory + JOURNAL_FILE + ": " + strerror(errno));
-    }
-    return true;
 }
 
 __attribute__((constructor)) void AttachAtStart() {
     const char* directory = getenv("SIMPHONE");
     if (directory != nullptr) {
-        std::set_new_handler([] { EndUnkept("memory", ENOMEM); });
+        std::set_new_handler([] { EndUnkept("memory: Cannot allocate memory"); });
         if (simphone_attach(directory, getenv("SIMPHONE_FAULTS")) != 0) {
             _exit(EXIT_NO_PHONE);
         }
@@ -141,18 +103,15 @@ __attribute__((destructor)) void FlushAtEnd() {
 
 } // namespace
 
-void EndUnkept(const std::string& what, int error) {
-    dprintf(STDERR_FILENO, "simphone: %s: %s\n", what.c_str(), strerrordesc_np(error));
+void EndUnkept(const char* why) {
+    dprintf(STDERR_FILENO, "simphone: %s\n", why);
     _exit(EXIT_NO_PHONE);
 }
 
 void EndIfUnkept(const Call& call, int error) {
-    if (call.reply != nullptr && !call.reply->failure.empty()) {
-        dprintf(STDERR_FILENO, "simphone: %s\n", call.reply->failure.c_str());
-        _exit(EXIT_NO_PHONE);
-    }
     if (!call.request && IsOfThisMachine(error)) {
-        EndUnkept(call.function + " " + call.path, error);
+        errno = error;
+        EndUnkept(FailureOf(call.function + " " + call.path).what());
     }
 }
 
@@ -226,12 +185,23 @@ void simphone_detach() {
 
 int simphone_attach(const char* directory, const char* faults) {
     simphone_detach();
-    auto run = std::make_unique<Session>();
-    std::string error;
-    if (!Prepare(directory, faults, *run, error)) {
-        fprintf(stderr, "simphone: %s\n", error.c_str());
+    try {
+        auto run = std::make_unique<Session>();
+        std::istringstream lines(faults != nullptr ? faults : "");
+        for (std::string line; std::getline(lines, line);) {
+            run->faults.push_back({ParseFault(line), 0, false});
+        }
+        run->directory = std::filesystem::canonical(directory);
+        run->phone = ReadDescription(run->directory + "/phone.toml");
+        for (const Fault& fault : run->phone.faults) {
+            run->faults.push_back({fault, 0, false});
+        }
+        run->journal =
+            OpenHigh(run->directory + JOURNAL_FILE, O_WRONLY | O_CREAT | O_TRUNC | O_APPEND);
+        session = run.release();
+    } catch (const std::exception& wrong) {
+        fprintf(stderr, "simphone: %s\n", wrong.what());
         return -1;
     }
-    session = run.release();
     return 0;
 }

@@ -7,7 +7,7 @@
 #include "simphone/text.h"
 
 #include <cerrno>
-#include <cstdio>
+#include <exception>
 #include <map>
 #include <string>
 #include <type_traits>
@@ -64,8 +64,8 @@ inline std::string ResultText(const void* pointer) {
     return Text("%p", pointer);
 }
 
-// Ends a run that would pass for another one: this machine, and not the phone, could not do `what`.
-[[noreturn]] void EndUnkept(const std::string& what, int error);
+// Ends a run that would pass for another one, as this machine, and not the phone, has failed.
+[[noreturn]] void EndUnkept(const char* why);
 // The same if the call, which no fault has met, has failed for want of room, descriptors or memory
 // here. `error` is 0 unless it failed.
 void EndIfUnkept(const Call& call, int error);
@@ -90,7 +90,11 @@ Result Counted(Call call, Perform perform, Result failed = FAILED<Result>) {
     int error = 0;
     if (!Replaces(fault) || call.releases) {
         errno = 0;
-        result = perform();
+        try {
+            result = perform();
+        } catch (const std::exception& wrong) { // the phone's calls throw none
+            EndUnkept(wrong.what());
+        }
         error = errno;
         EndIfUnkept(call, result == failed ? error : 0);
     }

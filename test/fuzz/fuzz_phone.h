@@ -30,11 +30,7 @@ struct FuzzPhone {
         directory = std::filesystem::temp_directory_path() / "ffu-fuzz-XXXXXX";
         Require(mkdtemp(directory.data()) != nullptr, "a directory for the phone");
         directory += "/phone";
-        std::string error;
-        Description phone;
-        Require(ReadDescription(description, {}, phone, error) &&
-                    MakePhone(phone, directory, error),
-                error.c_str());
+        MakePhone({directory, ReadDescription(description)});
         std::filesystem::create_directories(directory + "/data/vendor/fw");
     }
     ~FuzzPhone() {
@@ -42,8 +38,7 @@ struct FuzzPhone {
     }
 
     void Put(const std::string& path, std::string_view content) const {
-        const bool isPut = WriteWholeFile(directory + path, content.data(), content.size());
-        Require(isPut, "a file is put onto the phone");
+        WriteWholeFile(directory + path, content);
     }
     std::string Get(const std::string& path) const { // empty if it is not there
         std::string content;

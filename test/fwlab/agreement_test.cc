@@ -165,7 +165,7 @@ protected:
         Make(made.isUfs ? UfsPhone(made.phone) : GkiPhone(made.phone),
              {{made.isUfs ? UFS_PACKAGE : EMMC_PACKAGE, made.package},
               {STATE + "/fw_result", made.record}});
-        const Description description = DescriptionOf(Path("/phone.toml"));
+        const Description description = ReadDescription(Path("/phone.toml"));
         const Device device = DeviceOf(description);
         const Package package = InMemory(made.package, *device.identity.layout);
         const StateDirectory before = ReadStateDirectory(directory);

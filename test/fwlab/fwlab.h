@@ -102,10 +102,9 @@ protected:
 
     // A phone at a place of its own, which is made anew.
     void MakeAt(const std::string& place, const std::string& description) const {
-        std::string error;
         fs::remove_all(Path(place));
         Put("/phone.toml", description);
-        ASSERT_TRUE(MakePhone(DescriptionOf(Path("/phone.toml")), Path(place), error)) << error;
+        MakePhone({Path(place), ReadDescription(Path("/phone.toml"))});
     }
 
     // The command has the package behind it.

@@ -77,7 +77,7 @@ void ExpectWhole(const std::string& page, const std::string& verdict) {
 std::string InChromium(const std::string& folder, const std::string& page,
                        const std::string& script) {
     const auto put = [&](const char* name, const std::string& text) {
-        EXPECT_TRUE(WriteWholeFile(folder + name, text.data(), text.size()));
+        WriteWholeFile(folder + name, text);
     };
     put("/page.html", page + "<script>{" + script + "}</script>");
     put("/frames.html", "<script>onmessage = sent => document.body.append(sent.data)</script>"

@@ -21,7 +21,7 @@ std::string ShippedDescription(const char* file, const Overrides& overrides) {
     for (const auto& [key, value] : overrides) {
         settings.push_back(std::string(key).append("=").append(value));
     }
-    return DescriptionOf(std::string(DESCRIPTIONS).append(file), settings).text;
+    return ReadDescription(std::string(DESCRIPTIONS).append(file), settings).text;
 }
 
 // How the tool opens what it opens, and the mode of what it makes. A path that ends with a slash
@@ -84,10 +84,9 @@ bool IsProper(const CallEntry& call, const std::string& pathBefore) {
 
 std::vector<Fault> Faults(const Texts& texts) {
     std::vector<Fault> faults;
-    std::string error;
     for (const std::string& text : texts) {
-        if (!text.empty() && !ParseFault(text, faults.emplace_back(), error)) {
-            throw std::invalid_argument(error);
+        if (!text.empty()) {
+            faults.push_back(ParseFault(text));
         }
     }
     return faults;
@@ -97,15 +96,6 @@ Texts FaultTexts(const std::vector<Fault>& faults) {
     Texts texts;
     std::transform(faults.begin(), faults.end(), std::back_inserter(texts), FaultText);
     return texts;
-}
-
-Description DescriptionOf(const std::string& file, const Texts& settings) {
-    Description phone;
-    std::string error;
-    if (!ReadDescription(file, settings, phone, error)) {
-        throw std::invalid_argument(error);
-    }
-    return phone;
 }
 
 unsigned FromEnvironment(const char* name, unsigned otherwise) {
@@ -203,9 +193,8 @@ void PhoneTest::TearDown() {
 void PhoneTest::Make(const std::string& description, const Files& files) {
     fs::remove_all(directory);
     const std::string file = directory + ".toml";
-    std::string error;
-    ASSERT_TRUE(WriteWholeFile(file, description.data(), description.size()));
-    ASSERT_TRUE(MakePhone(DescriptionOf(file), directory, error)) << error;
+    WriteWholeFile(file, description);
+    MakePhone({directory, ReadDescription(file)});
     for (const auto& [path, content] : files) {
         Put(path, content);
     }
@@ -221,7 +210,7 @@ void PhoneTest::Put(const std::string& file, const std::string& content) const {
         return;
     }
     fs::create_directories(fs::path(Path(file)).parent_path());
-    ASSERT_TRUE(WriteWholeFile(Path(file), content.data(), content.size())) << file;
+    WriteWholeFile(Path(file), content);
 }
 
 std::string PhoneTest::Get(const std::string& file) const {
@@ -251,16 +240,11 @@ RunResult PhoneTest::TryRun(const Texts& faults, const std::string& tool,
                             const std::string& library) const {
     std::istringstream words(FFU_LAUNCHER);
     const Texts launcher(std::istream_iterator<std::string>(words), {});
-    RunResult result = {};
-    Phone phone;
-    return OpenPhone(directory, phone, result.error)
-               ? RunTool(phone, tool, {Faults(faults), launcher, library})
-               : result;
+    return RunTool(OpenPhone(directory), tool, {Faults(faults), launcher, library});
 }
 
 RunResult PhoneTest::RunAnyhow(const Texts& faults) const {
     RunResult result = TryRun(faults);
-    EXPECT_EQ(result.error, "");
     EXPECT_FALSE(result.timedOut);
     return result;
 }
@@ -274,9 +258,7 @@ RunResult PhoneTest::Run(const Texts& faults) const {
 }
 
 void PhoneTest::Reboot() const {
-    std::string error;
-    Phone phone;
-    ASSERT_TRUE(OpenPhone(directory, phone, error) && RebootPhone(phone, error)) << error;
+    RebootPhone(OpenPhone(directory));
 }
 
 std::string Console(const RunResult& result) {

@@ -44,8 +44,6 @@ inline const std::string CLOCK_TEXT = "Sat Mar  7 09:05:02 2026\n";
 // The faults of these texts, and the other way round.
 std::vector<Fault> Faults(const Texts& texts);
 Texts FaultTexts(const std::vector<Fault>& faults);
-// What a file says; throws if it describes no phone.
-Description DescriptionOf(const std::string& file, const Texts& settings = {});
 
 // A number from the environment, such as a seed.
 unsigned FromEnvironment(const char* name, unsigned otherwise);

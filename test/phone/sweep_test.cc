@@ -328,7 +328,7 @@ TEST_F(SweepTest, EachCallFailsAndThePowerAtEachCall) {
         const std::string file = "/" + std::to_string(sweeps.size());
         Put(file + ".toml", scenario.phone);
         Put(file, scenario.package);
-        sweeps.push_back({DescriptionOf(Path(file + ".toml")),
+        sweeps.push_back({ReadDescription(Path(file + ".toml")),
                           Path(file),
                           {!scenario.files.empty(), scenario.files}});
     }

@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <functional>
 #include <sched.h>
+#include <stdexcept>
 #include <sys/file.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
@@ -46,6 +47,16 @@ protected:
     void ExpectAsEverOr(const Texts& reasons, rlim_t amounts,
                         const std::function<void(rlim_t)>& leave);
 };
+
+// Why something cannot be done; empty if it can.
+std::string ErrorOf(const std::function<void()>& something) {
+    try {
+        something();
+    } catch (const std::runtime_error& wrong) {
+        return wrong.what();
+    }
+    return "";
+}
 
 void Limit(decltype(RLIMIT_NOFILE) what, rlim_t most) {
     rlimit limit = {};
@@ -175,22 +186,24 @@ TEST_F(SimphoneTest, PowerCutLeavesWhatWasSynced) {
         SCOPED_TRACE(row.fault);
         const RunResult cut = CutGkiUpdate({row.fault}, row.before);
         EXPECT_EQ(cut.signal, 9);
-        EXPECT_EQ(cut.error, "");
         const StateDirectory left = ReadStateDirectory(directory);
         EXPECT_EQ(left.isThere ? left.files : NO_DIRECTORY, row.left);
     }
-    // No cut can leave these.
+    const auto expectImpossible = [this](const std::string& fault, const Files& before) {
+        EXPECT_EQ(ErrorOf([&] { (void)CutGkiUpdate({fault}, before); }),
+                  "fault " + Quoted(fault) + ": the cut cannot leave that");
+    };
     for (const std::string losses :
          {"zeros=ffu.bgn", "lost=.,ffu.bgn", "lost=ffu.fail", "gone=fw_result"}) {
-        EXPECT_NE(CutGkiUpdate({"fsync end " + losses}, {}).error, "") << losses;
+        expectImpossible("fsync end " + losses, {});
     }
     for (const std::string losses : {"lost=.", "lost=fw_result", "empty=fw_result"}) {
-        EXPECT_NE(CutGkiUpdate({closed + losses}, {}).error, "") << losses;
+        expectImpossible(closed + losses, {});
     }
     for (const std::string& fault :
          {closed + "zeros=fw_result", std::string("fsync end empty=fw_result"),
           std::string("fsync end lost=.")}) {
-        EXPECT_NE(CutGkiUpdate({fault}, OLD).error, "") << fault;
+        expectImpossible(fault, OLD);
     }
 }
 
@@ -207,7 +220,7 @@ TEST_F(SimphoneTest, PowerCutBringsARemovedFileBack) {
     for (const auto& [fault, body] : bodies) {
         SCOPED_TRACE(fault);
         Make(UfsPhone(), {{UFS_PACKAGE, UfsEntry()}});
-        EXPECT_EQ(TryRun({fault}).error.empty(), fault.rfind("SG_IO", 0) != 0);
+        EXPECT_EQ(ErrorOf([&] { (void)TryRun({fault}); }).empty(), fault.rfind("SG_IO", 0) != 0);
         EXPECT_EQ(Get(STATE + "/ufs_fw_body.bin"), body);
     }
 }
@@ -234,7 +247,7 @@ TEST_F(SimphoneTest, EachStateAfterAPowerCutCanBeMade) {
         EXPECT_EQ(survivals.size(), row.states);
         for (const Survival& survival : survivals) {
             const std::string losses = LossText(survival.losses);
-            EXPECT_EQ(CutGkiUpdate({row.cut + " " + losses, noSync}, row.before).error, "");
+            (void)CutGkiUpdate({row.cut + " " + losses, noSync}, row.before);
             EXPECT_TRUE(ReadStateDirectory(directory) == survival.state) << losses;
         }
     }
@@ -249,13 +262,13 @@ TEST_F(SimphoneTest, ToolNeverRunsWithoutItsPhone) {
     EXPECT_EQ(Requests(TryRun({}, FFU_PATH, library)), "GKI write 4 -> 4\n");
 
     std::filesystem::permissions(tool, std::filesystem::perms::owner_all);
-    EXPECT_NE(TryRun({}, tool).error, "");
+    EXPECT_THROW((void)TryRun({}, tool), std::runtime_error);
     EXPECT_EQ(Get("/tool.ran"), MISSING);
     Put("/damaged.so", "simphone_attach");
-    EXPECT_NE(TryRun({}, FFU_PATH, Path("/damaged.so")).error, "");
-    EXPECT_NE(TryRun({}, FFU_PATH, tool).error, "");
-    std::string error;
-    EXPECT_FALSE(MakePhone(DescriptionOf(Path("/phone.toml")), directory, error)); // one is there
+    EXPECT_THROW((void)TryRun({}, FFU_PATH, Path("/damaged.so")), std::runtime_error);
+    EXPECT_THROW((void)TryRun({}, FFU_PATH, tool), std::runtime_error);
+    const Phone phone = OpenPhone(directory);
+    EXPECT_THROW(MakePhone(phone), std::runtime_error); // one is there
 }
 
 // What a run leaves is all of it, and its own.
@@ -275,15 +288,16 @@ TEST_F(SimphoneTest, RunThatCannotBeKeptIsAnError) {
         SCOPED_TRACE(row.log + row.target);
         Make(GkiPhone(), {{EMMC_PACKAGE, EmmcEntry()}});
         std::filesystem::create_symlink(row.target, Path(row.log));
-        EXPECT_NE(TryRun().error.find(row.error), std::string::npos);
+        const std::string error = ErrorOf([&] { (void)TryRun(); });
+        EXPECT_NE(error.find(row.error), std::string::npos) << error;
     }
     Make(GkiPhone(), {{EMMC_PACKAGE, EmmcEntry()}});
     const int other = open(directory.c_str(), O_RDONLY | O_CLOEXEC);
     EXPECT_EQ(flock(other, LOCK_EX), 0);
-    EXPECT_NE(TryRun().error.find("another run is on this phone"), std::string::npos);
+    EXPECT_EQ(ErrorOf([&] { (void)TryRun(); }), directory + ": another run is on this phone");
     EXPECT_EQ(Left(), "");
     close(other);
-    EXPECT_EQ(TryRun().error, "");
+    (void)TryRun();
 }
 
 // With less and less of something of this machine, a run is as it always is, or it is an error that
@@ -305,9 +319,10 @@ void ShortageTest::ExpectAsEverOr(const Texts& reasons, rlim_t amounts,
             SCOPED_TRACE(reasons[0] + " " + std::to_string(amount));
             make();
             leave(amount);
-            const RunResult run = TryRun();
+            RunResult run = {};
+            const std::string error = ErrorOf([&] { run = TryRun(); });
             leave(RLIM_INFINITY);
-            if (run.error.empty()) {
+            if (error.empty()) {
                 EXPECT_EQ(Console(run), Console(whole));
                 EXPECT_EQ(Steps(run) + Requests(run), Steps(whole) + Requests(whole));
                 EXPECT_EQ(State(), left);
@@ -315,8 +330,8 @@ void ShortageTest::ExpectAsEverOr(const Texts& reasons, rlim_t amounts,
             }
             refused++;
             EXPECT_TRUE(std::any_of(reasons.begin(), reasons.end(), [&](const std::string& reason) {
-                return run.error.find(reason) != std::string::npos;
-            })) << run.error;
+                return error.find(reason) != std::string::npos;
+            })) << error;
         }
         EXPECT_GT(refused, 0U);
         EXPECT_LT(refused, amounts); // the last ones had enough
@@ -341,10 +356,12 @@ TEST_F(ShortageTest, DiskIsFull) {
     if (child == 0) { // in namespaces of its own, where a user may mount
         const std::string users = "0 " + std::to_string(getuid()) + " 1";
         const std::string groups = "0 " + std::to_string(getgid()) + " 1";
-        if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0 ||
-            !WriteWholeFile("/proc/self/uid_map", users.data(), users.size()) ||
-            !WriteWholeFile("/proc/self/setgroups", "deny", 4) ||
-            !WriteWholeFile("/proc/self/gid_map", groups.data(), groups.size()) ||
+        const auto map = [&] {
+            WriteWholeFile("/proc/self/uid_map", users);
+            WriteWholeFile("/proc/self/setgroups", "deny");
+            WriteWholeFile("/proc/self/gid_map", groups);
+        };
+        if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0 || !ErrorOf(map).empty() ||
             mount("none", disk.c_str(), "tmpfs", 0, "size=64m") != 0) {
             _exit(77);
         }
@@ -409,11 +426,10 @@ TEST_F(SimphoneTest, TimeLineBearsAClosedConsole) {
 }
 
 TEST_F(SimphoneTest, HalfMadePhoneIsShownAndNotRestarted) {
-    std::string error;
     Make(NormalPhone(), {{"/device/pending", ""}, {STATE + "/a\nb", "c"}});
     Put("/proc/bootdevice/product_name", MISSING);
-    Phone phone = {directory, DescriptionOf(Path("/phone.toml"))};
-    EXPECT_FALSE(RebootPhone(phone, error)); // nothing was downloaded
+    const Phone phone = OpenPhone(directory);
+    EXPECT_THROW(RebootPhone(phone), std::runtime_error); // nothing was downloaded
     ExpectShown(
         phone, {"product_name: No such file", "FIRMWARE_VERSION: FW", "FW000002\n", "    a\\nb\n"});
     // No file but flags and records is shown whole: digests of "" and "abc" from FIPS 180-2.
@@ -424,16 +440,15 @@ TEST_F(SimphoneTest, HalfMadePhoneIsShownAndNotRestarted) {
                         "    ffu.ok\n      passed\\xff\n", "    a\\nb\n      1 bytes, sha256 "});
     EXPECT_EQ(Count(ShowPhone(phone), "abc\n"), 0);
     for (const std::string place : {"", "/", "/..", "//"}) { // this machine is no phone
-        EXPECT_FALSE(MakePhone(phone.description, place, error));
-        EXPECT_EQ(error, Quoted(place) + ": is no place for a phone");
-        EXPECT_FALSE(OpenPhone(place, phone, error));
-        EXPECT_EQ(error, Quoted(place) + ": is no place for a phone");
+        const std::string wrong = Quoted(place) + ": is no place for a phone";
+        EXPECT_EQ(ErrorOf([&] { MakePhone({place, phone.description}); }), wrong);
+        EXPECT_EQ(ErrorOf([&] { (void)OpenPhone(place); }), wrong);
     }
     Put("/phone.toml", ""); // as far as another MakePhone has come
-    EXPECT_FALSE(OpenPhone(directory, phone, error));
+    EXPECT_THROW((void)OpenPhone(directory), std::runtime_error);
     Put("/phone.toml", MISSING);
-    EXPECT_FALSE(OpenPhone(directory, phone, error));
-    EXPECT_EQ(error, directory + ": is no phone: there is no phone.toml in it");
+    EXPECT_EQ(ErrorOf([&] { (void)OpenPhone(directory); }),
+              directory + ": is no phone: there is no phone.toml in it");
 }
 
 // What settings make of a description is read as they say, and all else as it was.
@@ -463,17 +478,16 @@ TEST_F(SimphoneTest, SettingsReplaceKeys) {
     };
     Make(UfsPhone({{"product_name", R"("\nA'''\\\u0001\u0085\n")"}}));
     for (const auto& row : rows) {
-        std::string error;
-        Description phone;
-        const bool isRight = row.error.empty();
+        const auto make = [&] {
+            MakePhone({Path("/first"), ReadDescription(Path("/phone.toml"), row.settings)});
+        };
         Put("/first", MISSING);
         Put("/again", MISSING);
-        EXPECT_EQ(ReadDescription(Path("/phone.toml"), row.settings, phone, error), isRight);
+        const std::string error = ErrorOf(make);
+        EXPECT_EQ(error.empty(), row.error.empty());
         EXPECT_NE(error.find(row.error), std::string::npos) << error;
-        if (isRight) {
-            EXPECT_TRUE(MakePhone(phone, Path("/first"), error)) << error;
-            phone = DescriptionOf(Path("/first/phone.toml"));
-            EXPECT_TRUE(MakePhone(phone, Path("/again"), error)) << error;
+        if (row.error.empty()) {
+            MakePhone({Path("/again"), OpenPhone(Path("/first")).description});
             EXPECT_EQ(Get("/again/proc/bootdevice/product_name"), row.name);
             EXPECT_EQ(Get("/again/proc/bootdevice/manfid"), row.mid);
         }
@@ -483,10 +497,8 @@ TEST_F(SimphoneTest, SettingsReplaceKeys) {
 TEST(FaultText, PartsHaveAnOrder) {
     for (const char* text :
          {"SG_IO EIO #2", "write EIO /dev/block/sdc", "write #2 /dev/block/sdc EIO"}) {
-        Fault fault;
-        std::string error;
-        EXPECT_FALSE(ParseFault(text, fault, error)) << text;
-        EXPECT_NE(error.find("CALL PATH #N EFFECT is the order"), std::string::npos) << error;
+        const std::string error = ErrorOf([&] { (void)ParseFault(text); });
+        EXPECT_NE(error.find("CALL PATH #N EFFECT is the order"), std::string::npos) << text;
     }
 }
 

@@ -58,16 +58,7 @@ StateDirectory WithoutTimes(StateDirectory state) {
 RunResult Run(const std::string& phone, const std::string& copy, const std::vector<Fault>& faults) {
     fs::remove_all(copy);
     fs::copy(phone, copy, fs::copy_options::recursive);
-    Phone opened;
-    std::string error;
-    if (!OpenPhone(copy, opened, error)) {
-        Stop(error);
-    }
-    RunResult run = RunTool(opened, Companion("ffu"), {faults, {}, "", 60});
-    if (!run.error.empty()) {
-        Stop(run.error);
-    }
-    return run;
+    return RunTool(OpenPhone(copy), Companion("ffu"), {faults, {}, "", 60});
 }
 
 // All that the simulation allows: for each stretch of calls without a change, and for writes to the
