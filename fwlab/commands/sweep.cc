@@ -16,19 +16,18 @@ namespace {
 // Of a phone that has none: the clock stands still, so that equal runs leave equal files.
 constexpr char CLOCK[] = "clock=2026-03-07T09:05:02.041";
 
-// Reads the phone's description, and tells its title.
-Description ReadSwept(SweepPhone& phone) {
-    Description description = ReadPhone(phone.file, phone.settings);
-    if (!description.faults.empty()) {
-        throw Stop{2, phone.file + ": has faults, which a sweep would take for the tool's own; "
-                                   "leave them out, or add --set faults=[]"};
+SweepScenario ScenarioOf(const std::string& phoneFile, const SweepRequest& request) {
+    Texts settings = request.settings;
+    Description phone = ReadPhone(phoneFile, settings);
+    Require(phone.faults.empty(), 2,
+            phoneFile + ": has faults, which a sweep would take for the tool's own; leave them "
+                        "out, or add --set faults=[]");
+    if (!phone.clock) {
+        settings.emplace_back(CLOCK);
+        phone = ReadPhone(phoneFile, settings);
     }
-    if (!description.clock) {
-        phone.settings.emplace_back(CLOCK);
-        description = ReadPhone(phone.file, phone.settings);
-    }
-    phone.title = Title(description);
-    return description;
+    return {phone,     request.package, request.state.value_or(StateDirectory{}),
+            phoneFile, settings,        request.stateFolder};
 }
 
 // Before it takes long.
@@ -45,23 +44,17 @@ void CheckOutputs(const SweepRequest& request) {
             outputs.push_back(fs::weakly_canonical(fs::absolute(output), error));
         }
     }
-    if (outputs.size() == 2 && outputs[0] == outputs[1]) {
-        throw Stop{2, request.html + ": is the file of both reports"};
-    }
+    Require(outputs.size() < 2 || outputs[0] != outputs[1], 2,
+            request.html + ": is the file of both reports");
 }
 
 } // namespace
 
 int Sweep(const SweepRequest& request, bool asJson) {
-    if (request.package.empty()) {
-        throw Stop{2, "PACKAGE is required; --help tells more"};
-    }
+    Require(!request.package.empty(), 2, "PACKAGE is required; --help tells more");
     std::vector<SweepScenario> scenarios;
-    std::vector<SweepPhone> phones;
-    for (const std::string& file : request.phones) {
-        phones.push_back({file, request.settings, ""});
-        scenarios.push_back(
-            {ReadSwept(phones.back()), request.package, request.state.value_or(StateDirectory{})});
+    for (const std::string& phoneFile : request.phones) {
+        scenarios.push_back(ScenarioOf(phoneFile, request));
     }
     CheckOutputs(request);
     SweepOptions options;
@@ -69,7 +62,7 @@ int Sweep(const SweepRequest& request, bool asJson) {
     options.threads = request.jobs;
     options.keepsTimeLines = !request.html.empty();
     const SweepResult result = RunSweep(scenarios, options);
-    const Json report = SweepReport(request.package, request.stateFolder, phones, result);
+    const Json report = SweepReport(scenarios, result);
     Show(asJson, report, [&] { PrintReport(report); });
     if (!request.junit.empty()) {
         WriteOutput(request.junit, SweepJunit(report));

@@ -11,6 +11,10 @@ struct SweepScenario {
     Description phone;
     std::string package;   // its file
     StateDirectory before; // what earlier runs have left
+    // For the commands that show what was found:
+    std::string phoneFile = {};             // its description
+    std::vector<std::string> settings = {}; // KEY=VALUE, with which the description was read
+    std::string stateFolder = {};           // from which `before` is; empty: none
 };
 
 // A fault that a run meets at a call of the base run, the run of its scenario without the fault.

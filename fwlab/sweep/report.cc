@@ -45,8 +45,19 @@ Json Describe(const CallEntry& call) {
             {"left", Json::array()}};
 }
 
+// The shell command that rehearses the update on the phone, without a fault.
+std::string RehearseCommand(const SweepScenario& scenario) {
+    std::string line = "fwlab rehearse " + ShellWord(scenario.package);
+    line += scenario.stateFolder.empty() ? "" : " --state " + ShellWord(scenario.stateFolder);
+    line += " --phone " + ShellWord(scenario.phoneFile);
+    for (const std::string& setting : scenario.settings) {
+        line += " --set " + ShellWord(setting);
+    }
+    return line;
+}
+
 // Of one phone, without what its faults leave.
-Json Describe(const SweepPhone& phone, const SweepBase& base, const std::string& rehearse) {
+Json Describe(const SweepScenario& scenario, const SweepBase& base) {
     Json counts, course = Json::array();
     for (const Verdict verdict : LEFT) {
         counts[WordOf(verdict)] = 0;
@@ -56,12 +67,12 @@ Json Describe(const SweepPhone& phone, const SweepBase& base, const std::string&
     }
     const bool isUpdated = base.verdict == Verdict::UPDATED;
     const bool isExpected = base.verdict == base.decision.verdict && !isUpdated;
-    return {{"phone", Escaped(phone.file)},
-            {"title", phone.title},
+    return {{"phone", Escaped(scenario.phoneFile)},
+            {"title", Title(scenario.phone)},
             {"answer", WordOf(base.verdict)},
             {"updated", isUpdated},
             {"why", isExpected ? WhyOf(base.decision) : SentenceOf(base.verdict)},
-            {"rehearse", rehearse},
+            {"rehearse", RehearseCommand(scenario)},
             {"calls", course.size()},
             {"failing_calls", counts},
             {"power_cuts", counts},
@@ -108,18 +119,6 @@ void AddLeft(const SweepResult& result, Json& phones) {
     }
 }
 
-// The shell command that rehearses the update on the phone, without a fault.
-std::string RehearseCommand(const std::string& package, const std::string& stateFolder,
-                            const SweepPhone& phone) {
-    std::string line = "fwlab rehearse " + ShellWord(package);
-    line += stateFolder.empty() ? "" : " --state " + ShellWord(stateFolder);
-    line += " --phone " + ShellWord(phone.file);
-    for (const std::string& setting : phone.settings) {
-        line += " --set " + ShellWord(setting);
-    }
-    return line;
-}
-
 // The options with which it shows the violation.
 std::string RunsOf(const SweepViolation& wrong) {
     std::string line;
@@ -156,12 +155,10 @@ size_t Sum(const Json& counts) {
 
 } // namespace
 
-Json SweepReport(const std::string& package, const std::string& stateFolder,
-                 const std::vector<SweepPhone>& phones, const SweepResult& result) {
+Json SweepReport(const std::vector<SweepScenario>& scenarios, const SweepResult& result) {
     Json described = Json::array(), violations = Json::array();
-    for (size_t i = 0; i < result.bases.size(); i++) {
-        const std::string rehearse = RehearseCommand(package, stateFolder, phones[i]);
-        described.push_back(Describe(phones[i], result.bases[i], rehearse));
+    for (size_t i = 0; i < scenarios.size(); i++) {
+        described.push_back(Describe(scenarios[i], result.bases[i]));
     }
     AddLeft(result, described);
     for (const SweepViolation& wrong : result.violations) {
@@ -172,7 +169,7 @@ Json SweepReport(const std::string& package, const std::string& stateFolder,
     const bool areUpdated =
         std::all_of(result.bases.begin(), result.bases.end(),
                     [](const SweepBase& one) { return one.verdict == Verdict::UPDATED; });
-    return {{"package", Escaped(package)},
+    return {{"package", Escaped(base.package.path)},
             {"size", base.package.size},
             {"sha256", base.digest},
             {"program", std::string("fwlab ") + FFU_VERSION},

@@ -7,21 +7,12 @@
 
 #include <string>
 
-// A phone of the sweep, for the report.
-struct SweepPhone {
-    std::string file;  // its description
-    Texts settings;    // KEY=VALUE, with which the sweep has read it
-    std::string title; // for people
-};
-
 // What was swept, by which program and when. Of each phone: what the run without a fault came to,
 // how often the faults leave what, the calls in their order, and what each fault leaves. The
 // violations, each with its sentence and the shell command that shows it. "fine": there are no
 // violations, and all phones are updated without a fault. All texts are printable. The date is that
-// of SOURCE_DATE_EPOCH, if the environment has it. stateFolder: the state directory with which the
-// phones start; empty: none.
-Json SweepReport(const std::string& package, const std::string& stateFolder,
-                 const std::vector<SweepPhone>& phones, const SweepResult& result);
+// of SOURCE_DATE_EPOCH, if the environment has it.
+Json SweepReport(const std::vector<SweepScenario>& scenarios, const SweepResult& result);
 
 // With what a phone of a sweep may be left; the worst one last.
 constexpr Verdict LEFT[] = {Verdict::UPDATED, Verdict::UPDATED_NEXT,      Verdict::NOTHING_TO_DO,
