@@ -157,7 +157,7 @@ void AddMatch(CLI::App& app, Arguments& args) {
              "no update, or the attempt is \"used up\": on record and never made again, but the "
              "device does not get the entry"},
             [&] {
-                const Description phone = ReadPhone(args.phone, args.settings);
+                const Description phone = ReadDescription(args.phone, args.settings);
                 return Match(args.package, phone, args.record, args.json);
             });
     AddPackage(match, args.package);

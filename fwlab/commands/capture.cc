@@ -133,7 +133,7 @@ int Capture(const CaptureOptions& options, bool asJson) {
                     "\n# What the phone reports after an update; its nodes do not tell.\n"
                     "[firmware]\n" +
                     Line("revision", TomlBytes(next)));
-    const Description phone = ReadPhone(options.output);
+    const Description phone = ReadDescription(options.output);
     const Json report = {{"phone", Escaped(options.output)},
                          {"kind", options.kind},
                          {"product_name", Escaped(phone.productName)},

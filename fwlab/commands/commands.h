@@ -33,7 +33,7 @@ int Match(const std::string& packageFile, const Description& phone, const std::s
 
 struct RehearseOptions {
     std::string package, phone;          // the package and the phone's description
-    Texts settings;                      // KEY=VALUE: see ReadPhone
+    Texts settings;                      // KEY=VALUE: see ReadDescription
     std::string keep;                    // where to make and keep the phone; empty: it is temporary
     std::optional<StateDirectory> state; // that the phone starts with; see ReadPulledState
     std::vector<std::vector<Fault>> faults; // of each run before the restart; one run at least
@@ -68,7 +68,7 @@ int Capture(const CaptureOptions& options, bool asJson);
 struct SweepRequest {
     std::string package;
     Texts phones;                        // their descriptions
-    Texts settings;                      // KEY=VALUE: see ReadPhone
+    Texts settings;                      // KEY=VALUE: see ReadDescription
     std::string stateFolder;             // the state directory that they start with; empty: none
     std::optional<StateDirectory> state; // what it has, see ReadPulledState
     unsigned jobs;                       // threads; 0: one for each processor

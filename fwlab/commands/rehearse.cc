@@ -98,7 +98,7 @@ RunResult RunWithoutFaults(const StateDirectory& before, const RehearseOptions& 
     Texts settings = options.settings;
     settings.emplace_back("faults=[]");
     const WorkFolder folder;
-    const Phone phone = {folder.path + "/phone", ReadPhone(options.phone, settings)};
+    const Phone phone = {folder.path + "/phone", ReadDescription(options.phone, settings)};
     Make(phone, options.package, before);
     return MakeRun(phone, Companion("ffu"), "", {});
 }
@@ -208,7 +208,7 @@ int RehearseIn(const Phone& phone, const RehearseOptions& options, const Package
 } // namespace
 
 int Rehearse(const RehearseOptions& options, bool asJson) {
-    Phone phone = {"", ReadPhone(options.phone, options.settings)};
+    Phone phone = {"", ReadDescription(options.phone, options.settings)};
     const Device device = DeviceOf(phone.description);
     const Package package = OpenPackage(options.package, device.identity.layout);
     Report report = {

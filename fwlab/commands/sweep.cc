@@ -18,13 +18,13 @@ constexpr char CLOCK[] = "clock=2026-03-07T09:05:02.041";
 
 SweepScenario ScenarioOf(const std::string& phoneFile, const SweepRequest& request) {
     Texts settings = request.settings;
-    Description phone = ReadPhone(phoneFile, settings);
+    Description phone = ReadDescription(phoneFile, settings);
     Require(phone.faults.empty(), 2,
             phoneFile + ": has faults, which a sweep would take for the tool's own; leave them "
                         "out, or add --set faults=[]");
     if (!phone.clock) {
         settings.emplace_back(CLOCK);
-        phone = ReadPhone(phoneFile, settings);
+        phone = ReadDescription(phoneFile, settings);
     }
     return {phone,     request.package, request.state.value_or(StateDirectory{}),
             phoneFile, settings,        request.stateFolder};

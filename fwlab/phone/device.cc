@@ -33,7 +33,3 @@ std::string Title(const Description& phone) {
     const char* kind = phone.ufs ? "UFS" : phone.gki ? "eMMC (GKI mode)" : "eMMC (normal mode)";
     return fmt::format("{} {}, runs {}", kind, Quoted(phone.productName), Quoted(phone.revision));
 }
-
-Description ReadPhone(const std::string& descriptionFile, const Texts& settings) {
-    return ReadDescription(descriptionFile, settings);
-}

@@ -28,7 +28,7 @@ std::vector<Running> TakeRunning(Keys keys, Identity identity) {
 // The device of a description, or of the keys of the model itself.
 Device TakeDevice(Keys keys, const std::filesystem::path& folder) {
     if (Has(keys, "phone")) {
-        Device device = DeviceOf(ReadPhone(folder / TakeText(keys, "phone")));
+        Device device = DeviceOf(ReadDescription(folder / TakeText(keys, "phone")));
         Set(device.identity, device.identity.layout->revision, "");
         return device;
     }

@@ -16,7 +16,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         if (reader == 0) {
             List(file, (data[0] & 4) != 0);
         } else if (reader == 1) {
-            Match(file, ReadPhone(phone.directory + "/phone.toml"), "", (data[0] & 4) != 0);
+            Match(file, ReadDescription(phone.directory + "/phone.toml"), "", (data[0] & 4) != 0);
         } else if (reader == 2) {
             std::filesystem::rename(file, phone.directory + "/data/vendor/fw/fw_result");
             Outcome({{phone.directory + "/data/vendor/fw"}, {}, (data[0] & 8) != 0},

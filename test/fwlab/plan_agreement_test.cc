@@ -62,7 +62,7 @@ protected:
                 std::string row;
                 std::set<Verdict> verdicts;
                 for (const std::string& one : running) {
-                    const auto phone = ReadPhone(Path("/phone.toml"), {"revision=" + one});
+                    const auto phone = ReadDescription(Path("/phone.toml"), {"revision=" + one});
                     const Verdict verdict = Decide(package, DeviceOf(phone), {true, state}).verdict;
                     row += one + " " + WordOf(verdict) + "; ";
                     verdicts.insert(verdict);
