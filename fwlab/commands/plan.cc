@@ -19,9 +19,7 @@ namespace {
 // Phones of which the same is known.
 struct Line {
     uint64_t phones;
-    // For each device that they may be, with each revision that it may run; at least one, if there
-    // are phones.
-    std::vector<Decision> cases;
+    std::vector<Decision> cases; // for each device that they may be, with each revision
 };
 
 // The entry that a phone gets; null for none.
@@ -57,7 +55,7 @@ std::string UpToZero(const std::string& bytes) {
 
 // What a device of the model that runs this revision gets.
 Decision DecideFor(const std::vector<Package>& packages, const Model& model,
-                   const std::string& revision, const std::optional<Record>& record) {
+                   const std::string& revision, const std::optional<Record>& record = {}) {
     static const Package none = {};
     Device device = model.device;
     const Layout* layout = device.identity.layout;
@@ -67,53 +65,13 @@ Decision DecideFor(const std::vector<Package>& packages, const Model& model,
     return Decide(package == packages.end() ? none : *package, device, record);
 }
 
-// A phone whose last attempt passed runs its target. Another one runs its base or its target.
-std::vector<Decision> CasesOf(const std::vector<Package>& packages,
-                              const std::vector<Model>& models, const Record& record,
-                              bool hasPassed) {
-    std::vector<Decision> cases;
-    Texts texts = {record.target};
-    if (!hasPassed && record.base != record.target) {
-        texts.insert(texts.begin(), record.base);
-    }
-    for (const Model& model : models) {
-        const Identity& identity = model.device.identity;
-        if (UpToZero(NameOf(identity)) != record.product) {
-            continue;
-        }
-        for (const std::string& text : texts) {
-            const auto isIt = [&](const Running& one) { return UpToZero(one.revision) == text; };
-            const auto running = std::find_if(model.running.begin(), model.running.end(), isIt);
-            cases.push_back(DecideFor(packages, model,
-                                      running == model.running.end() ? text : running->revision,
-                                      record));
-        }
-    }
-    return cases;
-}
-
-// Takes phones out of the fleet's lines that count them, those of the first case first. Returns how
-// many there were.
-uint64_t TakePhones(std::vector<Line>& fleet, const std::vector<Decision>& cases, uint64_t phones) {
-    uint64_t taken = 0;
-    for (const Decision& one : cases) {
-        for (Line& line : fleet) {
-            const bool isIt = KeyOf(line.cases.front().device) == KeyOf(one.device);
-            const uint64_t more = isIt ? std::min(line.phones, phones - taken) : 0;
-            line.phones -= more;
-            taken += more;
-        }
-    }
-    return taken;
-}
-
 // Each entry that no phone of the fleet gets is a finding. A magic inside an image is no entry.
-void FindUnusedEntries(const std::vector<Package>& packages, const std::vector<Line>& fleet,
+void FindUnusedEntries(const std::vector<Package>& packages, const std::vector<Line>& lines,
                        Texts& findings) {
     std::set<const Entry*> used;
-    for (const Line& line : fleet) {
+    for (const Line& line : lines) {
         for (const Decision& one : line.cases) {
-            used.insert(line.phones > 0 ? Received(one) : nullptr);
+            used.insert(Received(one));
         }
     }
     for (const Package& package : packages) {
@@ -133,8 +91,8 @@ struct Attempted {
     Record record; // of one of them
     uint64_t phones;
 };
-// By what decides: whether the outcome is open; product; base, if it is open; target.
-using Attempts = std::map<std::tuple<bool, std::string, std::string, std::string>, Attempted>;
+// By what decides: whether the outcome is open; the product; the revisions that they may run.
+using Attempts = std::map<std::tuple<bool, std::string, Texts>, Attempted>;
 
 // The attempts of the phones that have made one; a record that no run can read back is a finding.
 Attempts ReadAttempts(const std::string& folder, Texts& findings) {
@@ -149,8 +107,10 @@ Attempts ReadAttempts(const std::string& folder, Texts& findings) {
         others += IsNoPhone(report.verdict) ? 1 : 0;
         if (record.isReadable) {
             const bool isOpen = !HasPassed(report);
-            const auto key =
-                std::make_tuple(isOpen, record.product, isOpen ? record.base : "", record.target);
+            const Texts running = isOpen && record.base != record.target
+                                      ? Texts{record.base, record.target}
+                                      : Texts{record.target};
+            const auto key = std::make_tuple(isOpen, record.product, running);
             attempts.try_emplace(key, Attempted{record, 0}).first->second.phones++;
         }
     }
@@ -165,6 +125,31 @@ Attempts ReadAttempts(const std::string& folder, Texts& findings) {
             "{} folders are not state directories, are empty or cannot be read", others));
     }
     return attempts;
+}
+
+// Takes the phones out of the fleet's models that count them. A line without phones if there are
+// none.
+Line TakePhones(std::vector<Model>& fleet, const std::vector<Package>& packages,
+                const Attempted& attempt, const Texts& running) {
+    Line line = {0, {}};
+    for (Model& model : fleet) {
+        if (UpToZero(NameOf(model.device.identity)) != attempt.record.product) {
+            continue;
+        }
+        for (const std::string& text : running) {
+            const auto isIt = [&](const Running& one) { return UpToZero(one.revision) == text; };
+            const auto counted = std::find_if(model.running.begin(), model.running.end(), isIt);
+            const bool isCounted = counted != model.running.end();
+            line.cases.push_back(
+                DecideFor(packages, model, isCounted ? counted->revision : text, attempt.record));
+            if (isCounted) {
+                const uint64_t taken = std::min(counted->phones, attempt.phones - line.phones);
+                counted->phones -= taken;
+                line.phones += taken;
+            }
+        }
+    }
+    return line;
 }
 
 std::vector<Package> ReadPackages(const Texts& paths) {
@@ -221,34 +206,32 @@ Json Describe(const Line& line) {
 }
 
 // What is to be said before the packages are released.
-Json MakeReport(const std::vector<Package>& packages, const std::vector<Model>& models,
+Json MakeReport(const std::vector<Package>& packages, std::vector<Model> fleet,
                 const std::string& recordsFolder) {
-    std::vector<Line> fleet;
-    for (const Model& model : models) {
-        for (const Running& running : model.running) {
-            fleet.push_back({running.phones, {DecideFor(packages, model, running.revision, {})}});
-        }
-    }
     Texts findings;
     const Attempts attempts =
         recordsFolder.empty() ? Attempts() : ReadAttempts(recordsFolder, findings);
-    std::vector<Line> tried;
+    std::vector<Line> tried, lines;
     uint64_t otherRecords = 0;
     for (const auto& [key, attempt] : attempts) { // those that passed come first
-        const std::vector<Decision> cases =
-            CasesOf(packages, models, attempt.record, !std::get<0>(key));
-        tried.push_back({TakePhones(fleet, cases, attempt.phones), cases});
-        otherRecords += attempt.phones - tried.back().phones;
+        const Line line = TakePhones(fleet, packages, attempt, std::get<Texts>(key));
+        tried.insert(tried.end(), line.phones > 0 ? 1 : 0, line);
+        otherRecords += attempt.phones - line.phones;
     }
-    fleet.insert(fleet.end(), tried.begin(), tried.end());
-    FindUnusedEntries(packages, fleet, findings);
-    Json lines = Json::array(), totals = Json::object();
-    std::map<Verdict, uint64_t> phones;
-    for (const Line& line : fleet) {
-        if (line.phones > 0) {
-            lines.push_back(Describe(line));
-            phones[VerdictOf(line)] += line.phones;
+    for (const Model& model : fleet) { // those that have not tried
+        for (const auto& [revision, phones] : model.running) {
+            if (phones > 0) {
+                lines.push_back({phones, {DecideFor(packages, model, revision)}});
+            }
         }
+    }
+    lines.insert(lines.end(), tried.begin(), tried.end());
+    FindUnusedEntries(packages, lines, findings);
+    Json described = Json::array(), totals = Json::object();
+    std::map<Verdict, uint64_t> phones;
+    for (const Line& line : lines) {
+        described.push_back(Describe(line));
+        phones[VerdictOf(line)] += line.phones;
     }
     bool isReleasable = findings.empty();
     for (const auto& [verdict, count] : phones) {
@@ -256,7 +239,7 @@ Json MakeReport(const std::vector<Package>& packages, const std::vector<Model>& 
         isReleasable = isReleasable && IsCalm(verdict);
     }
     return {{"releasable", isReleasable},
-            {"lines", lines},
+            {"lines", described},
             {"totals", totals},
             {"findings", findings},
             {"records_of_no_phone", otherRecords}};
@@ -308,8 +291,7 @@ void Print(const Json& report) {
 
 int Plan(const PlanOptions& options, bool asJson) {
     const std::vector<Package> packages = ReadPackages(options.packages);
-    const std::vector<Model> models = ReadFleet(options.fleet);
-    const Json report = MakeReport(packages, models, options.records);
+    const Json report = MakeReport(packages, ReadFleet(options.fleet), options.records);
     Show(asJson, report, [&] { Print(report); });
     return report["releasable"] ? 0 : 1;
 }

@@ -5,18 +5,12 @@
 #include "fwlab/package/layout.h"
 #include "simphone/description.h"
 
-#include <tuple>
-
 // A device, and what limits the images that it takes.
 struct Device {
     Identity identity;       // from its nodes and registers
     bool gki;                // eMMC: GKI mode, without a limit
     uint32_t maxHwSectorsKb; // UFS: the most KiB that its host takes in one request; 0: unknown
 };
-// What tells devices apart. The magic in the header tells the technology.
-inline auto KeyOf(const Device& device) {
-    return std::tie(device.identity.header, device.gki, device.maxHwSectorsKb);
-}
 // Stop if no run can read its revision.
 Device DeviceOf(const Description& phone);
 

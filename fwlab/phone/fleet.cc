@@ -8,6 +8,7 @@
 #include <climits>
 #include <filesystem>
 #include <set>
+#include <tuple>
 
 namespace {
 
@@ -56,7 +57,10 @@ std::vector<Model> ReadFleet(const std::string& path) {
         ReadToml(path, [&](Keys keys) {
             TakeTables(keys, "model", "[[model]] tables", [&](Keys model) {
                 const Device device = TakeDevice(model, folder);
-                Demand(seen.insert(KeyOf(device)).second, "the model is there twice");
+                // The magic in the header tells the technology.
+                const auto key =
+                    std::make_tuple(device.identity.header, device.gki, device.maxHwSectorsKb);
+                Demand(seen.insert(key).second, "the model is there twice");
                 fleet.push_back({device, TakeRunning(model, device.identity)});
             });
         });

@@ -5,12 +5,12 @@
 #include "fwlab/base/stop.h"
 #include "run/result_record.h"
 #include "run/state_flags.h"
-#include "simphone/files.h"
 #include "simphone/text.h"
 #include "ufs/ufs_selection.h"
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
@@ -29,10 +29,9 @@ namespace {
 constexpr size_t TAIL_SIZE = 65536; // of a file, as much as is looked at: hundreds of records
 constexpr int DEPTH_MAX = 6;        // REGION/DAY/SERIAL/data/vendor/fw
 
-struct StateFile {
-    bool isThere, isRegular;
-    std::string content; // its end
-};
+// The files that are there, by name: of each as much of its end as was asked for; none if it is not
+// a regular file.
+using StateFiles = std::map<std::string, std::optional<std::string>>;
 
 const char* FileName(const char* phonePath) {
     return strrchr(phonePath, '/') + 1;
@@ -42,43 +41,37 @@ const char* FileName(const char* phonePath) {
 const Texts NAMES = {FileName(BEGIN_FLAG), FileName(END_FLAG),    FileName(OK_FLAG),
                      FileName(FAIL_FLAG),  FileName(RESULT_FILE), FileName(UfsFwBodyPath(1))};
 
-// From the begin of a line on.
-std::string ReadTail(const std::string& path, size_t size) {
-    std::string tail(std::min(size, TAIL_SIZE), '\0');
+// A file from the begin of a line on.
+std::string ReadTail(const std::string& path, size_t most) {
     const int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-    const auto from = static_cast<off_t>(size - tail.size());
-    const ssize_t count = fd < 0 ? -1 : pread(fd, tail.data(), tail.size(), from);
+    const off_t size = fd < 0 ? -1 : lseek(fd, 0, SEEK_END);
+    std::string tail(std::min(static_cast<size_t>(std::max<off_t>(size, 0)), most), '\0');
+    const off_t from = size - static_cast<off_t>(tail.size());
+    const ssize_t count = size < 0 ? -1 : pread(fd, tail.data(), tail.size(), from);
     const int reason = count < 0 ? errno : EIO; // or it has become shorter
     close(fd);
     if (count != static_cast<ssize_t>(tail.size())) {
         throw FailureAt(path, reason);
     }
-    if (size > TAIL_SIZE) {
+    if (from > 0) {
         tail.erase(0, tail.find('\n'));
         tail.erase(0, 1);
     }
     return tail;
 }
 
-StateFile Look(const std::string& path) {
-    struct stat status = {};
-    if (lstat(path.c_str(), &status) != 0) {
-        if (errno != ENOENT) {
-            throw FailureAt(path, errno);
-        }
-        return {};
-    }
-    const bool isRegular = S_ISREG(status.st_mode);
-    return {true, isRegular, isRegular ? ReadTail(path, static_cast<size_t>(status.st_size)) : ""};
-}
-
-std::map<std::string, StateFile> ReadStateFiles(const std::string& directory) {
-    std::error_code error;
-    (void)fs::directory_iterator(directory, error);
-    Require(!error, 2, directory + ": " + error.message());
-    std::map<std::string, StateFile> files;
+StateFiles ReadStateFiles(const std::string& directory, size_t most) {
+    StateFiles files;
     for (const std::string& name : NAMES) {
-        files[name] = Look(fs::path(directory) / name);
+        const std::string path = fs::path(directory) / name;
+        std::error_code error;
+        const fs::file_status status = fs::symlink_status(path, error);
+        Require(fs::status_known(status), 2, path + ": " + error.message());
+        if (fs::is_regular_file(status)) {
+            files[name] = ReadTail(path, most);
+        } else if (fs::exists(status)) {
+            files[name] = std::nullopt;
+        }
     }
     return files;
 }
@@ -98,8 +91,7 @@ std::optional<time_t> SecondsOf(const std::string& text) {
 }
 
 // The last line: where a flag could not be removed, the next time stands behind the old one.
-std::string TimeIn(const StateFile& flag) {
-    std::string text = flag.content;
+std::string TimeIn(std::string text) {
     text.resize(text.size() - (!text.empty() && text.back() == '\n' ? 1 : 0));
     const size_t lineEnd = text.rfind('\n');
     return lineEnd == std::string::npos ? text : text.substr(lineEnd + 1);
@@ -134,11 +126,6 @@ OutcomeFlag WhoseIs(const std::string& flagTime, const Record& record) {
     }
     return *ended - *before > APART && *ended - *began <= LONGEST_UPDATE ? OutcomeFlag::LAST
                                                                          : OutcomeFlag::UNTOLD;
-}
-
-LastRun LastRunOf(bool begins, bool ends) {
-    return begins ? (ends ? LastRun::BOTH_FLAGS : LastRun::STOPPED)
-                  : (ends ? LastRun::REGULAR : LastRun::NO_FLAG);
 }
 
 // Whether there is anything but folders.
@@ -317,13 +304,9 @@ bool Search(const std::string& directory, int depth, Texts& found) {
 
 StateDirectory ReadPulledState(const std::string& directory) {
     StateDirectory state = {true, {}};
-    for (const std::string& name : NAMES) {
-        const std::string path = fs::path(directory) / name;
-        const fs::file_status status = fs::symlink_status(path);
-        if (fs::exists(status)) {
-            Require(fs::is_regular_file(status), 2, path + ": is no regular file");
-            state.files[name] = WholeFile(path);
-        }
+    for (const auto& [name, content] : ReadStateFiles(directory, SIZE_MAX)) {
+        Require(content.has_value(), 2, directory + "/" + name + ": is no regular file");
+        state.files[name] = *content;
     }
     Require(!state.files.empty(), 2,
             directory + ": has no file of a run: it is no state directory");
@@ -333,21 +316,32 @@ StateDirectory ReadPulledState(const std::string& directory) {
 StateReport ReadState(const std::string& directory) {
     StateReport report = {};
     try {
-        const auto files = ReadStateFiles(directory);
-        const auto at = [&](const char* phonePath) { return files.at(FileName(phonePath)); };
-        const StateFile ok = at(OK_FLAG), fail = at(FAIL_FLAG), record = at(RESULT_FILE);
-        report.lastRun = LastRunOf(at(BEGIN_FLAG).isThere, at(END_FLAG).isThere);
-        report.isOk = ok.isThere;
-        report.flagTime = TimeIn(ok.isThere ? ok : fail);
-        report.hasBody = at(UfsFwBodyPath(1)).isThere;
-        report.hasRecord = record.isThere;
-        report.record = record.isRegular ? ParseRecord(record.content) : Record{};
-        for (const auto& [name, file] : files) {
-            report.irregular = file.isThere && !file.isRegular ? name : report.irregular;
+        std::error_code error;
+        (void)fs::directory_iterator(directory, error);
+        Require(!error, 2, directory + ": " + error.message());
+        const StateFiles files = ReadStateFiles(directory, TAIL_SIZE);
+        const auto isThere = [&](const char* path) { return files.count(FileName(path)) > 0; };
+        const auto content = [&](const char* path) {
+            return isThere(path) ? files.at(FileName(path)) : std::nullopt;
+        };
+        const bool begins = isThere(BEGIN_FLAG), ends = isThere(END_FLAG);
+        const bool isOk = isThere(OK_FLAG), isFail = isThere(FAIL_FLAG);
+        const std::optional<std::string> record = content(RESULT_FILE);
+        report.lastRun = begins && ends ? LastRun::BOTH_FLAGS
+                         : begins       ? LastRun::STOPPED
+                         : ends         ? LastRun::REGULAR
+                                        : LastRun::NO_FLAG;
+        report.isOk = isOk;
+        report.flagTime = TimeIn(content(isOk ? OK_FLAG : FAIL_FLAG).value_or(""));
+        report.hasBody = isThere(UfsFwBodyPath(1));
+        report.hasRecord = isThere(RESULT_FILE);
+        report.record = record ? ParseRecord(*record) : Record{};
+        for (const auto& [name, bytes] : files) {
+            report.irregular = bytes ? report.irregular : name;
         }
-        report.flag = ok.isThere && fail.isThere   ? OutcomeFlag::BOTH
-                      : ok.isThere || fail.isThere ? WhoseIs(report.flagTime, report.record)
-                                                   : OutcomeFlag::NONE;
+        report.flag = isOk && isFail   ? OutcomeFlag::BOTH
+                      : isOk || isFail ? WhoseIs(report.flagTime, report.record)
+                                       : OutcomeFlag::NONE;
         report.verdict = Judge(report, directory);
     } catch (const Stop& stop) {
         report.verdict = Verdict::UNREADABLE;

@@ -44,6 +44,6 @@ std::string Sentence(const StateReport& report);
 Texts StateDirectoriesIn(const Texts& directories);
 
 // A state directory that was pulled from a phone, for runs that start from it: the files of runs;
-// others are left out. Stop with 2 if one of them is not a regular file, or if there is none;
-// throws std::system_error if one cannot be read.
+// others are left out. Stop with 2 if one of them is not a regular file or cannot be read, or if
+// there is none.
 StateDirectory ReadPulledState(const std::string& directory);
