@@ -101,8 +101,8 @@ private:
         return slots.empty() ? std::string(16, '\xFF') : slots;
     }
     std::string Entry(bool isUfs, bool mayHoldOther) {
-        const unsigned sizes[] = {600, 1, 511, 512, 1500, 0};
-        unsigned size = sizes[Below(6)];
+        const unsigned sizes[] = {600, 1, 511, 512, 1024, 1025, 0};
+        unsigned size = sizes[Below(7)];
         size = Chance(60) ? (isUfs ? 0x800001 : 0x100001) : size;
         std::string body = Body(size);
         if (size > 0) { // no two are alike
