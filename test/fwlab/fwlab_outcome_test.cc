@@ -34,12 +34,6 @@ Files Recorded(const std::string& record) {
 
 using OutcomeTest = FwlabTest;
 
-void ExpectPrintable(const std::string& text) {
-    for (const char c : text) {
-        EXPECT_TRUE(c == '\n' || (c >= ' ' && c <= '~')) << static_cast<int>(c);
-    }
-}
-
 } // namespace
 
 TEST_F(OutcomeTest, SaysNoMoreThanTheFilesTell) {
@@ -125,7 +119,6 @@ TEST_F(OutcomeTest, SaysNoMoreThanTheFilesTell) {
         PutState("/state", row.files);
         const Answer answer = Fwlab("outcome state");
         Expect({answer.status, "\n" + answer.text}, row.status, "\n" + row.texts);
-        ExpectPrintable(answer.text);
     }
     Expect(Fwlab("outcome gone"), 2, "unreadable: gone: No such file");
     Expect(Fwlab("outcome state/ffu.end"), 2, "unreadable: state/ffu.end: Not a directory");
@@ -189,9 +182,8 @@ TEST_F(OutcomeTest, CountsAFleet) {
            "\nfailed  fleet/S3\nrecord-unreadable  fleet/S4/fw\nnot-pulled  fleet/S5\n"
            "foreign  fleet/S8\n\n7 directories");
     Expect(Fwlab("outcome fleet fleet/S1 fleet/S5 ./fleet/S3"), 1, "\n7 directories");
-    Expect(Fwlab("outcome fleet", "script -qec '" FWLAB_PATH " outcome fleet' log;"), 1,
+    Expect(Shell("cd " + directory + " && script -qec '" FWLAB_PATH " outcome fleet' log"), 1,
            "\r0 of 7 directories*\r*product");
-    ExpectPrintable(table.text);
     const Answer json = Fwlab("outcome --json fleet/S3 fleet gone");
     Expect(
         json, 1,
@@ -200,7 +192,6 @@ TEST_F(OutcomeTest, CountsAFleet) {
         "2026\",\"text\":\"failed: *\n*/S4/fw\",\"state\":\"record-unreadable\",\"product\":null");
     EXPECT_EQ(std::count(json.text.begin(), json.text.end(), '\n'), 8);
     Expect(json, 1, "\"directory\":\"gone\",\"state\":\"unreadable\"");
-    ExpectPrintable(json.text);
 
     Expect(Fwlab("outcome fleet --fail-above 60"), 0);
     Expect(Fwlab("outcome fleet --fail-above 59.9"), 1);

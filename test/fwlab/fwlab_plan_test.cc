@@ -21,10 +21,8 @@ const std::string EMMC_FLEET = Model(EMMC + "8\n", Running("FW000001", 9));
 
 TEST_F(FwlabTest, PlanTellsWhatEachPhoneGets) {
     const std::string none = "{ revision = ", ufs = UfsEntry();
-    const struct {
-        int status;
-        std::string texts, fleet, package = UfsEntry();
-    } rows[] = {
+    const std::vector<Told> rows = {
+        // the fleet, the package
         {0,
          "\"0800\"*70  gets entry 1, \"0900\"\n*\"0700\"*4  refused: *among its base revisions*"
          "\"0900\"*5  nothing to do: *Phones: 70 updated 5 nothing-to-do 4 refused\nNo phone",
@@ -66,12 +64,7 @@ TEST_F(FwlabTest, PlanTellsWhatEachPhoneGets) {
         {2, "model 1: *gone: No such file", Model("phone = 'gone'\n", Running("0800", 70))},
     };
     Put("/phone.toml", UfsPhone());
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.texts + row.fleet);
-        Put("/package", row.package);
-        Put("/fleet.toml", row.fleet);
-        Expect(Fwlab("plan package --fleet fleet.toml"), row.status, row.texts);
-    }
+    ExpectEach("plan package --fleet fleet.toml", {"/fleet.toml", "/package"}, rows, ufs);
     Put("/fleet.toml", UFS_FLEET + EMMC_FLEET);
     Put("/package", ufs);
     Put("/emmc", EmmcEntry());

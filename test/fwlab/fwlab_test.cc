@@ -51,10 +51,8 @@ TEST_F(FwlabTest, PackRefuses) {
     const std::string lenient = UfsManifest({"product_name = 'SIMUFS128G      '"});
     const Texts original = {"product_name = 'KLUEG8U1EM-B0B1'", "revision = '1000'",
                             "base_revisions = ['0900']"};
-    const struct {
-        int status;
-        std::string text, manifest, image = "x";
-    } rows[] = {
+    std::vector<Told> rows = {
+        // the manifest, the image
         {2, "1: Error while parsing", "technology = "},
         {2, "\"emmc\" or \"ufs\"", "technology = 'nand'\n[[entry]]\n"},
         {2, "entry is missing", "technology = 'ufs'\n"},
@@ -112,14 +110,13 @@ TEST_F(FwlabTest, PackRefuses) {
         {1, "1 MiB", EmmcManifest(), Body(0x100001)},
         {1, "8 MiB", UfsManifest(), Body(0x800001)},
     };
-    Put("/package", "as it was");
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.manifest);
-        Put("/image", row.image);
-        Expect(Pack(row.manifest), row.status, "fwlab: *manifest.toml:*" + row.text);
-        EXPECT_EQ(Get("/package"), "as it was");
-        EXPECT_EQ(std::distance(fs::directory_iterator(directory), {}), 3); // nothing half-written
+    for (Told& row : rows) {
+        row.texts.insert(0, "fwlab: *manifest.toml:*");
     }
+    Put("/package", "as it was");
+    ExpectEach("pack manifest.toml -o package", {"/manifest.toml", "/image"}, rows, "x");
+    EXPECT_EQ(Get("/package"), "as it was");
+    EXPECT_EQ(std::distance(fs::directory_iterator(directory), {}), 3); // nothing half-written
     Put("/image", Body(0x100001));
     Expect(Pack(EmmcManifest(), "--gki-only"), 0);
     Expect(Pack(EmmcManifest() + EmmcManifest().substr(20), "--gki-only"), 1, "comes first");
@@ -143,47 +140,34 @@ TEST_F(FwlabTest, PackRefuses) {
 
 TEST_F(FwlabTest, ListFindsWhatPhonesPassOver) {
     const std::string ufs = UfsEntry(), other = With(ufs, UFS_MID_FIELD, "other");
-    const struct {
-        std::string texts, package;
-    } rows[] = {
-        {"offset           71*the body reaches past the end",
+    const std::string large = Body(0x100001), slots = "0800" + std::string(12, '\xFF');
+    const std::vector<Told> rows = {
+        {1, "offset           71*FINDING: *the body reaches past the end",
          ufs + "pad" + With(ufs, UFS_SIZE_FIELD, BigEndian32(5))},
-        {"offset           68*body_offset      132*entry 1 at 0x0 comes first",
+        {1, "offset           68*body_offset      132*entry 1 at 0x0 comes first",
          ufs + UfsEntry("1000")},
-        {"68 bytes from 0x44 belong to no entry", ufs + With(ufs, {3, 1}, "N")}, // a damaged magic
-        {"3 bytes from 0x0*3 bytes from 0x47*3 bytes from 0x8e",
+        {1, "68 bytes from 0x44 belong to no entry", ufs + With(ufs, {3, 1}, "N")}, // its magic
+        {1, "3 bytes from 0x0*3 bytes from 0x47*3 bytes from 0x8e",
          "pad" + ufs + "pad" + With(ufs, UFS_PNM_FIELD, "B") + "pad"},
-        {"63 bytes from 0x44", ufs + ufs.substr(0, 63)}, // cut in a header
-        {"no usable entry has*: entry 1 at 0x0 has no body", EmmcEntry(EMMC_NEW_REV, "")},
-        {"its body is empty", UfsEntry(UFS_NEW_REV, "")},
-        {"the product name is empty", With(ufs, UFS_PNM_FIELD, "\n")},
-        {"\\x1b[2J\\x07*0\\n\\x0d\\x9b*line feed", // control characters
+        {1, "63 bytes from 0x44", ufs + ufs.substr(0, 63)}, // cut in a header
+        {1, "no usable entry has*: entry 1 at 0x0 has no body", EmmcEntry(EMMC_NEW_REV, "")},
+        {1, "its body is empty", UfsEntry(UFS_NEW_REV, "")},
+        {1, "\"findings\": [*the product name is empty", With(ufs, UFS_PNM_FIELD, "\n"), MISSING,
+         "--json"},
+        {1, "\\x1b[2J\\x07*0\\n\\x0d\\x9b*line feed", // control characters
          With(With(ufs, UFS_PNM_FIELD, "\x1b[2J\a"), UFS_REV_FIELD, "0\n\r\x9b")},
+        // Slots that are left free admit nobody, whatever fills them.
+        {0, "base_revisions   \"0800\"\n", With(With(ufs, UFS_BASE_FIELD, slots), {52, 4}, "")},
+        {0, "manufacturer_id  19", With(EmmcEntry(), EMMC_PNM_FIELD, "UFSM12")},
+        // What pack admits.
+        {0, "note: a magic inside entry 1", UfsEntry("0900", "12" + other + other)},
+        {0, "", UfsEntry("0900", "12" + EmmcEntry())},
+        {0, "note: the body is larger than 1 MiB", EmmcEntry(EMMC_NEW_REV, large)},
+        {0, "note: *larger than the 1 MiB*max_hw_sectors_kb", UfsEntry("0900", large)},
+        {2, "package: more than 1024 entries",
+         ufs + std::regex_replace(std::string(1200, 'x'), std::regex("x"), "UFSM")},
     };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.texts);
-        Put("/package", row.package);
-        const Answer answer = Fwlab("list package");
-        Expect(answer, 1, row.texts);
-        Expect(answer, 1, "FINDING: ");
-        for (const char c : answer.text) {
-            EXPECT_TRUE(c == '\n' || (c >= ' ' && c <= '~'));
-        }
-        Expect(Fwlab("list --json package"), 1, "\"findings\": [");
-    }
-    // Slots that are left free admit nobody, whatever fills them.
-    const std::string slots = "0800" + std::string(12, '\xFF');
-    ExpectOf("list", With(With(ufs, UFS_BASE_FIELD, slots), {52, 4}, ""), 0,
-             "base_revisions   \"0800\"\n");
-    ExpectOf("list", With(EmmcEntry(), EMMC_PNM_FIELD, "UFSM12"), 0, "manufacturer_id  19");
-    // What pack admits.
-    ExpectOf("list", UfsEntry("0900", "12" + other + other), 0, "note: a magic inside entry 1");
-    ExpectOf("list", UfsEntry("0900", "12" + EmmcEntry()), 0, "");
-    const std::string large = Body(0x100001);
-    ExpectOf("list", EmmcEntry(EMMC_NEW_REV, large), 0, "note: the body is larger than 1 MiB");
-    ExpectOf("list", UfsEntry("0900", large), 0, "note: *larger than the 1 MiB*max_hw_sectors_kb");
-    ExpectOf("list", ufs + std::regex_replace(std::string(1200, 'x'), std::regex("x"), "UFSM"), 2,
-             "package: more than 1024 entries");
+    ExpectEach("list package", {"/package"}, rows);
 }
 
 TEST_F(FwlabTest, ListMapsLargePackages) {
@@ -206,7 +190,14 @@ TEST_F(FwlabTest, MatchTellsBothDecisions) {
     const auto named = [](const std::string& name, const std::string& rev = UFS_NEW_REV) {
         return With(UfsEntry(rev), UFS_PNM_FIELD, name);
     };
-    const Told rows[] = {
+    const std::string answers =
+        UfsPhone({{"write_buffer", "['good', 'sense 5/26/00']"}, {"faults", "'SG_IO EIO'"}});
+    const std::string bytes = With(emmc, EMMC_BASE_FIELD, std::string("\5\0\0\0\0\0\0\0\6", 9));
+    Put("/applied", record + "0900\n");
+    Put("/another", record + "0850\n");
+    Put("/torn", record);
+    const std::vector<Told> rows = {
+        // the phone, the package
         {1, "ends here: no usable entry*has no body inside the package*No update.", UfsPhone(),
          named("OTHER") + With(ufs, UFS_SIZE_FIELD, BigEndian32(5))},
         {1, "ends here: selects entry 1 at 0x0, revision \"0800\"*No update.", UfsPhone(),
@@ -248,36 +239,23 @@ TEST_F(FwlabTest, MatchTellsBothDecisions) {
         {1, "RECORD UNREADABLE: *has a line feed: *Every run that has an update stops.", GkiPhone(),
          EmmcEntry("FW\n")},
         {1, "goes on*record: ends here*\"0800\" to \"0900\"*already attempted: *No update.",
-         UfsPhone(), ufs, record + "0900\n"},
-        {0, "record: goes on", UfsPhone(), ufs, record + "0850\n"},
+         UfsPhone(), ufs, "--record applied"},
+        {0, "record: goes on", UfsPhone(), ufs, "--record another"},
         {1, "cannot parse the record*log: FFU process SubParseResultFile: Parse base rev failed!",
-         UfsPhone(), ufs, record},
+         UfsPhone(), ufs, "--record torn"},
+        // What a device answers and which calls fail, match does not know.
+        {0, "Note: write_buffer in the description is not looked at*Note: faults in", answers, ufs},
+        {0, "\"not_looked_at\": [*\"write_buffer\",*\"faults\"", answers, ufs, "--json"},
+        // An empty revision goes on record, too.
+        {0, "\"recorded\": \"\"", GkiPhone(), EmmcEntry(std::string(8, '\0')), "--json"},
+        {0, "runs \"\\x05\\x00", GkiPhone({{"revision", "[5]"}}), bytes},
+        {1, "not among its base revisions", GkiPhone({{"revision", "[5, 1]"}}), bytes},
+        // A run reads four bytes of the node, and the node has a line feed behind the revision.
+        {1, "revision has fewer than 3 bytes", UfsPhone({{"revision", "'08'"}}), ufs},
+        {1, "RECORD UNREADABLE: the running or the new revision has a line feed",
+         UfsPhone({{"revision", "'080'"}}), ufs},
     };
-    for (const Told& row : rows) { // the option is a record
-        Put("/record", row.options);
-        ExpectTold("match", {row.status, row.texts, row.phone, row.package,
-                             row.options.empty() ? "" : "--record record"});
-    }
-    // What a device answers and which calls fail, match does not know.
-    const std::string answers =
-        UfsPhone({{"write_buffer", "['good', 'sense 5/26/00']"}, {"faults", "'SG_IO EIO'"}});
-    ExpectTold("match",
-               {0, "Note: write_buffer in the description is not looked at*Note: faults in",
-                answers, ufs});
-    ExpectTold("match",
-               {0, "\"not_looked_at\": [*\"write_buffer\",*\"faults\"", answers, ufs, "--json"});
-    // An empty revision goes on record, too.
-    ExpectTold("match",
-               {0, "\"recorded\": \"\"", GkiPhone(), EmmcEntry(std::string(8, '\0')), "--json"});
-    const std::string bytes = With(emmc, EMMC_BASE_FIELD, std::string("\5\0\0\0\0\0\0\0\6", 9));
-    ExpectTold("match", {0, "runs \"\\x05\\x00", GkiPhone({{"revision", "[5]"}}), bytes});
-    ExpectTold("match",
-               {1, "not among its base revisions", GkiPhone({{"revision", "[5, 1]"}}), bytes});
-    // A run reads four bytes of the node, and the node has a line feed behind the revision.
-    ExpectTold("match",
-               {1, "revision has fewer than 3 bytes", UfsPhone({{"revision", "'08'"}}), ufs});
-    ExpectTold("match", {1, "RECORD UNREADABLE: the running or the new revision has a line feed",
-                         UfsPhone({{"revision", "'080'"}}), ufs});
+    ExpectEach("match package --phone phone.toml", {"/phone.toml", "/package"}, rows);
 }
 
 // Every key that decides an answer, each alone and all together.
@@ -337,7 +315,8 @@ TEST_F(FwlabTest, RehearseTellsWhatHasBecomeOfThePhone) {
     const std::string again = "--reboot-and-run-again ";
     const std::string inside =
         With(UfsEntry("0900", "xxxxxx" + UfsEntry()), UFS_PNM_FIELD, "OTHER");
-    const Told rows[] = {
+    const std::vector<Told> rows = {
+        // the phone, the package
         {1, "runs \"0900\", from 0 bytes*NOT entry 1 at 0x0*is NOT updated: nothing-to-do: ",
          UfsPhone({{"revision", "'0900'"}}), UfsEntry()},
         {1,
@@ -373,10 +352,7 @@ TEST_F(FwlabTest, RehearseTellsWhatHasBecomeOfThePhone) {
          "The phone is updated, but it reports another revision",
          GkiPhone({{"firmware.revision", "'FW3'"}}), EmmcEntry()},
     };
-    for (const Told& row : rows) {
-        ExpectTold("rehearse --keep kept", row);
-        EXPECT_TRUE(fs::remove_all(directory + "/kept") > 0);
-    }
+    ExpectEach("rehearse package --phone phone.toml", {"/phone.toml", "/package"}, rows);
     // Nothing is left of a rehearsal that did not come about.
     const std::string wrong = "rehearse package --phone phone.toml --keep kept --fault ";
     Expect(Fwlab(wrong + "'open sometimes'"), 2, "sometimes");

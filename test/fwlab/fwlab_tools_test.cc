@@ -18,10 +18,11 @@ TEST_F(FwlabTest, AMagicInAnImageHidesNoEntryBehindIt) {
     const std::string first = UfsEntry(
         UFS_NEW_REV, "12" + With(With(UfsEntry("1000", ""), UFS_SIZE_FIELD, BigEndian32(20)),
                                  UFS_PNM_FIELD, "x"));
-    ExpectOf("list", first + OtherUfs(), 0,
-             "note: a magic inside entry 1 at 0x0*number           3*sha256");
-    ExpectOf("list", first + "pad" + OtherUfs(), 1,
-             "FINDING: 3 bytes from 0x82 belong to no entry");
+    const std::vector<Told> rows = {
+        {0, "note: a magic inside entry 1 at 0x0*number           3*sha256", first + OtherUfs()},
+        {1, "FINDING: 3 bytes from 0x82 belong to no entry", first + "pad" + OtherUfs()},
+    };
+    ExpectEach("list package", {"/package"}, rows);
 }
 
 // In the same words by every command, and by none that takes a phone's answer from it. In an empty
@@ -82,12 +83,12 @@ TEST_F(FwlabTest, ThePackageIsOfTheTechnologyThatItsBytesAre) {
     const std::string emmc = EmmcEntry(EMMC_NEW_REV, Body(200)), ufs = UfsEntry("0900", Body(200));
     const std::string strayUfs = "UFSM" + std::string(60, '\0'),
                       strayEmmc = "EMMC" + std::string(44, '\0');
-    for (const std::string& package : {"UFSM" + emmc, strayUfs + emmc, emmc + strayUfs}) {
-        ExpectOf("list", package, 1, "manufacturer_id  19");
-    }
-    for (const std::string& package : {"EMMC" + ufs, strayEmmc + ufs, UfsEntry("0900", emmc)}) {
-        ExpectOf("list", package, 1, "manfid           \"0x0001ce\"");
-    }
+    const std::string isEmmc = "manufacturer_id  19", isUfs = "manfid           \"0x0001ce\"";
+    const std::vector<Told> rows = {
+        {1, isEmmc, "UFSM" + emmc},   {1, isEmmc, strayUfs + emmc},
+        {1, isEmmc, emmc + strayUfs}, {1, isUfs, "EMMC" + ufs},
+        {1, isUfs, strayEmmc + ufs},  {1, isUfs, UfsEntry("0900", emmc)}};
+    ExpectEach("list package", {"/package"}, rows);
 }
 
 TEST_F(FwlabTest, VerifyNamesTheFieldThatDiffers) {
@@ -97,55 +98,52 @@ TEST_F(FwlabTest, VerifyNamesTheFieldThatDiffers) {
     const std::string ufs = first + second;
     const std::string both = UfsEntry(UFS_NEW_REV, "abc") + OtherUfs(), one = both.substr(0, 67);
     const std::string emmcPackage = EmmcEntry(EMMC_NEW_REV, "abc");
-    const struct {
-        std::string texts, manifest, package;
-    } rows[] = {
-        {"entry 2 at 0x43: revision (at 0x5f): the manifest makes \"0900\", the package has "
+    std::vector<Told> rows = {
+        // the manifest, the package
+        {1,
+         "entry 2 at 0x43: revision (at 0x5f): the manifest makes \"0900\", the package has "
          "\"0850\"",
          ufs, one + OtherUfs("0850", "otheR")},
-        {"entry 1 at 0x0: base_revisions (at 0x30): *makes \"\\xff*, the package has \"08000800",
+        {1, "entry 1 at 0x0: base_revisions (at 0x30): *makes \"\\xff*, the package has \"08000800",
          ufs, With(both, UFS_BASE_FIELD, "0800080008000800")},
-        {"base_revisions (at 0x30): *makes \"08000800080008*has \"0800\\x00", fromOld + second,
+        {1, "base_revisions (at 0x30): *makes \"08000800080008*has \"0800\\x00", fromOld + second,
          With(both, UFS_BASE_FIELD, "0800")},
-        {"entry 2 at 0x43: byte 4 of its body (at 0x87): the manifest makes \"r\", *has \"R\"", ufs,
-         one + OtherUfs(UFS_NEW_REV, "otheR")},
-        {"entry 1 at 0x0: body_size (at 0x20): *makes \"\\x00\\x00\\x00\\x03\", *\\x04\"", ufs,
+        {1, "entry 2 at 0x43: byte 4 of its body (at 0x87): the manifest makes \"r\", *has \"R\"",
+         ufs, one + OtherUfs(UFS_NEW_REV, "otheR")},
+        {1, "entry 1 at 0x0: body_size (at 0x20): *makes \"\\x00\\x00\\x00\\x03\", *\\x04\"", ufs,
          UfsEntry(UFS_NEW_REV, "abcd") + OtherUfs()},
-        {"entry 2 at 0x43: magic (at 0x43): *\"UFSM\", the package has no byte", ufs, one},
-        {"entry 2 at 0x43: manfid (at 0x47): *\"0x0001ce\", the package has \"0x\"", ufs,
+        {1, "entry 2 at 0x43: magic (at 0x43): *\"UFSM\", the package has no byte", ufs, one},
+        {1, "entry 2 at 0x43: manfid (at 0x47): *\"0x0001ce\", the package has \"0x\"", ufs,
          both.substr(0, 73)},
-        {"entry 2 at 0x43: byte 4 of its body (at 0x87): *\"r\", the package has no byte", ufs,
+        {1, "entry 2 at 0x43: byte 4 of its body (at 0x87): *\"r\", the package has no byte", ufs,
          both.substr(0, both.size() - 1)},
-        {"entry 1 at 0x0: magic", ufs, ""},
-        {"behind the last entry (at 0x88): *makes no byte, the package has \"U\"", ufs,
+        {1, "entry 1 at 0x0: magic", ufs, ""},
+        {1, "behind the last entry (at 0x88): *makes no byte, the package has \"U\"", ufs,
          both + UfsEntry()},
-        {"magic (at 0x0)", ufs, With(both, {3, 1}, "N")},
-        {"product_revision (at 0xb): *\"\\x00\", the package has \"\\x01\"", emmc,
+        {1, "magic (at 0x0)", ufs, With(both, {3, 1}, "N")},
+        {1, "product_revision (at 0xb): *\"\\x00\", the package has \"\\x01\"", emmc,
          With(emmcPackage, EMMC_PRV_FIELD, "\1")},
     };
     Put("/image", "abc");
     Put("/other", "other");
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.texts);
-        Put("/manifest.toml", row.manifest);
-        Put("/package", row.package);
-        Expect(Fwlab("verify package --manifest manifest.toml"), 1,
-               row.texts + "*package: is NOT identical to the package that manifest.toml makes");
+    for (Told& row : rows) {
+        row.texts += "*package: is NOT identical to the package that manifest.toml makes";
     }
+    const std::string verify = "verify package --manifest manifest.toml";
+    ExpectEach(verify, {"/manifest.toml", "/package"}, rows);
     // No byte of a package escapes. With another magic or a larger size it is none.
     Put("/manifest.toml", emmc);
     for (size_t at = 0; at < emmcPackage.size(); at++) {
         Put("/package", With(emmcPackage, {at, 1}, "~"));
         const bool isNone = at < 4 || (at >= 25 && at < 29);
-        Expect(Fwlab("verify --json package --manifest manifest.toml"), isNone ? 2 : 1,
+        Expect(Fwlab(verify + " --json"), isNone ? 2 : 1,
                isNone ? "no firmware package" : "\"same\": false,*\"offset\": ");
     }
     Put("/package", emmcPackage);
-    Expect(Fwlab("verify package --manifest manifest.toml"), 0,
-           "package: is identical to the package that manifest.toml makes");
+    Expect(Fwlab(verify), 0, "package: is identical to the package that manifest.toml makes");
     Expect(Fwlab("verify gone --manifest manifest.toml"), 2, "gone: No such file");
     Put("/image", "");
-    Expect(Fwlab("verify package --manifest manifest.toml"), 1, "entry 1 at 0x0 has no body");
+    Expect(Fwlab(verify), 1, "entry 1 at 0x0 has no body");
 }
 
 TEST_F(FwlabTest, PackChecksTheDigestOfAnImage) {
@@ -213,22 +211,16 @@ TEST_F(FwlabTest, UnpackAndPackGiveTheSameBytes) {
 
 TEST_F(FwlabTest, UnpackRefusesWhatPackDoesNotMake) {
     const std::string ufs = UfsEntry();
-    const struct {
-        std::string text, package;
-    } rows[] = {
-        {"is empty: pack makes no such package", ""},
-        {"entry 1 at 0x0: magic would be \"UFSM\", not \"padU\"", "pad" + ufs},
-        {"entry 2 at 0x44: magic would be \"UFSM\", not \"xUFS\"", ufs + "x" + OtherUfs()},
-        {"behind the last entry would be no byte, not \"U\"", OtherUfs() + ufs.substr(0, 67)},
-        {"entry 1 at 0x0): no device can have", With(ufs, UFS_BASE_FIELD, "")},
-        {"entry 2 at 0x44): entry 1 at 0x0 comes first", ufs + ufs},
+    const std::vector<Told> rows = {
+        {1, "is empty: pack makes no such package", ""},
+        {1, "entry 1 at 0x0: magic would be \"UFSM\", not \"padU\"", "pad" + ufs},
+        {1, "entry 2 at 0x44: magic would be \"UFSM\", not \"xUFS\"", ufs + "x" + OtherUfs()},
+        {1, "behind the last entry would be no byte, not \"U\"", OtherUfs() + ufs.substr(0, 67)},
+        {1, "entry 1 at 0x0): no device can have", With(ufs, UFS_BASE_FIELD, "")},
+        {1, "entry 2 at 0x44): entry 1 at 0x0 comes first", ufs + ufs},
     };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.text);
-        Put("/package", row.package);
-        Expect(Fwlab("unpack package -o parts"), 1, "fwlab: package: *" + row.text);
-        EXPECT_EQ(std::distance(fs::directory_iterator(directory), {}), 1); // nothing is left
-    }
+    ExpectEach("unpack package -o parts", {"/package"}, rows);
+    EXPECT_EQ(std::distance(fs::directory_iterator(directory), {}), 1); // nothing is left
     Put("/package", ufs);
     Put("/there/kept", "");
     for (const char* folder : {"there", "there/kept", "package", "gone/parts", "''"}) {
@@ -255,11 +247,9 @@ TEST_F(FwlabTest, DiffTellsEntriesAndDevicesApart) {
     const std::string fromNew = With(newer, UFS_BASE_FIELD, "0900090009000900");
     const std::string large = EmmcEntry(EMMC_NEW_REV, Body(0x100001));
     const std::string wrong = With(UfsEntry("1000"), UFS_PNM_FIELD, "SIMUFS128G\n");
-    const struct {
-        int status;
-        std::string texts, before, after;
-    } rows[] = {
+    const std::vector<Told> rows = {
         {0, "The packages are the same.", ufs, ufs},
+        {0, "\"same\": true,*\"devices\": ", ufs, ufs, "--json"},
         {1,
          "removed: number 1, offset 0, manfid \"0x0001ce\", product_name \"SIMUFS128G-B0B1 \", "
          "revision \"0900\", *base_revisions \"any\", body_size 4, sha256 \"230d8358dc8e*\nadded: "
@@ -287,14 +277,7 @@ TEST_F(FwlabTest, DiffTellsEntriesAndDevicesApart) {
         {2, "one package is for eMMC, the other one for UFS", ufs, EmmcEntry()},
         {1, "removed: ", ufs, ""},
     };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.texts);
-        Put("/old", row.before);
-        Put("/new", row.after);
-        Expect(Fwlab("diff old new"), row.status, row.texts);
-        const char* same = row.status == 0 ? "\"same\": true,*\"devices\": " : "";
-        Expect(Fwlab("diff --json old new"), row.status, same);
-    }
+    ExpectEach("diff old new", {"/old", "/new"}, rows);
     // Of entries that are in both packages nothing is told, wherever they are.
     Put("/old", ufs + other + newer);
     Put("/new", newer + ufs + other);
