@@ -48,7 +48,6 @@ TEST_F(FwlabTest, PlanTellsWhatEachPhoneGets) {
         {2, "model is missing", ""},
         {2, "model is not", "model = 1"},
         {2, "model 1: running is not", Model(NAMED, "")},
-        {2, "model 1: running is missing", "[[model]]\n" + NAMED},
         {2, "model 1: unknown key: colour", Model(NAMED + "colour = 1\n", Running("0800", 1))},
         {2, "1: running 1: unknown key: x", Model(NAMED, none + "'0800', phones = 1, x = 1 }")},
         {2, "1: running 1: revision has 3 bytes, not 4",
@@ -98,10 +97,6 @@ TEST_F(FwlabTest, PlanKnowsAttemptsOnRecord) {
         Pulled pulled;
         std::string package = UfsEntry();
     } rows[] = {
-        // Five have never tried; nine have passed.
-        {0,
-         "\"0800\" *5  gets entry 1*\"0900\" *9  nothing to do*Phones: 5 updated 9 nothing-to-do\n",
-         Model(NAMED, Running("0800", 5) + Running("0900", 9)), Phones(9, "0800", "0900", PASSED)},
         {0, "\"0800\" *5  gets entry 1*Note: 9 records belong to no phone",
          Model(NAMED, Running("0800", 5)), Phones(9, "0800", "0900", PASSED)},
         {1, "\"V12\\x00*1  already attempted: *FINDING: entry 1*NOT",

@@ -56,7 +56,6 @@ TEST_F(FwlabTest, PackRefuses) {
         {2, "1: Error while parsing", "technology = "},
         {2, "\"emmc\" or \"ufs\"", "technology = 'nand'\n[[entry]]\n"},
         {2, "entry is missing", "technology = 'ufs'\n"},
-        {2, "entry is not", "technology = 'ufs'\nentry = []\n"},
         {2, "entry 1: unknown key: ext_csd_rev", UfsManifest({"ext_csd_rev = 8"})},
         {2, "1: more than 64 dots",
          "a" + std::regex_replace(std::string(20000, 'x'), std::regex("x"), ".a") + " = 1"},
@@ -64,7 +63,6 @@ TEST_F(FwlabTest, PackRefuses) {
         {2, "entry 1: revision is not", UfsManifest({"revision = true"})},
         {2, "0 to 255", EmmcManifest({"revision = [256, 1]"})},
         {2, "0 to 255", EmmcManifest({"manufacturer_id = 'E'"})},
-        {2, "revision is missing", EmmcManifest({"revision"})},
         {2, "manfid is missing", UfsManifest({"manfid"})},
         {2, "base_revisions is not", EmmcManifest({"base_revisions = 'A'"})},
         {2, "gone: No such file", UfsManifest({"image = 'gone'"})},
@@ -185,8 +183,6 @@ TEST_F(FwlabTest, MatchTellsBothDecisions) {
     const std::string large = EmmcEntry(EMMC_NEW_REV, Body(0x100001));
     const std::string wrong = "WRONG IMAGE: the pre-check selects ", second = "entry 2 at 0x44, ";
     const std::string swapped = wrong + second + "the update selects entry 1 at 0x0";
-    const std::string renamed =
-        UfsPhone({{"product_name", "\"KLUEG8U1EM-B0B1\\n\""}, {"revision", "'0900'"}});
     const auto named = [](const std::string& name, const std::string& rev = UFS_NEW_REV) {
         return With(UfsEntry(rev), UFS_PNM_FIELD, name);
     };
@@ -212,12 +208,12 @@ TEST_F(FwlabTest, MatchTellsBothDecisions) {
          "pre-check: goes on*update: ends here*would log: FwVerCheck,line=248: *"
          "USED UP: its revision is not newer*attempt for \"0700\" on record",
          UfsPhone(), UfsEntry("0700")},
-        {1, "USED UP: entry 1 at 0x0 has manufacturer_id 17, the device 19", NormalPhone(),
-         strange},
-        {1, "USED UP: entry 1 at 0x0 has manfid \"0x1ce", UfsPhone(),
-         With(ufs, UFS_MID_FIELD, "0x1ce\n")},
-        {1, "USED UP: entry 1 at 0x0 has ext_csd_rev 51, the device 8", GkiPhone(),
-         With(emmc, EMMC_REV_FIELD, "3")},
+        {1, "USED UP: entry 1 at 0x0 has manufacturer_id 17, the device 18", NormalPhone(), strange,
+         "--set cid.manufacturer_id=18"},
+        {1, "USED UP: entry 1 at 0x0 has manfid \"0x1ce\\n*, the device \"0x0001ad", UfsPhone(),
+         With(ufs, UFS_MID_FIELD, "0x1ce\n"), "--set manfid=0x0001ad"},
+        {1, "USED UP: entry 1 at 0x0 has ext_csd_rev 51, the device 7", GkiPhone(),
+         With(emmc, EMMC_REV_FIELD, "3"), "--set ext_csd_rev=7"},
         {1, wrong + "entry 1 at 0x0, the update selects entry 2 at 0x34", NormalPhone(),
          With(strange, EMMC_FW_REV_FIELD, "A") + emmc},
         {1, swapped, UfsPhone(), named("SIMUFS128G\n") + ufs}, // of one revision
@@ -228,13 +224,14 @@ TEST_F(FwlabTest, MatchTellsBothDecisions) {
          With(UfsEntry("0900", "xxxxxx" + ufs), UFS_PNM_FIELD, "OTHER")},
         {1, "USED UP: the device is older than eMMC 5.0", GkiPhone({{"ext_csd_rev", "6"}}),
          With(emmc, EMMC_REV_FIELD, "\6")},
-        {0, "selects entry 1*selects entry 2*An update to \"1000\": 4 bytes of entry 2", renamed,
-         named("KLUEG8U1EM-B0B1\n", "1000") + named("KLUEG8U1EM-REWK", "1000")},
+        {0, "selects entry 1*selects entry 2*An update to \"1000\": 4 bytes of entry 2", UfsPhone(),
+         named("KLUEG8U1EM-B0B1\n", "1000") + named("KLUEG8U1EM-REWK", "1000"),
+         "--set revision=0900 --set product_name=KLUEG8U1EM-B0B1"},
         {1, "USED UP: the body is larger than 8 MiB", UfsPhone(), UfsEntry("0900", Body(0x800001))},
         {1, "USED UP: its body is empty", UfsPhone(), UfsEntry("0900", "")},
-        {1, "USED UP: the body is larger than 1 MiB", NormalPhone(), large},
-        {1, "USED UP: its body is larger than the 4 KiB", UfsPhone({{"max_hw_sectors_kb", "4"}}),
-         UfsEntry("0900", Body(4097))},
+        {1, "USED UP: the body is larger than 1 MiB", GkiPhone(), large, "--set mode=normal"},
+        {1, "USED UP: its body is larger than the 4 KiB", UfsPhone(), UfsEntry("0900", Body(4097)),
+         "--set max_hw_sectors_kb=4"},
         {0, "An update to \"FW000002\": 1048577 bytes*Note: *1 MiB", GkiPhone(), large},
         {1, "RECORD UNREADABLE: *has a line feed: *Every run that has an update stops.", GkiPhone(),
          EmmcEntry("FW\n")},
@@ -248,66 +245,18 @@ TEST_F(FwlabTest, MatchTellsBothDecisions) {
         {0, "\"not_looked_at\": [*\"write_buffer\",*\"faults\"", answers, ufs, "--json"},
         // An empty revision goes on record, too.
         {0, "\"recorded\": \"\"", GkiPhone(), EmmcEntry(std::string(8, '\0')), "--json"},
-        {0, "runs \"\\x05\\x00", GkiPhone({{"revision", "[5]"}}), bytes},
-        {1, "not among its base revisions", GkiPhone({{"revision", "[5, 1]"}}), bytes},
+        {0, "runs \"\\x05\\x00", GkiPhone(), bytes, "--set 'revision=\\x05'"},
+        {1, "not among its base revisions", GkiPhone(), bytes, "--set 'revision=[5, 1]'"},
+        {0, "An update", GkiPhone(), With(emmc, EMMC_PNM_FIELD, "SIM065"),
+         "--set cid.product_name=SIM065"},
+        {2, "name is not 6 characters", GkiPhone(), emmc, "--set cid.product_name=SIM06"},
+        {2, "phone.toml: unknown key: product_name", GkiPhone(), emmc, "--set product_name=SIM064"},
         // A run reads four bytes of the node, and the node has a line feed behind the revision.
         {1, "revision has fewer than 3 bytes", UfsPhone({{"revision", "'08'"}}), ufs},
         {1, "RECORD UNREADABLE: the running or the new revision has a line feed",
          UfsPhone({{"revision", "'080'"}}), ufs},
     };
     ExpectEach("match package --phone phone.toml", {"/phone.toml", "/package"}, rows);
-}
-
-// Every key that decides an answer, each alone and all together.
-TEST_F(FwlabTest, SettingsMakeThePhoneThatADescriptionMakes) {
-    struct Case {
-        std::string plain, described, package;
-        Texts settings;
-    };
-    const Case cases[] = {
-        {UfsPhone(),
-         UfsPhone({{"manfid", "\"0x0001ad\\n\""},
-                   {"product_name", "\"SIMUFS128G\\n\""},
-                   {"revision", "[48, 55, 0, 1]"},
-                   {"max_hw_sectors_kb", "4"},
-                   {"firmware.revision", "'1000'"}}),
-         With(UfsEntry(UFS_NEW_REV, Body(5000)), UFS_BASE_FIELD, "0800080008000800"),
-         {"firmware.revision=1000", "manfid=0x0001ad", "product_name=SIMUFS128G",
-          "revision=07\\x00\\x01", "max_hw_sectors_kb=4"}},
-        {GkiPhone(),
-         NormalPhone({{"cid.product_name", "\"SI\\n\\\\=4\""},
-                      {"cid.manufacturer_id", "17"},
-                      {"ext_csd_rev", "7"},
-                      {"revision", "[5, 255]"},
-                      {"firmware.revision", "'FW000003'"}}),
-         With(EmmcEntry(EMMC_NEW_REV, Body(0x100001)), EMMC_BASE_FIELD, EMMC_REV + EMMC_REV),
-         {"firmware.revision=FW000003", "cid.product_name=SI\\n\\\\=4", "cid.manufacturer_id=0x11",
-          "ext_csd_rev=7", "revision=\\x05\\xff", "mode=normal"}}};
-    for (const Case& one : cases) {
-        Put("/plain.toml", one.plain);
-        Put("/described.toml", one.described);
-        Put("/package", one.package);
-        std::string all;
-        const std::string match = "match --json package --phone plain.toml",
-                          rehearse = "rehearse --json package --phone ";
-        const std::string plain = Fwlab(match).text;
-        for (const std::string& setting : one.settings) { // the first one is the firmware's
-            all += " --set '" + setting + "'";
-            const Answer alone = Fwlab(match + " --set '" + setting + "'");
-            EXPECT_EQ(alone.text == plain, setting == one.settings[0]) << setting << alone.text;
-        }
-        EXPECT_EQ(Fwlab(match + all).text,
-                  Fwlab("match --json package --phone described.toml").text);
-        EXPECT_EQ(Fwlab(rehearse + "plain.toml" + all).text,
-                  Fwlab(rehearse + "described.toml").text);
-        EXPECT_NE(Fwlab(rehearse + "plain.toml" + all).text, Fwlab(rehearse + "plain.toml").text);
-    }
-    const std::string options = " package --phone plain.toml --set "; // of the eMMC phone
-    Expect(Fwlab("rehearse --keep kept" + options + "colour=1"), 2, "plain.toml: unknown key: col");
-    EXPECT_FALSE(fs::exists(directory + "/kept"));
-    Expect(Fwlab("match" + options + "cid.product_name=SIM06"), 2, "name is not 6 characters");
-    Expect(Fwlab("match" + options + "cid.manufacturer_id=256"), 2, "id is not a number");
-    Expect(Fwlab("match" + options + "product_name=SIM064"), 2, "unknown key: product_name");
 }
 
 TEST_F(FwlabTest, RehearseTellsWhatHasBecomeOfThePhone) {
@@ -318,7 +267,7 @@ TEST_F(FwlabTest, RehearseTellsWhatHasBecomeOfThePhone) {
     const std::vector<Told> rows = {
         // the phone, the package
         {1, "runs \"0900\", from 0 bytes*NOT entry 1 at 0x0*is NOT updated: nothing-to-do: ",
-         UfsPhone({{"revision", "'0900'"}}), UfsEntry()},
+         UfsPhone(), UfsEntry(), "--set revision=0900"},
         {1,
          "-> CHECK CONDITION*upgrade to 0900 fail*runs \"0800\", from 0 bytes*NOT entry 1*"
          "is NOT updated: used-up: ",
@@ -350,7 +299,7 @@ TEST_F(FwlabTest, RehearseTellsWhatHasBecomeOfThePhone) {
         {1,
          "runs \"FW3*\", from 4 bytes*downloaded: entry 1*?firmware? revision*has \"FW000002\"*"
          "The phone is updated, but it reports another revision",
-         GkiPhone({{"firmware.revision", "'FW3'"}}), EmmcEntry()},
+         GkiPhone(), EmmcEntry(), "--set firmware.revision=FW3"},
     };
     ExpectEach("rehearse package --phone phone.toml", {"/phone.toml", "/package"}, rows);
     // Nothing is left of a rehearsal that did not come about.

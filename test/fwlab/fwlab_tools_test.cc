@@ -28,53 +28,41 @@ TEST_F(FwlabTest, AMagicInAnImageHidesNoEntryBehindIt) {
 // In the same words by every command, and by none that takes a phone's answer from it. In an empty
 // package phones find nothing to do.
 TEST_F(FwlabTest, EveryCommandRefusesWhatIsNoPackage) {
-    const std::string ufs = UfsEntry(), cut = "no entry in it is whole";
-    const struct {
-        std::string text, package;
-        std::uintmax_t size = 0; // that the file is given; 0: its own
-    } rows[] = {
-        {"is no firmware package: it has no entry", std::string(20000, '\xA5')},
-        {"is no firmware package: it has no entry", ufs.substr(0, 63)}, // cut in its header
-        {"is no firmware package: " + cut, ufs.substr(0, 67)},          // in its body
-        {"is no firmware package: " + cut,
+    const std::string none = "fwlab: package: is no firmware package: ", ufs = UfsEntry();
+    const std::vector<Told> packages = {
+        {2, none + "it has no entry", std::string(20000, '\xA5')},
+        {2, none + "it has no entry", ufs.substr(0, 63)},         // cut in its header
+        {2, none + "no entry in it is whole", ufs.substr(0, 67)}, // in its body
+        {2, none + "no entry in it is whole",
          With(EmmcEntry(), EMMC_SIZE_FIELD, BigEndian32(999)) + ufs.substr(0, 67)},
-        {"No such file", MISSING},
-        {"is 2 GiB or larger", ufs, 1UL << 31},
+        {2, "fwlab: package: No such file", MISSING},
     };
-    const struct {
-        std::string command;
-        int status; // for an empty package
-        std::string text;
-    } commands[] = {
-        {"list package", 1, "FINDING: it is empty"},
-        {"diff package package", 0, "the same"},
-        {"unpack package -o parts", 1, "is empty"},
-        {"verify package --manifest manifest.toml", 1, "NOT identical"},
-        {"match package --phone phone.toml", 1, "No update"},
-        {"plan package --fleet fleet.toml", 1, "is empty"},
-        {"rehearse package --phone phone.toml", 1, "NOT updated"},
-        {"sweep package --phone phone.toml", 1, ""},
+    ExpectEach("list package", {"/package"}, packages);
+    const std::vector<Told> commands = {
+        // what each says of an empty package
+        {1, "FINDING: it is empty", "list package"},
+        {0, "the same", "diff package package"},
+        {1, "is empty", "unpack package -o parts"},
+        {1, "NOT identical", "verify package --manifest manifest.toml"},
+        {1, "No update", "match package --phone phone.toml"},
+        {1, "is empty", "plan package --fleet fleet.toml"},
+        {1, "NOT updated", "rehearse package --phone phone.toml"},
+        {1, "NOT UPDATED", "sweep package --phone phone.toml"},
     };
     Put("/phone.toml", UfsPhone());
     Put("/fleet.toml", "[[model]]\nphone = 'phone.toml'\n"
                        "running = [{ revision = '0800', phones = 9 }]\n");
     Put("/manifest.toml", UfsManifest());
     Put("/image", "image");
-    for (const auto& row : rows) {
-        Put("/package", row.package);
-        if (row.size != 0) {
-            fs::resize_file(Path("/package"), row.size);
-        }
-        for (const auto& command : commands) {
-            Expect(Fwlab(command.command), 2, "fwlab: package: " + row.text);
-        }
+    for (const Told& command : commands) {
+        SCOPED_TRACE(command.first);
+        Put("/package", "");
+        Expect(Fwlab(command.first), command.status, command.texts);
+        Put("/package", ufs.substr(0, 63));
+        Expect(Fwlab(command.first), 2, none);
+        fs::resize_file(Path("/package"), 1UL << 31);
+        Expect(Fwlab(command.first), 2, "fwlab: package: is 2 GiB or larger");
         EXPECT_FALSE(fs::exists(Path("/parts")));
-    }
-    Put("/package", "");
-    for (const auto& command : commands) {
-        if (!command.text.empty()) {
-            Expect(Fwlab(command.command), command.status, command.text);
-        }
     }
 }
 
