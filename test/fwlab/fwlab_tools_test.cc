@@ -2,7 +2,7 @@
 // how to make them again.
 #include "test/fwlab/fwlab.h"
 
-#include <random>
+#include <numeric>
 
 namespace {
 
@@ -153,48 +153,27 @@ TEST_F(FwlabTest, PackChecksTheDigestOfAnImage) {
     EXPECT_EQ(Get("/package"), "as it was");
 }
 
+// Every byte that no phone takes for an end, in every field, and a magic in an image.
 TEST_F(FwlabTest, UnpackAndPackGiveTheSameBytes) {
-    std::mt19937 random; // the same numbers each time
-    const auto below = [&](size_t end) { return static_cast<uint32_t>(random() % end); };
-    // Often a text, else any bytes, that no phone takes for an end.
-    const auto bytes = [&](size_t size) {
-        const std::string letters = "abyzABYZ0189 \"'\\#[]=~";
-        const bool isText = below(2) == 0;
-        std::string made;
-        while (made.size() < size) {
-            made += isText ? letters[below(letters.size())] : static_cast<char>(11 + below(245));
-        }
-        return made;
-    };
-    unsigned packed[2] = {};
-    for (int round = 0; round < 60; round++) {
-        const bool isUfs = round % 2 == 0;
-        std::string package;
-        for (size_t left = 1 + below(3); left > 0; left--) {
-            const uint32_t size = below(300);
-            const std::string magic = With(OtherUfs("1000", ""), UFS_SIZE_FIELD, BigEndian32(size));
-            const std::string image =
-                bytes(1 + below(99)) + (below(3) == 0 ? magic + bytes(40) : "");
-            const std::string rev = '\xFF' + bytes(isUfs ? 3 : 7); // over all base revisions
-            std::string entry = isUfs ? UfsEntry(rev, image) : EmmcEntry(rev, image);
-            entry = With(entry, isUfs ? UFS_PNM_FIELD : EMMC_PNM_FIELD, bytes(isUfs ? 16 : 6));
-            if (below(2) == 0) {
-                entry = With(entry, isUfs ? UFS_BASE_FIELD : EMMC_BASE_FIELD, bytes(16));
-            }
-            package += below(2) == 0 || isUfs ? entry : With(entry, EMMC_MARKET_FIELD, bytes(3));
-        }
-        Put("/package", package);
-        fs::remove_all(directory + "/parts");
-        const Answer unpacked = Fwlab("unpack package -o parts");
-        if (unpacked.status == 0) { // else pack makes no such package: it would not do on a phone
-            packed[isUfs]++;
+    for (int first = 11; first <= 241; first += 10) {
+        std::string bytes(16, '\0');
+        std::iota(bytes.begin(), bytes.end(), static_cast<char>(first));
+        const std::string image = bytes + With(UfsEntry(), UFS_SIZE_FIELD, BigEndian32(20)) + bytes;
+        const std::string rev = '\xFF' + bytes; // over all base revisions
+        const std::string ufs = With(UfsEntry(rev.substr(0, 4), image), UFS_PNM_FIELD, bytes),
+                          emmc = With(EmmcEntry(rev.substr(0, 8), image), EMMC_PNM_FIELD, bytes);
+        for (const std::string& package :
+             {With(ufs, UFS_BASE_FIELD, bytes) + OtherUfs(),
+              With(emmc, EMMC_MARKET_FIELD, bytes) + EmmcEntry(rev.substr(0, 8)),
+              With(emmc, EMMC_BASE_FIELD, bytes)}) {
+            Put("/package", package);
+            Put("/parts", MISSING);
+            Expect(Fwlab("unpack package -o parts"), 0);
             Expect(Fwlab("pack parts/package.toml -o again"), 0);
             EXPECT_TRUE(Get("/again") == package) << Get("/parts/package.toml");
-            Expect(Fwlab("verify package --manifest parts/package.toml"), 0);
         }
     }
-    EXPECT_GT(packed[false], 9U);
-    EXPECT_GT(packed[true], 9U);
+    Expect(Fwlab("verify package --manifest parts/package.toml"), 0);
 }
 
 TEST_F(FwlabTest, UnpackRefusesWhatPackDoesNotMake) {
