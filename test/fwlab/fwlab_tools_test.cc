@@ -14,15 +14,61 @@ std::string OtherUfs(const std::string& rev = UFS_NEW_REV, const std::string& bo
 
 } // namespace
 
-TEST_F(FwlabTest, AMagicInAnImageHidesNoEntryBehindIt) {
-    const std::string first = UfsEntry(
-        UFS_NEW_REV, "12" + With(With(UfsEntry("1000", ""), UFS_SIZE_FIELD, BigEndian32(20)),
-                                 UFS_PNM_FIELD, "x"));
+TEST_F(FwlabTest, ListFindsWhatPhonesPassOver) {
+    const std::string ufs = UfsEntry(), other = With(ufs, UFS_MID_FIELD, "other");
+    const std::string large = Body(0x100001), slots = "0800" + std::string(12, '\xFF');
+    const std::string longEmmc = EmmcEntry(EMMC_NEW_REV, Body(200)),
+                      longUfs = UfsEntry("0900", Body(200));
+    const std::string strayUfs = "UFSM" + std::string(60, '\0'),
+                      strayEmmc = "EMMC" + std::string(44, '\0');
+    const std::string isEmmc = "manufacturer_id  19", isUfs = "manfid           \"0x0001ce\"";
+    // It hides no entry behind it.
+    const std::string magic =
+        With(With(UfsEntry("1000", ""), UFS_SIZE_FIELD, BigEndian32(20)), UFS_PNM_FIELD, "x");
+    const std::string first = UfsEntry(UFS_NEW_REV, "12" + magic);
     const std::vector<Told> rows = {
+        {1, "offset           71*FINDING: *the body reaches past the end",
+         ufs + "pad" + With(ufs, UFS_SIZE_FIELD, BigEndian32(5))},
+        {1, "offset           68*body_offset      132*entry 1 at 0x0 comes first",
+         ufs + UfsEntry("1000")},
+        {1, "68 bytes from 0x44 belong to no entry", ufs + With(ufs, {3, 1}, "N")}, // its magic
+        {1, "3 bytes from 0x0*3 bytes from 0x47*3 bytes from 0x8e",
+         "pad" + ufs + "pad" + With(ufs, UFS_PNM_FIELD, "B") + "pad"},
+        {1, "63 bytes from 0x44", ufs + ufs.substr(0, 63)}, // cut in a header
+        {1, "no usable entry has*: entry 1 at 0x0 has no body", EmmcEntry(EMMC_NEW_REV, "")},
+        {1, "its body is empty", UfsEntry(UFS_NEW_REV, "")},
+        {1, "\"findings\": [*the product name is empty", With(ufs, UFS_PNM_FIELD, "\n"), MISSING,
+         "--json"},
+        {1, "\\x1b[2J\\x07*0\\n\\x0d\\x9b*line feed", // control characters
+         With(With(ufs, UFS_PNM_FIELD, "\x1b[2J\a"), UFS_REV_FIELD, "0\n\r\x9b")},
+        // Slots that are left free admit nobody, whatever fills them.
+        {0, "base_revisions   \"0800\"\n", With(With(ufs, UFS_BASE_FIELD, slots), {52, 4}, "")},
+        // Bytes that look like an entry of the other technology do not choose it.
+        {0, isEmmc, With(EmmcEntry(), EMMC_PNM_FIELD, "UFSM12")},
+        {1, isEmmc, "UFSM" + longEmmc},
+        {1, isEmmc, strayUfs + longEmmc},
+        {1, isEmmc, longEmmc + strayUfs},
+        {1, isUfs, "EMMC" + longUfs},
+        {1, isUfs, strayEmmc + longUfs},
+        {1, isUfs, UfsEntry("0900", longEmmc)},
         {0, "note: a magic inside entry 1 at 0x0*number           3*sha256", first + OtherUfs()},
         {1, "FINDING: 3 bytes from 0x82 belong to no entry", first + "pad" + OtherUfs()},
+        // What pack admits.
+        {0, "note: a magic inside entry 1", UfsEntry("0900", "12" + other + other)},
+        {0, "", UfsEntry("0900", "12" + EmmcEntry())},
+        {0, "note: the body is larger than 1 MiB", EmmcEntry(EMMC_NEW_REV, large)},
+        {0, "note: *larger than the 1 MiB*max_hw_sectors_kb", UfsEntry("0900", large)},
+        {2, "package: more than 1024 entries",
+         ufs + std::regex_replace(std::string(1200, 'x'), std::regex("x"), "UFSM")},
     };
     ExpectEach("list package", {"/package"}, rows);
+}
+
+TEST_F(FwlabTest, ListMapsLargePackages) {
+    Put("/package", UfsEntry());
+    fs::resize_file(directory + "/package", 1U << 27);
+    Expect(Fwlab("list package", "ulimit -d 32768 &&"), 1,
+           "size             134217728*134217660 bytes from 0x44 belong to no entry");
 }
 
 // In the same words by every command, and by none that takes a phone's answer from it. In an empty
@@ -64,19 +110,6 @@ TEST_F(FwlabTest, EveryCommandRefusesWhatIsNoPackage) {
         Expect(Fwlab(command.first), 2, "fwlab: package: is 2 GiB or larger");
         EXPECT_FALSE(fs::exists(Path("/parts")));
     }
-}
-
-// Bytes that look like an entry of the other technology do not choose it.
-TEST_F(FwlabTest, ThePackageIsOfTheTechnologyThatItsBytesAre) {
-    const std::string emmc = EmmcEntry(EMMC_NEW_REV, Body(200)), ufs = UfsEntry("0900", Body(200));
-    const std::string strayUfs = "UFSM" + std::string(60, '\0'),
-                      strayEmmc = "EMMC" + std::string(44, '\0');
-    const std::string isEmmc = "manufacturer_id  19", isUfs = "manfid           \"0x0001ce\"";
-    const std::vector<Told> rows = {
-        {1, isEmmc, "UFSM" + emmc},   {1, isEmmc, strayUfs + emmc},
-        {1, isEmmc, emmc + strayUfs}, {1, isUfs, "EMMC" + ufs},
-        {1, isUfs, strayEmmc + ufs},  {1, isUfs, UfsEntry("0900", emmc)}};
-    ExpectEach("list package", {"/package"}, rows);
 }
 
 TEST_F(FwlabTest, VerifyNamesTheFieldThatDiffers) {
@@ -132,25 +165,6 @@ TEST_F(FwlabTest, VerifyNamesTheFieldThatDiffers) {
     Expect(Fwlab("verify gone --manifest manifest.toml"), 2, "gone: No such file");
     Put("/image", "");
     Expect(Fwlab(verify), 1, "entry 1 at 0x0 has no body");
-}
-
-TEST_F(FwlabTest, PackChecksTheDigestOfAnImage) {
-    const std::string digest = "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad";
-    const std::string manifest = UfsManifest() + "image_sha256 = ";
-    Put("/image", "abc"); // FIPS 180-2
-    Expect(Pack(manifest + "'" + digest + "'\n"), 0);
-    for (const std::string& wrong : {"'" + digest.substr(1) + "'", "'B" + digest.substr(1) + "'",
-                                     std::string("5"), "'" + digest + "0'"}) {
-        Expect(Pack(manifest + wrong), 2, "image_sha256 is not 64 hexadecimal digits");
-    }
-    Put("/image", "abd");
-    Put("/package", "as it was");
-    Expect(
-        Pack(manifest + "'" + digest + "'\n"), 1,
-        "entry 1: image image: its sha256 is a52d159f262b2c6ddb724a61840befc36eb30c88877a4030b65c"
-        "be86298449c9, not " +
-            digest);
-    EXPECT_EQ(Get("/package"), "as it was");
 }
 
 // Every byte that no phone takes for an end, in every field, and a magic in an image.
