@@ -31,8 +31,6 @@ TEST_F(FwlabTest, PlanTellsWhatEachPhoneGets) {
          With(ufs, UFS_BASE_FIELD, "0800080008001000")},
         {1, "\"1000\"*8  USED UP: its revision is not newer*Do NOT release",
          Model(NAMED, Running("0800", 70) + Running("1000", 8))},
-        {1, "WRONG IMAGE: the pre-check selects entry 2 at 0x44, the update selects entry 1",
-         UFS_FLEET, With(ufs, UFS_PNM_FIELD, "SIMUFS128G\n") + ufs},
         {1, "USED UP: its body is larger than the 4 KiB",
          Model(NAMED + "max_hw_sectors_kb = 4\n", Running("0800", 70)),
          UfsEntry("0900", Body(5000))},

@@ -113,10 +113,8 @@ TEST_F(FwlabTest, EveryCommandRefusesWhatIsNoPackage) {
 }
 
 TEST_F(FwlabTest, VerifyNamesTheFieldThatDiffers) {
-    const std::string emmc = EmmcManifest(), first = UfsManifest(),
-                      fromOld = UfsManifest({"base_revisions = ['0800']"}),
-                      second = UfsTable({"product_name = 'SIMUFS256G-B0B1 '", "image = 'other'"});
-    const std::string ufs = first + second;
+    const std::string ufs =
+        UfsManifest() + UfsTable({"product_name = 'SIMUFS256G-B0B1 '", "image = 'other'"});
     const std::string both = UfsEntry(UFS_NEW_REV, "abc") + OtherUfs(), one = both.substr(0, 67);
     const std::string emmcPackage = EmmcEntry(EMMC_NEW_REV, "abc");
     std::vector<Told> rows = {
@@ -127,13 +125,10 @@ TEST_F(FwlabTest, VerifyNamesTheFieldThatDiffers) {
          ufs, one + OtherUfs("0850", "otheR")},
         {1, "entry 1 at 0x0: base_revisions (at 0x30): *makes \"\\xff*, the package has \"08000800",
          ufs, With(both, UFS_BASE_FIELD, "0800080008000800")},
-        {1, "base_revisions (at 0x30): *makes \"08000800080008*has \"0800\\x00", fromOld + second,
-         With(both, UFS_BASE_FIELD, "0800")},
         {1, "entry 2 at 0x43: byte 4 of its body (at 0x87): the manifest makes \"r\", *has \"R\"",
          ufs, one + OtherUfs(UFS_NEW_REV, "otheR")},
         {1, "entry 1 at 0x0: body_size (at 0x20): *makes \"\\x00\\x00\\x00\\x03\", *\\x04\"", ufs,
          UfsEntry(UFS_NEW_REV, "abcd") + OtherUfs()},
-        {1, "entry 2 at 0x43: magic (at 0x43): *\"UFSM\", the package has no byte", ufs, one},
         {1, "entry 2 at 0x43: manfid (at 0x47): *\"0x0001ce\", the package has \"0x\"", ufs,
          both.substr(0, 73)},
         {1, "entry 2 at 0x43: byte 4 of its body (at 0x87): *\"r\", the package has no byte", ufs,
@@ -142,8 +137,6 @@ TEST_F(FwlabTest, VerifyNamesTheFieldThatDiffers) {
         {1, "behind the last entry (at 0x88): *makes no byte, the package has \"U\"", ufs,
          both + UfsEntry()},
         {1, "magic (at 0x0)", ufs, With(both, {3, 1}, "N")},
-        {1, "product_revision (at 0xb): *\"\\x00\", the package has \"\\x01\"", emmc,
-         With(emmcPackage, EMMC_PRV_FIELD, "\1")},
     };
     Put("/image", "abc");
     Put("/other", "other");
@@ -153,7 +146,7 @@ TEST_F(FwlabTest, VerifyNamesTheFieldThatDiffers) {
     const std::string verify = "verify package --manifest manifest.toml";
     ExpectEach(verify, {"/manifest.toml", "/package"}, rows);
     // No byte of a package escapes. With another magic or a larger size it is none.
-    Put("/manifest.toml", emmc);
+    Put("/manifest.toml", EmmcManifest());
     for (size_t at = 0; at < emmcPackage.size(); at++) {
         Put("/package", With(emmcPackage, {at, 1}, "~"));
         const bool isNone = at < 4 || (at >= 25 && at < 29);
