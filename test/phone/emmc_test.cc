@@ -1,10 +1,7 @@
 // The eMMC update: registers, selection, download. A failure here means a phone that gets a
 // firmware not meant for it, gets it in part, or is told a false outcome.
-#include "emmc/emmc_update.h"
 #include "test/phone/phone.h"
 
-#include <cerrno>
-#include <cstring>
 #include <filesystem>
 
 namespace {
@@ -42,6 +39,8 @@ const std::string ADMITTED =
 
 const std::string GKI = GkiPhone(), NORMAL = NormalPhone(), ENTRY = EmmcEntry();
 const std::string OTHER_MID = With(ENTRY, EMMC_MID_FIELD, "\x14");
+
+const std::string ZERO_NAME = GkiPhone({{"cid.product_name", "\"SIM\\u0000\\u0000A\""}});
 
 std::string BehindBody(uint32_t size) {
     return With(EmmcEntry("FW000009"), EMMC_SIZE_FIELD, BigEndian32(size)) + ENTRY;
@@ -90,6 +89,11 @@ const struct {
     {"", NO_MATCH, NOTHING, GKI, With(ENTRY, EMMC_REV_FIELD, "\x07")},
     {"", MATCH + EQUAL, NOTHING, GKI, OTHER_MID + EmmcEntry(EMMC_REV) + ENTRY},
     {"", UPDATED, PASS, GKI, EmmcEntry("FW000000")},
+    // Names and revisions are bytes, also behind a zero byte.
+    {"", NO_MATCH, NOTHING, ZERO_NAME,
+     With(OTHER_MID, EMMC_PNM_FIELD, {"SIM\0\0A", 6}) +
+         With(ENTRY, EMMC_PNM_FIELD, {"SIM\0\0B", 6})},
+    {"", UPDATED, PASS, GkiPhone({{"revision", "[5]"}}), OTHER_MID + EmmcEntry({"\5\0\1", 3})},
     {"", UPDATED, PASS, GKI,
      With(OTHER_MID, EMMC_BASE_FIELD, "FW000001....EMMC").substr(0, 48) + ENTRY.substr(4)},
     {"", "(emmc fw) emmcFwSize= 00000038\n" + ADMITTED + GKI_MODE + DONE, PASS, GKI,
@@ -122,6 +126,7 @@ const struct {
      FAIL, NORMAL},
     {"", "Ffu50DownloadImage,line=315: (ffu50) firmware file size error\n" + DOWNLOAD_FAIL, FAIL,
      NORMAL, EmmcEntry(EMMC_NEW_REV, Body(1048577))},
+    {"", UPDATED, PASS, NORMAL, EmmcEntry(EMMC_NEW_REV, Body(1048576))},
 };
 
 TEST_F(EmmcTest, EveryStepHasItsMessagesAndVerdict) {
@@ -131,26 +136,6 @@ TEST_F(EmmcTest, EveryStepHasItsMessagesAndVerdict) {
         ExpectEnd(Console(Run({row.fault})), row.console);
         EXPECT_EQ(Left(), row.left);
         EXPECT_EQ(Get("/device/pending"), row.left == PASS ? "" : MISSING);
-    }
-}
-
-TEST_F(EmmcTest, WholeImageReachesTheDevice) {
-    for (const size_t size : {1UL, 512UL, 513UL, 1048576UL, 1048577UL}) {
-        SCOPED_TRACE(size);
-        const std::string body = Body(size), entry = EmmcEntry(EMMC_NEW_REV, body);
-        Make(GKI, {{EMMC_PACKAGE, entry + "after"}});
-        (void)Run();
-        EXPECT_TRUE(Get("/device/downloaded.bin") == body);
-        if (size <= 1048576) { // whole blocks, with zeros beyond the end of the package
-            Make(NORMAL, {{EMMC_PACKAGE, entry}});
-            const size_t blocks = (size + 511) / 512;
-            EXPECT_EQ(Count(Requests(Run()),
-                            "MMC_IOC_CMD opcode=302 write=1 arg=0 flags=0xb5 blksz=512 blocks=" +
-                                std::to_string(blocks) + " -> 0\n"),
-                      1);
-            EXPECT_TRUE(Get("/device/downloaded.bin") ==
-                        body + std::string(blocks * 512 - size, '\0'));
-        }
     }
 }
 
@@ -179,31 +164,6 @@ TEST_F(EmmcTest, RegistersAreTakenInEitherCaseAndNeverGarbled) {
     ExpectEnd(Console(run),
               "EmmcGetCidFromSysfs,line=180: cid character 0 is no hexadecimal digit\n" + NO_CID);
     EXPECT_EQ(Left(), FAIL);
-}
-
-// The body of the first entry for the device is told, whatever its revision; no other one's is.
-// Names and revisions are bytes, also behind a zero byte.
-TEST(EmmcSelection, BodyIsTheFirstMatchingEntrys) {
-    const std::string rev("FW\0\0\0\0\0A", 8), newRev("FW\0\0\0\0\0B", 8);
-    const auto entry = [](const std::string& carried, const std::string& body = "body") {
-        return With(EmmcEntry(carried, body), EMMC_PNM_FIELD, {"SIM\0\0A", 6});
-    };
-    const std::string others = With(entry(newRev), EMMC_MID_FIELD, "\x14") +
-                               With(entry(newRev), EMMC_PNM_FIELD, {"SIM\0\0B", 6}) +
-                               With(entry(newRev), EMMC_SIZE_FIELD, "\x7F");
-    EmmcFwHeader device;
-    memcpy(&device, entry(rev).data(), sizeof(device));
-    const auto select = [&](const std::string& package, const std::string& body, int status) {
-        const uint8_t* fwBody = nullptr;
-        uint32_t size = 0;
-        const auto* bytes = reinterpret_cast<const uint8_t*>(package.data());
-        EXPECT_EQ(EmmcFwhdrCheck(device, bytes, static_cast<int>(package.size()), fwBody, size),
-                  status);
-        EXPECT_EQ(std::string(fwBody, fwBody + size), body);
-    };
-    select(others, "", -ENOENT);
-    select(others + entry(rev, "same") + entry(newRev), "same", -ENOENT);
-    select(others + entry(newRev, "newer") + entry(rev), "newer", 0);
 }
 
 } // namespace

@@ -50,7 +50,6 @@ const struct {
     {"body of one byte", EmmcEntry(EMMC_NEW_REV, "b"), FOUND + ANY_BASE},
     {"another product revision", With(ENTRY, EMMC_PRV_FIELD, "\x10"), FOUND + ANY_BASE},
     {"lower of two, runs already", EmmcEntry(EMMC_REV) + ENTRY, AsNew(EMMC_REV)},
-    {"in another's body", With(EmmcEntry("9", ENTRY), EMMC_PNM_FIELD, "SIM06X"), FOUND + ANY_BASE},
     {"in another's header",
      With(With(ENTRY, EMMC_PNM_FIELD, "OTHER1"), EMMC_BASE_FIELD, "............EMMC")
              .substr(0, 48) +
@@ -83,8 +82,6 @@ const struct {
     {"UFS, name without blank", With(UFS_ENTRY, UFS_PNM_FIELD, "SIMUFS128G-B0B1"), NOT_FOUND, UFS},
     {"UFS, equals the name up to a zero byte", With(UFS_ENTRY, UFS_PNM_FIELD, {"SIM\0B", 5}),
      NOT_FOUND, UFS_SHORT_NAME},
-    {"UFS, in another's body", With(UfsEntry("9", UFS_ENTRY), UFS_PNM_FIELD, ""),
-     UFS_FOUND + ANY_BASE, UFS},
     {"UFS, in another's header",
      With(With(UFS_ENTRY, UFS_PNM_FIELD, ""), UFS_BASE_FIELD, "............UFSM").substr(0, 64) +
          UFS_ENTRY.substr(4),

@@ -303,22 +303,6 @@ void Select(const RunResult& base, bool hadState, Tried& tried, std::vector<Swee
     jobs.erase(std::remove_if(jobs.begin(), jobs.end(), isLeftOut), jobs.end());
 }
 
-// A device that takes a part of the image is not told as updated.
-void CheckShortReads(const SweepResult& result) {
-    size_t count = 0;
-    for (size_t i = 0; i < result.jobs.size(); i++) {
-        const SweepJob& job = result.jobs[i];
-        const CallEntry& call = result.bases[job.scenario].run.calls[job.call];
-        if (call.function == "read" && Contains(call.path, "ufs_fw_body.bin") &&
-            job.fault.effect == Effect::SHORT && job.fault.value > 0 &&
-            result.bases[job.scenario].verdict == Verdict::UPDATED) {
-            count++;
-            EXPECT_EQ(result.states[result.results[i].left[0].state].verdict, Verdict::WRONG_IMAGE);
-        }
-    }
-    EXPECT_TRUE(count > 0 || everyNth > 1);
-}
-
 class SweepTest : public PhoneTest {};
 
 TEST_F(SweepTest, EachCallFailsAndThePowerAtEachCall) {
@@ -358,7 +342,6 @@ TEST_F(SweepTest, EachCallFailsAndThePowerAtEachCall) {
            "states left, %zu runs\n",
            scenarios.size(), calls, everyNth, static_cast<long>(result.jobs.size()) - cuts, cuts,
            result.states.size(), result.runs);
-    CheckShortReads(result);
     EXPECT_EQ(result.violations.size(), 0U);
     const size_t shown = std::min<size_t>(result.violations.size(), 20);
     for (size_t i = 0; i < shown; i++) {
