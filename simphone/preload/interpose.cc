@@ -275,10 +275,9 @@ char* realpath(const char* path, char* resolved) noexcept {
             return nullptr;
         }
         const char* inside = whole + root;
-        if (resolved == nullptr) {
-            return strdup(inside);
-        }
-        return static_cast<char*>(memcpy(resolved, inside, strlen(inside) + 1));
+        return resolved == nullptr
+                   ? strdup(inside)
+                   : static_cast<char*>(memcpy(resolved, inside, strlen(inside) + 1));
     });
 }
 SAME(__realpath_chk, realpath); // the checked variant, without the size

@@ -53,27 +53,6 @@ bool Matches(const Fault& fault, const Call& call) {
            (fault.path.empty() || fault.path == call.path);
 }
 
-// Counts the call for every fault; the first one that it meets has its effect, if the call can have
-// it. A fault that has its effect for the first time is noted.
-void MeetFault(Call& call) {
-    ActiveFault* met = nullptr;
-    for (ActiveFault& active : session->faults) {
-        if (Matches(active.fault, call)) {
-            active.seen++;
-            const bool isIn = active.seen >= active.fault.first && active.seen <= active.fault.last;
-            met = met == nullptr && isIn ? &active : met;
-        }
-    }
-    if (met == nullptr || !CanHave(call.function, met->fault.effect)) {
-        return;
-    }
-    if (!met->isMet) {
-        Append(FaultLine(static_cast<size_t>(met - session->faults.data()), met->fault));
-        met->isMet = true;
-    }
-    call.fault = &met->fault;
-}
-
 // What has been printed so far, the C library's buffer included; it is emptied on the way. 0 when
 // the tool has closed its standard output.
 long long ConsoleBytes() {
@@ -139,18 +118,29 @@ std::string HostPath(const char* path) {
 void BeginCall(Call& call) {
     isCallUnderWay = true;
     call.number = ++session->calls;
-    MeetFault(call);
     call.consoleBytes = call.request || call.IsMessage() ? ConsoleBytes() : 0;
-    if (call.fault == nullptr) {
+    ActiveFault* met = nullptr;
+    for (ActiveFault& active : session->faults) {
+        if (Matches(active.fault, call)) {
+            active.seen++;
+            const bool isIn = active.seen >= active.fault.first && active.seen <= active.fault.last;
+            met = met == nullptr && isIn ? &active : met;
+        }
+    }
+    if (met == nullptr || !CanHave(call.function, met->fault.effect)) {
         return;
     }
-    const Effect effect = call.fault->effect;
-    if (effect == Effect::ENDS) {
+    if (!met->isMet) {
+        Append(FaultLine(static_cast<size_t>(met - session->faults.data()), met->fault));
+        met->isMet = true;
+    }
+    call.fault = &met->fault;
+    call.replaced = met->fault.effect <= Effect::RETURNS;
+    if (met->fault.effect == Effect::ENDS) {
         EndPower();
     }
-    call.replaced = effect == Effect::FAILS || effect == Effect::RETURNS;
     if (!call.replaced && call.count != nullptr) {
-        *call.count = std::min(*call.count, static_cast<size_t>(call.fault->value));
+        *call.count = std::min(*call.count, static_cast<size_t>(met->fault.value));
     }
 }
 

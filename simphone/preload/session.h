@@ -54,7 +54,8 @@ bool IsOfTheTool(void* caller);
 bool IsPhonePath(const std::string& path);
 std::string HostPath(const char* path);
 
-// Counts the call and finds the fault that it meets, if any. Does not return from the end of power.
+// Counts the call, also for every fault; the first one that it meets has its effect, if the call
+// can have it, and is noted if that is for the first time. Does not return from the end of power.
 void BeginCall(Call& call);
 
 inline std::string ResultText(long long number) {
