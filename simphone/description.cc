@@ -8,29 +8,20 @@
 
 #include <climits>
 #include <iomanip>
-#include <map>
 #include <sstream>
 #include <stdexcept>
 
 namespace {
 
+// In the order of their enumerators.
+constexpr const char* ANSWERS[] = {"good", "sense", "descriptor-sense", "status", "host", "driver"};
+
 bool ParseAnswer(const std::string& text, DeviceAnswer& answer) {
-    static const std::map<std::string, DeviceAnswer::Kind> kinds = {
-        {"sense", DeviceAnswer::Kind::SENSE},
-        {"descriptor-sense", DeviceAnswer::Kind::DESCRIPTOR_SENSE},
-        {"status", DeviceAnswer::Kind::STATUS},
-        {"host", DeviceAnswer::Kind::HOST_STATUS},
-        {"driver", DeviceAnswer::Kind::DRIVER_STATUS},
-        {"good", DeviceAnswer::Kind::ACCEPTED}};
     std::istringstream words(text);
     std::string kind, rest;
     words >> kind;
-    const auto found = kinds.find(kind);
-    bool isRight = found != kinds.end();
-    if (!isRight) {
-        return false;
-    }
-    answer = {found->second, 0, 0, 0, 0};
+    answer.kind = static_cast<DeviceAnswer::Kind>(PlaceOf(kind, ANSWERS));
+    bool isRight = PlaceOf(kind, ANSWERS) < std::size(ANSWERS);
     if (answer.IsSense()) {
         unsigned key = 0, asc = 0, ascq = 0;
         char slash = 0, secondSlash = 0;
@@ -39,7 +30,7 @@ bool ParseAnswer(const std::string& text, DeviceAnswer& answer) {
         answer.asc = static_cast<uint8_t>(asc);
         answer.ascq = static_cast<uint8_t>(ascq);
         isRight = words && slash == '/' && secondSlash == '/' && key < 16 && (asc | ascq) < 256;
-    } else if (answer.kind != DeviceAnswer::Kind::ACCEPTED) {
+    } else if (isRight && answer.kind != DeviceAnswer::Kind::ACCEPTED) {
         words >> std::setbase(0) >> answer.value;
         isRight = words && answer.value > 0 && answer.value < 256;
     }

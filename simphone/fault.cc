@@ -46,13 +46,12 @@ bool ParseNumber(const std::string& text, long& number) {
 constexpr const char* EFFECTS[] = {"returns=", "short=", "torn=", "end"}; // from RETURNS on
 constexpr const char* LOSSES[] = {"lost=", "empty=", "gone=", "back=", "zeros="};
 
-// The place of a word's beginning, up to its "=", in a table of SIZE; SIZE if it is not there.
+// The place of the word's beginning, up to its "=", in the table; `rest` is what stands behind it.
 template <size_t SIZE>
 size_t Find(const char* const (&table)[SIZE], const std::string& word, std::string& rest) {
     const size_t begin = std::min(word.find('='), word.size() - 1) + 1;
     rest = word.substr(begin);
-    return static_cast<size_t>(
-        std::find(std::begin(table), std::end(table), word.substr(0, begin)) - std::begin(table));
+    return PlaceOf(word.substr(0, begin), table);
 }
 
 bool ParseEffect(const std::string& word, Fault& fault) {

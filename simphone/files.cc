@@ -2,13 +2,12 @@
 // written, as on a phone.
 #include "simphone/files.h"
 
-#include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
 #include <unistd.h>
 
-std::system_error FailureOf(const std::string& path) {
-    return {errno, std::generic_category(), path};
+std::system_error FailureOf(const std::string& path, int error) {
+    return {error, std::generic_category(), path};
 }
 
 bool ReadWholeFile(const std::string& path, std::string& content) {

@@ -1,12 +1,13 @@
 // Whole files, for the phone's library and for the workstation side alike.
 #pragma once
 
+#include <cerrno>
 #include <string>
 #include <string_view>
 #include <system_error>
 
-// To throw: why a call at this path has just failed (errno).
-std::system_error FailureOf(const std::string& path);
+// To throw: why a call at this path has failed.
+std::system_error FailureOf(const std::string& path, int error = errno);
 
 // The whole content; false if the file cannot be read (errno tells why; the content is empty then).
 [[nodiscard]] bool ReadWholeFile(const std::string& path, std::string& content);

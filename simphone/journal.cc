@@ -5,9 +5,7 @@
 #include "simphone/files.h"
 #include "simphone/text.h"
 
-#include <algorithm>
 #include <cstdlib>
-#include <iterator>
 #include <sstream>
 
 namespace {
@@ -23,7 +21,7 @@ template <typename Enumeration, size_t SIZE>
 Enumeration Read(std::istringstream& words, const char* const (&names)[SIZE]) {
     std::string word;
     words >> word;
-    return static_cast<Enumeration>(std::find(names, std::end(names) - 1, word) - names);
+    return static_cast<Enumeration>(PlaceOf(word, names));
 }
 
 // The rest of a line behind the words that were read, without the blank in front.

@@ -1,7 +1,9 @@
 // Texts: bytes made fit for people and for lines of a file, and back.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
+#include <iterator>
 #include <string>
 
 // One line of printable characters: line feeds become \n, backslashes \\, every other byte \xHH.
@@ -23,3 +25,8 @@ std::string Hex(const void* data, size_t size);
 
 // What printf would print, at most 4095 bytes of it.
 std::string Text(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+// The place of the text among the names; SIZE if it is none of them.
+template <size_t SIZE> size_t PlaceOf(const std::string& text, const char* const (&names)[SIZE]) {
+    return static_cast<size_t>(std::find(std::begin(names), std::end(names), text) - names);
+}

@@ -39,29 +39,12 @@ struct Descriptor {
             throw FailureOf(name);
         }
     }
-    Descriptor(const std::string& path, int flags)
-        : Descriptor(open(path.c_str(), flags | O_CLOEXEC), path) {
-    }
     ~Descriptor() {
+        flock(fd, LOCK_UN); // a process that another thread has forked may have it, too
         close(fd);
     }
     Descriptor(const Descriptor&) = delete;
     Descriptor& operator=(const Descriptor&) = delete;
-};
-
-// Keeps other runs off a phone.
-struct PhoneLock {
-    Descriptor directory;
-    explicit PhoneLock(const std::string& path) : directory(path, O_RDONLY | O_DIRECTORY) {
-        if (flock(directory.fd, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
-            throw std::runtime_error(path + ": another run is on this phone");
-        }
-    }
-    ~PhoneLock() { // a process that another thread has forked may have the descriptor, too
-        flock(directory.fd, LOCK_UN);
-    }
-    PhoneLock(const PhoneLock&) = delete;
-    PhoneLock& operator=(const PhoneLock&) = delete;
 };
 
 // What a run starts: the tool on a phone, with the library of the phone in it.
@@ -74,12 +57,6 @@ struct Start {
 std::runtime_error Unkept(const Start& start, const std::string& why) {
     return std::runtime_error(start.phone.directory + ": the run could not be kept: " + why);
 }
-
-// How a process ended, and what it has written.
-struct Ended {
-    int status;
-    std::string console, errors;
-};
 
 // What the new process needs, all of it made before the fork.
 struct Process {
@@ -94,8 +71,7 @@ struct Process {
     sigset_t none; // that this program holds back does not concern the tool
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
-    const struct sigaction standard = {};
-    sigaction(SIGXFSZ, &standard, nullptr);
+    signal(SIGXFSZ, SIG_DFL);
     // These outlive exec: the tool ends by SIGALRM, and with the thread that waits for it.
     alarm(process.secondsLimit);
     prctl(PR_SET_PDEATHSIG, SIGKILL);
@@ -106,16 +82,6 @@ struct Process {
     const char* why = strerrordesc_np(errno);
     (void)!write(process.errors, why, strlen(why));
     _exit(EXIT_NO_PHONE);
-}
-
-// Returns when the new process has become the tool, or has ended: its number, -1 with errno. No
-// page of this program is copied for it, which would take longer than the tool's run.
-pid_t Spawn(const Process& process) {
-    const pid_t child = vfork();
-    if (child == 0) {
-        Become(process);
-    }
-    return child;
 }
 
 std::vector<char*> Pointers(Texts& texts) {
@@ -146,13 +112,15 @@ std::string LastLine(std::string text) {
     return text.substr(text.rfind('\n') + 1);
 }
 
-// Returns when the tool has ended; with `onlyLoad` it ends when it is loaded, and tells what was
-// loaded. The library is named by a descriptor: LD_PRELOAD takes no path with a blank or a colon.
-Ended Execute(const Start& start, bool onlyLoad) {
+// Returns how the tool has ended and what it has written; with `onlyLoad` it ends when it is
+// loaded, and tells what was loaded. The library is named by a descriptor: LD_PRELOAD takes no path
+// with a blank or a colon.
+RunResult Execute(const Start& start, bool onlyLoad) {
     const RunOptions& options = start.options;
     const Descriptor library(OpenHigh(start.phoneLibrary, O_RDONLY), start.phoneLibrary),
-        null("/dev/null", O_RDONLY), out(memfd_create("console", MFD_CLOEXEC), "a file in memory"),
-        err(memfd_create("errors", MFD_CLOEXEC), "a file in memory");
+        null(open("/dev/null", O_RDONLY | O_CLOEXEC), "/dev/null"),
+        console(memfd_create("console", MFD_CLOEXEC), "a file in memory"),
+        errors(memfd_create("errors", MFD_CLOEXEC), "a file in memory");
     Texts loading = {"LD_PRELOAD=/proc/self/fd/" + std::to_string(library.fd)};
     loading.insert(loading.end(), onlyLoad ? 1 : 0, "LD_TRACE_LOADED_OBJECTS=1");
     std::string faults;
@@ -173,20 +141,33 @@ Ended Execute(const Start& start, bool onlyLoad) {
     }
     words.push_back(start.tool);
     Texts environment = Environment(variables);
-    const pid_t child = Spawn({null.fd, out.fd, err.fd, library.fd, Pointers(words),
-                               Pointers(environment), options.secondsLimit});
+    const Process process = {null.fd,
+                             console.fd,
+                             errors.fd,
+                             library.fd,
+                             Pointers(words),
+                             Pointers(environment),
+                             options.secondsLimit};
+    const pid_t child = vfork(); // no page is copied, which would take longer than the tool's run
+    if (child == 0) {
+        Become(process);
+    }
     if (child < 0) {
         throw FailureOf(start.tool);
     }
     int status = 0;
     while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
     }
-    const Ended ended = {status, WholeFile("/proc/self/fd/" + std::to_string(out.fd)),
-                         WholeFile("/proc/self/fd/" + std::to_string(err.fd))};
-    if (WIFEXITED(status) && WEXITSTATUS(status) == EXIT_NO_PHONE) {
-        throw Unkept(start, LastLine(ended.errors));
+    RunResult result = {};
+    result.exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    result.signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
+    result.timedOut = result.signal == SIGALRM;
+    result.console = WholeFile("/proc/self/fd/" + std::to_string(console.fd));
+    result.errors = WholeFile("/proc/self/fd/" + std::to_string(errors.fd));
+    if (result.exitStatus == EXIT_NO_PHONE) {
+        throw Unkept(start, LastLine(result.errors));
     }
-    return ended;
+    return result;
 }
 
 // Whether the program is loaded by glibc's dynamic linker, which alone does what is asked below.
@@ -234,8 +215,8 @@ std::string FindLibrary(Start start) {
                                  ": is no program that loads the phone's library (dynamically "
                                  "linked to glibc, without more rights than its user's)");
     }
-    const Ended ended = Execute(start, true);
-    const std::string loaded = ended.console + ended.errors;
+    const RunResult result = Execute(start, true);
+    const std::string loaded = result.console + result.errors;
     if (loaded.find("/proc/self/fd/") == std::string::npos ||
         loaded.find("cannot be preloaded") != std::string::npos) {
         throw std::runtime_error(tool + ": does not load " + start.phoneLibrary + ": " +
@@ -324,7 +305,11 @@ std::string Companion(const std::string& name) {
 }
 
 RunResult RunTool(const Phone& phone, const std::string& tool, const RunOptions& options) {
-    const PhoneLock lock(phone.directory);
+    const Descriptor directory(open(phone.directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC),
+                               phone.directory);
+    if (flock(directory.fd, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
+        throw std::runtime_error(phone.directory + ": another run is on this phone");
+    }
     const std::string journal = phone.directory + JOURNAL_FILE,
                       console = phone.directory + "/console.log",
                       errors = phone.directory + "/errors.log";
@@ -338,16 +323,11 @@ RunResult RunTool(const Phone& phone, const std::string& tool, const RunOptions&
     WriteWholeFile(console, "");
     WriteWholeFile(errors, "");
     start.phoneLibrary = LibraryOf(start);
-    RunResult result = {};
-    result.before = ReadStateDirectory(phone.directory);
-    const Ended ended = Execute(start, false);
-    result.console = ended.console;
-    result.errors = ended.errors;
+    const StateDirectory before = ReadStateDirectory(phone.directory);
+    RunResult result = Execute(start, false);
+    result.before = before;
     WriteWholeFile(console, result.console);
     WriteWholeFile(errors, result.errors);
-    result.exitStatus = WIFEXITED(ended.status) ? WEXITSTATUS(ended.status) : -1;
-    result.signal = WIFSIGNALED(ended.status) ? WTERMSIG(ended.status) : 0;
-    result.timedOut = result.signal == SIGALRM;
     ReadRun(start, result);
     return result;
 }

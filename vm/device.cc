@@ -121,8 +121,7 @@ void WriteBuffer(const Device& device, Command& command) {
         Log(log, text + "power cut\n");
         EndPower(device);
     }
-    const Description phone = ReadPhone(device);
-    const size_t turn = std::min(RequestsBefore(log), phone.answers.size() - 1);
+    const Phone phone = {device.phone, ReadPhone(device)};
     sg_io_hdr request = {};
     request.interface_id = 'S';
     request.cmdp = cdb;
@@ -133,7 +132,7 @@ void WriteBuffer(const Device& device, Command& command) {
     request.sbp = command.sense;
     request.mx_sb_len = sizeof(command.sense);
     Reply reply;
-    const int error = AnswerScsi(device.phone, phone.answers[turn], 0, O_RDWR, request, reply);
+    const int error = AnswerScsi(phone, RequestsBefore(log), O_RDWR, request, reply);
     if (error != 0) {
         Stop(std::string("WRITE BUFFER: ") + strerror(error));
     }

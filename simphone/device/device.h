@@ -6,8 +6,8 @@
 // device's answers: std::system_error.
 #pragma once
 
-#include "simphone/description.h"
 #include "simphone/journal.h"
+#include "simphone/phone.h"
 
 #include <linux/mmc/ioctl.h>
 #include <scsi/sg.h>
@@ -33,14 +33,11 @@ struct Reply {
 
 // Carries out one MMC_IOC_CMD. Returns 0 or the error number that the driver gives.
 // `openFlags` are those of the descriptor.
-int AnswerMmc(const std::string& directory, bool gki, int openFlags, mmc_ioc_cmd& command,
-              Reply& reply);
+int AnswerMmc(const Phone& phone, int openFlags, mmc_ioc_cmd& command, Reply& reply);
 
 // The write to the GKI node: the bytes that reach the driver, which installs a whole image.
-void TakeGkiImage(const std::string& directory, std::string_view image, bool isWhole, Reply& reply);
+void TakeGkiImage(const Phone& phone, std::string_view image, bool isWhole, Reply& reply);
 
-// Carries out one SG_IO; a WRITE BUFFER that is in order gets `answer`. Returns 0 with the response
-// in the request, or the error number that the kernel gives, EIO for more than maxHwSectorsKb KiB
-// (0: no limit).
-int AnswerScsi(const std::string& directory, const DeviceAnswer& answer, uint32_t maxHwSectorsKb,
-               int openFlags, sg_io_hdr& request, Reply& reply);
+// Carries out one SG_IO, behind so many others of the run. Returns 0 with the response in the
+// request, or the error number that the kernel gives.
+int AnswerScsi(const Phone& phone, size_t before, int openFlags, sg_io_hdr& request, Reply& reply);

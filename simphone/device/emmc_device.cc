@@ -67,8 +67,8 @@ Request DescribeGkiWrite(size_t size) {
     return {RequestKind::GKI_WRITE, Taken::NOTHING, Text("GKI write %zu", size)};
 }
 
-int AnswerMmc(const std::string& directory, bool gki, int openFlags, mmc_ioc_cmd& command,
-              Reply& reply) {
+int AnswerMmc(const Phone& phone, int openFlags, mmc_ioc_cmd& command, Reply& reply) {
+    const auto& [directory, description] = phone;
     const bool isInstall = command.opcode == FFU_INSTALL;
     if ((openFlags & O_ACCMODE) != O_RDWR) {
         return EPERM;
@@ -83,9 +83,9 @@ int AnswerMmc(const std::string& directory, bool gki, int openFlags, mmc_ioc_cmd
     int status = EINVAL;
     if (command.opcode == SEND_EXT_CSD) {
         status = SendExtCsd(directory, command);
-    } else if (command.opcode == FFU_DOWNLOAD && !gki) {
+    } else if (command.opcode == FFU_DOWNLOAD && !description.gki) {
         status = Download(directory, command);
-    } else if (isInstall && !gki && command.write_flag == 0 && command.blocks == 0) {
+    } else if (isInstall && !description.gki && command.write_flag == 0 && command.blocks == 0) {
         status = Install(directory);
     }
     if (status == 0) {
@@ -95,11 +95,10 @@ int AnswerMmc(const std::string& directory, bool gki, int openFlags, mmc_ioc_cmd
     return status;
 }
 
-void TakeGkiImage(const std::string& directory, std::string_view image, bool isWhole,
-                  Reply& reply) {
-    WriteWholeFile(directory + "/device/downloaded.bin", image);
+void TakeGkiImage(const Phone& phone, std::string_view image, bool isWhole, Reply& reply) {
+    WriteWholeFile(phone.directory + "/device/downloaded.bin", image);
     if (isWhole) {
-        WriteWholeFile(directory + "/device/pending", "");
+        WriteWholeFile(phone.directory + "/device/pending", "");
     }
     reply.taken = isWhole ? Taken::WHOLE : image.empty() ? Taken::NOTHING : Taken::PART;
 }

@@ -95,8 +95,8 @@ Request DescribeScsiReset(int type) {
     return {RequestKind::SCSI_RESET, Taken::NOTHING, Text("SG_SCSI_RESET type=%d", type)};
 }
 
-int AnswerScsi(const std::string& directory, const DeviceAnswer& answer, uint32_t maxHwSectorsKb,
-               int openFlags, sg_io_hdr& request, Reply& reply) {
+int AnswerScsi(const Phone& phone, size_t before, int openFlags, sg_io_hdr& request, Reply& reply) {
+    const auto& [directory, description] = phone;
     if ((openFlags & O_ACCMODE) != O_RDWR) {
         return EPERM;
     }
@@ -104,7 +104,7 @@ int AnswerScsi(const std::string& directory, const DeviceAnswer& answer, uint32_
         request.dxfer_direction > SG_DXFER_NONE || request.dxfer_direction < SG_DXFER_TO_FROM_DEV) {
         return EINVAL;
     }
-    if (maxHwSectorsKb > 0 && request.dxfer_len > maxHwSectorsKb * 1024) {
+    if (description.maxHwSectorsKb > 0 && request.dxfer_len > description.maxHwSectorsKb * 1024) {
         return EIO;
     }
     if (request.cmdp == nullptr || (request.dxfer_len > 0 && request.dxferp == nullptr)) {
@@ -114,6 +114,8 @@ int AnswerScsi(const std::string& directory, const DeviceAnswer& answer, uint32_
         reply.text = RespondSense(request, {DeviceAnswer::Kind::SENSE, 0, ILLEGAL_REQUEST, asc, 0});
         return 0;
     }
+    const auto& answers = description.answers;
+    const DeviceAnswer& answer = answers[std::min(before, answers.size() - 1)];
     const bool isTaken = answer.kind == DeviceAnswer::Kind::ACCEPTED ||
                          (answer.IsSense() && answer.key <= RECOVERED_ERROR);
     if (isTaken && request.dxfer_len > 0) {

@@ -26,6 +26,13 @@
     NEXT(name);                                                                                    \
     if (!IsOfTheTool(__builtin_return_address(0)))                                                 \
     return next(__VA_ARGS__)
+// The whole of most entry points: how others' calls are passed on, what is noted of the tool's, and
+// how these are carried out.
+#define COUNTED(name, passed, path, arguments, ...)                                                \
+    NEXT(name);                                                                                    \
+    if (!IsOfTheTool(__builtin_return_address(0)))                                                 \
+        return next passed;                                                                        \
+    return Counted({{#name, path, arguments}}, [&] { return __VA_ARGS__; })
 // A second name of the same entry point: the large-file variants are the same calls on 64 bits.
 #define SAME(other, name) asm(".globl " #other "\n.set " #other ", " #name "\n")
 
@@ -52,13 +59,13 @@ Node NodeOf(const char* path) {
 }
 
 // The host's file system may not take direct I/O; Misaligned checks what a phone's would demand.
-template <typename Perform>
-int OpenCall(const char* function, const char* path, int flags, mode_t mode, Perform perform) {
+int OpenCall(const char* function, const char* path, int flags, mode_t mode) {
+    NEXT(open);
     std::string arguments = Text("flags=0x%x", static_cast<unsigned>(flags));
     arguments += (flags & O_CREAT) != 0 ? Text(" mode=0%o", mode) : "";
     return Counted({{function, path, arguments}}, [&] {
-        const int fd =
-            perform(HostPath(path).c_str(), IsPhonePath(path) ? flags & ~O_DIRECT : flags);
+        const int kept = IsPhonePath(path) ? flags & ~O_DIRECT : flags;
+        const int fd = next(HostPath(path).c_str(), kept, mode);
         if (fd >= 0) {
             session->descriptors[fd] = {path, flags, NodeOf(path)};
         }
@@ -75,7 +82,7 @@ bool Misaligned(int fd, const OpenFile& file, const void* data, size_t count) {
 // The host's path of a file that is about to be removed: a power cut may bring it back.
 std::string KeptPath(const char* path) {
     namespace fs = std::filesystem;
-    const std::string host = HostPath(path), folder = session->directory + REMOVED_FOLDER;
+    const std::string host = HostPath(path), folder = session->phone.directory + REMOVED_FOLDER;
     std::error_code status;
     if (fs::path(path).parent_path() == "/data/vendor/fw" && fs::is_regular_file(host, status)) {
         const fs::path kept = folder + fs::path(path).filename().string() + REMOVED_SUFFIX;
@@ -96,29 +103,28 @@ int Failing(int error) {
     return error != 0 ? -1 : 0;
 }
 
-// A request to the storage device, which the faults know by `name`.
-template <typename Perform>
-int DeviceCall(int fd, const OpenFile& file, const char* name, const Request& request,
-               Perform perform) {
+// A request to the storage device, which the faults know by its name.
+int DeviceCall(int fd, const OpenFile& file, unsigned long number, void* argument) {
+    auto* scsi = static_cast<sg_io_hdr*>(argument);
+    auto* mmc = static_cast<mmc_ioc_cmd*>(argument);
+    const Request request = number == SG_IO ? DescribeScsi(*scsi)
+                            : number == MMC_IOC_CMD
+                                ? DescribeMmc(*mmc)
+                                : DescribeScsiReset(*static_cast<int*>(argument));
+    const char* name = number == SG_IO         ? "SG_IO"
+                       : number == MMC_IOC_CMD ? KindName(request.kind)
+                                               : "SG_SCSI_RESET";
     Reply reply;
     Call call{{"ioctl", file.path, Text("fd=%d request=%s", fd, name)}, name, &reply};
     call.request = request;
-    return Counted(call, [&] { return Failing(perform(reply)); });
-}
-
-int ScsiCall(int fd, const OpenFile& file, sg_io_hdr& request) {
-    return DeviceCall(fd, file, "SG_IO", DescribeScsi(request), [&](Reply& reply) {
-        const auto& answers = session->phone.answers;
-        const size_t turn = std::min(session->scsiRequests++, answers.size() - 1);
-        return AnswerScsi(session->directory, answers[turn], session->phone.maxHwSectorsKb,
-                          file.flags, request, reply);
-    });
-}
-
-int MmcCall(int fd, const OpenFile& file, mmc_ioc_cmd& command) {
-    const Request request = DescribeMmc(command);
-    return DeviceCall(fd, file, KindName(request.kind), request, [&](Reply& reply) {
-        return AnswerMmc(session->directory, session->phone.gki, file.flags, command, reply);
+    return Counted(call, [&] {
+        if (number == SG_SCSI_RESET) {
+            reply.taken = Taken::WHOLE;
+            return 0;
+        }
+        return Failing(number == SG_IO ? AnswerScsi(session->phone, session->scsiRequests++,
+                                                    file.flags, *scsi, reply)
+                                       : AnswerMmc(session->phone, file.flags, *mmc, reply));
     });
 }
 
@@ -135,8 +141,7 @@ int open(const char* path, int flags, ...) {
         va_end(more);
     }
     PASS_OTHERS(open, path, flags, mode);
-    return OpenCall("open", path, flags, mode,
-                    [&](const char* host, int kept) { return next(host, kept, mode); });
+    return OpenCall("open", path, flags, mode);
 }
 SAME(open64, open);
 SAME(__open_2, open); // the checked variant, without a mode
@@ -144,15 +149,12 @@ SAME(__open64_2, open);
 
 int creat(const char* path, mode_t mode) {
     PASS_OTHERS(creat, path, mode);
-    return OpenCall("creat", path, O_CREAT | O_WRONLY | O_TRUNC, mode,
-                    [&](const char* host, int) { return next(host, mode); });
+    return OpenCall("creat", path, O_CREAT | O_WRONLY | O_TRUNC, mode);
 }
 SAME(creat64, creat);
 
 int access(const char* path, int mode) noexcept {
-    PASS_OTHERS(access, path, mode);
-    return Counted({{"access", path, Text("mode=%d", mode)}},
-                   [&] { return next(HostPath(path).c_str(), mode); });
+    COUNTED(access, (path, mode), path, Text("mode=%d", mode), next(HostPath(path).c_str(), mode));
 }
 
 ssize_t read(int fd, void* data, size_t count) {
@@ -179,7 +181,7 @@ ssize_t write(int fd, const void* data, size_t count) {
     }
     return Counted(call, [&]() -> ssize_t {
         if (file.node == Node::GKI) {
-            TakeGkiImage(session->directory, {static_cast<const char*>(data), count},
+            TakeGkiImage(session->phone, {static_cast<const char*>(data), count},
                          count == asked && asked > 0, reply);
             return static_cast<ssize_t>(count);
         }
@@ -199,16 +201,13 @@ ssize_t write(int fd, const void* data, size_t count) {
 }
 
 off_t lseek(int fd, off_t offset, int whence) noexcept {
-    PASS_OTHERS(lseek, fd, offset, whence);
-    return Counted(
-        {{"lseek", Opened(fd).path, Text("fd=%d offset=%ld whence=%d", fd, offset, whence)}},
-        [&] { return next(fd, offset, whence); });
+    COUNTED(lseek, (fd, offset, whence), Opened(fd).path,
+            Text("fd=%d offset=%ld whence=%d", fd, offset, whence), next(fd, offset, whence));
 }
 SAME(lseek64, lseek);
 
 int fsync(int fd) {
-    PASS_OTHERS(fsync, fd);
-    return Counted({{"fsync", Opened(fd).path, Text("fd=%d", fd)}}, [&] { return next(fd); });
+    COUNTED(fsync, (fd), Opened(fd).path, Text("fd=%d", fd), next(fd));
 }
 
 int close(int fd) {
@@ -246,45 +245,39 @@ void* mmap(void* place, size_t size, int protection, int flags, int fd, off_t of
 SAME(mmap64, mmap);
 
 int munmap(void* place, size_t size) noexcept {
-    PASS_OTHERS(munmap, place, size);
-    return Counted({{"munmap", "-", Text("pointer=%p size=%zu", place, size)}},
-                   [&] { return next(place, size); });
+    COUNTED(munmap, (place, size), "-", Text("pointer=%p size=%zu", place, size),
+            next(place, size));
 }
 
 int remove(const char* path) noexcept {
-    PASS_OTHERS(remove, path);
-    return Counted({{"remove", path, ""}}, [&] { return next(KeptPath(path).c_str()); });
+    COUNTED(remove, (path), path, "", next(KeptPath(path).c_str()));
 }
 
 int unlink(const char* path) noexcept {
-    PASS_OTHERS(unlink, path);
-    return Counted({{"unlink", path, ""}}, [&] { return next(KeptPath(path).c_str()); });
+    COUNTED(unlink, (path), path, "", next(KeptPath(path).c_str()));
 }
 
 int mkdir(const char* path, mode_t mode) noexcept {
-    PASS_OTHERS(mkdir, path, mode);
-    return Counted({{"mkdir", path, Text("mode=%u", mode)}},
-                   [&] { return next(HostPath(path).c_str(), mode); });
+    COUNTED(mkdir, (path, mode), path, Text("mode=%u", mode), next(HostPath(path).c_str(), mode));
 }
 
 // A phone path resolves to the phone's own path; a link that leads out of the phone leads nowhere.
 char* realpath(const char* path, char* resolved) noexcept {
     PASS_OTHERS(realpath, path, resolved);
     return Counted({{"realpath", path, ""}}, [&]() -> char* {
-        const size_t root = IsPhonePath(path) ? session->directory.size() : 0;
+        const size_t root = IsPhonePath(path) ? session->phone.directory.size() : 0;
         char whole[PATH_MAX];
         if (next(HostPath(path).c_str(), whole) == nullptr) {
             return nullptr;
         }
-        if (session->directory.compare(0, root, whole, root) != 0) {
+        if (session->phone.directory.compare(0, root, whole, root) != 0) {
             errno = ENOENT;
             return nullptr;
         }
         const char* inside = whole + root;
-        if (resolved == nullptr) {
-            return strdup(inside);
-        }
-        return static_cast<char*>(memcpy(resolved, inside, strlen(inside) + 1));
+        return resolved == nullptr
+                   ? strdup(inside)
+                   : static_cast<char*>(memcpy(resolved, inside, strlen(inside) + 1));
     });
 }
 SAME(__realpath_chk, realpath); // the checked variant, without the size
@@ -296,33 +289,23 @@ int ioctl(int fd, unsigned long request, ...) noexcept {
     va_end(more);
     PASS_OTHERS(ioctl, fd, request, argument);
     const OpenFile file = Opened(fd);
-    if (argument != nullptr && file.node == Node::SCSI && request == SG_SCSI_RESET) {
-        const Request reset = DescribeScsiReset(*static_cast<int*>(argument));
-        return DeviceCall(fd, file, "SG_SCSI_RESET", reset, [](Reply& reply) {
-            reply.taken = Taken::WHOLE;
-            return 0;
-        });
-    }
-    if (argument != nullptr && file.node == Node::SCSI && request == SG_IO) {
-        return ScsiCall(fd, file, *static_cast<sg_io_hdr*>(argument));
-    }
-    if (argument != nullptr && file.node == Node::MMC && request == MMC_IOC_CMD) {
-        return MmcCall(fd, file, *static_cast<mmc_ioc_cmd*>(argument));
+    const bool isDevices = file.node == Node::SCSI
+                               ? request == SG_IO || request == SG_SCSI_RESET
+                               : file.node == Node::MMC && request == MMC_IOC_CMD;
+    if (argument != nullptr && isDevices) {
+        return DeviceCall(fd, file, request, argument);
     }
     return Counted({{"ioctl", file.path, Text("fd=%d request=0x%lx", fd, request)}},
                    [&] { return next(fd, request, argument); });
 }
 
 void* calloc(size_t count, size_t size) noexcept {
-    PASS_OTHERS(calloc, count, size);
-    return Counted({{"calloc", "-", Text("count=%zu size=%zu", count, size)}},
-                   [&] { return next(count, size); });
+    COUNTED(calloc, (count, size), "-", Text("count=%zu size=%zu", count, size), next(count, size));
 }
 
 void* memalign(size_t alignment, size_t size) noexcept {
-    PASS_OTHERS(memalign, alignment, size);
-    return Counted({{"memalign", "-", Text("alignment=%zu size=%zu", alignment, size)}},
-                   [&] { return next(alignment, size); });
+    COUNTED(memalign, (alignment, size), "-", Text("alignment=%zu size=%zu", alignment, size),
+            next(alignment, size));
 }
 
 // The only call here that returns its error number; errno is left alone.
@@ -341,7 +324,7 @@ int gettimeofday(timeval* now, void* zone) noexcept {
     PASS_OTHERS(gettimeofday, now, zone);
     return Counted({{"gettimeofday", "-", ""}}, [&] {
         const int result = next(now, zone);
-        *now = session->phone.clock.value_or(*now);
+        *now = session->phone.description.clock.value_or(*now);
         return result;
     });
 }
@@ -349,7 +332,7 @@ int gettimeofday(timeval* now, void* zone) noexcept {
 time_t time(time_t* now) noexcept {
     PASS_OTHERS(time, now);
     return Counted({{"time", "-", ""}}, [&] {
-        const auto& clock = session->phone.clock;
+        const auto& clock = session->phone.description.clock;
         const time_t seconds = clock ? clock->tv_sec : next(nullptr);
         if (now != nullptr) {
             *now = seconds;
@@ -359,19 +342,15 @@ time_t time(time_t* now) noexcept {
 }
 
 tm* localtime(const time_t* seconds) noexcept {
-    PASS_OTHERS(localtime, seconds);
-    return Counted({{"localtime", "-", Text("seconds=%ld", *seconds)}},
-                   [&] { return next(seconds); });
+    COUNTED(localtime, (seconds), "-", Text("seconds=%ld", *seconds), next(seconds));
 }
 
 char* ctime(const time_t* seconds) noexcept {
-    PASS_OTHERS(ctime, seconds);
-    return Counted({{"ctime", "-", Text("seconds=%ld", *seconds)}}, [&] { return next(seconds); });
+    COUNTED(ctime, (seconds), "-", Text("seconds=%ld", *seconds), next(seconds));
 }
 
 unsigned sleep(unsigned seconds) {
-    PASS_OTHERS(sleep, seconds);
-    return Counted({{"sleep", "-", Text("seconds=%u", seconds)}}, [] { return 0U; });
+    COUNTED(sleep, (seconds), "-", Text("seconds=%u", seconds), 0U);
 }
 
 FILE* fopen(const char* path, const char* mode) {
@@ -387,9 +366,7 @@ FILE* fopen(const char* path, const char* mode) {
 SAME(fopen64, fopen);
 
 char* fgets(char* line, int size, FILE* stream) {
-    PASS_OTHERS(fgets, line, size, stream);
-    return Counted({{"fgets", Opened(fileno(stream)).path, ""}},
-                   [&] { return next(line, size, stream); });
+    COUNTED(fgets, (line, size, stream), Opened(fileno(stream)).path, "", next(line, size, stream));
 }
 
 int fclose(FILE* stream) {

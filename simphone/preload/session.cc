@@ -30,7 +30,7 @@ void Append(const std::string& line) {
     for (size_t at = 0; at < line.size(); at += static_cast<size_t>(count)) {
         count = write(session->journal, line.data() + at, line.size() - at);
         if (count < 0) {
-            EndUnkept(FailureOf(JOURNAL_FILE).what());
+            throw FailureOf(JOURNAL_FILE);
         }
     }
 }
@@ -43,9 +43,8 @@ bool IsOfThisMachine(int error) {
 }
 
 [[noreturn]] void EndPower() {
-    kill(getpid(), SIGKILL);
     for (;;) {
-        pause();
+        kill(getpid(), SIGKILL);
     }
 }
 
@@ -54,32 +53,11 @@ bool Matches(const Fault& fault, const Call& call) {
            (fault.path.empty() || fault.path == call.path);
 }
 
-// Counts the call for every fault; the first one that it meets has its effect, if the call can have
-// it. A fault that has its effect for the first time is noted.
-const Fault* MeetFault(const Call& call) {
-    ActiveFault* met = nullptr;
-    for (ActiveFault& active : session->faults) {
-        if (Matches(active.fault, call)) {
-            active.seen++;
-            const bool isIn = active.seen >= active.fault.first && active.seen <= active.fault.last;
-            met = met == nullptr && isIn ? &active : met;
-        }
-    }
-    if (met == nullptr || !CanHave(call.function, met->fault.effect)) {
-        return nullptr;
-    }
-    if (!met->isMet) {
-        Append(FaultLine(static_cast<size_t>(met - session->faults.data()), met->fault));
-        met->isMet = true;
-    }
-    return &met->fault;
-}
-
 // What has been printed so far, the C library's buffer included; it is emptied on the way. 0 when
 // the tool has closed its standard output.
 long long ConsoleBytes() {
     if (fflush(stdout) != 0 && IsOfThisMachine(errno)) {
-        EndUnkept(FailureOf("the console").what());
+        throw FailureOf("the console");
     }
     return std::max<long long>(lseek(STDOUT_FILENO, 0, SEEK_CUR), 0);
 }
@@ -96,8 +74,10 @@ __attribute__((constructor)) void AttachAtStart() {
 
 // The tool has ended by itself; the C library has yet to write what it printed last.
 __attribute__((destructor)) void FlushAtEnd() {
-    if (session != nullptr) {
-        (void)ConsoleBytes();
+    try {
+        (void)(session != nullptr ? ConsoleBytes() : 0);
+    } catch (const std::exception& wrong) {
+        EndUnkept(wrong.what());
     }
 }
 
@@ -108,10 +88,9 @@ void EndUnkept(const char* why) {
     _exit(EXIT_NO_PHONE);
 }
 
-void EndIfUnkept(const Call& call, int error) {
+void RequireKept(const Call& call, int error) {
     if (!call.request && IsOfThisMachine(error)) {
-        errno = error;
-        EndUnkept(FailureOf(call.function + " " + call.path).what());
+        throw FailureOf(call.function + " " + call.path, error);
     }
 }
 
@@ -133,34 +112,41 @@ bool IsPhonePath(const std::string& path) {
 }
 
 std::string HostPath(const char* path) {
-    return IsPhonePath(path) ? session->directory + path : path;
+    return IsPhonePath(path) ? session->phone.directory + path : path;
 }
 
-bool Replaces(const Fault* fault) {
-    return fault != nullptr && fault->effect <= Effect::RETURNS;
-}
-
-const Fault* BeginCall(Call& call) {
+void BeginCall(Call& call) {
     isCallUnderWay = true;
-    session->calls++;
-    const Fault* fault = MeetFault(call);
+    call.number = ++session->calls;
     call.consoleBytes = call.request || call.IsMessage() ? ConsoleBytes() : 0;
-    if (fault != nullptr && fault->effect == Effect::ENDS) {
+    ActiveFault* met = nullptr;
+    for (ActiveFault& active : session->faults) {
+        if (Matches(active.fault, call)) {
+            active.seen++;
+            const bool isIn = active.seen >= active.fault.first && active.seen <= active.fault.last;
+            met = met == nullptr && isIn ? &active : met;
+        }
+    }
+    if (met == nullptr || !CanHave(call.function, met->fault.effect)) {
+        return;
+    }
+    if (!met->isMet) {
+        Append(FaultLine(static_cast<size_t>(met - session->faults.data()), met->fault));
+        met->isMet = true;
+    }
+    call.fault = &met->fault;
+    call.replaced = met->fault.effect <= Effect::RETURNS;
+    if (met->fault.effect == Effect::ENDS) {
         EndPower();
     }
-    const bool isPart =
-        fault != nullptr && (fault->effect == Effect::SHORT || fault->effect == Effect::TORN);
-    if (isPart && call.count != nullptr) {
-        *call.count = std::min(*call.count, static_cast<size_t>(fault->value));
+    if (!call.replaced && call.count != nullptr) {
+        *call.count = std::min(*call.count, static_cast<size_t>(met->fault.value));
     }
-    return fault;
 }
 
-void EndCall(Call& call, const Fault* fault, const std::string& result, int error) {
-    call.number = session->calls;
+void EndCall(Call& call, const std::string& result, int error) {
     call.result = result;
     call.error = error != 0 ? strerrorname_np(error) : "";
-    call.replaced = Replaces(fault);
     if (call.request) {
         const std::string& answer = call.reply->text;
         call.request->taken = call.reply->taken;
@@ -168,19 +154,18 @@ void EndCall(Call& call, const Fault* fault, const std::string& result, int erro
         call.request->text += error != 0 ? " " + call.error : "";
     }
     Append(CallLine(call));
-    if (fault != nullptr && fault->effect == Effect::TORN) {
+    if (call.fault != nullptr && call.fault->effect == Effect::TORN) {
         EndPower();
     }
     isCallUnderWay = false;
 }
 
 void simphone_detach() {
-    Session* ended = session;
-    session = nullptr;
-    if (ended != nullptr) {
-        close(ended->journal);
+    if (session != nullptr) {
+        close(session->journal);
     }
-    delete ended;
+    delete session;
+    session = nullptr;
 }
 
 int simphone_attach(const char* directory, const char* faults) {
@@ -191,13 +176,12 @@ int simphone_attach(const char* directory, const char* faults) {
         for (std::string line; std::getline(lines, line);) {
             run->faults.push_back({ParseFault(line), 0, false});
         }
-        run->directory = std::filesystem::canonical(directory);
-        run->phone = ReadDescription(run->directory + "/phone.toml");
-        for (const Fault& fault : run->phone.faults) {
+        const std::string place = std::filesystem::canonical(directory);
+        run->phone = {place, ReadDescription(place + "/phone.toml")};
+        for (const Fault& fault : run->phone.description.faults) {
             run->faults.push_back({fault, 0, false});
         }
-        run->journal =
-            OpenHigh(run->directory + JOURNAL_FILE, O_WRONLY | O_CREAT | O_TRUNC | O_APPEND);
+        run->journal = OpenHigh(place + JOURNAL_FILE, O_WRONLY | O_CREAT | O_TRUNC | O_APPEND);
         session = run.release();
     } catch (const std::exception& wrong) {
         fprintf(stderr, "simphone: %s\n", wrong.what());

@@ -27,8 +27,7 @@ struct ActiveFault {
 };
 
 struct Session {
-    std::string directory; // resolved, no slash at the end
-    Description phone;
+    Phone phone; // its directory is resolved, without a slash at the end
     std::map<int, OpenFile> descriptors;
     size_t scsiRequests;
     long calls;
@@ -42,6 +41,7 @@ struct Call : CallEntry {
     const Reply* reply = nullptr; // of the device to the request
     size_t* count = nullptr;      // what a read or write moves; a fault may lower it
     bool releases = false;        // the resource is given back even if the call fails
+    const Fault* fault = nullptr; // that it meets
 };
 
 extern Session* session; // null while no phone is attached
@@ -54,8 +54,9 @@ bool IsOfTheTool(void* caller);
 bool IsPhonePath(const std::string& path);
 std::string HostPath(const char* path);
 
-// Counts the call and finds the fault that it meets, if any; does not return from the end of power.
-const Fault* BeginCall(Call& call);
+// Counts the call, also for every fault; the first one that it meets has its effect, if the call
+// can have it, and is noted if that is for the first time. Does not return from the end of power.
+void BeginCall(Call& call);
 
 inline std::string ResultText(long long number) {
     return std::to_string(number);
@@ -66,15 +67,12 @@ inline std::string ResultText(const void* pointer) {
 
 // Ends a run that would pass for another one, as this machine, and not the phone, has failed.
 [[noreturn]] void EndUnkept(const char* why);
-// The same if the call, which no fault has met, has failed for want of room, descriptors or memory
+// Throws if the call, which no fault has met, has failed for want of room, descriptors or memory
 // here. `error` is 0 unless it failed.
-void EndIfUnkept(const Call& call, int error);
-
-// Whether nothing is done, as the fault stands in for the call.
-bool Replaces(const Fault* fault);
+void RequireKept(const Call& call, int error);
 
 // Writes the call down; `error` is 0 unless it failed. Does not return from the end of power.
-void EndCall(Call& call, const Fault* fault, const std::string& result, int error);
+void EndCall(Call& call, const std::string& result, int error);
 
 // The result of most calls that fail.
 template <typename Result> inline constexpr auto FAILED = static_cast<Result>(-1);
@@ -83,29 +81,27 @@ template <typename Target> inline constexpr Target* FAILED<Target*> = nullptr;
 // Carries out one call of the tool, or the fault that it meets. `failed` is the result of a failing
 // call. errno afterwards is what the call left.
 template <typename Perform, typename Result = std::invoke_result_t<Perform>>
-Result Counted(Call call, Perform perform, Result failed = FAILED<Result>) {
+Result Counted(Call call, Perform perform, Result failed = FAILED<Result>) try {
     const int errnoBefore = errno;
-    const Fault* fault = BeginCall(call);
+    BeginCall(call);
     Result result = failed;
     int error = 0;
-    if (!Replaces(fault) || call.releases) {
+    if (!call.replaced || call.releases) {
         errno = 0;
-        try {
-            result = perform();
-        } catch (const std::exception& wrong) { // the phone's calls throw none
-            EndUnkept(wrong.what());
-        }
+        result = perform();
         error = errno;
-        EndIfUnkept(call, result == failed ? error : 0);
+        RequireKept(call, result == failed ? error : 0);
     }
-    if (Replaces(fault)) {
-        error = fault->effect == Effect::FAILS ? static_cast<int>(fault->value) : 0;
+    if (call.replaced) {
+        error = call.fault->effect == Effect::FAILS ? static_cast<int>(call.fault->value) : 0;
         result = failed;
         if constexpr (std::is_integral_v<Result>) {
-            result = error == 0 ? static_cast<Result>(fault->value) : failed;
+            result = error == 0 ? static_cast<Result>(call.fault->value) : failed;
         }
     }
-    EndCall(call, fault, ResultText(result), result == failed ? error : 0);
+    EndCall(call, ResultText(result), result == failed ? error : 0);
     errno = error != 0 ? error : errnoBefore;
     return result;
+} catch (const std::exception& wrong) { // this machine's: a phone's calls throw nothing
+    EndUnkept(wrong.what());
 }

@@ -77,12 +77,13 @@ TEST_F(SimphoneTest, EmmcDriverRefusesOddRequests) {
     download.blocks = 1;
     mmc_ioc_cmd_set_data(download, data);
     Make(NormalPhone());
+    const Phone phone = OpenPhone(directory);
     // A request that is in order, but for the change.
     const auto expect = [&](const char* what, int error, mmc_ioc_cmd request,
                             void (*change)(mmc_ioc_cmd & request), int openFlags = O_RDWR) {
         change(request);
         Reply reply;
-        EXPECT_EQ(AnswerMmc(directory, false, openFlags, request, reply), error) << what;
+        EXPECT_EQ(AnswerMmc(phone, openFlags, request, reply), error) << what;
         EXPECT_EQ(reply.taken == Taken::WHOLE, error == 0) << what;
     };
     const auto none = [](mmc_ioc_cmd&) {};
@@ -106,6 +107,7 @@ TEST_F(SimphoneTest, EmmcDriverRefusesOddRequests) {
 // SPC: key 5 is ILLEGAL REQUEST; ASC 20 operation code, 24 field in CDB, 1A parameter list length.
 TEST_F(SimphoneTest, UfsDeviceRefusesOddCommands) {
     Make(UfsPhone());
+    const Phone phone = OpenPhone(directory);
     // A command that is in order, but for the change: its error, status, key and ASC.
     const auto expect = [&](const std::string& answer, const auto& change) {
         uint8_t data[512] = {}, sense[32] = {};
@@ -121,7 +123,7 @@ TEST_F(SimphoneTest, UfsDeviceRefusesOddCommands) {
         request.sbp = sense;
         change(request, cdb);
         Reply reply;
-        const int error = AnswerScsi(directory, {}, 0, O_RDWR, request, reply);
+        const int error = AnswerScsi(phone, 0, O_RDWR, request, reply);
         char text[40];
         snprintf(text, sizeof(text), "%d %x/%x/%x", error, request.status, sense[2], sense[12]);
         EXPECT_EQ(text, answer) << Hex(cdb, 10);
