@@ -180,7 +180,7 @@ protected:
                      WordOf(verdict));
         const bool isUpdate =
             verdict == Verdict::UPDATED ||
-            (verdict == Verdict::RECORD_UNREADABLE && decision.steps.back().goesOn);
+            (verdict == Verdict::RECORD_UNREADABLE && decision.steps.back().GoesOn());
         EXPECT_EQ(shown.isAttempted, decision.recorded.has_value());
         EXPECT_EQ(shown.recorded, decision.recorded.value_or(""));
         std::string body = decision.sent == nullptr
