@@ -16,7 +16,7 @@ void Print(const Step& step, const Decision& decision) {
             ? ""
             : fmt::format("selects {}, revision {}{}", Title(*step.entry),
                           Quoted(RevisionOf(step.entry->identity)), reason.empty() ? "" : ": ");
-    fmt::print("{}: {}: {}{}\n", step.name, step.goesOn ? "goes on" : "ends here", taken, reason);
+    fmt::print("{}: {}: {}{}\n", step.name, step.GoesOn() ? "goes on" : "ends here", taken, reason);
     for (const std::string& message : step.messages) {
         fmt::print("    would log: {}\n", message);
     }

@@ -25,59 +25,8 @@
 
 namespace {
 
-// Of the pre-check: no entry is selected.
-constexpr Cause NO_PACKAGE = {Verdict::NOTHING_TO_DO, "there is no {layout} package"};
-constexpr Cause EMPTY_PACKAGE = {Verdict::NOTHING_TO_DO, "the package is empty"};
-constexpr Cause OTHER_TECHNOLOGY = {
-    Verdict::NOTHING_TO_DO,
-    "no entry has the product name {device}: the package holds {second} entries"};
-constexpr Cause NO_NAME = {Verdict::NOTHING_TO_DO, "no entry has the product name {device}"};
-constexpr Cause SIMILAR_NAME = {
-    Verdict::NOTHING_TO_DO, "no entry has the product name {device}: {entry} has {value}, which "
-                            "differs only in blanks, zero bytes or case"};
-constexpr Cause BODY_BEYOND = {
-    Verdict::NOTHING_TO_DO,
-    "no usable entry has the product name {device}: {entry} has no body inside the package"};
-// Of the pre-check: an entry is selected.
-constexpr Cause NEW_REVISION = {
-    Verdict::UPDATED,
-    "its revision is not the running one, and it may be applied to the running one"};
-constexpr Cause SAME_REVISION = {Verdict::NOTHING_TO_DO,
-                                 "the phone finds the entry's revision equal to the running one "
-                                 "(it compares only the beginning)"};
-constexpr Cause NO_BASE = {Verdict::REFUSED,
-                           "the running revision is not among its base revisions"};
-// Of the record.
-constexpr Cause LAST_ATTEMPT = {Verdict::ALREADY_ATTEMPTED,
-                                "the last attempt was from {from} to {to}"};
-constexpr Cause UNREADABLE_RECORD = {Verdict::RECORD_UNREADABLE,
-                                     "the phone cannot parse the record, so the run stops"};
-// Of the update: no entry is selected, though the pre-check's has the product name.
-constexpr Cause OTHER_FIELD = {Verdict::USED_UP,
-                               "{entry} has {field} {value}, the device {device}"};
-constexpr Cause OTHER_NAME = {
-    Verdict::USED_UP,
-    "the update uses the product name {used} for the device, and no entry has it"};
-// Of the update: an entry is selected.
-constexpr Cause TAKEN = {Verdict::UPDATED, ""};
-constexpr Cause RUNS_ALREADY = {Verdict::USED_UP, "its revision is running already"};
-constexpr Cause NOT_NEWER = {Verdict::USED_UP, "its revision is not newer than the running one"};
-constexpr Cause OLD_EMMC = {Verdict::USED_UP, "the device is older than eMMC 5.0"};
-constexpr Cause EMPTY_BODY = {Verdict::USED_UP, "its body is empty: the device gets no firmware"};
-constexpr Cause LARGE_EMMC_BODY = {Verdict::USED_UP,
-                                   "the body is larger than 1 MiB: only GKI mode takes it"};
-constexpr Cause LARGE_UFS_BODY = {
-    Verdict::USED_UP, "the body is larger than 8 MiB: the device gets only its first 8 MiB"};
-constexpr Cause HOST_LIMIT = {
-    Verdict::USED_UP,
-    "its body is larger than the {limit} KiB that the phone's host takes in one request"};
-// Of the attempt as a whole.
-constexpr Cause INSIDE = {Verdict::WRONG_IMAGE, "{entry} lies inside the image of {other}"};
-constexpr Cause OTHER_SELECTED = {Verdict::WRONG_IMAGE,
-                                  "the pre-check selects {entry}, the update selects {other}"};
-constexpr Cause UNREADABLE_ATTEMPT = {
-    Verdict::RECORD_UNREADABLE, "the running or the new revision has a line feed: the phone cannot "
-                                "parse the record of the attempt"};
+constexpr char LARGE_EMMC_BODY[] = "the body is larger than 1 MiB: only GKI mode takes it";
+constexpr char EMPTY_BODY[] = "its body is empty: the device gets no firmware";
 
 constexpr char EXT_CSD_REV_5_1 = 8;                     // JEDEC, the last one
 constexpr size_t LINUX_UFS_TRANSFER_SIZE = 1024 * 1024; // ufshcd, since 5.19
@@ -131,20 +80,27 @@ Reason WhyNoEntry(const Package& package, const Identity& device) {
     for (const Entry& entry : package.entries) {
         const std::string other = Get(entry.identity, field);
         if (other == name) {
-            return {&BODY_BEYOND, &entry};
+            return {Verdict::NOTHING_TO_DO,
+                    "no usable entry has the product name {device}: {entry} has no body inside "
+                    "the package",
+                    &entry};
         }
         if (strcasecmp(Trimmed(other).c_str(), Trimmed(name).c_str()) == 0) {
-            return {&SIMILAR_NAME, &entry};
+            return {Verdict::NOTHING_TO_DO,
+                    "no entry has the product name {device}: {entry} has {value}, which differs "
+                    "only in blanks, zero bytes or case",
+                    &entry};
         }
     }
     const Layout& other = device.layout == &UFS ? EMMC : UFS;
     const bool isOther =
         package.entries.empty() &&
         !LookInto(package.path, package.bytes, package.size, other).entries.empty();
-    return {package.bytes == nullptr ? &NO_PACKAGE
-            : package.size == 0      ? &EMPTY_PACKAGE
-            : isOther                ? &OTHER_TECHNOLOGY
-                                     : &NO_NAME};
+    return {Verdict::NOTHING_TO_DO,
+            package.bytes == nullptr ? "there is no {layout} package"
+            : package.size == 0      ? "the package is empty"
+            : isOther ? "no entry has the product name {device}: the package holds {second} entries"
+                      : "no entry has the product name {device}"};
 }
 
 Step PreCheck(const Package& package, const Identity& device, PackageRevs& revs) {
@@ -154,22 +110,37 @@ Step PreCheck(const Package& package, const Identity& device, PackageRevs& revs)
                                          : GetRevs(info, package.bytes.get(), package.size, revs);
     const int verdict = JudgeRevs(info, parsed, revs);
     const Entry* entry = parsed == 0 ? EntryAt(package, revs.entry) : nullptr;
-    Step step = {"pre-check", verdict == STEP_DONE, entry, {}, TakePhoneMessages()};
-    step.reason = entry == nullptr                             ? WhyNoEntry(package, device)
-                  : step.goesOn                                ? Reason{&NEW_REVISION}
-                  : IsSameRev(info.localFwRev, revs.fwFileRev) ? Reason{&SAME_REVISION}
-                                                               : Reason{&NO_BASE};
-    return step;
+    const Texts messages = TakePhoneMessages();
+    const Reason reason =
+        entry == nullptr ? WhyNoEntry(package, device)
+        : verdict == STEP_DONE
+            ? Reason{Verdict::UPDATED, "its revision is not the running one, and it may be applied "
+                                       "to the running one"}
+        : IsSameRev(info.localFwRev, revs.fwFileRev)
+            ? Reason{Verdict::NOTHING_TO_DO, "the phone finds the entry's revision equal to the "
+                                             "running one (it compares only the beginning)"}
+            : Reason{Verdict::REFUSED, "the running revision is not among its base revisions"};
+    return {"pre-check", entry, reason, messages};
 }
 
 Step CheckRecord(const Record& record, const std::string& target) {
-    const bool goesOn = record.isReadable && !IsOnRecord(record, target);
-    const Cause& cause = record.isReadable ? LAST_ATTEMPT : UNREADABLE_RECORD;
-    return {"record", goesOn, nullptr, Reason{&cause}, record.messages};
+    const Verdict verdict = !record.isReadable           ? Verdict::RECORD_UNREADABLE
+                            : IsOnRecord(record, target) ? Verdict::ALREADY_ATTEMPTED
+                                                         : Verdict::UPDATED;
+    const char* sentence = record.isReadable
+                               ? "the last attempt was from {from} to {to}"
+                               : "the phone cannot parse the record, so the run stops";
+    return {"record", nullptr, {verdict, sentence}, record.messages};
 }
 
-// The entry that the update selects, null for none, and whether the device gets all of it.
-Reason SelectEmmc(const Package& package, const Device& device) {
+// What the update selects.
+struct Selection {
+    const Entry* entry = nullptr; // null: none
+    const char* why = nullptr;    // the device does not get all of it; null: it does
+    size_t sent = 0;              // bytes of the body that it gets
+};
+
+Selection SelectEmmc(const Package& package, const Device& device) {
     const auto header = HeaderOf<EmmcFwHeader>(device.identity);
     const uint8_t *bytes = package.bytes.get(), *body = nullptr;
     uint32_t size = 0;
@@ -178,15 +149,16 @@ Reason SelectEmmc(const Package& package, const Device& device) {
     if (body == nullptr) {
         return {};
     }
-    return {status != 0                             ? &RUNS_ALREADY
-            : !IsEmmc50OrLater(header.emmcRev)      ? &OLD_EMMC
-            : !device.gki && !FitsOneDownload(size) ? &LARGE_EMMC_BODY
-            : size == 0                             ? &EMPTY_BODY
-                                                    : &TAKEN,
-            EntryAt(package, static_cast<size_t>(body - bytes) - sizeof(header))};
+    const Entry* entry = EntryAt(package, static_cast<size_t>(body - bytes) - sizeof(header));
+    const char* why = status != 0                             ? "its revision is running already"
+                      : !IsEmmc50OrLater(header.emmcRev)      ? "the device is older than eMMC 5.0"
+                      : !device.gki && !FitsOneDownload(size) ? LARGE_EMMC_BODY
+                      : size == 0                             ? EMPTY_BODY
+                                                              : nullptr;
+    return {entry, why, why == nullptr ? size : 0};
 }
 
-Reason SelectUfs(const Package& package, const Device& device) {
+Selection SelectUfs(const Package& package, const Device& device) {
     const UfsFwHeader header = UfsDevice(device.identity);
     UfsSelection selection = {};
     if (SelectUfsFw(header, package.bytes.get(), static_cast<int32_t>(package.size), selection) !=
@@ -194,34 +166,46 @@ Reason SelectUfs(const Package& package, const Device& device) {
         return {};
     }
     const uint32_t size = selection.ufsCurrentFwSize;
-    const bool isRefused = device.maxHwSectorsKb > 0 && size > device.maxHwSectorsKb * 1024;
-    return {selection.verdict != 0 ? &NOT_NEWER
-            : isRefused            ? &HOST_LIMIT
-            : size > TRANSFER_SIZE ? &LARGE_UFS_BODY
-            : size == 0            ? &EMPTY_BODY
-                                   : &TAKEN,
-            EntryAt(package, selection.ufsCurrentFwOffset - sizeof(header))};
+    const Entry* entry = EntryAt(package, selection.ufsCurrentFwOffset - sizeof(header));
+    const bool isTooLarge = device.maxHwSectorsKb > 0 && size > device.maxHwSectorsKb * 1024;
+    const char* why =
+        selection.verdict != 0 ? "its revision is not newer than the running one"
+        : isTooLarge
+            ? "its body is larger than the {limit} KiB that the phone's host takes in one request"
+        : size > TRANSFER_SIZE
+            ? "the body is larger than 8 MiB: the device gets only its first 8 MiB"
+        : size == 0 ? EMPTY_BODY
+                    : nullptr;
+    const bool isSent = selection.verdict == 0 && !isTooLarge;
+    return {entry, why, isSent ? std::min<size_t>(size, TRANSFER_SIZE) : 0};
 }
 
 // Why the update selects no entry, though this one has the product name.
 Reason WhyNotSelected(const Entry& entry, const Identity& device) {
     for (const Field* field : {&device.layout->manufacturer, &device.layout->extCsdRev}) {
         if (Get(device, *field) != Get(entry.identity, *field)) {
-            return {&OTHER_FIELD, &entry, nullptr, field};
+            return {Verdict::USED_UP, "{entry} has {field} {value}, the device {device}", &entry,
+                    nullptr, field};
         }
     }
-    return {&OTHER_NAME};
+    return {Verdict::USED_UP,
+            "the update uses the product name {used} for the device, and no entry has it"};
 }
 
-// seen is the pre-check's entry.
-Step Update(const Package& package, const Device& device, const Entry& seen) {
+// Adds the step, and what the device gets.
+void Update(Decision& decision) {
     (void)TakePhoneMessages();
-    const bool isUfs = device.identity.layout == &UFS;
-    const Reason selected = (isUfs ? SelectUfs : SelectEmmc)(package, device);
-    const Entry* entry = selected.entry;
-    return {"update", selected.cause == &TAKEN, entry,
-            entry != nullptr ? selected : WhyNotSelected(seen, device.identity),
-            TakePhoneMessages()};
+    const Identity& device = decision.device.identity;
+    const auto select = device.layout == &UFS ? SelectUfs : SelectEmmc;
+    const auto [entry, why, sent] = select(*decision.package, decision.device);
+    if (sent > 0) {
+        decision.sent = entry;
+        decision.sentBody = entry->image.substr(0, sent);
+    }
+    const Reason reason = entry == nullptr ? WhyNotSelected(*decision.PreCheck(), device)
+                          : why != nullptr ? Reason{Verdict::USED_UP, why}
+                                           : Reason{Verdict::UPDATED, ""};
+    decision.steps.push_back({"update", entry, reason, TakePhoneMessages()});
 }
 
 // Whether the entry describes exactly this device, under the product name that the update uses, and
@@ -251,7 +235,7 @@ std::string WhyNotSent(const Package& package, const Entry& entry, const Device&
         return Title(*seen) + " comes first and has the same product name, so the phone looks at "
                               "its revision only: put them into separate packages";
     }
-    if (!decision.steps.front().goesOn) {
+    if (!decision.steps.front().GoesOn()) {
         return fmt::format("the pre-check selects {}: {}", Title(*seen), WhyOf(decision));
     }
     const std::string used = UpdateName(device.identity);
@@ -280,12 +264,18 @@ Reason ReasonOfAttempt(const Decision& decision) {
         sent == nullptr || (sent == seen && outer == nullptr) ||
         (IsFor(*sent, device) && RevisionOf(sent->identity) == RevisionOf(seen->identity));
     if (!isRight) {
-        return sent == seen ? Reason{&INSIDE, seen, outer} : Reason{&OTHER_SELECTED, seen, sent};
+        return {Verdict::WRONG_IMAGE,
+                sent == seen ? "{entry} lies inside the image of {other}"
+                             : "the pre-check selects {entry}, the update selects {other}",
+                seen, sent == seen ? outer : sent};
     }
     const DeviceInfo info = InfoOf(device);
     const bool isReadable =
         ParseRecord(RecordText(info.pnm, info.localFwRev, *decision.recorded)).isReadable;
-    return isReadable ? decision.steps.back().reason : Reason{&UNREADABLE_ATTEMPT};
+    return isReadable ? decision.steps.back().reason
+                      : Reason{Verdict::RECORD_UNREADABLE,
+                               "the running or the new revision has a line feed: the phone cannot "
+                               "parse the record of the attempt"};
 }
 
 std::string ValueOf(const Identity& identity, const Field& field) {
@@ -306,7 +296,7 @@ std::string Sentence(const Reason& reason, const Decision& decision) {
     const Record record = decision.record.value_or(Record());
     const auto title = [](const Entry* entry) { return entry == nullptr ? "" : Title(*entry); };
     return fmt::format(
-        fmt::runtime(reason.cause->sentence), fmt::arg("entry", title(reason.entry)),
+        fmt::runtime(reason.sentence), fmt::arg("entry", title(reason.entry)),
         fmt::arg("other", title(reason.other)), fmt::arg("field", field.key),
         fmt::arg("device", ValueOf(device, field)),
         fmt::arg("value", reason.entry == nullptr ? "" : ValueOf(reason.entry->identity, field)),
@@ -325,23 +315,15 @@ Decision Decide(const Package& package, const Device& device, const std::optiona
     Decision decision = {&package, device, record, {}, {}, {}, {}, nullptr, {}};
     std::vector<Step>& steps = decision.steps;
     steps.push_back(PreCheck(package, device.identity, revs));
-    if (steps.back().goesOn && record) {
+    if (steps.back().GoesOn() && record) {
         steps.push_back(CheckRecord(*record, revs.fwFileRev));
     }
-    decision.reason = steps.back().reason;
-    if (steps.back().goesOn) {
+    if (steps.back().GoesOn()) {
         decision.recorded = revs.fwFileRev;
-        const Step update = Update(package, device, *decision.PreCheck());
-        if (update.goesOn || update.reason.cause == &LARGE_UFS_BODY) {
-            const bool isUfs = device.identity.layout == &UFS;
-            decision.sent = update.entry;
-            decision.sentBody =
-                update.entry->image.substr(0, isUfs ? TRANSFER_SIZE : std::string_view::npos);
-        }
-        steps.push_back(update);
-        decision.reason = ReasonOfAttempt(decision);
+        Update(decision);
     }
-    decision.verdict = decision.reason.cause->verdict;
+    decision.reason = decision.recorded ? ReasonOfAttempt(decision) : steps.back().reason;
+    decision.verdict = decision.reason.verdict;
     (void)TakePhoneMessages();
     return decision;
 }
@@ -385,7 +367,7 @@ Json ReportOf(const Decision& decision) {
     Json steps = Json::array();
     for (const Step& step : decision.steps) {
         steps.push_back({{"step", step.name},
-                         {"goes_on", step.goesOn},
+                         {"goes_on", step.GoesOn()},
                          {"entry", NumberOf(step.entry)},
                          {"reason", Sentence(step.reason, decision)},
                          {"messages", step.messages}});
@@ -461,7 +443,7 @@ Texts NotesOf(const Entry& entry, bool forAnyPhone) {
     const std::string revision = RevisionOf(entry.identity),
                       text = revision.substr(0, revision.find('\0'));
     if (NeedsGkiMode(entry)) {
-        notes.emplace_back(LARGE_EMMC_BODY.sentence);
+        notes.emplace_back(LARGE_EMMC_BODY);
     }
     if (&layout == &UFS && entry.bodySize > LINUX_UFS_TRANSFER_SIZE) {
         notes.emplace_back(

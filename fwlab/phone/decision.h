@@ -11,15 +11,11 @@
 #include <nlohmann/json_fwd.hpp>
 #include <optional>
 
-// What a step comes to, such as NO_BASE in decision.cc: compared by its address.
-struct Cause {
-    Verdict verdict;      // if the run ends with it
-    const char* sentence; // for people, with the names of what a reason has
-};
-
-// Why a step ends or goes on. `entry` is the one that it is about.
+// What a step comes to, and why. The sentence is a format for people: its names stand for what is
+// known of the device, its record and these entries.
 struct Reason {
-    const Cause* cause;
+    Verdict verdict; // if the run ends so; UPDATED: it goes on
+    const char* sentence;
     const Entry* entry = nullptr;
     const Entry* other = nullptr;
     const Field* field = nullptr;
@@ -27,10 +23,12 @@ struct Reason {
 
 struct Step {
     const char* name;
-    bool goesOn;        // to the next step, or to the download
     const Entry* entry; // the one that it selects; null for none
     Reason reason;
-    Texts messages; // what the phone would log
+    Texts messages;       // what the phone would log
+    bool GoesOn() const { // to the next step, or to the download
+        return reason.verdict == Verdict::UPDATED;
+    }
 };
 
 // The verdict is one of UPDATED to RECORD_UNREADABLE. It is RECORD_UNREADABLE, too, if no run can
@@ -40,8 +38,8 @@ struct Decision {
     const Package* package;
     Device device;
     std::optional<Record> record; // that the phone has before
-    Verdict verdict;
-    Reason reason;                       // for the verdict
+    Reason reason;
+    Verdict verdict;                     // that of the reason
     std::vector<Step> steps;             // in order, as far as the phone gets
     std::optional<std::string> recorded; // the revision that goes on record, as text
     const Entry* sent;                   // the entry whose body the device gets; null for none

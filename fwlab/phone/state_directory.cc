@@ -139,40 +139,78 @@ bool HoldsFiles(const std::string& directory) {
     return error || entry != end;
 }
 
-// Whether there is anything of an attempt that is not on record.
-bool HasTraces(const StateReport& report) {
-    return report.flag != OutcomeFlag::NONE || report.hasBody;
-}
+// What becomes of a phone, and why: a format, see Sentence.
+struct Answer {
+    Verdict verdict;
+    const char* why;
+};
 
-Verdict JudgeWithoutRecord(const StateReport& report, const std::string& directory) {
-    const LastRun lastRun = report.lastRun;
-    return HasTraces(report) || lastRun == LastRun::BOTH_FLAGS ? Verdict::UNKNOWN
-           : lastRun == LastRun::REGULAR                       ? Verdict::NOTHING_TO_DO
-           : lastRun == LastRun::STOPPED                       ? Verdict::STOPPED
-           : HoldsFiles(directory)                             ? Verdict::FOREIGN
-                                                               : Verdict::NOT_PULLED;
-}
-
-Verdict JudgeAttempt(const StateReport& report) {
-    const LastRun lastRun = report.lastRun;
-    if (report.flag == OutcomeFlag::LAST && !report.isOk) {
-        return Verdict::FAILED;
+Answer AnswerWithoutRecord(const StateReport& report, const std::string& directory) {
+    if (report.flag != OutcomeFlag::NONE || report.hasBody) {
+        return {Verdict::UNKNOWN, "an attempt has left files, but no attempt is on record. {next}"};
     }
-    if (report.flag == OutcomeFlag::LAST && lastRun != LastRun::BOTH_FLAGS) {
-        return lastRun == LastRun::REGULAR ? Verdict::UPDATED : Verdict::STOPPED;
+    if (report.lastRun == LastRun::NO_FLAG && HoldsFiles(directory)) {
+        return {Verdict::FOREIGN,
+                "{meaning}, or the tool never ran there, or it could not create its flags"};
     }
-    const bool hasNone = report.flag == OutcomeFlag::NONE || report.flag == OutcomeFlag::EARLIER;
-    return hasNone && lastRun == LastRun::STOPPED ? Verdict::INTERRUPTED : Verdict::UNKNOWN;
+    if (report.lastRun == LastRun::NO_FLAG) {
+        return {Verdict::NOT_PULLED, "{meaning}"};
+    }
+    return {report.lastRun == LastRun::REGULAR   ? Verdict::NOTHING_TO_DO
+            : report.lastRun == LastRun::STOPPED ? Verdict::STOPPED
+                                                 : Verdict::UNKNOWN,
+            "no attempt is on record, and {lastRun}. {next}"};
 }
 
-Verdict Judge(const StateReport& report, const std::string& directory) {
+Answer AnswerOfAttempt(const StateReport& report) {
+    const LastRun lastRun = report.lastRun;
+    switch (report.flag) {
+    case OutcomeFlag::BOTH:
+        return {Verdict::UNKNOWN,
+                "both outcome flags are there: whether {attempt} passed cannot be told. {next}"};
+    case OutcomeFlag::UNTOLD:
+        return {Verdict::UNKNOWN, "the times contradict each other, are missing or fit an earlier "
+                                  "attempt as well: whether {flag} is the outcome of {attempt} "
+                                  "cannot be told. {next}"};
+    case OutcomeFlag::LAST:
+        if (report.isOk) {
+            return {lastRun == LastRun::REGULAR      ? Verdict::UPDATED
+                    : lastRun == LastRun::BOTH_FLAGS ? Verdict::UNKNOWN
+                                                     : Verdict::STOPPED,
+                    "{attempt} passed: {flag}; {lastRun}. {next}"};
+        }
+        return {Verdict::FAILED, lastRun == LastRun::STOPPED // as is usual
+                                     ? "{attempt} failed: {flag}. {next}"
+                                     : "{attempt} failed: {flag}; {lastRun}. {next}"};
+    default:
+        break;
+    }
+    if (lastRun == LastRun::STOPPED) {
+        return {Verdict::INTERRUPTED,
+                "{attempt} has no outcome, and the begin flag is there: the power failed during "
+                "its update, or the run is under way, or it could not leave ffu.fail, or it ended "
+                "without a download and a later run stopped early. {revision}. {next}"};
+    }
+    return {Verdict::UNKNOWN,
+            "{attempt} has no outcome: nothing was downloaded (the update found nothing to do, or "
+            "lacked memory, space or a node), or the power failed and a later run removed the "
+            "traces, or the outcome could not be written. {revision}. {next}"};
+}
+
+Answer AnswerOf(const StateReport& report, const std::string& directory) {
     if (report.hasRecord && !report.record.isReadable) {
-        return Verdict::RECORD_UNREADABLE;
+        return {Verdict::RECORD_UNREADABLE,
+                "fw_result cannot be read back: {messages}. Every later run that has an update to "
+                "attempt stops there. Keep this directory. Restart the phone, so that no download "
+                "is pending, and see which revision it runs. Remove fw_result, ffu.ok and ffu.fail "
+                "only if it runs the package's revision, or if that may be attempted once more: "
+                "without the record the next run attempts it."};
     }
     if (!report.irregular.empty()) {
-        return Verdict::UNKNOWN;
+        return {Verdict::UNKNOWN,
+                "{irregular} is not a regular file; runs leave only regular files. {next}"};
     }
-    return report.hasRecord ? JudgeAttempt(report) : JudgeWithoutRecord(report, directory);
+    return report.hasRecord ? AnswerOfAttempt(report) : AnswerWithoutRecord(report, directory);
 }
 
 // In the order of the enumerators.
@@ -182,89 +220,6 @@ constexpr const char* LAST_RUNS[] = {
      "could not use the device's nodes, the package or the record, or there is no storage device"),
     "both run flags are there, as one could not be removed: how the last run ended is unknown",
     "the last run could not create its begin flag or its end flag"};
-
-// How an attempt may have come to have no outcome.
-constexpr char INTERRUPTED[] =
-    ", and the begin flag is there: the power failed during its update, or the run is under way, "
-    "or it could not leave ffu.fail, or it ended without a download and a later run stopped early";
-constexpr char WITHOUT_OUTCOME[] =
-    ": nothing was downloaded (the update found nothing to do, or lacked memory, space or a node), "
-    "or the power failed and a later run removed the traces, or the outcome could not be written";
-
-std::string WhyAttempt(const StateReport& report) {
-    const Record& record = report.record;
-    const std::string attempt =
-        fmt::format("the last attempt, from {} to {} ({}),", Quoted(record.base),
-                    Quoted(record.target), record.time.empty() ? "no time" : Escaped(record.time));
-    const std::string flag =
-        fmt::format("{} ({})", report.isOk ? "ffu.ok" : "ffu.fail", Quoted(report.flagTime));
-    const bool isUsual = !report.isOk && report.lastRun == LastRun::STOPPED; // for one that failed
-    switch (report.flag) {
-    case OutcomeFlag::LAST:
-        return attempt + (report.isOk ? " passed: " : " failed: ") + flag +
-               (isUsual ? "" : fmt::format("; {}", LAST_RUNS[static_cast<int>(report.lastRun)]));
-    case OutcomeFlag::BOTH:
-        return "both outcome flags are there: whether " + attempt + " passed cannot be told";
-    case OutcomeFlag::UNTOLD:
-        return fmt::format("the times contradict each other, are missing or fit an earlier attempt "
-                           "as well: whether {} is the outcome of {} cannot be told",
-                           flag, attempt);
-    default:
-        return fmt::format(
-            "{} has no outcome{}. Whether the device was sent a firmware cannot be "
-            "told from here: see the revision that it runs after a restart{}",
-            attempt, report.verdict == Verdict::INTERRUPTED ? INTERRUPTED : WITHOUT_OUTCOME,
-            report.flag == OutcomeFlag::EARLIER
-                ? fmt::format("; {} is of an earlier attempt, if the clock is right", flag)
-                : "");
-    }
-}
-
-std::string WhyUnreadable(const Record& record) {
-    return fmt::format(
-        "fw_result cannot be read back: {}. Every later run that has an update to attempt stops "
-        "there. Keep this directory. Restart the phone, so that no download is pending, and see "
-        "which revision it runs. Remove fw_result, ffu.ok and ffu.fail only if it runs the "
-        "package's revision, or if that may be attempted once more: without the record the next "
-        "run attempts it.",
-        record.messages.empty() ? "it is not a regular file"
-                                : fmt::format("{}", fmt::join(record.messages, "; ")));
-}
-
-std::string NextRun(const StateReport& report) {
-    const std::string target = Quoted(report.record.target);
-    return report.hasRecord
-               ? fmt::format("The next run will not attempt {} again; it will attempt any other "
-                             "that its package has for the device, unless that revision is a "
-                             "prefix of {}.",
-                             target, target)
-               : "The next run will attempt the update that its package has for the device, if "
-                 "any.";
-}
-
-std::string Why(const StateReport& report) {
-    switch (report.verdict) {
-    case Verdict::UNREADABLE:
-        return Escaped(report.failure);
-    case Verdict::RECORD_UNREADABLE:
-        return WhyUnreadable(report.record);
-    case Verdict::NOT_PULLED:
-        return SentenceOf(report.verdict);
-    case Verdict::FOREIGN:
-        return fmt::format("{}, or the tool never ran there, or it could not create its flags",
-                           SentenceOf(report.verdict));
-    default:
-        break;
-    }
-    const std::string why =
-        !report.irregular.empty()
-            ? report.irregular + " is not a regular file; runs leave only regular files"
-        : report.hasRecord  ? WhyAttempt(report)
-        : HasTraces(report) ? "an attempt has left files, but no attempt is on record"
-                            : fmt::format("no attempt is on record, and {}",
-                                          LAST_RUNS[static_cast<int>(report.lastRun)]);
-    return why + ". " + NextRun(report);
-}
 
 // Adds the state directories that are at directory or below it to found, in the order of their
 // names, and each folder that cannot be read. Returns whether there is any. Links are not followed.
@@ -342,9 +297,12 @@ StateReport ReadState(const std::string& directory) {
         report.flag = isOk && isFail   ? OutcomeFlag::BOTH
                       : isOk || isFail ? WhoseIs(report.flagTime, report.record)
                                        : OutcomeFlag::NONE;
-        report.verdict = Judge(report, directory);
+        const Answer answer = AnswerOf(report, directory);
+        report.verdict = answer.verdict;
+        report.why = answer.why;
     } catch (const Stop& stop) {
         report.verdict = Verdict::UNREADABLE;
+        report.why = "{failure}";
         report.failure = stop.text;
     }
     return report;
@@ -360,7 +318,34 @@ bool HasPassed(const StateReport& report) {
 }
 
 std::string Sentence(const StateReport& report) {
-    return fmt::format("{}: {}", WordOf(report.verdict), Why(report));
+    const Record& record = report.record;
+    const std::string target = Quoted(record.target);
+    const std::string attempt =
+        fmt::format("the last attempt, from {} to {} ({}),", Quoted(record.base), target,
+                    record.time.empty() ? "no time" : Escaped(record.time));
+    const std::string flag =
+        fmt::format("{} ({})", report.isOk ? "ffu.ok" : "ffu.fail", Quoted(report.flagTime));
+    std::string revision = "Whether the device was sent a firmware cannot be told from here: see "
+                           "the revision that it runs after a restart";
+    if (report.flag == OutcomeFlag::EARLIER) {
+        revision += "; " + flag + " is of an earlier attempt, if the clock is right";
+    }
+    const std::string messages = record.messages.empty()
+                                     ? "it is not a regular file"
+                                     : fmt::format("{}", fmt::join(record.messages, "; "));
+    const std::string next =
+        report.hasRecord
+            ? fmt::format("The next run will not attempt {} again; it will attempt any other that "
+                          "its package has for the device, unless that revision is a prefix of {}.",
+                          target, target)
+            : "The next run will attempt the update that its package has for the device, if any.";
+    const std::string why = fmt::format(
+        fmt::runtime(report.why), fmt::arg("failure", Escaped(report.failure)),
+        fmt::arg("meaning", SentenceOf(report.verdict)), fmt::arg("irregular", report.irregular),
+        fmt::arg("lastRun", LAST_RUNS[static_cast<int>(report.lastRun)]),
+        fmt::arg("messages", messages), fmt::arg("attempt", attempt), fmt::arg("flag", flag),
+        fmt::arg("revision", revision), fmt::arg("next", next));
+    return fmt::format("{}: {}", WordOf(report.verdict), why);
 }
 
 Texts StateDirectoriesIn(const Texts& directories) {

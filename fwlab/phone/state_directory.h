@@ -15,6 +15,7 @@ enum class OutcomeFlag { NONE, LAST, EARLIER, UNTOLD, BOTH };
 // What a state directory shows, as far as its files allow only one course of events.
 struct StateReport {
     Verdict verdict;
+    const char* why; // the format of the sentence
     LastRun lastRun;
     OutcomeFlag flag;
     bool isOk;             // the flag is ffu.ok

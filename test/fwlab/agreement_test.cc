@@ -164,7 +164,7 @@ protected:
                      WordOf(verdict));
         const bool isUpdate =
             verdict == Verdict::UPDATED ||
-            (verdict == Verdict::RECORD_UNREADABLE && decision.steps.back().goesOn);
+            (verdict == Verdict::RECORD_UNREADABLE && decision.steps.back().GoesOn());
         EXPECT_EQ(isAttempted, decision.recorded.has_value());
         ExpectEnd(record, isAttempted
                               ? ", upgrading to version:" + decision.recorded.value_or("") + "\n"
