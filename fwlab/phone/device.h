@@ -20,6 +20,6 @@ std::string Title(const Identity& device);
 // A phone with its running revision: "eMMC (GKI mode) "SIM064", runs "FW000001"".
 std::string Title(const Description& phone);
 
-// The settings (KEY=VALUE, see SetKey in keys.h) replace keys of the description. Stop if the file
-// cannot be read or, with the settings, does not describe a phone.
+// The settings (KEY=VALUE, see SetKey in keys.h) replace keys of the description. Throws if the
+// file cannot be read or, with the settings, does not describe a phone.
 Description ReadPhone(const std::string& descriptionFile, const Texts& settings = {});

@@ -8,13 +8,13 @@
 #include <string>
 #include <vector>
 
-// Stop if the run could not be kept. Faults that met no call are left to the caller.
+// Throws if the run could not be kept. Faults that met no call are left to the caller.
 RunResult MakeRun(const Phone& phone, const std::string& tool, const std::string& phoneLibrary,
                   const std::vector<Fault>& faults);
 
-// The image that the device has taken and will run after a restart; empty: none. Stop if it cannot
+// The image that the device has taken and will run after a restart; empty: none. Throws if it cannot
 // be read.
 std::string TakenImage(const Phone& phone);
 
-// The state directory becomes so. Stop if it cannot be written.
+// The state directory becomes so. Throws if it cannot be written.
 void PutState(const Phone& phone, const StateDirectory& state);
