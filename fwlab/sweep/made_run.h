@@ -12,8 +12,8 @@
 RunResult MakeRun(const Phone& phone, const std::string& tool, const std::string& phoneLibrary,
                   const std::vector<Fault>& faults);
 
-// The image that the device has taken and will run after a restart; empty: none. Throws if it cannot
-// be read.
+// The image that the device has taken and will run after a restart; empty: none. Throws if it
+// cannot be read.
 std::string TakenImage(const Phone& phone);
 
 // The state directory becomes so. Throws if it cannot be written.
