@@ -54,8 +54,8 @@ std::string ShowPhone(const Phone& phone) {
         text += "  " + node + ": " + (isRead ? Escaped(content) : strerror(errno)) + "\n";
     }
     if (!description.ufs) {
-        const bool isRead = ReadWholeFile(directory + "/device/ext_csd.bin", content);
-        const bool isWhole = isRead && content.size() == EXT_CSD_SIZE;
+        const bool isWhole = ReadWholeFile(directory + "/device/ext_csd.bin", content) &&
+                             content.size() == EXT_CSD_SIZE;
         text +=
             "  EXT_CSD FIRMWARE_VERSION: " +
             (isWhole ? Escaped(content.substr(EXT_CSD_FIRMWARE_VERSION, 8)) : "cannot be read") +

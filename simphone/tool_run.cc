@@ -21,7 +21,6 @@
 #include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -174,13 +173,13 @@ RunResult Execute(const Start& start, bool onlyLoad) {
 // Programs that run with more rights than their user's load no library of his.
 bool IsLoadedByGlibc(const std::string& tool) {
     const std::string image = WholeFile(tool);
-    Elf64_Ehdr header;
-    struct stat status;
-    if (stat(tool.c_str(), &status) != 0 || (status.st_mode & (S_ISUID | S_ISGID)) != 0 ||
-        image.size() < sizeof(header) || image.compare(0, SELFMAG, ELFMAG) != 0) {
+    const fs::perms rights = fs::perms::set_uid | fs::perms::set_gid;
+    Elf64_Ehdr header = {};
+    image.copy(reinterpret_cast<char*>(&header), sizeof(header));
+    if ((fs::status(tool).permissions() & rights) != fs::perms::none ||
+        image.compare(0, SELFMAG, ELFMAG) != 0) {
         return false;
     }
-    memcpy(&header, image.data(), sizeof(header));
     for (size_t i = 0; i < header.e_phnum; i++) {
         Elf64_Phdr segment = {};
         image.copy(reinterpret_cast<char*>(&segment), sizeof(segment),

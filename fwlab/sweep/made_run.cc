@@ -1,7 +1,6 @@
 // Makes runs of the tool; a failure of this machine is never told as the tool's.
 #include "fwlab/sweep/made_run.h"
 
-#include "fwlab/base/stop.h"
 #include "fwlab/base/work_folder.h"
 #include "simphone/files.h"
 

@@ -8,10 +8,10 @@
 #include <string>
 #include <vector>
 
-// Stop if the run could not be kept. Faults that met no call are left to the caller.
+// Throws if the run could not be kept. Faults that met no call are left to the caller.
 RunResult MakeRun(const Phone& phone, const std::string& tool, const std::string& phoneLibrary,
                   const std::vector<Fault>& faults);
 
-// The image that the device has taken and will run after a restart; empty: none. Stop if it cannot
-// be read.
+// The image that the device has taken and will run after a restart; empty: none. Throws if it
+// cannot be read.
 std::string TakenImage(const Phone& phone);

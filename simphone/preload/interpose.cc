@@ -3,7 +3,6 @@
 // first, with phone paths led into the phone's directory and device requests led to the device.
 #include "simphone/preload/session.h"
 
-#include <algorithm>
 #include <android/log.h>
 #include <climits>
 #include <cstdarg>
@@ -82,7 +81,8 @@ bool Misaligned(int fd, const OpenFile& file, const void* data, size_t count) {
 // The host's path of a file that is about to be removed: a power cut may bring it back.
 std::string KeptPath(const char* path) {
     namespace fs = std::filesystem;
-    const std::string host = HostPath(path), folder = session->phone.directory + REMOVED_FOLDER;
+    const std::string folder = session->phone.directory + REMOVED_FOLDER;
+    std::string host = HostPath(path);
     std::error_code status;
     if (fs::path(path).parent_path() == "/data/vendor/fw" && fs::is_regular_file(host, status)) {
         const fs::path kept = folder + fs::path(path).filename().string() + REMOVED_SUFFIX;
