@@ -30,7 +30,7 @@ std::string Read(const CaptureOptions& options, const std::string& path) {
     const bool isRegular = fs::is_regular_file(fs::symlink_status(place, error));
     Require(isRegular, 2, place + ": " + (error ? error.message() : "is no regular file"));
     Require(fs::file_size(place) <= NODE_SIZE_MAX, 2, place + ": is larger than any node");
-    const std::string content = WholeFile(place);
+    std::string content = WholeFile(place);
     const size_t size = content.size();
     Require(size == 1 || (size > 1 && content.compare(size - 2, 2, "\r\n") != 0), 1,
             place + ": is empty or ends with a carriage return, as no node does: take it by `adb "

@@ -27,9 +27,8 @@ Json OnlyIn(const Package& package, const Package& other) {
     return only;
 }
 
-// The revisions that devices may run, by the device: a header without a revision. Each revision has
-// its name for people.
-using Devices = std::map<std::string, std::map<std::string, std::string>>;
+// Devices in the form of headers; each has the name of the revision that it runs.
+using Devices = std::map<std::string, std::string>;
 
 // Adds the devices that the package's entries describe.
 void AddDevices(const Package& package, Devices& devices) {
@@ -39,16 +38,17 @@ void AddDevices(const Package& package, Devices& devices) {
         for (const Field* field : {&layout.manufacturer, &layout.name, &layout.extCsdRev}) {
             Set(device, *field, Get(entry->identity, *field));
         }
-        auto& revisions = devices[device.header];
         const auto base = BaseRevisionsOf(entry->identity);
         if (!base) {
-            revisions.emplace(OldestRevision(layout),
-                              &layout == &UFS ? "another, older revision" : "another revision");
+            Set(device, layout.revision, OldestRevision(layout));
+            devices.emplace(device.header,
+                            &layout == &UFS ? "another, older revision" : "another revision");
         }
         Texts named = base.value_or(Texts());
         named.push_back(RevisionOf(entry->identity));
         for (const std::string& revision : named) {
-            revisions[revision] = Quoted(revision);
+            Set(device, layout.revision, revision);
+            devices[device.header] = Quoted(revision);
         }
     }
 }
@@ -77,19 +77,16 @@ Json DevicesReport(const Package& before, const Package& after, const Layout& la
     AddDevices(before, devices);
     AddDevices(after, devices);
     Json reports = Json::array();
-    for (const auto& [header, revisions] : devices) {
-        for (const auto& [revision, name] : revisions) {
-            Device device = {{&layout, header}, true, 0};
-            Set(device.identity, layout.revision, revision);
-            const Decision was = Decide(before, device), is = Decide(after, device);
-            // It ends with the same firmware and the same record.
-            const bool isSame = was.verdict == is.verdict && was.recorded == is.recorded &&
-                                was.sentBody == is.sentBody;
-            reports.push_back({{"device", Title(device.identity) + " runs " + name},
-                               {"same", isSame},
-                               {"old", DeviceReport(was)},
-                               {"new", DeviceReport(is)}});
-        }
+    for (const auto& [header, revision] : devices) {
+        const Device device = {{&layout, header}, true, 0};
+        const Decision was = Decide(before, device), is = Decide(after, device);
+        // It ends with the same firmware and the same record.
+        const bool isSame =
+            was.verdict == is.verdict && was.recorded == is.recorded && was.sentBody == is.sentBody;
+        reports.push_back({{"device", Title(device.identity) + " runs " + revision},
+                           {"same", isSame},
+                           {"old", DeviceReport(was)},
+                           {"new", DeviceReport(is)}});
     }
     return reports;
 }

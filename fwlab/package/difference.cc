@@ -7,20 +7,16 @@
 
 namespace {
 
-const Field MAGIC = {"magic", 0, MAGIC_SIZE, Field::EXACT, false};
-
-// The field of the entry's header that has this byte of the package.
-const Field& FieldAt(const Entry& entry, size_t offset) {
-    const Layout& layout = *entry.identity.layout;
+// The field of a header that has this byte of it.
+Field FieldAt(const Layout& layout, size_t offset) {
     std::vector<const Field*> fields = FieldsOf(layout);
     fields.push_back(&layout.bodySize);
     for (const Field* field : fields) {
-        const size_t begin = entry.offset + field->offset;
-        if (begin <= offset && offset < begin + field->size) {
+        if (field->offset <= offset && offset < field->offset + field->size) {
             return *field;
         }
     }
-    return MAGIC;
+    return {"magic", 0, MAGIC_SIZE, Field::EXACT, false};
 }
 
 } // namespace
@@ -40,7 +36,7 @@ std::optional<Difference> FirstDifference(const Package& first, const Package& s
     const auto offset = static_cast<size_t>(places.first - one.begin());
     for (const Entry* entry : OwnEntries(first)) {
         if (offset >= entry->offset && offset < entry->body) {
-            const Field& field = FieldAt(*entry, offset);
+            const Field field = FieldAt(*first.layout, offset - entry->offset);
             return found(entry->offset + field.offset, field.size,
                          Title(*entry) + ": " + field.key);
         }

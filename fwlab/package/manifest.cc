@@ -99,7 +99,7 @@ void TakeApart(const Package& package, const std::string& folder) {
     size_t number = 0;
     for (const Entry* entry : OwnEntries(package)) {
         const std::string imageFile = fmt::format("image-{}.bin", ++number);
-        WriteOutput(folder + "/" + imageFile, entry->image);
+        WriteOutput(fs::path(folder) / imageFile, entry->image);
         text += "\n[[entry]]\n";
         for (const Field* field : FieldsOf(layout)) {
             if (!field->isOptional || Get(entry->identity, *field) != Get(plain, *field)) {

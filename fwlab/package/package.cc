@@ -127,6 +127,11 @@ std::string Title(const Entry& entry) {
     return fmt::format("entry {} at {:#x}", entry.number, entry.offset);
 }
 
+Json ValueOf(const Identity& identity, const Field& field) {
+    const std::string bytes = Get(identity, field);
+    return field.size == 1 ? Json(static_cast<uint8_t>(bytes[0])) : Json(Escaped(bytes));
+}
+
 Json ReportOf(const Entry& entry) {
     const Layout& layout = *entry.identity.layout;
     Json shown = {{"number", entry.number}, {"offset", entry.offset}};
@@ -134,8 +139,7 @@ Json ReportOf(const Entry& entry) {
         const std::string bytes = Get(entry.identity, *field);
         const bool isZero = bytes == std::string(bytes.size(), '\0');
         if (!isZero || !field->isOptional) {
-            shown[field->key] =
-                field->size == 1 ? Json(static_cast<uint8_t>(bytes[0])) : Json(Escaped(bytes));
+            shown[field->key] = ValueOf(entry.identity, *field);
         }
     }
     const auto base = BaseRevisionsOf(entry.identity);

@@ -54,6 +54,9 @@ std::string Sha256(std::string_view bytes); // in lower-case hexadecimal digits
 
 std::string Title(const Entry& entry); // "entry 2 at 0x1040"
 
+// A number for a field of one byte, else a printable text.
+nlohmann::ordered_json ValueOf(const Identity& identity, const Field& field);
+
 // Its number, places and fields by their keys, and the digest of its body if it is an own entry.
 // Without fields that phones do not compare where they are zero. Texts are printable.
 nlohmann::ordered_json ReportOf(const Entry& entry);

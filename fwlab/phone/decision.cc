@@ -278,11 +278,6 @@ Reason ReasonOfAttempt(const Decision& decision) {
                                "parse the record of the attempt"};
 }
 
-std::string ValueOf(const Identity& identity, const Field& field) {
-    const std::string bytes = Get(identity, field);
-    return field.size == 1 ? std::to_string(static_cast<uint8_t>(bytes[0])) : Quoted(bytes);
-}
-
 Json NumberOf(const Entry* entry) {
     return entry == nullptr ? Json() : Json(entry->number);
 }
@@ -298,8 +293,9 @@ std::string Sentence(const Reason& reason, const Decision& decision) {
     return fmt::format(
         fmt::runtime(reason.sentence), fmt::arg("entry", title(reason.entry)),
         fmt::arg("other", title(reason.other)), fmt::arg("field", field.key),
-        fmt::arg("device", ValueOf(device, field)),
-        fmt::arg("value", reason.entry == nullptr ? "" : ValueOf(reason.entry->identity, field)),
+        fmt::arg("device", Shown(ValueOf(device, field))),
+        fmt::arg("value",
+                 reason.entry == nullptr ? "" : Shown(ValueOf(reason.entry->identity, field))),
         fmt::arg("used", Quoted(Trimmed(UpdateName(device)))), fmt::arg("layout", layout.title),
         fmt::arg("second", (&layout == &UFS ? EMMC : UFS).title),
         fmt::arg("limit", decision.device.maxHwSectorsKb), fmt::arg("from", Quoted(record.base)),

@@ -260,7 +260,7 @@ bool Search(const std::string& directory, int depth, Texts& found) {
 StateDirectory ReadPulledState(const std::string& directory) {
     StateDirectory state = {true, {}};
     for (const auto& [name, content] : ReadStateFiles(directory, SIZE_MAX)) {
-        Require(content.has_value(), 2, directory + "/" + name + ": is no regular file");
+        Require(content.has_value(), 2, fmt::format("{}/{}: is no regular file", directory, name));
         state.files[name] = *content;
     }
     Require(!state.files.empty(), 2,
