@@ -84,10 +84,6 @@ std::vector<Scenario> Scenarios() {
     return scenarios;
 }
 
-bool Contains(const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
-}
-
 // The first such call of the run, on a path or a file in the state directory; null without one.
 const CallEntry* Find(const RunResult& run, const std::string& function, const std::string& path) {
     const auto found = std::find_if(run.calls.begin(), run.calls.end(), [&](const CallEntry& call) {
@@ -140,7 +136,7 @@ void CheckRecord(const Scenario& scenario, const RunResult& run, Files before, F
 // Flags and exit status tell how the run ended.
 void CheckFlags(const RunResult& run, const Files& before, const Files& after) {
     const std::string steps = Steps(run);
-    const bool passed = Contains(steps, PASSED), failed = Contains(steps, FAILED);
+    const bool passed = Count(steps, PASSED) > 0, failed = Count(steps, FAILED) > 0;
     const bool isStarted = Find(run, "remove", OK) != nullptr; // an update
     const bool isRegular = isStarted ? !failed : std::regex_search(steps, NOTHING_TO_DO);
     const bool noDirectory = Failed(run, "mkdir", STATE);
@@ -163,7 +159,7 @@ void CheckFlags(const RunResult& run, const Files& before, const Files& after) {
 void CheckOutcome(const Scenario& scenario, const RunResult& run, const std::string& downloaded) {
     static const std::regex course("(g{0,3}[gGs]|d|D[iI]|b?r?|B)?");
     const std::string steps = Steps(run), updates = Updates(run);
-    const bool passed = Contains(steps, PASSED), isTold = passed || Contains(steps, FAILED);
+    const bool passed = Count(steps, PASSED) > 0, isTold = passed || Count(steps, FAILED) > 0;
     EXPECT_TRUE(std::regex_match(updates, course)) << updates;
     EXPECT_EQ(passed, HasWhole(updates) && !Failed(run, "close", UFS_NODE));
     if (passed) {
@@ -174,9 +170,9 @@ void CheckOutcome(const Scenario& scenario, const RunResult& run, const std::str
     // What fails before the device is opened is nothing to do for UFS, and a failure for eMMC.
     if (scenario.isUfs) {
         EXPECT_EQ(isTold, Find(run, "open", UFS_NODE) != nullptr);
-    } else if (!Contains(run.console, "NULL == ptm")) { // in place of a message
+    } else if (Count(run.console, "NULL == ptm") == 0) { // in place of a message
         EXPECT_EQ(isTold, Find(run, "remove", OK) != nullptr &&
-                              !Contains(run.console, "no need to update"));
+                              Count(run.console, "no need to update") == 0);
     }
 }
 
@@ -235,7 +231,7 @@ void CheckNext(const Scenario& scenario, const SweepRun& swept) {
     const bool isThere = run.before.files.count(RECORD) > 0;
     const bool isOld = isThere == (scenario.files.count(RECORD) > 0) && record == first[RECORD];
     EXPECT_EQ(Updates(run), isOld ? scenario.updates : "");
-    const bool isWhole = !isThere || isOld || Contains(record, ATTEMPTS[scenario.isUfs]);
+    const bool isWhole = !isThere || isOld || Count(record, ATTEMPTS[scenario.isUfs]) > 0;
     EXPECT_EQ(IsStuck(run), !isWhole);
 }
 

@@ -262,7 +262,7 @@ TEST_F(UfsTest, OneManufacturersHostIsResetAfterAFailure) {
         {"0x0001CE", unknown}};
     Make(UfsPhone({{"write_buffer", "'status 0x08'"}}), {{BODY_FILE, "body"}});
     const auto download = [&](const std::string& mid) {
-        return RunInProcess(directory, [&] { (void)!DoUfsFfu(Header(mid, "", ""), 1); });
+        return RunInProcess(directory, [&] { EXPECT_EQ(DoUfsFfu(Header(mid, "", ""), 1), -1); });
     };
     for (const auto& [mid, message] : makers) {
         SCOPED_TRACE(mid);
