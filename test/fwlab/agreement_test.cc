@@ -18,125 +18,120 @@ struct Case {
 };
 
 // Few values, so that entries, phones and records often agree, or nearly.
+const Texts EMMC_NAMES = {"SIM064", "SIM065", std::string("SIM\0\0\0", 6)};
+const Texts EMMC_REVS = {"FW000001", "FW000002", "FW000003", "FW",          "\5",
+                         "\5\1",     "FW\n",     "A,B",      {"\5\0\2", 3}, {"\0\1", 2}};
+const Texts UFS_NAMES = {
+    "SIMUFS128G-B0B1 ",  "SIMUFS128G\n",    "SIMUFS128G-B0B1\n", "SIMUFS256G-B0B1 ",
+    "KLUEG8U1EM-B0B1\n", "KLUEG8U1EM-B0B1", "KLUEG8U1EM-REWK",   "\n"};
+const Texts UFS_REVS = {"0800", "0900", "1000", "0700", "09\n0", {"08\0\1", 4}, {"\0\0\0\1", 4}};
+const struct Kind {
+    const char* magic;
+    Place pnm, base, size; // fields of an entry
+    size_t revSize, imageMax;
+    Texts names, revs;
+} KINDS[] = {
+    {"EMMC", EMMC_PNM_FIELD, EMMC_BASE_FIELD, EMMC_SIZE_FIELD, 8, 0x100000, EMMC_NAMES, EMMC_REVS},
+    {"UFSM", UFS_PNM_FIELD, UFS_BASE_FIELD, UFS_SIZE_FIELD, 4, 0x800000, UFS_NAMES, UFS_REVS}};
+
 class Generator {
 public:
-    explicit Generator(unsigned seed) : random(seed) {
+    explicit Generator(unsigned seed)
+        : random(seed), isUfs(Chance(2)), kind(KINDS[isUfs]), phoneName(Pick(kind.names)) {
     }
 
     Case Next() {
-        Case made = {Chance(2), {}, "", MISSING};
-        phoneName = Name(made.isUfs);
-        made.isUfs ? MakeUfs(made) : MakeEmmc(made);
+        Case made = {isUfs, isUfs ? UfsKeys() : EmmcKeys(), "", MISSING};
         for (unsigned i = Below(4) + (Chance(20) ? 0 : 1); i > 0; i--) {
             made.package += Chance(8) ? "UFSEMM" : "";
             // A magic that is no entry: its body reaches past the end of the package, or it is
             // empty.
-            made.package += Chance(8) ? made.isUfs ? "UFSM" : "EMMC" : "";
-            made.package += Entry(made.isUfs, true);
+            made.package += Chance(8) ? kind.magic : "";
+            made.package += Entry(true);
         }
         if (Chance(20)) {
             made.package.resize(made.package.size() - std::min<size_t>(made.package.size(), 7));
         }
-        if (Chance(2)) {
-            made.record = Record(made.isUfs);
-        }
+        made.record = Chance(2) ? Record() : MISSING;
         return made;
     }
 
 private:
-    unsigned Below(unsigned end) {
-        return std::uniform_int_distribution<unsigned>(0, end - 1)(random);
+    unsigned Below(size_t end) {
+        return std::uniform_int_distribution<unsigned>(0, static_cast<unsigned>(end) - 1)(random);
     }
     bool Chance(unsigned oneIn) {
         return Below(oneIn) == 0;
     }
     // The first one half of the time.
     const std::string& Pick(const Texts& values) {
-        return values[Chance(2) ? 0 : Below(static_cast<unsigned>(values.size()))];
+        return values[Chance(2) ? 0 : Below(values.size())];
     }
-    std::string Name(bool isUfs) {
-        static const Texts emmc = {"SIM064", "SIM065", std::string("SIM\0\0\0", 6)};
-        static const Texts ufs = {
-            "SIMUFS128G-B0B1 ",  "SIMUFS128G\n",    "SIMUFS128G-B0B1\n", "SIMUFS256G-B0B1 ",
-            "KLUEG8U1EM-B0B1\n", "KLUEG8U1EM-B0B1", "KLUEG8U1EM-REWK",   "\n"};
-        return Pick(isUfs ? ufs : emmc);
+    // One of the first three, often.
+    const std::string& Revision() {
+        return kind.revs[Below(Chance(3) ? kind.revs.size() : 3)];
     }
-    std::string Revision(bool isUfs) {
-        static const Texts emmc = {"FW000001", "FW000002", "FW000003", "FW",          "\5",
-                                   "\5\1",     "FW\n",     "A,B",      {"\5\0\2", 3}, {"\0\1", 2}};
-        static const Texts ufs = {"0800",  "0900",        "1000",         "0700",
-                                  "09\n0", {"08\0\1", 4}, {"\0\0\0\1", 4}};
-        return isUfs ? ufs[Below(Chance(3) ? 7 : 3)] : emmc[Below(Chance(3) ? 10 : 3)];
-    }
-    std::string Mid() {
+    std::string UfsMid() {
         return Pick({"0x0001ce\n", "0x0001ad\n", "0x1ce\n"});
     }
     std::string ExtCsdRev() {
         return Pick({"\x08", "\x07", "\x06"});
     }
 
-    void MakeEmmc(Case& made) {
-        made.phone = {{"mode", Chance(2) ? "'gki'" : "'normal'"},
-                      {"revision", TomlList(Revision(false))},
-                      {"ext_csd_rev", std::to_string(ExtCsdRev()[0])},
-                      {"cid.manufacturer_id", Chance(8) ? "0x15" : "0x13"},
-                      {"cid.product_name", TomlList(phoneName)}};
+    Overrides EmmcKeys() {
+        return {{"mode", Chance(2) ? "'gki'" : "'normal'"},
+                {"revision", TomlList(Revision())},
+                {"ext_csd_rev", std::to_string(ExtCsdRev()[0])},
+                {"cid.manufacturer_id", Chance(8) ? "0x15" : "0x13"},
+                {"cid.product_name", TomlList(phoneName)}};
     }
-    void MakeUfs(Case& made) {
-        made.phone = {{"manfid", TomlList(Mid())},
-                      {"product_name", TomlList(phoneName)},
-                      {"revision", TomlList(Chance(20) ? "080" : Revision(true))}};
-        if (Chance(4)) {
-            made.phone["max_hw_sectors_kb"] = "1";
-        }
+    Overrides UfsKeys() {
+        return {{"manfid", TomlList(UfsMid())},
+                {"product_name", TomlList(phoneName)},
+                {"revision", TomlList(Chance(20) ? "080" : Revision())},
+                {"max_hw_sectors_kb", Chance(4) ? "1" : "0"}};
     }
-    std::string BaseRevisions(bool isUfs) {
+    std::string BaseRevisions() {
         std::string slots;
-        for (const size_t size = isUfs ? 4 : 8;
-             (slots.empty() ? Chance(3) : true) && slots.size() < 16;) {
-            std::string slot = Chance(4) ? std::string(size, '\xFF') : Revision(isUfs); // unused
-            slot.resize(size);
+        while (slots.empty() ? Chance(3) : slots.size() < 16) {
+            std::string slot = Chance(4) ? UNUSED : Revision();
+            slot.resize(kind.revSize);
             slots += slot;
         }
-        return slots.empty() ? std::string(16, '\xFF') : slots;
+        return slots.empty() ? UNUSED : slots;
     }
-    std::string Entry(bool isUfs, bool mayHoldOther) {
-        const unsigned sizes[] = {600, 1, 511, 512, 1024, 1025, 0};
-        unsigned size = sizes[Below(7)];
-        size = Chance(60) ? (isUfs ? 0x800001 : 0x100001) : size;
-        std::string body = Body(size);
-        if (size > 0) { // no two are alike
+    std::string Entry(bool mayHoldOther) {
+        const size_t sizes[] = {600, 1, 511, 512, 1024, 1025, 0};
+        std::string body = Body(Chance(60) ? kind.imageMax + 1 : sizes[Below(7)]);
+        if (!body.empty()) { // no two are alike
             body[0] = static_cast<char>(128 | ++bodies);
         }
         if (mayHoldOther && Chance(10)) { // not at the begin of the image
-            body += Entry(isUfs, false);
+            body += Entry(false);
             body += Body(Below(3));
         }
         std::string entry =
-            isUfs ? UfsEntry(Revision(true), body) : EmmcEntry(Revision(false), body);
-        entry = With(entry, isUfs ? UFS_PNM_FIELD : EMMC_PNM_FIELD,
-                     Chance(3) ? Name(isUfs) : phoneName);
-        entry = With(entry, isUfs ? UFS_BASE_FIELD : EMMC_BASE_FIELD, BaseRevisions(isUfs));
-        if (Chance(20)) {
-            const std::string beyond = BigEndian32(static_cast<uint32_t>(body.size() + 1));
-            entry = With(entry, isUfs ? UFS_SIZE_FIELD : EMMC_SIZE_FIELD, beyond);
-        }
-        return isUfs ? With(entry, UFS_MID_FIELD, Mid())
-                     : With(With(entry, EMMC_REV_FIELD, ExtCsdRev()), EMMC_MID_FIELD,
-                            Chance(8) ? "\x15" : "\x13");
+            isUfs ? With(UfsEntry(Revision(), body), UFS_MID_FIELD, UfsMid())
+                  : With(With(EmmcEntry(Revision(), body), EMMC_REV_FIELD, ExtCsdRev()),
+                         EMMC_MID_FIELD, Chance(8) ? "\x15" : "\x13");
+        entry = With(entry, kind.pnm, Chance(3) ? Pick(kind.names) : phoneName);
+        const auto beyond = static_cast<uint32_t>(body.size() + 1);
+        return With(Chance(20) ? With(entry, kind.size, BigEndian32(beyond)) : entry, kind.base,
+                    BaseRevisions());
     }
-    std::string Record(bool isUfs) {
-        const auto text = [&] { return std::string(Revision(isUfs).c_str()); };
-        const std::string values = "product name:P, current fw version:" + text() +
-                                   ", upgrading to version:" + text() + "\n";
-        const std::string whole = CLOCK_TEXT + values;
-        return Texts{
-            whole, whole, values, "", CLOCK_TEXT, whole.substr(0, whole.size() - 1)}[Below(6)];
+    std::string Record() {
+        const auto text = [&] { return std::string(Revision().c_str()); };
+        const std::string whole = AttemptRecord(text(), text(), "P");
+        return Texts{whole, whole,      whole.substr(CLOCK_TEXT.size()),
+                     "",    CLOCK_TEXT, whole.substr(0, whole.size() - 1)}[Below(6)];
     }
 
+    const std::string UNUSED = std::string(16, '\xFF'); // slots of base revisions
     std::mt19937 random;
+    const bool isUfs;
+    const Kind& kind;
+    const std::string phoneName;
     unsigned bodies = 0;
-    std::string phoneName;
 };
 
 class AgreementTest : public PhoneTest {

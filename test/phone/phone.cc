@@ -25,40 +25,35 @@ std::string ShippedDescription(const char* file, const Overrides& overrides) {
 }
 
 // How the tool opens what it opens, and the mode of what it makes. A path that ends with a slash
-// stands for all below it.
+// stands for all below it; a refused copy leaves the name of a node or a file empty.
 const std::string TRIGGER = "/splash2/test_ffu_trigger.tmp";
+const std::string BODY_FILE = STATE + "/ufs_fw_body.bin", TMP_BODY_FILE = "/tmp/ufs_fw_body.bin";
 const struct {
-    std::string path;
+    Texts paths;
     unsigned long flags;
     const char* mode = "";
 } OPENS[] = {
-    {"/vendor/", O_RDONLY},
-    {"/proc/", O_RDONLY},
-    {"/sys/", O_RDONLY},
-    {"/proc/bootdevice/ffu", O_RDWR},
-    {"/dev/block/mmcblk0", O_RDWR},
-    {"/dev/block/real", O_RDWR}, // where a test's link leads
-    {"/dev/block/sdc", O_RDWR | O_NONBLOCK},
-    {STATE + "/ffu.bgn", O_RDWR | O_CREAT, "0770"},
-    {STATE + "/ffu.end", O_RDWR | O_CREAT, "0770"},
-    {STATE + "/ffu.ok", O_RDWR | O_CREAT | O_APPEND, "0770"},
-    {STATE + "/ffu.fail", O_RDWR | O_CREAT | O_APPEND, "0770"},
-    {STATE + "/fw_result", O_RDWR | O_CREAT | O_APPEND, "0770"},
-    {STATE + "/ufs_fw_body.bin", O_WRONLY | O_CREAT | O_TRUNC, "0777"},
-    {STATE + "/ufs_fw_body.bin", O_RDONLY},
-    {"/tmp/ufs_fw_body.bin", O_WRONLY | O_CREAT | O_TRUNC, "0777"},
-    {"/tmp/ufs_fw_body.bin", O_RDONLY},
-    {TRIGGER, O_WRONLY | O_CREAT | O_DIRECT, "0755"},
-    {TRIGGER, O_RDONLY | O_CREAT | O_DIRECT, "0755"},
-    {"", O_RDWR | O_NONBLOCK}, // names of nodes and files that a refused copy left empty
-    {"", O_RDONLY},
+    {{"/vendor/", "/proc/", "/sys/", BODY_FILE, TMP_BODY_FILE, ""}, O_RDONLY},
+    // The last one is where a test's link leads.
+    {{"/proc/bootdevice/ffu", "/dev/block/mmcblk0", "/dev/block/real"}, O_RDWR},
+    {{"/dev/block/sdc", ""}, O_RDWR | O_NONBLOCK},
+    {{STATE + "/ffu.bgn", STATE + "/ffu.end"}, O_RDWR | O_CREAT, "0770"},
+    {{STATE + "/ffu.ok", STATE + "/ffu.fail", STATE + "/fw_result"},
+     O_RDWR | O_CREAT | O_APPEND,
+     "0770"},
+    {{BODY_FILE, TMP_BODY_FILE}, O_WRONLY | O_CREAT | O_TRUNC, "0777"},
+    {{TRIGGER}, O_WRONLY | O_CREAT | O_DIRECT, "0755"},
+    {{TRIGGER}, O_RDONLY | O_CREAT | O_DIRECT, "0755"},
 };
 
 bool IsProperOpen(const CallEntry& call) {
+    const auto isOf = [&](const std::string& path) {
+        const bool isFolder = !path.empty() && path.back() == '/';
+        return call.path.substr(0, isFolder ? path.size() : std::string::npos) == path;
+    };
     return std::any_of(std::begin(OPENS), std::end(OPENS), [&](const auto& row) {
-        const bool isFolder = !row.path.empty() && row.path.back() == '/';
-        return call.path.substr(0, isFolder ? row.path.size() : std::string::npos) == row.path &&
-               OpenFlags(call) == row.flags && Argument(call, "mode") == row.mode;
+        return OpenFlags(call) == row.flags && Argument(call, "mode") == row.mode &&
+               std::any_of(row.paths.begin(), row.paths.end(), isOf);
     });
 }
 
@@ -69,7 +64,7 @@ bool IsProper(const CallEntry& call, const std::string& pathBefore) {
     }
     if (function == "remove" || function == "unlink") {
         return call.path.rfind(STATE + "/", 0) == 0 || call.path == TRIGGER ||
-               call.path == "/tmp/ufs_fw_body.bin";
+               call.path == TMP_BODY_FILE;
     }
     return function == "access"  ? mode == (call.path == "/proc/bootdevice/ffu" ? "2" : "0")
            : function == "fopen" ? mode == "r"
