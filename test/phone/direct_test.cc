@@ -75,9 +75,8 @@ TEST_F(DirectTest, ArgumentsThatNoRunHas) {
     std::string requests;
     for (const auto& row : rows) {
         SCOPED_TRACE(row.console + row.steps);
-        int status = 0;
-        const RunResult run = RunInProcess(directory, [&] { status = row.call(); });
-        EXPECT_EQ(status, row.status);
+        const auto call = [&] { EXPECT_EQ(row.call(), row.status); };
+        const RunResult run = RunInProcess(directory, call);
         EXPECT_EQ(Console(run), row.console);
         EXPECT_EQ(Steps(run), row.steps);
         requests += Requests(run);
@@ -87,10 +86,8 @@ TEST_F(DirectTest, ArgumentsThatNoRunHas) {
     EXPECT_EQ(Count(requests, "opcode=302 "), 1);
 
     Make(GkiPhone()); // where no install can be left out
-    int status = -1;
-    const RunResult run = RunInProcess(directory, [&] { status = DoEmmcFfu(255, body, 512, 1); });
-    EXPECT_EQ(status, 0);
-    EXPECT_EQ(Requests(run), "GKI write 512 -> 512\n");
+    const auto call = [] { EXPECT_EQ(DoEmmcFfu(255, body, 512, 1), 0); };
+    EXPECT_EQ(Requests(RunInProcess(directory, call)), "GKI write 512 -> 512\n");
 }
 
 TEST_F(DirectTest, ResultOfARequestIsTheStatus) {
@@ -100,10 +97,9 @@ TEST_F(DirectTest, ResultOfARequestIsTheStatus) {
     };
     for (const auto& [faults, expected] : rows) {
         Make(NormalPhone({{"faults", "[" + faults + "]"}}), {{EMMC_PACKAGE, EmmcEntry()}});
-        int status = 0;
-        (void)RunInProcess(directory,
-                           [&] { status = EmmcFfu(EMMC_FW_PACKAGE, EMMC_FW_PACKAGE, 0, 0); });
-        EXPECT_EQ(status, expected) << faults;
+        (void)RunInProcess(directory, [status = expected] {
+            EXPECT_EQ(EmmcFfu(EMMC_FW_PACKAGE, EMMC_FW_PACKAGE, 0, 0), status);
+        });
     }
 }
 
@@ -126,14 +122,11 @@ TEST_F(DirectTest, RunNeedsNoStandardInput) {
 TEST_F(DirectTest, EmptyRecordIsNotTheOneReadBefore) {
     Make(GkiPhone(), {{STATE + "/fw_result", AttemptRecord(EMMC_REV, EMMC_NEW_REV)}});
     const std::string record = Path(STATE + "/fw_result");
-    int first = 0, second = 0;
     (void)RunInProcess(directory, [&] {
-        first = CheckResultFile("FW000002");
+        EXPECT_EQ(CheckResultFile("FW000002"), 1);
         EXPECT_EQ(truncate(record.c_str(), 0), 0);
-        second = CheckResultFile("FW000002");
+        EXPECT_EQ(CheckResultFile("FW000002"), -1);
     });
-    EXPECT_EQ(first, 1);
-    EXPECT_EQ(second, -1);
 }
 
 TEST_F(DirectTest, OtherFolderTypeAndResult) {
@@ -163,7 +156,7 @@ TEST_F(DirectTest, RefusedCopiesFailTheirStep) {
     const std::string gki = GkiPhone(), normal = NormalPhone(), ufs = UfsPhone();
     const std::string named =
         UfsPhone({{"product_name", "'" + model + "'"}, {"revision", "'0900'"}});
-    const std::string begun = "ffu.bgn", started = "ffu.bgn fw_result";
+    const std::string begun = "ffu.bgn";
     const std::string noExtCsd = "GetEmmcHeader,line=138: get emmc extcsd register value failed\n";
     const std::string noHex = "EmmcGetExtCsd,line=272: memcpy_s error EmmcGetExtCsd\n";
     const std::string noHeader =
@@ -172,19 +165,17 @@ TEST_F(DirectTest, RefusedCopiesFailTheirStep) {
         "GetTmeStamp: memcpy_s error.\nUpdateResultFlag: update to FW000002 pass";
     const std::string noRev = "GetDeviceInfo: Get local fw rev failed!\n";
     const std::string noParse = "CheckFwBin: Parse rev in fw file failed!\n";
-    const std::string fail = "UpdateResultFlag: upgrade to FW000002 fail";
-    const std::string ufsFail = "UpdateResultFlag: upgrade to 0900 fail";
     const std::string noNode = "sg_write_buffer: open error: /dev/block/sdc: "
                                "No such file or directory\n";
     const std::string code15 = "DoUfsFfu,line=431: ufs firmware update ret code = 15\n";
     struct Row {
-        std::string refused, phone, console, left, steps; // the steps at the end
-        std::string errors = "";                          // on the standard error, at its end
+        std::string refused, phone, console, left;
+        std::string steps = "", errors = ""; // at the end of the system log, of the standard error
     };
     const Row rows[] = {
         {"memcpy_s 512", gki, noHex, begun,
          "GetCurrentRevEmmc: eMMC get extcsd failed! Status:22\n" + noRev},
-        {"memcpy_s 517", gki, noHex + noExtCsd, FAIL, fail},
+        {"memcpy_s 517", gki, noHex + noExtCsd, FAIL},
         {"memcpy_s 1", normal, "", begun,
          "GetCurrentRevEmmc: Get eMMC FW rev failed! Status:22\n" + noRev},
         {"memcpy_s 2", normal, "", begun, "GetEmmcRev: memcpy_s fwFileRev error!\n" + noParse},
@@ -192,28 +183,25 @@ TEST_F(DirectTest, RefusedCopiesFailTheirStep) {
         {"memcpy_s 12", normal, "", PASS, noTime},
         {"memset_s 1", normal, "EmmcCmd,line=102: EmmcCmd memset_s fail\n", begun,
          "GetCurrentRevEmmc: eMMC get extcsd failed! Status:-1\n" + noRev},
-        {"memset_s 2", normal, "EmmcFfu,line=233: fwHeader memset_s 0 fail...\n", FAIL, fail},
-        {"memset_s 4", normal, "Ffu50DownloadImage,line=320: TOLMA: SFAE FUNCTION ERROR\n", FAIL,
-         fail},
-        {"memset_s 5", normal, "Ffu50Install,line=342: TOLMA: SFAE FUNCTION ERROR\n", FAIL, fail},
-        {"snprintf_s 2", normal, "", started, "WriteResultFile: snprintf_s error!\n"},
+        {"memset_s 2", normal, "EmmcFfu,line=233: fwHeader memset_s 0 fail...\n", FAIL},
+        {"memset_s 4", normal, "Ffu50DownloadImage,line=320: TOLMA: SFAE FUNCTION ERROR\n", FAIL},
+        {"memset_s 5", normal, "Ffu50Install,line=342: TOLMA: SFAE FUNCTION ERROR\n", FAIL},
+        {"snprintf_s 2", normal, "", "ffu.bgn fw_result", "WriteResultFile: snprintf_s error!\n"},
         {"memcpy_s 1", ufs, "", begun, "GetUfsRev: memcpy_s fwFileRev error!\n" + noParse},
-        {"memset_s 1", ufs, "UfsFfu,line=450: UfsFfu memset_s fail\n", FAIL, ufsFail},
+        {"memset_s 1", ufs, "UfsFfu,line=450: UfsFfu memset_s fail\n", FAIL},
         {"memcpy_s 4", ufs, "GetUfsLocalDevInfo,line=204: GetUfsLocalDevInfo memcpy_s UFSM fail\n",
-         "ffu.end fw_result", ""},
+         "ffu.end fw_result"},
         {"memcpy_s 5", named, "UpdateProductName,line=152: update product name failed!\n", PASS,
          "UpdateResultFlag: update to 1000 pass"},
-        {"memset_s 2,strncpy_s 1", ufs, noNode, FAIL, ufsFail},
-        {"memset_s 3,strncpy_s 2", ufs, code15, FAIL, ufsFail,
+        {"memset_s 2,strncpy_s 1", ufs, noNode, FAIL},
+        {"memset_s 3,strncpy_s 2", ufs, code15, FAIL, "",
          "sg_write_buffer: could not open  for reading: No such file or directory\n"},
     };
     const auto check = [&](const Row& row) {
         SCOPED_TRACE(row.refused + ": " + row.console + row.steps);
         Make(row.phone, packages);
-        int status = -1;
-        const auto update = [&] { status = UpdateRun(); };
+        const auto update = [] { EXPECT_EQ(UpdateRun(), 0); };
         const RunResult run = RunInProcess(directory, update, row.refused);
-        EXPECT_EQ(status, 0);
         EXPECT_TRUE(row.console.empty() || Count(Console(run), row.console) == 1) << Console(run);
         ExpectEnd(Steps(run), row.steps);
         ExpectEnd(run.errors, row.errors);
@@ -224,7 +212,7 @@ TEST_F(DirectTest, RefusedCopiesFailTheirStep) {
     };
     std::for_each(std::begin(rows), std::end(rows), check);
     for (int field = 5; field <= 11; field++) { // of the device record
-        check({"memcpy_s " + std::to_string(field), normal, noHeader, FAIL, fail});
+        check({"memcpy_s " + std::to_string(field), normal, noHeader, FAIL});
     }
 }
 
