@@ -21,8 +21,8 @@ const std::string EMMC_FLEET = Model(EMMC + "8\n", Running("FW000001", 9));
 
 TEST_F(FwlabTest, PlanTellsWhatEachPhoneGets) {
     const std::string none = "{ revision = ", ufs = UfsEntry();
+    // The fleet, the package.
     const std::vector<Told> rows = {
-        // the fleet, the package
         {0,
          "\"0800\"*70  gets entry 1, \"0900\"\n*\"0700\"*4  refused: *among its base revisions*"
          "\"0900\"*5  nothing to do: *Phones: 70 updated 5 nothing-to-do 4 refused\nNo phone",

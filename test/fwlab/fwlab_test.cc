@@ -61,8 +61,8 @@ TEST_F(FwlabTest, PackRefuses) {
     const std::string lenient = UfsManifest({"product_name = 'SIMUFS128G      '"});
     const Texts original = {"product_name = 'KLUEG8U1EM-B0B1'", "revision = '1000'",
                             "base_revisions = ['0900']"};
+    // The manifest, the image.
     std::vector<Told> rows = {
-        // the manifest, the image
         {2, "1: Error while parsing", "technology = "},
         {2, "\"emmc\" or \"ufs\"", "technology = 'nand'\n[[entry]]\n"},
         {2, "entry is missing", "technology = 'ufs'\n"},
@@ -173,8 +173,8 @@ TEST_F(FwlabTest, MatchTellsBothDecisions) {
     Put("/applied", record + "0900\n");
     Put("/another", record + "0850\n");
     Put("/torn", record);
+    // The phone, the package.
     const std::vector<Told> rows = {
-        // the phone, the package
         {1, "ends here: no usable entry*has no body inside the package*No update.", UfsPhone(),
          named("OTHER") + With(ufs, UFS_SIZE_FIELD, BigEndian32(5))},
         {1, "ends here: selects entry 1 at 0x0, revision \"0800\"*No update.", UfsPhone(),
@@ -245,8 +245,8 @@ TEST_F(FwlabTest, RehearseTellsWhatHasBecomeOfThePhone) {
     const std::string again = "--reboot-and-run-again ";
     const std::string inside =
         With(UfsEntry("0900", "xxxxxx" + UfsEntry()), UFS_PNM_FIELD, "OTHER");
+    // The phone, the package.
     const std::vector<Told> rows = {
-        // the phone, the package
         {1, "runs \"0900\", from 0 bytes*NOT entry 1 at 0x0*is NOT updated: nothing-to-do: ",
          UfsPhone(), UfsEntry(), "--set revision=0900"},
         {1,

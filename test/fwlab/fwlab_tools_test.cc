@@ -3,6 +3,7 @@
 #include "test/fwlab/fwlab.h"
 
 #include <numeric>
+#include <tuple>
 
 namespace {
 
@@ -22,7 +23,7 @@ TEST_F(FwlabTest, ListFindsWhatPhonesPassOver) {
     const std::string strayUfs = "UFSM" + std::string(60, '\0'),
                       strayEmmc = "EMMC" + std::string(44, '\0');
     const std::string isEmmc = "manufacturer_id  19", isUfs = "manfid           \"0x0001ce\"";
-    // It hides no entry behind it.
+    // In an image, it hides no entry behind it.
     const std::string magic =
         With(With(UfsEntry("1000", ""), UFS_SIZE_FIELD, BigEndian32(20)), UFS_PNM_FIELD, "x");
     const std::string first = UfsEntry(UFS_NEW_REV, "12" + magic);
@@ -84,30 +85,30 @@ TEST_F(FwlabTest, EveryCommandRefusesWhatIsNoPackage) {
         {2, "fwlab: package: No such file", MISSING},
     };
     ExpectEach("list package", {"/package"}, packages);
-    const std::vector<Told> commands = {
-        // what each says of an empty package
-        {1, "FINDING: it is empty", "list package"},
-        {0, "the same", "diff package package"},
-        {1, "is empty", "unpack package -o parts"},
-        {1, "NOT identical", "verify package --manifest manifest.toml"},
-        {1, "No update", "match package --phone phone.toml"},
-        {1, "is empty", "plan package --fleet fleet.toml"},
-        {1, "NOT updated", "rehearse package --phone phone.toml"},
-        {1, "NOT UPDATED", "sweep package --phone phone.toml"},
+    // What each says of an empty package.
+    const std::tuple<std::string, int, std::string> commands[] = {
+        {"list package", 1, "FINDING: it is empty"},
+        {"diff package package", 0, "the same"},
+        {"unpack package -o parts", 1, "is empty"},
+        {"verify package --manifest manifest.toml", 1, "NOT identical"},
+        {"match package --phone phone.toml", 1, "No update"},
+        {"plan package --fleet fleet.toml", 1, "is empty"},
+        {"rehearse package --phone phone.toml", 1, "NOT updated"},
+        {"sweep package --phone phone.toml", 1, "NOT UPDATED"},
     };
     Put("/phone.toml", UfsPhone());
     Put("/fleet.toml", "[[model]]\nphone = 'phone.toml'\n"
                        "running = [{ revision = '0800', phones = 9 }]\n");
     Put("/manifest.toml", UfsManifest());
     Put("/image", "image");
-    for (const Told& command : commands) {
-        SCOPED_TRACE(command.first);
+    for (const auto& [command, status, text] : commands) {
+        SCOPED_TRACE(command);
         Put("/package", "");
-        Expect(Fwlab(command.first), command.status, command.texts);
+        Expect(Fwlab(command), status, text);
         Put("/package", ufs.substr(0, 63));
-        Expect(Fwlab(command.first), 2, none);
+        Expect(Fwlab(command), 2, none);
         fs::resize_file(Path("/package"), 1UL << 31);
-        Expect(Fwlab(command.first), 2, "fwlab: package: is 2 GiB or larger");
+        Expect(Fwlab(command), 2, "fwlab: package: is 2 GiB or larger");
         EXPECT_FALSE(fs::exists(Path("/parts")));
     }
 }
@@ -117,8 +118,8 @@ TEST_F(FwlabTest, VerifyNamesTheFieldThatDiffers) {
         UfsManifest() + UfsTable({"product_name = 'SIMUFS256G-B0B1 '", "image = 'other'"});
     const std::string both = UfsEntry(UFS_NEW_REV, "abc") + OtherUfs(), one = both.substr(0, 67);
     const std::string emmcPackage = EmmcEntry(EMMC_NEW_REV, "abc");
+    // The manifest, the package.
     std::vector<Told> rows = {
-        // the manifest, the package
         {1,
          "entry 2 at 0x43: revision (at 0x5f): the manifest makes \"0900\", the package has "
          "\"0850\"",
