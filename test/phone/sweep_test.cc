@@ -10,6 +10,7 @@
 #include "test/phone/phone.h"
 
 #include <algorithm>
+#include <atomic>
 #include <gtest/gtest-spi.h>
 #include <map>
 #include <regex>
@@ -321,7 +322,11 @@ TEST_F(SweepTest, EachCallFailsAndThePowerAtEachCall) {
             Select(base, !scenarios[jobs[0].scenario].files.empty(), tried, jobs);
         }
     };
-    options.check = [&](const SweepRun& swept) { return Check(scenarios[swept.scenario], swept); };
+    std::atomic<size_t> laterCuts = 0; // in a run after the job, behind its request
+    options.check = [&](const SweepRun& swept) {
+        laterCuts += swept.kind == SweepRun::LATER_CUT && IsAttempt(*swept.run);
+        return Check(scenarios[swept.scenario], swept);
+    };
     SweepResult result;
     try {
         result = RunSweep(sweeps, options);
@@ -338,6 +343,7 @@ TEST_F(SweepTest, EachCallFailsAndThePowerAtEachCall) {
            "states left, %zu runs\n",
            scenarios.size(), calls, everyNth, static_cast<long>(result.jobs.size()) - cuts, cuts,
            result.states.size(), result.runs);
+    EXPECT_GT(laterCuts, 0U);
     EXPECT_EQ(result.violations.size(), 0U);
     const size_t shown = std::min<size_t>(result.violations.size(), 20);
     for (size_t i = 0; i < shown; i++) {
