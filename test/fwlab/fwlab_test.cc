@@ -189,6 +189,8 @@ TEST_F(FwlabTest, MatchTellsBothDecisions) {
          "pre-check: goes on*update: ends here*would log: FwVerCheck,line=248: *"
          "USED UP: its revision is not newer*attempt for \"0700\" on record",
          UfsPhone(), UfsEntry("0700")},
+        {1, "update: ends here: selects entry 2 at 0x34, *: its revision is running already",
+         NormalPhone(), strange + EmmcEntry(EMMC_REV)},
         {1, "USED UP: entry 1 at 0x0 has manufacturer_id 17, the device 18", NormalPhone(), strange,
          "--set cid.manufacturer_id=18"},
         {1, "USED UP: entry 1 at 0x0 has manfid \"0x1ce\\n*, the device \"0x0001ad", UfsPhone(),
