@@ -180,8 +180,10 @@ TEST_F(FwlabSweepTest, AnInterruptionOrAChangedPackageLeavesNothing) {
     Put("/package", EmmcEntry());
     Put("/phone.toml", GkiPhone({{"revision", "'FW000002'"}})); // a short run: nothing to do
     Put("/page", "as it was");
+    // Four phones: a busy machine, too, meets the sweep on its way.
     const auto sweepAnd = [&](const std::string& what) {
-        return Shell(FWLAB_PATH " sweep package --phone phone.toml --html page & "
+        return Shell(FWLAB_PATH " sweep package --jobs 1 --html page --phone "
+                                "phone.toml phone.toml phone.toml phone.toml & "
                                 "while kill -0 $! && ! ls tmp/*/phone-0/journal.log; do "
                                 "sleep 0.01; done >tmp.log 2>&1; " +
                      what + "; wait $!");
