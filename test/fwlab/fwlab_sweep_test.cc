@@ -108,7 +108,7 @@ TEST_F(FwlabSweepTest, ABarOpensThePanelOfItsFault) {
             const is = [fits()];
             bar.click();
             await next();
-            is.push(title.textContent.match("^Call \\d+ write .*/fw_result: it fails, EIO$") !== null,
+            is.push(/^Call \d+ write .*fw_result: it fails, EIO$/.test(title.textContent),
                     panel.textContent.includes("log     | FFU process BeginFlag: remove "), fits(),
                     bar.getBoundingClientRect().bottom <= panel.getBoundingClientRect().top);
             dispatchEvent(new KeyboardEvent("keydown", {key: "Escape"}));
