@@ -39,13 +39,13 @@ WorkFolder::~WorkFolder() {
     sigprocmask(SIG_SETMASK, &mask, nullptr);
 }
 
-int TakeSignal(long milliseconds) {
+int TakeSignal() {
     const sigset_t signals = EndingSignals();
-    const timespec time = {0, milliseconds * 1000000};
-    return std::max(sigtimedwait(&signals, nullptr, &time), 0);
+    const timespec noTime = {};
+    return std::max(sigtimedwait(&signals, nullptr, &noTime), 0);
 }
 
 void StopIfInterrupted() {
-    const int number = TakeSignal(0);
+    const int number = TakeSignal();
     Require(number == 0, 128 + number, "interrupted");
 }

@@ -20,8 +20,8 @@ private:
     sigset_t mask; // the signals that were held back before
 };
 
-// Returns a signal that was held back, and waits for one if there is none. 0 if none came in time.
-int TakeSignal(long milliseconds);
+// Returns a signal that was held back; 0 if none came.
+int TakeSignal();
 
 // Stop with 128 plus the signal's number if one was held back.
 void StopIfInterrupted();

@@ -3,6 +3,7 @@
 #include "fwlab/base/json.h"
 #include "fwlab/base/output.h"
 #include "fwlab/commands/commands.h"
+#include "fwlab/package/manifest.h"
 #include "fwlab/phone/decision.h"
 #include "simphone/text.h"
 
@@ -11,7 +12,7 @@
 int Pack(const std::string& manifestFile, const std::string& output, bool withLargeEmmc,
          bool asJson) {
     const Built built = BuildPackage(manifestFile);
-    RequireFlawless(built, withLargeEmmc);
+    RequireFlawless(built.package, withLargeEmmc);
     for (const std::string& input : built.inputs) {
         RequireOther(output, input);
     }

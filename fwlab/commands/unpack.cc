@@ -15,11 +15,11 @@ namespace {
 
 // Stop unless pack makes these bytes of the manifest.
 void RequireSame(const std::string& manifest, const Package& package) {
-    Built built = BuildPackage(manifest);
-    built.package.path = package.path + ": pack would not make this package";
-    RequireFlawless(built, true);
-    if (const auto found = FirstDifference(built.package, package)) {
-        throw Stop{1, fmt::format("{}: {} would be {}, not {}", built.package.path, found->place,
+    Package made = BuildPackage(manifest).package;
+    made.path = package.path + ": pack would not make this package";
+    RequireFlawless(made, true);
+    if (const auto found = FirstDifference(made, package)) {
+        throw Stop{1, fmt::format("{}: {} would be {}, not {}", made.path, found->place,
                                   found->first, found->second)};
     }
 }

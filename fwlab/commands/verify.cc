@@ -2,16 +2,17 @@
 #include "fwlab/base/json.h"
 #include "fwlab/commands/commands.h"
 #include "fwlab/package/difference.h"
+#include "fwlab/package/manifest.h"
 #include "fwlab/phone/decision.h"
 #include "simphone/text.h"
 
 #include <fmt/format.h>
 
 int Verify(const std::string& packageFile, const std::string& manifestFile, bool asJson) {
-    const Built built = BuildPackage(manifestFile);
-    RequireFlawless(built, true);
-    const Package package = OpenPackage(packageFile, built.package.layout);
-    const auto found = FirstDifference(built.package, package);
+    const Package made = BuildPackage(manifestFile).package;
+    RequireFlawless(made, true);
+    const Package package = OpenPackage(packageFile, made.layout);
+    const auto found = FirstDifference(made, package);
     Json report = {{"package", Escaped(packageFile)},
                    {"manifest", Escaped(manifestFile)},
                    {"same", !found},

@@ -415,16 +415,16 @@ Texts FindingsOf(const Package& package, const Entry& entry) {
     return findings;
 }
 
-void RequireFlawless(const Built& built, bool withLargeEmmc) {
+void RequireFlawless(const Package& package, bool withLargeEmmc) {
     size_t number = 0;
-    for (const Entry* entry : OwnEntries(built.package)) {
+    for (const Entry* entry : OwnEntries(package)) {
         number++;
-        Texts findings = FindingsOf(built.package, *entry);
+        Texts findings = FindingsOf(package, *entry);
         if (NeedsGkiMode(*entry) && !withLargeEmmc) {
             findings = NotesOf(*entry);
         }
         Require(findings.empty(), 1,
-                fmt::format("{}: entry {} (in the package {}): {}", built.package.path, number,
+                fmt::format("{}: entry {} (in the package {}): {}", package.path, number,
                             Title(*entry), fmt::join(findings, "; ")));
     }
 }

@@ -2,7 +2,7 @@
 // routines decide it. Every command that says what a phone does calls this.
 #pragma once
 
-#include "fwlab/package/manifest.h"
+#include "fwlab/package/package.h"
 #include "fwlab/phone/device.h"
 #include "fwlab/phone/record.h"
 #include "fwlab/phone/verdict.h"
@@ -10,6 +10,8 @@
 
 #include <nlohmann/json_fwd.hpp>
 #include <optional>
+#include <string_view>
+#include <vector>
 
 // What a step comes to, and why. The sentence is a format for people: its names stand for what is
 // known of the device, its record and these entries.
@@ -81,7 +83,7 @@ nlohmann::ordered_json ReportOf(const Decision& decision);
 Texts FindingsOf(const Package& package, const Entry& entry);
 
 // Stop with 1 if an entry has a finding, or needs GKI mode where that is not said.
-void RequireFlawless(const Built& built, bool withLargeEmmc);
+void RequireFlawless(const Package& package, bool withLargeEmmc);
 
 // Hints for the user, such as what some phones do not accept; forAnyPhone: and what depends on the
 // running revision.

@@ -1,6 +1,7 @@
 #include "fwlab/phone/verdict.h"
 
 #include <algorithm>
+#include <iterator>
 
 namespace {
 
@@ -27,7 +28,7 @@ constexpr Words WORDS[] = {
     {"foreign", "there are files, but none of a run: it is no state directory"},
     {"unreadable", "the files cannot be read from here"},
 };
-static_assert(sizeof(WORDS) / sizeof(WORDS[0]) == VERDICTS);
+static_assert(std::size(WORDS) == static_cast<size_t>(Verdict::UNREADABLE) + 1);
 
 } // namespace
 

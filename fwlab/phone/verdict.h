@@ -1,7 +1,6 @@
 // What becomes of a phone: one vocabulary for every command, its JSON and the documents.
 #pragma once
 
-#include <cstddef>
 #include <string>
 
 enum class Verdict {
@@ -23,7 +22,6 @@ enum class Verdict {
     FOREIGN,
     UNREADABLE,
 };
-constexpr size_t VERDICTS = static_cast<size_t>(Verdict::UNREADABLE) + 1;
 
 const char* WordOf(Verdict verdict);     // one word for tables and programs: "used-up"
 const char* SentenceOf(Verdict verdict); // what it means, without a stop at its end

@@ -250,7 +250,7 @@ void ShareOut(Sweep& sweep, size_t count, const char* what,
     int signal = 0;
     for (std::future<void>& thread : threads) {
         while (thread.wait_for(std::chrono::milliseconds(20)) != std::future_status::ready) {
-            signal = signal == 0 ? TakeSignal(0) : signal;
+            signal = signal == 0 ? TakeSignal() : signal;
             sweep.isEnding = sweep.isEnding || signal != 0;
             ShowProgress(done, count, what);
         }
