@@ -6,7 +6,5 @@ execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-runtime-dir
 add_compile_options(
     -fno-omit-frame-pointer -fno-sanitize-recover=all
     -fsanitize=fuzzer-no-link,address,undefined
-    -ftrivial-auto-var-init=pattern
-    -fsanitize-ignorelist=${CMAKE_CURRENT_LIST_DIR}/sanitizers-ignore.txt)
-add_compile_definitions(NDEBUG) # the TOML library's assertions do not hold
+    -ftrivial-auto-var-init=pattern)
 add_link_options(-fsanitize=address,undefined -shared-libasan -Wl,-rpath,${RUNTIME_FOLDER})

@@ -1,6 +1,4 @@
-// Reads TOML tables. Nothing here ends the program; the TOML library's own code is compiled here,
-// once.
-#define TOML_IMPLEMENTATION
+// Reads TOML tables.
 #include "simphone/keys.h"
 
 #include "simphone/files.h"
@@ -49,16 +47,15 @@ toml::table ReadTable(const std::string& file, std::string* text) {
     const size_t deep = DeepLine(content);
     Demand(deep == 0, file + ":" + std::to_string(deep) + ": more than " +
                           std::to_string(DOTS_MAX) + " dots in a line");
-    toml::parse_result parsed = toml::parse(content);
-    if (!parsed) {
-        const toml::parse_error& error = parsed.error();
-        throw std::runtime_error(file + ":" + std::to_string(error.source().begin.line) + ": " +
-                                 std::string(error.description()));
-    }
     if (text != nullptr) {
         *text = content;
     }
-    return std::move(parsed).table();
+    try {
+        return toml::parse(content);
+    } catch (const toml::parse_error& error) {
+        throw std::runtime_error(file + ":" + std::to_string(error.source().begin.line) + ": " +
+                                 std::string(error.description()));
+    }
 }
 
 void SetKey(Keys keys, const std::string& setting) {
@@ -81,9 +78,13 @@ void SetKey(Keys keys, const std::string& setting) {
         const bool isLine = EndsLine(old->value_exact<std::string>().value_or(""));
         text = "value = " + TomlBytes(bytes + (isLine && !EndsLine(bytes) ? "\n" : ""));
     }
-    const toml::parse_result parsed = toml::parse(text);
-    if (parsed && parsed.table().size() == 1) {
-        parent->insert_or_assign(key, *parsed.table().get("value"));
+    toml::table parsed;
+    try {
+        parsed = toml::parse(text);
+    } catch (const toml::parse_error&) { // then it has no value
+    }
+    if (parsed.size() == 1) {
+        parent->insert_or_assign(key, *parsed.get("value"));
     } else {
         Demand(old == nullptr, Escaped(setting) + ": the value is not TOML");
         parent->insert(key, value); // a new key: its reader tells what is wrong

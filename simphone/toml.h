@@ -1,7 +1,5 @@
-// The TOML library, for the files that look into its nodes. keys.cc compiles what is not a
-// template.
+// The TOML library, for the files that look into its nodes.
 #pragma once
 
-#define TOML_EXCEPTIONS 0
-#define TOML_HEADER_ONLY 0
+#define TOML_HEADER_ONLY 0 // it is installed as a library
 #include <toml++/toml.h>
