@@ -222,7 +222,8 @@ TEST_F(SimphoneTest, PowerCutBringsARemovedFileBack) {
     for (const auto& [fault, body] : bodies) {
         SCOPED_TRACE(fault);
         Make(UfsPhone(), {{UFS_PACKAGE, UfsEntry()}});
-        EXPECT_EQ(ErrorOf([&] { (void)TryRun({fault}); }).empty(), fault.rfind("SG_IO", 0) != 0);
+        EXPECT_EQ(ErrorOf([&, cut = fault] { (void)TryRun({cut}); }).empty(),
+                  fault.rfind("SG_IO", 0) != 0);
         EXPECT_EQ(Get(STATE + "/ufs_fw_body.bin"), body);
     }
 }
