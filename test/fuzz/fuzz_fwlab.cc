@@ -4,6 +4,8 @@
 #include "fwlab/commands/commands.h"
 #include "fwlab/phone/device.h"
 
+#include <stdexcept>
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static const FuzzPhone phone(UFS_PHONE);
     if (size == 0) {
@@ -24,8 +26,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         } else {
             Pack(file, phone.directory + "/package", false, (data[0] & 4) != 0);
         }
-    } catch (const Stop&) {
-        // A refusal, with its reason.
+    } catch (const Stop&) {               // a refusal, with its reason
+    } catch (const std::runtime_error&) { // the same, of a file
     }
     return 0;
 }
