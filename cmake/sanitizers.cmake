@@ -7,6 +7,8 @@ add_compile_options(
     -fno-omit-frame-pointer -fno-sanitize-recover=all
     -fsanitize=fuzzer-no-link,address,undefined
     -ftrivial-auto-var-init=pattern
-    -fsanitize-ignorelist=${CMAKE_CURRENT_LIST_DIR}/sanitizers-ignore.txt)
+    -fsanitize-ignorelist=${CMAKE_CURRENT_LIST_DIR}/sanitizers-ignore.txt
+    # by -Xclang, which does not mind where nothing is sanitized
+    "SHELL:-Xclang -fsanitize-coverage-ignorelist=${CMAKE_CURRENT_LIST_DIR}/coverage-ignore.txt")
 add_compile_definitions(NDEBUG) # the TOML library's assertions do not hold
 add_link_options(-fsanitize=address,undefined -shared-libasan -Wl,-rpath,${RUNTIME_FOLDER})
