@@ -11,17 +11,6 @@
 #include <string>
 #include <unistd.h>
 
-extern "C" {
-int __real_open(const char* path, int flags, ...);
-ssize_t __real_write(int fd, const void* data, size_t size);
-int __real_fsync(int fd);
-int __real_remove(const char* path);
-int __wrap_open(const char* path, int flags, unsigned mode);
-ssize_t __wrap_write(int fd, const void* data, size_t size);
-int __wrap_fsync(int fd);
-int __wrap_remove(const char* path);
-}
-
 namespace {
 
 int record = -1, gkiNode = -1; // descriptors
@@ -33,6 +22,14 @@ bool Has(const char* flaw) {
 }
 
 } // namespace
+
+extern "C" {
+// The names are the linker's.
+
+int __real_open(const char* path, int flags, ...);
+ssize_t __real_write(int fd, const void* data, size_t size);
+int __real_fsync(int fd);
+int __real_remove(const char* path);
 
 int __wrap_open(const char* path, int flags, unsigned mode) {
     int fd = __real_open(path, flags, mode);
@@ -64,19 +61,21 @@ int __wrap_fsync(int fd) {
 
 int __wrap_remove(const char* path) {
     const int status = __real_remove(path);
-    const bool isBegin = strcmp(path, BEGIN_FLAG) == 0, isOk = strcmp(path, OK_FLAG) == 0;
     const bool hasFailed = status != 0 && errno == EIO;
-    if (hasFailed && isBegin && Has("no-end")) {
-        raise(SIGALRM); // as after the time limit
+    const struct {
+        const char *path, *flaw;
+        int signal;
+    } ends[] = {{BEGIN_FLAG, "no-end", SIGALRM}, // as after the time limit
+                {OK_FLAG, "bad-end", SIGSEGV},
+                {OK_FLAG, "killed", SIGKILL}}; // as by this machine
+    for (const auto& end : ends) {
+        if (hasFailed && strcmp(path, end.path) == 0 && Has(end.flaw)) {
+            raise(end.signal);
+        }
     }
-    if (hasFailed && isOk && Has("bad-end")) {
-        raise(SIGSEGV);
-    }
-    if (hasFailed && isOk && Has("killed")) {
-        raise(SIGKILL); // as by this machine
-    }
-    if (isBegin && !isRecorded && Has("record-shrinks")) {
+    if (strcmp(path, BEGIN_FLAG) == 0 && !isRecorded && Has("record-shrinks")) {
         close(__real_open(RESULT_FILE, O_WRONLY | O_TRUNC));
     }
     return status;
+}
 }

@@ -23,22 +23,18 @@ protected:
     // A random state directory of a phone with this revision, and the revisions that it may run.
     std::pair<Files, Texts> RandomState(const std::string& revision) {
         const std::string &from = REVISIONS[Below(4)], &to = REVISIONS[Below(4)];
-        const std::string open = AttemptRecord(revision, to, UFS_PNM);
-        const Texts running = revision == to ? Texts{to} : Texts{revision, to};
-        switch (Below(6)) {
+        const Files open = {{"fw_result", AttemptRecord(revision, to, UFS_PNM)}};
+        const Files passed = {{"fw_result", AttemptRecord(from, revision, UFS_PNM)},
+                              {"ffu.ok", CLOCK_TEXT},
+                              {"ffu.end", ""}};
+        const Files flags[] = {{}, {{"ffu.bgn", ""}}, {{"ffu.bgn", ""}, {"ffu.fail", CLOCK_TEXT}}};
+        switch (Below(4)) {
         case 0:
-            return {{{"fw_result", open}, {"ffu.fail", CLOCK_TEXT}, {"ffu.bgn", ""}}, running};
-        case 1:
-            return {{{"fw_result", open}, {"ffu.bgn", ""}}, running};
-        case 2:
-            return {{{"fw_result", open}}, running};
-        case 3:
-            return {{{"fw_result", AttemptRecord(from, revision, UFS_PNM)},
-                     {"ffu.ok", CLOCK_TEXT},
-                     {"ffu.end", ""}},
-                    {revision}};
-        default:
             return {{}, {revision}}; // has not tried
+        case 1:
+            return {passed, {revision}};
+        default:
+            return {open + flags[Below(3)], revision == to ? Texts{to} : Texts{revision, to}};
         }
     }
 

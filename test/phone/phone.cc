@@ -70,7 +70,7 @@ bool IsProper(const CallEntry& call, const std::string& pathBefore) {
            : function == "fopen" ? mode == "r"
            : function == "mmap"  ? Argument(call, "protection") == std::to_string(PROT_READ) &&
                                       Argument(call, "flags") == std::to_string(MAP_PRIVATE)
-           : function == "mkdir" ? mode == std::to_string(0755)
+           : function == "mkdir" ? mode == std::to_string(0755) && call.path == STATE
            : function == "sleep" ? pathBefore == TRIGGER && call.arguments == "seconds=5"
                                  : true;
 }
@@ -214,13 +214,7 @@ std::string PhoneTest::Get(const std::string& file) const {
 }
 
 Files PhoneTest::State() const {
-    Files files;
-    std::error_code missing;
-    for (const auto& entry : fs::directory_iterator(Path(STATE), missing)) {
-        const std::string name = entry.path().filename();
-        files[name] = Get(std::string(STATE).append("/").append(name)); // MISSING: a directory
-    }
-    return files;
+    return ReadStateDirectory(directory).files;
 }
 
 std::string PhoneTest::Left() const {

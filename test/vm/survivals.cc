@@ -30,14 +30,8 @@ const std::string TRIGGER_FILE = "/splash2/test_ffu_trigger.tmp";
 
 // Calls are counted from 1. The power fails before call `first`, or any later one up to `last`.
 struct Cut {
-    size_t first, last;
+    long first, last;
     std::vector<Survival> survivals; // that the simulation allows
-};
-
-struct Survivor {
-    std::string line, moments;
-    size_t first, last; // as for a cut
-    StateDirectory state;
 };
 
 // Times differ from run to run: each line that tells one, or the beginning of one.
@@ -67,49 +61,46 @@ std::vector<Cut> AllCuts(const std::string& phone, const std::string& copy,
                          const std::vector<CallEntry>& calls) {
     static const std::set<std::string> changing = {"mkdir",  "open",   "creat", "write",
                                                    "remove", "unlink", "fsync"};
-    const StateDirectory before = ReadStateDirectory(phone);
     std::vector<Cut> cuts;
-    const auto add = [&](size_t first, size_t last, const std::vector<Fault>& faults) {
+    const auto add = [&](long first, long last, const std::vector<Fault>& faults) {
         const RunResult run = Run(phone, copy, faults);
-        cuts.push_back({first, last, Survivals(before, ReadStateDirectory(copy), run.calls)});
+        cuts.push_back({first, last, Survivals(run.before, run.after, run.calls)});
         for (Survival& survival : cuts.back().survivals) {
             survival.state = WithoutTimes(survival.state);
         }
     };
-    size_t first = 1;
+    long first = 1;
     for (const CallEntry& call : calls) {
         const long number = call.number;
-        const auto place = static_cast<size_t>(number);
         if ((call.path + "/").rfind(STATE_DIR, 0) != 0 || !call.error.empty() ||
             changing.count(call.function) == 0) {
             continue;
         }
-        add(first, place, {{"any", "", number, number, Effect::ENDS}});
-        first = place + 1;
+        add(first, number, {{"any", "", number, number, Effect::ENDS}});
+        first = number + 1;
         const bool isTorn = call.function == "write" && call.path.rfind(STATE_DIR + "f", 0) == 0;
         for (long count = 1; isTorn && count < std::stol(call.result); count++) {
-            add(place, place, {{"any", "", number, number, Effect::TORN, count}});
+            add(number, number, {{"any", "", number, number, Effect::TORN, count}});
         }
     }
-    add(first, calls.size() + 1, {});
+    add(first, static_cast<long>(calls.size()) + 1, {});
     return cuts;
 }
 
 // The first and the last call at which the power can have failed, if a moment has passed, and if it
 // has not. The power fails "before" a call while it is under way, too.
 struct Limits {
-    size_t passed, ahead;
+    long passed, ahead;
 };
 Limits LimitsOf(const std::string& moment, const std::vector<CallEntry>& calls) {
-    const size_t end = calls.size() + 1;
-    size_t sync = 0, request = end, written = 0, triggered = 0;
+    const long end = static_cast<long>(calls.size()) + 1;
+    long sync = 0, request = end, written = 0, triggered = 0;
     for (const CallEntry& call : calls) {
-        const auto place = static_cast<size_t>(call.number);
         const bool isTrigger = call.path == TRIGGER_FILE, isSync = call.function == "fsync";
-        request = call.request ? std::min(request, place) : request;
-        sync = isSync && call.path == STATE_DIR + "fw_result" ? place : sync;
-        triggered = isSync && isTrigger ? place : triggered;
-        written = call.function == "write" && isTrigger ? place : written;
+        request = call.request ? std::min(request, call.number) : request;
+        sync = isSync && call.path == STATE_DIR + "fw_result" ? call.number : sync;
+        triggered = isSync && isTrigger ? call.number : triggered;
+        written = call.function == "write" && isTrigger ? call.number : written;
     }
     const std::map<std::string, Limits> limits = {{"run", {1, 1}},
                                                   {"synced", {sync + 1, sync}},
@@ -123,16 +114,27 @@ Limits LimitsOf(const std::string& moment, const std::vector<CallEntry>& calls) 
     return found->second;
 }
 
-std::vector<Survivor> ReadSurvivors(const std::vector<CallEntry>& calls) {
-    std::vector<Survivor> survivors;
-    for (std::string line; std::getline(std::cin, line);) {
-        std::istringstream words(line);
-        std::string from, to, phone;
-        words >> from >> to >> phone;
-        survivors.push_back({line, from + " to " + to, LimitsOf(from, calls).passed,
-                             LimitsOf(to, calls).ahead, WithoutTimes(ReadStateDirectory(phone))});
+// Whether one of the cuts between the two moments leaves this state. Counts in `seen`, by moments,
+// file and loss, what was lost where it does.
+bool IsAllowed(const StateDirectory& state, const std::string& from, const std::string& to,
+               const std::vector<CallEntry>& calls, const std::vector<Cut>& cuts,
+               std::map<std::string, long>& seen) {
+    const long first = LimitsOf(from, calls).passed, last = LimitsOf(to, calls).ahead;
+    bool isAllowed = false;
+    for (const Cut& cut : cuts) {
+        if (cut.first > last || cut.last < first) {
+            continue;
+        }
+        for (const auto& [losses, left] : cut.survivals) {
+            const bool isThis = left == state;
+            isAllowed |= isThis;
+            for (const auto& [name, loss] : losses) {
+                const std::string word = LossText({{name, loss}});
+                seen[from + " to " + to + "\t" + name + "\t" + word] += isThis;
+            }
+        }
     }
-    return survivors;
+    return isAllowed;
 }
 
 } // namespace
@@ -144,32 +146,21 @@ int main(int argc, char** argv) {
     if (argc != 2 || mkdtemp(folder.data()) == nullptr) {
         Stop(argc != 2 ? "usage: survivals PHONE" : "no temporary folder");
     }
-    const std::string phone = argv[1], copy = folder + "/phone";
-    const std::vector<CallEntry> calls = Run(phone, copy, {}).calls;
-    const std::vector<Survivor> survivors = ReadSurvivors(calls);
-    const std::vector<Cut> cuts = AllCuts(phone, copy, calls);
+    const std::string copy = folder + "/phone";
+    const std::vector<CallEntry> calls = Run(argv[1], copy, {}).calls;
+    const std::vector<Cut> cuts = AllCuts(argv[1], copy, calls);
     fs::remove_all(folder);
 
     int status = 0;
-    std::map<std::string, long> seen; // by moments, file and loss
-    for (const Survivor& survivor : survivors) {
-        bool isAllowed = false;
-        for (const Cut& cut : cuts) {
-            if (cut.first > survivor.last || cut.last < survivor.first) {
-                continue;
-            }
-            for (const auto& [losses, state] : cut.survivals) {
-                const bool isThis = state == survivor.state;
-                isAllowed |= isThis;
-                for (const auto& [name, loss] : losses) {
-                    const std::string word = LossText({{name, loss}});
-                    seen[survivor.moments + "\t" + name + "\t" + word] += isThis;
-                }
-            }
-        }
-        if (!isAllowed) {
-            std::cout << "the simulation does not allow: " << survivor.line;
-            for (const auto& [name, content] : survivor.state.files) {
+    std::map<std::string, long> seen;
+    for (std::string line; std::getline(std::cin, line);) {
+        std::istringstream words(line);
+        std::string from, to, survivor;
+        words >> from >> to >> survivor;
+        const StateDirectory state = WithoutTimes(ReadStateDirectory(survivor));
+        if (!IsAllowed(state, from, to, calls, cuts, seen)) {
+            std::cout << "the simulation does not allow: " << line;
+            for (const auto& [name, content] : state.files) {
                 std::cout << " " << name << "(" << content.size() << ")";
             }
             std::cout << "\n";
