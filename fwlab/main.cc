@@ -1,6 +1,5 @@
 // The workstation tool: builds firmware packages, looks into them, tells what a phone would do with
 // them, tries that on a simulated phone, and explains what runs have left on phones.
-#include "fwlab/base/json.h"
 #include "fwlab/commands/commands.h"
 #include "fwlab/phone/device.h"
 #include "fwlab/phone/state_directory.h"
@@ -365,9 +364,7 @@ int main(int argc, char** argv) {
     }
     if (!stop.text.empty()) {
         const bool asJson = std::count(argv, argv + argc, std::string_view("--json")) > 0;
-        std::cerr << (asJson ? Json{{"error", Displayed(stop.text)}, {"status", stop.status}}.dump()
-                             : "fwlab: " + Displayed(stop.text))
-                  << "\n";
+        std::cerr << LineOf(stop, asJson) << "\n";
     }
     return stop.status;
 }

@@ -13,5 +13,8 @@ struct Stop {
 // Stop with this status and reason, unless it is right.
 void Require(bool isRight, int status, const std::string& otherwise);
 
+// A line for the user that tells it: for programs, or for people.
+std::string LineOf(const Stop& stop, bool asJson);
+
 // For a system call that has failed at path with this errno.
 Stop FailureAt(const std::string& path, int error);
