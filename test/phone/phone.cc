@@ -246,10 +246,6 @@ RunResult PhoneTest::Run(const Texts& faults) const {
     return result;
 }
 
-void PhoneTest::Reboot() const {
-    RebootPhone(OpenPhone(directory));
-}
-
 std::string Console(const RunResult& result) {
     static const std::regex stamp(R"(\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d \d{3}\] )");
     return std::regex_replace(result.console, stamp, "");

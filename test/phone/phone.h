@@ -98,7 +98,6 @@ protected:
     RunResult RunAnyhow(const Texts& faults) const;
     RunResult TryRun(const Texts& faults = {}, const std::string& tool = FFU_PATH,
                      const std::string& library = SIMPHONE_LIBRARY) const;
-    void Reboot() const;
 
     std::string directory;
 };
