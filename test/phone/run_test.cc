@@ -85,6 +85,14 @@ TEST_F(RunTest, EveryEndingLeavesItsFlagsAndMessages) {
     }
 }
 
+// Its message ends with the reason of an earlier failure, if any.
+TEST_F(RunTest, ShortReadIsNoRevision) {
+    Make(UfsPhone());
+    const std::string steps = Steps(Run({"read /proc/bootdevice/rev short=3"}));
+    EXPECT_EQ(Count(steps, "GetCurrentRevUfs: Read UFS product rev fail! "), 1) << steps;
+    ExpectEnd(steps, NO_REV);
+}
+
 TEST_F(RunTest, FirstRunMakesTheStateDirectory) {
     Make(GkiPhone(), {{EMMC_PACKAGE, EmmcEntry()}});
     const RunResult refused = Run({"mkdir EACCES"});
