@@ -20,13 +20,10 @@ std::string Attempt(const std::string& time, const std::string& target,
 const std::string FIRST = Attempt(LAST, "B");
 const std::string SECOND = Attempt(BEFORE, "A") + FIRST;
 const Files END = {{"ffu.end", ""}}, BEGIN = {{"ffu.bgn", ""}};
-const Files BOTH = {{"ffu.end", ""}, {"ffu.bgn", ""}};
+const Files BOTH = {{"ffu.end", ""}, {"ffu.bgn", ""}}, FAILED = {{"ffu.fail", LAST_END}};
 
 Files Ok(const std::string& time) {
     return {{"ffu.ok", time}};
-}
-Files Fail(const std::string& time) {
-    return {{"ffu.fail", time}};
 }
 Files Recorded(const std::string& record) {
     return {{"fw_result", record}};
@@ -52,14 +49,14 @@ TEST_F(OutcomeTest, SaysNoMoreThanTheFilesTell) {
         {0, "updated: *Mon Nov 16 13:36:10",
          END + Ok(LAST_END) + Recorded(Attempt(BEFORE, "A", "S\n") + Attempt(LAST, "B", "S\nX\n"))},
         {0, "updated: ", END + Ok(LAST) + Recorded(Attempt(unset, "B"))}, // the clock was set
-        {1, "failed: *2026\"). The next run will not", BEGIN + Fail(LAST_END) + Recorded(FIRST)},
-        {1, "failed: *regular end", END + Fail(LAST_END) + Recorded(SECOND)},
+        {1, "failed: *2026\"). The next run will not", BEGIN + FAILED + Recorded(FIRST)},
+        {1, "failed: *regular end", END + FAILED + Recorded(SECOND)},
         {1, "interrupted: *the power failed", BEGIN + Recorded(FIRST)},
         {1, "interrupted: *ffu.ok (*13:00:09*earlier", BEGIN + Ok(BEFORE_END) + Recorded(SECOND)},
         // The next start hides what happened.
         {1, "unknown: *nothing was downloaded*will not attempt \"B\"", END + Recorded(FIRST)},
         {1, "unknown: *earlier attempt", END + Ok(BEFORE_END) + Recorded(SECOND)},
-        {1, "unknown: *both outcome flags", END + Ok(LAST_END) + Fail(LAST_END) + Recorded(FIRST)},
+        {1, "unknown: *both outcome flags", END + Ok(LAST_END) + FAILED + Recorded(FIRST)},
         {1, "unknown: no attempt*both run flags", BOTH},
         {1, "unknown: *both run flags", BOTH + Ok(LAST_END) + Recorded(FIRST)},
         {1, "unknown: *no attempt is on record", END + Ok(LAST_END)},
@@ -148,7 +145,7 @@ TEST_F(OutcomeTest, CountsAFleet) {
     const Files updated = END + Ok(LAST_END) + Recorded(FIRST);
     PutState("/fleet/S1/data/vendor/fw", updated);
     PutState("/fleet/S2/data/vendor/fw", updated);
-    PutState("/fleet/S3", END + Fail(LAST_END) + Recorded(Attempt(LAST, "B", "\x1b[2J")));
+    PutState("/fleet/S3", END + FAILED + Recorded(Attempt(LAST, "B", "\x1b[2J")));
     PutState("/fleet/S4/fw", END + Recorded("x"));
     fs::create_directories(Path("/fleet/S5/data/vendor/fw"));
     PutState("/fleet/S8", {{"log", "x"}});
