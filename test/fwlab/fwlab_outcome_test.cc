@@ -13,8 +13,7 @@ const std::string LAST = "Mon Nov 16 13:36:10 2026\n", LAST_END = "Mon Nov 16 13
 
 std::string Attempt(const std::string& time, const std::string& target,
                     const std::string& product = "SIM064") {
-    return time + "product name:" + product +
-           ", current fw version:A, upgrading to version:" + target + "\n";
+    return time + AttemptRecord("A", target, product).substr(CLOCK_TEXT.size());
 }
 
 const std::string FIRST = Attempt(LAST, "B");
@@ -73,8 +72,7 @@ TEST_F(OutcomeTest, SaysNoMoreThanTheFilesTell) {
              Recorded(Attempt(BEFORE, "A") + Attempt("Mon Nov 16 13:29:59 2026\n", "B"))},
         {0, "updated: ",
          END + Ok("Mon Nov 16 13:30:01 2026\n") +
-             Recorded(Attempt("Mon Nov 16 13:00:00 2026\n", "A") +
-                      Attempt("Mon Nov 16 13:15:01 2026\n", "B"))},
+             Recorded(Attempt(BEFORE, "A") + Attempt("Mon Nov 16 13:15:01 2026\n", "B"))},
         {1, "unknown: the times", // longer than an update takes
          END + Ok("Mon Nov 16 13:51:11 2026\n") + Recorded(SECOND)},
         {1, "unknown: the times",

@@ -1,4 +1,4 @@
-// The scan of a package, the place of a body and its length. A fault here makes every reader see
+// The scan of a package, and the place of a body. A fault here makes every reader see
 // other entries than the package holds, or read beyond the package.
 #include "fwpkg/firmware_package.h"
 
@@ -47,11 +47,6 @@ TEST(PackageScan, BodyLiesInsideThePackage) {
     EXPECT_TRUE(BodyFits(1000, 100, 64, 836));
     EXPECT_FALSE(BodyFits(1000, 100, 64, 837));
     EXPECT_FALSE(BodyFits(1000, 100, 48, UINT32_MAX - 147)); // together 2^32
-}
-
-TEST(PackageScan, LengthIsMostSignificantByteFirst) {
-    const uint8_t length[] = {0xFE, 0x01, 0x80, 0x02};
-    EXPECT_EQ(ReadBigEndian32(length), 0xFE018002U);
 }
 
 } // namespace
