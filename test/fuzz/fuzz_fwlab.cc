@@ -7,7 +7,7 @@
 #include <stdexcept>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static const FuzzPhone phone(UFS_PHONE);
+    static const FuzzPhone phone("ufs-phone.toml");
     if (size == 0) {
         return 0;
     }

@@ -19,18 +19,14 @@ inline void Require(bool condition, const char* what) {
     }
 }
 
-// The descriptions that ship.
-constexpr char EMMC_PHONE[] = DESCRIPTIONS "/emmc-phone.toml";
-constexpr char UFS_PHONE[] = DESCRIPTIONS "/ufs-phone.toml";
-
 struct FuzzPhone {
     std::string directory;
 
-    explicit FuzzPhone(const std::string& description) {
+    explicit FuzzPhone(const std::string& description) { // the name of one that ships
         directory = std::filesystem::temp_directory_path() / "ffu-fuzz-XXXXXX";
         Require(mkdtemp(directory.data()) != nullptr, "a directory for the phone");
         directory += "/phone";
-        MakePhone({directory, ReadDescription(description)});
+        MakePhone({directory, ReadDescription(DESCRIPTIONS "/" + description)});
         std::filesystem::create_directories(directory + "/data/vendor/fw");
     }
     ~FuzzPhone() {

@@ -4,7 +4,7 @@
 #include "run/result_record.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static const FuzzPhone phone(UFS_PHONE);
+    static const FuzzPhone phone("ufs-phone.toml");
     std::string_view record(reinterpret_cast<const char*>(data), size);
     const std::string fwBinRev = std::string(Take(record).substr(0, REV_SIZE)).c_str();
     phone.Put(RESULT_FILE, record);

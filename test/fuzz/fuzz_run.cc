@@ -10,7 +10,7 @@
 #include <algorithm>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static const FuzzPhone phones[] = {FuzzPhone(EMMC_PHONE), FuzzPhone(UFS_PHONE)};
+    static const FuzzPhone phones[] = {FuzzPhone("emmc-phone.toml"), FuzzPhone("ufs-phone.toml")};
     if (size == 0) {
         return 0;
     }

@@ -21,7 +21,7 @@ static void PreCheck(const std::string& pnm, const Bytes& package) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static const FuzzPhone phone(UFS_PHONE);
+    static const FuzzPhone phone("ufs-phone.toml");
     if (size < sizeof(UfsFwHeader)) {
         return 0;
     }

@@ -88,9 +88,8 @@ protected:
         const std::string fault = Fault();
         const auto [begins, ends] = Times(course.clock);
         Prepare(course.isUfs, target, refuses, begins);
-        const StateDirectory before = ReadStateDirectory(directory);
         const RunResult run = RunAnyhow({fault});
-        StateDirectory after = ReadStateDirectory(directory);
+        StateDirectory after = run.after;
         for (const CallEntry& call : run.calls) {
             const std::string name = call.path.substr(call.path.rfind('/') + 1);
             if (call.function == "write" && call.error.empty() &&
@@ -101,10 +100,10 @@ protected:
         }
         course.runsWhole = run.signal == 0;
         const auto survivals = course.runsWhole ? std::vector<Survival>{{{}, after}}
-                                                : Survivals(before, after, run.calls);
+                                                : Survivals(run.before, after, run.calls);
         Survival left = survivals[Below(static_cast<unsigned>(survivals.size()))];
         WriteStateDirectory(directory, left.state);
-        Files old = before.files;
+        Files old = run.before.files;
         course.isLast = left.state.files["fw_result"].size() > old["fw_result"].size();
         if (course.isLast) {
             course.isTaken = std::any_of(run.calls.begin(), run.calls.end(), TakesUpdate);
@@ -115,7 +114,7 @@ protected:
         course.text += In("\n%F %T", begins) + In(" to %F %T", ends) + " " + target +
                        (refuses ? ", refused " : " ") + fault + LossText(left.losses);
         if (!course.runsWhole || Below(2) == 0) {
-            Reboot();
+            RebootPhone(OpenPhone(directory));
         }
     }
 

@@ -1,6 +1,6 @@
 // Fleets of which each phone is known, with a state directory for each that has tried: plan must
 // count each in the row with the answer that match gives for it, or with both answers if it may run
-// two revisions.
+// two revisions, and in the total of its answer.
 #include "fwlab/commands/commands.h"
 #include "fwlab/phone/decision.h"
 #include "test/phone/phone.h"
@@ -44,8 +44,7 @@ protected:
         Put("/pulled", MISSING);
         Put("/pulled/none/ffu.end", ""); // of a phone that has not tried
         const Package package = OpenPackage(Path("/package"));
-        std::map<std::string, unsigned> rows, shown; // phones by their answers
-        bool isReleasable = true, isReceived = false;
+        std::map<std::string, unsigned> rows, shown, totals; // phones by their answers
         std::string model = "[[model]]\nphone = 'phone.toml'\nrunning = [";
         for (const std::string& revision : REVISIONS) {
             const unsigned phones = 1 + Below(4);
@@ -64,8 +63,7 @@ protected:
                     verdicts.insert(verdict);
                 }
                 rows[row]++;
-                isReleasable &= verdicts.size() == 1 && verdicts.count(Verdict::USED_UP) == 0;
-                isReceived |= verdicts.count(Verdict::UPDATED) > 0;
+                totals[WordOf(verdicts.size() == 1 ? *verdicts.begin() : Verdict::UNKNOWN)]++;
             }
         }
         Put("/fleet.toml", model + "]\n");
@@ -81,9 +79,13 @@ protected:
                        "; ";
             }
             shown[row] += line["phones"].get<unsigned>();
+            EXPECT_EQ(line["entry"].is_null(), line["answer"] != "updated") << text;
         }
         EXPECT_EQ(shown, rows) << text;
-        EXPECT_EQ(status, isReleasable && isReceived ? 0 : 1);
+        EXPECT_EQ(report["totals"], nlohmann::json(totals)) << text;
+        const bool isReleasable =
+            totals.count("updated") > 0 && totals.count("unknown") + totals.count("used-up") == 0;
+        EXPECT_EQ(status, isReleasable ? 0 : 1);
     }
 };
 

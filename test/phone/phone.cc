@@ -195,10 +195,6 @@ void PhoneTest::Make(const std::string& description, const Files& files) {
     }
 }
 
-std::string PhoneTest::Path(const std::string& file) const {
-    return directory + file;
-}
-
 void PhoneTest::Put(const std::string& file, const std::string& content) const {
     if (content == MISSING) {
         fs::remove_all(Path(file));
@@ -211,10 +207,6 @@ void PhoneTest::Put(const std::string& file, const std::string& content) const {
 std::string PhoneTest::Get(const std::string& file) const {
     std::string content;
     return ReadWholeFile(Path(file), content) ? content : MISSING;
-}
-
-Files PhoneTest::State() const {
-    return ReadStateDirectory(directory).files;
 }
 
 std::string PhoneTest::Left() const {
@@ -244,10 +236,6 @@ RunResult PhoneTest::Run(const Texts& faults) const {
     ExpectAllGivenBack(result);
     ExpectProperCalls(result);
     return result;
-}
-
-void PhoneTest::Reboot() const {
-    RebootPhone(OpenPhone(directory));
 }
 
 std::string Console(const RunResult& result) {

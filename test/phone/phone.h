@@ -84,11 +84,15 @@ protected:
     void Make(const std::string& description, const Files& files = {});
     // A file of the phone, by its path there; folders are made as needed, and MISSING removes the
     // file.
-    std::string Path(const std::string& file) const;
+    std::string Path(const std::string& file) const {
+        return directory + file;
+    }
     void Put(const std::string& file, const std::string& content) const;
     std::string Get(const std::string& file) const; // MISSING if it cannot be read
     // Name and content of every file in the state directory; the names alone, a blank between them.
-    Files State() const;
+    Files State() const {
+        return ReadStateDirectory(directory).files;
+    }
     std::string Left() const;
 
     // One run of the tool; it must end by itself and give back what it acquired. An empty text is
@@ -98,7 +102,6 @@ protected:
     RunResult RunAnyhow(const Texts& faults) const;
     RunResult TryRun(const Texts& faults = {}, const std::string& tool = FFU_PATH,
                      const std::string& library = SIMPHONE_LIBRARY) const;
-    void Reboot() const;
 
     std::string directory;
 };

@@ -71,7 +71,6 @@ const struct {
     {"empty", "", NO_PARSE},
     {"cut off in its target", CLOCK_TEXT + KEYS + "FW0000", NO_PARSE},
     {"cut off before its target", CLOCK_TEXT + "current fw version:FW000001, upg", NO_PARSE},
-    {"cut off behind its time", AttemptRecord("A", "B") + CLOCK_TEXT, NO_PARSE},
     {"values empty", KEYS + "\n", ReadBack("", "") + NOT_YET},
     {"base of eight bytes", AttemptRecord("12345678", "B"), ReadBack("12345678", "B") + NOT_YET},
     {"base of nine bytes", AttemptRecord("123456789", "B"), TOO_LONG},

@@ -8,8 +8,6 @@ namespace {
 
 class RunTest : public PhoneTest {};
 
-const std::string FFU_NODE = "/proc/bootdevice/ffu";
-
 // Messages of run control, without their common start.
 const std::string FIRST = "BeginFlag: remove /data/vendor/fw/ffu.end: -1\n";
 const std::string FOUND = "CheckFwBin: pnm:SIM064 current:FW000001, fwBinRev:FW000002\n"
@@ -44,6 +42,12 @@ const struct {
      "GetCurrentRevEmmc: eMMC get extcsd failed! Status:-1\n" + NO_REV},
     {"SEND_EXT_CSD returns=5", "GetCurrentRevEmmc: eMMC get extcsd failed! Status:5\n" + NO_REV,
      "ffu.bgn fw_result", 0, NormalPhone()},
+    {"open /proc/bootdevice/rev EACCES",
+     "GetCurrentRevUfs: Open UFS product rev node fail! Permission denied\n" + NO_REV,
+     "ffu.bgn fw_result", 0, UfsPhone()},
+    {"read /proc/bootdevice/rev EIO",
+     "GetCurrentRevUfs: Read UFS product rev fail! Input/output error\n" + NO_REV,
+     "ffu.bgn fw_result", 0, UfsPhone()},
     {"open /vendor/firmware/emmc_emer_fw.bin EACCES",
      "ParseFwBin: Open FW file failed! Permission denied\n" + NOT_PARSED},
     {"fstat EIO", "ParseFwBin: fstat fw file failed. Input/output error\n" + NOT_PARSED},
@@ -79,6 +83,14 @@ TEST_F(RunTest, EveryEndingLeavesItsFlagsAndMessages) {
         EXPECT_EQ(Left(), ending.left);
         EXPECT_EQ(Steps(result), ending.steps);
     }
+}
+
+// Its message ends with the reason of an earlier failure, if any.
+TEST_F(RunTest, ShortReadIsNoRevision) {
+    Make(UfsPhone());
+    const std::string steps = Steps(Run({"read /proc/bootdevice/rev short=3"}));
+    EXPECT_EQ(Count(steps, "GetCurrentRevUfs: Read UFS product rev fail! "), 1) << steps;
+    ExpectEnd(steps, NO_REV);
 }
 
 TEST_F(RunTest, FirstRunMakesTheStateDirectory) {
@@ -146,7 +158,7 @@ TEST_F(RunTest, WholeUpdateInEitherMode) {
     other = With(With(other, EMMC_PNM_FIELD, "OTHER1"), EMMC_PRV_FIELD, "\xA0");
     const Files files = {{EMMC_PACKAGE, With(other, EMMC_PSN_FIELD, "\x01\x02\x03\x04")},
                          {"/sys/class/mmc_host/mmc0/mmc0:0001/cid", CID},
-                         {FFU_NODE, ""},
+                         {"/proc/bootdevice/ffu", ""},
                          {STATE + "/ffu.fail", "old"},
                          {STATE + "/ufs_fw_body.bin", "old"}};
     std::string cidDump;
@@ -169,7 +181,7 @@ TEST_F(RunTest, WholeUpdateInEitherMode) {
                             {"ffu.ok", CLOCK_TEXT},
                             {"fw_result", AttemptRecord(EMMC_REV, "FW000002")}};
         EXPECT_EQ(State(), left);
-        Reboot();
+        RebootPhone(OpenPhone(directory));
         EXPECT_EQ(Steps(Run({mode.fault})),
                   "CheckFwBin: local fw rev FW000002 is as new as fwBin\n");
         EXPECT_EQ(State(), left);

@@ -345,8 +345,7 @@ TEST_F(SweepTest, EachCallFailsAndThePowerAtEachCall) {
            result.states.size(), result.runs);
     EXPECT_GT(laterCuts, 0U);
     EXPECT_EQ(result.violations.size(), 0U);
-    const size_t shown = std::min<size_t>(result.violations.size(), 20);
-    for (size_t i = 0; i < shown; i++) {
+    for (size_t i = 0; i < std::min<size_t>(result.violations.size(), 20); i++) {
         const SweepViolation& wrong = result.violations[i];
         std::string course;
         for (const std::optional<Fault>& fault : wrong.course) {
