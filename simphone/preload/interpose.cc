@@ -128,6 +128,15 @@ int DeviceCall(int fd, const OpenFile& file, unsigned long number, void* argumen
     });
 }
 
+template <typename Perform> ssize_t ReadCall(int fd, void* data, size_t count, Perform perform) {
+    const OpenFile file = Opened(fd);
+    Call call{{"read", file.path, Text("fd=%d count=%zu", fd, count)}};
+    call.count = &count;
+    return Counted(call, [&]() -> ssize_t {
+        return Misaligned(fd, file, data, count) ? Failing(EINVAL) : perform(count);
+    });
+}
+
 } // namespace
 
 #pragma GCC visibility push(default)
@@ -159,14 +168,15 @@ int access(const char* path, int mode) noexcept {
 
 ssize_t read(int fd, void* data, size_t count) {
     PASS_OTHERS(read, fd, data, count);
-    const OpenFile file = Opened(fd);
-    Call call{{"read", file.path, Text("fd=%d count=%zu", fd, count)}};
-    call.count = &count;
-    return Counted(call, [&]() -> ssize_t {
-        return Misaligned(fd, file, data, count) ? Failing(EINVAL) : next(fd, data, count);
-    });
+    return ReadCall(fd, data, count, [&](size_t kept) { return next(fd, data, kept); });
 }
-SAME(__read_chk, read); // the checked variant, without the size
+
+// The checked variant that _FORTIFY_SOURCE calls; no header declares it for a build without it.
+ssize_t __read_chk(int fd, void* data, size_t count, size_t size);
+ssize_t __read_chk(int fd, void* data, size_t count, size_t size) {
+    PASS_OTHERS(__read_chk, fd, data, count, size);
+    return ReadCall(fd, data, count, [&](size_t kept) { return next(fd, data, kept, size); });
+}
 
 ssize_t write(int fd, const void* data, size_t count) {
     PASS_OTHERS(write, fd, data, count);
